@@ -1,0 +1,108 @@
+// The cadence tracker's state, shared by its source files and seen by its tests.
+//
+// Two halves: the display's side (first and last vsync, display mode) and the content's side (the
+// records of the current and the previous frame, the pattern in force, each detector's run). The
+// lock guards both against each other. What other threads may write without the lock is atomic: the
+// frame rate, which the player sets, and the enable mask, which is read again for each detector.
+#pragma once
+
+#include <utils/Mutex.h>  // for its lock annotations, which clang checks where libc++ has them too
+
+#include <atomic>
+#include <cstdint>
+#include <mutex>
+
+#include "platform/LogMask.h"
+
+/// One vsync of the display. All zero: none yet. Otherwise time, period and number are 1 or above,
+/// so that dividing by the period is safe wherever a vsync is known.
+struct VsyncInfo {
+    int64_t vsyncTime = 0;  ///< when it happened, us
+    int32_t vsyncInc = 0;   ///< vsync period, us
+    int64_t vsyncCnt = 0;   ///< its number; the first one after a reset is 1
+};
+
+/// One frame on the vsync grid. Times in us.
+struct SyncFrame {
+    int64_t mediaTimeUs = 0;
+    int64_t realTimeUs = 0;       ///< as proposed by the caller; below 1: no frame yet
+    int64_t syncRealTimeUs = 0;   ///< aligned to the grid, then corrected: the result
+    int32_t repeatVsyncCnt = 0;   ///< vsyncs since the previous frame, after correction
+    int64_t vsyncCnt = 0;         ///< vsync number before correction
+    int64_t targetVsyncCnt = 0;   ///< vsync number after correction
+    int64_t targetVsyncTime = 0;  ///< start of the interval of the corrected time
+    int64_t vsyncTime = 0;        ///< start of the interval of the uncorrected time
+    int64_t baseVsyncCnt = 0;  ///< the computed number again; a first frame takes its numbers here
+    int64_t frameEndTimeUs = 0;  ///< realTimeUs plus one frame duration, when that is known
+    int32_t holdFrame = 0;       ///< 1: moved to a later vsync to keep the pattern
+    int32_t pullFrame = 0;       ///< 1: this frame or one before it since the reset was pulled
+    int32_t frameNo = 0;
+    VsyncInfo vsync;  ///< the last vsync known when the frame was processed
+};
+
+/// Index into the pattern table, and number of the detector's bit in the enable mask.
+enum FracPattern : int32_t {
+    kNoPattern = -1,
+    kPattern32 = 0,
+    kPattern22 = 1,
+    kPattern41 = 2,
+    kPattern11 = 3,
+    kPatternCount = 4,
+};
+
+/// Mode ids of the display-mode table.
+enum FracDispMode : int32_t {
+    kDispModeUnknown = 0,
+    kDispMode5994 = 1,
+    kDispMode60 = 2,
+};
+
+struct videoSyncFrac_priv {
+    std::atomic<int32_t> frameRate{0};        ///< hundredths of a frame per second; 0: not known
+    std::atomic<int64_t> frameDurationUs{0};  ///< 100000000 / frameRate
+    VsyncInfo firstVsync GUARDED_BY(lock);    ///< since the last reset
+    VsyncInfo lastVsync GUARDED_BY(lock);
+    std::mutex lock;
+    SyncFrame prevFrame GUARDED_BY(lock);
+    SyncFrame curFrame GUARDED_BY(lock);
+    SyncFrame spareFrame GUARDED_BY(lock);  ///< cleared on reset, otherwise not used
+    int32_t dispMode GUARDED_BY(lock) = kDispModeUnknown;
+    const char* dispModeName GUARDED_BY(lock) = nullptr;
+    int32_t dispPeriodUs GUARDED_BY(lock) = 0;
+    int64_t hwcOffset GUARDED_BY(lock) = 0;  ///< added to every real time, us
+    /// Vsync number to which the last short frame went. Resets keep it, although they restart the
+    /// numbers.
+    int64_t lastShortFrameVsyncCnt GUARDED_BY(lock) = 0;
+    bool patternCheckSupported GUARDED_BY(lock) = false;  ///< this display mode has detection
+    int32_t curPattern GUARDED_BY(lock) = 0;              ///< in force; see FracPattern
+    int32_t patternMatchCnt[kPatternCount] GUARDED_BY(lock) = {};
+    int32_t patternDetectedCnt[kPatternCount] GUARDED_BY(lock) = {};  ///< statistics
+    int32_t patternBrokenCnt[kPatternCount] GUARDED_BY(lock) = {};    ///< statistics
+    int32_t fourOneHistory[4] GUARDED_BY(lock) = {};  ///< repeat counts of the [4:1] cycle
+    int32_t fourOneIndex GUARDED_BY(lock) = 0;        ///< its next entry; 0: no cycle started
+    std::atomic<int32_t> enablePattern{0};            ///< bit per FracPattern; 0: tracker off
+};
+static_assert(sizeof(std::atomic<int32_t>) == sizeof(int32_t) &&
+                  sizeof(std::atomic<int64_t>) == sizeof(int64_t),
+              "an atomic field takes the place of the plain one");
+
+namespace korvane::frac {
+
+inline constexpr char kTag[] = "VideoSyncFRAC";
+
+/// The tracker's files log as one.
+extern LogMask gLogMask;
+
+/// The pattern's name as logs print it, "unknown pattern" for none.
+const char* patternName(int32_t pattern);
+
+/// True, with an error message, when an operation finds no private state.
+inline bool isMissing(const videoSyncFrac_priv* priv, const char* operation) {
+    if (priv != nullptr) {
+        return false;
+    }
+    KORVANE_LOGE(kTag, "[%s]no videoSyncFrac_priv", operation);
+    return true;
+}
+
+}  // namespace korvane::frac

@@ -1,0 +1,87 @@
+// The log mask: which of a source file's messages are written.
+//
+// Each source file that logs owns one LogMask, constant-initialised to 1, so that messages written
+// while the library is being loaded already have a rule. A class's constructor refreshes its own
+// file's mask from a system property. Off costs one load and one branch: arguments are not
+// evaluated, nothing is formatted. Errors are written whatever the mask says.
+#pragma once
+
+#include <android/log.h>
+#include <cutils/properties.h>
+
+#include <atomic>
+#include <cstdint>
+#include <cstdlib>
+
+namespace korvane {
+
+/// Bits of the mask, as the property "vendor.korvane.loglevels" holds them (decimal sum).
+enum LogBit : int32_t {
+    kLogInfo = 0x1,     ///< lifecycle and configuration
+    kLogFrame = 0x2,    ///< one or a few lines per frame or buffer
+    kLogDetail = 0x4,   ///< queue sizes, polling, vsync queries, calls
+    kLogCounter = 0x10  ///< trace counters (no text)
+};
+
+/// One source file's copy of the mask. Any thread may test it; constructors on player threads
+/// refresh it, so it is an atomic integer read without ordering.
+class LogMask {
+public:
+    constexpr LogMask() = default;
+
+    bool has(int32_t bit) const { return (mBits.load(std::memory_order_relaxed) & bit) != 0; }
+    int32_t value() const { return mBits.load(std::memory_order_relaxed); }
+    void set(int32_t bits) { mBits.store(bits, std::memory_order_relaxed); }
+
+private:
+    std::atomic<int32_t> mBits{kLogInfo};
+};
+
+/// System property that holds the mask.
+inline constexpr char kLogLevelProperty[] = "vendor.korvane.loglevels";
+
+/// Reads an integer system property as `atoi` reads text: a value that is no number gives 0, of one
+/// that does not fit the low 32 bits count.
+/// @param value  written only when the property is set and not empty
+/// @return true when the property is set
+inline bool readIntProperty(const char* name, int32_t* value) {
+    char text[PROPERTY_VALUE_MAX] = {};
+    if (property_get(name, text, nullptr) < 1) {
+        return false;
+    }
+    *value = static_cast<int32_t>(std::strtol(text, nullptr, 10));
+    return true;
+}
+
+}  // namespace korvane
+
+// The four priorities' messages. `mask` and `tag` are the file's own; the bit stands at the call.
+// They are macros so that the arguments of a message that is off are never evaluated.
+#define KORVANE_LOG_AT(mask, bit, priority, tag, ...)             \
+    do {                                                          \
+        if ((mask).has(bit)) {                                    \
+            __android_log_print((priority), (tag), __VA_ARGS__);  \
+        }                                                         \
+    } while (false)
+#define KORVANE_LOGI(mask, bit, tag, ...) \
+    KORVANE_LOG_AT(mask, bit, ANDROID_LOG_INFO, tag, __VA_ARGS__)
+#define KORVANE_LOGD(mask, bit, tag, ...) \
+    KORVANE_LOG_AT(mask, bit, ANDROID_LOG_DEBUG, tag, __VA_ARGS__)
+#define KORVANE_LOGE(tag, ...) __android_log_print(ANDROID_LOG_ERROR, (tag), __VA_ARGS__)
+
+namespace korvane {
+
+/// Refreshes a file's mask from the property and says at info priority what it found, under the
+/// mask that is then in force.
+inline void refreshLogMask(LogMask& mask, const char* tag) {
+    int32_t bits = 0;
+    if (readIntProperty(kLogLevelProperty, &bits)) {
+        mask.set(bits);
+        KORVANE_LOGI(mask, kLogInfo, tag, "%s set = %d\n", kLogLevelProperty, bits);
+    } else {
+        KORVANE_LOGI(mask, kLogInfo, tag, "%s is not set used def = %d\n", kLogLevelProperty,
+                     mask.value());
+    }
+}
+
+}  // namespace korvane

@@ -1,0 +1,55 @@
+// Trace points under the platform's video tag.
+//
+// A section needs the tag alone. A counter needs the tag and the file's log mask bit 0x10, which
+// is tested first because it is the cheaper of the two. Names and values are not looked at while
+// a point is off.
+#pragma once
+
+#define ATRACE_TAG ATRACE_TAG_VIDEO
+#include <cutils/trace.h>
+
+#include <cstdint>
+
+#include "platform/LogMask.h"
+
+// The platform's header declares these inside its inline functions only. Testing the tag and naming
+// the point are separate steps here, so they are declared once more.
+extern "C" {
+void atrace_begin_body(const char* name);
+void atrace_end_body();
+void atrace_int_body(const char* name, int32_t value);
+}
+
+namespace korvane {
+
+inline bool videoTraceEnabled() { return (atrace_get_enabled_tags() & ATRACE_TAG_VIDEO) != 0; }
+
+/// Opens a trace section for its own lifetime. A section that was not opened is not closed, even
+/// when the tag is switched on in between.
+class TraceSection {
+public:
+    explicit TraceSection(const char* name) : mOpen(videoTraceEnabled()) {
+        if (mOpen) {
+            atrace_begin_body(name);
+        }
+    }
+    ~TraceSection() {
+        if (mOpen) {
+            atrace_end_body();
+        }
+    }
+    TraceSection(const TraceSection&) = delete;
+    TraceSection& operator=(const TraceSection&) = delete;
+
+private:
+    const bool mOpen;
+};
+
+/// Sets a trace counter; the value is cut to 32 bits, which is what the platform call carries.
+inline void traceCounter(const LogMask& mask, const char* name, int64_t value) {
+    if (mask.has(kLogCounter) && videoTraceEnabled()) {
+        atrace_int_body(name, static_cast<int32_t>(value));
+    }
+}
+
+}  // namespace korvane

@@ -1,0 +1,67 @@
+// Feeds the TV's audio side with the file's audio packets, as the audio half of a player would.
+//
+// One thread reads packets and hands their times over, a few seconds ahead of what sounds. It holds
+// the first ones back until the renderer waits with its first picture (it then has stopped the
+// clock): a player starts its sound when the picture is ready, and a clock that audio had taken
+// before would be stopped by the renderer with nobody left to start it. If the renderer never gets
+// there the audio starts all the same after a while.
+#pragma once
+
+#include <condition_variable>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+
+#include "player/MediaSource.h"
+#include "tv/AudioOutput.h"
+
+namespace korvane::player {
+
+class AudioFeeder {
+public:
+    /// @param waitForPicture  false: audio starts by itself (pass-through)
+    /// @throws InputError
+    AudioFeeder(const std::string& path, std::shared_ptr<tv::SyncInstance> instance,
+                const tv::AudioConfig& config, bool waitForPicture);
+    ~AudioFeeder();
+    AudioFeeder(const AudioFeeder&) = delete;
+    AudioFeeder& operator=(const AudioFeeder&) = delete;
+
+    /// Starts reading. Call after the renderer's `start`.
+    void start();
+    /// Forgets what is queued and hands nothing more over. Call before the renderer's `flush`:
+    /// audio that still plays would release the renderer's new first picture at the old position.
+    void hold();
+    /// Goes on from a media time, waiting for the picture again. Call after the renderer's `flush`.
+    void restart(int64_t mediaTimeUs);
+    /// Ends the thread and the audio side. Idempotent.
+    void stop();
+
+    tv::AudioReport report() const;
+
+private:
+    void run();
+    bool readyForMore();
+    bool pictureWaits();
+    void handOverOne();
+
+    const bool mWaitForPicture;
+    std::shared_ptr<tv::SyncInstance> mInstance;
+    tv::AudioOutput mOutput;
+    AudioReader mReader;
+
+    std::mutex mLock;
+    std::condition_variable mWake;
+    bool mStopping = false;
+    bool mEnded = false;
+    bool mHeld = false;
+    bool mOpened = false;  ///< the picture waits; packets may go over
+    int64_t mOpenBeforeNs = 0;
+    int64_t mQueuedUpToUs = 0;
+    int64_t mQueuedFromUs = -1;
+    std::thread mThread;
+};
+
+}  // namespace korvane::player

@@ -1,0 +1,84 @@
+// Cadence: for how many vsyncs each frame stays on screen, what arithmetic demands, what was seen.
+//
+// Content of f frames a second on a display of R vsyncs a second needs r = R/f vsyncs a frame. The
+// nearest short fraction p/q gives the pattern, q frames on p vsyncs; what is left over, r - p/q,
+// adds up to one vsync more or less ("a slip") every 1/|r - p/q| frames, which no renderer can
+// avoid.
+//
+//   content  display   r        pattern         slip that arithmetic demands
+//   24       60        2.5      [3:2]           none
+//   23.976   60        2.5025   [3:2]           one vsync more every 16.7 s
+//   24       59.94     2.4975   [3:2]           one vsync less every 16.7 s
+//   30       60        2        [2:2]           none
+//   60       60        1        [1:1]           none
+//   59.94    60        1.001    [1:1]           one vsync more every 16.7 s
+//   25       50        2        [2:2]           none
+//   25       60        2.4      [2:3:2:3:2]     none
+//   50       60        1.2      [1:1:2:1:1]     none
+//
+// The dwells that were seen are laid along the pattern with the fewest breaks. A break is a dwell
+// that does not fit, or a place where the pattern starts over out of step. A break of one vsync in
+// the direction of the slip is by arithmetic as long as no more of them came than were due;
+// everything else is unexpected. Pure functions: dwells in, verdict out.
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <vector>
+
+namespace korvane::player {
+
+struct ExpectedCadence {
+    double contentHz = 0.0;
+    double displayHz = 0.0;
+    /// Vsyncs of each frame of one cycle; empty when a rate is unknown or the content's varies.
+    std::vector<int> pattern;
+    /// Vsyncs that each frame needs beyond the pattern's mean; negative: fewer.
+    double slipPerFrame = 0.0;
+
+    /// "[3:2]", "[2:2]"; empty without a pattern.
+    std::string name() const;
+    /// Seconds from one demanded slip to the next; 0 when there is none within a day.
+    double secondsPerSlip() const;
+};
+
+/// The cadence of a content rate on a display rate, both in Hz and above 0.
+ExpectedCadence expectedCadence(double contentHz, double displayHz);
+
+/// A pattern in notation: one dwell n is "[n:n]", as people write it.
+std::string patternName(const std::vector<int>& pattern);
+
+struct DwellBreak {
+    size_t index = 0;  ///< into the dwells
+    int dwell = 0;     ///< vsyncs seen
+    int expected = 0;  ///< vsyncs that the pattern wanted here
+    bool byArithmetic = false;
+};
+
+struct CadenceResult {
+    /// A steady run was found; `heldFrom` is the index of its first dwell.
+    bool held = false;
+    size_t heldFrom = 0;
+    /// Breaks after `heldFrom`, in order.
+    std::vector<DwellBreak> breaks;
+    size_t byArithmetic = 0;
+    size_t unexpected = 0;
+
+    bool stayed() const { return held && unexpected == 0; }
+};
+
+/// Frames in step that count as a steady run.
+constexpr size_t kSteadyRunFrames = 10;
+
+/// Lays dwells (vsyncs of each frame in order of display; 0: superseded before it was shown) along
+/// the expected pattern.
+CadenceResult analyseCadence(const std::vector<int>& dwells, const ExpectedCadence& expected);
+
+/// The pattern of the dwells themselves, whatever was expected: the shortest cycle, of at most 12
+/// frames, that nine of ten dwells follow; empty when there is none.
+std::vector<int> seenPattern(const std::vector<int>& dwells);
+
+/// True when one pattern is the other started at a different frame.
+bool samePattern(const std::vector<int>& left, const std::vector<int>& right);
+
+}  // namespace korvane::player

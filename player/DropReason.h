@@ -1,0 +1,54 @@
+// Why the library handed a frame back unshown.
+//
+// The library does not say it with the frame. Two things tell, in this order: the line that it logs
+// on the same thread right before it drops the frame, if the log mask lets that line through; else
+// the values of the clock at that moment, from which its rules can be followed. Each reason carries
+// which of the two it comes from. Pure functions.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+namespace korvane::player {
+
+enum class DropReason {
+    None,              ///< not dropped
+    BeforeAudio,       ///< the stream has audio and audio has not taken the clock yet
+    Late,              ///< more than 40 ms behind the clock
+    UnderflowCatchUp,  ///< behind audio, or not early, after an underflow
+    Policy,            ///< pass-through: the sync instance decided to drop it
+    Flush,             ///< a flush ended its wait
+    Unknown            ///< none of the rules fits the values
+};
+const char* toString(DropReason reason);
+
+enum class DropEvidence {
+    None,
+    LogLine,  ///< the library's own line
+    Values    ///< the clock's values at the drop
+};
+const char* toString(DropEvidence evidence);
+
+/// What is known when a frame comes back dropped.
+struct DropValues {
+    bool passthrough = false;
+    bool hasAudio = false;
+    /// Between a flush and the next frame handed in.
+    bool flushing = false;
+    /// The sync instance's mode: 0 nobody leads, 1 audio leads.
+    int syncMode = 0;
+    /// The clock stood still earlier in this playback, as it does in an underflow.
+    bool underflowSeen = false;
+    /// How far the frame was behind the clock, microseconds; negative: early.
+    int64_t lateUs = 0;
+    int64_t vsyncPeriodUs = 0;
+};
+
+/// The reason that fits the values.
+DropReason dropReasonFromValues(const DropValues& values);
+
+/// The reason that a line of the library's log announces for the frame dropped next on its thread.
+std::optional<DropReason> dropReasonFromLog(const std::string& text);
+
+}  // namespace korvane::player

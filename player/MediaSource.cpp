@@ -1,0 +1,353 @@
+#include "player/MediaSource.h"
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <system_error>
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavformat/avformat.h>
+#include <libavutil/opt.h>
+}
+
+namespace korvane::player {
+namespace {
+
+constexpr AVRational kMicroseconds{1, AV_TIME_BASE};
+/// A file that ends this much before its header's duration breaks off. Containers round their
+/// durations, and streams of one file end apart by less than this.
+constexpr int64_t kBreakOffToleranceUs = 500'000;
+/// Without a frame rate in the file, a missing timestamp counts on by this.
+constexpr int64_t kDefaultFrameUs = 40'000;
+
+template <typename T, void (*release)(T**)>
+struct Release {
+    void operator()(T* object) const { release(&object); }
+};
+using FormatPtr = std::unique_ptr<AVFormatContext, Release<AVFormatContext, avformat_close_input>>;
+using CodecPtr = std::unique_ptr<AVCodecContext, Release<AVCodecContext, avcodec_free_context>>;
+using FramePtr = std::unique_ptr<AVFrame, Release<AVFrame, av_frame_free>>;
+using PacketPtr = std::unique_ptr<AVPacket, Release<AVPacket, av_packet_free>>;
+
+std::string errorText(int error) {
+    char text[AV_ERROR_MAX_STRING_SIZE] = {};
+    av_strerror(error, text, sizeof text);
+    return text;
+}
+
+/// What FFmpeg would report in its own words, or not at all, is said here plainly.
+void checkIsFile(const std::string& path) {
+    struct stat status {};
+    if (stat(path.c_str(), &status) != 0) {
+        const std::string reason = std::generic_category().message(errno);
+        throw InputError("cannot open '" + path + "': " + reason + "; give an existing media file");
+    }
+    if (S_ISDIR(status.st_mode)) {
+        throw InputError("'" + path + "' is a directory; give a media file");
+    }
+    if (S_ISREG(status.st_mode) && status.st_size == 0) {
+        throw InputError("'" + path + "' is empty; give a media file, or fetch this one again");
+    }
+}
+
+FormatPtr openFormat(const std::string& path) {
+    av_log_set_level(AV_LOG_QUIET);
+    checkIsFile(path);
+    // Only the file itself: a playlist must not make the player fetch anything.
+    AVDictionary* options = nullptr;
+    av_dict_set(&options, "protocol_whitelist", "file", 0);
+    AVFormatContext* opened = nullptr;
+    int result = avformat_open_input(&opened, ("file:" + path).c_str(), nullptr, &options);
+    av_dict_free(&options);
+    FormatPtr format(opened);
+    // FFmpeg's demuxer for text-mode pictures takes any text file by its name.
+    if (result >= 0 && std::strcmp(format->iformat->name, "tty") == 0) {
+        result = AVERROR_INVALIDDATA;
+    }
+    if (result >= 0) {
+        result = avformat_find_stream_info(format.get(), nullptr);
+    }
+    if (result < 0) {
+        throw InputError("'" + path +
+                         "' is no media file that can be played, or is cut off before "
+                         "its index (" +
+                         errorText(result) + "); give a whole media file");
+    }
+    return format;
+}
+
+int findStream(AVFormatContext& format, AVMediaType type) {
+    const int index = av_find_best_stream(&format, type, -1, -1, nullptr, 0);
+    if (index < 0) {
+        return -1;
+    }
+    // The cover picture of a song is no video.
+    const bool cover = (format.streams[index]->disposition & AV_DISPOSITION_ATTACHED_PIC) != 0;
+    return cover ? -1 : index;
+}
+
+/// A file being read packet by packet, on the media time line that starts at 0.
+struct Demuxer {
+    explicit Demuxer(const std::string& path)
+        : format(openFormat(path)), packet(av_packet_alloc()) {
+        startUs = format->start_time == AV_NOPTS_VALUE ? 0 : format->start_time;
+    }
+
+    int64_t toMediaUs(int64_t timestamp, const AVStream& stream) const {
+        return av_rescale_q(timestamp, stream.time_base, kMicroseconds) - startUs;
+    }
+
+    /// Reads the next packet of any stream.
+    ReadStatus read() {
+        av_packet_unref(packet.get());
+        const int result = av_read_frame(format.get(), packet.get());
+        if (result == AVERROR_EOF) {
+            return endsEarly() ? ReadStatus::BrokenOff : ReadStatus::End;
+        }
+        if (result < 0) {
+            return ReadStatus::BrokenOff;
+        }
+        const AVStream& stream = *format->streams[packet->stream_index];
+        if (packet->pts != AV_NOPTS_VALUE) {
+            reachedUs = std::max(reachedUs, toMediaUs(packet->pts + packet->duration, stream));
+        }
+        return ReadStatus::Ready;
+    }
+
+    bool endsEarly() const {
+        const bool guessed = format->duration_estimation_method == AVFMT_DURATION_FROM_BITRATE;
+        return !guessed && format->duration > 0 &&
+               reachedUs + kBreakOffToleranceUs < format->duration;
+    }
+
+    bool seek(int stream, int64_t mediaUs) {
+        const AVRational timeBase = format->streams[stream]->time_base;
+        const int64_t target = av_rescale_q(mediaUs + startUs, kMicroseconds, timeBase);
+        return av_seek_frame(format.get(), stream, target, AVSEEK_FLAG_BACKWARD) >= 0;
+    }
+
+    FormatPtr format;
+    PacketPtr packet;
+    int64_t startUs = 0;
+    int64_t reachedUs = 0;
+};
+
+CodecPtr openDecoder(const std::string& path, const AVStream& stream) {
+    const char* name = avcodec_get_name(stream.codecpar->codec_id);
+    const AVCodec* decoder = avcodec_find_decoder(stream.codecpar->codec_id);
+    CodecPtr codec(decoder == nullptr ? nullptr : avcodec_alloc_context3(decoder));
+    if (!codec || avcodec_parameters_to_context(codec.get(), stream.codecpar) < 0) {
+        throw InputError(
+            "'" + path + "' holds " + name +
+            " video, which this FFmpeg cannot decode; convert it, for example to H.264");
+    }
+    codec->thread_count = 0;  // as many as there are cores
+    codec->pkt_timebase = stream.time_base;
+    const int result = avcodec_open2(codec.get(), decoder, nullptr);
+    if (result < 0) {
+        throw InputError("cannot decode the " + std::string(name) + " video of '" + path + "' (" +
+                         errorText(result) + "); the file may be damaged, try another one");
+    }
+    return codec;
+}
+
+}  // namespace
+
+struct VideoReader::Impl {
+    explicit Impl(const std::string& path) : demuxer(path), picture(av_frame_alloc()) {
+        streamIndex = findStream(*demuxer.format, AVMEDIA_TYPE_VIDEO);
+        if (streamIndex < 0) {
+            throw InputError("'" + path + "' holds no video; give a file with a video stream");
+        }
+        codec = openDecoder(path, stream());
+        describe(path);
+    }
+
+    AVStream& stream() const { return *demuxer.format->streams[streamIndex]; }
+
+    void describe(const std::string& path) {
+        AVFormatContext* format = demuxer.format.get();
+        const AVRational frameRate = av_guess_frame_rate(format, &stream(), nullptr);
+        info.path = path;
+        info.container = format->iformat->name;
+        info.videoCodec = avcodec_get_name(stream().codecpar->codec_id);
+        info.width = stream().codecpar->width;
+        info.height = stream().codecpar->height;
+        info.frameRateHz = frameRate.num > 0 && frameRate.den > 0 ? av_q2d(frameRate) : 0.0;
+        info.durationUs = format->duration > 0 ? format->duration : -1;
+        frameUs =
+            info.frameRateHz > 0.0 ? static_cast<int64_t>(1e6 / info.frameRateHz) : kDefaultFrameUs;
+        const int audio = findStream(*format, AVMEDIA_TYPE_AUDIO);
+        info.hasAudio = audio >= 0;
+        if (info.hasAudio) {
+            info.audioCodec = avcodec_get_name(format->streams[audio]->codecpar->codec_id);
+        }
+    }
+
+    /// Hands the decoder one more packet of the stream, or the end.
+    void feedDecoder() {
+        ReadStatus status = ReadStatus::Ready;
+        do {
+            status = demuxer.read();
+        } while (status == ReadStatus::Ready && demuxer.packet->stream_index != streamIndex);
+        if (status != ReadStatus::Ready) {
+            ended = status;
+            avcodec_send_packet(codec.get(), nullptr);
+            return;
+        }
+        if (avcodec_send_packet(codec.get(), demuxer.packet.get()) < 0) {
+            ++decodeErrors;
+        }
+    }
+
+    ReadStatus decodeNext() {
+        for (;;) {
+            const int result = avcodec_receive_frame(codec.get(), picture.get());
+            if (result >= 0) {
+                takeTime();
+                return ReadStatus::Ready;
+            }
+            if (result == AVERROR_EOF) {
+                return ended;
+            }
+            if (result != AVERROR(EAGAIN)) {
+                ++decodeErrors;
+            }
+            if (ended != ReadStatus::Ready) {
+                return ended;
+            }
+            feedDecoder();
+        }
+    }
+
+    /// The picture's time; one that is missing or does not advance counts on from the last.
+    void takeTime() {
+        const int64_t timestamp = picture->best_effort_timestamp;
+        int64_t us =
+            timestamp == AV_NOPTS_VALUE ? lastUs + frameUs : demuxer.toMediaUs(timestamp, stream());
+        if (haveLast && us <= lastUs) {
+            us = lastUs + frameUs;
+        }
+        lastUs = us;
+        haveLast = true;
+    }
+
+    bool seek(int64_t mediaUs) {
+        if (!demuxer.seek(streamIndex, mediaUs)) {
+            return false;
+        }
+        avcodec_flush_buffers(codec.get());
+        ended = ReadStatus::Ready;
+        haveLast = false;
+        skipBeforeUs = mediaUs;
+        return true;
+    }
+
+    Demuxer demuxer;
+    int streamIndex = -1;
+    CodecPtr codec;
+    FramePtr picture;
+    MediaInfo info;
+    int64_t frameUs = kDefaultFrameUs;
+    ReadStatus ended = ReadStatus::Ready;
+    bool haveLast = false;
+    int64_t lastUs = 0;
+    int64_t skipBeforeUs = INT64_MIN;
+    int64_t decodeErrors = 0;
+};
+
+VideoReader::VideoReader(const std::string& path) : mImpl(std::make_unique<Impl>(path)) {}
+VideoReader::~VideoReader() = default;
+
+const MediaInfo& VideoReader::info() const {
+    return mImpl->info;
+}
+const AVFrame& VideoReader::picture() const {
+    return *mImpl->picture;
+}
+int64_t VideoReader::mediaTimeUs() const {
+    return mImpl->lastUs;
+}
+bool VideoReader::seek(int64_t mediaTimeUs) {
+    return mImpl->seek(mediaTimeUs);
+}
+int64_t VideoReader::decodeErrors() const {
+    return mImpl->decodeErrors;
+}
+int64_t VideoReader::readUpToUs() const {
+    return mImpl->demuxer.reachedUs;
+}
+
+ReadStatus VideoReader::next() {
+    ReadStatus status = ReadStatus::Ready;
+    do {
+        status = mImpl->decodeNext();
+    } while (status == ReadStatus::Ready && mImpl->lastUs < mImpl->skipBeforeUs);
+    return status;
+}
+
+struct AudioReader::Impl {
+    explicit Impl(const std::string& path) : demuxer(path) {
+        streamIndex = findStream(*demuxer.format, AVMEDIA_TYPE_AUDIO);
+        for (unsigned i = 0; i < demuxer.format->nb_streams; ++i) {
+            if (static_cast<int>(i) != streamIndex) {
+                demuxer.format->streams[i]->discard = AVDISCARD_ALL;
+            }
+        }
+    }
+
+    ReadStatus next(Packet* packet) {
+        for (;;) {
+            const ReadStatus status = demuxer.read();
+            if (status != ReadStatus::Ready) {
+                return status;
+            }
+            const AVPacket& read = *demuxer.packet;
+            if (read.stream_index != streamIndex) {
+                continue;
+            }
+            const AVStream& stream = *demuxer.format->streams[streamIndex];
+            const int64_t durationUs = av_rescale_q(read.duration, stream.time_base, kMicroseconds);
+            const int64_t us =
+                read.pts == AV_NOPTS_VALUE ? nextUs : demuxer.toMediaUs(read.pts, stream);
+            nextUs = us + durationUs;
+            // What ends before the start is the encoder's run-up, never heard.
+            if (durationUs > 0 && nextUs > skipBeforeUs) {
+                *packet = {us, durationUs};
+                return ReadStatus::Ready;
+            }
+        }
+    }
+
+    Demuxer demuxer;
+    int streamIndex = -1;
+    int64_t nextUs = 0;
+    int64_t skipBeforeUs = 0;
+};
+
+AudioReader::AudioReader(const std::string& path) : mImpl(std::make_unique<Impl>(path)) {}
+AudioReader::~AudioReader() = default;
+
+ReadStatus AudioReader::next(Packet* packet) {
+    return mImpl->next(packet);
+}
+
+void AudioReader::seek(int64_t mediaTimeUs) {
+    mImpl->demuxer.seek(mImpl->streamIndex, mediaTimeUs);
+    mImpl->skipBeforeUs = mediaTimeUs;
+}
+
+std::string ffmpegVersions() {
+    const auto text = [](const char* name, unsigned version) {
+        return std::string(name) + " " + std::to_string(AV_VERSION_MAJOR(version)) + "." +
+               std::to_string(AV_VERSION_MINOR(version)) + "." +
+               std::to_string(AV_VERSION_MICRO(version));
+    };
+    return text("libavformat", avformat_version()) + ", " + text("libavcodec", avcodec_version()) +
+           ", " + text("libavutil", avutil_version());
+}
+
+}  // namespace korvane::player

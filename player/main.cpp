@@ -1,0 +1,182 @@
+// korvane-tv: the command line. Exit status 0 when every frame is accounted for and every buffer
+// came back; 1 when not, or when an output file could not be written; 2 for wrong usage or input.
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <exception>
+#include <fstream>
+#include <iostream>
+#include <string>
+#include <system_error>
+
+#include "player/Playback.h"
+#include "player/Report.h"
+
+namespace korvane::player {
+namespace {
+
+constexpr int kExitOk = 0;
+constexpr int kExitUnaccounted = 1;
+constexpr int kExitUsage = 2;
+
+/// Android's log priorities.
+constexpr int kLogDebug = 3;
+constexpr int kLogWarn = 5;
+
+/// The system property from which the library takes its log mask.
+constexpr char kLogMaskProperty[] = "vendor.korvane.loglevels";
+
+std::atomic<bool> gInterrupted{false};
+static_assert(std::atomic<bool>::is_always_lock_free, "set in a signal handler");
+
+/// The first signal asks playback to stop; from then on they kill as usual.
+void onSignal(int) {
+    gInterrupted = true;
+    std::signal(SIGINT, SIG_DFL);
+    std::signal(SIGTERM, SIG_DFL);
+}
+
+void catchSignals() {
+    std::signal(SIGINT, onSignal);
+    std::signal(SIGTERM, onSignal);
+}
+
+/// The one form in which anything that went wrong is told.
+void say(const std::string& message) {
+    std::string text = message;
+    std::replace(text.begin(), text.end(), '\n', ' ');
+    std::fprintf(stderr, "korvane-tv: %s\n", text.c_str());
+}
+
+void setProperties(const PlayOptions& options) {
+    auto properties = options.properties;
+    if (options.logMask) {
+        properties.emplace_back(kLogMaskProperty, std::to_string(*options.logMask));
+    }
+    for (const auto& [name, value] : properties) {
+        if (!tv::setProperty(name, value)) {
+            throw UsageError("property " + name + ": a value has at most 91 bytes, this one has " +
+                             std::to_string(value.size()) + "; give a shorter one");
+        }
+    }
+}
+
+/// Opened before playback, so that a wrong path is told at once.
+class OutputFile {
+public:
+    OutputFile(const char* option, const std::string& path) : mOption(option), mPath(path) {
+        if (!path.empty()) {
+            mFile.open(path);
+            if (!mFile) {
+                throw UsageError(std::string(option) + " " + path + ": " +
+                                 std::generic_category().message(errno) +
+                                 "; give a file that can be written");
+            }
+        }
+    }
+
+    template <typename Write>
+    bool write(Write writeTo) {
+        if (mPath.empty()) {
+            return true;
+        }
+        writeTo(mFile);
+        mFile.close();
+        if (!mFile) {
+            say(std::string(mOption) + " " + mPath +
+                ": could not be written whole; free some space and play again");
+        }
+        return mFile.good();
+    }
+
+private:
+    const char* mOption;
+    const std::string mPath;
+    std::ofstream mFile;
+};
+
+void startTrace(const PlayOptions& options) {
+    std::string error;
+    if (!options.traceFile.empty() && !tv::startTrace(options.traceFile, &error)) {
+        throw UsageError("--trace " + options.traceFile + ": " + error +
+                         "; give a file that can be written");
+    }
+}
+
+void endTrace(const PlayOptions& options, PlaybackRecord* record) {
+    if (options.traceFile.empty()) {
+        return;
+    }
+    record->trace = tv::stopTrace();
+    if (!record->trace.failure.empty()) {
+        say("--trace " + options.traceFile + ": " + record->trace.failure +
+            "; the trace is not whole, playback and summary are");
+    }
+}
+
+int playAndReport(const PlayOptions& options) {
+    VideoReader reader(options.file);
+    OutputFile csv("--csv", options.csvFile);
+    OutputFile json("--json", options.jsonFile);
+    setProperties(options);
+    startTrace(options);
+    catchSignals();
+    PlaybackRecord record = play(options, reader, [] { return gInterrupted.load(); });
+    endTrace(options, &record);
+    const Summary summary = summarise(record);
+    if (record.end == EndCause::BrokenOff) {
+        say("'" + options.file + "' breaks off in the middle; it was played up to there");
+    }
+    printReport(std::cout, record, summary, options.quiet);
+    std::cout.flush();
+    bool written = csv.write([&record](std::ostream& out) { writeCsv(out, record); });
+    written &= json.write([&](std::ostream& out) { writeJson(out, record, summary); });
+    if (!std::cout) {
+        say("the summary could not be written to standard output");
+        written = false;
+    }
+    return summary.ok() && written ? kExitOk : kExitUnaccounted;
+}
+
+/// Reads the command line and lets through as much of the log as it asks for. What the library
+/// logged while it was being loaded waits until here.
+CommandLine readCommandLine(int argc, char** argv) {
+    const std::string version = "korvane-tv " KORVANE_VERSION " (" + ffmpegVersions() + ")";
+    try {
+        const CommandLine line = parseCommandLine(argc, argv, version);
+        tv::openLog(line.play.logMask ? kLogDebug : kLogWarn);
+        return line;
+    } catch (const UsageError&) {
+        tv::openLog(kLogWarn);
+        throw;
+    }
+}
+
+int run(int argc, char** argv) {
+    try {
+        const CommandLine line = readCommandLine(argc, argv);
+        if (!line.text.empty()) {
+            std::cout << line.text;
+            return kExitOk;
+        }
+        return playAndReport(line.play);
+    } catch (const UsageError& error) {
+        say(error.what());
+        return kExitUsage;
+    } catch (const InputError& error) {
+        say(error.what());
+        return kExitUsage;
+    } catch (const std::exception& error) {
+        say(error.what());
+        return kExitUnaccounted;
+    }
+}
+
+}  // namespace
+}  // namespace korvane::player
+
+int main(int argc, char** argv) {
+    return korvane::player::run(argc, argv);
+}

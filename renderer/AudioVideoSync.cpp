@@ -1,0 +1,281 @@
+// The audio/video decisions of leg 2, drain thread: when does a frame meet sound?
+//
+// Audio plays elsewhere in the process against the same media-sync instance; it is only observed
+// here: is the clock paused, where is the track, who leads, when is a media time due.
+//
+//   first frame     anchors the clock and holds it paused until audio releases it
+//   every frame     waits while the clock has no anchor; restarts the cadence on a resume; is dropped
+//                   while nobody leads the clock; waits while the audio clock stands still
+//   underflow       audio paused and no frame queued: frames 15 ms or more behind audio are given up
+//                   until video has caught up, then those that are not early until one is
+//
+// In pass-through mode the instance's own policy (render, hold, drop, exit) takes all that over.
+#include <unistd.h>
+
+#include "frac/VideoSyncFRAC.h"
+#include "mediasync/VideoSyncWraper.h"
+#include "platform/Clock.h"
+#include "renderer/FrameDecision.h"
+#include "renderer/FramePass.h"
+#include "renderer/RendererLog.h"
+
+using namespace korvane;
+
+namespace {
+
+constexpr useconds_t kAudioStartPollUs = 500;
+constexpr useconds_t kAudioClockPollUs = 1000;
+
+constexpr auto kNoLeaderMode = static_cast<sync_mode>(0);
+constexpr auto kAudioLeadsMode = static_cast<sync_mode>(1);
+constexpr auto kMicroseconds = static_cast<mediasync_time_unit>(1);
+
+constexpr int32_t kPolicyRender = 1;
+constexpr int32_t kPolicyHold = 2;
+constexpr int32_t kPolicyDrop = 3;
+constexpr int32_t kPolicyExit = 4;
+
+const char* policyLabel(int32_t policy) {
+    return policy == kPolicyRender ? "rend" : policy == kPolicyDrop ? "drop" : "??";
+}
+
+}  // namespace
+
+// The first frame holds the shared clock at its own time until audio lets it go.
+int VideoTunnelRenderer::syncWithAudio(videoframe* frame) {
+    if (!mHaveAudio) {
+        return 1;
+    }
+    anchorClock(frame->timestampUs == 0 ? 1 : frame->timestampUs);  // 0 would mean no anchor
+    VideoSyncWraper* sync = requireVideoSync("syncWithAudio");
+    if (sync != nullptr) {
+        sync->setPause(true);
+    }
+    RENDERER_LOGD(kLogFrame, "[%s]wait audio start\n", "syncWithAudio");
+    bool paused = true;
+    while (mQueueRunning && paused) {
+        if (mFlushed) {
+            dropFrame(frame);
+            return 1;
+        }
+        usleep(kAudioStartPollUs);
+        paused = false;
+        if (sync == nullptr || !sync->getPause(&paused)) {
+            paused = false;  // a clock that cannot be asked is not waited for
+        }
+    }
+    RENDERER_LOGI(kLogInfo, "[%s]audio have started\n", "syncWithAudio");
+    return 1;
+}
+
+VideoTunnelRenderer::Stage VideoTunnelRenderer::awaitAudioStart(FramePass* pass) {
+    VideoSyncWraper* sync = mVideoSync;
+    if (sync == nullptr) {
+        return Stage::Continue;
+    }
+    videoframe* frame = pass->frame;
+    sync->getRealTimeFor(frame->timestampUs, &pass->realTimeUs);
+    if (pass->realTimeUs >= 0) {
+        return Stage::Continue;
+    }
+    RENDERER_LOGI(kLogInfo, "[%s]wait audio start\n", "drainVideoFrame");
+    if (mFirstSyncPtsUs != frame->timestampUs) {
+        anchorClock(frame->timestampUs);
+    }
+    while (mQueueRunning && mHaveAudio && pass->realTimeUs < 0 && frame->timestampUs != 0) {
+        if (mFlushed) {
+            dropFrame(frame);
+            return Stage::Consumed;
+        }
+        usleep(kAudioStartPollUs);
+        long trackUs = 0;
+        sync->getTrackMediaTime(&trackUs);
+        sync->getRealTimeFor(frame->timestampUs, &pass->realTimeUs);
+    }
+    restartCadence(pass);
+    return Stage::Continue;
+}
+
+// A new starting media time means that audio has resumed somewhere: the old vsync relation is void.
+void VideoTunnelRenderer::checkResume(FramePass* pass) {
+    VideoSyncWraper* sync = mVideoSync;
+    long startingUs = -1;
+    if (sync == nullptr || !sync->getStartingTimeMedia(&startingUs) || startingUs == -1 ||
+        startingUs == mStartingTimeMediaUs) {
+        return;
+    }
+    RENDERER_LOGD(kLogFrame, "[%s]resume need reset frac, from %ld to %ld\n", "drainVideoFrame",
+                  mStartingTimeMediaUs, startingUs);
+    restartCadence(pass);
+    mStartingTimeMediaUs = startingUs;
+}
+
+// The relation between media time and real time is new: the tracker forgets, and is told of a fresh
+// vsync before the next frame.
+void VideoTunnelRenderer::restartCadence(FramePass* pass) {
+    if (VideoSyncFRAC* tracker = requireVideoSyncFRAC("drainVideoFrame")) {
+        tracker->resetFRC();
+    }
+    queryDisplayVsync(pass);
+    pass->refreshVsync = true;
+}
+
+VideoTunnelRenderer::Stage VideoTunnelRenderer::awaitAudioClock(FramePass* pass) {
+    VideoSyncWraper* sync = mVideoSync;
+    videoframe* frame = pass->frame;
+    if (pass->syncMode == kNoLeaderMode && mHaveAudio) {
+        // Audio is there and has not taken the clock yet: every frame goes, and re-anchors the clock.
+        RENDERER_LOGD(kLogDetail, "[%s]drop frame for sync audio:%ld\n", "drainVideoFrame",
+                      frame->timestampUs);
+        anchorClock(frame->timestampUs);
+        dropFrame(frame);
+        return Stage::Consumed;
+    }
+    if (sync != nullptr) {
+        sync->getTrackMediaTime(&pass->trackUs);
+    }
+    while (mQueueRunning && mHaveAudio &&
+           !audioClockMoves(pass->trackUs, {mAnchorMediaTimeUs, mPauseMediaTimeUs})) {
+        if (mFlushed) {
+            dropFrame(frame);
+            return Stage::Consumed;
+        }
+        usleep(kAudioClockPollUs);
+        RENDERER_LOGD(kLogDetail, "[%s]audio may mediatime have not updated, need wait\n",
+                      "drainVideoFrame");
+        if (sync != nullptr) {
+            sync->getTrackMediaTime(&pass->trackUs);
+            sync->getRealTimeFor(frame->timestampUs, &pass->realTimeUs);
+        }
+        restartCadence(pass);
+        if (mUnderflow && catchUpAfterUnderflow(pass) == Stage::Consumed) {
+            return Stage::Consumed;
+        }
+    }
+    return Stage::Continue;
+}
+
+VideoTunnelRenderer::Stage VideoTunnelRenderer::catchUpAfterUnderflow(FramePass* pass) {
+    videoframe* frame = pass->frame;
+    const AudioClockMarks marks{mAnchorMediaTimeUs, mPauseMediaTimeUs};
+    if (!mCatchUpDropping && audioClockMoves(pass->trackUs, marks)) {
+        mCatchUpDropping = true;
+        RENDERER_LOGD(kLogDetail, "[%s]audio update first pts after underflow\n",
+                      "drainVideoFrame");
+    }
+    if (!mCatchUpPending) {
+        return Stage::Continue;
+    }
+    if (!behindAudio(pass->trackUs, marks, frame->timestampUs)) {
+        RENDERER_LOGD(kLogDetail, "[%s] video have catch up wih audio after underflow\n",
+                      "drainVideoFrame");
+        mCatchUpPending = false;
+        return Stage::Continue;
+    }
+    if (!mCatchUpDropping) {
+        return Stage::Continue;
+    }
+    RENDERER_LOGD(kLogDetail, "[%s]drop %ld to catch up audio after underflow\n",
+                  "drainVideoFrame", frame->timestampUs);
+    anchorClock(frame->timestampUs);
+    if (VideoSyncFRAC* tracker = requireVideoSyncFRAC("drainVideoFrame")) {
+        tracker->updateHWCVsyncInfo(pass->vsyncTimestampNs / 1000, mVsyncPeriodNs / 1000);
+    }
+    dropFrame(frame);
+    return Stage::Consumed;
+}
+
+void VideoTunnelRenderer::anchorClock(int64_t mediaTimeUs) {
+    if (VideoSyncWraper* sync = mVideoSync) {
+        mAnchorMediaTimeUs = mediaTimeUs;
+        sync->updateAnchor(mediaTimeUs, 0, 0);
+    }
+}
+
+// Audio paused while it leads and no frame waiting is an underflow. The queue is looked at without
+// its lock: a frame that comes at this moment can at worst cause one underflow too many.
+int VideoTunnelRenderer::checkPauseTrackMediaTime() {
+    if (!mQueueRunning || !mHaveAudio) {
+        return 1;
+    }
+    VideoSyncWraper* sync = requireVideoSync("checkPauseTrackMediaTime");
+    auto mode = FramePass::kUnknownSyncMode;
+    if (sync == nullptr || !sync->getSyncMode(&mode) || mode != kAudioLeadsMode) {
+        return 1;
+    }
+    bool paused = false;
+    sync->getPause(&paused);
+    if (!paused) {
+        return 1;
+    }
+    long trackUs = 0;
+    sync->getTrackMediaTime(&trackUs);
+    mPauseMediaTimeUs = trackUs;
+    if (!mVideoFrameInputQueue.empty()) {
+        return 1;
+    }
+    RENDERER_LOGD(kLogFrame, "video underflow!!!!!");
+    mUnderflow = true;
+    mCatchUpDropping = false;
+    mCatchUpPending = true;
+    return 1;
+}
+
+void VideoTunnelRenderer::onVideoSyncProcess(int64_t mediaTimeUs, bool* show, int /*unused*/,
+                                             int64_t* realTimeUs) {
+    mediasync_video_policy policy{};
+    if (mVideoSyncExited) {
+        RENDERER_LOGE("[%s] video mediasync has exited\n", "onVideoSyncProcess");
+        return;
+    }
+    if (show == nullptr || realTimeUs == nullptr) {
+        RENDERER_LOGE("[%s] Parameters error!\n", "onVideoSyncProcess");
+        return;
+    }
+    if (mFreeRun != 0 || mParam9Extra != 0) {
+        *show = true;  // at once: the record's real time is 0
+    } else if (VideoSyncWraper* sync = mVideoSync) {
+        sync->VideoProcess(mediaTimeUs, mLastFrameMediaTimeUs, kMicroseconds, &policy);
+        RENDERER_LOGD(kLogDetail, "[%s] mediaTimeUs:%ld videopolicy:%d\n", "onVideoSyncProcess",
+                      mediaTimeUs, policy.videopolicy);
+        switch (policy.videopolicy) {
+            case kPolicyRender:
+                *show = true;
+                break;
+            case kPolicyHold:
+                holdFrame(mediaTimeUs);
+                return;
+            case kPolicyDrop:
+                RENDERER_LOGI(kLogInfo, "MEDIASYNC_VIDEO_DROP mediaTimeUs:%ld\n", mediaTimeUs);
+                *show = false;
+                break;
+            case kPolicyExit:
+                RENDERER_LOGI(kLogInfo, "MEDIASYNC_VIDEO_EXIT mediaTimeUs:%ld\n", mediaTimeUs);
+                mVideoSyncExited = true;
+                return;
+            default:
+                break;  // no decision: the caller's flag stands
+        }
+    }
+
+    *realTimeUs = policy.realtimeUs;
+    const int64_t nowUs = monotonicNowUs();
+    RENDERER_LOGD(kLogDetail,
+                  "(%s) mediaTimeUs:%ld(%ld) NowUsDiff:%ld us finalRealtimeUs:%ld\n",
+                  policyLabel(policy.videopolicy), mediaTimeUs,
+                  saturatingSub(mediaTimeUs, mLastSyncMediaTimeUs), nowUs - mLastSyncSystemTimeUs,
+                  policy.realtimeUs);
+    mVideoHolding = false;
+    mVideoHoldCount = 0;
+    mLastSyncMediaTimeUs = mediaTimeUs;
+    mLastSyncSystemTimeUs = nowUs;
+}
+
+void VideoTunnelRenderer::holdFrame(int64_t mediaTimeUs) {
+    mVideoHolding = true;
+    ++mVideoHoldCount;
+    if (reportsHold(mVideoHoldCount)) {
+        RENDERER_LOGI(kLogInfo, "MEDIASYNC_VIDEO_HOLD mVideoHoldCount:%d mediaTimeUs:%ld \n",
+                      mVideoHoldCount, mediaTimeUs);
+    }
+}

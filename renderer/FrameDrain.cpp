@@ -1,0 +1,298 @@
+// Leg 2, drain thread: takes one frame at a time off the input queue and brings it to a verdict.
+//
+// Normal mode: first frame (shown at once as a peek, or synchronised with audio), audio stages
+// (AudioVideoSync.cpp), display vsync every tenth frame, corrected time from the cadence tracker,
+// then wait, show or drop (FrameDecision.h). Pass-through mode: the media-sync instance decides.
+// Every frame taken is either handed to the tunnel or given back to the player.
+#include <sched.h>
+#include <unistd.h>
+
+#include <chrono>
+
+#include "display/DisplayAdapterWraper.h"
+#include "frac/VideoSyncFRAC.h"
+#include "mediasync/VideoSyncWraper.h"
+#include "platform/Clock.h"
+#include "platform/Trace.h"
+#include "renderer/FrameDecision.h"
+#include "renderer/FramePass.h"
+#include "renderer/RendererLog.h"
+#include "videotunnel/VideoTunnelWraper.h"
+
+using namespace korvane;
+
+namespace {
+
+// High enough that the presentation deadline, two vsyncs ahead, holds on a loaded TV.
+constexpr int kDrainThreadPriority = 50;
+constexpr useconds_t kIdlePollUs = 2000;
+constexpr useconds_t kHoldPollUs = 5000;
+// Bounds how long an underflow can go unseen while no frame comes.
+constexpr std::chrono::milliseconds kInputWait(100);
+
+constexpr int32_t kFramesPerVsyncQuery = 10;
+// The tracker's detectors that are used: [3:2], [2:2] and [1:1].
+constexpr int kUsedPatterns = 11;
+constexpr auto kAudioLeadsMode = static_cast<sync_mode>(1);
+// Start-up is late by nature: before this frame number a late frame is no sign of trouble.
+constexpr int32_t kFirstFrameNoToReport = 21;
+
+}  // namespace
+
+void* VideoTunnelRenderer::drainVideoFrameThread(void* renderer) {
+    auto* self = static_cast<VideoTunnelRenderer*>(renderer);
+    sched_param parameters{};
+    parameters.sched_priority = kDrainThreadPriority;
+    if (sched_setscheduler(0, SCHED_FIFO, &parameters) != 0) {
+        RENDERER_LOGE("Couldn't set SCHED_FIFO for drainVideoFrameThread");
+    }
+
+    while (self->mQueueRunning) {
+        videoframe frame{};
+        self->checkPauseTrackMediaTime();
+        // With audio the first frame is not taken until a second one is there, unless it is a peek.
+        if (!self->mAudioSynced && self->mHaveAudio && self->mVideoFrameInputQueue.size() <= 1) {
+            self->firstFrameVpeekCheck();
+            usleep(kIdlePollUs);
+            continue;
+        }
+        if (!self->getNeedShowVideoFrame(&frame)) {
+            usleep(kIdlePollUs);
+            continue;
+        }
+        if (self->mTunerPassthrough) {
+            self->drainPassthroughFrame(&frame);
+        } else {
+            self->drainVideoFrame(&frame);
+        }
+    }
+    return nullptr;
+}
+
+bool VideoTunnelRenderer::getNeedShowVideoFrame(videoframe* frame) {
+    RENDERER_LOGD(kLogDetail, "[%s:%d] VideoFrameInputQueue.size():%d\n", "getNeedShowVideoFrame",
+                  826, static_cast<int>(mVideoFrameInputQueue.size()));
+    std::unique_lock<std::mutex> lock(mInputLock);
+    if (mFirstFrameQueued) {
+        // One wait, not a loop: the caller looks for an underflow between waits. After a stop, whose
+        // notification may have come before this lock, there is nothing to wait for.
+        if (mVideoFrameInputQueue.empty() && mQueueRunning) {
+            const auto start = std::chrono::steady_clock::now();
+            mInputCond.wait_for(lock, kInputWait);
+            if (std::chrono::steady_clock::now() - start >= kInputWait) {
+                RENDERER_LOGD(kLogDetail, "[%s:%d] wait for input frame timeout\n",
+                              "getNeedShowVideoFrame", 830);
+            }
+        }
+    } else {
+        while (mVideoFrameInputQueue.empty() && mQueueRunning) {
+            mInputCond.wait(lock);
+        }
+    }
+    if (!mVideoFrameInputQueue.popFront(frame)) {
+        return false;
+    }
+    const auto size = static_cast<int64_t>(mVideoFrameInputQueue.size());
+    lock.unlock();
+
+    traceCounter(gRendererLog, "videoFrameNumTunnel", size);
+    RENDERER_LOGD(kLogDetail, "[%s]fd:%d, timestampUs:%ld\n", "getNeedShowVideoFrame", frame->fd,
+                  frame->timestampUs);
+    traceCounter(gRendererLog, "getShowFramePtsTunnel", frame->timestampUs);
+    return true;
+}
+
+// A lone queued frame that is marked to be shown at once is shown before audio starts, so that the
+// screen is not black meanwhile; one per start or flush. Kept on purpose: it is shown under both
+// locks, and so a refusal calls the player back under them.
+int VideoTunnelRenderer::firstFrameVpeekCheck() {
+    if (mVideoFrameInputQueue.size() != 1 || mFirstFramePeeked) {
+        return 1;
+    }
+    const std::lock_guard<std::mutex> guard(mInputLock);
+    videoframe frame{};
+    if (mVideoFrameInputQueue.popFrontPeek(&frame)) {
+        showPeekFrame(&frame);
+        mFirstFramePeeked = true;
+    }
+    return 1;
+}
+
+// Kept on purpose: the tunnel is given nanoseconds here, where it expects microseconds, and shows the
+// frame at once for it.
+void VideoTunnelRenderer::showPeekFrame(videoframe* frame) {
+    const std::lock_guard<std::mutex> guard(mRenderTimeLock);
+    showFrame(frame, monotonicNowNs());
+    mRenderTimeList.push_back({frame->timestampUs, monotonicNowUs()});
+}
+
+int VideoTunnelRenderer::drainVideoFrame(videoframe* frame) {
+    if (!mAudioSynced && mHaveAudio) {
+        if (!mFirstFramePeeked && frame->peek) {
+            showPeekFrame(frame);
+            return 1;
+        }
+        // Kept on purpose: a frame that a flush made syncWithAudio drop goes on like any other.
+        syncWithAudio(frame);
+        mAudioSynced = true;
+        mFirstFrameQueued = true;
+        mFirstSyncPtsUs = frame->timestampUs;
+    }
+
+    FramePass pass{frame};
+    if (awaitAudioStart(&pass) == Stage::Consumed) {
+        return 1;
+    }
+    checkResume(&pass);
+    VideoSyncWraper* sync = requireVideoSync("drainVideoFrame");
+    if (sync != nullptr && sync->getSyncMode(&pass.syncMode)) {
+        RENDERER_LOGD(kLogDetail, "[%s]mHaveAudio:%d\n", "drainVideoFrame", mHaveAudio ? 1 : 0);
+        if (awaitAudioClock(&pass) == Stage::Consumed) {
+            return 1;
+        }
+        if (pass.syncMode == kAudioLeadsMode) {
+            if (VideoSyncFRAC* tracker =
+                    requireVideoSyncFRAC("drainVideoFrame")) {
+                tracker->setEnablePattern(kUsedPatterns);
+            }
+        }
+        const int32_t count = ++mVsyncQueryCount;
+        if (count % kFramesPerVsyncQuery == 1) {
+            queryDisplayVsync(&pass);
+            // Never true for a count that leaves 1; kept, the count simply goes on.
+            if (count == 10000) {
+                mVsyncQueryCount = 0;
+            }
+            pass.refreshVsync = true;
+        }
+    }
+    presentFrame(&pass);
+    return 1;
+}
+
+// The display's last vsync and period: from the tunnel, else from the display adapter. A period that
+// is no period counts as no answer, since everything divides by it.
+void VideoTunnelRenderer::queryDisplayVsync(FramePass* pass) {
+    long timestampNs = pass->vsyncTimestampNs;
+    int periodNs = mVsyncPeriodNs;
+    VideoTunnelWraper* tunnel = mTunnel;
+    if (tunnel == nullptr || !tunnel->getDisplayVsyncAndPeriod(&timestampNs, &periodNs)) {
+        if (DisplayAdapterWraper* adapter =
+                requireDisplayAdapter("drainVideoFrame")) {
+            adapter->getDisplayVsyncAndPeriod(&timestampNs, &periodNs);
+        }
+    }
+    if (periodNs > 0) {
+        pass->vsyncTimestampNs = timestampNs;
+        mVsyncPeriodNs = periodNs;
+    }
+}
+
+void VideoTunnelRenderer::logFrameTiming(const FramePass& pass) {
+    RENDERER_LOGD(kLogFrame,
+                  "[%s]frameNo:%d mediatimeus:%ld nowUs:%ld, realTimeUs:%ld, finalrealtime:%ld, "
+                  "diff=%ld\n",
+                  "drainVideoFrame", pass.frame->frameNo, pass.frame->timestampUs, pass.nowUs,
+                  pass.realTimeUs, pass.finalRealTimeUs, pass.earlyUs());
+}
+
+void VideoTunnelRenderer::presentFrame(FramePass* pass) {
+    const TraceSection section("drainVideoFrame");
+    correctRealTime(pass);
+    pass->nowUs = monotonicNowUs();
+    const FrameDecision decision =
+        decideFrame(pass->finalRealTimeUs, pass->nowUs, mVsyncPeriodNs);
+    switch (decision.verdict) {
+        case FrameVerdict::WaitThenShow:
+            showEarlyFrame(pass, decision.waitUs);
+            break;
+        case FrameVerdict::Drop:
+            dropLateFrame(pass);
+            break;
+        case FrameVerdict::ShowNow:
+            showDueFrame(pass, decision.earlyUs);
+            break;
+    }
+}
+
+void VideoTunnelRenderer::correctRealTime(FramePass* pass) {
+    const int32_t periodNs = mVsyncPeriodNs;
+    long trackerUs = 0;
+    if (VideoSyncFRAC* tracker = requireVideoSyncFRAC("drainVideoFrame")) {
+        if (pass->refreshVsync) {
+            tracker->updateHWCVsyncInfo(pass->vsyncTimestampNs / 1000, periodNs / 1000);
+        }
+        tracker->getRealTime(pass->frame->timestampUs, pass->realTimeUs, pass->frame->frameNo,
+                             &trackerUs);
+    }
+    pass->finalRealTimeUs = usableRealTimeUs(trackerUs, pass->realTimeUs, periodNs);
+}
+
+// The wait may end early because of a stop or flush; showFrame then hands the buffer back.
+void VideoTunnelRenderer::showEarlyFrame(FramePass* pass, int64_t waitUs) {
+    mUnderflow = false;
+    waitShowTime(waitUs);
+    pass->nowUs = monotonicNowUs();
+    logFrameTiming(*pass);
+    traceCounter(gRendererLog, "queueDiffNowMsTunnel", pass->earlyUs() / 1000);
+    showFrame(pass->frame, pass->finalRealTimeUs);
+    traceCounter(gRendererLog, "dropPtsTunnel", 0);
+}
+
+void VideoTunnelRenderer::dropLateFrame(FramePass* pass) {
+    videoframe* frame = pass->frame;
+    RENDERER_LOGD(kLogFrame,
+                  "[%s]drop = frameNo:%d mediatimeus:%ld nowUs:%ld, realTimeUs:%ld, "
+                  "finalrealtime:%ld, diff=%ld\n",
+                  "drainVideoFrame", frame->frameNo, frame->timestampUs, pass->nowUs,
+                  pass->realTimeUs, pass->finalRealTimeUs, pass->earlyUs());
+    dropFrame(frame);
+    if (frame->frameNo >= kFirstFrameNoToReport) {
+        traceCounter(gRendererLog, "dropPtsTunnel", frame->timestampUs);
+        RENDERER_LOGD(kLogFrame, "[%s]need catch drop pts:%ld\n", "drainVideoFrame",
+                      frame->timestampUs);
+    }
+    traceCounter(gRendererLog, "queueDiffNowMsTunnel", 0);
+}
+
+// After an underflow a frame that is merely on time is given up: only an early one proves that video
+// runs ahead of sound again.
+void VideoTunnelRenderer::showDueFrame(FramePass* pass, int64_t earlyUs) {
+    videoframe* frame = pass->frame;
+    logFrameTiming(*pass);
+    if (mUnderflow) {
+        dropFrame(frame);
+    } else {
+        showFrame(frame, pass->finalRealTimeUs);
+    }
+    if (earlyUs < mVsyncPeriodNs / 1000) {
+        RENDERER_LOGD(kLogFrame, "[%s]may occur drop pts:%ld\n", "drainVideoFrame",
+                      frame->timestampUs);
+        if (frame->frameNo >= kFirstFrameNoToReport) {
+            traceCounter(gRendererLog, "dropPtsTunnel", frame->timestampUs);
+            RENDERER_LOGD(kLogFrame, "[%s]may need catch drop pts:%ld\n", "drainVideoFrame",
+                          frame->timestampUs);
+        }
+    }
+    traceCounter(gRendererLog, "queueDiffNowMsTunnel", earlyUs > 0 ? earlyUs / 1000 : 0);
+}
+
+// In pass-through mode the media-sync instance decides; a frame on hold is asked for again.
+void VideoTunnelRenderer::drainPassthroughFrame(videoframe* frame) {
+    bool show = true;
+    int64_t realTimeUs = 0;
+    do {
+        onVideoSyncProcess(frame->timestampUs, &show, 0, &realTimeUs);
+        if (!mVideoHolding) {
+            break;
+        }
+        usleep(kHoldPollUs);
+    } while (!mVideoSyncExited && mQueueRunning);
+
+    if (show) {
+        showFrame(frame, realTimeUs);
+    } else {
+        dropFrame(frame);
+    }
+    mLastFrameMediaTimeUs = frame->timestampUs;
+}

@@ -1,0 +1,102 @@
+// Leg 4, fill thread: released buffers and render times go back to the player.
+//
+// The fill thread polls: one buffer from the tunnel, one render time, 500 us of sleep. The routine by
+// which a buffer reaches the player is the same for buffers that were shown, dropped, flushed or
+// refused, on whichever thread that happens.
+#include <unistd.h>
+
+#include "VideoTunnelRenderer.h"
+#include "platform/Clock.h"
+#include "renderer/RendererLog.h"
+#include "videotunnel/VideoTunnelWraper.h"
+
+using namespace korvane;
+
+namespace {
+
+constexpr useconds_t kFillPollUs = 500;
+
+}  // namespace
+
+void* VideoTunnelRenderer::fillVideoFrameThread(void* renderer) {
+    auto* self = static_cast<VideoTunnelRenderer*>(renderer);
+    while (self->mFillRunning) {
+        int fd = 0;
+        if (self->getNeedFillVideoFrame(&fd)) {
+            self->returnFrame(fd, true);
+        }
+        self->nodifyRenderTime();
+        usleep(kFillPollUs);
+    }
+    return nullptr;
+}
+
+int VideoTunnelRenderer::nodifyRenderTime() {
+    VideoTunnelCallback callback = nullptr;
+    void* userData = nullptr;
+    {
+        const std::lock_guard<std::mutex> guard(mCallbackLock);
+        callback = mRenderTimeCb;
+        userData = mRenderTimeUserData;
+    }
+    if (callback == nullptr) {
+        return 1;
+    }
+    // Kept on purpose: the player is called under the lock, and showing waits for it meanwhile.
+    const std::lock_guard<std::mutex> guard(mRenderTimeLock);
+    if (!mRenderTimeList.empty()) {
+        rendertime& oldest = mRenderTimeList.front();
+        if (usToNs(oldest.renderTimeUs) < monotonicNowNs()) {
+            const int64_t mediaTimeUs = oldest.mediaTimeUs;
+            callback(userData, &oldest);
+            mRenderTimeList.pop_front();
+            RENDERER_LOGD(kLogDetail, "[%s] notify rendertime:%ld\n", "nodifyRenderTime",
+                          mediaTimeUs);
+        }
+    }
+    return 1;
+}
+
+bool VideoTunnelRenderer::getNeedFillVideoFrame(int* fd) {
+    VideoTunnelWraper* tunnel = mTunnel;
+    return tunnel != nullptr && tunnel->dequeueBuffer(fd);
+}
+
+int VideoTunnelRenderer::onFillVideoFrame(int fd, bool rendered) {
+    return returnFrame(fd, rendered) == 0 ? 1 : 0;
+}
+
+int VideoTunnelRenderer::dropFrame(videoframe* frame) {
+    RENDERER_LOGD(kLogFrame, "[%s] drop pts:%ld\n", "dropFrame", frame->timestampUs);
+    returnFrame(frame->fd, false);
+    return 1;
+}
+
+int VideoTunnelRenderer::returnFrame(int32_t fd, bool rendered) {
+    VideoTunnelCallback frameReturn = nullptr;
+    void* frameReturnData = nullptr;
+    VideoTunnelCallback frameStatus = nullptr;
+    void* frameStatusData = nullptr;
+    {
+        const std::lock_guard<std::mutex> guard(mCallbackLock);
+        frameReturn = mFrameReturnCb;
+        frameReturnData = mFrameReturnUserData;
+        frameStatus = mFrameStatusCb;
+        frameStatusData = mFrameStatusUserData;
+    }
+    int result = -1;
+    if (frameReturn != nullptr) {
+        int returnedFd = fd;
+        result = frameReturn(frameReturnData, &returnedFd);
+    }
+    if (frameStatus != nullptr) {
+        framestatus status{fd, static_cast<uint8_t>(rendered ? 1 : 0), {}};
+        result = frameStatus(frameStatusData, &status);
+    }
+    if (result == 0) {
+        const int32_t returned = ++mFrameOutCount;
+        RENDERER_LOGD(kLogDetail, "[%s]==out== [%d], fd:%d, inRenderer[%d]\n", "onFillVideoFrame",
+                      returned, fd, mFrameInCount - returned);
+    }
+    return result;
+}

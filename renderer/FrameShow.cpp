@@ -1,0 +1,48 @@
+// Leg 3, drain thread: waits for a frame's hand-over time and gives the buffer to the tunnel.
+//
+// The wait ends early when the renderer is stopped or flushed; a frame that comes to be shown then
+// goes back to the player instead. For each frame shown an entry is kept that the fill thread reports
+// to the player once its time has passed.
+#include <chrono>
+
+#include "VideoTunnelRenderer.h"
+#include "platform/Clock.h"
+#include "platform/Trace.h"
+#include "renderer/RendererLog.h"
+#include "videotunnel/VideoTunnelWraper.h"
+
+using namespace korvane;
+
+int VideoTunnelRenderer::waitShowTime(int64_t waitUs) {
+    using std::chrono::nanoseconds;
+    using std::chrono::steady_clock;
+    RENDERER_LOGD(kLogFrame, "[%s] %ld\n", "waitShowTime", waitUs);
+    const TraceSection section("waitShowTime");
+    std::unique_lock<std::mutex> lock(mShowLock);
+    const int64_t nowNs =
+        std::chrono::duration_cast<nanoseconds>(steady_clock::now().time_since_epoch()).count();
+    const steady_clock::time_point deadline(nanoseconds(saturatingAdd(nowNs, usToNs(waitUs))));
+    mShowCond.wait_until(lock, deadline, [this] { return !mQueueRunning || mFlushed; });
+    return 1;
+}
+
+int VideoTunnelRenderer::showFrame(videoframe* frame, int64_t presentationTimeUs) {
+    RENDERER_LOGD(kLogDetail, "[%s]\n", "showFrame");
+    const TraceSection section("showFrame");
+    if (mFlushed || !mQueueRunning) {
+        RENDERER_LOGD(kLogFrame, "[%s]do not show, need return frame\n", "showFrame");
+        returnFrame(frame->fd, true);
+        return 1;
+    }
+    // A buffer that the tunnel refuses is lost to the player: the tunnel client cannot tell, so the
+    // frame counts as shown.
+    if (VideoTunnelWraper* tunnel = mTunnel) {
+        tunnel->queueBuffer(frame->fd, presentationTimeUs);
+    }
+    // Who shows a peek frame holds mRenderTimeLock and makes the entry itself.
+    if (!frame->peek) {
+        const std::lock_guard<std::mutex> guard(mRenderTimeLock);
+        mRenderTimeList.push_back({frame->timestampUs, presentationTimeUs});
+    }
+    return 1;
+}

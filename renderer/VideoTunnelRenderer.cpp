@@ -1,0 +1,316 @@
+// The renderer's life: made, bound to a media-sync instance, started, flushed, stopped, deleted.
+//
+//   created --init--> initialised --start--> running --stop--> stopped --start--> running ...
+//
+// All operations here run on the player's threads. Two worker threads live between `start` and
+// `stop`: the drain thread (FrameDrain.cpp) and the fill thread (FrameReturn.cpp). A frame's way, a
+// file per leg: FrameInput.cpp, FrameDrain.cpp with the decisions of AudioVideoSync.cpp,
+// FrameShow.cpp, FrameReturn.cpp.
+#include "VideoTunnelRenderer.h"
+
+#include <cstddef>
+#include <new>
+
+#include "display/DisplayAdapterWraper.h"
+#include "frac/VideoSyncFRAC.h"
+#include "mediasync/VideoSyncWraper.h"
+#include "renderer/RendererLog.h"
+#include "videotunnel/VideoTunnelWraper.h"
+
+namespace korvane {
+
+LogMask gRendererLog;
+
+namespace {
+
+constexpr char kFreeRunProperty[] = "vendor.tunerpassthrough.renderfreeRun";
+
+// `hwSyncId` as players hand it in: the upper half selects the mode, the lower half is the id.
+constexpr uint32_t kModeMask = 0xffff0000;
+constexpr uint32_t kPassthroughMode = 0x00010000;
+constexpr int kPlayerNumberMask = 0xff;
+
+constexpr auto kVideoStream = static_cast<sync_stream_type>(0);
+constexpr auto kNoLeaderMode = static_cast<sync_mode>(0);
+constexpr auto kPassthroughSyncMode = static_cast<sync_mode>(2);
+constexpr auto kVideoSyncModeParameter = static_cast<mediasync_parameter>(5);
+constexpr auto kParameter7 = static_cast<mediasync_parameter>(7);
+constexpr auto kParameter9 = static_cast<mediasync_parameter>(9);
+
+constexpr int32_t kPeriod60HzNs = 16666666;
+
+// Bits of mMissingReported.
+constexpr uint32_t kMissingVideoSync = 0x1;
+constexpr uint32_t kMissingVideoSyncFRAC = 0x2;
+constexpr uint32_t kMissingDisplayAdapter = 0x4;
+
+}  // namespace
+}  // namespace korvane
+
+using namespace korvane;
+
+VideoTunnelRenderer* VideoTunnelRenderer_create() { return new (std::nothrow) VideoTunnelRenderer; }
+
+VideoTunnelRenderer::VideoTunnelRenderer() {
+    if (readIntProperty(kFreeRunProperty, &mFreeRun)) {
+        RENDERER_LOGI(kLogInfo, "%s set = %d\n", kFreeRunProperty, mFreeRun);
+    } else {
+        RENDERER_LOGI(kLogInfo, "%s is not set used def = %d\n", kFreeRunProperty, mFreeRun);
+    }
+    refreshLogMask(gRendererLog, kRendererTag);
+    mTunnel = new VideoTunnelWraper;
+    RENDERER_LOGI(kLogInfo, "[%s] mFreeRun:%d mVideoSyncMode:%d\n", "VideoTunnelRenderer", mFreeRun,
+                  mVideoSyncMode);
+}
+
+VideoTunnelRenderer::~VideoTunnelRenderer() {
+    RENDERER_LOGI(kLogInfo, "[%s]\n", "~VideoTunnelRenderer");
+    if (mQueueRunning) {
+        RENDERER_LOGE("[%s] deleted while running, stopping first\n", "~VideoTunnelRenderer");
+        VideoTunnelRenderer::stop();
+    }
+    delete mTunnel.load();
+    delete mVideoSync.load();
+    delete mVideoSyncFRAC.load();
+    delete mDisplayAdapter.load();
+}
+
+int VideoTunnelRenderer::init(int hwSyncId) {
+    const auto bits = static_cast<uint32_t>(hwSyncId);
+    mTunerPassthrough = (bits & kModeMask) == kPassthroughMode;
+    mHwSyncId = mTunerPassthrough ? static_cast<int32_t>(bits & ~kPassthroughMode) : hwSyncId;
+    RENDERER_LOGI(kLogInfo, "[%s]mHwSyncId:0x%x tunerpassthrough:%d\n", "init",
+                  static_cast<unsigned>(mHwSyncId), mTunerPassthrough ? 1 : 0);
+
+    // A second call is no reset: it makes new objects beside those of the first, which are not freed,
+    // since a running drain thread may be inside them.
+    bindSyncInstance();
+    mVideoSyncFRAC = new VideoSyncFRAC;
+    mDisplayAdapter = new DisplayAdapterWraper;
+    mVsyncQueryCount = 0;
+    mVsyncPeriodNs = kPeriod60HzNs;
+    return 1;
+}
+
+// The adapter is published to the worker threads only once it is bound.
+void VideoTunnelRenderer::bindSyncInstance() {
+    auto* sync = new VideoSyncWraper;
+    if (mTunerPassthrough) {
+        sync->setPlayerInsNumber(mHwSyncId & kPlayerNumberMask);
+        sync->setParameter(kVideoSyncModeParameter, &mVideoSyncMode);
+    }
+
+    bool bound = false;
+    if (mHwSyncId > 0) {
+        if (!mTunerPassthrough) {
+            mHaveAudio = true;  // stays, even when the id turns out not to be bindable
+        }
+        bound = sync->bindInstance(static_cast<unsigned>(mHwSyncId), kVideoStream);
+        if (!bound) {
+            RENDERER_LOGI(kLogInfo,
+                          "[%s] alloc mediasync instance should error in audio, create in video",
+                          "init");
+        }
+    }
+    if (!bound) {
+        int syncId = -1;
+        sync->getSyncId(&syncId);
+        sync->bindInstance(static_cast<unsigned>(syncId), kVideoStream);
+    }
+
+    if (mTunerPassthrough) {
+        configurePassthrough(*sync);
+    } else {
+        sync->setSyncMode(kNoLeaderMode);
+    }
+    mVideoSync = sync;
+}
+
+void VideoTunnelRenderer::configurePassthrough(VideoSyncWraper& sync) {
+    sync.setSyncMode(kPassthroughSyncMode);
+    sync.setParameter(kParameter7, &mParam7Value);
+    sync.setParameter(kParameter9, &mParam9Value);
+    mVideoHolding = false;
+    mVideoSyncExited = false;
+}
+
+int VideoTunnelRenderer::getTunnelId() {
+    VideoTunnelWraper* tunnel = mTunnel;
+    if (tunnel == nullptr) {
+        RENDERER_LOGE("[%s] mTunnel is null!\n", "getTunnelId");
+        return -1;
+    }
+    if (mTunnelId < 0) {
+        mTunnelId = tunnel->allocTunnelId();
+    }
+    RENDERER_LOGI(kLogInfo, "[%s] mTunnelId:%d\n", "getTunnelId", mTunnelId);
+    return mTunnelId;
+}
+
+int VideoTunnelRenderer::start() {
+    RENDERER_LOGI(kLogInfo, "[%s]\n", "start");
+    if (mQueueRunning) {
+        RENDERER_LOGI(kLogInfo, "[%s]have started\n", "start");
+        return 1;
+    }
+    mQueueRunning = true;
+    mFillRunning = true;
+    mAudioSynced = false;
+    if (VideoTunnelWraper* tunnel = mTunnel) {
+        tunnel->connect();
+    }
+    startDrainVideo();
+    startFillVideo();
+    return 1;
+}
+
+// A thread that cannot be created is done without: frames then wait in the queue, or stay in the
+// tunnel, until `stop`.
+int VideoTunnelRenderer::startDrainVideo() {
+    mDrainThreadCreated = pthread_create(&mDrainThread, nullptr, drainVideoFrameThread, this) == 0;
+    return 1;
+}
+
+int VideoTunnelRenderer::startFillVideo() {
+    mFillThreadCreated = pthread_create(&mFillThread, nullptr, fillVideoFrameThread, this) == 0;
+    return 1;
+}
+
+// The order is part of the contract: first nothing new is taken, then every wait of the drain
+// thread ends, then the threads are joined, and only then the tunnel goes.
+int VideoTunnelRenderer::stop() {
+    RENDERER_LOGI(kLogInfo, "[%s:%d]\n", "stop", 233);
+    {
+        const std::lock_guard<std::mutex> guard(mInputLock);
+        if (!mQueueRunning) {
+            return 1;
+        }
+        mQueueRunning = false;
+        mVideoFrameInputQueue.clear();
+        mInputCond.notify_all();
+    }
+    {
+        const std::lock_guard<std::mutex> guard(mShowLock);
+        mShowCond.notify_all();
+    }
+    {
+        const std::lock_guard<std::mutex> guard(mRenderTimeLock);
+        mRenderTimeList.clear();
+    }
+    mFillRunning = false;
+    if (mDrainThreadCreated) {
+        pthread_join(mDrainThread, nullptr);
+        mDrainThreadCreated = false;
+    }
+    if (mFillThreadCreated) {
+        pthread_join(mFillThread, nullptr);
+        mFillThreadCreated = false;
+    }
+    if (VideoTunnelWraper* tunnel = mTunnel) {
+        tunnel->disconnect();
+        tunnel->freeTunnelId();  // mTunnelId keeps the number, so a later getTunnelId repeats it
+    }
+    mLastSyncMediaTimeUs = -1;
+    mLastFrameMediaTimeUs = -1;
+    RENDERER_LOGI(kLogInfo, "[%s:%d]\n", "stop", 261);
+    return 1;
+}
+
+// Deliberately takes neither mInputLock nor mShowLock, so that it never waits for a drain thread that
+// shows a first frame under them. The queue is sound by itself; a wait that is just beginning can
+// miss the notification and then ends at its own time: within 100 ms on the input queue, when its
+// frame is due on the show time. In pass-through mode the sync mode is left at 0 afterwards.
+int VideoTunnelRenderer::flush() {
+    RENDERER_LOGI(kLogInfo, "[%s]\n", "flush");
+    RENDERER_LOGI(kLogInfo, "[%s]mQueueRunning:%d mVideoFrameInputQueue.size():%d\n", "flush",
+                  mQueueRunning ? 1 : 0, static_cast<int>(mVideoFrameInputQueue.size()));
+    if (!mQueueRunning) {
+        return 1;
+    }
+    videoframe frame{};
+    while (mVideoFrameInputQueue.popFront(&frame)) {
+        returnFrame(frame.fd, false);
+        RENDERER_LOGD(kLogFrame, "[%s]queue:%d\n", "flush",
+                      static_cast<int>(mVideoFrameInputQueue.size()));
+    }
+    mFlushed = true;
+    mInputCond.notify_all();
+    mShowCond.notify_all();
+    if (VideoSyncWraper* sync = requireVideoSync("flush")) {
+        sync->setSyncMode(kNoLeaderMode);
+        anchorClock(0);
+    }
+    mFirstFramePeeked = false;
+    return 1;
+}
+
+int VideoTunnelRenderer::regCallBack(int type, VideoTunnelCallback callback, void* userData) {
+    if (type > kFrameStatusCallback || callback == nullptr) {
+        return -1;
+    }
+    const std::lock_guard<std::mutex> guard(mCallbackLock);
+    switch (type) {
+        case kFrameReturnCallback:
+            mFrameReturnCb = callback;
+            mFrameReturnUserData = userData;
+            break;
+        case kRenderTimeCallback:
+            mRenderTimeCb = callback;
+            mRenderTimeUserData = userData;
+            break;
+        case kFrameStatusCallback:
+            mFrameStatusCb = callback;
+            mFrameStatusUserData = userData;
+            break;
+        default:
+            break;  // a negative type is accepted and stored nowhere
+    }
+    return 0;
+}
+
+int VideoTunnelRenderer::setFrameRate(int frameRate) {
+    VideoSyncFRAC* tracker = mVideoSyncFRAC;
+    return tracker == nullptr ? 1 : static_cast<int>(tracker->setFrameRate(frameRate));
+}
+
+VideoSyncWraper* VideoTunnelRenderer::requireVideoSync(const char* operation) {
+    VideoSyncWraper* sync = mVideoSync;
+    if (sync == nullptr) {
+        reportMissing(kMissingVideoSync, operation, "mVideoSync");
+    }
+    return sync;
+}
+
+VideoSyncFRAC* VideoTunnelRenderer::requireVideoSyncFRAC(const char* operation) {
+    VideoSyncFRAC* tracker = mVideoSyncFRAC;
+    if (tracker == nullptr) {
+        reportMissing(kMissingVideoSyncFRAC, operation, "mVideoSyncFRAC");
+    }
+    return tracker;
+}
+
+DisplayAdapterWraper* VideoTunnelRenderer::requireDisplayAdapter(const char* operation) {
+    DisplayAdapterWraper* adapter = mDisplayAdapter;
+    if (adapter == nullptr) {
+        reportMissing(kMissingDisplayAdapter, operation, "mDisplayAdapter");
+    }
+    return adapter;
+}
+
+void VideoTunnelRenderer::reportMissing(uint32_t bit, const char* operation, const char* member) {
+    if ((mMissingReported.fetch_or(bit, std::memory_order_relaxed) & bit) == 0) {
+        RENDERER_LOGE("[%s] %s is null!\n", operation, member);
+    }
+}
+
+void VideoTunnelRenderer::checkLayout() {
+    static_assert(sizeof(std::atomic<bool>) == 1 && sizeof(std::atomic<int32_t>) == 4 &&
+                      sizeof(std::atomic<int64_t>) == 8,
+                  "shared members keep the size of the plain type");
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Winvalid-offsetof"  // both compilers lay this class out plainly
+    static_assert(offsetof(VideoTunnelRenderer, mParam9Extra) ==
+                      offsetof(VideoTunnelRenderer, mParam9Value) + sizeof(int32_t),
+                  "the sync instance reaches mParam9Extra through mParam9Value's address");
+#pragma GCC diagnostic pop
+}

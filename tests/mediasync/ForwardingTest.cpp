@@ -1,0 +1,320 @@
+// VideoSyncWraper as a pipe: what goes in comes out at the service unchanged, and each operation
+// logs and answers as it should. The test supplies the MediaSync class itself, as a process may,
+// and so sees every call in its place among the log lines.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "mediasync/VideoSyncWraper.h"
+#include "tests/support/LogCapture.h"
+
+namespace {
+
+using korvane::test::LogCapture;
+using testing::ElementsAre;
+using testing::ElementsAreArray;
+using testing::IsEmpty;
+
+LogCapture* gCapture = nullptr;
+int gStatus = 0;
+int gClients = 0;
+
+/// Records a call of the service and gives the status that the test chose.
+template <typename... Arguments>
+int called(const char* operation, Arguments... arguments) {
+    std::ostringstream text;
+    text << "call " << operation;
+    ((text << ' ' << arguments), ...);
+    gCapture->add(text.str());
+    return gStatus;
+}
+
+/// As a service does: an output is written on success only.
+template <typename Value>
+int answered(int status, Value* out, Value value) {
+    if (status == 0) {
+        *out = value;
+    }
+    return status;
+}
+
+}  // namespace
+
+MediaSync::MediaSync() {
+    ++gClients;
+}
+MediaSync::~MediaSync() {
+    --gClients;
+}
+int MediaSync::setPlayerInsNumber(int number) {
+    return called("setPlayerInsNumber", number);
+}
+int MediaSync::allocInstance(int demuxId, int pcrPid, int* id) {
+    return answered(called("allocInstance", demuxId, pcrPid), id, 8);
+}
+int MediaSync::bindInstance(unsigned int id, sync_stream_type type) {
+    return called("bindInstance", id, type);
+}
+int MediaSync::setSyncMode(sync_mode mode) {
+    return called("setSyncMode", mode);
+}
+int MediaSync::getSyncMode(sync_mode* mode) {
+    return answered(called("getSyncMode"), mode, MEDIA_SYNC_AMASTER);
+}
+int MediaSync::setPause(bool pause) {
+    return called("setPause", pause);
+}
+int MediaSync::getPause(bool* paused) {
+    return answered(called("getPause"), paused, true);
+}
+int MediaSync::updateAnchor(long mediaUs, long realUs, long maxUs, bool fromVideo) {
+    return called("updateAnchor", mediaUs, realUs, maxUs, fromVideo);
+}
+int MediaSync::getMediaTime(long realUs, long* out, bool allowPastMaxTime) {
+    return answered(called("getMediaTime", realUs, allowPastMaxTime), out, 5'000'000'000L);
+}
+int MediaSync::getRealTimeFor(long mediaUs, long* out) {
+    return answered(called("getRealTimeFor", mediaUs), out, 6'000'000'000L);
+}
+int MediaSync::getRealTimeForNextVsync(long* out) {
+    return answered(called("getRealTimeForNextVsync"), out, 7'000'000'000L);
+}
+int MediaSync::reset() {
+    return called("reset");
+}
+int MediaSync::getTrackMediaTime(long* out) {
+    return answered(called("getTrackMediaTime"), out, 1L);
+}
+int MediaSync::getStartingTimeMedia(long* out) {
+    return answered(called("getStartingTimeMedia"), out, 2L);
+}
+int MediaSync::setUpdateTimeThreshold(long threshold) {
+    return called("setUpdateTimeThreshold", threshold);
+}
+int MediaSync::getUpdateTimeThreshold(long* out) {
+    return answered(called("getUpdateTimeThreshold"), out, 3L);
+}
+int MediaSync::setParameter(mediasync_parameter type, void* arg) {
+    return called("setParameter", type, *static_cast<int*>(arg));
+}
+int MediaSync::getParameter(mediasync_parameter type, void* arg) {
+    return answered(called("getParameter", type), static_cast<int*>(arg), 4);
+}
+int MediaSync::queueVideoFrame(long vpts, int size, int duration, mediasync_time_unit unit) {
+    return called("queueVideoFrame", vpts, size, duration, unit);
+}
+int MediaSync::VideoProcess(long vpts, long lastVpts, mediasync_time_unit unit,
+                            mediasync_video_policy* policy) {
+    return answered(called("VideoProcess", vpts, lastVpts, unit), policy,
+                    mediasync_video_policy{MEDIASYNC_VIDEO_HOLD, 0, 9, 0});
+}
+
+namespace {
+
+enum class Trace { None, Before, After };
+
+/// The outputs that operations write, preset so that an unwritten one is recognised.
+struct Outputs {
+    sync_mode mode = static_cast<sync_mode>(255);
+    long time = -7;
+    bool flag = false;
+    int number = -7;
+    mediasync_video_policy policy{};
+};
+
+struct Operation {
+    std::string name;
+    std::function<bool(VideoSyncWraper&, Outputs&)> run;
+    std::string call;  ///< as the service sees it
+    Trace when = Trace::None;
+    int bit = 0;
+    std::string trace = {};
+    std::string traceOnFailure = {};  ///< where an output is part of it
+};
+
+int gParameter = 41;
+
+const std::vector<Operation> kOperations = {
+    {"setPlayerInsNumber", [](auto& sync, auto&) { return sync.setPlayerInsNumber(255); },
+     "setPlayerInsNumber 255", Trace::After, 1, "I [setPlayerInsNumber] PlayerInsNumber:255\n"},
+    {"bindInstance",
+     [](auto& sync, auto&) { return sync.bindInstance(4'294'967'295U, MEDIA_AUDIO); },
+     "bindInstance 4294967295 1", Trace::After, 1, "I [bindInstance] SyncInsId:-1, streamtype:1\n"},
+    {"setSyncMode", [](auto& sync, auto&) { return sync.setSyncMode(MEDIA_SYNC_PCRMASTER); },
+     "setSyncMode 2", Trace::Before, 1, "I [setSyncMode]mode:2 \n"},
+    {"getSyncMode", [](auto& sync, auto& out) { return sync.getSyncMode(&out.mode); },
+     "getSyncMode", Trace::After, 4, "D [getSyncMode]mode:1 \n", "D [getSyncMode]mode:255 \n"},
+    {"setPause", [](auto& sync, auto&) { return sync.setPause(true); }, "setPause 1"},
+    {"getPause", [](auto& sync, auto& out) { return sync.getPause(&out.flag); }, "getPause"},
+    {"updateAnchor", [](auto& sync, auto&) { return sync.updateAnchor(1L << 40, -2, 3); },
+     "updateAnchor 1099511627776 -2 3 1", Trace::Before, 2,
+     "D [updateAnchor]anchorTimeMediaUs:1099511627776, anchorTimeRealUs:-2, maxTimeMediaUs:3 \n"},
+    {"getMediaTime", [](auto& sync, auto& out) { return sync.getMediaTime(9, &out.time, true); },
+     "getMediaTime 9 1", Trace::After, 4,
+     "D [getMediaTime]realUs:9, outMediaUs:5000000000, allowPastMaxTime:1 \n",
+     "D [getMediaTime]realUs:9, outMediaUs:-7, allowPastMaxTime:1 \n"},
+    {"getRealTimeFor", [](auto& sync, auto& out) { return sync.getRealTimeFor(-9, &out.time); },
+     "getRealTimeFor -9", Trace::After, 4,
+     "D [getRealTimeFor]targetMediaUs:-9, outRealUs:6000000000 \n",
+     "D [getRealTimeFor]targetMediaUs:-9, outRealUs:-7 \n"},
+    {"getRealTimeForNextVsync",
+     [](auto& sync, auto& out) { return sync.getRealTimeForNextVsync(&out.time); },
+     "getRealTimeForNextVsync", Trace::After, 4,
+     "D [getRealTimeForNextVsync]outRealUs:7000000000 \n",
+     "D [getRealTimeForNextVsync]outRealUs:-7 \n"},
+    {"reset", [](auto& sync, auto&) { return sync.reset(); }, "reset", Trace::Before, 1,
+     "I [reset] \n"},
+    {"getSyncId", [](auto& sync, auto& out) { return sync.getSyncId(&out.number); },
+     "allocInstance 0 0", Trace::Before, 1, "I [getSyncId] \n"},
+    {"getTrackMediaTime", [](auto& sync, auto& out) { return sync.getTrackMediaTime(&out.time); },
+     "getTrackMediaTime"},
+    {"getStartingTimeMedia",
+     [](auto& sync, auto& out) { return sync.getStartingTimeMedia(&out.time); },
+     "getStartingTimeMedia"},
+    {"setUpdateTimeThreshold", [](auto& sync, auto&) { return sync.setUpdateTimeThreshold(77); },
+     "setUpdateTimeThreshold 77"},
+    {"getUpdateTimeThreshold",
+     [](auto& sync, auto& out) { return sync.getUpdateTimeThreshold(&out.time); },
+     "getUpdateTimeThreshold"},
+    {"setParameter",
+     [](auto& sync, auto&) { return sync.setParameter(MEDIASYNC_KEY_PARAM9, &gParameter); },
+     "setParameter 9 41", Trace::Before, 1, "I [setParameter] \n"},
+    {"getParameter",
+     [](auto& sync, auto& out) { return sync.getParameter(MEDIASYNC_KEY_PARAM7, &out.number); },
+     "getParameter 7", Trace::Before, 1, "I [getParameter] \n"},
+    {"queueVideoFrame",
+     [](auto& sync, auto&) { return sync.queueVideoFrame(123, 4, 5, MEDIASYNC_UNIT_PTS); },
+     "queueVideoFrame 123 4 5 2"},
+    {"VideoProcess",
+     [](auto& sync, auto& out) {
+         return sync.VideoProcess(30, 20, MEDIASYNC_UNIT_US, &out.policy);
+     },
+     "VideoProcess 30 20 1"},
+};
+
+class VideoSyncWraperForwarding : public testing::Test {
+protected:
+    VideoSyncWraperForwarding() { gCapture = &mLog; }
+    ~VideoSyncWraperForwarding() override {
+        gCapture = nullptr;
+        gStatus = 0;
+        korvane::tv::clearProperties();
+    }
+
+    /// What an operation is to leave behind, in order.
+    static std::vector<std::string> expected(const Operation& operation, int mask, int status) {
+        std::vector<std::string> events = {"call " + operation.call};
+        const bool ownText = status != 0 && !operation.traceOnFailure.empty();
+        const std::string& trace = ownText ? operation.traceOnFailure : operation.trace;
+        if (operation.when != Trace::None && (mask & operation.bit) != 0) {
+            events.insert(operation.when == Trace::Before ? events.begin() : events.end(), trace);
+        }
+        if (status != 0) {
+            events.push_back("E [" + operation.name + "]err:" + std::to_string(status) + " \n");
+        }
+        return events;
+    }
+
+    LogCapture mLog{"VideoSyncWraper"};
+};
+
+TEST_F(VideoSyncWraperForwarding, passesEachCallOnAndLogsItUnderItsOwnBit) {
+    ASSERT_EQ(kOperations.size(), 20U);
+    for (const int mask : {0, 1, 2, 4, 0x10, 0x17}) {
+        korvane::test::setLogMaskProperty(mask);
+        VideoSyncWraper sync;
+        mLog.take();
+        for (const int status : {0, -22, 7}) {
+            gStatus = status;
+            for (const Operation& operation : kOperations) {
+                SCOPED_TRACE(operation.name + " mask " + std::to_string(mask) + " status " +
+                             std::to_string(status));
+                Outputs outputs;
+                EXPECT_EQ(operation.run(sync, outputs), status == 0);
+                EXPECT_THAT(mLog.take(), ElementsAreArray(expected(operation, mask, status)));
+            }
+        }
+    }
+}
+
+TEST_F(VideoSyncWraperForwarding, handsOutWhatTheServiceAnswered) {
+    VideoSyncWraper sync;
+    Outputs out;
+    EXPECT_TRUE(sync.getSyncId(&out.number));
+    EXPECT_EQ(out.number, 8);
+    EXPECT_TRUE(sync.getParameter(MEDIASYNC_KEY_PARAM7, &out.number));
+    EXPECT_EQ(out.number, 4);
+    EXPECT_TRUE(sync.getPause(&out.flag));
+    EXPECT_TRUE(out.flag);
+    EXPECT_TRUE(sync.getTrackMediaTime(&out.time));
+    EXPECT_EQ(out.time, 1);
+    EXPECT_TRUE(sync.getStartingTimeMedia(&out.time));
+    EXPECT_EQ(out.time, 2);
+    EXPECT_TRUE(sync.getUpdateTimeThreshold(&out.time));
+    EXPECT_EQ(out.time, 3);
+    EXPECT_TRUE(sync.VideoProcess(1, 0, MEDIASYNC_UNIT_US, &out.policy));
+    EXPECT_EQ(out.policy.videopolicy, MEDIASYNC_VIDEO_HOLD);
+    EXPECT_EQ(out.policy.realtimeUs, 9);
+}
+
+TEST_F(VideoSyncWraperForwarding, stubsDoNothingAndSucceedEvenWhereTheServiceFails) {
+    korvane::test::setLogMaskProperty(0x17);
+    VideoSyncWraper sync;
+    gStatus = -1;
+    mLog.take();
+    float rate = 0.5F;
+    EXPECT_TRUE(sync.setPlaybackRate(2.0F));
+    EXPECT_TRUE(sync.getPlaybackRate(&rate));
+    EXPECT_EQ(rate, 0.5F);
+    EXPECT_TRUE(sync.setStartingTimeMedia(5));
+    EXPECT_TRUE(sync.clearAnchor());
+    EXPECT_THAT(mLog.take(), IsEmpty());
+}
+
+TEST_F(VideoSyncWraperForwarding, ownsOneClient) {
+    {
+        const VideoSyncWraper sync;
+        EXPECT_EQ(gClients, 1);
+    }
+    EXPECT_EQ(gClients, 0);
+    EXPECT_EQ(sizeof(VideoSyncWraper), sizeof(void*));
+}
+
+TEST_F(VideoSyncWraperForwarding, constructorReadsTheLogMask) {
+    const std::string name = "I vendor.korvane.loglevels";
+    korvane::test::setLogMaskProperty(1);
+    { const VideoSyncWraper sync; }
+    EXPECT_THAT(mLog.take(), ElementsAre(name + " set = 1\n"));
+
+    korvane::tv::clearProperties();
+    { const VideoSyncWraper sync; }
+    EXPECT_THAT(mLog.take(), ElementsAre(name + " is not set used def = 1\n"));
+
+    struct Case {
+        const char* value;
+        std::vector<std::string> lines;
+    };
+    // As atoi reads text: leading blanks and sign, then digits; no number is 0, which is silent.
+    const std::vector<Case> cases = {
+        {" 23 bits", {name + " set = 23\n"}},
+        {"", {name + " is not set used def = 23\n"}},
+        {"-1", {name + " set = -1\n"}},
+        {"0x17", {}},
+        {"", {}},
+        {"none", {}},
+        {"6", {}},
+        {"4294967297", {name + " set = 1\n"}},
+    };
+    for (const Case& each : cases) {
+        SCOPED_TRACE(each.value);
+        korvane::tv::setProperty("vendor.korvane.loglevels", each.value);
+        const VideoSyncWraper sync;
+        EXPECT_THAT(mLog.take(), ElementsAreArray(each.lines));
+    }
+}
+
+}  // namespace

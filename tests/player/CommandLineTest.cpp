@@ -1,0 +1,168 @@
+// Durations, rates and the command line.
+#include <gmock/gmock.h>
+
+#include <vector>
+
+#include "player/PlayOptions.h"
+#include "player/Progress.h"
+
+namespace korvane::player {
+namespace {
+
+using ::testing::HasSubstr;
+using ::testing::Not;
+
+TEST(Units, DurationsAreReadWithTheirUnit) {
+    const std::vector<std::pair<const char*, int64_t>> good = {
+        {"2s", 2'000'000}, {"200ms", 200'000}, {"500us", 500},   {"1.5", 1'500'000},
+        {"0", 0},          {".5s", 500'000},   {"0.0000004s", 0}};
+    for (const auto& [text, us] : good) {
+        EXPECT_EQ(parseDuration(text), us) << text;
+    }
+    for (const char* text :
+         {"", "s", "ms", "2x", "-1s", "1e3", "0x10", "inf", "nan", "1 s", "1.2.3", "99999999999"}) {
+        EXPECT_FALSE(parseDuration(text).has_value()) << text;
+    }
+}
+
+TEST(Units, PairsNeedBothHalves) {
+    EXPECT_EQ(parseDurationPair("5s:800ms")->secondUs, 800'000);
+    for (const char* text : {"5s", "5s:", ":5s", "a:b"}) {
+        EXPECT_FALSE(parseDurationPair(text).has_value()) << text;
+    }
+}
+
+TEST(Units, NumbersAreWrittenShort) {
+    EXPECT_EQ(rate(24), "24");
+    EXPECT_EQ(rate(60000.0 / 1001), "59.94");
+    EXPECT_EQ(rate(24000.0 / 1001), "23.976");
+    EXPECT_EQ(rateInHundredths(30000.0 / 1001), 2997);
+    EXPECT_EQ(signedMilliseconds(12'340), "+12.3 ms");
+    EXPECT_EQ(signedMilliseconds(-500), "-0.5 ms");
+    EXPECT_EQ(counted(1, "frame"), "1 frame");
+}
+
+TEST(Progress, BarFillsWithTheShare) {
+    EXPECT_EQ(progressBar(0.0, 4), "[>   ]");
+    EXPECT_EQ(progressBar(0.5, 4), "[==> ]");
+    EXPECT_EQ(progressBar(7.0, 4), "[====]");
+}
+
+CommandLine parse(std::vector<const char*> arguments) {
+    arguments.insert(arguments.begin(), "korvane-tv");
+    return parseCommandLine(static_cast<int>(arguments.size()), arguments.data(), "version 1");
+}
+
+TEST(CommandLine, ReadsEveryOption) {
+    const auto play = parse({"play",
+                             "film.mp4",
+                             "--rate",
+                             "59.94",
+                             "--display-drift",
+                             "-200",
+                             "--vsync-jitter",
+                             "1ms",
+                             "--audio-delay",
+                             "2s",
+                             "--audio-drift",
+                             "50",
+                             "--audio-underflow",
+                             "1s:500ms",
+                             "--audio-underflow",
+                             "2s:100ms",
+                             "--passthrough",
+                             "--peek",
+                             "--seek",
+                             "3s:10s",
+                             "--flush-at",
+                             "1s",
+                             "--video-stall",
+                             "2s:300ms",
+                             "--seconds",
+                             "5",
+                             "--buffers",
+                             "8",
+                             "--log",
+                             "0x3",
+                             "--prop",
+                             "a=b=c",
+                             "--trace",
+                             "t",
+                             "--csv",
+                             "c",
+                             "--json",
+                             "j",
+                             "-q"})
+                          .play;
+    EXPECT_EQ(play.file, "film.mp4");
+    EXPECT_EQ(play.rateHz, 59.94);
+    EXPECT_EQ(play.displayDriftPpm, -200);
+    EXPECT_EQ(play.vsyncJitterUs, 1000);
+    EXPECT_EQ(play.audioDelayUs, 2'000'000);
+    EXPECT_EQ(play.audioDriftPpm, 50);
+    ASSERT_EQ(play.underflows.size(), 2U);
+    EXPECT_EQ(play.underflows[1].atMediaUs, 2'000'000);
+    EXPECT_TRUE(play.passthrough && play.peek && play.quiet && !play.noAudio);
+    ASSERT_EQ(play.seeks.size(), 2U);
+    EXPECT_TRUE(play.seeks[0].inPlace) << "seeks come in the order of their times";
+    EXPECT_EQ(play.seeks[1].toUs, 10'000'000);
+    EXPECT_EQ(play.videoStalls.at(0).durationUs, 300'000);
+    EXPECT_EQ(play.limitUs, 5'000'000);
+    EXPECT_EQ(play.buffers, 8);
+    EXPECT_EQ(play.logMask, 3);
+    EXPECT_EQ(play.properties.at(0).second, "b=c");
+}
+
+TEST(CommandLine, HelpNamesEveryOption) {
+    EXPECT_THAT(parse({"--help"}).text, HasSubstr("play"));
+    EXPECT_EQ(parse({"--version"}).text, "version 1\n");
+    const std::string help = parse({"play", "--help"}).text;
+    for (const char* option : {"--rate",        "--display-drift", "--vsync-jitter",
+                               "--audio-delay", "--audio-drift",   "--audio-underflow",
+                               "--no-audio",    "--passthrough",   "--peek",
+                               "--seek",        "--flush-at",      "--video-stall",
+                               "--seconds",     "--buffers",       "--log",
+                               "--prop",        "--trace",         "--csv",
+                               "--json",        "--quiet",         "Exit status"}) {
+        EXPECT_THAT(help, HasSubstr(option));
+    }
+}
+
+struct Wrong {
+    std::vector<const char*> arguments;
+    const char* says;
+};
+
+TEST(CommandLine, WhatIsWrongIsToldInOneLine) {
+    const std::vector<Wrong> wrongs = {
+        {{}, "no command given"},
+        {{"paly", "x"}, "'paly' is no command"},
+        {{"play"}, "no file given"},
+        {{"play", "x", "y"}, "too many: y"},
+        {{"play", "x", "--bogus"}, "--bogus"},
+        {{"play", "x", "--rate"}, "--rate takes one value"},
+        {{"play", "x", "--rate", "60", "--rate", "50"}, "may be given once"},
+        {{"play", "x", "--rate", "0"}, "--rate: '0' is not between 10 and 500"},
+        {{"play", "x", "--rate", "nan"}, "'nan'"},
+        {{"play", "x", "--audio-delay", "2x"}, "'2x' is not a duration"},
+        {{"play", "x", "--seek", "3"}, "'3' is not a pair"},
+        {{"play", "x", "--seconds", "0"}, "more than 0"},
+        {{"play", "x", "--vsync-jitter", "1s"}, "at most 5ms"},
+        {{"play", "x", "--buffers", "4"}, "between 5 and 64"},
+        {{"play", "x", "--log", "-1"}, "log mask"},
+        {{"play", "x", "--prop", "=b"}, "NAME=VALUE"},
+        {{"play", "x", "--peek=2"}, "--peek"},
+    };
+    for (const auto& wrong : wrongs) {
+        try {
+            parse(wrong.arguments);
+            ADD_FAILURE() << "accepted; expected: " << wrong.says;
+        } catch (const UsageError& error) {
+            EXPECT_THAT(error.what(), HasSubstr(wrong.says));
+            EXPECT_THAT(error.what(), Not(HasSubstr("\n")));
+        }
+    }
+}
+
+}  // namespace
+}  // namespace korvane::player

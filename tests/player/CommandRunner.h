@@ -1,0 +1,36 @@
+// Runs a command as a person would and keeps what it said: exit status, standard output and error,
+// and, for the player, its summary as read from --json.
+#pragma once
+
+#include <chrono>
+#include <map>
+#include <string>
+#include <vector>
+
+namespace korvane::test {
+
+struct Command {
+    std::vector<std::string> arguments;  ///< program first
+    /// This signal is sent after this long; 0: none.
+    int signal = 0;
+    std::chrono::milliseconds signalAfter{0};
+    /// Standard output goes here instead of being kept.
+    std::string outputPath;
+};
+
+struct CommandResult {
+    int status = -1;  ///< exit status, or the number of the signal that killed it plus 128
+    std::string output;
+    std::string error;
+    std::chrono::milliseconds took{0};
+};
+
+/// Runs it to its end. Several may run at the same time, from different threads.
+CommandResult runCommand(const Command& command);
+
+/// Reads a flat JSON object with one key per line; texts lose their quotes.
+std::map<std::string, std::string> readFlatJson(const std::string& path);
+
+std::string readFile(const std::string& path);
+
+}  // namespace korvane::test

@@ -1,0 +1,172 @@
+// Every frame counted once, by what the TV's record and the callbacks say; drops with a reason.
+#include <gmock/gmock.h>
+
+#include "player/DropReason.h"
+#include "player/FrameLedger.h"
+
+namespace korvane::player {
+namespace {
+
+using tv::BufferFate;
+using tv::BufferRecord;
+
+/// A small language: what happens to frames 0, 1, 2, ... in turn.
+class LedgerTest : public ::testing::Test {
+protected:
+    int64_t send() {
+        const int64_t number = mLedger.frames();
+        return mLedger.sent(number * 40'000, 0, static_cast<int>(number), 1000 + number, false);
+    }
+    void back(int64_t frame, bool rendered, bool insideFlush = false,
+              DropReason reason = DropReason::None) {
+        mLedger.returned({frame, 5000, rendered, insideFlush, reason, DropEvidence::Values});
+    }
+    void inTunnel(int64_t frame, BufferFate fate, int64_t takenBackNs = 0) {
+        BufferRecord entry;
+        entry.frameNo = frame;
+        entry.fate = fate;
+        entry.takenBackNs = takenBackNs;
+        mRecord.push_back(entry);
+    }
+    std::vector<FrameEntry> settle() { return mLedger.settle(mRecord); }
+
+    FrameLedger mLedger;
+    std::vector<BufferRecord> mRecord;
+};
+
+TEST_F(LedgerTest, EachFrameGetsOneOutcome) {
+    for (int i = 0; i < 9; ++i) {
+        send();
+    }
+    inTunnel(0, BufferFate::Shown, 7000);
+    back(0, true);
+    back(1, false, false, DropReason::Late);
+    inTunnel(2, BufferFate::Superseded, 7000);
+    back(2, true);
+    back(3, false, true);
+    back(4, true);  // never in the tunnel: refused at show time
+    inTunnel(5, BufferFate::OnScreen);
+    inTunnel(6, BufferFate::DiscardedByDisconnect);
+    const auto frames = settle();
+    const std::vector<Outcome> expected = {
+        Outcome::Shown,          Outcome::Dropped,         Outcome::Superseded,
+        Outcome::Flushed,        Outcome::Refused,         Outcome::Shown,
+        Outcome::InTunnelAtStop, Outcome::DiscardedByStop, Outcome::DiscardedByStop};
+    for (size_t i = 0; i < expected.size(); ++i) {
+        EXPECT_EQ(frames[i].outcome, expected[i]) << "frame " << i;
+    }
+    EXPECT_EQ(frames[1].dropReason, DropReason::Late);
+    int64_t sum = 0;
+    for (const int64_t count : countOutcomes(frames)) {
+        sum += count;
+    }
+    EXPECT_EQ(sum, 9);
+}
+
+TEST_F(LedgerTest, AFrameWithoutAccountBeforeOneWithIsLost) {
+    send();
+    send();
+    send();
+    inTunnel(0, BufferFate::Shown);
+    back(2, false);
+    EXPECT_EQ(settle()[1].outcome, Outcome::Lost);
+}
+
+TEST_F(LedgerTest, AFlushSaysNothingAboutAnEarlierFrameThatIsStillHeld) {
+    send();
+    send();
+    back(1, false, true);
+    EXPECT_EQ(settle()[0].outcome, Outcome::DiscardedByStop);
+}
+
+TEST_F(LedgerTest, ARenderTimeWithoutATunnelEntryIsLost) {
+    send();
+    mLedger.renderTime(0, 123, std::nullopt);
+    EXPECT_EQ(settle()[0].outcome, Outcome::Lost);
+}
+
+TEST_F(LedgerTest, HandedBackTwiceAndShownAfterAllCountsOnceAsShown) {
+    send();
+    back(0, false, false, DropReason::Flush);
+    back(0, true);
+    inTunnel(0, BufferFate::Superseded);
+    inTunnel(0, BufferFate::Shown);
+    const auto frames = settle();
+    EXPECT_EQ(frames[0].outcome, Outcome::Shown);
+    EXPECT_EQ(frames[0].dropReason, DropReason::None);
+    EXPECT_EQ(frames[0].returns, 2);
+    EXPECT_EQ(frames[0].tunnelEntries, 2);
+}
+
+TEST_F(LedgerTest, ABufferTakenOutOfTheTunnelAndNotHandedBackIsKept) {
+    send();
+    send();
+    inTunnel(0, BufferFate::Shown, 7000);
+    inTunnel(1, BufferFate::Shown, 0);  // still in the tunnel at stop, as always some are
+    const auto frames = settle();
+    EXPECT_TRUE(frames[0].bufferKept);
+    EXPECT_FALSE(frames[1].bufferKept);
+}
+
+TEST_F(LedgerTest, SettledMeansBackOrRendered) {
+    send();
+    send();
+    EXPECT_EQ(mLedger.unsettled(), 2);
+    mLedger.renderTime(0, 123, 456);
+    back(0, true);
+    EXPECT_EQ(mLedger.unsettled(), 1);
+    EXPECT_EQ(mLedger.positionUs(), 0);
+    back(1, false);
+    EXPECT_EQ(mLedger.unsettled(), 0);
+}
+
+TEST_F(LedgerTest, ForeignPicturesTouchNoFrame) {
+    send();
+    inTunnel(-1, BufferFate::Shown);
+    inTunnel(17, BufferFate::Shown);
+    EXPECT_EQ(settle()[0].outcome, Outcome::DiscardedByStop);
+}
+
+struct DropCase {
+    const char* name;
+    DropValues values;
+    DropReason reason;
+};
+
+TEST(DropReason, FollowsFromTheValues) {
+    // passthrough, hasAudio, flushing, mode, underflowSeen, lateUs, vsyncPeriodUs
+    const std::vector<DropCase> cases = {
+        {"flush wins", {true, true, true, 0, true, 90'000, 16'683}, DropReason::Flush},
+        {"pass-through", {true, false, false, 2, false, 0, 16'683}, DropReason::Policy},
+        {"no clock yet", {false, true, false, 0, false, 90'000, 16'683}, DropReason::BeforeAudio},
+        {"mode 0 alone is no audio",
+         {false, false, false, 0, false, 41'000, 16'683},
+         DropReason::Late},
+        {"late", {false, true, false, 1, false, 40'001, 16'683}, DropReason::Late},
+        {"moved by a vsync", {false, true, false, 1, false, 24'000, 16'683}, DropReason::Late},
+        {"on time", {false, true, false, 1, false, 20'000, 16'683}, DropReason::Unknown},
+        {"after underflow",
+         {false, true, false, 1, true, 16'000, 16'683},
+         DropReason::UnderflowCatchUp},
+        {"long after underflow", {false, true, false, 1, true, 90'000, 16'683}, DropReason::Late},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(dropReasonFromValues(c.values), c.reason) << c.name;
+    }
+}
+
+TEST(DropReason, IsReadFromTheLibrarysLines) {
+    const std::vector<std::pair<const char*, DropReason>> lines = {
+        {"[drainVideoFrame]drop frame for sync audio:1\n", DropReason::BeforeAudio},
+        {"[drainVideoFrame]drop 7 to catch up audio after underflow\n",
+         DropReason::UnderflowCatchUp},
+        {"[drainVideoFrame]drop = frameNo:3 mediatimeus:1", DropReason::Late},
+        {"MEDIASYNC_VIDEO_DROP mediaTimeUs:5\n", DropReason::Policy}};
+    for (const auto& [line, reason] : lines) {
+        EXPECT_EQ(dropReasonFromLog(line), reason) << line;
+    }
+    EXPECT_FALSE(dropReasonFromLog("[dropFrame] drop pts:5\n").has_value());
+}
+
+}  // namespace
+}  // namespace korvane::player

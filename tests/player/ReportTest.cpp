@@ -1,0 +1,246 @@
+// From a playback's record to the summary, its text and its files.
+#include "player/Report.h"
+
+#include <gmock/gmock.h>
+
+#include <algorithm>
+#include <sstream>
+
+#include "player/BufferPool.h"
+
+extern "C" {
+#include <libavutil/frame.h>
+#include <libavutil/pixfmt.h>
+}
+
+namespace korvane::player {
+namespace {
+
+using ::testing::AllOf;
+using ::testing::EndsWith;
+using ::testing::HasSubstr;
+using ::testing::Not;
+
+constexpr int64_t kVsyncNs = 16'666'667;
+
+/// A playback of 24 fps on 60 Hz whose frames stayed on screen for these numbers of vsyncs;
+/// 0: superseded, -1: dropped late.
+PlaybackRecord playbackOf(const std::vector<int>& dwells) {
+    PlaybackRecord record;
+    record.media.path = "film \"one\".mp4";
+    record.media.frameRateHz = 24;
+    record.withAudio = true;
+    record.displayHz = 60;
+    record.startNs = 1'000'000'000;
+    record.sections = {{record.startNs, record.startNs / 1000 + 50'000}};
+    int64_t vsync = 70;
+    for (const int dwell : dwells) {
+        FrameEntry frame;
+        frame.frameNo = static_cast<int64_t>(record.frames.size());
+        frame.mediaTimeUs = frame.frameNo * 41'667;
+        if (dwell < 0) {
+            frame.outcome = Outcome::Dropped;
+            frame.dropReason = DropReason::Late;
+            frame.returns = 1;
+            record.frames.push_back(frame);
+            continue;
+        }
+        tv::BufferRecord entry;
+        entry.frameNo = frame.frameNo;
+        entry.dwellVsyncs = dwell;
+        entry.releasedNs = (vsync + dwell) * kVsyncNs;
+        if (dwell > 0) {
+            entry.firstVsync = {vsync, vsync * kVsyncNs};
+            frame.clockRealUs = entry.firstVsync.timeNs / 1000 - 5'000;
+        }
+        frame.outcome = dwell > 0 ? Outcome::Shown : Outcome::Superseded;
+        frame.record = entry;
+        record.frames.push_back(frame);
+        vsync += dwell;
+    }
+    return record;
+}
+
+std::vector<int> pulldown(size_t frames) {
+    std::vector<int> dwells;
+    for (size_t i = 0; i < frames; ++i) {
+        dwells.push_back(i % 2 == 0 ? 3 : 2);
+    }
+    return dwells;
+}
+
+TEST(Report, AnEvenPlaybackIsSaidToBe) {
+    const auto record = playbackOf(pulldown(48));
+    const Summary summary = summarise(record);
+    EXPECT_TRUE(summary.ok());
+    EXPECT_THAT(summary.verdict, AllOf(HasSubstr("Even: [3:2] held"), HasSubstr("stayed"),
+                                       EndsWith("every buffer back.")));
+    EXPECT_EQ(summary.sections.at(0).seen, "[3:2]");
+    EXPECT_EQ(summary.sections.at(0).heldAfterUs, 70 * kVsyncNs / 1000 - 1'050'000);
+    EXPECT_EQ(summary.offsetUs.median, 5'000);
+    EXPECT_EQ(summary.count(Outcome::Shown), 48);
+}
+
+TEST(Report, AnUnexpectedDwellIsListedWithItsCause) {
+    auto dwells = pulldown(48);
+    dwells[30] = 8;
+    dwells.insert(dwells.begin() + 31, {-1, -1});
+    const auto record = playbackOf(dwells);
+    const Summary summary = summarise(record);
+    EXPECT_TRUE(summary.ok());
+    EXPECT_EQ(summary.unexpected, 1);
+    const auto& found = summary.sections.at(0).breaks.at(0);
+    EXPECT_EQ(found.frameNo, 30);
+    EXPECT_EQ(found.dwell, 8);
+    EXPECT_EQ(found.expected, 3);
+    EXPECT_EQ(found.cause, "the next frame was dropped: late");
+    EXPECT_EQ(summary.drops.at(DropReason::Late).runs.longest, 2);
+    std::ostringstream text;
+    printReport(text, record, summary, false);
+    EXPECT_THAT(text.str(), AllOf(HasSubstr("frame 30 at 1.250 s: 8 instead of 3"),
+                                  HasSubstr("dropped, late: 2 in 1 run, longest 2")));
+}
+
+TEST(Report, AClockStopIsGivenAsTheCause) {
+    auto dwells = pulldown(48);
+    dwells[30] = 33;
+    auto record = playbackOf(dwells);
+    const int64_t shownUs = record.frames[30].record->firstVsync.timeNs / 1000;
+    record.clockStops = {{shownUs + 10'000, shownUs + 510'000}};
+    EXPECT_THAT(summarise(record).sections.at(0).breaks.at(0).cause, HasSubstr("audio underflow"));
+}
+
+TEST(Report, TheVerdictNamesWhatIsMissing) {
+    auto record = playbackOf(pulldown(48));
+    record.frames[20].outcome = Outcome::Lost;
+    record.frames[20].record.reset();
+    record.buffersKept = 2;
+    const Summary summary = summarise(record);
+    EXPECT_FALSE(summary.ok());
+    EXPECT_THAT(summary.verdict, AllOf(HasSubstr("FAULT: 1 frame without an account"),
+                                       HasSubstr("2 buffers never came back")));
+}
+
+TEST(Report, AVaryingRateHasNoPatternToKeep) {
+    auto record = playbackOf(pulldown(48));
+    for (size_t i = 0; i < record.frames.size(); ++i) {
+        record.frames[i].mediaTimeUs += i % 3 == 0 ? 15'000 : 0;
+    }
+    const Summary summary = summarise(record);
+    EXPECT_TRUE(summary.variableRate);
+    EXPECT_THAT(summary.verdict, HasSubstr("rate varies"));
+}
+
+TEST(Report, ARateThatTheFileGetsWrongIsMeasured) {
+    auto record = playbackOf(pulldown(48));
+    record.media.frameRateHz = 50;
+    EXPECT_NEAR(summarise(record).contentHz, 24, 0.01);
+}
+
+TEST(Report, NothingShownIsSaid) {
+    auto record = playbackOf({});
+    EXPECT_THAT(summarise(record).verdict, HasSubstr("Nothing was shown"));
+}
+
+TEST(Report, JsonIsFlatAndEscaped) {
+    const auto record = playbackOf(pulldown(48));
+    std::ostringstream json;
+    writeJson(json, record, summarise(record));
+    EXPECT_THAT(json.str(), AllOf(HasSubstr("  \"file\": \"film \\\"one\\\".mp4\",\n"),
+                                  HasSubstr("  \"frames_shown\": 48,\n"), EndsWith("\n}\n")));
+}
+
+TEST(Report, CsvHasAsManyFieldsInEveryLine) {
+    const auto record = playbackOf({3, 2, 0, -1, 3});
+    std::ostringstream csv;
+    writeCsv(csv, record);
+    std::istringstream lines(csv.str());
+    std::string line;
+    std::getline(lines, line);
+    const auto commas = std::count(line.begin(), line.end(), ',');
+    size_t frames = 0;
+    while (std::getline(lines, line)) {
+        EXPECT_EQ(std::count(line.begin(), line.end(), ','), commas) << line;
+        ++frames;
+    }
+    EXPECT_EQ(frames, 5U);
+}
+
+TEST(Spread, TakesNearestRanksAndTheFarthestValue) {
+    std::vector<int64_t> values;
+    for (int64_t i = 1; i <= 100; ++i) {
+        values.push_back(i);
+    }
+    values.push_back(-500);
+    const Spread spread = spreadOf(values);
+    EXPECT_EQ(spread.median, 50);
+    EXPECT_EQ(spread.p99, 99);
+    EXPECT_EQ(spread.worst, -500);
+    EXPECT_EQ(spreadOf({}).samples, 0);
+}
+
+class BufferPoolTest : public ::testing::Test {
+protected:
+    BufferPoolTest() : mPicture(av_frame_alloc()) {
+        mPicture->format = AV_PIX_FMT_YUV420P;
+        resize(64, 32);
+    }
+    ~BufferPoolTest() override { av_frame_free(&mPicture); }
+    void resize(int width, int height) {
+        av_frame_unref(mPicture);
+        mPicture->format = AV_PIX_FMT_YUV420P;
+        mPicture->width = width;
+        mPicture->height = height;
+        ASSERT_EQ(av_frame_get_buffer(mPicture, 0), 0);
+    }
+    int take(BufferPool& pool, int64_t frameNo) {
+        const int buffer = pool.acquire(std::chrono::milliseconds(0));
+        pool.fill(buffer, *mPicture, frameNo, frameNo * 1000);
+        return buffer;
+    }
+    AVFrame* mPicture;
+};
+
+TEST_F(BufferPoolTest, APictureIsReadBackFromItsDescriptorWhateverItsSize) {
+    BufferPool pool(2);
+    EXPECT_EQ(tv::readPicture(pool.fd(take(pool, 7))).frameNo, 7);
+    resize(640, 480);
+    const int large = take(pool, 8);
+    const auto header = tv::readPicture(pool.fd(large));
+    EXPECT_EQ(header.frameNo, 8);
+    EXPECT_EQ(header.width, 640U);
+    EXPECT_EQ(header.mediaTimeUs, 8000);
+}
+
+TEST_F(BufferPoolTest, ABufferHandedBackTwiceIsTakenOnce) {
+    BufferPool pool(2);
+    const int first = take(pool, 0);
+    take(pool, 1);
+    EXPECT_EQ(pool.acquire(std::chrono::milliseconds(1)), -1);
+    pool.giveBack(pool.fd(first));
+    pool.giveBack(pool.fd(first));
+    pool.giveBack(12345);
+    EXPECT_EQ(take(pool, 2), first);
+    EXPECT_EQ(pool.acquire(std::chrono::milliseconds(0)), -1) << "one buffer came back, not two";
+    pool.takeBackAll();
+    const PoolReport report = pool.report();
+    EXPECT_EQ(report.returnedByCallback, 1);
+    EXPECT_EQ(report.returnedAgain, 1);
+    EXPECT_EQ(report.unknownReturned, 1);
+    EXPECT_EQ(report.takenBackAtStop, 2);
+    EXPECT_EQ(report.lowestFree, 0);
+}
+
+TEST_F(BufferPoolTest, TheBufferThatCameBackFirstIsReusedFirst) {
+    BufferPool pool(3);
+    const int a = take(pool, 0);
+    const int b = take(pool, 1);
+    pool.giveBack(pool.fd(b));
+    pool.giveBack(pool.fd(a));
+    take(pool, 2);  // the one that was never out
+    EXPECT_EQ(take(pool, 3), b);
+    EXPECT_EQ(take(pool, 4), a);
+}
+
+}  // namespace
+}  // namespace korvane::player

@@ -1,0 +1,31 @@
+#!/bin/sh
+# make-clips.sh DIRECTORY: the clips and the bad inputs of the play tests, once. What was made by an
+# earlier run is kept; the marker at the end says that all of it is there.
+set -eu
+
+mkdir -p "$1"
+cd "$1"
+[ ! -e made ] || exit 0
+
+clip() { # name, frames per second, seconds
+    ffmpeg -v error -y -f lavfi -i "testsrc2=size=320x180:rate=$2:duration=$3" \
+        -f lavfi -i "sine=frequency=440:sample_rate=48000:duration=$3" \
+        -c:v mpeg4 -q:v 5 -c:a aac -movflags +faststart -shortest "$1"
+}
+
+clip 24.mp4 24 3
+clip 23.976.mp4 24000/1001 3
+clip 25.mp4 25 3
+clip 30.mp4 30 3
+clip 60.mp4 60 3
+ffmpeg -v error -y -i 24.mp4 -c copy -an silent.mp4
+ffmpeg -v error -y -i 24.mp4 -c copy 24.mkv
+ffmpeg -v error -y -f lavfi -i sine=duration=1 tone.wav
+size=$(wc -c <24.mp4)
+head -c $((size * 6 / 10)) 24.mp4 >half.mp4
+head -c $((size * 6 / 10)) 24.mkv >half.mkv
+head -c 500 24.mp4 >cut.mp4
+head -c 50000 /dev/urandom >noise.mp4
+echo 'no film at all' >text.txt
+: >empty.mp4
+touch made

@@ -1,0 +1,155 @@
+// A renderer on the simulated TV, stepped by the test.
+//
+// The clock is the test's own and no thread runs: the test calls the drain thread's operations one by
+// one and reads what the tunnel was given, what came back and what was logged.
+#pragma once
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "VideoTunnelRenderer.h"
+#include "mediasync/VideoSyncWraper.h"
+#include "tests/support/ManualClock.h"
+#include "tv/Platform.h"
+#include "tv/Tv.h"
+#include "videotunnel/VideoTunnelWraper.h"
+
+/// Reaches what the renderer keeps to itself.
+struct VideoTunnelRendererPeer {
+    VideoTunnelRenderer& r;
+
+    /// The state that `start` makes, without its threads.
+    void pretendStarted() {
+        r.mQueueRunning = true;
+        r.mAudioSynced = false;
+        r.mTunnel.load()->connect();
+    }
+    void pretendStopped() { r.mQueueRunning = false; }
+
+    int drain(videoframe frame) { return r.drainVideoFrame(&frame); }
+    int show(videoframe frame, int64_t presentationTimeUs) {
+        return r.showFrame(&frame, presentationTimeUs);
+    }
+    int syncWithAudio(videoframe frame) { return r.syncWithAudio(&frame); }
+    bool take(videoframe* frame) { return r.getNeedShowVideoFrame(frame); }
+    void peekCheck() { r.firstFrameVpeekCheck(); }
+    void checkPause() { r.checkPauseTrackMediaTime(); }
+    void process(int64_t mediaTimeUs, bool* show, int64_t* realTimeUs) {
+        r.onVideoSyncProcess(mediaTimeUs, show, 0, realTimeUs);
+    }
+    void setFirstFrameQueued() { r.mFirstFrameQueued = true; }
+    void setAudioSynced() { r.mAudioSynced = true; }
+    void setUnderflow(bool pending) {
+        r.mUnderflow = true;
+        r.mCatchUpDropping = false;
+        r.mCatchUpPending = pending;
+    }
+    void setParam9Extra(int32_t value) { r.mParam9Extra = value; }
+
+    bool underflow() const { return r.mUnderflow; }
+    bool catchUpPending() const { return r.mCatchUpPending; }
+    bool audioSynced() const { return r.mAudioSynced; }
+    bool haveAudio() const { return r.mHaveAudio; }
+    bool passthrough() const { return r.mTunerPassthrough; }
+    bool flushed() const { return r.mFlushed; }
+    bool holding() const { return r.mVideoHolding; }
+    int32_t holdCount() const { return r.mVideoHoldCount; }
+    int32_t hwSyncId() const { return r.mHwSyncId; }
+    int32_t frameInCount() const { return r.mFrameInCount; }
+    int32_t frameOutCount() const { return r.mFrameOutCount; }
+    int32_t vsyncPeriodNs() const { return r.mVsyncPeriodNs; }
+    int64_t anchorMediaTimeUs() const { return r.mAnchorMediaTimeUs; }
+    int64_t pauseMediaTimeUs() const { return r.mPauseMediaTimeUs; }
+    size_t queued() const { return r.mVideoFrameInputQueue.size(); }
+    size_t pendingRenderTimes() const { return r.mRenderTimeList.size(); }
+    const rendertime& lastRenderTime() const { return r.mRenderTimeList.back(); }
+};
+
+namespace korvane::test {
+
+/// A buffer that came back, in the tests' notation: fd and `rendered`.
+struct Returned {
+    int fd;
+    int rendered;
+    bool operator==(const Returned& other) const {
+        return fd == other.fd && rendered == other.rendered;
+    }
+    friend std::ostream& operator<<(std::ostream& out, const Returned& value) {
+        return out << "{fd " << value.fd << ", rendered " << value.rendered << "}";
+    }
+};
+
+class RendererTest : public ::testing::Test {
+protected:
+    static constexpr int kFd = 10'000;  // no open descriptor: a buffer without a picture
+    static constexpr const char* kTag = "Korvane_VideoTunnelRenderer";
+
+    void SetUp() override {
+        tv::clearProperties();
+        tv::openLog(8);
+        tv::observeLog([this](const tv::LogLine& line) { log.push_back(line); });
+        tv::TvConfig config;
+        config.displayThread = false;
+        mTv = tv::Tv::powerOn(config);
+    }
+
+    void TearDown() override {
+        if (renderer != nullptr) {
+            peer().pretendStopped();
+            renderer.reset();
+        }
+        tv::observeLog(nullptr);
+        mTv->powerOff();
+        tv::clearProperties();
+        // The mask outlives a renderer: leave the next test the one it starts with.
+        tv::setProperty("vendor.korvane.loglevels", "1");
+        delete VideoTunnelRenderer_create();
+        tv::clearProperties();
+    }
+
+    /// A renderer with a type-2 callback, bound to `clock` and ready to be stepped.
+    void make(int logMask, bool audio, bool passthrough = false) {
+        tv::setProperty("vendor.korvane.loglevels", std::to_string(logMask));
+        clock = mTv->mediaSync().create();
+        renderer.reset(VideoTunnelRenderer_create());
+        renderer->init(audio || passthrough ? clock->id() | (passthrough ? 0x10000 : 0) : 0);
+        if (!audio && !passthrough) {
+            clock = mTv->mediaSync().instances().back();
+        }
+        renderer->regCallBack(2, &RendererTest::onStatus, this);
+        tunnelId = renderer->getTunnelId();
+        peer().pretendStarted();
+        log.clear();
+    }
+
+    VideoTunnelRendererPeer peer() { return {*renderer}; }
+
+    std::vector<tv::BufferRecord> queuedBuffers() { return mTv->tunnel().record(tunnelId); }
+
+    int64_t count(const std::string& text) const {
+        return std::count_if(log.begin(), log.end(), [&](const tv::LogLine& line) {
+            return line.text.find(text) != std::string::npos;
+        });
+    }
+
+    static int onStatus(void* self, void* info) {
+        const auto* status = static_cast<framestatus*>(info);
+        static_cast<RendererTest*>(self)->returned.push_back({status->fd, status->rendered});
+        return 0;
+    }
+
+    ManualClock time;
+    std::shared_ptr<tv::Tv> mTv;
+    std::shared_ptr<tv::SyncInstance> clock;
+    std::unique_ptr<VideoTunnelRenderer> renderer;
+    int tunnelId = -1;
+    std::vector<Returned> returned;
+    std::vector<tv::LogLine> log;
+};
+
+}  // namespace korvane::test

@@ -1,0 +1,243 @@
+// The renderer's threads against the TV's, in real time: nothing here depends on how long a step
+// takes, only on what must have happened at its end.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <pthread.h>
+
+#include <atomic>
+#include <map>
+#include <mutex>
+#include <thread>
+
+#include "VideoTunnelRenderer.h"
+#include "tests/support/ManualClock.h"
+#include "tv/AudioOutput.h"
+#include "tv/Platform.h"
+#include "tv/Tv.h"
+
+namespace korvane::test {
+namespace {
+
+constexpr int kFirstFd = 10'000;
+
+class ThreadsTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        tv::openLog(8);
+        tv::setProperty("vendor.korvane.loglevels", "0");
+        tv::observeLog([this](const tv::LogLine& line) {
+            const std::lock_guard<std::mutex> guard(lock);
+            ++lines[line.text];
+        });
+        mTv = tv::Tv::powerOn({});
+    }
+    void TearDown() override {
+        renderer.reset();
+        mTv->powerOff();
+        tv::observeLog(nullptr);
+        tv::clearProperties();
+    }
+
+    void make(int hwSyncId) {
+        renderer.reset(VideoTunnelRenderer_create());
+        renderer->init(hwSyncId);
+        renderer->regCallBack(2, &ThreadsTest::onStatus, this);
+        renderer->getTunnelId();
+    }
+
+    static int onStatus(void* self, void* info) {
+        auto* test = static_cast<ThreadsTest*>(self);
+        const std::lock_guard<std::mutex> guard(test->lock);
+        ++test->timesReturned[static_cast<framestatus*>(info)->fd];
+        return 0;
+    }
+    size_t returnedBuffers() {
+        const std::lock_guard<std::mutex> guard(lock);
+        return timesReturned.size();
+    }
+
+    int linesLogged(const std::string& text) {
+        const std::lock_guard<std::mutex> guard(lock);
+        return lines[text];
+    }
+
+    std::shared_ptr<tv::Tv> mTv;
+    std::unique_ptr<VideoTunnelRenderer> renderer;
+    std::mutex lock;
+    std::map<std::string, int> lines;
+    std::map<int, int> timesReturned;
+};
+
+TEST_F(ThreadsTest, TunnelIdIsAllocatedOnceAndKeptAfterStop) {
+    make(0);
+    const int id = renderer->getTunnelId();
+    EXPECT_GE(id, 0);
+    EXPECT_EQ(1, mTv->tunnel().allocatedIds());
+    renderer->start();
+    renderer->stop();
+    EXPECT_EQ(0, mTv->tunnel().allocatedIds());
+    EXPECT_EQ(id, renderer->getTunnelId());
+    EXPECT_EQ(0, mTv->tunnel().allocatedIds());
+}
+
+TEST_F(ThreadsTest, StartAndStopDoNothingTheSecondTime) {
+    tv::setProperty("vendor.korvane.loglevels", "1");
+    make(0);
+    EXPECT_EQ(1, renderer->stop());
+    EXPECT_EQ(1, renderer->start());
+    EXPECT_EQ(1, renderer->start());
+    EXPECT_EQ(1, mTv->tunnel().connectedTunnels());
+    EXPECT_EQ(1, renderer->stop());
+    EXPECT_EQ(1, renderer->stop());
+    EXPECT_EQ(1, linesLogged("[start]have started\n"));
+    EXPECT_EQ(1, linesLogged("[stop:261]\n"));
+    EXPECT_EQ(0, mTv->tunnel().connectedTunnels());
+}
+
+TEST_F(ThreadsTest, ReleasedBuffersAndRenderTimesReachThePlayer) {
+    make(0);
+    std::atomic<int> renderTimes{0};
+    renderer->regCallBack(
+        1,
+        [](void* data, void*) {
+            ++*static_cast<std::atomic<int>*>(data);
+            return 0;
+        },
+        &renderTimes);
+    renderer->start();
+    renderer->updateVideoTime(0);
+    constexpr int kFrames = 20;
+    for (int i = 0; i < kFrames; ++i) {
+        renderer->sendVideoFrame(kFirstFd + i, i * 40'000L, false);
+    }
+    // The last two stay in the tunnel: fewer than three are never taken back.
+    EXPECT_TRUE(eventually([&] { return returnedBuffers() >= kFrames - 2; }));
+    EXPECT_TRUE(eventually([&] {
+        return renderTimes + static_cast<int>(returnedBuffers()) >= 2 * kFrames - 2;
+    }));
+    renderer->stop();
+    EXPECT_EQ(static_cast<size_t>(kFrames - 2), returnedBuffers());
+    EXPECT_EQ(0, mTv->tunnel().connectedTunnels());
+}
+
+TEST_F(ThreadsTest, StopEndsEveryWait) {
+    struct Case {
+        const char* what;
+        bool audio;
+        int frames;
+        long gapUs;
+    };
+    constexpr long kHourUs = 3'600'000'000;
+    for (const Case& c : {Case{"no frame was ever sent", false, 0, 0},
+                          Case{"one frame, audio expected", true, 1, 0},
+                          Case{"audio never starts", true, 3, 40'000},
+                          Case{"a frame is due in an hour", false, 2, kHourUs}}) {
+        SCOPED_TRACE(c.what);
+        make(c.audio ? mTv->mediaSync().create()->id() : 0);
+        renderer->updateVideoTime(1);
+        renderer->start();
+        for (int i = 0; i < c.frames; ++i) {
+            renderer->sendVideoFrame(kFirstFd + i, 1 + i * c.gapUs, false);
+        }
+        std::this_thread::yield();
+        renderer->stop();  // joins both threads: a wait that went on would hang here
+        EXPECT_EQ(0, mTv->tunnel().allocatedIds());
+        renderer.reset();
+    }
+}
+
+TEST_F(ThreadsTest, FlushWhileDrainingReturnsEachFrameOnce) {
+    make(0);
+    renderer->updateVideoTime(0);
+    renderer->start();
+    constexpr int kFrames = 400;
+    std::thread flusher([&] {
+        for (int i = 0; i < 200; ++i) {
+            renderer->flush();
+            renderer->peekFirstFrame();
+        }
+    });
+    for (int i = 0; i < kFrames; ++i) {
+        // Far in the past: dropped by the drain thread unless the flush gets it first.
+        renderer->sendVideoFrame(kFirstFd + i, -1'000'000'000L - i, (i % 2) != 0);
+    }
+    flusher.join();
+    EXPECT_TRUE(eventually([&] {
+        renderer->flush();
+        return returnedBuffers() + mTv->tunnel().record().size() >= kFrames;
+    }));
+    renderer->stop();
+    for (const auto& [fd, times] : timesReturned) {
+        EXPECT_EQ(1, times) << fd;
+    }
+}
+
+TEST_F(ThreadsTest, FiftyStartsAndStopsInARowLeaveNothingBehind) {
+    for (int i = 0; i < 50; ++i) {
+        make(i % 2 == 0 ? 0 : mTv->mediaSync().create()->id());
+        renderer->start();
+        renderer->sendVideoFrame(kFirstFd, 0, false);
+        renderer->sendVideoFrame(kFirstFd + 1, 40'000, false);
+        renderer->stop();
+        renderer.reset();
+    }
+    EXPECT_EQ(0, mTv->tunnel().openDevices());
+    EXPECT_EQ(0, mTv->tunnel().allocatedIds());
+    EXPECT_EQ(0, mTv->tunnel().connectedTunnels());
+}
+
+TEST_F(ThreadsTest, WrongCallingOrderCostsNoCrash) {
+    renderer.reset(VideoTunnelRenderer_create());
+    renderer->regCallBack(2, &ThreadsTest::onStatus, this);
+    renderer->start();
+    renderer->sendVideoFrame(kFirstFd, 0, false);
+    EXPECT_TRUE(eventually([&] { return returnedBuffers() == 1; }));
+    renderer->flush();
+    renderer->init(mTv->mediaSync().create()->id());  // late, under the running threads
+    renderer->sendVideoFrame(kFirstFd + 1, 40'000, false);
+    renderer->sendVideoFrame(kFirstFd + 2, 80'000, false);
+    renderer->flush();
+    renderer->stop();
+}
+
+TEST_F(ThreadsTest, DeletingARunningRendererStopsItWithAnError) {
+    make(0);
+    renderer->start();
+    renderer.reset();
+    EXPECT_EQ(1, linesLogged("[~VideoTunnelRenderer] deleted while running, stopping first\n"));
+    EXPECT_EQ(0, mTv->tunnel().openDevices());
+}
+
+TEST_F(ThreadsTest, RefusedThreadsAreDoneWithout) {
+    // No machine has room for stacks of this size, so creating a thread by default fails.
+    pthread_attr_t usual;
+    pthread_attr_t enormous;
+    ASSERT_EQ(0, pthread_getattr_default_np(&usual));
+    ASSERT_EQ(0, pthread_getattr_default_np(&enormous));
+    ASSERT_EQ(0, pthread_attr_setstacksize(&enormous, size_t{1} << 46));
+    make(0);
+    ASSERT_EQ(0, pthread_setattr_default_np(&enormous));
+    renderer->start();
+    ASSERT_EQ(0, pthread_setattr_default_np(&usual));
+    pthread_attr_destroy(&usual);
+    pthread_attr_destroy(&enormous);
+    renderer->sendVideoFrame(kFirstFd, 0, false);
+    renderer->flush();
+    EXPECT_EQ(1u, returnedBuffers());
+    EXPECT_EQ(1, renderer->stop());
+    EXPECT_EQ(0, mTv->tunnel().connectedTunnels());
+}
+
+TEST_F(ThreadsTest, NoTvAtAllIsLoggedNotFatal) {
+    mTv->powerOff();
+    make(5);
+    EXPECT_LT(renderer->getTunnelId(), 0);
+    renderer->start();
+    renderer->sendVideoFrame(kFirstFd, 1, false);
+    renderer->sendVideoFrame(kFirstFd + 1, 40'001, false);
+    renderer->flush();
+    renderer->stop();
+}
+
+}  // namespace
+}  // namespace korvane::test

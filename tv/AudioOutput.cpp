@@ -1,0 +1,100 @@
+// The thread around the audio model: it steps the model when the model asks for it and after every
+// operation, and sleeps in between.
+#include "tv/AudioOutput.h"
+
+#include <algorithm>
+#include <chrono>
+#include <condition_variable>
+#include <limits>
+#include <mutex>
+#include <thread>
+
+#include "tv/AudioModel.h"
+#include "tv/Tv.h"
+
+namespace korvane::tv {
+
+struct AudioOutput::Impl {
+    Impl(std::shared_ptr<SyncInstance> instance, const AudioConfig& config)
+        : model(std::move(instance), config), thread([this] { run(); }) {}
+
+    void run();
+    /// One operation on the model, which the thread then follows up.
+    template <typename Operation>
+    void change(Operation operation) {
+        {
+            const std::lock_guard<std::mutex> guard(lock);
+            operation(nowNs() / 1000);
+        }
+        wake.notify_one();
+    }
+
+    mutable std::mutex lock;
+    std::condition_variable wake;
+    AudioModel model;
+    bool stopping = false;
+    std::thread thread;  // last: it uses the others from its first moment
+};
+
+void AudioOutput::Impl::run() {
+    // A wait is cut into pieces of this length, so that a clock that is stepped by hand is
+    // followed.
+    constexpr int64_t kLongestWaitUs = 1'000'000;
+    std::unique_lock<std::mutex> guard(lock);
+    while (!stopping) {
+        const int64_t nowUs = nowNs() / 1000;
+        const int64_t nextUs = model.step(nowUs);
+        if (nextUs == std::numeric_limits<int64_t>::max()) {
+            wake.wait(guard);
+        } else if (nextUs > nowUs) {
+            wake.wait_for(guard,
+                          std::chrono::microseconds(std::min(nextUs - nowUs, kLongestWaitUs)));
+        }
+    }
+}
+
+AudioOutput::AudioOutput(std::shared_ptr<SyncInstance> instance, const AudioConfig& config)
+    : mImpl(std::make_unique<Impl>(std::move(instance), config)) {}
+
+AudioOutput::~AudioOutput() {
+    stop();
+}
+
+void AudioOutput::queue(int64_t mediaTimeUs, int64_t durationUs) {
+    mImpl->change([&](int64_t nowUs) { mImpl->model.queue(mediaTimeUs, durationUs, nowUs); });
+}
+
+void AudioOutput::endOfStream() {
+    mImpl->change([&](int64_t) { mImpl->model.endOfStream(); });
+}
+
+void AudioOutput::pause() {
+    mImpl->change([&](int64_t nowUs) { mImpl->model.pause(nowUs); });
+}
+
+void AudioOutput::resume() {
+    mImpl->change([&](int64_t nowUs) { mImpl->model.resume(nowUs); });
+}
+
+void AudioOutput::flush() {
+    mImpl->change([&](int64_t) { mImpl->model.flush(); });
+}
+
+void AudioOutput::stop() {
+    mImpl->change([&](int64_t) { mImpl->stopping = true; });
+    if (mImpl->thread.joinable()) {
+        mImpl->thread.join();
+    }
+}
+
+AudioReport AudioOutput::report() const {
+    const std::lock_guard<std::mutex> guard(mImpl->lock);
+    return mImpl->model.report();
+}
+
+std::string AudioOutput::dump() const {
+    const std::lock_guard<std::mutex> guard(mImpl->lock);
+    return mImpl->model.dump();
+}
+
+}  // namespace korvane::tv

@@ -1,0 +1,142 @@
+// The vsync grid is a list of segments, one per mode. A vsync's time is computed from its segment's
+// origin and its number each time it is asked for, rounded once, so no error ever adds up.
+#include "tv/Display.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace korvane::tv {
+namespace {
+
+constexpr double kNsPerSecond = 1e9;
+
+}  // namespace
+
+double displayRateHz(double nominalHz) {
+    constexpr double kBroadcastRates[] = {23.976, 29.97, 47.952, 59.94, 119.88};
+    constexpr double kTolerance = 0.0005;  // the names above are written with up to three decimals
+    for (const double rate : kBroadcastRates) {
+        if (std::fabs(nominalHz - rate) < kTolerance) {
+            return std::round(rate * 1.001) * 1000.0 / 1001.0;
+        }
+    }
+    return nominalHz;
+}
+
+Display::Display(const DisplayConfig& config) : mConfig(config), mJitter(config.seed) {
+    mSegments.push_back(makeSegment(0, config.originNs, config.rateHz));
+}
+
+Display::Segment Display::makeSegment(int64_t firstIndex, int64_t originNs, double rateHz) const {
+    const double reportedNs = kNsPerSecond / rateHz;
+    return {firstIndex, originNs, reportedNs / (1.0 + mConfig.driftPpm * 1e-6),
+            static_cast<int32_t>(reportedNs), rateHz};
+}
+
+int64_t Display::timeOf(const Segment& segment, int64_t index) {
+    const auto periods = static_cast<double>(index - segment.firstIndex);
+    return segment.originNs + std::llround(periods * segment.periodNs);
+}
+
+const Display::Segment& Display::segmentAt(int64_t timeNs) const {
+    for (auto segment = mSegments.rbegin(); segment != mSegments.rend(); ++segment) {
+        if (segment->originNs <= timeNs) {
+            return *segment;
+        }
+    }
+    return mSegments.front();
+}
+
+Vsync Display::lastLocked(int64_t timeNs) const {
+    const Segment& segment = segmentAt(timeNs);
+    if (timeNs < segment.originNs) {
+        return {-1, timeOf(segment, -1)};
+    }
+    const auto sinceOriginNs = static_cast<double>(timeNs - segment.originNs);
+    int64_t index =
+        segment.firstIndex + static_cast<int64_t>(std::floor(sinceOriginNs / segment.periodNs));
+    // The division can land one beside the rounded times that the grid is made of.
+    while (timeOf(segment, index) > timeNs) {
+        --index;
+    }
+    while (timeOf(segment, index + 1) <= timeNs) {
+        ++index;
+    }
+    return {index, timeOf(segment, index)};
+}
+
+Vsync Display::vsyncLocked(int64_t index) const {
+    for (auto segment = mSegments.rbegin(); segment != mSegments.rend(); ++segment) {
+        if (segment->firstIndex <= index) {
+            return {index, timeOf(*segment, index)};
+        }
+    }
+    return {index, timeOf(mSegments.front(), index)};
+}
+
+Vsync Display::lastVsyncAt(int64_t timeNs) const {
+    const std::lock_guard<std::mutex> guard(mLock);
+    return lastLocked(timeNs);
+}
+
+Vsync Display::nextVsyncAfter(int64_t timeNs) const {
+    const std::lock_guard<std::mutex> guard(mLock);
+    return vsyncLocked(lastLocked(timeNs).index + 1);
+}
+
+Vsync Display::vsync(int64_t index) const {
+    const std::lock_guard<std::mutex> guard(mLock);
+    return vsyncLocked(index);
+}
+
+double Display::periodNsAt(int64_t timeNs) const {
+    const std::lock_guard<std::mutex> guard(mLock);
+    return segmentAt(timeNs).periodNs;
+}
+
+double Display::rateHz() const {
+    const std::lock_guard<std::mutex> guard(mLock);
+    return mSegments.back().rateHz;
+}
+
+bool Display::report(int64_t nowNs, VsyncReport* out) {
+    const std::lock_guard<std::mutex> guard(mLock);
+    ++mReportCount;
+    if (mReportFails) {
+        return false;
+    }
+    const int64_t jitterNs = mConfig.reportJitterNs;
+    std::uniform_int_distribution<int64_t> error(-jitterNs, jitterNs);
+    out->timestampNs = lastLocked(nowNs).timeNs + (jitterNs > 0 ? error(mJitter) : 0);
+    out->periodNs = mPeriodOverridden ? mPeriodOverrideNs : segmentAt(nowNs).reportedPeriodNs;
+    return true;
+}
+
+void Display::changeMode(int64_t atNs, double rateHz) {
+    const std::lock_guard<std::mutex> guard(mLock);
+    const Vsync start = vsyncLocked(lastLocked(atNs - 1).index + 1);
+    // What was to change at or after this moment no longer will.
+    mSegments.erase(
+        std::remove_if(mSegments.begin(), mSegments.end(),
+                       [&](const Segment& segment) { return segment.originNs >= start.timeNs; }),
+        mSegments.end());
+    mSegments.push_back(makeSegment(start.index, start.timeNs, rateHz));
+}
+
+void Display::setReportFails(bool fails) {
+    const std::lock_guard<std::mutex> guard(mLock);
+    mReportFails = fails;
+}
+
+void Display::setReportedPeriodNs(int32_t periodNs) {
+    const std::lock_guard<std::mutex> guard(mLock);
+    mPeriodOverridden = true;
+    mPeriodOverrideNs = periodNs;
+}
+
+int64_t Display::reportCount() const {
+    const std::lock_guard<std::mutex> guard(mLock);
+    return mReportCount;
+}
+
+}  // namespace korvane::tv

@@ -1,0 +1,104 @@
+// The display: a true vsync grid and what it reports of it.
+//
+// Vsync k happens at origin + k periods exactly (the period is a real number of nanoseconds and is
+// never accumulated, so the grid does not wander). What the display reports to software is the
+// time of the last vsync, with the configured jitter, and the period in whole nanoseconds. A mode
+// change takes effect at the first vsync at or after the time asked for and starts a new segment of
+// the grid there; vsync numbers go on counting.
+//
+//   rate      true period ns     reported ns   in the renderer, us
+//   60        16666666.67        16666666      16666   ("60HZ")
+//   59.94     16683333.33        16683333      16683   ("59.94HZ")
+//   50        20000000           20000000      20000   (no pattern handling)
+#pragma once
+
+#include <cstdint>
+#include <mutex>
+#include <random>
+#include <vector>
+
+namespace korvane::tv {
+
+struct DisplayConfig {
+    /// Vsyncs per second. Use `displayRateHz` for nominal broadcast rates.
+    double rateHz = 60.0;
+    /// How far the true rate is off the reported one, in parts per million; positive is fast.
+    double driftPpm = 0.0;
+    /// Largest error, either way, of a reported vsync time.
+    int64_t reportJitterNs = 0;
+    /// Time of vsync 0 on the monotonic clock; 0: when the TV is switched on.
+    int64_t originNs = 0;
+    /// Seed of the report jitter.
+    uint64_t seed = 1;
+};
+
+/// The exact rate behind a nominal one: 59.94 is 60000/1001, likewise 23.976, 29.97, 47.952 and
+/// 119.88; any other number is itself.
+double displayRateHz(double nominalHz);
+
+/// One vsync of the grid.
+struct Vsync {
+    int64_t index = 0;
+    int64_t timeNs = 0;
+};
+
+/// What software is told: time of the last vsync and the period.
+struct VsyncReport {
+    int64_t timestampNs = 0;
+    int32_t periodNs = 0;
+};
+
+/// All operations may be called from any thread.
+class Display {
+public:
+    explicit Display(const DisplayConfig& config);
+
+    /// The last vsync at or before a time (index -1 before vsync 0).
+    Vsync lastVsyncAt(int64_t timeNs) const;
+    /// The first vsync after a time.
+    Vsync nextVsyncAfter(int64_t timeNs) const;
+    Vsync vsync(int64_t index) const;
+    /// The true period in force at a time.
+    double periodNsAt(int64_t timeNs) const;
+    /// The rate last asked for.
+    double rateHz() const;
+
+    /// What the display tells software at a time. Queries are counted.
+    /// @return false while the report is switched off
+    bool report(int64_t nowNs, VsyncReport* out);
+
+    /// Changes the rate at the first vsync at or after a time, which is now or ahead of it. Changes
+    /// asked for earlier that would come at or after that vsync are forgotten.
+    void changeMode(int64_t atNs, double rateHz);
+
+    /// Faults: the report fails; or it succeeds with this period (0 or less upsets naive callers).
+    void setReportFails(bool fails);
+    void setReportedPeriodNs(int32_t periodNs);
+    int64_t reportCount() const;
+
+private:
+    struct Segment {
+        int64_t firstIndex;
+        int64_t originNs;
+        double periodNs;
+        int32_t reportedPeriodNs;
+        double rateHz;
+    };
+    // The following need mLock.
+    Segment makeSegment(int64_t firstIndex, int64_t originNs, double rateHz) const;
+    static int64_t timeOf(const Segment& segment, int64_t index);
+    const Segment& segmentAt(int64_t timeNs) const;
+    Vsync lastLocked(int64_t timeNs) const;
+    Vsync vsyncLocked(int64_t index) const;
+
+    DisplayConfig mConfig;
+    mutable std::mutex mLock;
+    std::vector<Segment> mSegments;
+    std::mt19937_64 mJitter;
+    bool mReportFails = false;
+    bool mPeriodOverridden = false;
+    int32_t mPeriodOverrideNs = 0;
+    int64_t mReportCount = 0;
+};
+
+}  // namespace korvane::tv

@@ -1,0 +1,391 @@
+// An instance is a handful of values under one lock; every operation is one step on them. Who leads
+// is kept apart from the mode, because in pass-through the mode does not tell. A pass-through
+// policy that was put in place from outside is called without the lock.
+#include "tv/MediaSyncService.h"
+
+#include <algorithm>
+#include <cinttypes>
+#include <cstdio>
+
+#include "platform/Clock.h"
+
+namespace korvane::tv {
+namespace {
+
+constexpr int64_t kUnset = -1;
+/// Audio re-anchors above this error: half of what an output may be off before it is noticed
+/// (EBU R37: 15 ms late per stage, 5 ms early).
+constexpr int64_t kUpdateThresholdUs = 10'000;
+/// Pass-through asks again for frames due later than this; a panel needs far less lead.
+constexpr int64_t kHoldAheadUs = 100'000;
+/// Pass-through drops frames later than this, the same bound that the renderer has.
+constexpr int64_t kDropLateUs = 40'000;
+
+enum class Leader { Nobody, Video, Audio };
+
+const char* toString(Leader leader) {
+    switch (leader) {
+        case Leader::Nobody:
+            return "nobody";
+        case Leader::Video:
+            return "video";
+        case Leader::Audio:
+            return "audio";
+    }
+    return "?";
+}
+
+struct Clock {
+    sync_mode mode = MEDIA_SYNC_VMASTER;
+    Leader leader = Leader::Nobody;  ///< who anchored last; Nobody without an anchor
+    int64_t anchorMediaUs = 0;
+    int64_t anchorRealUs = 0;
+    bool paused = false;
+    int64_t pausedMediaUs = 0;  ///< where the clock stands while paused and anchored
+    int64_t trackUs = kUnset;   ///< audio's last step
+    bool hasTrack = false;
+    int64_t startingUs = kUnset;
+
+    void reportTrack(int64_t mediaUs) {
+        trackUs = mediaUs;
+        hasTrack = true;
+    }
+    bool anchored() const { return leader != Leader::Nobody; }
+    int64_t mediaAt(int64_t realUs) const {
+        return paused ? pausedMediaUs
+                      : saturatingAdd(anchorMediaUs, saturatingSub(realUs, anchorRealUs));
+    }
+    int64_t realFor(int64_t mediaUs, int64_t nowUs) const {
+        return paused ? saturatingAdd(nowUs, saturatingSub(mediaUs, pausedMediaUs))
+                      : saturatingAdd(anchorRealUs, saturatingSub(mediaUs, anchorMediaUs));
+    }
+    void anchor(Leader by, int64_t mediaUs, int64_t realUs) {
+        leader = by;
+        anchorMediaUs = mediaUs;
+        anchorRealUs = realUs;
+        pausedMediaUs = mediaUs;
+    }
+    /// Pass-through belongs to whoever anchored first; mode 1 to audio; mode 0 to anybody.
+    bool mayAnchor(Leader by) const {
+        switch (mode) {
+            case MEDIA_SYNC_VMASTER:
+                return true;
+            case MEDIA_SYNC_AMASTER:
+                return by == Leader::Audio;
+            case MEDIA_SYNC_PCRMASTER:
+                return !anchored() || leader == by;
+        }
+        return true;
+    }
+    void setPause(bool pause, int64_t nowUs) {
+        if (pause == paused) {
+            return;
+        }
+        if (pause) {
+            pausedMediaUs = mediaAt(nowUs);
+        } else {
+            anchorMediaUs = pausedMediaUs;
+            anchorRealUs = nowUs;
+        }
+        paused = pause;
+    }
+};
+
+mediasync_video_policy decision(video_policy policy, int64_t realUs) {
+    mediasync_video_policy result{};
+    result.videopolicy = policy;
+    result.realtimeUs = realUs;
+    return result;
+}
+
+}  // namespace
+
+struct SyncInstance::State {
+    explicit State(int instanceId) : id(instanceId) {}
+
+    bool anchorAudio(int64_t mediaUs, int64_t realUs);
+    mediasync_video_policy decide(int64_t mediaUs, int64_t nowUs);
+    void count(const mediasync_video_policy& policy);
+
+    const int id;
+    mutable std::mutex lock;
+    Clock clock;
+    int64_t updateThresholdUs = kUpdateThresholdUs;
+    bool passthroughEnded = false;
+    VideoPolicyFunction policy;
+    int status = 0;
+    SyncCounters counters;
+};
+
+bool SyncInstance::State::anchorAudio(int64_t mediaUs, int64_t realUs) {
+    if (!clock.mayAnchor(Leader::Audio)) {
+        ++counters.anchorsIgnored;
+        return false;
+    }
+    clock.anchor(Leader::Audio, mediaUs, realUs);
+    if (clock.mode == MEDIA_SYNC_VMASTER) {
+        clock.mode = MEDIA_SYNC_AMASTER;
+    }
+    ++counters.anchorsTaken;
+    return true;
+}
+
+SyncInstance::SyncInstance(int id) : mState(std::make_shared<State>(id)) {}
+
+int SyncInstance::id() const {
+    return mState->id;
+}
+
+sync_mode SyncInstance::mode() const {
+    const std::lock_guard<std::mutex> guard(mState->lock);
+    return mState->clock.mode;
+}
+
+void SyncInstance::setMode(sync_mode mode) {
+    const std::lock_guard<std::mutex> guard(mState->lock);
+    mState->clock.mode = mode;
+}
+
+bool SyncInstance::paused() const {
+    const std::lock_guard<std::mutex> guard(mState->lock);
+    return mState->clock.paused;
+}
+
+void SyncInstance::setPause(bool paused, int64_t nowUs) {
+    const std::lock_guard<std::mutex> guard(mState->lock);
+    mState->clock.setPause(paused, nowUs);
+}
+
+void SyncInstance::updateAnchorFromVideo(int64_t mediaUs, int64_t realUs, int64_t nowUs) {
+    const std::lock_guard<std::mutex> guard(mState->lock);
+    if (!mState->clock.mayAnchor(Leader::Video)) {
+        ++mState->counters.anchorsIgnored;
+        return;
+    }
+    mState->clock.anchor(Leader::Video, mediaUs, realUs == 0 ? nowUs : realUs);
+    ++mState->counters.anchorsTaken;
+}
+
+bool SyncInstance::anchorFromAudio(int64_t mediaUs, int64_t realUs) {
+    const std::lock_guard<std::mutex> guard(mState->lock);
+    return mState->anchorAudio(mediaUs, realUs);
+}
+
+bool SyncInstance::takeFromAudio(int64_t mediaUs, int64_t nowUs) {
+    const std::lock_guard<std::mutex> guard(mState->lock);
+    mState->clock.reportTrack(mediaUs);
+    mState->clock.startingUs = mediaUs;
+    if (!mState->anchorAudio(mediaUs, nowUs)) {
+        return false;
+    }
+    mState->clock.setPause(false, nowUs);
+    return true;
+}
+
+void SyncInstance::pauseFromAudio(int64_t mediaUs, int64_t nowUs) {
+    const std::lock_guard<std::mutex> guard(mState->lock);
+    Clock& clock = mState->clock;
+    clock.reportTrack(mediaUs);
+    if (clock.mayAnchor(Leader::Audio)) {
+        clock.setPause(true, nowUs);
+    }
+}
+
+bool SyncInstance::stepFromAudio(int64_t mediaUs) {
+    const std::lock_guard<std::mutex> guard(mState->lock);
+    Clock& clock = mState->clock;
+    const bool follows = clock.mode == MEDIA_SYNC_PCRMASTER && clock.leader == Leader::Video;
+    const bool leads = clock.mode != MEDIA_SYNC_VMASTER && clock.leader == Leader::Audio;
+    if (!follows && (!leads || clock.paused)) {
+        return false;
+    }
+    if (!clock.paused) {
+        clock.reportTrack(mediaUs);
+    }
+    return true;
+}
+
+void SyncInstance::setTrackMediaTime(int64_t mediaUs) {
+    const std::lock_guard<std::mutex> guard(mState->lock);
+    mState->clock.reportTrack(mediaUs);
+}
+
+void SyncInstance::setStartingTimeMedia(int64_t mediaUs) {
+    const std::lock_guard<std::mutex> guard(mState->lock);
+    mState->clock.startingUs = mediaUs;
+}
+
+int64_t SyncInstance::realTimeFor(int64_t mediaUs, int64_t nowUs) const {
+    const std::lock_guard<std::mutex> guard(mState->lock);
+    return mState->clock.anchored() ? mState->clock.realFor(mediaUs, nowUs) : kUnset;
+}
+
+int64_t SyncInstance::mediaTimeAt(int64_t realUs) const {
+    const std::lock_guard<std::mutex> guard(mState->lock);
+    return mState->clock.anchored() ? mState->clock.mediaAt(realUs) : kUnset;
+}
+
+int64_t SyncInstance::trackMediaTime() const {
+    const std::lock_guard<std::mutex> guard(mState->lock);
+    const Clock& clock = mState->clock;
+    if (clock.hasTrack) {
+        return clock.trackUs;
+    }
+    return clock.anchored() ? clock.anchorMediaUs : kUnset;
+}
+
+int64_t SyncInstance::startingTimeMedia() const {
+    const std::lock_guard<std::mutex> guard(mState->lock);
+    return mState->clock.startingUs;
+}
+
+int64_t SyncInstance::updateThresholdUs() const {
+    const std::lock_guard<std::mutex> guard(mState->lock);
+    return mState->updateThresholdUs;
+}
+
+void SyncInstance::setUpdateThresholdUs(int64_t thresholdUs) {
+    const std::lock_guard<std::mutex> guard(mState->lock);
+    mState->updateThresholdUs = thresholdUs;
+}
+
+void SyncInstance::reset() {
+    const std::lock_guard<std::mutex> guard(mState->lock);
+    mState->clock = Clock{};
+}
+
+mediasync_video_policy SyncInstance::videoPolicy(int64_t mediaUs, int64_t lastMediaUs,
+                                                 int64_t nowUs) {
+    VideoPolicyFunction policy;
+    {
+        const std::lock_guard<std::mutex> guard(mState->lock);
+        if (!mState->passthroughEnded) {
+            policy = mState->policy;
+        }
+    }
+    mediasync_video_policy result{};
+    if (policy) {
+        result = policy(mediaUs, lastMediaUs, nowUs);
+    }
+    const std::lock_guard<std::mutex> guard(mState->lock);
+    if (!policy) {
+        result = mState->decide(mediaUs, nowUs);
+    }
+    mState->count(result);
+    return result;
+}
+
+mediasync_video_policy SyncInstance::State::decide(int64_t mediaUs, int64_t nowUs) {
+    if (passthroughEnded) {
+        return decision(MEDIASYNC_VIDEO_EXIT, 0);
+    }
+    if (!clock.anchored() && !clock.paused && clock.mode == MEDIA_SYNC_PCRMASTER) {
+        clock.anchor(Leader::Video, mediaUs, nowUs);
+        ++counters.anchorsTaken;
+    }
+    if (!clock.anchored() || clock.paused) {
+        return decision(MEDIASYNC_VIDEO_HOLD, 0);
+    }
+    const int64_t realUs = clock.realFor(mediaUs, nowUs);
+    if (saturatingSub(realUs, nowUs) > kHoldAheadUs) {
+        return decision(MEDIASYNC_VIDEO_HOLD, realUs);
+    }
+    if (saturatingSub(nowUs, realUs) > kDropLateUs) {
+        return decision(MEDIASYNC_VIDEO_DROP, realUs);
+    }
+    return decision(MEDIASYNC_VIDEO_NORMAL_OUTPUT, realUs);
+}
+
+void SyncInstance::State::count(const mediasync_video_policy& policyResult) {
+    switch (policyResult.videopolicy) {
+        case MEDIASYNC_VIDEO_NORMAL_OUTPUT:
+            ++counters.renders;
+            break;
+        case MEDIASYNC_VIDEO_HOLD:
+            ++counters.holds;
+            break;
+        case MEDIASYNC_VIDEO_DROP:
+            ++counters.drops;
+            break;
+        case MEDIASYNC_VIDEO_EXIT:
+            ++counters.exits;
+            break;
+        default:
+            break;  // no decision; an overriding policy may answer so
+    }
+}
+
+void SyncInstance::setVideoPolicy(VideoPolicyFunction policy) {
+    const std::lock_guard<std::mutex> guard(mState->lock);
+    mState->policy = std::move(policy);
+}
+
+void SyncInstance::endPassthrough() {
+    const std::lock_guard<std::mutex> guard(mState->lock);
+    mState->passthroughEnded = true;
+}
+
+void SyncInstance::countQueuedVideoFrame() {
+    const std::lock_guard<std::mutex> guard(mState->lock);
+    ++mState->counters.queuedVideoFrames;
+}
+
+void SyncInstance::setStatus(int status) {
+    const std::lock_guard<std::mutex> guard(mState->lock);
+    mState->status = status;
+}
+
+int SyncInstance::status() const {
+    const std::lock_guard<std::mutex> guard(mState->lock);
+    return mState->status;
+}
+
+SyncCounters SyncInstance::counters() const {
+    const std::lock_guard<std::mutex> guard(mState->lock);
+    return mState->counters;
+}
+
+std::string SyncInstance::dump() const {
+    const std::lock_guard<std::mutex> guard(mState->lock);
+    const Clock& clock = mState->clock;
+    char text[512];
+    std::snprintf(text, sizeof(text),
+                  "sync instance %d: mode %d, led by %s, %s; media %" PRId64 " us at real %" PRId64
+                  " us; track %" PRId64 " us, started at %" PRId64 " us\n  anchors: %" PRId64
+                  " taken, %" PRId64 " ignored; decisions: %" PRId64 " render, %" PRId64
+                  " hold, %" PRId64 " drop, %" PRId64 " exit\n",
+                  mState->id, static_cast<int>(clock.mode), toString(clock.leader),
+                  clock.paused ? "paused" : "running",
+                  clock.paused ? clock.pausedMediaUs : clock.anchorMediaUs, clock.anchorRealUs,
+                  clock.trackUs, clock.startingUs, mState->counters.anchorsTaken,
+                  mState->counters.anchorsIgnored, mState->counters.renders, mState->counters.holds,
+                  mState->counters.drops, mState->counters.exits);
+    return text;
+}
+
+std::shared_ptr<SyncInstance> MediaSyncService::create() {
+    const std::lock_guard<std::mutex> guard(mLock);
+    if (mCreateFails) {
+        return nullptr;
+    }
+    mInstances.push_back(std::make_shared<SyncInstance>(static_cast<int>(mInstances.size()) + 1));
+    return mInstances.back();
+}
+
+std::shared_ptr<SyncInstance> MediaSyncService::find(int id) const {
+    const std::lock_guard<std::mutex> guard(mLock);
+    const auto index = static_cast<size_t>(id) - 1;
+    return id >= 1 && index < mInstances.size() ? mInstances[index] : nullptr;
+}
+
+std::vector<std::shared_ptr<SyncInstance>> MediaSyncService::instances() const {
+    const std::lock_guard<std::mutex> guard(mLock);
+    return mInstances;
+}
+
+void MediaSyncService::setCreateFails(bool fails) {
+    const std::lock_guard<std::mutex> guard(mLock);
+    mCreateFails = fails;
+}
+
+}  // namespace korvane::tv

@@ -1,0 +1,46 @@
+// One replaceable observer, called from any thread: a call holds a shared lock, so that after the
+// observer was replaced no call to the old one is under way. Without an observer a call costs one
+// load. A thread that is inside an observer does not enter it again.
+#pragma once
+
+#include <atomic>
+#include <functional>
+#include <mutex>
+#include <shared_mutex>
+#include <utility>
+
+namespace korvane::tv {
+
+template <typename... Arguments>
+class Observer {
+public:
+    using Function = std::function<void(Arguments...)>;
+
+    void set(Function function) {
+        const std::unique_lock<std::shared_mutex> guard(mLock);
+        mFunction = std::move(function);
+        mPresent.store(static_cast<bool>(mFunction), std::memory_order_release);
+    }
+
+    bool present() const { return mPresent.load(std::memory_order_acquire); }
+
+    void call(Arguments... arguments) {
+        static thread_local bool inside = false;
+        if (!present() || inside) {
+            return;
+        }
+        const std::shared_lock<std::shared_mutex> guard(mLock);
+        if (mFunction) {
+            inside = true;
+            mFunction(arguments...);
+            inside = false;
+        }
+    }
+
+private:
+    std::shared_mutex mLock;
+    std::atomic<bool> mPresent{false};
+    Function mFunction;
+};
+
+}  // namespace korvane::tv

@@ -1,0 +1,46 @@
+// The property store: names to values. It lives as long as the process, because libraries read
+// properties from static initialisers and destructors.
+#include <map>
+#include <mutex>
+
+#include "tv/Platform.h"
+
+namespace korvane::tv {
+namespace {
+
+/// A property value with its terminating zero fits the platform's 92-byte buffer.
+constexpr size_t kLongestValue = 91;
+
+struct PropertyStore {
+    std::mutex lock;
+    std::map<std::string, std::string> values;
+};
+
+PropertyStore& store() {
+    static PropertyStore& instance = *new PropertyStore;
+    return instance;
+}
+
+}  // namespace
+
+bool setProperty(const std::string& name, const std::string& value) {
+    if (name.empty() || value.size() > kLongestValue) {
+        return false;
+    }
+    const std::lock_guard<std::mutex> guard(store().lock);
+    store().values[name] = value;
+    return true;
+}
+
+std::optional<std::string> getProperty(const std::string& name) {
+    const std::lock_guard<std::mutex> guard(store().lock);
+    const auto found = store().values.find(name);
+    return found == store().values.end() ? std::nullopt : std::optional(found->second);
+}
+
+void clearProperties() {
+    const std::lock_guard<std::mutex> guard(store().lock);
+    store().values.clear();
+}
+
+}  // namespace korvane::tv

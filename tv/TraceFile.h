@@ -1,0 +1,50 @@
+// A trace file in Chrome's trace-event JSON: an array, one event per line. The format lets the
+// array's end be missing, so the file can be read at any moment, after a kill or a full disk, too.
+#pragma once
+
+#include <cstdint>
+#include <set>
+#include <string>
+
+#include "tv/TraceRing.h"
+
+namespace korvane::tv {
+
+/// One thread at a time.
+class TraceFile {
+public:
+    TraceFile() = default;
+    ~TraceFile();
+    TraceFile(const TraceFile&) = delete;
+    TraceFile& operator=(const TraceFile&) = delete;
+
+    /// @return empty, or one line on why the file cannot be written
+    std::string open(const std::string& path);
+    /// Formats an event into memory.
+    void add(const TraceEvent& event);
+    /// Names a track of slices, before its first.
+    void addTrack(int32_t track, const std::string& name);
+    /// Writes what was added. After a failure, the file keeps the whole lines written before.
+    /// @return empty, or one line on what failed
+    std::string write();
+    /// Writes, ends the array and closes. @return as `write`
+    std::string finish();
+
+    int64_t written() const { return mWritten; }
+
+private:
+    void addLine(const std::string& line);
+    void nameThread(int32_t thread, const std::string& name);
+    std::string fail(const char* action, int error);
+
+    std::string mPath;
+    int mFd = -1;
+    std::string mPending;
+    int64_t mPendingEvents = 0;
+    int64_t mWritten = 0;
+    int64_t mFileBytes = 0;
+    bool mFirstLine = true;
+    std::set<int32_t> mNamed;
+};
+
+}  // namespace korvane::tv

@@ -1,0 +1,516 @@
+// The tunnel's state: devices, ids, and per id the buffers by stage: waiting, on screen, leaving
+// (replaced, the panel still reads it), returned (the producer may take it back). Buffers are
+// numbers into the record, which only grows; each stage holds few, so no step looks at the whole
+// record. A buffer's memory is held by a duplicate of its descriptor until the panel is done, as a
+// driver holds its reference: the producer may close or reuse its own number meanwhile.
+//
+// A release fence is made when the producer takes the buffer back: the read end of a pipe whose
+// write end closes when the fence's time comes. One lock guards it all; nothing is called under it
+// but the trace.
+#include "tv/Tunnel.h"
+
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <deque>
+#include <limits>
+#include <map>
+#include <mutex>
+#include <set>
+#include <sstream>
+#include <utility>
+
+#include "platform/Clock.h"
+#include "tv/Platform.h"
+
+namespace korvane::tv {
+namespace {
+
+constexpr int64_t kNever = std::numeric_limits<int64_t>::max();
+
+/// A descriptor that is closed when its owner goes.
+class UniqueFd {
+public:
+    UniqueFd() = default;
+    explicit UniqueFd(int fd) : mFd(fd) {}
+    UniqueFd(UniqueFd&& other) noexcept : mFd(other.release()) {}
+    UniqueFd& operator=(UniqueFd&& other) noexcept {
+        std::swap(mFd, other.mFd);
+        return *this;
+    }
+    UniqueFd(const UniqueFd&) = delete;
+    UniqueFd& operator=(const UniqueFd&) = delete;
+    ~UniqueFd() { reset(); }
+
+    int get() const { return mFd; }
+    int release() { return std::exchange(mFd, -1); }
+    void reset() {
+        if (mFd >= 0) {
+            close(std::exchange(mFd, -1));
+        }
+    }
+
+private:
+    int mFd = -1;
+};
+
+/// What the producer gets with a released buffer.
+enum class FenceKind { None, Pipe, WrongMode };
+
+/// A fence whose time has not come. The write end is there once the producer has the other one.
+struct PendingFence {
+    int64_t signalNs;
+    UniqueFd writeEnd;
+};
+
+struct Returned {
+    int64_t serial;
+    FenceKind fence;
+};
+
+/// One allocated id and, while connected, its buffers, as serials in the order of queueing.
+struct TunnelState {
+    int device = -1;
+    bool connected = false;
+    std::deque<int64_t> waiting;
+    int64_t onScreen = -1;
+    int64_t leaving = -1;  ///< replaced at the last vsync; read by the panel until the next
+    std::deque<Returned> returned;
+    std::map<int64_t, UniqueFd> memory;      ///< by serial
+    std::map<int64_t, PendingFence> fences;  ///< by serial
+
+    int held() const {
+        return static_cast<int>(waiting.size() + returned.size()) + (onScreen >= 0 ? 1 : 0);
+    }
+};
+
+}  // namespace
+
+const char* toString(BufferFate fate) {
+    switch (fate) {
+        case BufferFate::Waiting:
+            return "waiting";
+        case BufferFate::OnScreen:
+            return "on screen";
+        case BufferFate::Shown:
+            return "shown";
+        case BufferFate::Superseded:
+            return "superseded";
+        case BufferFate::DiscardedByDisconnect:
+            return "discarded by disconnect";
+    }
+    return "?";
+}
+
+struct Tunnel::Impl {
+    explicit Impl(const TunnelConfig& tunnelConfig, Display& panel)
+        : config(tunnelConfig), display(panel) {}
+
+    BufferRecord& at(int64_t serial) { return records[static_cast<size_t>(serial)]; }
+    TunnelState* find(int device, int tunnelId);
+    void hear(int64_t nowNs) { latestNs = std::max(latestNs, nowNs); }
+
+    // producer
+    void disconnect(TunnelState& tunnel, int64_t nowNs);
+    static int makeFence(TunnelState& tunnel, const Returned& buffer, int* fenceFd);
+
+    // display
+    void checkPicture(const TunnelState& tunnel, int64_t serial);
+    int64_t takeNewestDue(TunnelState& tunnel, const Vsync& vsync);
+    void release(int64_t serial, BufferFate fate, const Vsync& vsync);
+    void replace(TunnelState& tunnel, int64_t serial, const Vsync& vsync, const Vsync& next);
+    void scanOut(TunnelState& tunnel, const Vsync& vsync, const Vsync& next);
+    void traceShown(const BufferRecord& buffer, int64_t endNs) const;
+
+    const TunnelConfig config;
+    Display& display;
+    mutable std::mutex lock;
+    TunnelFaults faults;
+    int nextDevice = 0;
+    int nextTunnelId = 0;
+    std::set<int> devices;
+    std::map<int, TunnelState> tunnels;
+    std::deque<BufferRecord> records;
+    int64_t latestNs = 0;  ///< the latest time heard of, for closings that carry none
+};
+
+Tunnel::Tunnel(const TunnelConfig& config, Display& display)
+    : mImpl(std::make_unique<Impl>(config, display)) {}
+Tunnel::~Tunnel() = default;
+
+TunnelState* Tunnel::Impl::find(int device, int tunnelId) {
+    const auto found = tunnels.find(tunnelId);
+    return found != tunnels.end() && found->second.device == device ? &found->second : nullptr;
+}
+
+int Tunnel::open() {
+    const std::lock_guard<std::mutex> guard(mImpl->lock);
+    if (mImpl->faults.openFails) {
+        return -ENODEV;
+    }
+    mImpl->devices.insert(mImpl->nextDevice);
+    return mImpl->nextDevice++;
+}
+
+int Tunnel::close(int device) {
+    const std::lock_guard<std::mutex> guard(mImpl->lock);
+    if (mImpl->devices.erase(device) == 0) {
+        return -EBADF;
+    }
+    for (auto entry = mImpl->tunnels.begin(); entry != mImpl->tunnels.end();) {
+        if (entry->second.device == device) {
+            mImpl->disconnect(entry->second, mImpl->latestNs);
+            entry = mImpl->tunnels.erase(entry);
+        } else {
+            ++entry;
+        }
+    }
+    return 0;
+}
+
+int Tunnel::allocId(int device, int* tunnelId) {
+    const std::lock_guard<std::mutex> guard(mImpl->lock);
+    if (mImpl->devices.count(device) == 0) {
+        return -EBADF;
+    }
+    if (mImpl->faults.allocFails || tunnelId == nullptr) {
+        return -EINVAL;
+    }
+    if (static_cast<int>(mImpl->tunnels.size()) >= mImpl->config.maxTunnels) {
+        return -ENOSPC;
+    }
+    *tunnelId = mImpl->nextTunnelId++;
+    mImpl->tunnels[*tunnelId].device = device;
+    return 0;
+}
+
+int Tunnel::freeId(int device, int tunnelId) {
+    const std::lock_guard<std::mutex> guard(mImpl->lock);
+    TunnelState* tunnel = mImpl->find(device, tunnelId);
+    if (mImpl->faults.freeFails || tunnel == nullptr) {
+        return -EINVAL;
+    }
+    mImpl->disconnect(*tunnel, mImpl->latestNs);
+    mImpl->tunnels.erase(tunnelId);
+    return 0;
+}
+
+int Tunnel::connect(int device, int tunnelId) {
+    const std::lock_guard<std::mutex> guard(mImpl->lock);
+    TunnelState* tunnel = mImpl->find(device, tunnelId);
+    if (mImpl->faults.connectFails || tunnel == nullptr) {
+        return -EINVAL;
+    }
+    if (tunnel->connected) {
+        return -EBUSY;
+    }
+    tunnel->connected = true;
+    return 0;
+}
+
+int Tunnel::disconnect(int device, int tunnelId, int64_t nowNs) {
+    const std::lock_guard<std::mutex> guard(mImpl->lock);
+    mImpl->hear(nowNs);
+    TunnelState* tunnel = mImpl->find(device, tunnelId);
+    if (mImpl->faults.disconnectFails || tunnel == nullptr) {
+        return -EINVAL;
+    }
+    if (!tunnel->connected) {
+        return -ENOTCONN;
+    }
+    mImpl->disconnect(*tunnel, nowNs);
+    return 0;
+}
+
+void Tunnel::Impl::disconnect(TunnelState& tunnel, int64_t nowNs) {
+    for (const int64_t serial : tunnel.waiting) {
+        at(serial).fate = BufferFate::DiscardedByDisconnect;
+        at(serial).releasedNs = nowNs;
+    }
+    if (tunnel.onScreen >= 0) {
+        at(tunnel.onScreen).fate = BufferFate::Shown;
+        at(tunnel.onScreen).releasedNs = nowNs;
+        traceShown(at(tunnel.onScreen), nowNs);
+    }
+    for (const auto& [serial, fence] : tunnel.fences) {
+        at(serial).fenceSignalNs = std::min(at(serial).fenceSignalNs, nowNs);
+    }
+    TunnelState empty;  // closes fences and memory
+    empty.device = tunnel.device;
+    tunnel = std::move(empty);
+}
+
+int Tunnel::sendCommand(int device, int tunnelId, int /*command*/, int /*argument*/) {
+    const std::lock_guard<std::mutex> guard(mImpl->lock);
+    return mImpl->find(device, tunnelId) == nullptr ? -EINVAL : 0;
+}
+
+int Tunnel::queueBuffer(int device, int tunnelId, int bufferFd, int acquireFenceFd,
+                        int64_t presentationTimeUs, int64_t nowNs) {
+    const std::lock_guard<std::mutex> guard(mImpl->lock);
+    mImpl->hear(nowNs);
+    TunnelState* tunnel = mImpl->find(device, tunnelId);
+    // The panel has no way to wait for a picture that is still being written.
+    if (mImpl->faults.queueFails || tunnel == nullptr || acquireFenceFd >= 0) {
+        return -EINVAL;
+    }
+    if (!tunnel->connected) {
+        return -ENOTCONN;
+    }
+    if (tunnel->held() >= mImpl->config.capacity) {
+        return -ENOBUFS;
+    }
+    UniqueFd memory(fcntl(bufferFd, F_DUPFD_CLOEXEC, 0));
+    if (memory.get() < 0 && errno == EMFILE) {
+        return -EMFILE;  // any other failure is a descriptor without a picture
+    }
+    BufferRecord buffer;
+    const PictureHeader picture = readPicture(bufferFd);
+    buffer.serial = static_cast<int64_t>(mImpl->records.size());
+    buffer.tunnelId = tunnelId;
+    buffer.fd = bufferFd;
+    buffer.frameNo = picture.frameNo;
+    buffer.mediaTimeUs = picture.mediaTimeUs;
+    buffer.presentationTimeUs = presentationTimeUs;
+    buffer.atOnce = saturatingSub(presentationTimeUs, nowNs / 1000) > kNoScheduleAheadUs;
+    buffer.queuedNs = nowNs;
+    tunnel->waiting.push_back(buffer.serial);
+    tunnel->memory.emplace(buffer.serial, std::move(memory));
+    mImpl->records.push_back(buffer);
+    return 0;
+}
+
+int Tunnel::dequeueBuffer(int device, int tunnelId, int* bufferFd, int* fenceFd, int64_t nowNs) {
+    const std::lock_guard<std::mutex> guard(mImpl->lock);
+    mImpl->hear(nowNs);
+    TunnelState* tunnel = mImpl->find(device, tunnelId);
+    if (mImpl->faults.dequeueFails || tunnel == nullptr || bufferFd == nullptr ||
+        fenceFd == nullptr) {
+        return -EINVAL;
+    }
+    if (tunnel->returned.empty()) {
+        return -EAGAIN;
+    }
+    const Returned buffer = tunnel->returned.front();
+    if (const int failure = mImpl->makeFence(*tunnel, buffer, fenceFd); failure < 0) {
+        return failure;
+    }
+    tunnel->returned.pop_front();
+    *bufferFd = mImpl->at(buffer.serial).fd;
+    mImpl->at(buffer.serial).takenBackNs = nowNs;
+    return 0;
+}
+
+int Tunnel::Impl::makeFence(TunnelState& tunnel, const Returned& buffer, int* fenceFd) {
+    *fenceFd = -1;
+    if (buffer.fence == FenceKind::None) {
+        return 0;
+    }
+    // Closing one end of a socket pair wakes the other as closing a pipe does, but a socket is open
+    // for reading and writing.
+    int ends[2] = {-1, -1};
+    const int result = buffer.fence == FenceKind::WrongMode
+                           ? socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends)
+                           : pipe2(ends, O_CLOEXEC);
+    if (result != 0) {
+        return -errno;
+    }
+    UniqueFd writeEnd(ends[1]);
+    if (const auto pending = tunnel.fences.find(buffer.serial); pending != tunnel.fences.end()) {
+        pending->second.writeEnd = std::move(writeEnd);
+    }
+    *fenceFd = ends[0];
+    return 0;
+}
+
+int Tunnel::displayVsync(int device, int tunnelId, int64_t nowNs, VsyncReport* out) {
+    {
+        const std::lock_guard<std::mutex> guard(mImpl->lock);
+        if (mImpl->faults.vsyncQueryFails || mImpl->find(device, tunnelId) == nullptr ||
+            out == nullptr) {
+            return -EINVAL;
+        }
+    }
+    return mImpl->display.report(nowNs, out) ? 0 : -EIO;
+}
+
+void Tunnel::scanOut(const Vsync& vsync, const Vsync& next) {
+    const std::lock_guard<std::mutex> guard(mImpl->lock);
+    mImpl->hear(vsync.timeNs);
+    for (auto& [id, tunnel] : mImpl->tunnels) {
+        mImpl->scanOut(tunnel, vsync, next);
+    }
+}
+
+void Tunnel::Impl::scanOut(TunnelState& tunnel, const Vsync& vsync, const Vsync& next) {
+    if (tunnel.leaving >= 0) {
+        checkPicture(tunnel, tunnel.leaving);
+        tunnel.memory.erase(std::exchange(tunnel.leaving, -1));
+    }
+    if (tunnel.onScreen >= 0) {
+        checkPicture(tunnel, tunnel.onScreen);
+    }
+    const int64_t newest = takeNewestDue(tunnel, vsync);
+    if (newest >= 0) {
+        replace(tunnel, newest, vsync, next);
+    } else if (tunnel.onScreen >= 0) {
+        ++at(tunnel.onScreen).dwellVsyncs;
+    }
+}
+
+/// Compares a picture that the panel is reading with what was queued.
+void Tunnel::Impl::checkPicture(const TunnelState& tunnel, int64_t serial) {
+    BufferRecord& buffer = at(serial);
+    const PictureHeader picture = readPicture(tunnel.memory.at(serial).get());
+    if (picture.frameNo != buffer.frameNo || picture.mediaTimeUs != buffer.mediaTimeUs) {
+        buffer.overwrittenOnScreen = true;
+    }
+}
+
+/// Takes the due buffers from the front, releases all but the last and returns that one, or -1.
+int64_t Tunnel::Impl::takeNewestDue(TunnelState& tunnel, const Vsync& vsync) {
+    int64_t newest = -1;
+    while (!tunnel.waiting.empty()) {
+        const BufferRecord& front = at(tunnel.waiting.front());
+        const bool due = front.atOnce || usToNs(front.presentationTimeUs) <= vsync.timeNs;
+        if (front.queuedNs > vsync.timeNs || !due) {
+            break;
+        }
+        if (newest >= 0) {
+            release(newest, BufferFate::Superseded, vsync);
+            tunnel.returned.push_back({newest, FenceKind::None});
+            tunnel.memory.erase(newest);
+        }
+        newest = tunnel.waiting.front();
+        tunnel.waiting.pop_front();
+    }
+    return newest;
+}
+
+void Tunnel::Impl::release(int64_t serial, BufferFate fate, const Vsync& vsync) {
+    at(serial).fate = fate;
+    at(serial).releasedNs = vsync.timeNs;
+}
+
+/// Puts a buffer on screen and releases the one that was there.
+void Tunnel::Impl::replace(TunnelState& tunnel, int64_t serial, const Vsync& vsync,
+                           const Vsync& next) {
+    const int64_t old = std::exchange(tunnel.onScreen, serial);
+    BufferRecord& shown = at(serial);
+    shown.fate = BufferFate::OnScreen;
+    shown.firstVsync = vsync;
+    shown.dwellVsyncs = 1;
+    if (old < 0) {
+        return;
+    }
+    release(old, BufferFate::Shown, vsync);
+    traceShown(at(old), vsync.timeNs);
+    tunnel.leaving = old;
+    if (faults.noFences) {
+        tunnel.returned.push_back({old, FenceKind::None});
+        return;
+    }
+    const int64_t signalNs =
+        faults.fenceNeverSignals ? kNever : saturatingAdd(next.timeNs, faults.fenceDelayNs);
+    at(old).fenceSignalNs = signalNs;
+    tunnel.fences.emplace(old, PendingFence{signalNs, UniqueFd()});
+    tunnel.returned.push_back(
+        {old, faults.fenceWrongMode ? FenceKind::WrongMode : FenceKind::Pipe});
+}
+
+void Tunnel::Impl::traceShown(const BufferRecord& buffer, int64_t endNs) const {
+    if (!recordingTrace()) {
+        return;
+    }
+    traceSlice("screen, tunnel " + std::to_string(buffer.tunnelId),
+               "frame " + std::to_string(buffer.frameNo), buffer.firstVsync.timeNs, endNs);
+}
+
+int64_t Tunnel::signalFences(int64_t nowNs) {
+    const std::lock_guard<std::mutex> guard(mImpl->lock);
+    int64_t nextNs = kNever;
+    for (auto& [id, tunnel] : mImpl->tunnels) {
+        for (auto fence = tunnel.fences.begin(); fence != tunnel.fences.end();) {
+            if (fence->second.signalNs <= nowNs) {
+                fence = tunnel.fences.erase(fence);
+            } else {
+                nextNs = std::min(nextNs, fence->second.signalNs);
+                ++fence;
+            }
+        }
+    }
+    return nextNs;
+}
+
+void Tunnel::setFaults(const TunnelFaults& faults) {
+    const std::lock_guard<std::mutex> guard(mImpl->lock);
+    mImpl->faults = faults;
+}
+
+TunnelFaults Tunnel::faults() const {
+    const std::lock_guard<std::mutex> guard(mImpl->lock);
+    return mImpl->faults;
+}
+
+std::vector<BufferRecord> Tunnel::record(int tunnelId) const {
+    const std::lock_guard<std::mutex> guard(mImpl->lock);
+    if (tunnelId < 0) {
+        return {mImpl->records.begin(), mImpl->records.end()};
+    }
+    std::vector<BufferRecord> chosen;
+    std::copy_if(mImpl->records.begin(), mImpl->records.end(), std::back_inserter(chosen),
+                 [&](const BufferRecord& buffer) { return buffer.tunnelId == tunnelId; });
+    return chosen;
+}
+
+int Tunnel::heldBuffers(int tunnelId) const {
+    const std::lock_guard<std::mutex> guard(mImpl->lock);
+    const auto found = mImpl->tunnels.find(tunnelId);
+    return found == mImpl->tunnels.end() ? 0 : found->second.held();
+}
+
+int Tunnel::openDevices() const {
+    const std::lock_guard<std::mutex> guard(mImpl->lock);
+    return static_cast<int>(mImpl->devices.size());
+}
+
+int Tunnel::allocatedIds() const {
+    const std::lock_guard<std::mutex> guard(mImpl->lock);
+    return static_cast<int>(mImpl->tunnels.size());
+}
+
+int Tunnel::connectedTunnels() const {
+    const std::lock_guard<std::mutex> guard(mImpl->lock);
+    return static_cast<int>(
+        std::count_if(mImpl->tunnels.begin(), mImpl->tunnels.end(),
+                      [](const auto& entry) { return entry.second.connected; }));
+}
+
+std::string Tunnel::dump() const {
+    const std::lock_guard<std::mutex> guard(mImpl->lock);
+    std::ostringstream text;
+    text << "video tunnel: " << mImpl->devices.size() << " devices open, " << mImpl->tunnels.size()
+         << " ids allocated, " << mImpl->records.size() << " buffers queued so far\n";
+    for (const auto& [id, tunnel] : mImpl->tunnels) {
+        text << "tunnel " << id << ": " << (tunnel.connected ? "connected, " : "not connected, ")
+             << tunnel.waiting.size() << " waiting, " << tunnel.returned.size()
+             << " to be taken back\n";
+        if (tunnel.onScreen >= 0) {
+            const BufferRecord& shown = mImpl->at(tunnel.onScreen);
+            text << "  on screen: frame " << shown.frameNo << " since vsync "
+                 << shown.firstVsync.index << ", " << shown.dwellVsyncs << " vsyncs so far\n";
+        }
+        for (const int64_t serial : tunnel.waiting) {
+            const BufferRecord& buffer = mImpl->at(serial);
+            text << "  waiting: frame " << buffer.frameNo << ", due "
+                 << (buffer.atOnce ? "at once, asked for " : "at ") << buffer.presentationTimeUs
+                 << " us\n";
+        }
+    }
+    return text.str();
+}
+
+}  // namespace korvane::tv

@@ -1,0 +1,6 @@
+// Limits of the system property store, as a device's C library gives them. Bytes, with the
+// terminating zero.
+#pragma once
+
+#define PROP_NAME_MAX 32
+#define PROP_VALUE_MAX 92
