@@ -2,7 +2,8 @@
 //
 //   sendVideoFrame            the call alone: nobody running; the drain thread waiting for a show
 //                             time, as it mostly does; the drain thread waiting for just this frame
-//   send to callback          one frame's whole way: queue, drain thread, tunnel, display, fence, fill
+//   send to callback          one frame's whole way: queue, drain thread, tunnel, display, fence,
+//   fill
 //                             thread, callback; bounded below by the display's vsync
 //   CPU per second            an idle renderer and one at 60 fps, beside bare threads with the same
 //                             sleeps: what the polling itself costs on this machine
@@ -76,9 +77,9 @@ void BM_SendVideoFrameNotStarted(benchmark::State& state) {
         state.ResumeTiming();
     }
     state.SetItemsProcessed(state.iterations() * kBatch);
-    state.counters["s_per_frame"] = benchmark::Counter(
-        static_cast<double>(state.iterations() * kBatch),
-        benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
+    state.counters["s_per_frame"] =
+        benchmark::Counter(static_cast<double>(state.iterations() * kBatch),
+                           benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
 }
 BENCHMARK(BM_SendVideoFrameNotStarted)->Unit(benchmark::kMicrosecond)->UseRealTime();
 

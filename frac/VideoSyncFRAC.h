@@ -22,18 +22,18 @@
 //   29.97   on 60        2.002              2 2 2 2 ...         [2:2]     one vsync more in 16.7 s
 //   60      on 60        1                  1 1 1 1 ...         [1:1]     nothing
 //   60      on 59.94     0.999              1 1 1 1 ...         [1:1]     one vsync fewer in 16.7 s
-//   48      on 60        1.25               2 1 1 1 ...         [4:1]     nothing (not used by the
-//                                                                         renderer)
-//   25      on 60        2.4                3 2 2 3 2 ...       none      runs too short to declare
-//   50      on 60        1.2                2 1 1 1 1 ...       none      runs too short to declare
-//   25      on 50        2                  2 2 2 2 ...         none      50 Hz: pattern not
-//   handled
+//   48      on 60        1.25               2 1 1 1 ...         [4:1]     nothing (*)
+//   25      on 60        2.4                3 2 2 3 2 ...       none      runs too short
+//   50      on 60        1.2                2 1 1 1 1 ...       none      runs too short
+//   25      on 50        2                  2 2 2 2 ...         none      50 Hz is not handled
+//   (*) The renderer does not enable it. No count is expected for it, so it breaks at the next
+//       frame, which is pulled.
 //
 // Keeping. While a pattern is in force, a frame whose count is one short is held for one vsync, one
-// whose count is one too many is pulled one vsync earlier; an error of two is corrected by a short
-// frame (59.94 Hz) or a freeze frame (60 Hz) right after such a correction, and otherwise reported
-// and left alone. Where the rates demand a vsync more or fewer, corrections carry the pattern until
-// the error has grown to that. Every time that is kept or placed has 4000 us to the edges of its
+// whose count is one too many is pulled one vsync earlier. So where the rates do not quite fit, the
+// first vsync of difference is taken up; when it has become two, one is given back as a short frame
+// (59.94 Hz, after a held frame) or a freeze frame (60 Hz, after a pull). Any other error is
+// reported and left alone. Every time that is kept or placed has 4000 us to the edges of its
 // interval, so that jitter cannot tip the frame over to a neighbouring vsync.
 //
 //   60 Hz, v = vsync before the frame, in force [3:2], previous count 2 (so 3 is expected):

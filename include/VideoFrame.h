@@ -27,7 +27,8 @@ static_assert(sizeof(rendertime) == 16 && offsetof(rendertime, mediaTimeUs) == 0
 /// What a callback of type 2 receives: a buffer is the player's again.
 struct framestatus {
     int32_t fd;
-    uint8_t rendered;  ///< 1: shown, or refused at show time by a flush or stop; 0: dropped, flushed
+    uint8_t
+        rendered;  ///< 1: shown, or refused at show time by a flush or stop; 0: dropped, flushed
     uint8_t reserved[3];  ///< zero
 };
 static_assert(sizeof(framestatus) == 8 && offsetof(framestatus, fd) == 0 &&

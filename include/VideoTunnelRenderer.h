@@ -15,7 +15,7 @@
 // inside `flush` and `onFillVideoFrame` on the caller's thread. A callback must not call `stop` or
 // delete the renderer; one that runs under a lock (type 1 always, types 0 and 2 when the first
 // frame is refused while shown at once) must not call `sendVideoFrame`, `peekFirstFrame` or
-// `flush` either.
+// `nodifyRenderTime` either.
 //
 // The table of virtual operations and the order of members are a binary interface: neither changes.
 #pragma once
@@ -110,8 +110,8 @@ public:
     /// @return 1
     virtual int flush();
 
-    /// The content's frame rate in hundredths of a frame per second (2997), 1 to 6000; anything else
-    /// is refused in the log.
+    /// The content's frame rate in hundredths of a frame per second (2997), 1 to 6000; anything
+    /// else is refused in the log.
     /// @return 1
     virtual int setFrameRate(int frameRate);
 
@@ -203,8 +203,8 @@ private:
     /// @return the callbacks' result, -1 without any
     KORVANE_INTERNAL int returnFrame(int32_t fd, bool rendered);
 
-    // Where threads share a member, it is an atomic of the plain type's size: flags are polled, never
-    // waited for under a lock.
+    // Where threads share a member, it is an atomic of the plain type's size: flags are polled,
+    // never waited for under a lock.
     VideoTunnelCallback mFrameReturnCb KORVANE_GUARDED_BY(mCallbackLock) = nullptr;
     void* mFrameReturnUserData KORVANE_GUARDED_BY(mCallbackLock) = nullptr;
     VideoTunnelCallback mRenderTimeCb KORVANE_GUARDED_BY(mCallbackLock) = nullptr;
@@ -256,8 +256,8 @@ private:
     int64_t mLastSyncSystemTimeUs = 0;
     int32_t mVideoSyncMode = 0;
     int32_t mParam7Value = 0;
-    // The sync instance is given mParam9Value's address only and may look at, or set, the word behind
-    // it: the two stay together, in this order.
+    // The sync instance is given mParam9Value's address only and may look at, or set, the word
+    // behind it: the two stay together, in this order.
     int32_t mParam9Value = 1;
     std::atomic<int32_t> mParam9Extra{0};
     int32_t mFreeRun = 0;

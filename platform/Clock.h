@@ -9,8 +9,12 @@
 
 namespace korvane {
 
-inline int64_t monotonicNowNs() { return systemTime(SYSTEM_TIME_MONOTONIC); }
-inline int64_t monotonicNowUs() { return monotonicNowNs() / 1000; }
+inline int64_t monotonicNowNs() {
+    return systemTime(SYSTEM_TIME_MONOTONIC);
+}
+inline int64_t monotonicNowUs() {
+    return monotonicNowNs() / 1000;
+}
 
 /// a + b, held at the ends of the range.
 inline int64_t saturatingAdd(int64_t a, int64_t b) {
@@ -40,6 +44,8 @@ inline int64_t saturatingMul(int64_t a, int64_t b) {
                               : std::numeric_limits<int64_t>::min();
 }
 
-inline int64_t usToNs(int64_t us) { return saturatingMul(us, 1000); }
+inline int64_t usToNs(int64_t us) {
+    return saturatingMul(us, 1000);
+}
 
 }  // namespace korvane

@@ -57,11 +57,11 @@ inline bool readIntProperty(const char* name, int32_t* value) {
 
 // The four priorities' messages. `mask` and `tag` are the file's own; the bit stands at the call.
 // They are macros so that the arguments of a message that is off are never evaluated.
-#define KORVANE_LOG_AT(mask, bit, priority, tag, ...)             \
-    do {                                                          \
-        if ((mask).has(bit)) {                                    \
-            __android_log_print((priority), (tag), __VA_ARGS__);  \
-        }                                                         \
+#define KORVANE_LOG_AT(mask, bit, priority, tag, ...)            \
+    do {                                                         \
+        if ((mask).has(bit)) {                                   \
+            __android_log_print((priority), (tag), __VA_ARGS__); \
+        }                                                        \
     } while (false)
 #define KORVANE_LOGI(mask, bit, tag, ...) \
     KORVANE_LOG_AT(mask, bit, ANDROID_LOG_INFO, tag, __VA_ARGS__)

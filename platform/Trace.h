@@ -14,15 +14,19 @@
 
 // The platform's header declares these inside its inline functions only. Testing the tag and naming
 // the point are separate steps here, so they are declared once more.
+// NOLINTBEGIN(readability-redundant-declaration)
 extern "C" {
 void atrace_begin_body(const char* name);
 void atrace_end_body();
 void atrace_int_body(const char* name, int32_t value);
 }
+// NOLINTEND(readability-redundant-declaration)
 
 namespace korvane {
 
-inline bool videoTraceEnabled() { return (atrace_get_enabled_tags() & ATRACE_TAG_VIDEO) != 0; }
+inline bool videoTraceEnabled() {
+    return (atrace_get_enabled_tags() & ATRACE_TAG_VIDEO) != 0;
+}
 
 /// Opens a trace section for its own lifetime. A section that was not opened is not closed, even
 /// when the tag is switched on in between.

@@ -10,19 +10,22 @@ namespace {
 
 /// Media handed over ahead of what sounds: enough for any start, little to read in vain.
 constexpr int64_t kAheadUs = 3'000'000;
-/// How often the feeder looks whether more is wanted; far below `kAheadUs`.
-constexpr std::chrono::milliseconds kPoll{10};
+/// How often the feeder looks whether the renderer waits with its first picture.
+constexpr std::chrono::milliseconds kOpeningPoll{10};
+/// How often it looks whether more is wanted; far below `kAheadUs`.
+constexpr std::chrono::milliseconds kPoll{500};
 /// Longest wait for the renderer to stop the clock at its first picture.
 constexpr int64_t kPictureWaitNs = 1'000'000'000;
 
 }  // namespace
 
-AudioFeeder::AudioFeeder(const std::string& path, std::shared_ptr<tv::SyncInstance> instance,
-                         const tv::AudioConfig& config, bool waitForPicture)
+AudioFeeder::AudioFeeder(std::unique_ptr<PacketSource> source,
+                         std::shared_ptr<tv::SyncInstance> instance, const tv::AudioConfig& config,
+                         bool waitForPicture)
     : mWaitForPicture(waitForPicture),
       mInstance(std::move(instance)),
       mOutput(mInstance, config),
-      mReader(path) {}
+      mSource(std::move(source)) {}
 
 AudioFeeder::~AudioFeeder() {
     stop();
@@ -41,11 +44,7 @@ void AudioFeeder::hold() {
 
 void AudioFeeder::restart(int64_t mediaTimeUs) {
     const std::lock_guard<std::mutex> guard(mLock);
-    // From here on, a stopped clock means that the renderer waits with its new first picture.
-    if (mWaitForPicture && mInstance->paused()) {
-        mInstance->setPause(false, tv::nowNs() / 1000);
-    }
-    mReader.seek(mediaTimeUs);
+    mSource->seek(mediaTimeUs);
     mQueuedUpToUs = mediaTimeUs;
     mQueuedFromUs = -1;
     mHeld = false;
@@ -53,6 +52,14 @@ void AudioFeeder::restart(int64_t mediaTimeUs) {
     mOpened = false;
     mOpenBeforeNs = tv::nowNs() + kPictureWaitNs;
     mWake.notify_one();
+}
+
+void AudioFeeder::pause() {
+    mOutput.pause();
+}
+
+void AudioFeeder::resume() {
+    mOutput.resume();
 }
 
 void AudioFeeder::stop() {
@@ -77,7 +84,7 @@ void AudioFeeder::run() {
         if (!mHeld && !mEnded && readyForMore()) {
             handOverOne();
         } else {
-            mWake.wait_for(lock, kPoll);
+            mWake.wait_for(lock, mOpened || mHeld ? kPoll : kOpeningPoll);
         }
     }
 }
@@ -96,8 +103,8 @@ bool AudioFeeder::pictureWaits() {
 }
 
 void AudioFeeder::handOverOne() {
-    AudioReader::Packet packet;
-    if (mReader.next(&packet) != ReadStatus::Ready) {
+    AudioPacket packet;
+    if (mSource->next(&packet) != ReadStatus::Ready) {
         mEnded = true;
         mOutput.endOfStream();
         return;

@@ -1,4 +1,4 @@
-// Feeds the TV's audio side with the file's audio packets, as the audio half of a player would.
+// Feeds the TV's audio side with a source's audio packets, as the audio half of a player would.
 //
 // One thread reads packets and hands their times over, a few seconds ahead of what sounds. It holds
 // the first ones back until the renderer waits with its first picture (it then has stopped the
@@ -11,10 +11,9 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
-#include <string>
 #include <thread>
 
-#include "player/MediaSource.h"
+#include "player/FrameSource.h"
 #include "tv/AudioOutput.h"
 
 namespace korvane::player {
@@ -22,8 +21,7 @@ namespace korvane::player {
 class AudioFeeder {
 public:
     /// @param waitForPicture  false: audio starts by itself (pass-through)
-    /// @throws InputError
-    AudioFeeder(const std::string& path, std::shared_ptr<tv::SyncInstance> instance,
+    AudioFeeder(std::unique_ptr<PacketSource> source, std::shared_ptr<tv::SyncInstance> instance,
                 const tv::AudioConfig& config, bool waitForPicture);
     ~AudioFeeder();
     AudioFeeder(const AudioFeeder&) = delete;
@@ -36,6 +34,9 @@ public:
     void hold();
     /// Goes on from a media time, waiting for the picture again. Call after the renderer's `flush`.
     void restart(int64_t mediaTimeUs);
+    /// The player's pause: the sound stops and with it the clock. Any thread.
+    void pause();
+    void resume();
     /// Ends the thread and the audio side. Idempotent.
     void stop();
 
@@ -50,7 +51,7 @@ private:
     const bool mWaitForPicture;
     std::shared_ptr<tv::SyncInstance> mInstance;
     tv::AudioOutput mOutput;
-    AudioReader mReader;
+    const std::unique_ptr<PacketSource> mSource;
 
     std::mutex mLock;
     std::condition_variable mWake;

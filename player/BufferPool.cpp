@@ -50,7 +50,7 @@ BufferPool::~BufferPool() {
     }
 }
 
-int BufferPool::acquire(std::chrono::milliseconds timeout) {
+int BufferPool::acquire(std::chrono::nanoseconds timeout) {
     std::unique_lock<std::mutex> lock(mLock);
     if (mFree.empty() && !mWaiting) {
         mWaiting = true;
@@ -91,8 +91,8 @@ void BufferPool::grow(Buffer& buffer, size_t bytes) {
     buffer.bytes = bytes;
 }
 
-size_t BufferPool::fill(int index, const AVFrame& picture, int64_t frameNo, int64_t mediaTimeUs) {
-    Buffer& buffer = mBuffers.at(static_cast<size_t>(index));
+/// Makes the buffer large enough and copies the planes behind its header's page.
+size_t BufferPool::copyPlanes(Buffer& buffer, const AVFrame& picture) {
     const auto format = static_cast<AVPixelFormat>(picture.format);
     const int planes =
         av_image_get_buffer_size(format, picture.width, picture.height, kRowAlignment);
@@ -100,18 +100,25 @@ size_t BufferPool::fill(int index, const AVFrame& picture, int64_t frameNo, int6
         throw std::system_error(EINVAL, std::generic_category(), "cannot size a picture");
     }
     grow(buffer, static_cast<size_t>(tv::kPictureHeaderBytes) + static_cast<size_t>(planes));
+    av_image_copy_to_buffer(buffer.memory + tv::kPictureHeaderBytes, planes, picture.data,
+                            picture.linesize, format, picture.width, picture.height, kRowAlignment);
+    return static_cast<size_t>(planes);
+}
+
+size_t BufferPool::fill(int index, const AVFrame* picture, int64_t frameNo, int64_t mediaTimeUs) {
+    Buffer& buffer = mBuffers.at(static_cast<size_t>(index));
+    grow(buffer, static_cast<size_t>(tv::kPictureHeaderBytes));
+    const size_t bytes = picture != nullptr ? copyPlanes(buffer, *picture) : 0;
     tv::PictureHeader header;
-    header.width = static_cast<uint32_t>(picture.width);
-    header.height = static_cast<uint32_t>(picture.height);
+    header.width = picture != nullptr ? static_cast<uint32_t>(picture->width) : 0;
+    header.height = picture != nullptr ? static_cast<uint32_t>(picture->height) : 0;
     header.frameNo = frameNo;
     header.mediaTimeUs = mediaTimeUs;
     std::memcpy(buffer.memory, &header, sizeof header);
-    av_image_copy_to_buffer(buffer.memory + tv::kPictureHeaderBytes, planes, picture.data,
-                            picture.linesize, format, picture.width, picture.height, kRowAlignment);
     const std::lock_guard<std::mutex> guard(mLock);
     buffer.frameNo = frameNo;
     buffer.out = true;
-    return static_cast<size_t>(planes);
+    return bytes;
 }
 
 int BufferPool::fd(int buffer) const {

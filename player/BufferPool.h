@@ -43,11 +43,11 @@ public:
 
     /// Waits for a free buffer.
     /// @return its index, or -1 after the time-out
-    int acquire(std::chrono::milliseconds timeout);
-    /// Copies a picture into an acquired buffer.
+    int acquire(std::chrono::nanoseconds timeout);
+    /// Copies a picture into an acquired buffer; without one, only its header is written.
     /// @return bytes of the picture
     /// @throws std::system_error when memory runs out
-    size_t fill(int buffer, const AVFrame& picture, int64_t frameNo, int64_t mediaTimeUs);
+    size_t fill(int buffer, const AVFrame* picture, int64_t frameNo, int64_t mediaTimeUs);
     int fd(int buffer) const;
 
     struct Holding {
@@ -72,7 +72,8 @@ private:
         bool out = false;
         int64_t frameNo = -1;
     };
-    void grow(Buffer& buffer, size_t bytes);
+    static void grow(Buffer& buffer, size_t bytes);
+    static size_t copyPlanes(Buffer& buffer, const AVFrame& picture);
     int indexOf(int fd) const;
 
     mutable std::mutex mLock;

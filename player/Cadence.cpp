@@ -6,6 +6,8 @@
 #include <cstdlib>
 #include <utility>
 
+#include "player/CadenceTracker.h"
+
 namespace korvane::player {
 namespace {
 
@@ -31,62 +33,6 @@ std::vector<int> evenPattern(int vsyncs, size_t frames) {
     // The last frame ends exactly on the cycle's last vsync, also when rounding went past it.
     pattern.back() += vsyncs - before;
     return pattern;
-}
-
-/// Where in the pattern each dwell lies, with the fewest breaks: the cheapest way through a table
-/// of dwells by phases, where a dwell that does not fit costs one and so does a change of phase.
-std::vector<size_t> cheapestPhases(const std::vector<int>& dwells,
-                                   const std::vector<int>& pattern) {
-    const size_t phases = pattern.size();
-    std::vector<int> cost(phases, 0);
-    std::vector<uint8_t> cameFrom(dwells.size() * phases);
-    for (size_t i = 0; i < dwells.size(); ++i) {
-        const auto cheapest = std::min_element(cost.begin(), cost.end());
-        std::vector<int> next(phases);
-        for (size_t phase = 0; phase < phases; ++phase) {
-            const size_t before = (phase + phases - 1) % phases;
-            const bool jump = i > 0 && *cheapest + 1 < cost[before];
-            const size_t from = jump ? static_cast<size_t>(cheapest - cost.begin()) : before;
-            cameFrom[i * phases + phase] = static_cast<uint8_t>(from);
-            next[phase] =
-                (i == 0 ? 0 : cost[from] + (jump ? 1 : 0)) + (dwells[i] == pattern[phase] ? 0 : 1);
-        }
-        cost = next;
-    }
-    std::vector<size_t> way(dwells.size());
-    size_t phase = static_cast<size_t>(std::min_element(cost.begin(), cost.end()) - cost.begin());
-    for (size_t i = dwells.size(); i-- > 0;) {
-        way[i] = phase;
-        phase = cameFrom[i * phases + phase];
-    }
-    return way;
-}
-
-/// Every break along a way, from the second dwell on; the first has nothing before it.
-std::vector<DwellBreak> breaksAlong(const std::vector<int>& dwells, const std::vector<int>& pattern,
-                                    const std::vector<size_t>& way) {
-    std::vector<DwellBreak> breaks;
-    for (size_t i = 0; i < dwells.size(); ++i) {
-        const size_t inStep = i == 0 ? way[0] : (way[i - 1] + 1) % pattern.size();
-        if (way[i] != inStep || dwells[i] != pattern[way[i]]) {
-            breaks.push_back({i, dwells[i], pattern[inStep], false});
-        }
-    }
-    return breaks;
-}
-
-/// Start of the first run of frames without a break that is long enough.
-bool findSteadyRun(size_t dwellCount, const std::vector<DwellBreak>& breaks, size_t* start) {
-    size_t runStart = 0;
-    for (size_t k = 0; k <= breaks.size(); ++k) {
-        const size_t runEnd = k < breaks.size() ? breaks[k].index : dwellCount;
-        if (runEnd >= runStart + kSteadyRunFrames) {
-            *start = runStart;
-            return true;
-        }
-        runStart = runEnd + 1;
-    }
-    return false;
 }
 
 /// Nine of ten dwells are what the one a cycle before them was.
@@ -170,29 +116,16 @@ ExpectedCadence expectedCadence(double contentHz, double displayHz) {
 
 CadenceResult analyseCadence(const std::vector<int>& dwells, const ExpectedCadence& expected) {
     CadenceResult result;
-    if (expected.pattern.empty() || dwells.empty()) {
-        return result;
+    CadenceTracker tracker(expected,
+                           [&result](const DwellBreak& found) { result.breaks.push_back(found); });
+    for (const int dwell : dwells) {
+        tracker.add(dwell);
     }
-    const auto way = cheapestPhases(dwells, expected.pattern);
-    const auto all = breaksAlong(dwells, expected.pattern, way);
-    result.held = findSteadyRun(dwells.size(), all, &result.heldFrom);
-    if (!result.held) {
-        return result;
-    }
-    const bool slips = expected.secondsPerSlip() > 0.0;
-    for (DwellBreak found : all) {
-        if (found.index <= result.heldFrom) {
-            continue;
-        }
-        const int offBy = found.dwell - found.expected;
-        // Where in the slip's own cycle the run began is not known, so the first may come at once.
-        const double due = 1.0 + std::floor(static_cast<double>(found.index - result.heldFrom) *
-                                            std::abs(expected.slipPerFrame));
-        found.byArithmetic = slips && offBy == (expected.slipPerFrame > 0.0 ? 1 : -1) &&
-                             static_cast<double>(result.byArithmetic) < due;
-        (found.byArithmetic ? result.byArithmetic : result.unexpected) += 1;
-        result.breaks.push_back(found);
-    }
+    tracker.finish();
+    result.held = tracker.held();
+    result.heldFrom = tracker.heldFrom();
+    result.byArithmetic = tracker.byArithmetic();
+    result.unexpected = tracker.unexpected();
     return result;
 }
 

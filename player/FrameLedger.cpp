@@ -1,5 +1,8 @@
 #include "player/FrameLedger.h"
 
+#include <algorithm>
+#include <utility>
+
 #include "tv/Tv.h"
 
 namespace korvane::player {
@@ -18,19 +21,6 @@ int nearness(tv::BufferFate fate) {
             break;
     }
     return 1;
-}
-
-void addRecords(std::vector<FrameEntry>& frames, const std::vector<tv::BufferRecord>& record) {
-    for (const auto& entry : record) {
-        if (entry.frameNo < 0 || entry.frameNo >= static_cast<int64_t>(frames.size())) {
-            continue;
-        }
-        FrameEntry& frame = frames[static_cast<size_t>(entry.frameNo)];
-        ++frame.tunnelEntries;
-        if (!frame.record || nearness(entry.fate) > nearness(frame.record->fate)) {
-            frame.record = entry;
-        }
-    }
 }
 
 Outcome outcomeInTunnel(tv::BufferFate fate) {
@@ -87,7 +77,7 @@ const char* toString(Outcome outcome) {
 int64_t FrameLedger::sent(int64_t mediaTimeUs, int section, int buffer, int64_t nowNs, bool late) {
     const std::lock_guard<std::mutex> guard(mLock);
     FrameEntry entry;
-    entry.frameNo = static_cast<int64_t>(mEntries.size());
+    entry.frameNo = mFirst + static_cast<int64_t>(mEntries.size());
     entry.mediaTimeUs = mediaTimeUs;
     entry.section = section;
     entry.buffer = buffer;
@@ -98,8 +88,15 @@ int64_t FrameLedger::sent(int64_t mediaTimeUs, int section, int buffer, int64_t 
     return entry.frameNo;
 }
 
+FrameEntry* FrameLedger::find(int64_t frameNo) {
+    const int64_t index = frameNo - mFirst;
+    return index >= 0 && index < static_cast<int64_t>(mEntries.size())
+               ? &mEntries[static_cast<size_t>(index)]
+               : nullptr;
+}
+
 void FrameLedger::markSettled(FrameEntry& entry) {
-    if (entry.returns == 0 && entry.renderTimeUs < 0) {
+    if (entry.returns == 0 && entry.renderTimeUs < 0 && !entry.stoppedBefore) {
         ++mSettled;
     }
     mLastEventNs = tv::nowNs();
@@ -107,7 +104,11 @@ void FrameLedger::markSettled(FrameEntry& entry) {
 
 void FrameLedger::returned(const ReturnedBuffer& buffer) {
     const std::lock_guard<std::mutex> guard(mLock);
-    FrameEntry& entry = mEntries.at(static_cast<size_t>(buffer.frameNo));
+    FrameEntry* found = find(buffer.frameNo);
+    if (found == nullptr) {
+        return;  // long settled; the pool counts a buffer that comes back again
+    }
+    FrameEntry& entry = *found;
     markSettled(entry);
     // The first return tells what happened to the frame; a second one only that it came again.
     if (entry.returns++ == 0) {
@@ -119,6 +120,11 @@ void FrameLedger::returned(const ReturnedBuffer& buffer) {
     }
 }
 
+void FrameLedger::beginSection(int section) {
+    const std::lock_guard<std::mutex> guard(mLock);
+    mSection = section;
+}
+
 void FrameLedger::renderTime(int64_t mediaTimeUs, int64_t renderTimeUs,
                              std::optional<int64_t> clockRealUs) {
     const std::lock_guard<std::mutex> guard(mLock);
@@ -126,21 +132,23 @@ void FrameLedger::renderTime(int64_t mediaTimeUs, int64_t renderTimeUs,
     if (found == mFrameByMediaTime.end()) {
         return;
     }
-    FrameEntry& entry = mEntries[static_cast<size_t>(found->second)];
+    FrameEntry& entry = *find(found->second);
     markSettled(entry);
     entry.renderTimeUs = renderTimeUs;
-    entry.clockRealUs = clockRealUs;
+    if (entry.section == mSection) {
+        entry.clockRealUs = clockRealUs;
+    }
     mPositionUs = mediaTimeUs;
 }
 
 int64_t FrameLedger::frames() const {
     const std::lock_guard<std::mutex> guard(mLock);
-    return static_cast<int64_t>(mEntries.size());
+    return mFirst + static_cast<int64_t>(mEntries.size());
 }
 
 int64_t FrameLedger::unsettled() const {
     const std::lock_guard<std::mutex> guard(mLock);
-    return static_cast<int64_t>(mEntries.size()) - mSettled;
+    return mFirst + static_cast<int64_t>(mEntries.size()) - mSettled;
 }
 
 int64_t FrameLedger::positionUs() const {
@@ -148,9 +156,10 @@ int64_t FrameLedger::positionUs() const {
     return mPositionUs;
 }
 
-int64_t FrameLedger::mediaTimeUs(int64_t frameNo) const {
+int64_t FrameLedger::mediaTimeUs(int64_t frameNo) {
     const std::lock_guard<std::mutex> guard(mLock);
-    return mEntries.at(static_cast<size_t>(frameNo)).mediaTimeUs;
+    const FrameEntry* frame = find(frameNo);
+    return frame != nullptr ? frame->mediaTimeUs : -1;
 }
 
 int64_t FrameLedger::lastEventNs() const {
@@ -158,40 +167,101 @@ int64_t FrameLedger::lastEventNs() const {
     return mLastEventNs;
 }
 
-std::vector<FrameEntry> FrameLedger::settle(const std::vector<tv::BufferRecord>& record) const {
-    std::vector<FrameEntry> frames;
-    {
-        const std::lock_guard<std::mutex> guard(mLock);
-        frames = mEntries;
-    }
-    addRecords(frames, record);
-    bool laterHasAccount = false;
-    for (auto frame = frames.rbegin(); frame != frames.rend(); ++frame) {
-        frame->outcome = outcomeOf(*frame);
-        if (frame->outcome == Outcome::Pending) {
-            // A render time without an entry in the tunnel: the tunnel refused the buffer.
-            const bool lost = laterHasAccount || frame->renderTimeUs >= 0;
-            frame->outcome = lost ? Outcome::Lost : Outcome::DiscardedByStop;
+void FrameLedger::addRecords(const std::vector<tv::BufferRecord>& records) {
+    const std::lock_guard<std::mutex> guard(mLock);
+    for (const auto& record : records) {
+        FrameEntry* frame = find(record.frameNo);
+        if (frame == nullptr) {
             continue;
         }
-        // A flush hands back what is queued while an earlier frame may still be held by the
-        // library, so a frame that was flushed says nothing about the ones before it.
-        laterHasAccount = laterHasAccount || frame->outcome != Outcome::Flushed;
-        if (frame->outcome != Outcome::Dropped && frame->dropReason != DropReason::None) {
-            frame->dropReason = DropReason::None;
-            frame->dropEvidence = DropEvidence::None;
+        ++frame->tunnelEntries;
+        if (!frame->record || nearness(record.fate) > nearness(frame->record->fate)) {
+            frame->record = record;
         }
-        frame->bufferKept = frame->returns == 0 && frame->record && frame->record->takenBackNs != 0;
+    }
+}
+
+/// Whether a frame behind this one has left the library otherwise than by a flush: a flush hands
+/// back what is queued while an earlier frame may still be held, so it says nothing about that one.
+bool FrameLedger::laterHasAccount(size_t index) const {
+    return std::any_of(mEntries.begin() + static_cast<std::ptrdiff_t>(index) + 1, mEntries.end(),
+                       [](const FrameEntry& later) {
+                           const Outcome outcome = outcomeOf(later);
+                           return outcome != Outcome::Pending && outcome != Outcome::Flushed;
+                       });
+}
+
+void FrameLedger::stopped() {
+    const std::lock_guard<std::mutex> guard(mLock);
+    bool later = false;
+    for (auto frame = mEntries.rbegin(); frame != mEntries.rend(); ++frame) {
+        const Outcome outcome = outcomeOf(*frame);
+        later = later || (outcome != Outcome::Pending && outcome != Outcome::Flushed);
+        if (frame->outcome != Outcome::Pending || outcome != Outcome::Pending) {
+            continue;
+        }
+        // A render time without an entry in the tunnel: the tunnel refused the buffer.
+        const bool lost = later || frame->renderTimeUs >= 0;
+        frame->outcome = lost ? Outcome::Lost : Outcome::DiscardedByStop;
+    }
+    for (auto& frame : mEntries) {
+        markSettled(frame);
+        frame.stoppedBefore = true;
+    }
+}
+
+bool FrameLedger::isFinal(size_t index, int64_t firstInTunnel) const {
+    const FrameEntry& frame = mEntries[index];
+    if (frame.frameNo >= firstInTunnel || mEntries.size() <= kWindow) {
+        return false;
+    }
+    return frame.stoppedBefore || outcomeOf(frame) != Outcome::Pending || laterHasAccount(index);
+}
+
+FrameEntry FrameLedger::takeFront() {
+    FrameEntry frame = std::move(mEntries.front());
+    const Outcome known = outcomeOf(frame);
+    if (known != Outcome::Pending) {
+        frame.outcome = known;
+    } else if (frame.outcome == Outcome::Pending) {
+        frame.outcome = Outcome::Lost;
+        mSettled += frame.renderTimeUs < 0 ? 1 : 0;
+    }
+    if (frame.outcome != Outcome::Dropped) {
+        frame.dropReason = DropReason::None;
+        frame.dropEvidence = DropEvidence::None;
+    }
+    frame.bufferKept = frame.returns == 0 && frame.record && frame.record->takenBackNs != 0;
+    const auto byTime = mFrameByMediaTime.find(frame.mediaTimeUs);
+    if (byTime != mFrameByMediaTime.end() && byTime->second == frame.frameNo) {
+        mFrameByMediaTime.erase(byTime);
+    }
+    mEntries.pop_front();
+    ++mFirst;
+    return frame;
+}
+
+std::vector<FrameEntry> FrameLedger::takeSettled(int64_t firstInTunnel) {
+    const std::lock_guard<std::mutex> guard(mLock);
+    std::vector<FrameEntry> frames;
+    while (!mEntries.empty() && isFinal(0, firstInTunnel)) {
+        frames.push_back(takeFront());
     }
     return frames;
 }
 
-std::vector<int64_t> countOutcomes(const std::vector<FrameEntry>& frames) {
-    std::vector<int64_t> counts(kOutcomes, 0);
-    for (const auto& frame : frames) {
-        ++counts[static_cast<size_t>(frame.outcome)];
+std::vector<FrameEntry> FrameLedger::takeRest() {
+    const std::lock_guard<std::mutex> guard(mLock);
+    std::vector<FrameEntry> frames;
+    while (!mEntries.empty()) {
+        frames.push_back(takeFront());
     }
-    return counts;
+    return frames;
+}
+
+int64_t FrameLedger::oldestSentNs() const {
+    const std::lock_guard<std::mutex> guard(mLock);
+    return mEntries.empty() ? INT64_MAX : mEntries.front().sentNs;
 }
 
 }  // namespace korvane::player

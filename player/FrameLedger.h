@@ -14,11 +14,16 @@
 // the order in which they came, so a frame without an account is lost, and not discarded by stop,
 // as soon as one that was handed in later has an account.
 //
-// Filled during playback by the player's thread and the library's callbacks (any thread); `settle`
-// is called once, after stop.
+// Filled during playback by the player's thread and the library's callbacks (any thread). Frames
+// are settled in the order of their numbers while playback goes on: the tunnel hands over its
+// finished records, and a frame is taken out with its outcome once so many later ones are there
+// that nothing can change it any more (`takeSettled`). So the ledger holds a few hundred frames
+// however long playback lasts.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <map>
 #include <mutex>
 #include <optional>
@@ -67,6 +72,8 @@ struct FrameEntry {
     Outcome outcome = Outcome::Pending;
     int tunnelEntries = 0;  ///< how often it was queued into the tunnel
     std::optional<tv::BufferRecord> record;
+    /// The library was stopped before the frame had an account.
+    bool stoppedBefore = false;
     /// Its buffer did not come back: the library kept it after taking it out of the tunnel.
     bool bufferKept = false;
 };
@@ -86,11 +93,14 @@ public:
     /// @return the new frame's number, counting from 0
     int64_t sent(int64_t mediaTimeUs, int section, int buffer, int64_t nowNs, bool late);
     void returned(const ReturnedBuffer& buffer);
+    /// A flush moves the clock: the clock's times no longer apply to frames of earlier sections.
+    void beginSection(int section);
     /// Render-time callback, told by media time: the last frame handed in with it.
     void renderTime(int64_t mediaTimeUs, int64_t renderTimeUs, std::optional<int64_t> clockRealUs);
 
     int64_t frames() const;
-    int64_t mediaTimeUs(int64_t frameNo) const;
+    /// -1 for a frame that is no longer in the ledger.
+    int64_t mediaTimeUs(int64_t frameNo);
     /// Frames that neither came back nor reached their render time.
     int64_t unsettled() const;
     /// Media time of the frame whose render time came last; -1 before the first.
@@ -98,21 +108,40 @@ public:
     /// When the library last gave a sign of life; 0 before the first.
     int64_t lastEventNs() const;
 
-    /// Gives every frame its outcome from the TV's record. Call after stop.
-    std::vector<FrameEntry> settle(const std::vector<tv::BufferRecord>& record) const;
+    /// Adds what the tunnel did, in any order; entries of pictures that bear no number of a frame
+    /// still in the ledger are left out.
+    void addRecords(const std::vector<tv::BufferRecord>& records);
+    /// The library has stopped, and every record has been added: every frame that has no account
+    /// yet gets none any more.
+    void stopped();
+    /// Takes out the frames, from the oldest on, whose outcome is final.
+    /// @param firstInTunnel  the first frame that the tunnel has not finished with; INT64_MAX: none
+    std::vector<FrameEntry> takeSettled(int64_t firstInTunnel);
+    /// Takes out all that is left. Call after `stopped`.
+    std::vector<FrameEntry> takeRest();
+    /// When the oldest frame still in the ledger was handed in; INT64_MAX when there is none.
+    int64_t oldestSentNs() const;
+
+    /// Frames that stay in the ledger at least: more than a player has buffers, twice over, with a
+    /// flush in between.
+    static constexpr size_t kWindow = 256;
 
 private:
+    // The following need mLock.
     void markSettled(FrameEntry& entry);
+    FrameEntry* find(int64_t frameNo);
+    bool laterHasAccount(size_t index) const;
+    bool isFinal(size_t index, int64_t firstInTunnel) const;
+    FrameEntry takeFront();
 
     mutable std::mutex mLock;
-    std::vector<FrameEntry> mEntries;
+    std::deque<FrameEntry> mEntries;
+    int64_t mFirst = 0;  ///< number of the first entry
     std::map<int64_t, int64_t> mFrameByMediaTime;
-    int64_t mSettled = 0;
+    int mSection = 0;
+    int64_t mSettled = 0;  ///< of all frames ever
     int64_t mPositionUs = -1;
     int64_t mLastEventNs = 0;
 };
-
-/// Frames per outcome, indexed by Outcome.
-std::vector<int64_t> countOutcomes(const std::vector<FrameEntry>& frames);
 
 }  // namespace korvane::player

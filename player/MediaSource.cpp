@@ -265,8 +265,8 @@ VideoReader::~VideoReader() = default;
 const MediaInfo& VideoReader::info() const {
     return mImpl->info;
 }
-const AVFrame& VideoReader::picture() const {
-    return *mImpl->picture;
+const AVFrame* VideoReader::picture() const {
+    return mImpl->picture.get();
 }
 int64_t VideoReader::mediaTimeUs() const {
     return mImpl->lastUs;
@@ -299,7 +299,7 @@ struct AudioReader::Impl {
         }
     }
 
-    ReadStatus next(Packet* packet) {
+    ReadStatus next(AudioPacket* packet) {
         for (;;) {
             const ReadStatus status = demuxer.read();
             if (status != ReadStatus::Ready) {
@@ -331,7 +331,7 @@ struct AudioReader::Impl {
 AudioReader::AudioReader(const std::string& path) : mImpl(std::make_unique<Impl>(path)) {}
 AudioReader::~AudioReader() = default;
 
-ReadStatus AudioReader::next(Packet* packet) {
+ReadStatus AudioReader::next(AudioPacket* packet) {
     return mImpl->next(packet);
 }
 

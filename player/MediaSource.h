@@ -13,7 +13,7 @@
 #include <stdexcept>
 #include <string>
 
-struct AVFrame;
+#include "player/FrameSource.h"
 
 namespace korvane::player {
 
@@ -23,42 +23,22 @@ public:
     using std::runtime_error::runtime_error;
 };
 
-struct MediaInfo {
-    std::string path;
-    std::string container;
-    std::string videoCodec;
-    std::string audioCodec;  ///< empty without audio
-    int width = 0;
-    int height = 0;
-    double frameRateHz = 0.0;  ///< as the file says; 0: it does not
-    int64_t durationUs = -1;   ///< -1: unknown
-    bool hasAudio = false;
-};
-
-enum class ReadStatus { Ready, End, BrokenOff };
-
 /// Decodes the video stream with FFmpeg's own threads. One thread at a time.
-class VideoReader {
+class VideoReader final : public FrameSource {
 public:
     /// @throws InputError
     explicit VideoReader(const std::string& path);
-    ~VideoReader();
+    ~VideoReader() override;
     VideoReader(const VideoReader&) = delete;
     VideoReader& operator=(const VideoReader&) = delete;
 
-    const MediaInfo& info() const;
-    /// Decodes the next picture in display order.
-    ReadStatus next();
-    /// The picture of the last `next` that was Ready, valid until the following one.
-    const AVFrame& picture() const;
-    int64_t mediaTimeUs() const;
-    /// Goes to the first picture at or after a media time.
-    /// @return false when the file cannot seek; the reader then goes on where it was
-    bool seek(int64_t mediaTimeUs);
-    /// Packets that the decoder could make nothing of.
-    int64_t decodeErrors() const;
-    /// Media time that the file's data reaches, as far as it has been read.
-    int64_t readUpToUs() const;
+    const MediaInfo& info() const override;
+    ReadStatus next() override;
+    const AVFrame* picture() const override;
+    int64_t mediaTimeUs() const override;
+    bool seek(int64_t mediaTimeUs) override;
+    int64_t decodeErrors() const override;
+    int64_t readUpToUs() const override;
 
 private:
     struct Impl;
@@ -66,21 +46,16 @@ private:
 };
 
 /// Reads the times of the audio packets; nothing is decoded. One thread at a time.
-class AudioReader {
+class AudioReader final : public PacketSource {
 public:
     /// @throws InputError
     explicit AudioReader(const std::string& path);
-    ~AudioReader();
+    ~AudioReader() override;
     AudioReader(const AudioReader&) = delete;
     AudioReader& operator=(const AudioReader&) = delete;
 
-    struct Packet {
-        int64_t mediaTimeUs = 0;
-        int64_t durationUs = 0;
-    };
-    ReadStatus next(Packet* packet);
-    /// Goes to the first packet that sounds at or after a media time.
-    void seek(int64_t mediaTimeUs);
+    ReadStatus next(AudioPacket* packet) override;
+    void seek(int64_t mediaTimeUs) override;
 
 private:
     struct Impl;

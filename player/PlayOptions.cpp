@@ -2,6 +2,7 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <cstdlib>
 
@@ -18,6 +19,7 @@ constexpr int64_t kMostJitterUs = 5'000;
 constexpr int kFewestBuffers = 5;
 /// What the TV's tunnel holds.
 constexpr int kMostBuffers = 64;
+constexpr int kMostJobs = 256;
 
 constexpr char kDurationHelp[] = "Durations are written 2s, 200ms or 1.5 (seconds).";
 
@@ -174,14 +176,14 @@ void addPlaybackOptions(CLI::App* app, PlayOptions* options) {
     addTexts(app, "--flush-at", "AT",
              "Flush audio and video once AT has been shown, then go on; may be repeated",
              [options](const std::string& name, const std::string& text) {
-                 options->seeks.push_back({readDuration(name, text), 0, true});
+                 options->seeks.push_back({readDuration(name, text), 0, true, true});
              })
         ->group("Playback");
     addTexts(app, "--seek", "AT:TO",
              "Once AT has been shown, flush and go on at TO (2s:10s); may be repeated",
              [options](const std::string& name, const std::string& text) {
                  const DurationPair pair = readPair(name, text);
-                 options->seeks.push_back({pair.firstUs, pair.secondUs, false});
+                 options->seeks.push_back({pair.firstUs, pair.secondUs, false, true});
              })
         ->group("Playback");
     addTexts(app, "--video-stall", "AT:TIME",
@@ -214,6 +216,39 @@ void addPlatformOptions(CLI::App* app, PlayOptions* options) {
         ->group("Platform");
 }
 
+bool readClock(const std::string& option, const std::string& text) {
+    if (text != "virtual" && text != "real") {
+        throw wanted(option, text, "a clock; write virtual or real");
+    }
+    return text == "virtual";
+}
+
+uint64_t readSeed(const std::string& option, const std::string& text) {
+    char* end = nullptr;
+    errno = 0;
+    const unsigned long long value = std::strtoull(text.c_str(), &end, 10);
+    if (text.empty() || text[0] == '-' || *end != '\0' || errno != 0) {
+        throw wanted(option, text, "a seed; write a whole number of 0 or more");
+    }
+    return value;
+}
+
+void addClockOptions(CLI::App* app, std::optional<bool>* virtualClock, uint64_t* seed) {
+    addText(app, "--clock", "GEAR",
+            "virtual: threads take turns in simulated time, as fast as the machine can; real: in "
+            "real time [virtual]",
+            [virtualClock](const std::string& name, const std::string& text) {
+                *virtualClock = readClock(name, text);
+            })
+        ->group("Clock");
+    addText(
+        app, "--seed", "N",
+        "Order of threads that are ready at the same virtual instant; same seed, same playback "
+        "[1]",
+        [seed](const std::string& name, const std::string& text) { *seed = readSeed(name, text); })
+        ->group("Clock");
+}
+
 void addOutputOptions(CLI::App* app, PlayOptions* options) {
     app->add_option("--trace", options->traceFile,
                     "Record a trace (Chrome trace-event JSON, for the Perfetto UI)")
@@ -224,6 +259,10 @@ void addOutputOptions(CLI::App* app, PlayOptions* options) {
         ->group("Output");
     app->add_option("--json", options->jsonFile,
                     "Write the summary as one flat JSON object, one key per line")
+        ->type_name("OUT")
+        ->group("Output");
+    app->add_option("--events", options->eventsFile,
+                    "Write one line per event: sent, queued, shown, returned, dropped, ...")
         ->type_name("OUT")
         ->group("Output");
     addFlag(app, "-q,--quiet", &options->quiet, "No progress, and of the summary only the verdict")
@@ -242,11 +281,50 @@ CLI::App* addPlayCommand(CLI::App* app, PlayOptions* options) {
     addAudioOptions(play, options);
     addPlaybackOptions(play, options);
     addPlatformOptions(play, options);
+    addClockOptions(play, &options->virtualClock, &options->seed);
     addOutputOptions(play, options);
     play->footer(
         "Exit status: 0 every buffer came back and every frame is accounted for; 1 not so, or an "
         "output file could not be written; 2 wrong usage or input.");
     return play;
+}
+
+CLI::App* addRunCommand(CLI::App* app, RunOptions* options) {
+    CLI::App* run = app->add_subcommand(
+        "run", "Play scenarios and check what must hold; one verdict line each.");
+    run->add_option("SCENARIO", options->paths, "Scenario files (*.toml), or folders of them")
+        ->type_name("")
+        ->required();
+    addText(run, "-j,--jobs", "N", "Scenarios to play at a time, 1 to 256 [1]",
+            [options](const std::string& name, const std::string& text) {
+                options->jobs =
+                    static_cast<int>(readNumber(name, text, 1, kMostJobs, " scenarios; try 2"));
+            });
+    addText(run, "--seed", "N", "Seed of all of them, instead of each one's own",
+            [options](const std::string& name, const std::string& text) {
+                options->seed = readSeed(name, text);
+            });
+    addText(run, "--clock", "GEAR", "virtual or real [virtual]",
+            [options](const std::string& name, const std::string& text) {
+                options->virtualClock = readClock(name, text);
+            });
+    run->add_option("--events", options->eventsFolder,
+                    "Keep each scenario's event log in this folder, as NAME.events")
+        ->type_name("DIR");
+    addFlag(run, "-v,--verbose", &options->verbose,
+            "Show each playback's report and what the library logs");
+    run->footer(
+        "A scenario says what is played, on which TV with which faults, and what must hold; "
+        "docs/scenarios.md describes every key.\n"
+        "Exit status: 0 all held; 1 one did not; 2 wrong usage, or a file that is no scenario.");
+    return run;
+}
+
+CLI::App* addListCommand(CLI::App* app, ListOptions* options) {
+    CLI::App* list = app->add_subcommand("list", "Say what each scenario shows and must hold.");
+    list->add_option("DIR", options->path, "A folder of scenarios, or one [scenarios]")
+        ->type_name("");
+    return list;
 }
 
 /// What stands behind or before the first ": " of CLI11's message: the arguments, or the option.
@@ -259,19 +337,23 @@ std::string beforeColon(const std::string& text) {
 }
 
 /// What is wrong with a command line, on one line.
-std::string explain(const CLI::ParseError& error, bool inPlay, const std::string& firstArgument) {
+/// @param command  the one that was given; empty: none
+std::string explain(const CLI::ParseError& error, const std::string& command,
+                    const std::string& firstArgument) {
     const std::string text = error.what();
-    if (!inPlay) {
-        return firstArgument.empty()
-                   ? "no command given; write korvane-tv play FILE"
-                   : "'" + firstArgument + "' is no command; write korvane-tv play FILE";
+    const std::string commands = "; write korvane-tv play FILE, run SCENARIO or list";
+    if (command.empty()) {
+        return firstArgument.empty() ? "no command given" + commands
+                                     : "'" + firstArgument + "' is no command" + commands;
     }
-    const std::string where = " (see korvane-tv play --help)";
+    const std::string where = " (see korvane-tv " + command + " --help)";
     if (dynamic_cast<const CLI::ExtrasError*>(&error) != nullptr) {
         return "unknown option or one argument too many: " + behindColon(text) + where;
     }
     if (dynamic_cast<const CLI::RequiredError*>(&error) != nullptr) {
-        return "no file given; write korvane-tv play FILE" + where;
+        const std::string what = command == "run" ? "no scenario given; write korvane-tv run FILE"
+                                                  : "no file given; write korvane-tv play FILE";
+        return what + where;
     }
     if (const size_t given = text.find(" was given a disallowed flag"); given != text.npos) {
         return "--" + text.substr(0, given) + " takes no value" + where;
@@ -282,20 +364,36 @@ std::string explain(const CLI::ParseError& error, bool inPlay, const std::string
     return text + where;
 }
 
+void sortByTime(PlayOptions* options) {
+    const auto byTime = [](const auto& left, const auto& right) { return left.atUs < right.atUs; };
+    std::stable_sort(options->seeks.begin(), options->seeks.end(), byTime);
+    std::stable_sort(options->videoStalls.begin(), options->videoStalls.end(), byTime);
+}
+
 }  // namespace
 
 CommandLine parseCommandLine(int argc, const char* const* argv, const std::string& version) {
     CommandLine line;
-    CLI::App app{"korvane-tv: plays real media through the tunnel renderer onto a simulated TV.",
+    CLI::App app{"korvane-tv: plays media through the tunnel renderer onto a simulated TV.",
                  "korvane-tv"};
     app.set_version_flag("--version", version);
     app.require_subcommand(1);
-    app.footer("Example: korvane-tv play film.mp4 --rate 59.94 --csv frames.csv");
-    CLI::App* play = addPlayCommand(&app, &line.play);
+    app.footer(
+        "Examples: korvane-tv play film.mp4 --rate 59.94 --csv frames.csv\n"
+        "          korvane-tv run scenarios/ --jobs 2");
+    const std::pair<CLI::App*, Command> commands[] = {
+        {addPlayCommand(&app, &line.play), Command::Play},
+        {addRunCommand(&app, &line.run), Command::Run},
+        {addListCommand(&app, &line.list), Command::List}};
+    const auto given = [&commands] {
+        return std::find_if(std::begin(commands), std::end(commands),
+                            [](const auto& command) { return command.first->parsed(); });
+    };
     try {
         app.parse(argc, argv);
     } catch (const CLI::CallForHelp&) {
-        line.text = play->parsed() ? play->help("korvane-tv") : app.help();
+        const auto* command = given();
+        line.text = command != std::end(commands) ? command->first->help("korvane-tv") : app.help();
         return line;
     } catch (const CLI::CallForAllHelp&) {
         line.text = app.help("", CLI::AppFormatMode::All);
@@ -304,12 +402,61 @@ CommandLine parseCommandLine(int argc, const char* const* argv, const std::strin
         line.text = version + "\n";
         return line;
     } catch (const CLI::ParseError& error) {
-        throw UsageError(explain(error, play->parsed(), argc > 1 ? argv[1] : ""));
+        const auto* command = given();
+        throw UsageError(explain(error,
+                                 command != std::end(commands) ? command->first->get_name() : "",
+                                 argc > 1 ? argv[1] : ""));
     }
-    const auto byTime = [](const auto& left, const auto& right) { return left.atUs < right.atUs; };
-    std::stable_sort(line.play.seeks.begin(), line.play.seeks.end(), byTime);
-    std::stable_sort(line.play.videoStalls.begin(), line.play.videoStalls.end(), byTime);
+    line.command = given()->second;
+    sortByTime(&line.play);
+    line.play.repeat = repeatLine(argc, argv, line.play.seed);
     return line;
+}
+
+std::string repeatLine(int argc, const char* const* argv, uint64_t seed) {
+    const std::string plain = "-_./:=,+@%";
+    std::string text = "korvane-tv";
+    bool seedGiven = false;
+    for (int i = 1; i < argc; ++i) {
+        const std::string word = argv[i];
+        seedGiven = seedGiven || word == "--seed" || word.rfind("--seed=", 0) == 0;
+        const bool bare = !word.empty() && std::all_of(word.begin(), word.end(), [&](char c) {
+            return std::isalnum(static_cast<unsigned char>(c)) != 0 || plain.find(c) != plain.npos;
+        });
+        std::string quoted = word;
+        for (size_t at = quoted.find('\''); at != quoted.npos; at = quoted.find('\'', at + 4)) {
+            quoted.replace(at, 1, "'\\''");
+        }
+        text += bare ? " " + word : " '" + quoted + "'";
+    }
+    return seedGiven ? text : text + " --seed " + std::to_string(seed);
+}
+
+PlaybackPlan planOf(const PlayOptions& options, const MediaInfo& media) {
+    PlaybackPlan plan;
+    plan.tv.display.rateHz = tv::displayRateHz(options.rateHz);
+    plan.tv.display.driftPpm = options.displayDriftPpm;
+    plan.tv.display.reportJitterNs = options.vsyncJitterUs * 1000;
+    plan.withAudio = media.hasAudio && !options.noAudio;
+    plan.audio.startDelayUs = options.audioDelayUs;
+    plan.audio.driftPpm = options.audioDriftPpm;
+    plan.audio.underflows = options.underflows;
+    plan.passthrough = options.passthrough;
+    plan.buffers = options.buffers;
+    plan.peek = options.peek ? Peek::Marked : Peek::None;
+    plan.toldFrameRate = rateInHundredths(media.frameRateHz);
+    plan.seeks = options.seeks;
+    plan.stalls = options.videoStalls;
+    plan.limitUs = options.limitUs;
+    plan.longestWaitUs = plan.withAudio ? options.audioDelayUs : 0;
+    for (const auto& underflow : options.underflows) {
+        plan.longestWaitUs = std::max(plan.longestWaitUs, underflow.durationUs);
+    }
+    for (const auto& stall : options.videoStalls) {
+        plan.longestWaitUs = std::max(plan.longestWaitUs, stall.durationUs);
+    }
+    plan.progress = !options.quiet;
+    return plan;
 }
 
 }  // namespace korvane::player

@@ -11,7 +11,10 @@
 #include <utility>
 #include <vector>
 
+#include "player/FrameSource.h"
+#include "player/PlaybackPlan.h"
 #include "player/Units.h"
+#include "player/scenario/RunCommand.h"
 #include "tv/AudioOutput.h"
 
 namespace korvane::player {
@@ -20,19 +23,6 @@ namespace korvane::player {
 class UsageError : public std::runtime_error {
 public:
     using std::runtime_error::runtime_error;
-};
-
-/// A jump in the middle of playback.
-struct SeekAction {
-    int64_t atUs = 0;      ///< when this media time has been shown
-    int64_t toUs = 0;      ///< go on here
-    bool inPlace = false;  ///< flush only: go on with the next picture, `toUs` is not used
-};
-
-/// A gap in the supply of pictures, as a bad reception or a slow decoder makes it.
-struct VideoStall {
-    int64_t atUs = 0;  ///< before the first picture at or after this media time
-    int64_t durationUs = 0;
 };
 
 struct PlayOptions {
@@ -61,14 +51,31 @@ struct PlayOptions {
     std::string traceFile;
     std::string csvFile;
     std::string jsonFile;
+    std::string eventsFile;
     bool quiet = false;
+
+    std::optional<bool> virtualClock;  ///< empty: virtual where this build has it
+    uint64_t seed = 1;
+    std::string repeat;  ///< the command line that repeats this
 };
+
+enum class Command { Play, Run, List };
+
+/// The command line that repeats a run, for people to copy: words that need it are quoted, and the
+/// seed is there.
+std::string repeatLine(int argc, const char* const* argv, uint64_t seed);
 
 struct CommandLine {
     /// Text to print instead of playing (help, version); empty when there is something to play.
     std::string text;
+    Command command = Command::Play;
     PlayOptions play;
+    RunOptions run;
+    ListOptions list;
 };
+
+/// The playback that the options ask for of a file.
+PlaybackPlan planOf(const PlayOptions& options, const MediaInfo& media);
 
 /// Reads a command line.
 /// @throws UsageError

@@ -1,152 +1,96 @@
-#include "player/Playback.h"
-
+// One playback: set-up, the library's callbacks, restart, and the end.
 #include <algorithm>
-#include <atomic>
-#include <chrono>
-#include <deque>
+#include <limits>
 #include <stdexcept>
 #include <thread>
 #include <utility>
 
-#include "VideoTunnelRenderer.h"
-#include "player/AudioFeeder.h"
-#include "player/Progress.h"
-#include "tv/Tv.h"
+#include "player/MediaSource.h"
+
+#include "player/PlaybackSession.h"
+#include "tv/clock/FiberLocal.h"
 
 namespace korvane::player {
 namespace {
 
-using std::chrono::milliseconds;
-
-/// How long the player's thread sleeps at most before it looks around again.
-constexpr milliseconds kTick{5};
 /// Upper half of init's argument: tuner pass-through.
 constexpr int kPassthroughInit = 0x10000;
-/// The renderer waits for its second frame; the rest is a reserve for a slow start of the decoder.
-constexpr int64_t kPrebufferFrames = 8;
-/// A frame's time where the file tells no rate.
-constexpr int64_t kDefaultFrameUs = 40'000;
-/// Without any sign of life for this long, beyond the waits that were asked for, playback stalls.
-constexpr int64_t kStallNs = 5'000'000'000;
-/// Longest wait for the last frame to come on screen after the library has handed it over.
-constexpr int64_t kLastFrameNs = 1'000'000'000;
+/// Frame rates that the renderer takes, in hundredths.
+constexpr int kLowestRate = 1;
+constexpr int kHighestRate = 6000;
+
 /// Set on the player's thread while it is inside `flush`, which calls back on that same thread.
-thread_local bool tInsideFlush = false;
+const tv::FiberLocal<bool> tInsideFlush;
 /// The reason that the library has just logged on this thread.
-thread_local DropReason tAnnounced = DropReason::None;
+const tv::FiberLocal<DropReason> tAnnounced;
 
 void noteDropLine(const tv::LogLine& line) {
     if (const auto reason = dropReasonFromLog(line.text)) {
-        tAnnounced = *reason;
+        tAnnounced.get() = *reason;
     }
 }
 
-struct DeleteRenderer {
-    void operator()(VideoTunnelRenderer* renderer) const { delete renderer; }
-};
+void takeTime(int64_t us) {
+    if (us > 0) {
+        std::this_thread::sleep_for(std::chrono::microseconds(us));
+    }
+}
 
-class Playback {
-public:
-    Playback(const PlayOptions& options, VideoReader& reader,
-             const std::function<bool()>& interrupted);
-    ~Playback();
-    Playback(const Playback&) = delete;
-    Playback& operator=(const Playback&) = delete;
+}  // namespace
 
-    PlaybackRecord run();
+const char* toString(EndCause cause) {
+    switch (cause) {
+        case EndCause::Complete:
+            return "complete";
+        case EndCause::BrokenOff:
+            return "broken_off";
+        case EndCause::Interrupted:
+            return "interrupted";
+        case EndCause::Stopped:
+            return "stopped";
+        case EndCause::Stalled:
+            break;
+    }
+    return "stalled";
+}
 
-private:
-    // the library's callbacks
-    static int bufferBack(void* self, void* status) noexcept;
-    static int renderTime(void* self, void* time) noexcept;
-    void onBufferBack(int fd, bool rendered);
-    void onRenderTime(const rendertime& time);
-    DropReason reasonOfDrop(int64_t mediaTimeUs, DropEvidence* evidence);
-    DropValues valuesNow(int64_t mediaTimeUs);
-
-    // set-up
-    void switchOn();
-    void makeRenderer();
-    void start();
-
-    // the player's thread
-    void feedAndWatch();
-    bool stopAsked();
-    bool decodeNext();
-    void pump();
-    void send(int buffer, int64_t mediaTimeUs);
-    bool isLate(int64_t mediaTimeUs) const;
-    void beginSection(int64_t mediaTimeUs);
-    bool overLimit() const;
-    bool stallReached() const;
-    bool supplyStalls();
-    bool seekDue() const;
-    void performSeek();
-    void tick();
-    bool finished();
-    bool lastFrameHasBeenShown();
-    bool stalled() const;
-    PlaybackRecord finish();
-
-    const PlayOptions& mOptions;
-    VideoReader& mReader;
-    const std::function<bool()>& mInterrupted;
-    PlaybackRecord mRecord;
-    const bool mWithAudio;
-
-    std::shared_ptr<tv::Tv> mTv;
-    std::shared_ptr<tv::SyncInstance> mClock;
-    BufferPool mPool;
-    FrameLedger mLedger;
-    Progress mProgress;
-    std::unique_ptr<AudioFeeder> mAudio;
-    std::unique_ptr<VideoTunnelRenderer, DeleteRenderer> mRenderer;
-    int mTunnelId = -1;
-
-    std::deque<SeekAction> mSeeks;
-    std::deque<VideoStall> mStalls;
-    int64_t mStallEndsNs = 0;
-    std::atomic<bool> mFlushing{false};
-    bool mHavePicture = false;
-    bool mSectionBegun = false;
-    bool mSourceEnded = false;
-    int64_t mFirstMediaUs = 0;    ///< of the section
-    int64_t mPlayedBeforeUs = 0;  ///< media handed in before the section
-    int64_t mLastMediaUs = 0;
-    int64_t mFrameUs = kDefaultFrameUs;
-    int64_t mSettledSinceNs = 0;
-};
-
-Playback::Playback(const PlayOptions& options, VideoReader& reader,
-                   const std::function<bool()>& interrupted)
-    : mOptions(options),
-      mReader(reader),
-      mInterrupted(interrupted),
-      mWithAudio(reader.info().hasAudio && !options.noAudio),
-      mPool(options.buffers),
-      mProgress(!options.quiet),
-      mSeeks(options.seeks.begin(), options.seeks.end()),
-      mStalls(options.videoStalls.begin(), options.videoStalls.end()) {
-    const double hz = reader.info().frameRateHz;
+PlaybackSession::PlaybackSession(const PlaybackPlan& plan, FrameSource& video,
+                                 std::unique_ptr<PacketSource> audio, const PlaybackPorts& ports)
+    : mPlan(plan),
+      mVideo(video),
+      mPorts(ports),
+      mPool(plan.buffers),
+      mProgress(plan.progress),
+      mAudioSource(std::move(audio)),
+      mSeeks(plan.seeks.begin(), plan.seeks.end()),
+      mStalls(plan.stalls.begin(), plan.stalls.end()),
+      mGaps(plan.gaps.begin(), plan.gaps.end()) {
+    const double hz = video.info().frameRateHz;
     if (hz > 0.0) {
         mFrameUs = static_cast<int64_t>(1e6 / hz);
     }
-    mRecord.media = reader.info();
-    mRecord.withAudio = mWithAudio;
-    mRecord.passthrough = options.passthrough;
-    mRecord.displayHz = tv::displayRateHz(options.rateHz);
-    tv::observeLog(noteDropLine);
+    mRecord.media = video.info();
+    mRecord.withAudio = plan.withAudio;
+    mRecord.passthrough = plan.passthrough;
+    mRecord.displayHz = plan.tv.display.rateHz;
+    tv::observeLog([this](const tv::LogLine& line) {
+        noteDropLine(line);
+        if (mPorts.onLogLine) {
+            mPorts.onLogLine(line);
+        }
+    });
 }
 
-Playback::~Playback() {
+PlaybackSession::~PlaybackSession() {
     // Normally all stopped already; here when something was thrown on the way.
+    mFaults.reset();
     if (mRenderer) {
         mRenderer->stop();
     }
     tv::observeLog(nullptr);
 }
 
-PlaybackRecord Playback::run() {
+PlaybackRecord PlaybackSession::run() {
     // A file without a single picture is bad input, so this comes before the TV is switched on.
     if (!decodeNext()) {
         throw InputError("'" + mRecord.media.path + "' holds no " + mRecord.media.videoCodec +
@@ -161,26 +105,30 @@ PlaybackRecord Playback::run() {
 
 // ---- the library's callbacks: any of its threads ----
 
-int Playback::bufferBack(void* self, void* status) noexcept {
+int PlaybackSession::bufferBack(void* self, void* status) noexcept {
     const auto* info = static_cast<const framestatus*>(status);
-    static_cast<Playback*>(self)->onBufferBack(info->fd, info->rendered != 0);
-    return 0;
+    auto* session = static_cast<PlaybackSession*>(self);
+    session->onBufferBack(info->fd, info->rendered != 0);
+    takeTime(session->mPlan.callbackTakesUs);
+    return session->mPlan.callbackAnswers;
 }
 
-int Playback::renderTime(void* self, void* time) noexcept {
-    static_cast<Playback*>(self)->onRenderTime(*static_cast<const rendertime*>(time));
-    return 0;
+int PlaybackSession::renderTime(void* self, void* time) noexcept {
+    auto* session = static_cast<PlaybackSession*>(self);
+    session->onRenderTime(*static_cast<const rendertime*>(time));
+    takeTime(session->mPlan.callbackTakesUs);
+    return session->mPlan.callbackAnswers;
 }
 
-void Playback::onBufferBack(int fd, bool rendered) {
+void PlaybackSession::onBufferBack(int fd, bool rendered) {
     const auto holding = mPool.holding(fd);
     if (holding.frameNo >= 0) {
         ReturnedBuffer buffer;
         buffer.frameNo = holding.frameNo;
         buffer.nowNs = tv::nowNs();
         buffer.rendered = rendered;
-        buffer.insideFlush = tInsideFlush;
-        if (!rendered && !tInsideFlush) {
+        buffer.insideFlush = tInsideFlush.get();
+        if (!rendered && !tInsideFlush.get()) {
             buffer.dropReason =
                 reasonOfDrop(mLedger.mediaTimeUs(holding.frameNo), &buffer.dropEvidence);
         }
@@ -190,17 +138,17 @@ void Playback::onBufferBack(int fd, bool rendered) {
     mPool.giveBack(fd);
 }
 
-DropReason Playback::reasonOfDrop(int64_t mediaTimeUs, DropEvidence* evidence) {
-    const DropReason announced = std::exchange(tAnnounced, DropReason::None);
+DropReason PlaybackSession::reasonOfDrop(int64_t mediaTimeUs, DropEvidence* evidence) {
+    const DropReason announced = std::exchange(tAnnounced.get(), DropReason::None);
     *evidence = announced != DropReason::None ? DropEvidence::LogLine : DropEvidence::Values;
     return announced != DropReason::None ? announced : dropReasonFromValues(valuesNow(mediaTimeUs));
 }
 
-DropValues Playback::valuesNow(int64_t mediaTimeUs) {
+DropValues PlaybackSession::valuesNow(int64_t mediaTimeUs) {
     const int64_t nowUs = tv::nowNs() / 1000;
     DropValues values;
-    values.passthrough = mOptions.passthrough;
-    values.hasAudio = mWithAudio;
+    values.passthrough = mPlan.passthrough;
+    values.hasAudio = mPlan.withAudio;
     values.flushing = mFlushing;
     values.syncMode = mClock->mode();
     values.underflowSeen = mAudio && mAudio->report().underflows > 0;
@@ -209,7 +157,7 @@ DropValues Playback::valuesNow(int64_t mediaTimeUs) {
     return values;
 }
 
-void Playback::onRenderTime(const rendertime& time) {
+void PlaybackSession::onRenderTime(const rendertime& time) {
     std::optional<int64_t> clockUs;
     const int64_t realUs = mClock->realTimeFor(time.mediaTimeUs, tv::nowNs() / 1000);
     if (realUs >= 0 && !mClock->paused()) {
@@ -220,22 +168,23 @@ void Playback::onRenderTime(const rendertime& time) {
 
 // ---- set-up ----
 
-void Playback::switchOn() {
-    tv::TvConfig config;
-    config.display.rateHz = mRecord.displayHz;
-    config.display.driftPpm = mOptions.displayDriftPpm;
-    config.display.reportJitterNs = mOptions.vsyncJitterUs * 1000;
-    mTv = tv::Tv::powerOn(config);
+void PlaybackSession::switchOn() {
+    mTv = tv::Tv::powerOn(mPlan.tv);
     mClock = mTv->mediaSync().create();
+    mFaults = std::make_unique<FaultPlayer>(
+        mPlan.faults, [this](const TvFaults& faults) { applyFaults(faults); });
 }
 
-void Playback::makeRenderer() {
+void PlaybackSession::makeRenderer() {
     mRenderer.reset(VideoTunnelRenderer_create());
-    const bool bindClock = mWithAudio || mOptions.passthrough;
-    mRenderer->init((bindClock ? mClock->id() : 0) | (mOptions.passthrough ? kPassthroughInit : 0));
+    const bool bindClock = mPlan.withAudio || mPlan.passthrough;
+    mRenderer->init((bindClock ? mClock->id() : 0) | (mPlan.passthrough ? kPassthroughInit : 0));
     if (!bindClock) {
         // Without audio the library makes itself an instance; it is the newest one.
         mClock = mTv->mediaSync().instances().back();
+    }
+    if (mPlan.prepareClock) {
+        mPlan.prepareClock(mClock);
     }
     mRenderer->regCallBack(kFrameStatusCallback, bufferBack, this);
     mRenderer->regCallBack(kRenderTimeCallback, renderTime, this);
@@ -243,270 +192,133 @@ void Playback::makeRenderer() {
     if (mTunnelId < 0) {
         throw std::runtime_error("the TV gives no video tunnel; see the log with --log 1");
     }
-    const int hundredths = rateInHundredths(mRecord.media.frameRateHz);
-    if (hundredths >= 1 && hundredths <= 6000) {
-        mRenderer->setFrameRate(hundredths);
+    if (mPlan.toldFrameRate && *mPlan.toldFrameRate >= kLowestRate &&
+        *mPlan.toldFrameRate <= kHighestRate) {
+        mRenderer->setFrameRate(*mPlan.toldFrameRate);
     }
 }
 
-void Playback::start() {
-    if (mWithAudio) {
-        tv::AudioConfig config;
-        config.startDelayUs = mOptions.audioDelayUs;
-        config.driftPpm = mOptions.audioDriftPpm;
-        config.underflows = mOptions.underflows;
-        mAudio = std::make_unique<AudioFeeder>(mRecord.media.path, mClock, config,
-                                               !mOptions.passthrough);
+void PlaybackSession::start() {
+    if (mPlan.withAudio) {
+        mAudio = std::make_unique<AudioFeeder>(std::move(mAudioSource), mClock, mPlan.audio,
+                                               !mPlan.passthrough);
     }
     // Frames wait in the library's queue until `start`, so that a decoder that starts slowly is not
     // taken for a stream that does.
     while (!mSourceEnded &&
-           mLedger.frames() < std::min<int64_t>(kPrebufferFrames, mOptions.buffers)) {
+           mLedger.frames() < std::min<int64_t>(mPlan.prebufferFrames, mPlan.buffers)) {
         pump();
     }
-    if (!mWithAudio) {
+    if (!mPlan.withAudio) {
         // Nobody else anchors the clock, and the library drops a frame that finds it without.
-        mRenderer->updateVideoTime(mFirstMediaUs);
+        mRenderer->updateVideoTime(mSectionBegun ? mFirstMediaUs : mVideo.mediaTimeUs());
     }
     mRecord.startNs = tv::nowNs();
     mRecord.sections.push_back({mRecord.startNs, -1});
+    for (const auto& change : mPlan.modeChanges) {
+        mTv->display().changeMode(atPlaybackTime(change.atUs), change.rateHz);
+    }
+    for (auto* listener : mPorts.listeners) {
+        listener->onStart(mRecord);
+    }
+    mFaults->start(mRecord.startNs);
     mRenderer->start();
     if (mAudio) {
         mAudio->start();
     }
 }
 
-// ---- the player's thread ----
+/// On the fault player's thread.
+void PlaybackSession::applyFaults(const TvFaults& faults) {
+    mTv->tunnel().setFaults(faults.tunnel);
+    mTv->display().setReportFails(faults.reportFails);
+    mTv->display().setReportedPeriod(faults.reportedPeriodNs);
+    if (mAudio && faults.audioPaused != mAudioPaused) {
+        mAudioPaused = faults.audioPaused;
+        mAudioSwitchedNs = tv::nowNs();
+        act(mAudioPaused ? EventKind::Pause : EventKind::Resume);
+        mAudioPaused ? mAudio->pause() : mAudio->resume();
+    }
+}
 
-void Playback::feedAndWatch() {
-    while (!stopAsked()) {
-        tick();
-        if (seekDue()) {
-            performSeek();
-        } else if (!mSourceEnded) {
-            pump();
-        } else if (finished()) {
-            return;
-        } else {
-            std::this_thread::sleep_for(kTick);
+void PlaybackSession::flushRenderer() {
+    mFlushing = true;
+    tInsideFlush.get() = true;
+    mRenderer->flush();
+    tInsideFlush.get() = false;
+}
+
+void PlaybackSession::act(EventKind kind, int64_t number, const std::string& text) {
+    const Event event{tv::nowNs(), kind, -1, number, 0, text};
+    for (auto* listener : mPorts.listeners) {
+        listener->onAction(event);
+    }
+}
+
+void PlaybackSession::tellListeners(const std::vector<FrameEntry>& frames) {
+    for (const auto& frame : frames) {
+        if (frame.bufferKept && mRecord.buffersKept++ == 0) {
+            mRecord.firstKept = {frame.frameNo, (frame.sentNs - mRecord.startNs) / 1000};
+        }
+        for (auto* listener : mPorts.listeners) {
+            listener->onFrame(frame, mRecord);
         }
     }
 }
 
-bool Playback::stopAsked() {
-    if (mInterrupted()) {
-        mRecord.end = EndCause::Interrupted;
-        return true;
+/// Moves what the tunnel has finished into the ledger, and settled frames out of it.
+void PlaybackSession::collect() {
+    const auto records = mTv->tunnel().takeFinished(mTunnelId);
+    for (const auto& record : records) {
+        mRecord.foreignPictures += record.frameNo < 0 ? 1 : 0;
+        mRecord.overwrittenOnScreen += record.overwrittenOnScreen ? 1 : 0;
     }
-    if (stalled()) {
-        mRecord.end = EndCause::Stalled;
-        return true;
+    mLedger.addRecords(records);
+    int64_t firstInTunnel = std::numeric_limits<int64_t>::max();
+    for (const auto& record : mTv->tunnel().record(mTunnelId)) {
+        if (record.frameNo >= 0) {
+            firstInTunnel = std::min(firstInTunnel, record.frameNo);
+        }
     }
-    return false;
-}
-
-/// @return false at the end of the file
-bool Playback::decodeNext() {
-    const ReadStatus status = mReader.next();
-    mHavePicture = status == ReadStatus::Ready;
-    mSourceEnded = !mHavePicture;
-    if (status == ReadStatus::BrokenOff) {
-        mRecord.end = EndCause::BrokenOff;
-        mRecord.brokeOffAtUs = mReader.readUpToUs();
-    }
-    return mHavePicture;
-}
-
-/// Moves one picture on, as far as it goes now: decode, wait for a buffer, hand in.
-void Playback::pump() {
-    if (!mHavePicture && !decodeNext()) {
-        return;
-    }
-    if (overLimit()) {
-        mSourceEnded = true;
-        return;
-    }
-    if (supplyStalls()) {
-        std::this_thread::sleep_for(kTick);
-        return;
-    }
-    const int buffer = mPool.acquire(kTick);
-    if (buffer < 0) {
-        return;
-    }
-    const int64_t mediaTimeUs = mReader.mediaTimeUs();
-    if (!mSectionBegun) {
-        beginSection(mediaTimeUs);
-    }
-    send(buffer, mediaTimeUs);
-    mHavePicture = false;
-}
-
-void Playback::beginSection(int64_t mediaTimeUs) {
-    mSectionBegun = true;
-    mFirstMediaUs = mediaTimeUs;
-    if (mRecord.sections.empty()) {
-        return;  // before `start`, which sees to the rest
-    }
-    if (mAudio) {
-        mAudio->restart(mediaTimeUs);
-    } else {
-        mRenderer->updateVideoTime(mediaTimeUs);
+    tellListeners(mLedger.takeSettled(firstInTunnel));
+    const int64_t oldestNs = mLedger.oldestSentNs();
+    for (auto* listener : mPorts.listeners) {
+        listener->onSettledUpTo(oldestNs);
     }
 }
 
-void Playback::send(int buffer, int64_t mediaTimeUs) {
-    const int section = std::max(static_cast<int>(mRecord.sections.size()) - 1, 0);
-    const bool peek = mOptions.peek && mLedger.frames() == 0;
-    const int64_t frameNo =
-        mLedger.sent(mediaTimeUs, section, buffer, tv::nowNs(), isLate(mediaTimeUs));
-    const size_t bytes = mPool.fill(buffer, mReader.picture(), frameNo, mediaTimeUs);
-    if (mOptions.passthrough) {
-        mRenderer->onVideoSyncQueueVideoFrame(mediaTimeUs, static_cast<unsigned>(bytes));
-    }
-    mRenderer->sendVideoFrame(mPool.fd(buffer), mediaTimeUs, peek);
-    mFlushing = false;
-    mLastMediaUs = mediaTimeUs;
-}
-
-/// A frame due sooner than the library hands frames to the tunnel comes late for its vsync.
-bool Playback::isLate(int64_t mediaTimeUs) const {
-    const int64_t nowUs = tv::nowNs() / 1000;
-    const int64_t realUs = mClock->realTimeFor(mediaTimeUs, nowUs);
-    return mLedger.positionUs() >= 0 && realUs >= 0 && !mClock->paused() && realUs < nowUs;
-}
-
-bool Playback::overLimit() const {
-    if (!mOptions.limitUs) {
-        return false;
-    }
-    const int64_t inSectionUs = mSectionBegun ? mReader.mediaTimeUs() - mFirstMediaUs : 0;
-    return mPlayedBeforeUs + inSectionUs >= *mOptions.limitUs;
-}
-
-bool Playback::stallReached() const {
-    return !mStalls.empty() && mReader.mediaTimeUs() >= mStalls.front().atUs;
-}
-
-/// The gap in the supply that was asked for begins when all before it has been shown, so that the
-/// library runs out of pictures.
-bool Playback::supplyStalls() {
-    if (!stallReached()) {
-        return false;
-    }
-    const int64_t nowNs = tv::nowNs();
-    const bool shown = mLedger.unsettled() == 0 || mLedger.positionUs() < 0;
-    if (mStallEndsNs == 0 && shown) {
-        mStallEndsNs = nowNs + mStalls.front().durationUs * 1000;
-    }
-    if (mStallEndsNs == 0 || nowNs < mStallEndsNs) {
-        return true;
-    }
-    mStalls.pop_front();
-    mStallEndsNs = 0;
-    return false;
-}
-
-bool Playback::seekDue() const {
-    return !mSeeks.empty() && mSectionBegun && mLedger.positionUs() >= mSeeks.front().atUs;
-}
-
-/// What a player does on a seek: audio first (see AudioFeeder), then the renderer's flush, then
-/// both readers go to the new place. The section begins with the next picture handed in.
-void Playback::performSeek() {
-    const SeekAction seek = mSeeks.front();
-    mSeeks.pop_front();
-    if (mAudio) {
-        mRecord.sections.back().audioStartedRealUs = mAudio->report().startedRealUs;
-        mAudio->hold();
-    }
-    mRecord.sections.push_back({tv::nowNs(), -1});
-    mFlushing = true;
-    tInsideFlush = true;
-    mRenderer->flush();
-    tInsideFlush = false;
-    mPlayedBeforeUs += mLastMediaUs - mFirstMediaUs + mFrameUs;
-    mSectionBegun = false;
-    mSettledSinceNs = 0;
-    if (!seek.inPlace) {
-        mHavePicture = false;
-        mSourceEnded = false;
-        mRecord.failedSeeks += mReader.seek(seek.toUs) ? 0 : 1;
-    }
-}
-
-/// Everything that is to happen every few milliseconds beside feeding.
-void Playback::tick() {
-    const int64_t nowNs = tv::nowNs();
-    tv::AudioReport audio;
-    if (mAudio) {
-        audio = mAudio->report();
-    }
-    auto& stops = mRecord.clockStops;
-    const bool stopOpen = !stops.empty() && stops.back().toUs == 0;
-    if (audio.state == tv::AudioState::Underflow && !stopOpen) {
-        stops.push_back({nowNs / 1000, 0});
-    } else if (audio.state != tv::AudioState::Underflow && stopOpen) {
-        stops.back().toUs = nowNs / 1000;
-    }
-    ProgressState state;
-    state.positionUs = mLedger.positionUs();
-    state.endUs = mOptions.limitUs && (mRecord.media.durationUs < 0 ||
-                                       *mOptions.limitUs < mRecord.media.durationUs)
-                      ? *mOptions.limitUs
-                      : mRecord.media.durationUs;
-    state.frames = mLedger.frames();
-    if (mAudio && audio.state != tv::AudioState::Playing && audio.state != tv::AudioState::Ended) {
-        state.note = std::string("audio: ") + tv::toString(audio.state);
-    }
-    mProgress.update(state, nowNs);
-}
-
-bool Playback::finished() {
-    if (mLedger.unsettled() > 0) {
-        mSettledSinceNs = 0;
-        return false;
-    }
-    const int64_t nowNs = tv::nowNs();
-    if (mSettledSinceNs == 0) {
-        mSettledSinceNs = nowNs;
-    }
-    return lastFrameHasBeenShown() || nowNs - mSettledSinceNs > kLastFrameNs;
-}
-
-/// The last frame that was handed to the tunnel has been on screen for a frame's time.
-bool Playback::lastFrameHasBeenShown() {
-    const auto record = mTv->tunnel().record(mTunnelId);
-    if (record.empty()) {
-        return true;
-    }
-    const auto& last = record.back();
-    return last.fate == tv::BufferFate::Superseded ||
-           (last.firstVsync.index >= 0 && tv::nowNs() >= last.firstVsync.timeNs + mFrameUs * 1000);
-}
-
-bool Playback::stalled() const {
-    int64_t askedForUs = mWithAudio ? mOptions.audioDelayUs : 0;
-    for (const auto& underflow : mOptions.underflows) {
-        askedForUs = std::max(askedForUs, underflow.durationUs);
-    }
-    for (const auto& stall : mOptions.videoStalls) {
-        askedForUs = std::max(askedForUs, stall.durationUs);
-    }
-    const int64_t sinceNs = std::max(mLedger.lastEventNs(), mRecord.sections.back().beganNs);
-    return tv::nowNs() - sinceNs > kStallNs + askedForUs * 1000;
-}
-
-PlaybackRecord Playback::finish() {
-    mProgress.finish();
-    if (mAudio) {
-        mRecord.sections.back().audioStartedRealUs = mAudio->report().startedRealUs;
-    }
-    const int64_t stopBeganNs = tv::nowNs();
+/// Stops the library; every buffer is the player's again, and every frame has its account.
+void PlaybackSession::stopRenderer() {
+    act(EventKind::Stop);
+    const int64_t beganNs = tv::nowNs();
     mRenderer->stop();
-    mRecord.stopNs = tv::nowNs();
-    mRecord.stopTookNs = mRecord.stopNs - stopBeganNs;
+    mRecord.stopTookNs = std::max(mRecord.stopTookNs, tv::nowNs() - beganNs);
     mPool.takeBackAll();
+    collect();
+    mLedger.stopped();
+}
+
+/// What a player does that plays on with a new renderer: stop, a new one, start. Frames that the
+/// old one had are gone. With the same renderer again, the library says itself that it gives no
+/// buffer back.
+void PlaybackSession::performRestart() {
+    mRestarted = true;
+    leaveSection();
+    stopRenderer();
+    act(EventKind::Restart);
+    if (!mPlan.reuseRenderer) {
+        mRenderer.reset();
+        makeRenderer();
+    }
+    mRenderer->start();
+}
+
+PlaybackRecord PlaybackSession::finish() {
+    mProgress.finish();
+    mFaults->stop();
+    watchAudio(tv::nowNs());
+    stopRenderer();
+    mRecord.stopNs = tv::nowNs();
     if (mAudio) {
         mAudio->stop();
         mRecord.audioUnderflows = mAudio->report().underflows;
@@ -517,26 +329,16 @@ PlaybackRecord Playback::finish() {
     }
     mRenderer.reset();
     mTv->powerOff();
-    const auto record = mTv->tunnel().record(mTunnelId);
-    mRecord.frames = mLedger.settle(record);
-    for (const auto& entry : record) {
-        mRecord.foreignPictures += entry.frameNo < 0 ? 1 : 0;
-        mRecord.overwrittenOnScreen += entry.overwrittenOnScreen ? 1 : 0;
-    }
-    for (const auto& frame : mRecord.frames) {
-        mRecord.buffersKept += frame.bufferKept ? 1 : 0;
-    }
+    tellListeners(mLedger.takeRest());
     mRecord.pool = mPool.report();
     mRecord.sync = mClock->counters();
-    mRecord.decodeErrors = mReader.decodeErrors();
+    mRecord.decodeErrors = mVideo.decodeErrors();
     return mRecord;
 }
 
-}  // namespace
-
-PlaybackRecord play(const PlayOptions& options, VideoReader& reader,
-                    const std::function<bool()>& interrupted) {
-    return Playback(options, reader, interrupted).run();
+PlaybackRecord play(const PlaybackPlan& plan, FrameSource& video,
+                    std::unique_ptr<PacketSource> audio, const PlaybackPorts& ports) {
+    return PlaybackSession(plan, video, std::move(audio), ports).run();
 }
 
 }  // namespace korvane::player

@@ -8,21 +8,23 @@
 // for the end. The library's callbacks, on its own threads, only take note and give the buffer back
 // to the pool. Audio packets go their own way (AudioFeeder).
 //
-// Playback ends when every frame handed in has been given an account and the last one has been on
-// screen for its time; when it was interrupted; or when nothing has moved for so long that it
-// cannot be a wait that was asked for. Then `stop`, and the TV's record is read.
+// While it plays, finished frames leave the ledger in order and are told to the listeners, so that
+// playback of any length needs the same memory. Playback ends when every frame handed in has been
+// given an account and the last one has been on screen for its time; when it was interrupted; or
+// when nothing has moved for so long that it cannot be a wait that was asked for. Then `stop`, and
+// the rest of the TV's record is read.
 #pragma once
 
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <string>
 #include <vector>
 
 #include "player/BufferPool.h"
+#include "player/EventLog.h"
 #include "player/FrameLedger.h"
-#include "player/MediaSource.h"
-#include "player/PlayOptions.h"
+#include "player/FrameSource.h"
+#include "player/PlaybackPlan.h"
 #include "tv/Platform.h"
 
 namespace korvane::player {
@@ -33,21 +35,28 @@ struct Section {
     int64_t audioStartedRealUs = -1;
 };
 
-/// A time in which the sync clock stood still because audio had run dry, real microseconds.
+/// A time in which the sync clock stood still, real microseconds; `toUs` 0: it still does.
 struct ClockStop {
     int64_t fromUs = 0;
     int64_t toUs = 0;
+    bool byPlayer = false;  ///< pause; else audio had run dry
 };
 
-enum class EndCause { Complete, BrokenOff, Interrupted, Stalled };
+/// A frame and a moment, since the library's `start`, to look at.
+struct Seen {
+    int64_t frameNo = -1;  ///< -1: there is none
+    int64_t atUs = -1;
+};
 
-/// All that is known after a playback.
+enum class EndCause { Complete, BrokenOff, Interrupted, Stopped, Stalled };
+const char* toString(EndCause cause);
+
+/// All that is known after a playback, but for its frames, which listeners have been told.
 struct PlaybackRecord {
     MediaInfo media;
     bool withAudio = false;
     bool passthrough = false;
     double displayHz = 0.0;
-    std::vector<FrameEntry> frames;
     std::vector<Section> sections;
     std::vector<ClockStop> clockStops;
     EndCause end = EndCause::Complete;
@@ -57,6 +66,7 @@ struct PlaybackRecord {
     int64_t stopTookNs = 0;
     PoolReport pool;
     int64_t buffersKept = 0;  ///< taken out of the tunnel by the library and never handed back
+    Seen firstKept;
     tv::SyncCounters sync;
     int64_t audioUnderflows = 0;
     int64_t audioReanchors = 0;
@@ -67,10 +77,33 @@ struct PlaybackRecord {
     tv::TraceReport trace;
 };
 
-/// Plays what the reader holds. `interrupted` is asked often and must be quick.
+/// Is told what happens. Frames come in the order of their numbers, each once, some time after they
+/// were handed in; all calls but `onAction` come on the player's thread.
+class PlaybackListener {
+public:
+    virtual ~PlaybackListener() = default;
+    /// The library has been started: `soFar.startNs` is set.
+    virtual void onStart(const PlaybackRecord& soFar) { static_cast<void>(soFar); }
+    virtual void onFrame(const FrameEntry& frame, const PlaybackRecord& soFar) = 0;
+    /// What the player did or noticed, on any of its threads.
+    virtual void onAction(const Event& action) { static_cast<void>(action); }
+    /// No frame that is still to come has anything to tell from before this moment.
+    virtual void onSettledUpTo(int64_t timeNs) { static_cast<void>(timeNs); }
+};
+
+/// Who takes part in a playback from outside.
+struct PlaybackPorts {
+    std::vector<PlaybackListener*> listeners;
+    /// Each line that anything logs, on the thread that does; may be empty.
+    std::function<void(const tv::LogLine&)> onLogLine;
+    /// Asked often whether to end, and must be quick; may be empty.
+    std::function<bool()> interrupted;
+};
+
+/// Plays what the sources hold. `audio` is null when the plan is without.
 /// @throws InputError when not one picture can be decoded
 /// @throws std::system_error when the TV or buffers cannot be had
-PlaybackRecord play(const PlayOptions& options, VideoReader& reader,
-                    const std::function<bool()>& interrupted);
+PlaybackRecord play(const PlaybackPlan& plan, FrameSource& video,
+                    std::unique_ptr<PacketSource> audio, const PlaybackPorts& ports);
 
 }  // namespace korvane::player

@@ -6,12 +6,15 @@
 #include <cstdio>
 
 #include "player/Units.h"
+#include "tv/clock/VirtualTime.h"
 
 namespace korvane::player {
 namespace {
 
 constexpr int64_t kTerminalIntervalNs = 100'000'000;
 constexpr int64_t kPlainIntervalNs = 5'000'000'000;
+/// In virtual time seconds go by in milliseconds.
+constexpr int64_t kVirtualIntervalNs = 30'000'000'000;
 constexpr int kBarWidth = 30;
 
 std::string describe(const ProgressState& state) {
@@ -43,7 +46,9 @@ void Progress::update(const ProgressState& state, int64_t nowNs) {
         return;
     }
     const bool first = mNextNs == 0;
-    mNextNs = nowNs + (mTerminal ? kTerminalIntervalNs : kPlainIntervalNs);
+    mNextNs = nowNs + (tv::VirtualTime::active() ? kVirtualIntervalNs
+                       : mTerminal               ? kTerminalIntervalNs
+                                                 : kPlainIntervalNs);
     if (!mTerminal) {
         if (!first) {
             std::fprintf(stderr, "played %s\n", describe(state).c_str());

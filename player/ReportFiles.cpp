@@ -49,20 +49,6 @@ private:
     bool mFirst = true;
 };
 
-const char* endName(EndCause cause) {
-    switch (cause) {
-        case EndCause::Complete:
-            return "complete";
-        case EndCause::BrokenOff:
-            return "broken_off";
-        case EndCause::Interrupted:
-            return "interrupted";
-        case EndCause::Stalled:
-            break;
-    }
-    return "stalled";
-}
-
 void addSection(JsonObject& json, const std::string& prefix, const SectionReport& section) {
     json.add(prefix + "pattern", section.seen);
     json.add(prefix + "held", section.cadence.held);
@@ -107,19 +93,20 @@ void writeFrame(std::ostream& out, const PlaybackRecord& record, const FrameEntr
 
 }  // namespace
 
-void writeCsv(std::ostream& out, const PlaybackRecord& record) {
+CsvWriter::CsvWriter(std::ostream& out) : mOut(out) {
     out << "frame,media_us,section,outcome,drop_reason,buffer,sent_us,queued_us,present_us,"
            "vsync,shown_us,dwell_vsyncs,av_offset_us,released_us,fence_us,returned_us,returns\n";
-    for (const auto& frame : record.frames) {
-        writeFrame(out, record, frame);
-    }
+}
+
+void CsvWriter::onFrame(const FrameEntry& frame, const PlaybackRecord& soFar) {
+    writeFrame(mOut, soFar, frame);
 }
 
 void writeJson(std::ostream& out, const PlaybackRecord& record, const Summary& summary) {
     JsonObject json(out);
     json.add("verdict", summary.verdict);
     json.add("ok", summary.ok());
-    json.add("end", std::string(endName(record.end)));
+    json.add("end", std::string(toString(record.end)));
     json.add("file", record.media.path);
     json.add("content_hz", summary.contentHz);
     json.add("display_hz", summary.displayHz);

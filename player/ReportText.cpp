@@ -16,7 +16,7 @@ std::string number(int64_t value) {
     return std::to_string(value);
 }
 
-void line(std::ostream& out, const char* label, const std::string& text) {
+void line(std::ostream& out, const std::string& label, const std::string& text) {
     std::string padded = label;
     padded.resize(10, ' ');
     out << padded << text << "\n";
@@ -44,8 +44,8 @@ void printPattern(std::ostream& out, const Summary& summary) {
     for (size_t i = 0; i < summary.sections.size(); ++i) {
         const SectionReport& section = summary.sections[i];
         std::string text = section.seen.empty() ? "none seen" : section.seen + " seen";
-        if (!summary.expected.pattern.empty()) {
-            text += ", " + summary.expected.name() + " expected";
+        if (!section.expected.pattern.empty() && !summary.variableRate) {
+            text += ", " + section.expected.name() + " expected";
         }
         if (section.cadence.held) {
             text += "; held " + seconds(section.heldAfterUs, 2) +
@@ -53,7 +53,11 @@ void printPattern(std::ostream& out, const Summary& summary) {
                     (section.cadence.stayed() ? ", stayed" : ", broke") + "; " +
                     counted(section.framesInStep, "frame") + " in step";
         }
-        line(out, i == 0 ? "pattern" : "  flushed", text);
+        line(out,
+             i == 0               ? std::string("pattern")
+             : section.modeChange ? "  at " + rate(section.displayHz)
+                                  : std::string("  flushed"),
+             text);
     }
 }
 
@@ -96,6 +100,9 @@ void printBreaks(std::ostream& out, const Summary& summary) {
 void printStart(std::ostream& out, const Summary& summary) {
     for (size_t i = 0; i < summary.sections.size(); ++i) {
         const SectionReport& section = summary.sections[i];
+        if (section.modeChange) {
+            continue;
+        }
         std::string text = "first frame " + seconds(section.firstFrameUs) +
                            (i == 0 ? " after start" : " after the flush");
         if (section.secondFrameUs >= 0) {
@@ -184,6 +191,9 @@ void printEnd(std::ostream& out, const PlaybackRecord& record) {
             break;
         case EndCause::Interrupted:
             line(out, "end", "interrupted; this is what was played until then" + took);
+            break;
+        case EndCause::Stopped:
+            line(out, "end", "stopped at the time asked for" + took);
             break;
         case EndCause::Stalled:
             line(out, "end", "stopped because nothing moved any more" + took);

@@ -8,11 +8,18 @@
 #include <exception>
 #include <fstream>
 #include <iostream>
+#include <memory>
+#include <optional>
 #include <string>
 #include <system_error>
 
+#include "player/EventRecorder.h"
+#include "player/MediaSource.h"
+#include "player/PlayOptions.h"
 #include "player/Playback.h"
-#include "player/Report.h"
+#include "player/ReportBuilder.h"
+#include "player/scenario/RunCommand.h"
+#include "tv/clock/VirtualTime.h"
 
 namespace korvane::player {
 namespace {
@@ -77,12 +84,14 @@ public:
         }
     }
 
-    template <typename Write>
-    bool write(Write writeTo) {
+    std::ostream& stream() { return mFile; }
+    bool wanted() const { return !mPath.empty(); }
+
+    /// @return false, after saying so, when the file is not whole
+    bool finish() {
         if (mPath.empty()) {
             return true;
         }
-        writeTo(mFile);
         mFile.close();
         if (!mFile) {
             say(std::string(mOption) + " " + mPath +
@@ -116,23 +125,64 @@ void endTrace(const PlayOptions& options, PlaybackRecord* record) {
     }
 }
 
+/// The clock that was asked for, or the virtual one where this build has it.
+std::unique_ptr<tv::VirtualTime> startClock(const PlayOptions& options) {
+    const bool available = tv::VirtualTime::available();
+    if (!options.virtualClock.value_or(available)) {
+        return nullptr;
+    }
+    if (!available) {
+        throw UsageError("--clock virtual: this build has no virtual clock; use --clock real");
+    }
+    return std::make_unique<tv::VirtualTime>(options.seed);
+}
+
+std::unique_ptr<PacketSource> openAudio(const PlaybackPlan& plan, const std::string& file) {
+    return plan.withAudio ? std::make_unique<AudioReader>(file) : nullptr;
+}
+
 int playAndReport(const PlayOptions& options) {
+    // Before anything makes a thread.
+    const auto clock = startClock(options);
     VideoReader reader(options.file);
+    if (!clock && !options.virtualClock) {
+        say("this build has no virtual clock; playing in real time");
+    }
+    const PlaybackPlan plan = planOf(options, reader.info());
     OutputFile csv("--csv", options.csvFile);
     OutputFile json("--json", options.jsonFile);
+    OutputFile eventsFile("--events", options.eventsFile);
     setProperties(options);
     startTrace(options);
     catchSignals();
-    PlaybackRecord record = play(options, reader, [] { return gInterrupted.load(); });
+    ReportBuilder report(reader.info().frameRateHz, plan);
+    EventLog events(eventsFile.wanted() ? &eventsFile.stream() : nullptr);
+    EventRecorder recorder(&events);
+    PlaybackPorts ports;
+    ports.listeners = {&report, &recorder};
+    std::optional<CsvWriter> frames;
+    if (csv.wanted()) {
+        ports.listeners.push_back(&frames.emplace(csv.stream()));
+    }
+    ports.interrupted = [] { return gInterrupted.load(); };
+    PlaybackRecord record = play(plan, reader, openAudio(plan, options.file), ports);
     endTrace(options, &record);
-    const Summary summary = summarise(record);
+    const Summary summary = report.finish(record);
     if (record.end == EndCause::BrokenOff) {
         say("'" + options.file + "' breaks off in the middle; it was played up to there");
     }
+    events.finish();
     printReport(std::cout, record, summary, options.quiet);
+    if (clock && !options.quiet) {
+        std::cout << "repeat    events " << events.hash() << " from " << options.repeat << "\n";
+    }
     std::cout.flush();
-    bool written = csv.write([&record](std::ostream& out) { writeCsv(out, record); });
-    written &= json.write([&](std::ostream& out) { writeJson(out, record, summary); });
+    bool written = csv.finish();
+    if (json.wanted()) {
+        writeJson(json.stream(), record, summary);
+    }
+    written &= json.finish();
+    written &= eventsFile.finish();
     if (!std::cout) {
         say("the summary could not be written to standard output");
         written = false;
@@ -140,12 +190,20 @@ int playAndReport(const PlayOptions& options) {
     return summary.ok() && written ? kExitOk : kExitUnaccounted;
 }
 
+int runAll(RunOptions options) {
+    if (options.virtualClock && !tv::VirtualTime::available()) {
+        say("this build has no virtual clock; scenarios are played in real time");
+        options.virtualClock = false;
+    }
+    return runScenarios(options, std::cout);
+}
+
 /// Reads the command line and lets through as much of the log as it asks for. What the library
 /// logged while it was being loaded waits until here.
 CommandLine readCommandLine(int argc, char** argv) {
     const std::string version = "korvane-tv " KORVANE_VERSION " (" + ffmpegVersions() + ")";
     try {
-        const CommandLine line = parseCommandLine(argc, argv, version);
+        CommandLine line = parseCommandLine(argc, argv, version);
         tv::openLog(line.play.logMask ? kLogDebug : kLogWarn);
         return line;
     } catch (const UsageError&) {
@@ -160,6 +218,14 @@ int run(int argc, char** argv) {
         if (!line.text.empty()) {
             std::cout << line.text;
             return kExitOk;
+        }
+        switch (line.command) {
+            case Command::Run:
+                return runAll(line.run);
+            case Command::List:
+                return listScenarios(line.list, std::cout);
+            case Command::Play:
+                break;
         }
         return playAndReport(line.play);
     } catch (const UsageError& error) {
@@ -176,6 +242,17 @@ int run(int argc, char** argv) {
 
 }  // namespace
 }  // namespace korvane::player
+
+#if defined(__SANITIZE_THREAD__)
+/// FFmpeg is not built with the thread sanitizer, which sees the memory that its decoder threads
+/// hand round but not the atomics by which they do.
+extern "C" const char* __tsan_default_suppressions();   // NOLINT(bugprone-reserved-identifier)
+extern "C" const char* __tsan_default_suppressions() {  // NOLINT(bugprone-reserved-identifier)
+    return "called_from_lib:libavcodec.so\n"
+           "called_from_lib:libavformat.so\n"
+           "called_from_lib:libavutil.so\n";
+}
+#endif
 
 int main(int argc, char** argv) {
     return korvane::player::run(argc, argv);

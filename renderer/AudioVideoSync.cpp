@@ -4,9 +4,11 @@
 // here: is the clock paused, where is the track, who leads, when is a media time due.
 //
 //   first frame     anchors the clock and holds it paused until audio releases it
-//   every frame     waits while the clock has no anchor; restarts the cadence on a resume; is dropped
+//   every frame     waits while the clock has no anchor; restarts the cadence on a resume; is
+//   dropped
 //                   while nobody leads the clock; waits while the audio clock stands still
-//   underflow       audio paused and no frame queued: frames 15 ms or more behind audio are given up
+//   underflow       audio paused and no frame queued: frames 15 ms or more behind audio are given
+//   up
 //                   until video has caught up, then those that are not early until one is
 //
 // In pass-through mode the instance's own policy (render, hold, drop, exit) takes all that over.
@@ -124,7 +126,8 @@ VideoTunnelRenderer::Stage VideoTunnelRenderer::awaitAudioClock(FramePass* pass)
     VideoSyncWraper* sync = mVideoSync;
     videoframe* frame = pass->frame;
     if (pass->syncMode == kNoLeaderMode && mHaveAudio) {
-        // Audio is there and has not taken the clock yet: every frame goes, and re-anchors the clock.
+        // Audio is there and has not taken the clock yet: every frame goes, and re-anchors the
+        // clock.
         RENDERER_LOGD(kLogDetail, "[%s]drop frame for sync audio:%ld\n", "drainVideoFrame",
                       frame->timestampUs);
         anchorClock(frame->timestampUs);
@@ -175,8 +178,8 @@ VideoTunnelRenderer::Stage VideoTunnelRenderer::catchUpAfterUnderflow(FramePass*
     if (!mCatchUpDropping) {
         return Stage::Continue;
     }
-    RENDERER_LOGD(kLogDetail, "[%s]drop %ld to catch up audio after underflow\n",
-                  "drainVideoFrame", frame->timestampUs);
+    RENDERER_LOGD(kLogDetail, "[%s]drop %ld to catch up audio after underflow\n", "drainVideoFrame",
+                  frame->timestampUs);
     anchorClock(frame->timestampUs);
     if (VideoSyncFRAC* tracker = requireVideoSyncFRAC("drainVideoFrame")) {
         tracker->updateHWCVsyncInfo(pass->vsyncTimestampNs / 1000, mVsyncPeriodNs / 1000);
@@ -260,8 +263,7 @@ void VideoTunnelRenderer::onVideoSyncProcess(int64_t mediaTimeUs, bool* show, in
 
     *realTimeUs = policy.realtimeUs;
     const int64_t nowUs = monotonicNowUs();
-    RENDERER_LOGD(kLogDetail,
-                  "(%s) mediaTimeUs:%ld(%ld) NowUsDiff:%ld us finalRealtimeUs:%ld\n",
+    RENDERER_LOGD(kLogDetail, "(%s) mediaTimeUs:%ld(%ld) NowUsDiff:%ld us finalRealtimeUs:%ld\n",
                   policyLabel(policy.videopolicy), mediaTimeUs,
                   saturatingSub(mediaTimeUs, mLastSyncMediaTimeUs), nowUs - mLastSyncSystemTimeUs,
                   policy.realtimeUs);

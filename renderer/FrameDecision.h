@@ -69,6 +69,8 @@ inline bool behindAudio(int64_t trackUs, const AudioClockMarks& marks, int64_t f
 }
 
 /// A hold that goes on is reported from the 110th question on, every tenth.
-inline bool reportsHold(int32_t holdCount) { return holdCount > 100 && holdCount % 10 == 0; }
+inline bool reportsHold(int32_t holdCount) {
+    return holdCount > 100 && holdCount % 10 == 0;
+}
 
 }  // namespace korvane

@@ -74,8 +74,8 @@ bool VideoTunnelRenderer::getNeedShowVideoFrame(videoframe* frame) {
                   826, static_cast<int>(mVideoFrameInputQueue.size()));
     std::unique_lock<std::mutex> lock(mInputLock);
     if (mFirstFrameQueued) {
-        // One wait, not a loop: the caller looks for an underflow between waits. After a stop, whose
-        // notification may have come before this lock, there is nothing to wait for.
+        // One wait, not a loop: the caller looks for an underflow between waits. After a stop,
+        // whose notification may have come before this lock, there is nothing to wait for.
         if (mVideoFrameInputQueue.empty() && mQueueRunning) {
             const auto start = std::chrono::steady_clock::now();
             mInputCond.wait_for(lock, kInputWait);
@@ -118,8 +118,8 @@ int VideoTunnelRenderer::firstFrameVpeekCheck() {
     return 1;
 }
 
-// Kept on purpose: the tunnel is given nanoseconds here, where it expects microseconds, and shows the
-// frame at once for it.
+// Kept on purpose: the tunnel is given nanoseconds here, where it expects microseconds, and shows
+// the frame at once for it.
 void VideoTunnelRenderer::showPeekFrame(videoframe* frame) {
     const std::lock_guard<std::mutex> guard(mRenderTimeLock);
     showFrame(frame, monotonicNowNs());
@@ -151,8 +151,7 @@ int VideoTunnelRenderer::drainVideoFrame(videoframe* frame) {
             return 1;
         }
         if (pass.syncMode == kAudioLeadsMode) {
-            if (VideoSyncFRAC* tracker =
-                    requireVideoSyncFRAC("drainVideoFrame")) {
+            if (VideoSyncFRAC* tracker = requireVideoSyncFRAC("drainVideoFrame")) {
                 tracker->setEnablePattern(kUsedPatterns);
             }
         }
@@ -170,15 +169,14 @@ int VideoTunnelRenderer::drainVideoFrame(videoframe* frame) {
     return 1;
 }
 
-// The display's last vsync and period: from the tunnel, else from the display adapter. A period that
-// is no period counts as no answer, since everything divides by it.
+// The display's last vsync and period: from the tunnel, else from the display adapter. A period
+// that is no period counts as no answer, since everything divides by it.
 void VideoTunnelRenderer::queryDisplayVsync(FramePass* pass) {
     long timestampNs = pass->vsyncTimestampNs;
     int periodNs = mVsyncPeriodNs;
     VideoTunnelWraper* tunnel = mTunnel;
     if (tunnel == nullptr || !tunnel->getDisplayVsyncAndPeriod(&timestampNs, &periodNs)) {
-        if (DisplayAdapterWraper* adapter =
-                requireDisplayAdapter("drainVideoFrame")) {
+        if (DisplayAdapterWraper* adapter = requireDisplayAdapter("drainVideoFrame")) {
             adapter->getDisplayVsyncAndPeriod(&timestampNs, &periodNs);
         }
     }
@@ -200,8 +198,7 @@ void VideoTunnelRenderer::presentFrame(FramePass* pass) {
     const TraceSection section("drainVideoFrame");
     correctRealTime(pass);
     pass->nowUs = monotonicNowUs();
-    const FrameDecision decision =
-        decideFrame(pass->finalRealTimeUs, pass->nowUs, mVsyncPeriodNs);
+    const FrameDecision decision = decideFrame(pass->finalRealTimeUs, pass->nowUs, mVsyncPeriodNs);
     switch (decision.verdict) {
         case FrameVerdict::WaitThenShow:
             showEarlyFrame(pass, decision.waitUs);
@@ -255,8 +252,8 @@ void VideoTunnelRenderer::dropLateFrame(FramePass* pass) {
     traceCounter(gRendererLog, "queueDiffNowMsTunnel", 0);
 }
 
-// After an underflow a frame that is merely on time is given up: only an early one proves that video
-// runs ahead of sound again.
+// After an underflow a frame that is merely on time is given up: only an early one proves that
+// video runs ahead of sound again.
 void VideoTunnelRenderer::showDueFrame(FramePass* pass, int64_t earlyUs) {
     videoframe* frame = pass->frame;
     logFrameTiming(*pass);

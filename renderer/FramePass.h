@@ -10,7 +10,7 @@ struct VideoTunnelRenderer::FramePass {
     static constexpr auto kUnknownSyncMode = static_cast<sync_mode>(255);
 
     videoframe* frame;
-    long realTimeUs = 0;        ///< the media-sync clock's time for the frame; negative: no anchor yet
+    long realTimeUs = 0;  ///< the media-sync clock's time for the frame; negative: no anchor yet
     long finalRealTimeUs = 0;   ///< the presentation time, once corrected to the vsync grid
     long trackUs = 0;           ///< audio's track time as last read
     long vsyncTimestampNs = 0;  ///< the last display vsync asked for during this pass; 0: none

@@ -1,7 +1,7 @@
 // Leg 4, fill thread: released buffers and render times go back to the player.
 //
-// The fill thread polls: one buffer from the tunnel, one render time, 500 us of sleep. The routine by
-// which a buffer reaches the player is the same for buffers that were shown, dropped, flushed or
+// The fill thread polls: one buffer from the tunnel, one render time, 500 us of sleep. The routine
+// by which a buffer reaches the player is the same for buffers that were shown, dropped, flushed or
 // refused, on whichever thread that happens.
 #include <unistd.h>
 

@@ -1,8 +1,8 @@
 // Leg 3, drain thread: waits for a frame's hand-over time and gives the buffer to the tunnel.
 //
 // The wait ends early when the renderer is stopped or flushed; a frame that comes to be shown then
-// goes back to the player instead. For each frame shown an entry is kept that the fill thread reports
-// to the player once its time has passed.
+// goes back to the player instead. For each frame shown an entry is kept that the fill thread
+// reports to the player once its time has passed.
 #include <chrono>
 
 #include "VideoTunnelRenderer.h"

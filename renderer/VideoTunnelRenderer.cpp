@@ -49,7 +49,9 @@ constexpr uint32_t kMissingDisplayAdapter = 0x4;
 
 using namespace korvane;
 
-VideoTunnelRenderer* VideoTunnelRenderer_create() { return new (std::nothrow) VideoTunnelRenderer; }
+VideoTunnelRenderer* VideoTunnelRenderer_create() {
+    return new (std::nothrow) VideoTunnelRenderer;
+}
 
 VideoTunnelRenderer::VideoTunnelRenderer() {
     if (readIntProperty(kFreeRunProperty, &mFreeRun)) {
@@ -82,8 +84,8 @@ int VideoTunnelRenderer::init(int hwSyncId) {
     RENDERER_LOGI(kLogInfo, "[%s]mHwSyncId:0x%x tunerpassthrough:%d\n", "init",
                   static_cast<unsigned>(mHwSyncId), mTunerPassthrough ? 1 : 0);
 
-    // A second call is no reset: it makes new objects beside those of the first, which are not freed,
-    // since a running drain thread may be inside them.
+    // A second call is no reset: it makes new objects beside those of the first, which are not
+    // freed, since a running drain thread may be inside them.
     bindSyncInstance();
     mVideoSyncFRAC = new VideoSyncFRAC;
     mDisplayAdapter = new DisplayAdapterWraper;
@@ -216,10 +218,10 @@ int VideoTunnelRenderer::stop() {
     return 1;
 }
 
-// Deliberately takes neither mInputLock nor mShowLock, so that it never waits for a drain thread that
-// shows a first frame under them. The queue is sound by itself; a wait that is just beginning can
-// miss the notification and then ends at its own time: within 100 ms on the input queue, when its
-// frame is due on the show time. In pass-through mode the sync mode is left at 0 afterwards.
+// Deliberately takes neither mInputLock nor mShowLock, so that it never waits for a drain thread
+// that shows a first frame under them. The queue is sound by itself; a wait that is just beginning
+// can miss the notification and then ends at its own time: within 100 ms on the input queue, when
+// its frame is due on the show time. In pass-through mode the sync mode is left at 0 afterwards.
 int VideoTunnelRenderer::flush() {
     RENDERER_LOGI(kLogInfo, "[%s]\n", "flush");
     RENDERER_LOGI(kLogInfo, "[%s]mQueueRunning:%d mVideoFrameInputQueue.size():%d\n", "flush",

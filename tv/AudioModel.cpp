@@ -13,8 +13,9 @@ constexpr int64_t kNever = std::numeric_limits<int64_t>::max();
 
 AudioConfig sane(AudioConfig config) {
     config.stepUs = std::max<int64_t>(config.stepUs, 1);
-    std::sort(config.underflows.begin(), config.underflows.end(),
-              [](const auto& a, const auto& b) { return a.atMediaUs < b.atMediaUs; });
+    const auto earlier = [](const auto& a, const auto& b) { return a.atMediaUs < b.atMediaUs; };
+    std::sort(config.underflows.begin(), config.underflows.end(), earlier);
+    std::sort(config.stepBacks.begin(), config.stepBacks.end(), earlier);
     return config;
 }
 
@@ -37,7 +38,7 @@ const char* toString(AudioState state) {
 }
 
 AudioModel::AudioModel(std::shared_ptr<SyncInstance> instance, const AudioConfig& config)
-    : mInstance(std::move(instance)), mConfig(sane(config)) {}
+    : mInstance(std::move(instance)), mConfig(sane(config)), mCorrectionRealUs(kNever) {}
 
 void AudioModel::queue(int64_t mediaTimeUs, int64_t durationUs, int64_t nowUs) {
     if (!mHasPackets) {
@@ -56,16 +57,16 @@ void AudioModel::endOfStream() {
 void AudioModel::pause(int64_t nowUs) {
     step(nowUs);
     if (!mPaused && (mState == AudioState::Playing || mState == AudioState::Ended)) {
-        mStoppedMediaUs = mediaAt(nowUs);
-        mReport.positionUs = mStoppedMediaUs;
-        mInstance->pauseFromAudio(mStoppedMediaUs, nowUs);
+        stopSound(mediaAt(nowUs), nowUs);
+        stepDraining(nowUs);
     }
     mPaused = true;
 }
 
 void AudioModel::resume(int64_t nowUs) {
+    step(nowUs);
     if (mPaused && (mState == AudioState::Playing || mState == AudioState::Ended)) {
-        begin(mStoppedMediaUs, nowUs);
+        goOn(nowUs);
     }
     mPaused = false;
 }
@@ -74,14 +75,19 @@ void AudioModel::flush() {
     mState = AudioState::Waiting;
     mHasPackets = false;
     mEndOfStream = false;
+    mDraining = false;
+    mCorrectionRealUs = kNever;
     mReport.startedRealUs = -1;
     mReport.startedMediaUs = -1;
     mReport.positionUs = -1;
 }
 
 int64_t AudioModel::step(int64_t nowUs) {
-    if (mPaused || mConfig.neverStarts) {
+    if (mConfig.neverStarts) {
         return kNever;
+    }
+    if (mPaused) {
+        return stepDraining(nowUs);
     }
     // A step can end one state and begin the next; each of those happens once at a given time.
     for (;;) {
@@ -135,22 +141,40 @@ int64_t AudioModel::stepEmpty(int64_t nowUs) {
 }
 
 int64_t AudioModel::stepUnderflow(int64_t nowUs) {
-    if (nowUs < mFaultEndsUs) {
-        return mFaultEndsUs;
+    const bool refilled = nowUs >= mFaultEndsUs && enoughBuffered(mStoppedMediaUs);
+    if (!refilled || mFaultEndsUs >= mSilentRealUs) {
+        const int64_t nextUs = stepDraining(nowUs);
+        if (!refilled) {
+            return nowUs < mFaultEndsUs ? std::min(mFaultEndsUs, nextUs) : nextUs;
+        }
     }
-    if (!enoughBuffered(mStoppedMediaUs)) {
-        return kNever;
-    }
-    begin(mStoppedMediaUs, nowUs);
+    goOn(nowUs);
     mState = AudioState::Playing;
     return nowUs;
 }
 
+/// The sound stopped, but for what a receiver still holds.
+/// @return when there is something to do until that is over, or INT64_MAX
+int64_t AudioModel::stepDraining(int64_t nowUs) {
+    if (!mDraining) {
+        return kNever;
+    }
+    if (nowUs < mSilentRealUs) {
+        return std::min(advanceTrack(nowUs), mSilentRealUs);
+    }
+    mDraining = false;
+    mCorrectionRealUs = kNever;
+    mReport.positionUs = mStoppedMediaUs;
+    mInstance->pauseFromAudio(mStoppedMediaUs, mSilentRealUs);
+    return kNever;
+}
+
 int64_t AudioModel::stepPlaying(int64_t nowUs) {
-    int64_t stopUs = kNever;
+    int64_t nextUs = stepBack(nowUs);
     if (mState == AudioState::Playing) {
         const int64_t limit = limitUs();
-        stopUs = realAt(limit);
+        const int64_t stopUs = realAt(limit);
+        nextUs = std::min(nextUs, stopUs);
         if (nowUs >= stopUs) {
             if (mEndOfStream && nextFault() == nullptr) {
                 mState = AudioState::Ended;
@@ -160,7 +184,29 @@ int64_t AudioModel::stepPlaying(int64_t nowUs) {
             return nowUs;
         }
     }
-    return std::min(advanceTrack(nowUs), stopUs);
+    return std::min(advanceTrack(nowUs), nextUs);
+}
+
+/// Moves the reference for each step back that is due.
+/// @return when the next one will be, or INT64_MAX if none comes before the sound stops
+int64_t AudioModel::stepBack(int64_t nowUs) {
+    for (;;) {
+        const auto next = std::find_if(
+            mConfig.stepBacks.begin(), mConfig.stepBacks.end(),
+            [this](const auto& fault) { return fault.atMediaUs >= mReferenceMediaUs; });
+        if (next == mConfig.stepBacks.end() || next->atMediaUs > limitUs()) {
+            return kNever;
+        }
+        const int64_t atRealUs = realAt(next->atMediaUs);
+        if (nowUs < atRealUs) {
+            return atRealUs;
+        }
+        mReferenceMediaUs = next->atMediaUs - next->byUs;
+        mReferenceRealUs = atRealUs;
+        mSteps = 0;
+        mConfig.stepBacks.erase(next);
+        reportTrack(mReferenceMediaUs, nowUs);
+    }
 }
 
 /// Reports the whole periods that have come out.
@@ -169,36 +215,58 @@ int64_t AudioModel::advanceTrack(int64_t nowUs) {
     const int64_t steps = (mediaAt(nowUs) - mReferenceMediaUs) / mConfig.stepUs;
     if (steps > mSteps) {
         mSteps = steps;
-        const int64_t trackUs = mReferenceMediaUs + steps * mConfig.stepUs;
-        if (mInstance->stepFromAudio(trackUs)) {
-            mReport.positionUs = trackUs;
-            followDrift(nowUs);
-        } else {
-            begin(mediaAt(nowUs), nowUs);
-        }
+        reportTrack(mReferenceMediaUs + steps * mConfig.stepUs, nowUs);
     }
-    return realAt(mReferenceMediaUs + (mSteps + 1) * mConfig.stepUs);
+    if (nowUs >= mCorrectionRealUs) {
+        mCorrectionRealUs = kNever;
+        reanchor(nowUs);
+    }
+    return std::min(realAt(mReferenceMediaUs + (mSteps + 1) * mConfig.stepUs), mCorrectionRealUs);
 }
 
-void AudioModel::followDrift(int64_t nowUs) {
-    const int64_t positionUs = mediaAt(nowUs);
-    const int64_t clockUs = mInstance->mediaTimeAt(nowUs);
-    if (std::llabs(positionUs - clockUs) <= mInstance->updateThresholdUs()) {
+void AudioModel::reportTrack(int64_t trackUs, int64_t nowUs) {
+    if (!mInstance->stepFromAudio(trackUs)) {
+        begin(mediaAt(nowUs), nowUs);
         return;
     }
+    mReport.positionUs = trackUs;
+    if (mCorrectionRealUs == kNever && driftedAway(nowUs)) {
+        reanchor(nowUs);
+    }
+}
+
+bool AudioModel::driftedAway(int64_t nowUs) const {
+    return std::llabs(mediaAt(nowUs) - mInstance->mediaTimeAt(nowUs)) >
+           mInstance->updateThresholdUs();
+}
+
+void AudioModel::reanchor(int64_t nowUs) {
+    const int64_t clockUs = mInstance->mediaTimeAt(nowUs);
     ++mReport.reanchors;
-    if (!mInstance->anchorFromAudio(positionUs, nowUs)) {
+    if (!mInstance->anchorFromAudio(mediaAt(nowUs), nowUs)) {
         mReferenceMediaUs = clockUs;  // video leads: skip or wait, to be where it is
         mReferenceRealUs = nowUs;
         mSteps = 0;
     }
 }
 
-/// Sound comes out from this media time on, now; the clock is audio's.
-void AudioModel::begin(int64_t mediaUs, int64_t nowUs) {
+/// After a pause or an underflow. If a receiver sounded all the while, nothing has stopped.
+void AudioModel::goOn(int64_t nowUs) {
+    if (mDraining) {
+        mDraining = false;
+    } else {
+        begin(mStoppedMediaUs, nowUs, mConfig.latencyJumpUs);
+    }
+}
+
+/// Sound comes out from this media time on, now; the clock is audio's, right or a little off.
+void AudioModel::begin(int64_t mediaUs, int64_t nowUs, int64_t clockOffUs) {
     mReferenceMediaUs = mediaUs;
-    if (!mInstance->takeFromAudio(mediaUs, nowUs)) {
+    mCorrectionRealUs = kNever;
+    if (!mInstance->takeFromAudio(mediaUs, nowUs + clockOffUs)) {
         mReferenceMediaUs = mInstance->mediaTimeAt(nowUs);
+    } else if (clockOffUs != 0) {
+        mCorrectionRealUs = nowUs + mConfig.latencyJumpForUs;
     }
     mReferenceRealUs = nowUs;
     mSteps = 0;
@@ -211,11 +279,22 @@ void AudioModel::underflow(int64_t atMediaUs, int64_t atRealUs) {
         mFaultEndsUs = atRealUs + fault->durationUs;
         mConfig.underflows.erase(mConfig.underflows.begin() + (fault - mConfig.underflows.data()));
     }
-    mState = AudioState::Underflow;
-    mStoppedMediaUs = atMediaUs;
-    mReport.positionUs = atMediaUs;
     ++mReport.underflows;
-    mInstance->pauseFromAudio(atMediaUs, atRealUs);
+    stopSound(atMediaUs, atRealUs);
+    mState = AudioState::Underflow;
+}
+
+/// Nothing more comes from here on, but for what a receiver holds of what was queued.
+void AudioModel::stopSound(int64_t mediaUs, int64_t realUs) {
+    mDraining = true;
+    mStoppedMediaUs = mediaUs;
+    mSilentRealUs = realUs;
+    if (mConfig.drainUs > 0) {
+        const int64_t drainedMediaUs = mediaAt(realUs + mConfig.drainUs);
+        const int64_t queuedMediaUs = mState == AudioState::Ended ? kNever : mBufferedEndUs;
+        mStoppedMediaUs = std::max(mediaUs, std::min(drainedMediaUs, queuedMediaUs));
+        mSilentRealUs = std::max(realUs, realAt(mStoppedMediaUs));
+    }
 }
 
 /// The next fault on the way, if it comes before what is buffered ends.
@@ -229,6 +308,9 @@ const AudioConfig::Underflow* AudioModel::nextFault() const {
 }
 
 int64_t AudioModel::limitUs() const {
+    if (mState == AudioState::Ended) {
+        return kNever;
+    }
     const auto* fault = nextFault();
     return fault != nullptr ? fault->atMediaUs : mBufferedEndUs;
 }

@@ -15,6 +15,11 @@
 //   underflow   playing       the fault is over, enough is buffered or the stream has ended
 //   ended       (flush)       the device plays silence: clock and track time go on for video
 //
+// Underflow and pause stop the sound: at once, or after what an external receiver still holds has
+// drained; position, track time and clock go on until then. A step back moves the reference. After
+// a latency jump the clock, not the position, is off, so the drift is not looked at until the
+// correction is due.
+//
 // While playing or ended it looks at each step whether the clock is still its own, and takes it
 // back if not. Pause freezes any state; flush leads to waiting and leaves the clock as it is.
 #pragma once
@@ -59,10 +64,16 @@ private:
     int64_t stepPlaying(int64_t nowUs);
     int64_t stepEmpty(int64_t nowUs);
     int64_t stepUnderflow(int64_t nowUs);
-    void begin(int64_t mediaUs, int64_t nowUs);
+    void begin(int64_t mediaUs, int64_t nowUs, int64_t clockOffUs = 0);
+    void goOn(int64_t nowUs);
     void underflow(int64_t atMediaUs, int64_t atRealUs);
+    void stopSound(int64_t mediaUs, int64_t realUs);
+    int64_t stepDraining(int64_t nowUs);
+    int64_t stepBack(int64_t nowUs);
     int64_t advanceTrack(int64_t nowUs);
-    void followDrift(int64_t nowUs);
+    void reportTrack(int64_t trackUs, int64_t nowUs);
+    bool driftedAway(int64_t nowUs) const;
+    void reanchor(int64_t nowUs);
 
     const std::shared_ptr<SyncInstance> mInstance;
     AudioConfig mConfig;  ///< faults that have happened are removed from it
@@ -77,8 +88,11 @@ private:
 
     int64_t mReferenceMediaUs = 0;  ///< came out at mReferenceRealUs
     int64_t mReferenceRealUs = 0;
-    int64_t mSteps = 0;           ///< device periods since the reference
-    int64_t mStoppedMediaUs = 0;  ///< where it stands in underflow or pause
+    int64_t mSteps = 0;      ///< device periods since the reference
+    bool mDraining = false;  ///< stopped, but sounding until mSilentRealUs
+    int64_t mSilentRealUs = 0;
+    int64_t mStoppedMediaUs = 0;  ///< where it stands, or will, in underflow or pause
+    int64_t mCorrectionRealUs;    ///< when a latency jump ends; INT64_MAX without one
     int64_t mFaultEndsUs = 0;
     AudioReport mReport;
 };

@@ -14,6 +14,10 @@
 // would release the renderer's new first frame at the old position. An audio stream that ended goes
 // on as silence, so that the clock runs for the rest of the video.
 //
+// What real outputs do wrong it does on request: it starves (`underflows`), its position steps back
+// (`stepBacks`), its latency is told wrong after a resume (`latencyJumpUs`), an external receiver
+// sounds on after it stopped (`drainUs`).
+//
 //   waiting --(buffered and delay over)--> playing --(nothing left)--> underflow --> playing
 //   playing <--> paused (pause, resume), playing --(end of stream reached)--> ended
 #pragma once
@@ -43,6 +47,22 @@ struct AudioConfig {
         int64_t durationUs;
     };
     std::vector<Underflow> underflows;
+    /// When the track reaches `atMediaUs`, the reported position steps back by `byUs`, once, and
+    /// goes on from there; the clock follows if that is more than its update threshold.
+    struct StepBack {
+        int64_t atMediaUs;
+        int64_t byUs;
+    };
+    std::vector<StepBack> stepBacks;
+    /// After a resume from pause or underflow the clock is anchored this much off (positive: late,
+    /// as when the latency is reported too large), and re-anchored rightly after
+    /// `latencyJumpForUs`. The track time is right throughout.
+    int64_t latencyJumpUs = 0;
+    int64_t latencyJumpForUs = 500'000;
+    /// How long an external receiver sounds on after a pause or an underflow, but not past what was
+    /// queued: the clock goes on until then, stands still there, and goes on from there. A resume
+    /// or the end of an underflow before that stops nothing.
+    int64_t drainUs = 0;
 };
 
 enum class AudioState { Waiting, Playing, Paused, Underflow, Ended };

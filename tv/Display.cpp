@@ -108,7 +108,7 @@ bool Display::report(int64_t nowNs, VsyncReport* out) {
     const int64_t jitterNs = mConfig.reportJitterNs;
     std::uniform_int_distribution<int64_t> error(-jitterNs, jitterNs);
     out->timestampNs = lastLocked(nowNs).timeNs + (jitterNs > 0 ? error(mJitter) : 0);
-    out->periodNs = mPeriodOverridden ? mPeriodOverrideNs : segmentAt(nowNs).reportedPeriodNs;
+    out->periodNs = mPeriodOverrideNs.value_or(segmentAt(nowNs).reportedPeriodNs);
     return true;
 }
 
@@ -129,8 +129,11 @@ void Display::setReportFails(bool fails) {
 }
 
 void Display::setReportedPeriodNs(int32_t periodNs) {
+    setReportedPeriod(periodNs);
+}
+
+void Display::setReportedPeriod(std::optional<int32_t> periodNs) {
     const std::lock_guard<std::mutex> guard(mLock);
-    mPeriodOverridden = true;
     mPeriodOverrideNs = periodNs;
 }
 

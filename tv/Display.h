@@ -14,6 +14,7 @@
 
 #include <cstdint>
 #include <mutex>
+#include <optional>
 #include <random>
 #include <vector>
 
@@ -74,6 +75,8 @@ public:
     /// Faults: the report fails; or it succeeds with this period (0 or less upsets naive callers).
     void setReportFails(bool fails);
     void setReportedPeriodNs(int32_t periodNs);
+    /// The same, or empty: the display's own period again.
+    void setReportedPeriod(std::optional<int32_t> periodNs);
     int64_t reportCount() const;
 
 private:
@@ -96,8 +99,7 @@ private:
     std::vector<Segment> mSegments;
     std::mt19937_64 mJitter;
     bool mReportFails = false;
-    bool mPeriodOverridden = false;
-    int32_t mPeriodOverrideNs = 0;
+    std::optional<int32_t> mPeriodOverrideNs;
     int64_t mReportCount = 0;
 };
 

@@ -4,6 +4,7 @@
 #include "tv/MediaSyncService.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cinttypes>
 #include <cstdio>
 
@@ -113,7 +114,7 @@ struct SyncInstance::State {
     int64_t updateThresholdUs = kUpdateThresholdUs;
     bool passthroughEnded = false;
     VideoPolicyFunction policy;
-    int status = 0;
+    std::atomic<int> status{0};
     SyncCounters counters;
 };
 
@@ -315,6 +316,11 @@ void SyncInstance::State::count(const mediasync_video_policy& policyResult) {
     }
 }
 
+mediasync_video_policy SyncInstance::automaticPolicy(int64_t mediaUs, int64_t nowUs) {
+    const std::lock_guard<std::mutex> guard(mState->lock);
+    return mState->decide(mediaUs, nowUs);
+}
+
 void SyncInstance::setVideoPolicy(VideoPolicyFunction policy) {
     const std::lock_guard<std::mutex> guard(mState->lock);
     mState->policy = std::move(policy);
@@ -331,13 +337,11 @@ void SyncInstance::countQueuedVideoFrame() {
 }
 
 void SyncInstance::setStatus(int status) {
-    const std::lock_guard<std::mutex> guard(mState->lock);
-    mState->status = status;
+    mState->status.store(status, std::memory_order_release);
 }
 
 int SyncInstance::status() const {
-    const std::lock_guard<std::mutex> guard(mState->lock);
-    return mState->status;
+    return mState->status.load(std::memory_order_acquire);
 }
 
 SyncCounters SyncInstance::counters() const {

@@ -99,6 +99,8 @@ public:
 
     mediasync_video_policy videoPolicy(int64_t mediaUs, int64_t lastMediaUs, int64_t nowUs);
     void setVideoPolicy(VideoPolicyFunction policy);
+    /// What the instance itself would decide, for policies that differ from it now and then.
+    mediasync_video_policy automaticPolicy(int64_t mediaUs, int64_t nowUs);
     /// Pass-through: every later decision is exit.
     void endPassthrough();
     void countQueuedVideoFrame();

@@ -9,6 +9,8 @@
 #include <shared_mutex>
 #include <utility>
 
+#include "tv/clock/FiberLocal.h"
+
 namespace korvane::tv {
 
 template <typename... Arguments>
@@ -25,8 +27,12 @@ public:
     bool present() const { return mPresent.load(std::memory_order_acquire); }
 
     void call(Arguments... arguments) {
-        static thread_local bool inside = false;
-        if (!present() || inside) {
+        static const FiberLocal<bool> insideOf;
+        if (!present()) {
+            return;
+        }
+        bool& inside = insideOf.get();
+        if (inside) {
             return;
         }
         const std::shared_lock<std::shared_mutex> guard(mLock);

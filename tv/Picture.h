@@ -2,8 +2,8 @@
 //
 // A frame buffer is a memory file: one page with this header, then the picture's planes. As a real
 // panel shows whatever the memory holds at scan-out, the display reads the header when a buffer is
-// queued and again at each vsync while it is on screen. So the record of what was shown comes from
-// the pictures themselves, and a buffer that its owner overwrites too early is caught in the act.
+// queued and again when the panel has finished reading it. So the record of what was shown comes
+// from the pictures themselves, and a buffer that its owner overwrites too early is caught.
 // A descriptor that is no such buffer is a picture without a number (-1).
 #pragma once
 

@@ -19,6 +19,7 @@
 #include "tv/TraceFile.h"
 #include "tv/TraceRing.h"
 #include "tv/Tv.h"
+#include "tv/clock/VirtualTime.h"
 
 namespace korvane::tv {
 namespace {
@@ -74,6 +75,9 @@ TraceState& state() {
 }
 
 int32_t threadId() {
+    if (VirtualTime::active()) {
+        return VirtualTime::threadNumber();
+    }
     static thread_local const auto id = static_cast<int32_t>(syscall(SYS_gettid));
     return id;
 }

@@ -9,6 +9,8 @@
 #include <fstream>
 #include <system_error>
 
+#include "tv/clock/VirtualTime.h"
+
 namespace korvane::tv {
 namespace {
 
@@ -30,9 +32,17 @@ std::string escaped(const char* name) {
 }
 
 std::string threadName(int32_t thread) {
+    if (VirtualTime::active()) {
+        return VirtualTime::threadName(thread);
+    }
     std::ifstream comm("/proc/self/task/" + std::to_string(thread) + "/comm");
     std::string name;
     return std::getline(comm, name) ? name : "thread " + std::to_string(thread);
+}
+
+/// Virtual runs are alike to the byte, so the process's number is no part of them.
+int processNumber() {
+    return VirtualTime::active() ? 1 : getpid();
 }
 
 /// What an event has besides its name, thread and time.
@@ -84,8 +94,9 @@ void TraceFile::add(const TraceEvent& event) {
         nameThread(thread, threadName(thread));
     }
     char place[96];
-    std::snprintf(place, sizeof(place), R"(,"pid":%d,"tid":%d,"ts":%)" PRId64 ".%03d,", getpid(),
-                  thread, event.timeNs / 1000, static_cast<int>(event.timeNs % 1000));
+    std::snprintf(place, sizeof(place), R"(,"pid":%d,"tid":%d,"ts":%)" PRId64 ".%03d,",
+                  processNumber(), thread, event.timeNs / 1000,
+                  static_cast<int>(event.timeNs % 1000));
     addLine(R"({"name":")" + escaped(event.name.data()) + '"' + place + details(event) + "}");
     ++mPendingEvents;
 }
@@ -96,8 +107,9 @@ void TraceFile::addTrack(int32_t track, const std::string& name) {
 
 void TraceFile::nameThread(int32_t thread, const std::string& name) {
     mNamed.insert(thread);
-    addLine(R"({"name":"thread_name","ph":"M","pid":)" + std::to_string(getpid()) + R"(,"tid":)" +
-            std::to_string(thread) + R"(,"args":{"name":")" + escaped(name.c_str()) + "\"}}");
+    addLine(R"({"name":"thread_name","ph":"M","pid":)" + std::to_string(processNumber()) +
+            R"(,"tid":)" + std::to_string(thread) + R"(,"args":{"name":")" + escaped(name.c_str()) +
+            "\"}}");
 }
 
 void TraceFile::addLine(const std::string& line) {

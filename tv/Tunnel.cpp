@@ -1,8 +1,9 @@
 // The tunnel's state: devices, ids, and per id the buffers by stage: waiting, on screen, leaving
-// (replaced, the panel still reads it), returned (the producer may take it back). Buffers are
-// numbers into the record, which only grows; each stage holds few, so no step looks at the whole
-// record. A buffer's memory is held by a duplicate of its descriptor until the panel is done, as a
-// driver holds its reference: the producer may close or reuse its own number meanwhile.
+// (replaced, the panel still reads it), returned (the producer may take it back). Stages hold the
+// numbers of buffers in their id's log, which grows at its back and is taken away from its front;
+// each stage holds few, so no step looks at a whole log. A buffer's memory is held by a duplicate
+// of its descriptor until the panel is done, as a driver holds its reference: the producer may
+// close or reuse its own number meanwhile.
 //
 // A release fence is made when the producer takes the buffer back: the read end of a pipe whose
 // write end closes when the fence's time comes. One lock guards it all; nothing is called under it
@@ -67,25 +68,89 @@ struct PendingFence {
 };
 
 struct Returned {
-    int64_t serial;
+    int64_t number;
     FenceKind fence;
 };
 
-/// One allocated id and, while connected, its buffers, as serials in the order of queueing.
+/// The records of one id's buffers, by number from 0, without those taken away.
+class Log {
+public:
+    int64_t end() const { return mFirst + static_cast<int64_t>(mRecords.size()); }
+    BufferRecord& at(int64_t number) { return mRecords[static_cast<size_t>(number - mFirst)]; }
+    const std::deque<BufferRecord>& records() const { return mRecords; }
+    int64_t first() const { return mFirst; }
+    void add(const BufferRecord& record) { mRecords.push_back(record); }
+    BufferRecord takeFirst() {
+        const BufferRecord record = mRecords.front();
+        mRecords.pop_front();
+        ++mFirst;
+        return record;
+    }
+
+private:
+    std::deque<BufferRecord> mRecords;
+    int64_t mFirst = 0;
+};
+
+/// One allocated id and, while connected, its buffers, as numbers in its log.
 struct TunnelState {
     int device = -1;
+    Log* log = nullptr;
     bool connected = false;
     std::deque<int64_t> waiting;
     int64_t onScreen = -1;
     int64_t leaving = -1;  ///< replaced at the last vsync; read by the panel until the next
     std::deque<Returned> returned;
-    std::map<int64_t, UniqueFd> memory;      ///< by serial
-    std::map<int64_t, PendingFence> fences;  ///< by serial
+    std::map<int64_t, UniqueFd> memory;      ///< by number
+    std::map<int64_t, PendingFence> fences;  ///< by number
 
+    BufferRecord& at(int64_t number) const { return log->at(number); }
+    bool holds(int64_t number) const;
     int held() const {
         return static_cast<int>(waiting.size() + returned.size()) + (onScreen >= 0 ? 1 : 0);
     }
 };
+
+/// Whether any stage, the panel or a fence still has to do with a buffer.
+bool TunnelState::holds(int64_t number) const {
+    return memory.count(number) > 0 || fences.count(number) > 0 ||
+           std::any_of(returned.begin(), returned.end(),
+                       [=](const Returned& buffer) { return buffer.number == number; });
+}
+
+void release(BufferRecord& buffer, BufferFate fate, int64_t atNs) {
+    buffer.fate = fate;
+    buffer.releasedNs = atNs;
+}
+
+/// Compares a picture that the panel has finished reading with what was queued.
+void checkPicture(const TunnelState& tunnel, int64_t number) {
+    BufferRecord& buffer = tunnel.at(number);
+    const PictureHeader picture = readPicture(tunnel.memory.at(number).get());
+    if (picture.frameNo != buffer.frameNo || picture.mediaTimeUs != buffer.mediaTimeUs) {
+        buffer.overwrittenOnScreen = true;
+    }
+}
+
+/// Takes the due buffers from the front, releases all but the last and returns that one, or -1.
+int64_t takeNewestDue(TunnelState& tunnel, const Vsync& vsync) {
+    int64_t newest = -1;
+    while (!tunnel.waiting.empty()) {
+        const BufferRecord& front = tunnel.at(tunnel.waiting.front());
+        const bool due = front.atOnce || usToNs(front.presentationTimeUs) <= vsync.timeNs;
+        if (front.queuedNs > vsync.timeNs || !due) {
+            break;
+        }
+        if (newest >= 0) {
+            release(tunnel.at(newest), BufferFate::Superseded, vsync.timeNs);
+            tunnel.returned.push_back({newest, FenceKind::None});
+            tunnel.memory.erase(newest);
+        }
+        newest = tunnel.waiting.front();
+        tunnel.waiting.pop_front();
+    }
+    return newest;
+}
 
 }  // namespace
 
@@ -109,8 +174,9 @@ struct Tunnel::Impl {
     explicit Impl(const TunnelConfig& tunnelConfig, Display& panel)
         : config(tunnelConfig), display(panel) {}
 
-    BufferRecord& at(int64_t serial) { return records[static_cast<size_t>(serial)]; }
     TunnelState* find(int device, int tunnelId);
+    /// At the end of an id; a log with records is forgotten when the last one has been taken.
+    void forgetEmptyLog(int tunnelId);
     void hear(int64_t nowNs) { latestNs = std::max(latestNs, nowNs); }
 
     // producer
@@ -118,10 +184,7 @@ struct Tunnel::Impl {
     static int makeFence(TunnelState& tunnel, const Returned& buffer, int* fenceFd);
 
     // display
-    void checkPicture(const TunnelState& tunnel, int64_t serial);
-    int64_t takeNewestDue(TunnelState& tunnel, const Vsync& vsync);
-    void release(int64_t serial, BufferFate fate, const Vsync& vsync);
-    void replace(TunnelState& tunnel, int64_t serial, const Vsync& vsync, const Vsync& next);
+    void replace(TunnelState& tunnel, int64_t number, const Vsync& vsync, const Vsync& next);
     void scanOut(TunnelState& tunnel, const Vsync& vsync, const Vsync& next);
     void traceShown(const BufferRecord& buffer, int64_t endNs) const;
 
@@ -133,7 +196,8 @@ struct Tunnel::Impl {
     int nextTunnelId = 0;
     std::set<int> devices;
     std::map<int, TunnelState> tunnels;
-    std::deque<BufferRecord> records;
+    std::map<int, Log> logs;  ///< by id; outlives the id while there are records
+    int64_t nextSerial = 0;
     int64_t latestNs = 0;  ///< the latest time heard of, for closings that carry none
 };
 
@@ -163,6 +227,7 @@ int Tunnel::close(int device) {
     for (auto entry = mImpl->tunnels.begin(); entry != mImpl->tunnels.end();) {
         if (entry->second.device == device) {
             mImpl->disconnect(entry->second, mImpl->latestNs);
+            mImpl->forgetEmptyLog(entry->first);
             entry = mImpl->tunnels.erase(entry);
         } else {
             ++entry;
@@ -183,7 +248,9 @@ int Tunnel::allocId(int device, int* tunnelId) {
         return -ENOSPC;
     }
     *tunnelId = mImpl->nextTunnelId++;
-    mImpl->tunnels[*tunnelId].device = device;
+    TunnelState& tunnel = mImpl->tunnels[*tunnelId];
+    tunnel.device = device;
+    tunnel.log = &mImpl->logs[*tunnelId];
     return 0;
 }
 
@@ -194,8 +261,15 @@ int Tunnel::freeId(int device, int tunnelId) {
         return -EINVAL;
     }
     mImpl->disconnect(*tunnel, mImpl->latestNs);
+    mImpl->forgetEmptyLog(tunnelId);
     mImpl->tunnels.erase(tunnelId);
     return 0;
+}
+
+void Tunnel::Impl::forgetEmptyLog(int tunnelId) {
+    if (logs[tunnelId].records().empty()) {
+        logs.erase(tunnelId);
+    }
 }
 
 int Tunnel::connect(int device, int tunnelId) {
@@ -226,20 +300,21 @@ int Tunnel::disconnect(int device, int tunnelId, int64_t nowNs) {
 }
 
 void Tunnel::Impl::disconnect(TunnelState& tunnel, int64_t nowNs) {
-    for (const int64_t serial : tunnel.waiting) {
-        at(serial).fate = BufferFate::DiscardedByDisconnect;
-        at(serial).releasedNs = nowNs;
+    for (const int64_t number : tunnel.waiting) {
+        release(tunnel.at(number), BufferFate::DiscardedByDisconnect, nowNs);
     }
     if (tunnel.onScreen >= 0) {
-        at(tunnel.onScreen).fate = BufferFate::Shown;
-        at(tunnel.onScreen).releasedNs = nowNs;
-        traceShown(at(tunnel.onScreen), nowNs);
+        checkPicture(tunnel, tunnel.onScreen);
+        release(tunnel.at(tunnel.onScreen), BufferFate::Shown, nowNs);
+        traceShown(tunnel.at(tunnel.onScreen), nowNs);
     }
-    for (const auto& [serial, fence] : tunnel.fences) {
-        at(serial).fenceSignalNs = std::min(at(serial).fenceSignalNs, nowNs);
+    for (const auto& [number, fence] : tunnel.fences) {
+        int64_t& signalNs = tunnel.at(number).fenceSignalNs;
+        signalNs = std::min(signalNs, nowNs);
     }
     TunnelState empty;  // closes fences and memory
     empty.device = tunnel.device;
+    empty.log = tunnel.log;
     tunnel = std::move(empty);
 }
 
@@ -269,7 +344,8 @@ int Tunnel::queueBuffer(int device, int tunnelId, int bufferFd, int acquireFence
     }
     BufferRecord buffer;
     const PictureHeader picture = readPicture(bufferFd);
-    buffer.serial = static_cast<int64_t>(mImpl->records.size());
+    const int64_t number = tunnel->log->end();
+    buffer.serial = mImpl->nextSerial++;
     buffer.tunnelId = tunnelId;
     buffer.fd = bufferFd;
     buffer.frameNo = picture.frameNo;
@@ -277,9 +353,9 @@ int Tunnel::queueBuffer(int device, int tunnelId, int bufferFd, int acquireFence
     buffer.presentationTimeUs = presentationTimeUs;
     buffer.atOnce = saturatingSub(presentationTimeUs, nowNs / 1000) > kNoScheduleAheadUs;
     buffer.queuedNs = nowNs;
-    tunnel->waiting.push_back(buffer.serial);
-    tunnel->memory.emplace(buffer.serial, std::move(memory));
-    mImpl->records.push_back(buffer);
+    tunnel->waiting.push_back(number);
+    tunnel->memory.emplace(number, std::move(memory));
+    tunnel->log->add(buffer);
     return 0;
 }
 
@@ -299,8 +375,8 @@ int Tunnel::dequeueBuffer(int device, int tunnelId, int* bufferFd, int* fenceFd,
         return failure;
     }
     tunnel->returned.pop_front();
-    *bufferFd = mImpl->at(buffer.serial).fd;
-    mImpl->at(buffer.serial).takenBackNs = nowNs;
+    *bufferFd = tunnel->at(buffer.number).fd;
+    tunnel->at(buffer.number).takenBackNs = nowNs;
     return 0;
 }
 
@@ -319,7 +395,7 @@ int Tunnel::Impl::makeFence(TunnelState& tunnel, const Returned& buffer, int* fe
         return -errno;
     }
     UniqueFd writeEnd(ends[1]);
-    if (const auto pending = tunnel.fences.find(buffer.serial); pending != tunnel.fences.end()) {
+    if (const auto pending = tunnel.fences.find(buffer.number); pending != tunnel.fences.end()) {
         pending->second.writeEnd = std::move(writeEnd);
     }
     *fenceFd = ends[0];
@@ -350,64 +426,27 @@ void Tunnel::Impl::scanOut(TunnelState& tunnel, const Vsync& vsync, const Vsync&
         checkPicture(tunnel, tunnel.leaving);
         tunnel.memory.erase(std::exchange(tunnel.leaving, -1));
     }
-    if (tunnel.onScreen >= 0) {
-        checkPicture(tunnel, tunnel.onScreen);
-    }
     const int64_t newest = takeNewestDue(tunnel, vsync);
     if (newest >= 0) {
         replace(tunnel, newest, vsync, next);
     } else if (tunnel.onScreen >= 0) {
-        ++at(tunnel.onScreen).dwellVsyncs;
+        ++tunnel.at(tunnel.onScreen).dwellVsyncs;
     }
-}
-
-/// Compares a picture that the panel is reading with what was queued.
-void Tunnel::Impl::checkPicture(const TunnelState& tunnel, int64_t serial) {
-    BufferRecord& buffer = at(serial);
-    const PictureHeader picture = readPicture(tunnel.memory.at(serial).get());
-    if (picture.frameNo != buffer.frameNo || picture.mediaTimeUs != buffer.mediaTimeUs) {
-        buffer.overwrittenOnScreen = true;
-    }
-}
-
-/// Takes the due buffers from the front, releases all but the last and returns that one, or -1.
-int64_t Tunnel::Impl::takeNewestDue(TunnelState& tunnel, const Vsync& vsync) {
-    int64_t newest = -1;
-    while (!tunnel.waiting.empty()) {
-        const BufferRecord& front = at(tunnel.waiting.front());
-        const bool due = front.atOnce || usToNs(front.presentationTimeUs) <= vsync.timeNs;
-        if (front.queuedNs > vsync.timeNs || !due) {
-            break;
-        }
-        if (newest >= 0) {
-            release(newest, BufferFate::Superseded, vsync);
-            tunnel.returned.push_back({newest, FenceKind::None});
-            tunnel.memory.erase(newest);
-        }
-        newest = tunnel.waiting.front();
-        tunnel.waiting.pop_front();
-    }
-    return newest;
-}
-
-void Tunnel::Impl::release(int64_t serial, BufferFate fate, const Vsync& vsync) {
-    at(serial).fate = fate;
-    at(serial).releasedNs = vsync.timeNs;
 }
 
 /// Puts a buffer on screen and releases the one that was there.
-void Tunnel::Impl::replace(TunnelState& tunnel, int64_t serial, const Vsync& vsync,
+void Tunnel::Impl::replace(TunnelState& tunnel, int64_t number, const Vsync& vsync,
                            const Vsync& next) {
-    const int64_t old = std::exchange(tunnel.onScreen, serial);
-    BufferRecord& shown = at(serial);
+    const int64_t old = std::exchange(tunnel.onScreen, number);
+    BufferRecord& shown = tunnel.at(number);
     shown.fate = BufferFate::OnScreen;
     shown.firstVsync = vsync;
     shown.dwellVsyncs = 1;
     if (old < 0) {
         return;
     }
-    release(old, BufferFate::Shown, vsync);
-    traceShown(at(old), vsync.timeNs);
+    release(tunnel.at(old), BufferFate::Shown, vsync.timeNs);
+    traceShown(tunnel.at(old), vsync.timeNs);
     tunnel.leaving = old;
     if (faults.noFences) {
         tunnel.returned.push_back({old, FenceKind::None});
@@ -415,7 +454,7 @@ void Tunnel::Impl::replace(TunnelState& tunnel, int64_t serial, const Vsync& vsy
     }
     const int64_t signalNs =
         faults.fenceNeverSignals ? kNever : saturatingAdd(next.timeNs, faults.fenceDelayNs);
-    at(old).fenceSignalNs = signalNs;
+    tunnel.at(old).fenceSignalNs = signalNs;
     tunnel.fences.emplace(old, PendingFence{signalNs, UniqueFd()});
     tunnel.returned.push_back(
         {old, faults.fenceWrongMode ? FenceKind::WrongMode : FenceKind::Pipe});
@@ -457,13 +496,34 @@ TunnelFaults Tunnel::faults() const {
 
 std::vector<BufferRecord> Tunnel::record(int tunnelId) const {
     const std::lock_guard<std::mutex> guard(mImpl->lock);
-    if (tunnelId < 0) {
-        return {mImpl->records.begin(), mImpl->records.end()};
-    }
     std::vector<BufferRecord> chosen;
-    std::copy_if(mImpl->records.begin(), mImpl->records.end(), std::back_inserter(chosen),
-                 [&](const BufferRecord& buffer) { return buffer.tunnelId == tunnelId; });
+    for (const auto& [id, log] : mImpl->logs) {
+        if (tunnelId < 0 || tunnelId == id) {
+            chosen.insert(chosen.end(), log.records().begin(), log.records().end());
+        }
+    }
+    std::sort(chosen.begin(), chosen.end(),
+              [](const BufferRecord& a, const BufferRecord& b) { return a.serial < b.serial; });
     return chosen;
+}
+
+std::vector<BufferRecord> Tunnel::takeFinished(int tunnelId) {
+    const std::lock_guard<std::mutex> guard(mImpl->lock);
+    std::vector<BufferRecord> finished;
+    const auto log = mImpl->logs.find(tunnelId);
+    if (log == mImpl->logs.end()) {
+        return finished;
+    }
+    const auto tunnel = mImpl->tunnels.find(tunnelId);
+    const bool allocated = tunnel != mImpl->tunnels.end();
+    while (!log->second.records().empty() &&
+           !(allocated && tunnel->second.holds(log->second.first()))) {
+        finished.push_back(log->second.takeFirst());
+    }
+    if (!allocated) {
+        mImpl->logs.erase(log);
+    }
+    return finished;
 }
 
 int Tunnel::heldBuffers(int tunnelId) const {
@@ -493,18 +553,18 @@ std::string Tunnel::dump() const {
     const std::lock_guard<std::mutex> guard(mImpl->lock);
     std::ostringstream text;
     text << "video tunnel: " << mImpl->devices.size() << " devices open, " << mImpl->tunnels.size()
-         << " ids allocated, " << mImpl->records.size() << " buffers queued so far\n";
+         << " ids allocated, " << mImpl->nextSerial << " buffers queued so far\n";
     for (const auto& [id, tunnel] : mImpl->tunnels) {
         text << "tunnel " << id << ": " << (tunnel.connected ? "connected, " : "not connected, ")
              << tunnel.waiting.size() << " waiting, " << tunnel.returned.size()
              << " to be taken back\n";
         if (tunnel.onScreen >= 0) {
-            const BufferRecord& shown = mImpl->at(tunnel.onScreen);
+            const BufferRecord& shown = tunnel.at(tunnel.onScreen);
             text << "  on screen: frame " << shown.frameNo << " since vsync "
                  << shown.firstVsync.index << ", " << shown.dwellVsyncs << " vsyncs so far\n";
         }
-        for (const int64_t serial : tunnel.waiting) {
-            const BufferRecord& buffer = mImpl->at(serial);
+        for (const int64_t number : tunnel.waiting) {
+            const BufferRecord& buffer = tunnel.at(number);
             text << "  waiting: frame " << buffer.frameNo << ", due "
                  << (buffer.atOnce ? "at once, asked for " : "at ") << buffer.presentationTimeUs
                  << " us\n";

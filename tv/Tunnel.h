@@ -121,8 +121,13 @@ public:
     void setFaults(const TunnelFaults& faults);
     TunnelFaults faults() const;
 
-    /// Every buffer ever queued to a tunnel id (-1: to any), in order.
+    /// Every buffer ever queued to a tunnel id (-1: to any), in order, but for those taken out.
     std::vector<BufferRecord> record(int tunnelId = -1) const;
+    /// Takes out of a tunnel id's record, from its front, the buffers whose record can change no
+    /// more: off the screen and read by no panel, fence signalled or none, taken back by the
+    /// producer or given up by a disconnection. What follows one that is not finished stays.
+    /// Called now and then, it keeps the memory of a run of any length bounded.
+    std::vector<BufferRecord> takeFinished(int tunnelId);
     /// Buffers inside a tunnel: waiting, on screen, or released and not taken back.
     int heldBuffers(int tunnelId) const;
     int openDevices() const;

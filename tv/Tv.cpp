@@ -1,28 +1,90 @@
 // The TV's switch and its display thread. The thread sleeps until the next vsync or fence,
 // whichever is first; what it then does depends on the grid and on when each buffer was queued, not
 // on when it woke up.
+//
+// Which TV is current has a generation that counts up with every change. Each thread keeps the TV
+// of the last generation it saw, so that asking again is one comparison. What it kept before is let
+// go only when no look of that thread is left: fibers share a thread, and one may have been
+// suspended within its look.
 #include "tv/Tv.h"
 
 #include <utils/Timers.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <limits>
+#include <mutex>
 #include <thread>
+#include <vector>
 
 namespace korvane::tv {
 namespace {
 
 struct CurrentTv {
     std::mutex lock;
-    std::weak_ptr<Tv> tv;
+    std::shared_ptr<Tv> tv;
+
+    void set(std::shared_ptr<Tv> next);
 };
+
+/// Counts the changes of the current TV; odd while there is one.
+std::atomic<uint64_t> gGeneration{0};
 
 /// Never destroyed: libraries may ask while the process ends.
 CurrentTv& currentTv() {
     static CurrentTv& instance = *new CurrentTv;
     return instance;
+}
+
+/// Under the lock. An earlier one is kept by its owner.
+void CurrentTv::set(std::shared_ptr<Tv> next) {
+    const uint64_t generation = gGeneration.load(std::memory_order_relaxed);
+    const uint64_t odd = next != nullptr ? 1 : 0;
+    tv.swap(next);
+    gGeneration.store(generation + 1 + ((generation + 1) % 2 != odd ? 1 : 0),
+                      std::memory_order_release);
+}
+
+/// What one thread knows of the current TV. Of trivial type, so that reading it is a plain read.
+struct Seen {
+    uint64_t generation;
+    Tv* tv;  ///< the last one that is kept
+    int looks;
+    bool keepsEarlier;
+    bool ended;  ///< the thread ends and keeps nothing any more, so it sees no TV
+};
+
+struct Kept {
+    std::vector<std::shared_ptr<Tv>> tvs;
+    ~Kept();
+};
+
+[[gnu::tls_model("initial-exec")]] thread_local Seen tSeen{};
+thread_local Kept tKept;
+
+Kept::~Kept() {
+    tSeen.tv = nullptr;
+    tSeen.ended = true;
+}
+
+void refresh(Seen& seen) {
+    const std::lock_guard<std::mutex> guard(currentTv().lock);
+    seen.generation = gGeneration.load(std::memory_order_relaxed);
+    if (seen.ended) {
+        return;
+    }
+    seen.tv = currentTv().tv.get();
+    seen.keepsEarlier = !tKept.tvs.empty();
+    tKept.tvs.push_back(currentTv().tv);
+}
+
+void letEarlierGo(Seen& seen) {
+    std::vector<std::shared_ptr<Tv>> earlier;
+    earlier.swap(tKept.tvs);
+    tKept.tvs.push_back(earlier.back());
+    seen.keepsEarlier = false;
 }
 
 DisplayConfig withOrigin(DisplayConfig config) {
@@ -69,22 +131,39 @@ Tv::~Tv() {
 }
 
 std::shared_ptr<Tv> Tv::powerOn(const TvConfig& config) {
-    std::shared_ptr<Tv> tv(new Tv(config));
-    const std::lock_guard<std::mutex> guard(currentTv().lock);
-    currentTv().tv = tv;
-    return tv;
+    const std::shared_ptr<Tv> tv(new Tv(config));
+    {
+        const std::lock_guard<std::mutex> guard(currentTv().lock);
+        currentTv().set(tv);
+    }
+    return {tv.get(), [tv](Tv* owned) { owned->powerOff(); }};
 }
 
-std::shared_ptr<Tv> Tv::current() {
-    const std::lock_guard<std::mutex> guard(currentTv().lock);
-    return currentTv().tv.lock();
+Tv::Current Tv::current() {
+    Seen& seen = tSeen;
+    ++seen.looks;
+    if (seen.generation != gGeneration.load(std::memory_order_acquire)) {
+        refresh(seen);
+    }
+    return Current(seen.tv);
+}
+
+Tv::Current::~Current() {
+    Seen& seen = tSeen;
+    if (--seen.looks == 0 && seen.keepsEarlier) {
+        letEarlierGo(seen);
+    }
+}
+
+bool Tv::isAnyOn() {
+    return gGeneration.load(std::memory_order_acquire) % 2 == 1;
 }
 
 void Tv::powerOff() {
     {
         const std::lock_guard<std::mutex> guard(currentTv().lock);
-        if (currentTv().tv.lock().get() == this) {
-            currentTv().tv.reset();
+        if (currentTv().tv.get() == this) {
+            currentTv().set(nullptr);
         }
     }
     {

@@ -27,11 +27,35 @@ struct TvConfig {
 
 class Tv {
 public:
-    /// Switches a TV on and makes it the process's current one, in place of an earlier one.
+    /// Switches a TV on and makes it the process's current one, in place of an earlier one. When
+    /// the last pointer goes, it is switched off.
     static std::shared_ptr<Tv> powerOn(const TvConfig& config = {});
 
-    /// The TV that is on, or null. Any thread.
-    static std::shared_ptr<Tv> current();
+    /// A look at the TV that is on, for one call: it stays valid as long as the look lasts, even if
+    /// it is switched off and let go meanwhile. Belongs to the thread that took it.
+    class Current {
+    public:
+        ~Current();
+        Current(const Current&) = delete;
+        Current& operator=(const Current&) = delete;
+
+        Tv* get() const { return mTv; }
+        Tv& operator*() const { return *mTv; }
+        Tv* operator->() const { return mTv; }
+        explicit operator bool() const { return mTv != nullptr; }
+
+    private:
+        friend class Tv;
+        explicit Current(Tv* tv) : mTv(tv) {}
+        Tv* const mTv;
+    };
+
+    /// The TV that is on, or none. Any thread; costs neither a lock nor a shared write, because
+    /// device libraries are polled. A thread keeps the memory of a TV that is off until it asks
+    /// again or ends.
+    static Current current();
+    /// Whether any TV is on.
+    static bool isAnyOn();
 
     ~Tv();
     Tv(const Tv&) = delete;

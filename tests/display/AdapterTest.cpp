@@ -1,163 +1,110 @@
 // DisplayAdapterWraper on the simulated TV's remote object, and without one.
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <memory>
-#include <string>
-
 #include "display/DisplayAdapterOps.h"
 #include "display/DisplayAdapterWraper.h"
 #include "tests/support/LogCapture.h"
-#include "tests/support/ManualClock.h"
-#include "tests/support/Swapped.h"
-#include "tv/Tv.h"
+#include "tests/support/TvFixture.h"
 
 struct DisplayAdapterWraperPeer {
     static DisplayAdapterRemote* remote(const DisplayAdapterWraper& wrapper) {
         return wrapper.mDisplayAdapterRemote;
     }
 };
+static_assert(sizeof(DisplayAdapterWraper) == 8 &&
+              offsetof(tovakDisplayAdater_ops, mDestroy) == 8 &&
+              offsetof(tovakDisplayAdater_ops, mInited) == 16 &&
+              offsetof(tovakDisplayAdater_ops, mLibHandle) == 24);
 
+namespace korvane::test {
 namespace {
 
-using korvane::test::LogCapture;
-using korvane::test::setLogMaskProperty;
-using korvane::test::Swapped;
-using korvane::tv::Tv;
 using testing::ElementsAre;
-using testing::IsEmpty;
+using Peer = DisplayAdapterWraperPeer;
 
-int gCreated = 0;
-int gDestroyed = 0;
-
-const std::string kProperty = "vendor.korvane.loglevels";
-
-class DisplayAdapter : public testing::Test {
+class DisplayAdapter : public TvFixture {
 protected:
-    DisplayAdapter() {
-        korvane::tv::TvConfig config;
-        config.displayThread = false;
-        mTv = Tv::powerOn(config);
-    }
-    ~DisplayAdapter() override {
-        mTv->powerOff();
-        korvane::tv::clearProperties();
-    }
-
-    void SetUp() override { ASSERT_NE(gDisplayAdapterOps.mDestroy, nullptr); }
-
     /// Sets the mask by way of a wrapper's constructor and forgets what that logged.
     void setMask(int mask) {
-        setLogMaskProperty(mask);
+        setLogMask(mask);
         { const DisplayAdapterWraper wrapper; }
         mLog.take();
     }
 
-    korvane::test::ManualClock mClock;
     LogCapture mLog{"DisplayAdapterWraper"};
-    std::shared_ptr<Tv> mTv;
-    long mTimestamp = -7;
-    int mPeriod = -8;
 };
 
-TEST_F(DisplayAdapter, answersWhatTheDisplayReports) {
+TEST_F(DisplayAdapter, AnswersWhatTheDisplayReportsAndAlwaysSucceeds) {
     setMask(4);
     DisplayAdapterWraper wrapper;
-    mLog.take();
     mClock.advanceUs(1'000'000);
-    EXPECT_TRUE(wrapper.getDisplayVsyncAndPeriod(&mTimestamp, &mPeriod));
-    EXPECT_EQ(mTimestamp, mTv->display().lastVsyncAt(mClock.nowNs()).timeNs);
-    EXPECT_EQ(mPeriod, 16'666'666);
-    EXPECT_EQ(mTv->display().reportCount(), 1);
-    EXPECT_THAT(mLog.take(),
-                ElementsAre("D vsynctime:" + std::to_string(mTimestamp) + ", vsyncinc:16666666"));
-    setMask(0x13);
-    EXPECT_TRUE(wrapper.getDisplayVsyncAndPeriod(&mTimestamp, &mPeriod));
-    EXPECT_THAT(mLog.take(), IsEmpty());
-}
-
-TEST_F(DisplayAdapter, failedReportLeavesOutputsAndStillSucceeds) {
-    setMask(4);
-    DisplayAdapterWraper wrapper;
+    long timestamp = -7;
+    int period = -8;
     mTv->display().setReportFails(true);
-    mLog.take();
-    EXPECT_TRUE(wrapper.getDisplayVsyncAndPeriod(&mTimestamp, &mPeriod));
-    EXPECT_THAT(mLog.take(), ElementsAre("D vsynctime:-7, vsyncinc:-8"));
+    EXPECT_TRUE(wrapper.getDisplayVsyncAndPeriod(&timestamp, &period));
+    mTv->display().setReportFails(false);
+    EXPECT_TRUE(wrapper.getDisplayVsyncAndPeriod(&timestamp, &period));
+    EXPECT_EQ(timestamp, mTv->display().lastVsyncAt(mClock.nowNs()).timeNs);
+    EXPECT_EQ(period, 16'666'666);
+    EXPECT_THAT(mLog.take(),
+                ElementsAre("D vsynctime:-7, vsyncinc:-8",
+                            "D vsynctime:" + std::to_string(timestamp) + ", vsyncinc:16666666"));
     mTv->powerOff();
-    EXPECT_TRUE(wrapper.getDisplayVsyncAndPeriod(&mTimestamp, &mPeriod));
-    EXPECT_EQ(mTimestamp, -7);
-    EXPECT_EQ(mPeriod, -8);
-}
+    EXPECT_TRUE(wrapper.getDisplayVsyncAndPeriod(&timestamp, &period));
+    EXPECT_EQ(period, 16'666'666);
 
-TEST_F(DisplayAdapter, withoutCreateEntryPointSucceedsUntouchedAndSilent) {
     setMask(0x17);
     const Swapped absent(gDisplayAdapterOps.mCreate, nullptr);
-    DisplayAdapterWraper wrapper;
-    EXPECT_EQ(DisplayAdapterWraperPeer::remote(wrapper), nullptr);
+    DisplayAdapterWraper without;
+    EXPECT_EQ(Peer::remote(without), nullptr);
     mLog.take();
-    EXPECT_TRUE(wrapper.getDisplayVsyncAndPeriod(&mTimestamp, &mPeriod));
-    EXPECT_EQ(mTimestamp, -7);
-    EXPECT_EQ(mPeriod, -8);
-    EXPECT_THAT(mLog.take(), IsEmpty());
+    EXPECT_TRUE(without.getDisplayVsyncAndPeriod(&timestamp, &period));
+    setMask(0x13);
+    EXPECT_TRUE(wrapper.getDisplayVsyncAndPeriod(&timestamp, &period));
+    EXPECT_THAT(mLog.take(), testing::IsEmpty());
 }
 
-TEST_F(DisplayAdapter, logsItsBeginningUnderTheOldMaskThenRefreshes) {
+TEST_F(DisplayAdapter, LogsItsBeginningUnderTheOldMaskThenRefreshes) {
+    const std::string property = "I vendor.korvane.loglevels ";
+    const std::string begin = "I [DisplayAdapterWraper:109]";
+    const std::string end = "I [~DisplayAdapterWraper:119]";
     setMask(1);
-    setLogMaskProperty(0);
+    setLogMask(0);
     { const DisplayAdapterWraper wrapper; }
-    EXPECT_THAT(mLog.take(), ElementsAre("I [DisplayAdapterWraper:109]"));
-    setLogMaskProperty(1);
+    setLogMask(1);
     { const DisplayAdapterWraper wrapper; }
-    EXPECT_THAT(mLog.take(),
-                ElementsAre("I " + kProperty + " set = 1\n", "I [~DisplayAdapterWraper:119]"));
-    korvane::tv::clearProperties();
+    tv::clearProperties();
     { const DisplayAdapterWraper wrapper; }
-    EXPECT_THAT(mLog.take(), ElementsAre("I [DisplayAdapterWraper:109]",
-                                         "I " + kProperty + " is not set used def = 1\n",
-                                         "I [~DisplayAdapterWraper:119]"));
+    EXPECT_THAT(mLog.take(), ElementsAre(begin, property + "set = 1\n", end, begin,
+                                         property + "is not set used def = 1\n", end));
 }
 
-TEST_F(DisplayAdapter, givesTheRemoteObjectBackOnce) {
-    static decltype(&createDisplayAdatperRemote) create;
-    static decltype(&destroyDisplayAdapterRemote) destroy;
-    create = gDisplayAdapterOps.mCreate;
-    destroy = gDisplayAdapterOps.mDestroy;
+TEST_F(DisplayAdapter, GivesEachRemoteObjectBackOnceIfItCan) {
+    static auto create = gDisplayAdapterOps.mCreate;
+    static auto destroy = gDisplayAdapterOps.mDestroy;
+    static int alive = 0;
+    ASSERT_NE(destroy, nullptr);
     const Swapped counting(
-        gDisplayAdapterOps.mCreate, +[] { return ++gCreated, create(); });
+        gDisplayAdapterOps.mCreate, +[] { return ++alive, create(); });
     const Swapped giving(
-        gDisplayAdapterOps.mDestroy, +[](DisplayAdapterRemote* remote) {
-            ++gDestroyed;
-            destroy(remote);
-        });
+        gDisplayAdapterOps.mDestroy,
+        +[](DisplayAdapterRemote* remote) { return --alive, destroy(remote); });
     {
         const DisplayAdapterWraper first;
         const DisplayAdapterWraper second;
-        EXPECT_EQ(gCreated, 2);
-        EXPECT_NE(DisplayAdapterWraperPeer::remote(first),
-                  DisplayAdapterWraperPeer::remote(second));
+        EXPECT_EQ(alive, 2);
+        EXPECT_NE(Peer::remote(first), Peer::remote(second));
     }
-    EXPECT_EQ(gDestroyed, 2);
-}
-
-TEST_F(DisplayAdapter, withoutDestroyEntryPointLeavesTheRemoteObjectAlone) {
+    EXPECT_EQ(alive, 0);
     DisplayAdapterRemote* left = nullptr;
     {
         const Swapped absent(gDisplayAdapterOps.mDestroy, nullptr);
         const DisplayAdapterWraper wrapper;
-        left = DisplayAdapterWraperPeer::remote(wrapper);
+        left = Peer::remote(wrapper);
     }
     int64_t timestampNs = -1;
     int32_t periodNs = -1;
     EXPECT_TRUE(left->getDisplayVsyncAndPeriod(&timestampNs, &periodNs)) << "still alive";
-    gDisplayAdapterOps.mDestroy(left);
-}
-
-TEST_F(DisplayAdapter, keepsItsLayout) {
-    EXPECT_EQ(sizeof(DisplayAdapterWraper), sizeof(void*));
-    EXPECT_EQ(offsetof(tovakDisplayAdater_ops, mCreate), 0U);
-    EXPECT_EQ(offsetof(tovakDisplayAdater_ops, mDestroy), 8U);
-    EXPECT_EQ(offsetof(tovakDisplayAdater_ops, mInited), 16U);
-    EXPECT_EQ(offsetof(tovakDisplayAdater_ops, mLibHandle), 24U);
+    destroy(left);
 }
 
 }  // namespace
+}  // namespace korvane::test

@@ -1,14 +1,11 @@
 // What the cadence tracker's tests share: a look at its state, and its log.
 #pragma once
 
-#include <cstdint>
 #include <string>
-#include <utility>
-#include <vector>
 
 #include "frac/CadenceState.h"
 #include "frac/VideoSyncFRAC.h"
-#include "tv/Platform.h"
+#include "tests/support/LogCapture.h"
 
 struct VideoSyncFRACPeer {
     static videoSyncFrac_priv& state(VideoSyncFRAC& tracker) { return *tracker.mPriv; }
@@ -26,31 +23,9 @@ inline std::string inForce(VideoSyncFRAC& tracker) {
     return kNames[stateOf(tracker).curPattern + 1];
 }
 
-using Lines = std::vector<std::string>;
-
-/// Collects the tracker's lines while it exists, each as priority letter and text: "D text".
-struct FracLog {
-    FracLog() {
-        tv::openLog(8);  // to nobody else
-        tv::observeLog([this](const tv::LogLine& line) {
-            if (line.tag == "VideoSyncFRAC") {
-                lines.push_back("??VDIWEFS"[line.priority] + (" " + line.text));
-            }
-        });
-    }
-    ~FracLog() { tv::observeLog(nullptr); }
-    FracLog(const FracLog&) = delete;
-    FracLog& operator=(const FracLog&) = delete;
-
-    /// What was logged since the last call.
-    Lines take() { return std::exchange(lines, {}); }
-
-    Lines lines;
+/// The tracker's lines.
+struct FracLog : LogCapture {
+    FracLog() : LogCapture("VideoSyncFRAC") {}
 };
-
-/// The mask that trackers built from now on read from the property.
-inline void setLogMask(int32_t mask) {
-    tv::setProperty("vendor.korvane.loglevels", std::to_string(mask));
-}
 
 }  // namespace korvane::test

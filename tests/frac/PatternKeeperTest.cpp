@@ -132,7 +132,7 @@ TEST_F(PatternKeeper, CorrectsAnErrorOfTwoOnlyWhereTheDisplaysRateExplainsIt) {
          {16683, kPattern11, 1, -1, kHeld, false, 6000, 994},
          "37366 1 moved 2 held"},
         {"60 fps, restarted",
-         {16683, kPattern11, 1, -1, kHeld, false, 6000, -9},
+         {16683, kPattern11, 1, -1, kHeld, false, 6000, -2000},
          "37366 1 moved 2 held"},
         {"nothing held", {16683, kPattern22, 2, 0, false}, "8000 0"},
         {"odd one before", {16683, kPattern22, 3, 0, kHeld}, "8000 0"},

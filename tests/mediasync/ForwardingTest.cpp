@@ -6,18 +6,16 @@
 
 #include <functional>
 #include <sstream>
-#include <string>
-#include <vector>
 
 #include "mediasync/VideoSyncWraper.h"
 #include "tests/support/LogCapture.h"
 
 namespace {
 
+using korvane::test::Lines;
 using korvane::test::LogCapture;
-using testing::ElementsAre;
+using korvane::test::setLogMask;
 using testing::ElementsAreArray;
-using testing::IsEmpty;
 
 LogCapture* gCapture = nullptr;
 int gStatus = 0;
@@ -44,74 +42,46 @@ int answered(int status, Value* out, Value value) {
 
 }  // namespace
 
+/// An operation of the service that only takes, and one that answers through `out`.
+#define TAKES(name, parameters, ...)         \
+    int MediaSync::name parameters {         \
+        return called(#name, ##__VA_ARGS__); \
+    }
+#define ANSWERS(name, parameters, value, ...)                      \
+    int MediaSync::name parameters {                               \
+        return answered(called(#name, ##__VA_ARGS__), out, value); \
+    }
+
 MediaSync::MediaSync() {
     ++gClients;
 }
 MediaSync::~MediaSync() {
     --gClients;
 }
-int MediaSync::setPlayerInsNumber(int number) {
-    return called("setPlayerInsNumber", number);
-}
-int MediaSync::allocInstance(int demuxId, int pcrPid, int* id) {
-    return answered(called("allocInstance", demuxId, pcrPid), id, 8);
-}
-int MediaSync::bindInstance(unsigned int id, sync_stream_type type) {
-    return called("bindInstance", id, type);
-}
-int MediaSync::setSyncMode(sync_mode mode) {
-    return called("setSyncMode", mode);
-}
-int MediaSync::getSyncMode(sync_mode* mode) {
-    return answered(called("getSyncMode"), mode, MEDIA_SYNC_AMASTER);
-}
-int MediaSync::setPause(bool pause) {
-    return called("setPause", pause);
-}
-int MediaSync::getPause(bool* paused) {
-    return answered(called("getPause"), paused, true);
-}
-int MediaSync::updateAnchor(long mediaUs, long realUs, long maxUs, bool fromVideo) {
-    return called("updateAnchor", mediaUs, realUs, maxUs, fromVideo);
-}
-int MediaSync::getMediaTime(long realUs, long* out, bool allowPastMaxTime) {
-    return answered(called("getMediaTime", realUs, allowPastMaxTime), out, 5'000'000'000L);
-}
-int MediaSync::getRealTimeFor(long mediaUs, long* out) {
-    return answered(called("getRealTimeFor", mediaUs), out, 6'000'000'000L);
-}
-int MediaSync::getRealTimeForNextVsync(long* out) {
-    return answered(called("getRealTimeForNextVsync"), out, 7'000'000'000L);
-}
-int MediaSync::reset() {
-    return called("reset");
-}
-int MediaSync::getTrackMediaTime(long* out) {
-    return answered(called("getTrackMediaTime"), out, 1L);
-}
-int MediaSync::getStartingTimeMedia(long* out) {
-    return answered(called("getStartingTimeMedia"), out, 2L);
-}
-int MediaSync::setUpdateTimeThreshold(long threshold) {
-    return called("setUpdateTimeThreshold", threshold);
-}
-int MediaSync::getUpdateTimeThreshold(long* out) {
-    return answered(called("getUpdateTimeThreshold"), out, 3L);
-}
-int MediaSync::setParameter(mediasync_parameter type, void* arg) {
-    return called("setParameter", type, *static_cast<int*>(arg));
-}
+TAKES(setPlayerInsNumber, (int number), number)
+ANSWERS(allocInstance, (int demuxId, int pcrPid, int* out), 8, demuxId, pcrPid)
+TAKES(bindInstance, (unsigned int id, sync_stream_type type), id, type)
+TAKES(setSyncMode, (sync_mode mode), mode)
+ANSWERS(getSyncMode, (sync_mode * out), MEDIA_SYNC_AMASTER)
+TAKES(setPause, (bool pause), pause)
+ANSWERS(getPause, (bool* out), true)
+TAKES(updateAnchor, (long media, long real, long max, bool video), media, real, max, video)
+ANSWERS(getMediaTime, (long realUs, long* out, bool past), 5'000'000'000L, realUs, past)
+ANSWERS(getRealTimeFor, (long mediaUs, long* out), 6'000'000'000L, mediaUs)
+ANSWERS(getRealTimeForNextVsync, (long* out), 7'000'000'000L)
+TAKES(reset, ())
+ANSWERS(getTrackMediaTime, (long* out), 1L)
+ANSWERS(getStartingTimeMedia, (long* out), 2L)
+TAKES(setUpdateTimeThreshold, (long threshold), threshold)
+ANSWERS(getUpdateTimeThreshold, (long* out), 3L)
+TAKES(setParameter, (mediasync_parameter type, void* arg), type, *static_cast<int*>(arg))
 int MediaSync::getParameter(mediasync_parameter type, void* arg) {
     return answered(called("getParameter", type), static_cast<int*>(arg), 4);
 }
-int MediaSync::queueVideoFrame(long vpts, int size, int duration, mediasync_time_unit unit) {
-    return called("queueVideoFrame", vpts, size, duration, unit);
-}
-int MediaSync::VideoProcess(long vpts, long lastVpts, mediasync_time_unit unit,
-                            mediasync_video_policy* policy) {
-    return answered(called("VideoProcess", vpts, lastVpts, unit), policy,
-                    mediasync_video_policy{MEDIASYNC_VIDEO_HOLD, 0, 9, 0});
-}
+TAKES(queueVideoFrame, (long vpts, int size, int duration, mediasync_time_unit unit), vpts, size,
+      duration, unit)
+ANSWERS(VideoProcess, (long vpts, long last, mediasync_time_unit unit, mediasync_video_policy* out),
+        (mediasync_video_policy{MEDIASYNC_VIDEO_HOLD, 0, 9, 0}), vpts, last, unit)
 
 namespace {
 
@@ -196,36 +166,34 @@ const std::vector<Operation> kOperations = {
      "VideoProcess 30 20 1"},
 };
 
-class VideoSyncWraperForwarding : public testing::Test {
+/// What an operation is to leave behind, in order.
+Lines expected(const Operation& operation, int mask, int status) {
+    Lines events = {"call " + operation.call};
+    const bool ownText = status != 0 && !operation.traceOnFailure.empty();
+    const std::string& trace = ownText ? operation.traceOnFailure : operation.trace;
+    if (operation.when != Trace::None && (mask & operation.bit) != 0) {
+        events.insert(operation.when == Trace::Before ? events.begin() : events.end(), trace);
+    }
+    if (status != 0) {
+        events.push_back("E [" + operation.name + "]err:" + std::to_string(status) + " \n");
+    }
+    return events;
+}
+
+class Forwarding : public testing::Test {
 protected:
-    VideoSyncWraperForwarding() { gCapture = &mLog; }
-    ~VideoSyncWraperForwarding() override {
-        gCapture = nullptr;
+    Forwarding() { gCapture = &mLog; }
+    ~Forwarding() override {
         gStatus = 0;
         korvane::tv::clearProperties();
     }
-
-    /// What an operation is to leave behind, in order.
-    static std::vector<std::string> expected(const Operation& operation, int mask, int status) {
-        std::vector<std::string> events = {"call " + operation.call};
-        const bool ownText = status != 0 && !operation.traceOnFailure.empty();
-        const std::string& trace = ownText ? operation.traceOnFailure : operation.trace;
-        if (operation.when != Trace::None && (mask & operation.bit) != 0) {
-            events.insert(operation.when == Trace::Before ? events.begin() : events.end(), trace);
-        }
-        if (status != 0) {
-            events.push_back("E [" + operation.name + "]err:" + std::to_string(status) + " \n");
-        }
-        return events;
-    }
-
     LogCapture mLog{"VideoSyncWraper"};
 };
 
-TEST_F(VideoSyncWraperForwarding, passesEachCallOnAndLogsItUnderItsOwnBit) {
+TEST_F(Forwarding, PassesEachCallOnAndLogsItUnderItsOwnBit) {
     ASSERT_EQ(kOperations.size(), 20U);
     for (const int mask : {0, 1, 2, 4, 0x10, 0x17}) {
-        korvane::test::setLogMaskProperty(mask);
+        setLogMask(mask);
         VideoSyncWraper sync;
         mLog.take();
         for (const int status : {0, -22, 7}) {
@@ -241,79 +209,49 @@ TEST_F(VideoSyncWraperForwarding, passesEachCallOnAndLogsItUnderItsOwnBit) {
     }
 }
 
-TEST_F(VideoSyncWraperForwarding, handsOutWhatTheServiceAnswered) {
-    VideoSyncWraper sync;
-    Outputs out;
-    EXPECT_TRUE(sync.getSyncId(&out.number));
-    EXPECT_EQ(out.number, 8);
-    EXPECT_TRUE(sync.getParameter(MEDIASYNC_KEY_PARAM7, &out.number));
-    EXPECT_EQ(out.number, 4);
-    EXPECT_TRUE(sync.getPause(&out.flag));
-    EXPECT_TRUE(out.flag);
-    EXPECT_TRUE(sync.getTrackMediaTime(&out.time));
-    EXPECT_EQ(out.time, 1);
-    EXPECT_TRUE(sync.getStartingTimeMedia(&out.time));
-    EXPECT_EQ(out.time, 2);
-    EXPECT_TRUE(sync.getUpdateTimeThreshold(&out.time));
-    EXPECT_EQ(out.time, 3);
-    EXPECT_TRUE(sync.VideoProcess(1, 0, MEDIASYNC_UNIT_US, &out.policy));
-    EXPECT_EQ(out.policy.videopolicy, MEDIASYNC_VIDEO_HOLD);
-    EXPECT_EQ(out.policy.realtimeUs, 9);
-}
-
-TEST_F(VideoSyncWraperForwarding, stubsDoNothingAndSucceedEvenWhereTheServiceFails) {
-    korvane::test::setLogMaskProperty(0x17);
-    VideoSyncWraper sync;
-    gStatus = -1;
-    mLog.take();
-    float rate = 0.5F;
-    EXPECT_TRUE(sync.setPlaybackRate(2.0F));
-    EXPECT_TRUE(sync.getPlaybackRate(&rate));
-    EXPECT_EQ(rate, 0.5F);
-    EXPECT_TRUE(sync.setStartingTimeMedia(5));
-    EXPECT_TRUE(sync.clearAnchor());
-    EXPECT_THAT(mLog.take(), IsEmpty());
-}
-
-TEST_F(VideoSyncWraperForwarding, ownsOneClient) {
+TEST_F(Forwarding, HandsOutWhatTheServiceAnsweredAndStubsDoNothing) {
+    ASSERT_EQ(sizeof(VideoSyncWraper), sizeof(void*));
     {
-        const VideoSyncWraper sync;
+        VideoSyncWraper sync;
         EXPECT_EQ(gClients, 1);
+        Outputs out;
+        EXPECT_TRUE(sync.getSyncId(&out.number) && out.number == 8);
+        EXPECT_TRUE(sync.getParameter(MEDIASYNC_KEY_PARAM7, &out.number) && out.number == 4);
+        EXPECT_TRUE(sync.getPause(&out.flag) && out.flag);
+        EXPECT_TRUE(sync.getTrackMediaTime(&out.time) && out.time == 1);
+        EXPECT_TRUE(sync.getStartingTimeMedia(&out.time) && out.time == 2);
+        EXPECT_TRUE(sync.getUpdateTimeThreshold(&out.time) && out.time == 3);
+        EXPECT_TRUE(sync.VideoProcess(1, 0, MEDIASYNC_UNIT_US, &out.policy));
+        EXPECT_EQ(out.policy.videopolicy, MEDIASYNC_VIDEO_HOLD);
+        EXPECT_EQ(out.policy.realtimeUs, 9);
+        gStatus = -1;
+        mLog.take();
+        float rate = 0.5F;
+        EXPECT_TRUE(sync.setPlaybackRate(2.0F) && sync.getPlaybackRate(&rate));
+        EXPECT_EQ(rate, 0.5F);
+        EXPECT_TRUE(sync.setStartingTimeMedia(5) && sync.clearAnchor());
+        EXPECT_THAT(mLog.take(), testing::IsEmpty());
     }
     EXPECT_EQ(gClients, 0);
-    EXPECT_EQ(sizeof(VideoSyncWraper), sizeof(void*));
 }
 
-TEST_F(VideoSyncWraperForwarding, constructorReadsTheLogMask) {
-    const std::string name = "I vendor.korvane.loglevels";
-    korvane::test::setLogMaskProperty(1);
-    { const VideoSyncWraper sync; }
-    EXPECT_THAT(mLog.take(), ElementsAre(name + " set = 1\n"));
-
-    korvane::tv::clearProperties();
-    { const VideoSyncWraper sync; }
-    EXPECT_THAT(mLog.take(), ElementsAre(name + " is not set used def = 1\n"));
-
-    struct Case {
-        const char* value;
-        std::vector<std::string> lines;
-    };
+TEST_F(Forwarding, ConstructorReadsTheLogMask) {
     // As atoi reads text: leading blanks and sign, then digits; no number is 0, which is silent.
-    const std::vector<Case> cases = {
-        {" 23 bits", {name + " set = 23\n"}},
-        {"", {name + " is not set used def = 23\n"}},
-        {"-1", {name + " set = -1\n"}},
-        {"0x17", {}},
-        {"", {}},
-        {"none", {}},
-        {"6", {}},
-        {"4294967297", {name + " set = 1\n"}},
+    const std::pair<const char*, const char*> kCases[] = {
+        {"1", "set = 1"},          {"", "is not set used def = 1"},
+        {" 23 bits", "set = 23"},  {"-1", "set = -1"},
+        {"0x17", nullptr},         {"", nullptr},
+        {"none", nullptr},         {"6", nullptr},
+        {"4294967297", "set = 1"},
     };
-    for (const Case& each : cases) {
-        SCOPED_TRACE(each.value);
-        korvane::tv::setProperty("vendor.korvane.loglevels", each.value);
+    for (const auto& [value, line] : kCases) {
+        SCOPED_TRACE(value);
+        korvane::tv::setProperty("vendor.korvane.loglevels", value);
         const VideoSyncWraper sync;
-        EXPECT_THAT(mLog.take(), ElementsAreArray(each.lines));
+        const Lines lines = line == nullptr
+                                ? Lines{}
+                                : Lines{std::string("I vendor.korvane.loglevels ") + line + "\n"};
+        EXPECT_EQ(mLog.take(), lines);
     }
 }
 

@@ -92,6 +92,12 @@ TEST(CommandLine, ReadsEveryOption) {
                              "c",
                              "--json",
                              "j",
+                             "--events",
+                             "e",
+                             "--clock",
+                             "real",
+                             "--seed",
+                             "7",
                              "-q"})
                           .play;
     EXPECT_EQ(play.file, "film.mp4");
@@ -111,6 +117,22 @@ TEST(CommandLine, ReadsEveryOption) {
     EXPECT_EQ(play.buffers, 8);
     EXPECT_EQ(play.logMask, 3);
     EXPECT_EQ(play.properties.at(0).second, "b=c");
+    EXPECT_EQ(play.virtualClock, false);
+    EXPECT_EQ(play.seed, 7U);
+    const PlaybackPlan plan = planOf(play, MediaInfo{});
+    EXPECT_FALSE(plan.withAudio) << "the media has none";
+    EXPECT_TRUE(plan.seeks.at(1).atPosition);
+}
+
+TEST(CommandLine, ReadsScenariosAndTellsHowToRepeatARun) {
+    const auto line = parse({"run", "a.toml", "b", "-j", "3", "--seed", "5", "--events", "d"});
+    EXPECT_EQ(line.command, Command::Run);
+    EXPECT_EQ(line.run.paths, (std::vector<std::string>{"a.toml", "b"}));
+    EXPECT_EQ(line.run.jobs, 3);
+    EXPECT_EQ(line.run.seed, 5U);
+    EXPECT_EQ(parse({"list", "d"}).list.path, "d");
+    EXPECT_EQ(parse({"play", "it's.mp4", "--rate", "50"}).play.repeat,
+              "korvane-tv play 'it'\\''s.mp4' --rate 50 --seed 1");
 }
 
 TEST(CommandLine, HelpNamesEveryOption) {
@@ -152,6 +174,11 @@ TEST(CommandLine, WhatIsWrongIsToldInOneLine) {
         {{"play", "x", "--log", "-1"}, "log mask"},
         {{"play", "x", "--prop", "=b"}, "NAME=VALUE"},
         {{"play", "x", "--peek=2"}, "--peek"},
+        {{"play", "x", "--clock", "sun"}, "'sun' is not a clock"},
+        {{"play", "x", "--seed", "-1"}, "'-1' is not a seed"},
+        {{"run"}, "no scenario given"},
+        {{"run", "x", "--jobs", "0"}, "between 1 and 256"},
+        {{"list", "x", "y"}, "too many: y"},
     };
     for (const auto& wrong : wrongs) {
         try {

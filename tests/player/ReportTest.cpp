@@ -1,5 +1,5 @@
 // From a playback's record to the summary, its text and its files.
-#include "player/Report.h"
+#include "player/ReportBuilder.h"
 
 #include <gmock/gmock.h>
 
@@ -19,14 +19,28 @@ namespace {
 using ::testing::AllOf;
 using ::testing::EndsWith;
 using ::testing::HasSubstr;
-using ::testing::Not;
 
 constexpr int64_t kVsyncNs = 16'666'667;
 
+/// A playback with the frames that its listeners were told of.
+struct Played : PlaybackRecord {
+    std::vector<FrameEntry> frames;
+};
+
+Summary summarise(const Played& played) {
+    PlaybackPlan plan;
+    plan.tv.display.rateHz = played.displayHz;
+    ReportBuilder builder(played.media.frameRateHz, plan);
+    for (const auto& frame : played.frames) {
+        builder.onFrame(frame, played);
+    }
+    return builder.finish(played);
+}
+
 /// A playback of 24 fps on 60 Hz whose frames stayed on screen for these numbers of vsyncs;
 /// 0: superseded, -1: dropped late.
-PlaybackRecord playbackOf(const std::vector<int>& dwells) {
-    PlaybackRecord record;
+Played playbackOf(const std::vector<int>& dwells) {
+    Played record;
     record.media.path = "film \"one\".mp4";
     record.media.frameRateHz = 24;
     record.withAudio = true;
@@ -153,7 +167,10 @@ TEST(Report, JsonIsFlatAndEscaped) {
 TEST(Report, CsvHasAsManyFieldsInEveryLine) {
     const auto record = playbackOf({3, 2, 0, -1, 3});
     std::ostringstream csv;
-    writeCsv(csv, record);
+    CsvWriter writer(csv);
+    for (const auto& frame : record.frames) {
+        writer.onFrame(frame, record);
+    }
     std::istringstream lines(csv.str());
     std::string line;
     std::getline(lines, line);
@@ -195,7 +212,7 @@ protected:
     }
     int take(BufferPool& pool, int64_t frameNo) {
         const int buffer = pool.acquire(std::chrono::milliseconds(0));
-        pool.fill(buffer, *mPicture, frameNo, frameNo * 1000);
+        pool.fill(buffer, mPicture, frameNo, frameNo * 1000);
         return buffer;
     }
     AVFrame* mPicture;

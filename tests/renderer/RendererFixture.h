@@ -1,22 +1,13 @@
 // A renderer on the simulated TV, stepped by the test.
 //
-// The clock is the test's own and no thread runs: the test calls the drain thread's operations one by
-// one and reads what the tunnel was given, what came back and what was logged.
+// The clock is the test's own and no thread runs: the test calls the drain thread's operations one
+// by one and reads what the tunnel was given, what came back and what was logged.
 #pragma once
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <memory>
-#include <string>
-#include <vector>
 
 #include "VideoTunnelRenderer.h"
 #include "mediasync/VideoSyncWraper.h"
-#include "tests/support/ManualClock.h"
-#include "tv/Platform.h"
-#include "tv/Tv.h"
+#include "tests/support/LogCapture.h"
+#include "tests/support/TvFixture.h"
 #include "videotunnel/VideoTunnelWraper.h"
 
 /// Reaches what the renderer keeps to itself.
@@ -72,49 +63,29 @@ struct VideoTunnelRendererPeer {
 
 namespace korvane::test {
 
-/// A buffer that came back, in the tests' notation: fd and `rendered`.
-struct Returned {
-    int fd;
-    int rendered;
-    bool operator==(const Returned& other) const {
-        return fd == other.fd && rendered == other.rendered;
-    }
-    friend std::ostream& operator<<(std::ostream& out, const Returned& value) {
-        return out << "{fd " << value.fd << ", rendered " << value.rendered << "}";
-    }
-};
-
-class RendererTest : public ::testing::Test {
+class RendererTest : public TvFixture {
 protected:
     static constexpr int kFd = 10'000;  // no open descriptor: a buffer without a picture
-    static constexpr const char* kTag = "Korvane_VideoTunnelRenderer";
+    static constexpr auto kAudioLeads = static_cast<sync_mode>(1);
 
-    void SetUp() override {
-        tv::clearProperties();
-        tv::openLog(8);
-        tv::observeLog([this](const tv::LogLine& line) { log.push_back(line); });
-        tv::TvConfig config;
-        config.displayThread = false;
-        mTv = tv::Tv::powerOn(config);
+    ~RendererTest() override {
+        drop();
+        // The mask outlives a renderer: leave the next test the one it starts with.
+        setLogMask(1);
+        delete VideoTunnelRenderer_create();
     }
-
-    void TearDown() override {
+    void drop() {
         if (renderer != nullptr) {
             peer().pretendStopped();
             renderer.reset();
         }
-        tv::observeLog(nullptr);
-        mTv->powerOff();
-        tv::clearProperties();
-        // The mask outlives a renderer: leave the next test the one it starts with.
-        tv::setProperty("vendor.korvane.loglevels", "1");
-        delete VideoTunnelRenderer_create();
-        tv::clearProperties();
     }
 
-    /// A renderer with a type-2 callback, bound to `clock` and ready to be stepped.
+    /// A renderer with a type-2 callback, bound to `clock` and ready to be stepped, in the place of
+    /// an earlier one.
     void make(int logMask, bool audio, bool passthrough = false) {
-        tv::setProperty("vendor.korvane.loglevels", std::to_string(logMask));
+        drop();
+        setLogMask(logMask);
         clock = mTv->mediaSync().create();
         renderer.reset(VideoTunnelRenderer_create());
         renderer->init(audio || passthrough ? clock->id() | (passthrough ? 0x10000 : 0) : 0);
@@ -124,18 +95,19 @@ protected:
         renderer->regCallBack(2, &RendererTest::onStatus, this);
         tunnelId = renderer->getTunnelId();
         peer().pretendStarted();
-        log.clear();
+        returned.clear();
+        log.take();
     }
+    /// Without audio, at media time 1 s now.
+    void makeAnchored(int logMask) {
+        make(logMask, false);
+        renderer->updateVideoTime(kNowMediaUs);
+    }
+    static constexpr int64_t kNowMediaUs = 1'000'000;
 
     VideoTunnelRendererPeer peer() { return {*renderer}; }
-
     std::vector<tv::BufferRecord> queuedBuffers() { return mTv->tunnel().record(tunnelId); }
-
-    int64_t count(const std::string& text) const {
-        return std::count_if(log.begin(), log.end(), [&](const tv::LogLine& line) {
-            return line.text.find(text) != std::string::npos;
-        });
-    }
+    int64_t count(const std::string& text) const { return log.count(text); }
 
     static int onStatus(void* self, void* info) {
         const auto* status = static_cast<framestatus*>(info);
@@ -143,13 +115,14 @@ protected:
         return 0;
     }
 
-    ManualClock time;
-    std::shared_ptr<tv::Tv> mTv;
     std::shared_ptr<tv::SyncInstance> clock;
     std::unique_ptr<VideoTunnelRenderer> renderer;
     int tunnelId = -1;
-    std::vector<Returned> returned;
-    std::vector<tv::LogLine> log;
+    /// Buffers that came back: descriptor, and whether they were rendered.
+    std::vector<std::pair<int, int>> returned;
+    LogCapture log;
 };
+
+using Returned = std::vector<std::pair<int, int>>;
 
 }  // namespace korvane::test

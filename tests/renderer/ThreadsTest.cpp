@@ -1,7 +1,5 @@
 // The renderer's threads against the TV's, in real time: nothing here depends on how long a step
 // takes, only on what must have happened at its end.
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <pthread.h>
 
 #include <atomic>
@@ -10,41 +8,33 @@
 #include <thread>
 
 #include "VideoTunnelRenderer.h"
-#include "tests/support/ManualClock.h"
-#include "tv/AudioOutput.h"
-#include "tv/Platform.h"
-#include "tv/Tv.h"
+#include "tests/support/LogCapture.h"
+#include "tests/support/TvFixture.h"
 
 namespace korvane::test {
 namespace {
 
 constexpr int kFirstFd = 10'000;
 
-class ThreadsTest : public ::testing::Test {
+class ThreadsTest : public testing::Test {
 protected:
-    void SetUp() override {
-        tv::openLog(8);
-        tv::setProperty("vendor.korvane.loglevels", "0");
-        tv::observeLog([this](const tv::LogLine& line) {
-            const std::lock_guard<std::mutex> guard(lock);
-            ++lines[line.text];
-        });
-        mTv = tv::Tv::powerOn({});
-    }
-    void TearDown() override {
+    ThreadsTest() { setLogMask(0); }
+    ~ThreadsTest() override {
         renderer.reset();
-        mTv->powerOff();
-        tv::observeLog(nullptr);
+        EXPECT_EQ(0, mTv->tunnel().openDevices());
         tv::clearProperties();
     }
-
     void make(int hwSyncId) {
         renderer.reset(VideoTunnelRenderer_create());
         renderer->init(hwSyncId);
         renderer->regCallBack(2, &ThreadsTest::onStatus, this);
         renderer->getTunnelId();
     }
-
+    void send(int count, long firstUs, long gapUs) {
+        for (int i = 0; i < count; ++i) {
+            renderer->sendVideoFrame(kFirstFd + i, firstUs + i * gapUs, false);
+        }
+    }
     static int onStatus(void* self, void* info) {
         auto* test = static_cast<ThreadsTest*>(self);
         const std::lock_guard<std::mutex> guard(test->lock);
@@ -56,42 +46,29 @@ protected:
         return timesReturned.size();
     }
 
-    int linesLogged(const std::string& text) {
-        const std::lock_guard<std::mutex> guard(lock);
-        return lines[text];
-    }
-
-    std::shared_ptr<tv::Tv> mTv;
+    LogCapture log;
+    std::shared_ptr<tv::Tv> mTv = tv::Tv::powerOn({});
     std::unique_ptr<VideoTunnelRenderer> renderer;
     std::mutex lock;
-    std::map<std::string, int> lines;
     std::map<int, int> timesReturned;
 };
 
-TEST_F(ThreadsTest, TunnelIdIsAllocatedOnceAndKeptAfterStop) {
+TEST_F(ThreadsTest, StartAndStopDoNothingTheSecondTimeAndTheIdIsKept) {
+    setLogMask(1);
     make(0);
     const int id = renderer->getTunnelId();
     EXPECT_GE(id, 0);
     EXPECT_EQ(1, mTv->tunnel().allocatedIds());
-    renderer->start();
-    renderer->stop();
-    EXPECT_EQ(0, mTv->tunnel().allocatedIds());
-    EXPECT_EQ(id, renderer->getTunnelId());
-    EXPECT_EQ(0, mTv->tunnel().allocatedIds());
-}
-
-TEST_F(ThreadsTest, StartAndStopDoNothingTheSecondTime) {
-    tv::setProperty("vendor.korvane.loglevels", "1");
-    make(0);
     EXPECT_EQ(1, renderer->stop());
     EXPECT_EQ(1, renderer->start());
     EXPECT_EQ(1, renderer->start());
     EXPECT_EQ(1, mTv->tunnel().connectedTunnels());
     EXPECT_EQ(1, renderer->stop());
     EXPECT_EQ(1, renderer->stop());
-    EXPECT_EQ(1, linesLogged("[start]have started\n"));
-    EXPECT_EQ(1, linesLogged("[stop:261]\n"));
-    EXPECT_EQ(0, mTv->tunnel().connectedTunnels());
+    EXPECT_EQ(1, log.count("[start]have started\n"));
+    EXPECT_EQ(1, log.count("[stop:261]\n"));
+    EXPECT_EQ(id, renderer->getTunnelId());
+    EXPECT_EQ(0, mTv->tunnel().allocatedIds() + mTv->tunnel().connectedTunnels());
 }
 
 TEST_F(ThreadsTest, ReleasedBuffersAndRenderTimesReachThePlayer) {
@@ -107,42 +84,35 @@ TEST_F(ThreadsTest, ReleasedBuffersAndRenderTimesReachThePlayer) {
     renderer->start();
     renderer->updateVideoTime(0);
     constexpr int kFrames = 20;
-    for (int i = 0; i < kFrames; ++i) {
-        renderer->sendVideoFrame(kFirstFd + i, i * 40'000L, false);
-    }
+    send(kFrames, 0, 40'000);
     // The last two stay in the tunnel: fewer than three are never taken back.
     EXPECT_TRUE(eventually([&] { return returnedBuffers() >= kFrames - 2; }));
-    EXPECT_TRUE(eventually([&] {
-        return renderTimes + static_cast<int>(returnedBuffers()) >= 2 * kFrames - 2;
-    }));
+    EXPECT_TRUE(eventually(
+        [&] { return renderTimes + static_cast<int>(returnedBuffers()) >= 2 * kFrames - 2; }));
     renderer->stop();
     EXPECT_EQ(static_cast<size_t>(kFrames - 2), returnedBuffers());
-    EXPECT_EQ(0, mTv->tunnel().connectedTunnels());
 }
 
-TEST_F(ThreadsTest, StopEndsEveryWait) {
-    struct Case {
+TEST_F(ThreadsTest, StopEndsEveryWaitEachOfManyTimes) {
+    const struct {
         const char* what;
         bool audio;
         int frames;
         long gapUs;
-    };
-    constexpr long kHourUs = 3'600'000'000;
-    for (const Case& c : {Case{"no frame was ever sent", false, 0, 0},
-                          Case{"one frame, audio expected", true, 1, 0},
-                          Case{"audio never starts", true, 3, 40'000},
-                          Case{"a frame is due in an hour", false, 2, kHourUs}}) {
+    } kCases[] = {{"no frame was ever sent", false, 0, 0},
+                  {"one frame, audio expected", true, 1, 0},
+                  {"audio never starts", true, 3, 40'000},
+                  {"a frame is due in an hour", false, 2, 3'600'000'000}};
+    for (int i = 0; i < 48; ++i) {
+        const auto& c = kCases[i % 4];
         SCOPED_TRACE(c.what);
         make(c.audio ? mTv->mediaSync().create()->id() : 0);
         renderer->updateVideoTime(1);
         renderer->start();
-        for (int i = 0; i < c.frames; ++i) {
-            renderer->sendVideoFrame(kFirstFd + i, 1 + i * c.gapUs, false);
-        }
+        send(c.frames, 1, c.gapUs);
         std::this_thread::yield();
         renderer->stop();  // joins both threads: a wait that went on would hang here
         EXPECT_EQ(0, mTv->tunnel().allocatedIds());
-        renderer.reset();
     }
 }
 
@@ -172,20 +142,6 @@ TEST_F(ThreadsTest, FlushWhileDrainingReturnsEachFrameOnce) {
     }
 }
 
-TEST_F(ThreadsTest, FiftyStartsAndStopsInARowLeaveNothingBehind) {
-    for (int i = 0; i < 50; ++i) {
-        make(i % 2 == 0 ? 0 : mTv->mediaSync().create()->id());
-        renderer->start();
-        renderer->sendVideoFrame(kFirstFd, 0, false);
-        renderer->sendVideoFrame(kFirstFd + 1, 40'000, false);
-        renderer->stop();
-        renderer.reset();
-    }
-    EXPECT_EQ(0, mTv->tunnel().openDevices());
-    EXPECT_EQ(0, mTv->tunnel().allocatedIds());
-    EXPECT_EQ(0, mTv->tunnel().connectedTunnels());
-}
-
 TEST_F(ThreadsTest, WrongCallingOrderCostsNoCrash) {
     renderer.reset(VideoTunnelRenderer_create());
     renderer->regCallBack(2, &ThreadsTest::onStatus, this);
@@ -204,8 +160,7 @@ TEST_F(ThreadsTest, DeletingARunningRendererStopsItWithAnError) {
     make(0);
     renderer->start();
     renderer.reset();
-    EXPECT_EQ(1, linesLogged("[~VideoTunnelRenderer] deleted while running, stopping first\n"));
-    EXPECT_EQ(0, mTv->tunnel().openDevices());
+    EXPECT_EQ(1, log.count("[~VideoTunnelRenderer] deleted while running, stopping first\n"));
 }
 
 TEST_F(ThreadsTest, RefusedThreadsAreDoneWithout) {
@@ -225,7 +180,6 @@ TEST_F(ThreadsTest, RefusedThreadsAreDoneWithout) {
     renderer->flush();
     EXPECT_EQ(1u, returnedBuffers());
     EXPECT_EQ(1, renderer->stop());
-    EXPECT_EQ(0, mTv->tunnel().connectedTunnels());
 }
 
 TEST_F(ThreadsTest, NoTvAtAllIsLoggedNotFatal) {
@@ -233,8 +187,7 @@ TEST_F(ThreadsTest, NoTvAtAllIsLoggedNotFatal) {
     make(5);
     EXPECT_LT(renderer->getTunnelId(), 0);
     renderer->start();
-    renderer->sendVideoFrame(kFirstFd, 1, false);
-    renderer->sendVideoFrame(kFirstFd + 1, 40'001, false);
+    send(2, 1, 40'000);
     renderer->flush();
     renderer->stop();
 }

@@ -1,13 +1,15 @@
-// See LoaderProbe.h. The program supplies the platform's log call itself, so that it sees what is
-// logged before its main runs and after it ends.
+// The renderer library's two loaders before whatever device LD_LIBRARY_PATH holds, told on stdout:
+// each log line as "tag: I text" with its line ends written as \n, the loaders' states at the start
+// and after each step. Steps are the arguments: init, release. The program supplies the platform's
+// log call itself, so that it sees what is logged before its main runs and after it ends.
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
-#include <string>
 
 #include "display/DisplayAdapterOps.h"
 #include "videotunnel/VideoTunnelOps.h"
 
+// NOLINTNEXTLINE(bugprone-reserved-identifier): the platform's own name
 extern "C" __attribute__((visibility("default"), format(printf, 3, 4))) int __android_log_print(
     int priority, const char* tag, const char* format, ...) {
     char text[1024];
@@ -26,42 +28,22 @@ extern "C" __attribute__((visibility("default"), format(printf, 3, 4))) int __an
 
 namespace {
 
-class Missing {
-public:
-    template <typename EntryPoint>
-    Missing& test(const char* name, EntryPoint entryPoint) {
-        if (entryPoint == nullptr) {
-            mNames += (mNames.empty() ? "" : ",") + std::string(name);
-        }
-        return *this;
-    }
-    std::string names() const { return mNames.empty() ? "-" : mNames; }
-
-private:
-    std::string mNames;
-};
+/// One digit per entry point, in the order of their fields: 1 if it is there.
+template <typename... EntryPoint>
+void printState(const char* name, bool inited, const void* handle, EntryPoint... entryPoints) {
+    printf("%s inited=%d handle=%d has=", name, inited, handle != nullptr);
+    (putchar(entryPoints != nullptr ? '1' : '0'), ...);
+    putchar('\n');
+}
 
 void printStates() {
     const auto& tunnel = gVideoTunnelOps;
-    const std::string noTunnel = Missing()
-                                     .test("open", tunnel.mOpen)
-                                     .test("close", tunnel.mClose)
-                                     .test("alloc_id", tunnel.mAllocId)
-                                     .test("free_id", tunnel.mFreeId)
-                                     .test("connect", tunnel.mConnect)
-                                     .test("disconnect", tunnel.mDisconnect)
-                                     .test("send_cmd", tunnel.mSendCmd)
-                                     .test("queue_buffer", tunnel.mQueueBuffer)
-                                     .test("dequeue_buffer", tunnel.mDequeueBuffer)
-                                     .test("getVsync", tunnel.mGetDisplayVsyncAndPeroid)
-                                     .names();
+    printState("tunnel", tunnel.mInited, tunnel.mLibHandle, tunnel.mOpen, tunnel.mClose,
+               tunnel.mAllocId, tunnel.mFreeId, tunnel.mConnect, tunnel.mDisconnect,
+               tunnel.mSendCmd, tunnel.mQueueBuffer, tunnel.mDequeueBuffer,
+               tunnel.mGetDisplayVsyncAndPeroid);
     const auto& adapter = gDisplayAdapterOps;
-    const std::string noAdapter =
-        Missing().test("create", adapter.mCreate).test("destroy", adapter.mDestroy).names();
-    printf("tunnel inited=%d handle=%d missing=%s\n", tunnel.mInited, tunnel.mLibHandle != nullptr,
-           noTunnel.c_str());
-    printf("adapter inited=%d handle=%d missing=%s\n", adapter.mInited,
-           adapter.mLibHandle != nullptr, noAdapter.c_str());
+    printState("adapter", adapter.mInited, adapter.mLibHandle, adapter.mCreate, adapter.mDestroy);
 }
 
 }  // namespace
@@ -70,9 +52,9 @@ int main(int argc, char** argv) {
     printStates();
     for (int i = 1; i < argc; ++i) {
         const bool init = std::strcmp(argv[i], "init") == 0;
-        const bool result =
-            init ? gVideoTunnelOps.videoTunnelLibInit() : gVideoTunnelOps.videoTunnelLibRelease();
-        printf("%s=%d\n", argv[i], result);
+        printf(
+            "%s=%d\n", argv[i],
+            init ? gVideoTunnelOps.videoTunnelLibInit() : gVideoTunnelOps.videoTunnelLibRelease());
         printStates();
     }
 }

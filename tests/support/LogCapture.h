@@ -1,8 +1,9 @@
-// What the process logs under one tag while this object lives, as "I text" with the priority's
-// letter (D, I, E) and the text as formatted. One at a time: the TV has one observer. From the
-// first one on the process writes no log to stderr.
+// What the process logs while this object lives, each line as "I text" with the priority's letter
+// (D, I, E) and the text as formatted. One at a time: the TV has one observer. From the first one
+// on the process writes no log to stderr.
 #pragma once
 
+#include <algorithm>
 #include <mutex>
 #include <string>
 #include <utility>
@@ -12,14 +13,17 @@
 
 namespace korvane::test {
 
+using Lines = std::vector<std::string>;
+
 class LogCapture {
 public:
-    explicit LogCapture(std::string tag) : mTag(std::move(tag)) {
+    /// @param tag  whose lines; empty for everybody's
+    explicit LogCapture(const std::string& tag = "") {
         constexpr int kNothing = 8;
         tv::openLog(kNothing);
-        tv::observeLog([this](const tv::LogLine& line) {
-            if (line.tag == mTag) {
-                add(std::string(1, "??VDIWEF?"[line.priority]) + " " + line.text);
+        tv::observeLog([this, tag](const tv::LogLine& line) {
+            if (tag.empty() || line.tag == tag) {
+                add("??VDIWEF?"[line.priority] + (" " + line.text));
             }
         });
     }
@@ -29,23 +33,29 @@ public:
 
     /// Adds a line of the test's own, to see what came before and after it.
     void add(std::string line) {
-        const std::lock_guard<std::mutex> lock(mLock);
+        const std::lock_guard<std::mutex> guard(mLock);
         mLines.push_back(std::move(line));
     }
     /// The lines since the last call.
-    std::vector<std::string> take() {
-        const std::lock_guard<std::mutex> lock(mLock);
+    Lines take() {
+        const std::lock_guard<std::mutex> guard(mLock);
         return std::exchange(mLines, {});
+    }
+    /// How many lines not yet taken contain a text.
+    int64_t count(const std::string& text) const {
+        const std::lock_guard<std::mutex> guard(mLock);
+        return std::count_if(mLines.begin(), mLines.end(), [&](const std::string& line) {
+            return line.find(text) != std::string::npos;
+        });
     }
 
 private:
-    const std::string mTag;
-    std::mutex mLock;
-    std::vector<std::string> mLines;
+    mutable std::mutex mLock;
+    Lines mLines;
 };
 
-/// Sets the log mask that the next wrapper to be constructed reads.
-inline void setLogMaskProperty(int mask) {
+/// Sets the log mask that objects constructed from now on read.
+inline void setLogMask(int mask) {
     tv::setProperty("vendor.korvane.loglevels", std::to_string(mask));
 }
 

@@ -29,14 +29,12 @@ public:
     void after(int64_t delayUs, std::function<void()> action);
     /// How often anything slept.
     int64_t sleeps() const { return mSleeps; }
-    /// A loop that sleeps this often without an end fails the test instead of hanging it.
-    void setSleepLimit(int64_t limit) { mSleepLimit = limit; }
+    /// A loop that sleeps a million times without an end fails the test instead of hanging it.
     void sleepUs(int64_t us);
 
 private:
     int64_t mNowNs;
     int64_t mSleeps = 0;
-    int64_t mSleepLimit = 1'000'000;
     std::multimap<int64_t, std::function<void()>> mActions;
 };
 

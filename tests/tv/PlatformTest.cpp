@@ -22,10 +22,8 @@ namespace korvane::tv {
 namespace {
 
 using testing::ElementsAre;
-using testing::EndsWith;
 using testing::HasSubstr;
 using testing::Not;
-using testing::StartsWith;
 
 /// A file that is removed again.
 struct TemporaryFile {
@@ -51,7 +49,7 @@ std::string stderrOfChild(Action action) {
     if (child == 0) {
         dup2(open(file.path.c_str(), O_WRONLY), STDERR_FILENO);
         action();
-        std::exit(0);
+        std::exit(0);  // NOLINT(concurrency-mt-unsafe): the child has one thread
     }
     int status = -1;
     EXPECT_EQ(waitpid(child, &status, 0), child);
@@ -59,14 +57,16 @@ std::string stderrOfChild(Action action) {
     return file.text();
 }
 
+bool isJson(const std::string& path) {
+    const std::string command = "python3 -m json.tool " + path + " > /dev/null";
+    return std::system(command.c_str()) == 0;  // NOLINT(concurrency-mt-unsafe): no other shell
+}
+
 TEST(Properties, HoldWhatFits) {
-    clearProperties();
     EXPECT_FALSE(setProperty("", "1"));
     EXPECT_TRUE(setProperty("a.b", std::string(91, 'x')));
     EXPECT_FALSE(setProperty("a.b", std::string(92, 'y')));
     EXPECT_EQ(getProperty("a.b"), std::string(91, 'x'));
-    EXPECT_TRUE(setProperty("a.b", ""));
-    EXPECT_EQ(getProperty("a.b"), "");
     clearProperties();
     EXPECT_EQ(getProperty("a.b"), std::nullopt);
 }
@@ -85,33 +85,25 @@ TEST(Log, ObserverSeesEveryLineAsFormatted) {
 }
 
 // The log of this process is not open before these tests, so each child begins afresh.
-TEST(Log, EarlyLinesFollowWhenTheLogIsOpened) {
-    const std::string text = stderrOfChild([] {
+TEST(Log, EarlyLinesFollowWhenItIsOpenedOrAtExitUpToABound) {
+    const std::string opened = stderrOfChild([] {
         __android_log_print(ANDROID_LOG_DEBUG, "Tag", "early debug\n");
         __android_log_print(ANDROID_LOG_INFO, "Tag", "early info\n");
         openLog(ANDROID_LOG_INFO);
         __android_log_print(ANDROID_LOG_INFO, "Tag", "later info\n");
         __android_log_print(ANDROID_LOG_DEBUG, "Tag", "later debug\n");
     });
-    EXPECT_THAT(text, HasSubstr("early info"));
-    EXPECT_THAT(text, HasSubstr("later info"));
-    EXPECT_LT(text.find("early info"), text.find("later info"));
-    EXPECT_THAT(text, Not(HasSubstr("debug")));
-    EXPECT_THAT(text, Not(HasSubstr("\n\n")));
-}
-
-TEST(Log, LinesWithoutAnOpenLogAreWrittenAtExitUpToABound) {
-    const std::string text = stderrOfChild([] {
+    EXPECT_THAT(opened, testing::ContainsRegex("early info\n.*later info\n"));
+    EXPECT_THAT(opened, Not(HasSubstr("debug")));
+    EXPECT_THAT(opened, Not(HasSubstr("\n\n")));
+    const std::string never = stderrOfChild([] {
         for (int i = 0; i < 300; ++i) {
             __android_log_print(ANDROID_LOG_DEBUG, "Tag", "line %d.\n", i);
         }
     });
-    EXPECT_THAT(text, HasSubstr("line 0."));
-    EXPECT_THAT(text, Not(HasSubstr("line 299.")));
-    EXPECT_THAT(text, HasSubstr("lines before the log was opened were not kept"));
-}
-
-TEST(Log, EightWritesNothing) {
+    EXPECT_THAT(never, HasSubstr("line 0."));
+    EXPECT_THAT(never, Not(HasSubstr("line 299.")));
+    EXPECT_THAT(never, HasSubstr("lines before the log was opened were not kept"));
     EXPECT_EQ(stderrOfChild([] {
                   openLog(8);
                   __android_log_print(ANDROID_LOG_FATAL, "Tag", "anything");
@@ -119,70 +111,47 @@ TEST(Log, EightWritesNothing) {
               "");
 }
 
-TEST(Trace, PointsReachTheObserverWhileTheTagIsOn) {
-    std::vector<std::string> seen;
-    observeTrace([&](char kind, const std::string& name, int64_t value) {
-        seen.push_back(kind + name + std::to_string(value));
-    });
-    EXPECT_EQ(atrace_get_enabled_tags(), 0U);
-    ATRACE_INT("counter", 1);
-    setTraceTagEnabled(true);
-    EXPECT_EQ(atrace_get_enabled_tags(), uint64_t{ATRACE_TAG_VIDEO});
-    ATRACE_BEGIN("section");
-    ATRACE_INT("counter", -2);
-    ATRACE_INT64("wide", int64_t{1} << 40);
-    ATRACE_END();
-    setTraceTagEnabled(false);
-    observeTrace(nullptr);
-    EXPECT_THAT(seen, ElementsAre("Bsection0", "Ccounter-2", "Cwide1099511627776", "E0"));
-}
-
 TEST(Trace, FileIsJsonWithSectionsCountersThreadsAndTracks) {
     const TemporaryFile file;
     std::string error;
     ASSERT_TRUE(startTrace(file.path, &error)) << error;
-    std::thread([] {
-        for (int i = 0; i < 100; ++i) {
-            ATRACE_BEGIN("with \"quotes\\");
-            ATRACE_INT("counter", i);
-            ATRACE_END();
-        }
-    }).join();
-    traceSlice("screen", "frame 1", 1'000'001'500, 1'000'018'000);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) {
+        threads.emplace_back([] {
+            for (int i = 0; i < 30'000; ++i) {  // more than the ring takes
+                ATRACE_BEGIN("with \"quotes\\");
+                ATRACE_INT("counter", i);
+                ATRACE_END();
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    int64_t slices = 0;
+    EXPECT_TRUE(test::eventually([&] {  // until the ring has room again
+        ++slices;
+        traceSlice("screen", "frame 1", 1'000'001'500, 1'000'018'000);
+        return file.text().find("frame 1") != std::string::npos;
+    }));
     const TraceReport report = stopTrace();
     EXPECT_EQ(report.failure, "");
-    EXPECT_EQ(report.path, file.path);
-    EXPECT_EQ(report.written + report.lost, 301);
-    EXPECT_EQ(std::system(("python3 -m json.tool " + file.path + " > /dev/null").c_str()), 0);
-    const std::string text = file.text();
-    EXPECT_THAT(text, HasSubstr(R"("name":"with \"quotes\\")"));
-    EXPECT_THAT(text, HasSubstr(R"("ph":"C","args":{"value":99})"));
-    EXPECT_THAT(text, HasSubstr(R"("args":{"name":"screen"})"));
-    EXPECT_THAT(text, HasSubstr(R"("ts":1000001.500,"ph":"X","dur":16.500})"));
+    EXPECT_GT(report.lost, 0);
+    EXPECT_EQ(report.written + report.lost, 360'000 + slices);
+    EXPECT_TRUE(isJson(file.path));
+    for (const char* part :
+         {R"("name":"with \"quotes\\")", R"("ph":"C","args":{"value":0})",
+          R"("args":{"name":"screen"})", R"("ts":1000001.500,"ph":"X","dur":16.500})"}) {
+        EXPECT_THAT(file.text(), HasSubstr(part));
+    }
     EXPECT_EQ(stopTrace().written, report.written) << "idempotent";
 }
 
-TEST(Trace, KilledProcessLeavesWholeLines) {
-    const TemporaryFile file;
-    const pid_t child = fork();
-    if (child == 0) {
-        startTrace(file.path, nullptr);
-        for (;;) {
-            ATRACE_INT("counter", 1);
-            usleep(100);
-        }
-    }
-    EXPECT_TRUE(test::eventually([&] { return file.text().size() > 10'000; }));
-    kill(child, SIGKILL);
-    waitpid(child, nullptr, 0);
-    std::string text = file.text();
-    EXPECT_THAT(text, StartsWith("[\n{"));
-    text.resize(text.find_last_of('}') + 1);
-    std::ofstream(file.path) << text << "]";
-    EXPECT_EQ(std::system(("python3 -m json.tool " + file.path + " > /dev/null").c_str()), 0);
-}
-
-TEST(Trace, FullDiskEndsTheRecordingWithOneMessage) {
+TEST(Trace, FailureToCreateOrWriteIsOneMessage) {
+    std::string error;
+    EXPECT_FALSE(startTrace("/nowhere/trace.json", &error));
+    EXPECT_EQ(error, "cannot create trace file /nowhere/trace.json: No such file or directory");
+    EXPECT_FALSE(recordingTrace());
     std::vector<std::string> messages;
     observeLog([&](const LogLine& line) { messages.push_back(line.text); });
     ASSERT_TRUE(startTrace("/dev/full", nullptr));
@@ -195,32 +164,6 @@ TEST(Trace, FullDiskEndsTheRecordingWithOneMessage) {
                                       "No space left on device"));
     EXPECT_EQ(report.failure, messages.front());
     EXPECT_EQ(report.written, 0);
-}
-
-TEST(Trace, FileThatCannotBeCreatedIsOneLine) {
-    std::string error;
-    EXPECT_FALSE(startTrace("/nowhere/trace.json", &error));
-    EXPECT_EQ(error, "cannot create trace file /nowhere/trace.json: No such file or directory");
-    EXPECT_FALSE(recordingTrace());
-}
-
-TEST(Trace, FullRingLosesEventsAndCountsThem) {
-    const TemporaryFile file;
-    ASSERT_TRUE(startTrace(file.path, nullptr));
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 4; ++t) {
-        threads.emplace_back([] {
-            for (int i = 0; i < 50'000; ++i) {
-                ATRACE_INT("counter", i);
-            }
-        });
-    }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
-    const TraceReport report = stopTrace();
-    EXPECT_GT(report.lost, 0);
-    EXPECT_EQ(report.written + report.lost, 200'000);
 }
 
 }  // namespace

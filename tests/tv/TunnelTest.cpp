@@ -2,29 +2,26 @@
 #include "tv/Tunnel.h"
 
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <filesystem>
 #include <limits>
 #include <map>
 
-#include "tests/support/ManualClock.h"
-#include "tv/Tv.h"
+#include "tests/support/TvFixture.h"
 
 namespace korvane::tv {
 namespace {
 
+using test::openDescriptors;
+using testing::HasSubstr;
+using Frames = std::vector<int64_t>;
+
 constexpr int64_t kPeriodNs = 20'000'000;
 constexpr int64_t kPeriodUs = kPeriodNs / 1000;
-
-int64_t openDescriptors() {
-    const std::filesystem::directory_iterator entries("/proc/self/fd");
-    return std::distance(begin(entries), end(entries));
-}
+constexpr int64_t kNever = std::numeric_limits<int64_t>::max();
 
 bool signalled(int fence) {
     pollfd poller{fence, POLLIN, 0};
@@ -42,8 +39,13 @@ protected:
             close(fd);
         }
     }
-
-    void writePicture(int fd, int64_t frameNo) {
+    int picture(int64_t frameNo) {
+        if (pictures.count(frameNo) == 0) {
+            pictures[frameNo] = memfd_create("picture", MFD_CLOEXEC);
+        }
+        return pictures[frameNo];
+    }
+    void write(int fd, int64_t frameNo) {
         PictureHeader header;
         header.frameNo = frameNo;
         header.mediaTimeUs = frameNo * 40'000;
@@ -51,19 +53,18 @@ protected:
     }
     /// Queues a picture due at a vsync (fractions allowed) at the time of another.
     int queue(int64_t frameNo, double dueVsync, double atVsync = -0.5) {
-        if (pictures.count(frameNo) == 0) {
-            pictures[frameNo] = memfd_create("picture", MFD_CLOEXEC);
-        }
-        const int fd = pictures[frameNo];
-        writePicture(fd, frameNo);
-        return tunnel.queueBuffer(device, id, fd, -1,
+        write(picture(frameNo), frameNo);
+        return tunnel.queueBuffer(device, id, picture(frameNo), -1,
                                   static_cast<int64_t>(dueVsync * static_cast<double>(kPeriodUs)),
                                   static_cast<int64_t>(atVsync * static_cast<double>(kPeriodNs)));
     }
-    void vsync(int64_t k) {
-        tunnel.scanOut({k, k * kPeriodNs}, {k + 1, (k + 1) * kPeriodNs});
-        tunnel.signalFences(k * kPeriodNs);
+    void vsyncs(int64_t from, int64_t to) {
+        for (int64_t k = from; k <= to; ++k) {
+            tunnel.scanOut({k, k * kPeriodNs}, {k + 1, (k + 1) * kPeriodNs});
+            tunnel.signalFences(k * kPeriodNs);
+        }
     }
+    void vsync(int64_t k) { vsyncs(k, k); }
     struct Taken {
         int result = 0;
         int64_t frameNo = -1;
@@ -73,10 +74,20 @@ protected:
         Taken taken;
         int fd = -1;
         taken.result = tunnel.dequeueBuffer(device, id, &fd, &taken.fence, 0);
-        for (const auto& [frame, picture] : pictures) {
-            taken.frameNo = taken.result == 0 && picture == fd ? frame : taken.frameNo;
+        for (const auto& [frame, each] : pictures) {
+            taken.frameNo = taken.result == 0 && each == fd ? frame : taken.frameNo;
         }
         return taken;
+    }
+    void takeBack() { close(take().fence); }
+    /// Frame, fate and dwell in vsyncs of each buffer in the record: "0 shown 3".
+    std::string record() {
+        std::string text;
+        for (const BufferRecord& buffer : tunnel.record(id)) {
+            text += (text.empty() ? "" : ", ") + std::to_string(buffer.frameNo) + " " +
+                    toString(buffer.fate) + " " + std::to_string(buffer.dwellVsyncs);
+        }
+        return text;
     }
     BufferRecord frame(size_t serial) { return tunnel.record().at(serial); }
 
@@ -87,98 +98,86 @@ protected:
     std::map<int64_t, int> pictures;
 };
 
-TEST_F(TunnelTest, NewestDueIsShownTheOthersAreSuperseded) {
+TEST_F(TunnelTest, NewestDueIsShownTheOthersAreSupersededAndAFrontNotDueHoldsTheRest) {
     queue(0, 0);
     queue(1, 1);
     queue(2, 2);
     queue(3, 2.01);
     vsync(2);
-    EXPECT_EQ(frame(0).fate, BufferFate::Superseded);
-    EXPECT_EQ(frame(1).fate, BufferFate::Superseded);
-    EXPECT_EQ(frame(2).fate, BufferFate::OnScreen);
+    EXPECT_EQ(record(), "0 superseded 0, 1 superseded 0, 2 on screen 1, 3 waiting 0");
     EXPECT_EQ(frame(2).firstVsync.index, 2);
-    EXPECT_EQ(frame(3).fate, BufferFate::Waiting);
     for (const int64_t expected : {0, 1}) {
         const Taken taken = take();
         EXPECT_EQ(taken.frameNo, expected);
         EXPECT_EQ(taken.fence, -1) << "nothing ever read a superseded buffer";
     }
     EXPECT_EQ(take().result, -EAGAIN);
-}
-
-TEST_F(TunnelTest, FrontThatIsNotDueHoldsWhatIsBehindIt) {
-    queue(0, 5);
-    queue(1, 1);
-    vsync(2);
-    EXPECT_EQ(frame(1).fate, BufferFate::Waiting);
-    vsync(5);
-    EXPECT_EQ(frame(0).fate, BufferFate::Superseded);
-    EXPECT_EQ(frame(1).fate, BufferFate::OnScreen);
+    queue(4, 9, 2.5);
+    queue(5, 4, 2.5);
+    vsyncs(3, 8);
+    EXPECT_THAT(record(), HasSubstr("3 on screen 6, 4 waiting 0, 5 waiting 0"));
+    EXPECT_THAT(tunnel.dump(), HasSubstr("on screen: frame 3 since vsync 3"));
+    EXPECT_THAT(tunnel.dump(), HasSubstr("waiting: frame 4, due at 180000 us"));
+    vsync(9);
+    EXPECT_THAT(record(), HasSubstr("3 shown 6, 4 superseded 0, 5 on screen 1"));
 }
 
 TEST_F(TunnelTest, ReplacedBufferIsReleasedWithAFenceForTheNextVsync) {
     queue(0, 0);
     queue(1, 3);
-    for (int64_t k = 0; k <= 3; ++k) {
-        vsync(k);
-    }
-    EXPECT_EQ(frame(0).fate, BufferFate::Shown);
-    EXPECT_EQ(frame(0).dwellVsyncs, 3);
+    queue(2, 4);
+    vsyncs(0, 3);
+    EXPECT_EQ(record(), "0 shown 3, 1 on screen 1, 2 waiting 0");
     EXPECT_EQ(frame(0).releasedNs, 3 * kPeriodNs);
     EXPECT_EQ(frame(0).fenceSignalNs, 4 * kPeriodNs);
     const Taken taken = take();
     ASSERT_EQ(taken.frameNo, 0);
     EXPECT_EQ(fcntl(taken.fence, F_GETFL), 0);
-    EXPECT_FALSE(signalled(taken.fence));
     EXPECT_EQ(tunnel.signalFences(4 * kPeriodNs - 1), 4 * kPeriodNs);
     EXPECT_FALSE(signalled(taken.fence));
-    vsync(4);
+    vsyncs(4, 5);
     EXPECT_TRUE(signalled(taken.fence));
-    EXPECT_EQ(tunnel.signalFences(4 * kPeriodNs), std::numeric_limits<int64_t>::max());
+    EXPECT_EQ(tunnel.signalFences(5 * kPeriodNs), kNever);
+    const Taken later = take();
+    EXPECT_TRUE(signalled(later.fence)) << "its time was over before it was taken";
+    TunnelFaults faults;
+    faults.fenceDelayNs = 1;
+    tunnel.setFaults(faults);
+    queue(3, 6);
+    vsync(6);
+    const Taken late = take();
+    vsync(7);
+    EXPECT_FALSE(signalled(late.fence));
+    tunnel.disconnect(device, id, 7 * kPeriodNs);
+    EXPECT_TRUE(signalled(late.fence));
+    close(late.fence);
     close(taken.fence);
-    EXPECT_EQ(frame(1).dwellVsyncs, 2) << "counting while on screen";
+    close(later.fence);
 }
-
-TEST_F(TunnelTest, FenceTakenAfterItsTimeHasSignalledAlready) {
-    queue(0, 0);
-    queue(1, 1);
-    vsync(0);
-    vsync(1);
-    vsync(2);
-    const Taken taken = take();
-    EXPECT_TRUE(signalled(taken.fence));
-    close(taken.fence);
-}
-
-struct DueCase {
-    const char* what;
-    int64_t presentationUs;
-    bool shownAtNextVsync;
-};
 
 TEST_F(TunnelTest, WhatCountsAsDue) {
     const int64_t nowNs = 1'000 * kPeriodNs + 1;
     const int64_t nowUs = nowNs / 1000;
-    int64_t frameNo = 0;
-    for (const DueCase& due : {DueCase{"in nanoseconds: no schedule", nowNs, true},
-                               {"at the vsync exactly", 1001 * kPeriodUs, true},
-                               {"a microsecond after it", 1001 * kPeriodUs + 1, false},
-                               {"long past", 0, true},
-                               {"before time began", -1, true},
-                               {"ten seconds ahead", nowUs + kNoScheduleAheadUs, false},
-                               {"more than that", nowUs + kNoScheduleAheadUs + 1, true},
-                               {"the end of time", std::numeric_limits<int64_t>::max(), true}}) {
+    const struct {
+        const char* what;
+        int64_t presentationUs;
+        bool shownAtNextVsync;
+    } kCases[] = {{"in nanoseconds: no schedule", nowNs, true},
+                  {"at the vsync exactly", 1001 * kPeriodUs, true},
+                  {"a microsecond after it", 1001 * kPeriodUs + 1, false},
+                  {"before time began", -1, true},
+                  {"ten seconds ahead", nowUs + kNoScheduleAheadUs, false},
+                  {"more than that", nowUs + kNoScheduleAheadUs + 1, true},
+                  {"the end of time", kNever, true}};
+    for (const auto& due : kCases) {
         SCOPED_TRACE(due.what);
-        Tunnel one(TunnelConfig{}, display);
-        int oneId = -1;
-        const int oneDevice = one.open();
-        ASSERT_EQ(one.allocId(oneDevice, &oneId), 0);
-        ASSERT_EQ(one.connect(oneDevice, oneId), 0);
-        ASSERT_EQ(one.queueBuffer(oneDevice, oneId, -1, -1, due.presentationUs, nowNs), 0);
-        one.scanOut({1001, 1001 * kPeriodNs}, {1002, 1002 * kPeriodNs});
-        EXPECT_EQ(one.record()[0].fate == BufferFate::OnScreen, due.shownAtNextVsync);
-        EXPECT_EQ(one.record()[0].frameNo, -1) << "a descriptor that is no picture";
-        ++frameNo;
+        const size_t serial = tunnel.record().size();
+        ASSERT_EQ(tunnel.queueBuffer(device, id, -1, -1, due.presentationUs, nowNs), 0);
+        vsync(1001);
+        EXPECT_EQ(frame(serial).fate == BufferFate::OnScreen, due.shownAtNextVsync);
+        EXPECT_EQ(frame(serial).frameNo, -1) << "a descriptor that is no picture";
+        tunnel.disconnect(device, id, nowNs);
+        tunnel.connect(device, id);
     }
 }
 
@@ -186,42 +185,37 @@ TEST_F(TunnelTest, LateDisplayThreadChangesNothing) {
     queue(0, 0);
     queue(1, 1, 0.9);
     queue(2, 1, 1.1);  // due at vsync 1, but came after it
-    for (int64_t k = 0; k <= 2; ++k) {
-        vsync(k);  // all of them run now, after everything was queued
-    }
-    EXPECT_EQ(frame(1).fate, BufferFate::Shown);
+    vsyncs(0, 2);      // all of them run now, after everything was queued
+    EXPECT_EQ(record(), "0 shown 1, 1 shown 1, 2 on screen 1");
     EXPECT_EQ(frame(1).firstVsync.index, 1);
-    EXPECT_EQ(frame(1).dwellVsyncs, 1);
-    EXPECT_EQ(frame(2).firstVsync.index, 2);
 }
 
 TEST_F(TunnelTest, OverwrittenWhileThePanelReadsIsCaught) {
+    const auto overwritten = [&] {
+        Frames frames;
+        for (const BufferRecord& buffer : tunnel.record()) {
+            if (buffer.overwrittenOnScreen) {
+                frames.push_back(buffer.frameNo);  // the record keeps what was queued
+            }
+        }
+        return frames;
+    };
     queue(0, 0);
     queue(1, 2);
     queue(2, 3);
-    vsync(0);
-    vsync(1);
-    EXPECT_FALSE(frame(0).overwrittenOnScreen);
-    vsync(2);  // frame 0 is replaced and still read until vsync 3
-    writePicture(pictures[0], 77);
+    vsyncs(0, 2);  // frame 0 is replaced and still read until vsync 3
+    EXPECT_EQ(overwritten(), Frames{});
+    write(pictures[0], 77);
     vsync(3);
-    EXPECT_TRUE(frame(0).overwrittenOnScreen);
-    EXPECT_EQ(frame(0).frameNo, 0) << "the record keeps what was queued";
-    EXPECT_FALSE(frame(1).overwrittenOnScreen);
-    writePicture(pictures[2], 78);
+    EXPECT_EQ(overwritten(), Frames{0});
+    write(pictures[2], 78);  // on screen until vsync 5, read until vsync 6
     vsync(4);
-    EXPECT_TRUE(frame(2).overwrittenOnScreen);
-    writePicture(pictures[1], 79);  // its fence has signalled
+    write(pictures[1], 79);  // its fence has signalled
+    queue(3, 5, 4.5);
     vsync(5);
-    EXPECT_FALSE(frame(1).overwrittenOnScreen);
-}
-
-TEST_F(TunnelTest, ClosedAndReusedDescriptorDoesNotMisleadThePanel) {
-    queue(0, 0);
-    vsync(0);
-    ASSERT_EQ(dup2(STDERR_FILENO, pictures[0]), pictures[0]);
-    vsync(1);
-    EXPECT_FALSE(frame(0).overwrittenOnScreen);
+    ASSERT_EQ(dup2(STDERR_FILENO, pictures[3]), pictures[3]);  // the number is another file now
+    vsync(6);
+    EXPECT_EQ(overwritten(), (Frames{0, 2}));
 }
 
 TEST_F(TunnelTest, CapacityCountsWhatIsNotTakenBack) {
@@ -229,51 +223,35 @@ TEST_F(TunnelTest, CapacityCountsWhatIsNotTakenBack) {
         EXPECT_EQ(queue(i, static_cast<double>(i)), 0);
     }
     EXPECT_EQ(queue(4, 4), -ENOBUFS);
-    vsync(0);
-    vsync(1);
+    vsyncs(0, 1);
     EXPECT_EQ(queue(4, 4), -ENOBUFS) << "released, but not taken back";
-    close(take().fence);
+    takeBack();
     EXPECT_EQ(queue(4, 4), 0);
     EXPECT_EQ(tunnel.heldBuffers(id), 4);
 }
 
 TEST_F(TunnelTest, DisconnectGivesUpEverythingAndLeaksNothing) {
     for (int64_t i = 0; i < 4; ++i) {
-        pictures.emplace(i, memfd_create("picture", MFD_CLOEXEC));
+        picture(i);
     }
     const int64_t before = openDescriptors();
     for (int64_t i = 0; i < 4; ++i) {
         queue(i, static_cast<double>(i));
     }
-    for (int64_t k = 0; k <= 2; ++k) {
-        vsync(k);
-    }
-    const Taken taken = take();  // frame 0; frame 1 stays released, 2 on screen, 3 waiting
+    vsyncs(0, 2);
+    takeBack();
     const Taken second = take();
     EXPECT_FALSE(signalled(second.fence));
     EXPECT_EQ(tunnel.disconnect(device, id, 2 * kPeriodNs + 5), 0);
     EXPECT_TRUE(signalled(second.fence));
     EXPECT_EQ(frame(1).fenceSignalNs, 2 * kPeriodNs + 5);
-    close(taken.fence);
     close(second.fence);
     EXPECT_EQ(openDescriptors(), before);
-    EXPECT_EQ(frame(2).fate, BufferFate::Shown);
+    EXPECT_EQ(record(), "0 shown 1, 1 shown 1, 2 shown 1, 3 discarded by disconnect 0");
     EXPECT_EQ(frame(2).releasedNs, 2 * kPeriodNs + 5);
-    EXPECT_EQ(frame(3).fate, BufferFate::DiscardedByDisconnect);
     EXPECT_EQ(tunnel.heldBuffers(id), 0);
     EXPECT_EQ(queue(5, 5), -ENOTCONN);
     EXPECT_EQ(tunnel.disconnect(device, id, 0), -ENOTCONN);
-}
-
-TEST_F(TunnelTest, ClosingADeviceFreesItsIds) {
-    queue(0, 0);
-    EXPECT_EQ(tunnel.close(device), 0);
-    EXPECT_EQ(tunnel.allocatedIds(), 0);
-    EXPECT_EQ(tunnel.openDevices(), 0);
-    EXPECT_EQ(frame(0).fate, BufferFate::DiscardedByDisconnect);
-    EXPECT_EQ(tunnel.close(device), -EBADF);
-    int other = -1;
-    EXPECT_EQ(tunnel.allocId(device, &other), -EBADF);
 }
 
 TEST_F(TunnelTest, IdsBelongToTheirDeviceAreLimitedAndNeverComeAgain) {
@@ -289,80 +267,59 @@ TEST_F(TunnelTest, IdsBelongToTheirDeviceAreLimitedAndNeverComeAgain) {
     EXPECT_EQ(tunnel.allocId(otherDevice, &third), 0);
     EXPECT_NE(third, second);
     EXPECT_EQ(tunnel.connectedTunnels(), 1);
+    queue(0, 0);
+    EXPECT_EQ(tunnel.close(device), 0);
+    EXPECT_EQ(tunnel.allocatedIds(), 1);
+    EXPECT_EQ(tunnel.openDevices(), 1);
+    EXPECT_EQ(record(), "0 discarded by disconnect 0");
+    EXPECT_EQ(tunnel.close(device), -EBADF);
+    EXPECT_EQ(tunnel.allocId(device, &third), -EBADF);
 }
 
-TEST_F(TunnelTest, EachEntryPointCanFail) {
-    TunnelFaults faults;
-    faults.openFails = faults.allocFails = faults.freeFails = faults.connectFails = true;
-    faults.disconnectFails = faults.queueFails = faults.dequeueFails = true;
-    faults.vsyncQueryFails = true;
-    tunnel.setFaults(faults);
-    int other = 99;
-    VsyncReport report{7, 7};
-    EXPECT_EQ(tunnel.open(), -ENODEV);
-    EXPECT_LT(tunnel.allocId(device, &other), 0);
-    EXPECT_EQ(other, 99);
-    EXPECT_LT(tunnel.freeId(device, id), 0);
-    EXPECT_EQ(tunnel.connect(device, id), -EINVAL);
-    EXPECT_LT(tunnel.disconnect(device, id, 0), 0);
-    EXPECT_LT(queue(0, 0), 0);
-    EXPECT_EQ(take().result, -EINVAL);
-    EXPECT_LT(tunnel.displayVsync(device, id, kPeriodNs, &report), 0);
-    EXPECT_EQ(report.periodNs, 7);
-    EXPECT_EQ(tunnel.connectedTunnels(), 1) << "failing, it did nothing";
-    tunnel.setFaults({});
-    EXPECT_EQ(tunnel.displayVsync(device, id, kPeriodNs + 1, &report), 0);
-    EXPECT_EQ(report.timestampNs, kPeriodNs);
-}
-
-struct FenceCase {
-    const char* what;
-    void (*set)(TunnelFaults&);
-    bool fence;
-    bool signalsAtNextVsync;
-    int flags;
-};
-
-TEST_F(TunnelTest, FenceFaults) {
-    const int64_t before = openDescriptors();
-    int64_t k = 0;
-    for (const FenceCase& fault :
-         {FenceCase{"none", [](TunnelFaults&) {}, true, true, O_RDONLY},
-          {"late", [](TunnelFaults& f) { f.fenceDelayNs = 1; }, true, false, O_RDONLY},
-          {"never", [](TunnelFaults& f) { f.fenceNeverSignals = true; }, true, false, O_RDONLY},
-          {"absent", [](TunnelFaults& f) { f.noFences = true; }, false, false, 0},
-          {"mode", [](TunnelFaults& f) { f.fenceWrongMode = true; }, true, true, O_RDWR}}) {
-        SCOPED_TRACE(fault.what);
-        TunnelFaults faults;
-        fault.set(faults);
-        tunnel.setFaults(faults);
-        for (int i = 0; i < 2; ++i, ++k) {
-            queue(0, static_cast<double>(k), static_cast<double>(k) - 0.5);
-            vsync(k);
+TEST_F(TunnelTest, FinishedRecordsAreTakenFromTheFront) {
+    const auto taken = [&] {
+        Frames frames;
+        for (const BufferRecord& buffer : tunnel.takeFinished(id)) {
+            EXPECT_NE(buffer.releasedNs, 0);
+            frames.push_back(buffer.frameNo);
         }
-        const Taken taken = take();
-        EXPECT_EQ(taken.fence >= 0, fault.fence);
-        if (taken.fence >= 0) {
-            EXPECT_EQ(fcntl(taken.fence, F_GETFL) & O_ACCMODE, fault.flags);
-            EXPECT_FALSE(signalled(taken.fence));
-            vsync(k);
-            EXPECT_EQ(signalled(taken.fence), fault.signalsAtNextVsync);
-        }
-        tunnel.disconnect(device, id, k * kPeriodNs);
-        EXPECT_EQ(taken.fence < 0 || signalled(taken.fence), true);
-        close(taken.fence);
-        ASSERT_EQ(tunnel.connect(device, id), 0);
-    }
-    EXPECT_EQ(openDescriptors(), before + 1) << "the picture alone";
-}
-
-TEST_F(TunnelTest, DumpTellsWhereBuffersAre) {
-    queue(41, 0);
-    queue(42, 3);
+        return frames;
+    };
+    queue(0, 0);
+    queue(1, 1);
+    queue(2, 2);
+    queue(3, 2);
     vsync(0);
-    const std::string text = tunnel.dump();
-    EXPECT_NE(text.find("on screen: frame 41 since vsync 0"), std::string::npos) << text;
-    EXPECT_NE(text.find("waiting: frame 42, due at 60000 us"), std::string::npos) << text;
+    EXPECT_EQ(taken(), Frames{}) << "on screen";
+    vsync(1);
+    takeBack();
+    EXPECT_EQ(taken(), Frames{}) << "the panel reads it, its fence is pending";
+    vsync(2);
+    EXPECT_EQ(taken(), Frames{0});
+    takeBack();
+    EXPECT_EQ(taken(), Frames{}) << "frame 2, superseded and back, waits behind frame 1";
+    vsync(3);
+    EXPECT_EQ(taken(), Frames{}) << "frame 1 is not taken back";
+    takeBack();
+    EXPECT_EQ(taken(), (Frames{1, 2}));
+    queue(4, 5);
+    EXPECT_EQ(record(), "3 on screen 2, 4 waiting 0");
+    EXPECT_EQ(frame(0).serial, 3);
+    TunnelFaults faults;
+    faults.fenceNeverSignals = true;
+    tunnel.setFaults(faults);
+    vsync(5);
+    takeBack();
+    vsync(6);
+    EXPECT_EQ(taken(), Frames{}) << "its fence never signals";
+    tunnel.disconnect(device, id, 7 * kPeriodNs);
+    EXPECT_EQ(taken(), (Frames{3, 4}));
+    EXPECT_EQ(tunnel.connect(device, id), 0);
+    queue(5, 9);
+    EXPECT_EQ(tunnel.freeId(device, id), 0);
+    EXPECT_EQ(record(), "5 discarded by disconnect 0") << "outlives its id";
+    EXPECT_EQ(taken(), Frames{5});
+    EXPECT_EQ(taken(), Frames{});
 }
 
 }  // namespace

@@ -1,20 +1,15 @@
 // The switch, the display thread, and the display driven by hand.
 #include "tv/Tv.h"
 
-#include <gtest/gtest.h>
 #include <poll.h>
 #include <unistd.h>
 
-#include "tests/support/ManualClock.h"
+#include "tests/support/TvFixture.h"
 
 namespace korvane::tv {
 namespace {
 
-TvConfig byHand() {
-    TvConfig config;
-    config.displayThread = false;
-    return config;
-}
+using test::eventually;
 
 struct Producer {
     explicit Producer(Tv& tv) : tunnel(tv.tunnel()), device(tunnel.open()) {
@@ -24,97 +19,80 @@ struct Producer {
     int queue(int64_t presentationUs) {
         return tunnel.queueBuffer(device, id, -1, -1, presentationUs, nowNs());
     }
+    int takeBack(int* fence) {
+        int buffer = 0;
+        return tunnel.dequeueBuffer(device, id, &buffer, fence, nowNs());
+    }
     Tunnel& tunnel;
     int device;
     int id = -1;
 };
 
 TEST(Tv, OneIsCurrentAtATimeUntilItIsOff) {
-    EXPECT_EQ(Tv::current(), nullptr);
-    const auto first = Tv::powerOn(byHand());
-    EXPECT_EQ(Tv::current(), first);
-    auto second = Tv::powerOn(byHand());
+    EXPECT_FALSE(Tv::current() || Tv::isAnyOn());
+    auto first = test::tvByHand();
+    EXPECT_EQ(Tv::current().get(), first.get());
+    auto second = test::tvByHand();
     first->powerOff();
-    EXPECT_EQ(Tv::current(), second) << "an earlier one's end changes nothing";
+    EXPECT_EQ(Tv::current().get(), second.get()) << "an earlier one's end changes nothing";
+    EXPECT_TRUE(Tv::isAnyOn());
+    const auto look = Tv::current();
     second->powerOff();
-    EXPECT_EQ(Tv::current(), nullptr);
-    second = Tv::powerOn(byHand());
     second.reset();
-    EXPECT_EQ(Tv::current(), nullptr);
+    EXPECT_FALSE(Tv::current() || Tv::isAnyOn());
+    first = test::tvByHand();
+    EXPECT_EQ(Tv::current().get(), first.get());
+    EXPECT_EQ(look->tunnel().openDevices(), 0) << "valid while it is looked at";
+    first.reset();
+    EXPECT_FALSE(Tv::isAnyOn());
 }
 
-TEST(Tv, ScansOutEveryVsyncOnceFromTheMomentItWasSwitchedOn) {
-    test::ManualClock clock;
-    const auto tv = Tv::powerOn(byHand());
-    EXPECT_EQ(tv->display().vsync(0).timeNs, clock.nowNs());
-    Producer producer(*tv);
+using TvByHand = test::TvFixture;
+
+TEST_F(TvByHand, ScansOutEveryVsyncOnceFromTheMomentItWasSwitchedOn) {
+    EXPECT_EQ(mTv->display().vsync(0).timeNs, mClock.nowNs());
+    Producer producer(*mTv);
     producer.queue(0);
-    clock.advanceUs(1'000'000);
-    tv->runVsyncs(clock.nowNs());
-    tv->runVsyncs(clock.nowNs());
-    EXPECT_EQ(tv->tunnel().record()[0].dwellVsyncs, 61);
-    producer.queue(clock.nowUs());
-    clock.advanceUs(1'000'000);
-    tv->runVsyncs(clock.nowNs());
-    EXPECT_EQ(tv->tunnel().record()[0].dwellVsyncs, 61);
-    EXPECT_EQ(tv->tunnel().record()[1].firstVsync.index, 61);
+    runFor(1'000'000);
+    runFor(0);
+    EXPECT_EQ(mTv->tunnel().record()[0].dwellVsyncs, 61);
+    producer.queue(mClock.nowUs());
+    mTv->display().changeMode(mClock.nowNs() + 1'000'000'000, 50);
+    runFor(2'000'000);
+    EXPECT_EQ(mTv->tunnel().record()[0].dwellVsyncs, 61);
+    EXPECT_EQ(mTv->tunnel().record()[1].firstVsync.index, 61);
+    EXPECT_EQ(mTv->tunnel().record()[1].dwellVsyncs, 60 + 50);
 }
 
-TEST(Tv, ModeChangeAppliesToTheScanOut) {
-    test::ManualClock clock;
-    const auto tv = Tv::powerOn(byHand());
-    Producer producer(*tv);
-    producer.queue(0);
-    tv->display().changeMode(clock.nowNs() + 1'000'000'000, 50);
-    clock.advanceUs(2'000'000);
-    tv->runVsyncs(clock.nowNs());
-    EXPECT_EQ(tv->tunnel().record()[0].dwellVsyncs, 60 + 51);
-}
-
-TEST(Tv, ThreadShowsReleasesAndSignals) {
+TEST(TvThread, ShowsReleasesAndSignalsAtTheLatestWhenSwitchedOff) {
     const auto tv = Tv::powerOn();
     Producer producer(*tv);
     TunnelFaults faults;
-    faults.fenceDelayNs = 1'000'000;  // between two vsyncs: the thread wakes for it, too
-    tv->tunnel().setFaults(faults);
+    const auto replaceOnScreen = [&](int64_t fenceDelayNs, int64_t presentationUs) {
+        faults.fenceDelayNs = fenceDelayNs;
+        tv->tunnel().setFaults(faults);
+        EXPECT_EQ(producer.queue(presentationUs), 0);
+        int fence = -1;
+        EXPECT_TRUE(eventually([&] { return producer.takeBack(&fence) == 0; }));
+        return fence;
+    };
     EXPECT_EQ(producer.queue(0), 0);
-    EXPECT_TRUE(
-        test::eventually([&] { return tv->tunnel().record()[0].fate == BufferFate::OnScreen; }));
-    EXPECT_EQ(producer.queue(nowNs()), 0) << "a time in nanoseconds";
-    int buffer = 0;
-    int fence = -1;
-    EXPECT_TRUE(test::eventually([&] {
-        return producer.tunnel.dequeueBuffer(producer.device, producer.id, &buffer, &fence,
-                                             nowNs()) == 0;
-    }));
+    EXPECT_TRUE(eventually([&] { return tv->tunnel().record()[0].fate == BufferFate::OnScreen; }));
+    // Between two vsyncs: the thread wakes for it, too.
+    const int fence = replaceOnScreen(1'000'000, nowNs());
     pollfd poller{fence, POLLIN, 0};
     EXPECT_EQ(poll(&poller, 1, 30'000), 1);
     EXPECT_GE(nowNs(), tv->tunnel().record()[0].fenceSignalNs);
-    close(fence);
-    EXPECT_TRUE(tv->tunnel().record()[1].atOnce);
-}
-
-TEST(Tv, SwitchedOffItSignalsWhatIsPendingAndStaysReadable) {
-    const auto tv = Tv::powerOn();
-    Producer producer(*tv);
-    TunnelFaults faults;
-    faults.fenceDelayNs = 3'600'000'000'000;
-    tv->tunnel().setFaults(faults);
-    producer.queue(0);
-    EXPECT_TRUE(
-        test::eventually([&] { return tv->tunnel().record()[0].fate == BufferFate::OnScreen; }));
-    producer.queue(0);
-    EXPECT_TRUE(test::eventually([&] { return tv->tunnel().record()[0].releasedNs != 0; }));
-    int buffer = 0;
-    int fence = -1;
-    ASSERT_EQ(producer.tunnel.dequeueBuffer(producer.device, producer.id, &buffer, &fence, 0), 0);
-    pollfd poller{fence, POLLIN, 0};
+    EXPECT_TRUE(tv->tunnel().record()[1].atOnce) << "a time in nanoseconds";
+    const int later = replaceOnScreen(3'600'000'000'000, 0);
+    poller.fd = later;
     EXPECT_EQ(poll(&poller, 1, 0), 0);
     tv->powerOff();
     tv->powerOff();
     EXPECT_EQ(poll(&poller, 1, 0), 1);
+    EXPECT_EQ(tv->tunnel().record().size(), 3U) << "stays readable";
     close(fence);
-    EXPECT_EQ(tv->tunnel().record().size(), 2U);
+    close(later);
 }
 
 }  // namespace

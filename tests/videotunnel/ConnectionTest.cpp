@@ -1,22 +1,13 @@
 // VideoTunnelWraper on the simulated TV: device, id, connection, buffers and their fences, and what
 // it says of each.
 #include <fcntl.h>
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <mqueue.h>
 #include <unistd.h>
 
 #include <cstddef>
-#include <filesystem>
-#include <memory>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include "tests/support/LogCapture.h"
-#include "tests/support/ManualClock.h"
-#include "tests/support/Swapped.h"
-#include "tv/Tv.h"
+#include "tests/support/TvFixture.h"
 #include "videotunnel/VideoTunnelOps.h"
 #include "videotunnel/VideoTunnelWraper.h"
 
@@ -28,78 +19,40 @@ struct VideoTunnelWraperPeer {
         EXPECT_EQ(wrapper->mFenceTimeoutMs, 1000);
         wrapper->mFenceTimeoutMs = timeoutMs;
     }
-    static_assert(offsetof(VideoTunnelWraper, mQueuedCount) == 0);
-    static_assert(offsetof(VideoTunnelWraper, mTunnelId) == 4);
-    static_assert(offsetof(VideoTunnelWraper, mVideoTunnelFd) == 8);
-    static_assert(offsetof(VideoTunnelWraper, mConnected) == 12);
-    static_assert(offsetof(VideoTunnelWraper, mFenceTimeoutMs) == 16);
-    static_assert(sizeof(VideoTunnelWraper) == 20);
+    static_assert(offsetof(VideoTunnelWraper, mTunnelId) == 4 &&
+                  offsetof(VideoTunnelWraper, mVideoTunnelFd) == 8 &&
+                  offsetof(VideoTunnelWraper, mConnected) == 12 && sizeof(VideoTunnelWraper) == 20);
 };
+constexpr size_t kPointer = sizeof(void*);
+static_assert(offsetof(videotunnel_ops, mDisconnect) == 5 * kPointer &&
+              offsetof(videotunnel_ops, mQueueBuffer) == 6 * kPointer &&
+              offsetof(videotunnel_ops, mDequeueBuffer) == 7 * kPointer &&
+              offsetof(videotunnel_ops, mSendCmd) == 8 * kPointer &&
+              offsetof(videotunnel_ops, mGetDisplayVsyncAndPeroid) == 9 * kPointer &&
+              offsetof(videotunnel_ops, mInited) == 10 * kPointer &&
+              offsetof(videotunnel_ops, mLibHandle) == 11 * kPointer);
 
-static_assert(offsetof(videotunnel_ops, mOpen) == 0);
-static_assert(offsetof(videotunnel_ops, mDisconnect) == 5 * 8);
-static_assert(offsetof(videotunnel_ops, mQueueBuffer) == 6 * 8);
-static_assert(offsetof(videotunnel_ops, mDequeueBuffer) == 7 * 8);
-static_assert(offsetof(videotunnel_ops, mSendCmd) == 8 * 8);
-static_assert(offsetof(videotunnel_ops, mGetDisplayVsyncAndPeroid) == 9 * 8);
-static_assert(offsetof(videotunnel_ops, mInited) == 10 * 8);
-static_assert(offsetof(videotunnel_ops, mLibHandle) == 11 * 8);
-
+namespace korvane::test {
 namespace {
 
-using korvane::test::LogCapture;
-using korvane::test::setLogMaskProperty;
-using korvane::test::Swapped;
-using korvane::tv::TunnelFaults;
-using korvane::tv::Tv;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::MatchesRegex;
+using tv::TunnelFaults;
 using Peer = VideoTunnelWraperPeer;
 
-const std::string kProperty = "vendor.korvane.loglevels";
-
-long openDescriptors() {
-    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
-}
-
-class VideoTunnel : public testing::Test {
+class VideoTunnel : public TvFixture {
 protected:
-    VideoTunnel() {
-        korvane::tv::TvConfig config;
-        config.displayThread = false;
-        mTv = Tv::powerOn(config);
-        setLogMaskProperty(1);
-    }
-    ~VideoTunnel() override {
-        mTv->powerOff();
-        korvane::tv::observeTrace(nullptr);
-        korvane::tv::setTraceTagEnabled(false);
-        korvane::tv::clearProperties();
-    }
-
-    void SetUp() override { ASSERT_TRUE(gVideoTunnelOps.mInited); }
-
-    void setFault(bool TunnelFaults::*fault, bool on = true) {
-        TunnelFaults faults = mTv->tunnel().faults();
-        faults.*fault = on;
-        mTv->tunnel().setFaults(faults);
-    }
+    VideoTunnel() { setLogMask(1); }
 
     /// A wrapper with an id and a connection, under a log mask; the log begins after that.
     std::unique_ptr<VideoTunnelWraper> connected(int mask) {
-        setLogMaskProperty(mask);
+        setLogMask(mask);
         auto wrapper = std::make_unique<VideoTunnelWraper>();
         EXPECT_GE(wrapper->allocTunnelId(), 0);
         EXPECT_TRUE(wrapper->connect());
         mLog.take();
         return wrapper;
-    }
-
-    /// Lets the display run for some vsyncs.
-    void runVsyncs(int count) {
-        mClock.advanceUs(count * 16'667);
-        mTv->runVsyncs(mClock.nowNs());
     }
 
     /// Three buffers, 100 to 102, of which the first has been replaced on screen by the second: it
@@ -109,137 +62,117 @@ protected:
         EXPECT_TRUE(wrapper->queueBuffer(100, 0));
         EXPECT_TRUE(wrapper->queueBuffer(101, mClock.nowUs() + 25'000));
         EXPECT_TRUE(wrapper->queueBuffer(102, mClock.nowUs() + 1'000'000));
-        runVsyncs(1);
-        runVsyncs(1);
+        runFor(16'667);
+        runFor(16'667);
         mLog.take();
         return wrapper;
     }
 
-    korvane::test::ManualClock mClock;
     LogCapture mLog{"VideoTunnelWraper"};
-    std::shared_ptr<Tv> mTv;
 };
 
-TEST_F(VideoTunnel, constructorOpensAndRefreshesTheMaskAtDebugPriority) {
+TEST_F(VideoTunnel, OpensRefreshesTheMaskAtDebugPriorityAndTakesAllDownAgain) {
     { const VideoTunnelWraper wrapper; }
     EXPECT_THAT(mLog.take(),
                 ElementsAre("I ctor VideoTunnelWraper mVideoTunnelFd 0",
                             "I ~VideoTunnelWraper, mConnected = 0", "I tovak_vt_close done!"));
-    setLogMaskProperty(2);
+    setLogMask(2);
     { const VideoTunnelWraper wrapper; }
-    EXPECT_THAT(mLog.take(), ElementsAre("D " + kProperty + " set = 2\n"));
-    korvane::tv::clearProperties();
+    tv::clearProperties();
     { const VideoTunnelWraper wrapper; }
-    EXPECT_THAT(mLog.take(), ElementsAre("D " + kProperty + " is not set used def = 2\n"));
-    setLogMaskProperty(0);
+    setLogMask(0);
     { const VideoTunnelWraper wrapper; }
-    EXPECT_THAT(mLog.take(), IsEmpty());
+    const std::string property = "D vendor.korvane.loglevels ";
+    EXPECT_THAT(mLog.take(),
+                ElementsAre(property + "set = 2\n", property + "is not set used def = 2\n"));
+    connected(1).reset();
+    EXPECT_THAT(
+        mLog.take(),
+        ElementsAre("I ~VideoTunnelWraper, mConnected = 1", "I disconnect:331, mQueuedCount:0",
+                    "I tovak_vt_send_cmd with ret:0 mVideoTunnelFd:4 mTunnelId:0",
+                    "I tovak_vt_disconnect success!", "I tovak_vt_free_id success. mTunnelId:0",
+                    "I tovak_vt_close done!"));
+    EXPECT_EQ(mTv->tunnel().allocatedIds(), 0);
     EXPECT_EQ(mTv->tunnel().openDevices(), 0);
 }
 
-TEST_F(VideoTunnel, withoutDeviceEveryOperationSaysSoInItsWay) {
+TEST_F(VideoTunnel, WithoutDeviceEveryOperationSaysSoInItsWay) {
     mTv->powerOff();
     auto wrapper = std::make_unique<VideoTunnelWraper>();
-    EXPECT_THAT(mLog.take(), ElementsAre("E tovak_vt_open failed! No such device",
-                                         "I ctor VideoTunnelWraper mVideoTunnelFd -19"));
     EXPECT_EQ(wrapper->allocTunnelId(), -1);
     EXPECT_TRUE(wrapper->connect());
     EXPECT_FALSE(wrapper->queueBuffer(1, 2));
     int fd = -1;
     EXPECT_FALSE(wrapper->dequeueBuffer(&fd));
     EXPECT_FALSE(wrapper->freeTunnelId());
-    EXPECT_THAT(
-        mLog.take(),
-        ElementsAre("E tovak_vt_alloc_id failed, mVideoTunnelFd:-19, mTunnelId:-1",
-                    "E tovak_vt_connect failed, mVideoTunnelFd:-19, mTunnelId:-1",
-                    "E queueBuffer video tunnel queueBuffer failed, mVideoTunnelFd:-19, "
-                    "mTunnelId:-1",
-                    "E dequeueBuffer video tunnel dequeueBuffer failed, mVideoTunnelFd:-19, "
-                    "mTunnelId:-1",
-                    "E tovak_vt_free_id failed, mVideoTunnelFd:-19, mTunnelId:-1"));
     long timestamp = -7;
-    int period = -7;
-    EXPECT_FALSE(wrapper->getDisplayVsyncAndPeriod(&timestamp, &period));
+    EXPECT_FALSE(wrapper->getDisplayVsyncAndPeriod(&timestamp, &fd));
     EXPECT_TRUE(wrapper->disconnect());
     wrapper.reset();
-    EXPECT_THAT(mLog.take(), ElementsAre("I disconnect:331, mQueuedCount:0",
-                                         "I ~VideoTunnelWraper, mConnected = 0"));
+    const std::string failed = " failed, mVideoTunnelFd:-19, mTunnelId:-1";
+    EXPECT_THAT(mLog.take(),
+                ElementsAre("E tovak_vt_open failed! No such device",
+                            "I ctor VideoTunnelWraper mVideoTunnelFd -19",
+                            "E tovak_vt_alloc_id" + failed, "E tovak_vt_connect" + failed,
+                            "E queueBuffer video tunnel queueBuffer" + failed,
+                            "E dequeueBuffer video tunnel dequeueBuffer" + failed,
+                            "E tovak_vt_free_id" + failed, "I disconnect:331, mQueuedCount:0",
+                            "I ~VideoTunnelWraper, mConnected = 0"));
 }
 
-TEST_F(VideoTunnel, missingEntryPointsAreTestedBeforeUse) {
+TEST_F(VideoTunnel, MissingEntryPointsAreTestedBeforeUse) {
+    auto& ops = gVideoTunnelOps;
+    ASSERT_TRUE(ops.mInited);
     auto wrapper = connected(1);
     int fd = -1;
     long timestamp = -7;
-    int period = -7;
     {
-        const Swapped connect(gVideoTunnelOps.mConnect, nullptr);
-        const Swapped alloc(gVideoTunnelOps.mAllocId, nullptr);
-        const Swapped release(gVideoTunnelOps.mFreeId, nullptr);
-        const Swapped queue(gVideoTunnelOps.mQueueBuffer, nullptr);
-        const Swapped dequeue(gVideoTunnelOps.mDequeueBuffer, nullptr);
-        const Swapped vsync(gVideoTunnelOps.mGetDisplayVsyncAndPeroid, nullptr);
+        const Swapped connect(ops.mConnect, nullptr);
+        const Swapped alloc(ops.mAllocId, nullptr);
+        const Swapped release(ops.mFreeId, nullptr);
+        const Swapped queue(ops.mQueueBuffer, nullptr);
+        const Swapped dequeue(ops.mDequeueBuffer, nullptr);
+        const Swapped vsync(ops.mGetDisplayVsyncAndPeroid, nullptr);
         EXPECT_TRUE(wrapper->connect());
         EXPECT_FALSE(wrapper->queueBuffer(1, 2));
         EXPECT_FALSE(wrapper->dequeueBuffer(&fd));
         EXPECT_FALSE(wrapper->freeTunnelId());
-        VideoTunnelWraper other;
-        EXPECT_EQ(other.allocTunnelId(), -1);
-        EXPECT_FALSE(wrapper->getDisplayVsyncAndPeriod(&timestamp, &period));
+        EXPECT_EQ(VideoTunnelWraper().allocTunnelId(), -1);
+        EXPECT_FALSE(wrapper->getDisplayVsyncAndPeriod(&timestamp, &fd));
     }
     EXPECT_THAT(mLog.take(), testing::Contains(testing::StartsWith("E ")).Times(5));
     {
-        const Swapped disconnect(gVideoTunnelOps.mDisconnect, nullptr);
+        const Swapped disconnect(ops.mDisconnect, nullptr);
         EXPECT_TRUE(wrapper->disconnect());
         EXPECT_THAT(mLog.take(), ElementsAre("I disconnect:331, mQueuedCount:0"));
     }
-    const Swapped open(gVideoTunnelOps.mOpen, nullptr);
-    const Swapped close(gVideoTunnelOps.mClose, nullptr);
+    const Swapped open(ops.mOpen, nullptr);
+    const Swapped close(ops.mClose, nullptr);
     { const VideoTunnelWraper unopened; }
     EXPECT_THAT(mLog.take(), ElementsAre("I ctor VideoTunnelWraper mVideoTunnelFd -1",
                                          "I ~VideoTunnelWraper, mConnected = 0"));
     wrapper.reset();
-    const auto log = mLog.take();
-    ASSERT_GE(log.size(), 2U);
-    EXPECT_EQ(log[log.size() - 2], "E tovak_vt_close nullptr!");
+    const Lines log = mLog.take();
+    EXPECT_EQ(log.at(log.size() - 2), "E tovak_vt_close nullptr!");
     EXPECT_EQ(log.back(), "I tovak_vt_close done!");
 }
 
-TEST_F(VideoTunnel, holdsOneIdAtATime) {
+TEST_F(VideoTunnel, HoldsOneIdAndOneConnectionWhateverTheTunnelRefuses) {
     VideoTunnelWraper wrapper;
-    setFault(&TunnelFaults::allocFails);
     mLog.take();
+    setFault(&TunnelFaults::allocFails);
     EXPECT_EQ(wrapper.allocTunnelId(), -EINVAL);
     setFault(&TunnelFaults::allocFails, false);
     EXPECT_EQ(wrapper.allocTunnelId(), 0);
     EXPECT_EQ(wrapper.allocTunnelId(), -1);
-    setFault(&TunnelFaults::freeFails);
-    EXPECT_FALSE(wrapper.freeTunnelId());
-    EXPECT_EQ(Peer::tunnelId(wrapper), 0);
-    setFault(&TunnelFaults::freeFails, false);
-    EXPECT_TRUE(wrapper.freeTunnelId());
-    EXPECT_EQ(Peer::tunnelId(wrapper), -1);
-    EXPECT_FALSE(wrapper.freeTunnelId());
-    EXPECT_THAT(mLog.take(),
-                ElementsAre("E tovak_vt_alloc_id failed! Invalid argument",
-                            "I tovak_vt_alloc_id success. mTunnelId:0",
-                            "E tovak_vt_alloc_id failed, mVideoTunnelFd:0, mTunnelId:0",
-                            "E tovak_vt_free_id failed! Invalid argument",
-                            "I tovak_vt_free_id success. mTunnelId:0",
-                            "E tovak_vt_free_id failed, mVideoTunnelFd:0, mTunnelId:-1"));
-}
-
-TEST_F(VideoTunnel, connectsAndDisconnects) {
-    VideoTunnelWraper wrapper;
-    wrapper.allocTunnelId();
     setFault(&TunnelFaults::connectFails);
-    mLog.take();
     EXPECT_FALSE(wrapper.connect());
     EXPECT_FALSE(Peer::connected(wrapper));
     setFault(&TunnelFaults::connectFails, false);
     EXPECT_TRUE(wrapper.connect());
     EXPECT_TRUE(Peer::connected(wrapper));
     setFault(&TunnelFaults::disconnectFails);
-    EXPECT_TRUE(wrapper.disconnect());
+    EXPECT_TRUE(wrapper.disconnect()) << "a refusal looks like success";
     EXPECT_TRUE(Peer::connected(wrapper));
     setFault(&TunnelFaults::disconnectFails, false);
     {
@@ -247,42 +180,39 @@ TEST_F(VideoTunnel, connectsAndDisconnects) {
         EXPECT_TRUE(wrapper.disconnect());
     }
     EXPECT_FALSE(Peer::connected(wrapper));
-    EXPECT_THAT(mLog.take(),
-                ElementsAre("E tovak_vt_connect failed with 0", "I tovak_vt_connect success!",
-                            "I disconnect:331, mQueuedCount:0",
-                            "I tovak_vt_send_cmd with ret:0 mVideoTunnelFd:0 mTunnelId:0",
-                            "E tovak_vt_disconnect failed with 1",
-                            "I disconnect:331, mQueuedCount:0", "I tovak_vt_disconnect success!"));
-}
-
-TEST_F(VideoTunnel, destructorDisconnectsFreesAndCloses) {
-    auto wrapper = connected(1);
-    wrapper.reset();
+    setFault(&TunnelFaults::freeFails);
+    EXPECT_FALSE(wrapper.freeTunnelId());
+    EXPECT_EQ(Peer::tunnelId(wrapper), 0);
+    setFault(&TunnelFaults::freeFails, false);
+    EXPECT_TRUE(wrapper.freeTunnelId());
+    EXPECT_EQ(Peer::tunnelId(wrapper), -1);
+    EXPECT_FALSE(wrapper.freeTunnelId());
     EXPECT_THAT(
         mLog.take(),
-        ElementsAre("I ~VideoTunnelWraper, mConnected = 1", "I disconnect:331, mQueuedCount:0",
+        ElementsAre("E tovak_vt_alloc_id failed! Invalid argument",
+                    "I tovak_vt_alloc_id success. mTunnelId:0",
+                    "E tovak_vt_alloc_id failed, mVideoTunnelFd:0, mTunnelId:0",
+                    "E tovak_vt_connect failed with 0", "I tovak_vt_connect success!",
+                    "I disconnect:331, mQueuedCount:0",
                     "I tovak_vt_send_cmd with ret:0 mVideoTunnelFd:0 mTunnelId:0",
-                    "I tovak_vt_disconnect success!", "I tovak_vt_free_id success. mTunnelId:0",
-                    "I tovak_vt_close done!"));
-    EXPECT_EQ(mTv->tunnel().allocatedIds(), 0);
-    EXPECT_EQ(mTv->tunnel().openDevices(), 0);
+                    "E tovak_vt_disconnect failed with 1", "I disconnect:331, mQueuedCount:0",
+                    "I tovak_vt_disconnect success!", "E tovak_vt_free_id failed! Invalid argument",
+                    "I tovak_vt_free_id success. mTunnelId:0",
+                    "E tovak_vt_free_id failed, mVideoTunnelFd:0, mTunnelId:-1"));
 }
 
 // The constants that go with each call, seen by entry points in the library's place.
-TEST_F(VideoTunnel, passesItsConstantsToTheTunnel) {
+TEST_F(VideoTunnel, PassesItsConstantsToTheTunnel) {
     static std::vector<std::vector<long>> calls;
     auto wrapper = connected(0);
-    const Swapped connect(
-        gVideoTunnelOps.mConnect, +[](int fd, int id, int role) {
-            return calls.push_back({fd, id, role}), 0;
-        });
+    constexpr auto record = +[](int fd, int id, int role) {
+        return calls.push_back({fd, id, role}), 0;
+    };
+    const Swapped connect(gVideoTunnelOps.mConnect, record);
+    const Swapped disconnect(gVideoTunnelOps.mDisconnect, record);
     const Swapped command(
         gVideoTunnelOps.mSendCmd, +[](int fd, int id, int cmd, int argument) {
             return calls.push_back({fd, id, cmd, argument}), -1;
-        });
-    const Swapped disconnect(
-        gVideoTunnelOps.mDisconnect, +[](int fd, int id, int role) {
-            return calls.push_back({fd, id, role}), 0;
         });
     const Swapped queue(
         gVideoTunnelOps.mQueueBuffer, +[](int fd, int id, int buffer, int fence, int64_t time) {
@@ -295,85 +225,38 @@ TEST_F(VideoTunnel, passesItsConstantsToTheTunnel) {
                                    ElementsAre(0, 0, 0, 1), ElementsAre(0, 0, 0)));
 }
 
-TEST_F(VideoTunnel, queueCountsWhatTheTunnelTook) {
-    auto wrapper = connected(0x12);
-    std::vector<std::string> counters;
-    korvane::tv::setTraceTagEnabled(true);
-    korvane::tv::observeTrace([&](char kind, const std::string& name, int64_t value) {
+TEST_F(VideoTunnel, QueueCountsWhatTheTunnelTook) {
+    Lines counters;
+    tv::observeTrace([&](char kind, const std::string& name, int64_t value) {
         counters.push_back(kind + (" " + name) + " " + std::to_string(value));
     });
+    connected(0x10)->queueBuffer(1, 2);
+    tv::setTraceTagEnabled(true);
+    connected(0x07)->queueBuffer(1, 2);
+    EXPECT_THAT(counters, IsEmpty()) << "it needs the tag and its own bit";
+    auto wrapper = connected(0x12);
     EXPECT_TRUE(wrapper->queueBuffer(100, 5));
-    EXPECT_THAT(mLog.take(), ElementsAre("D queueBuffer 100 5", "D queueBuffer 100 5, count:1"));
-    EXPECT_THAT(counters, ElementsAre("C vtQueueCntTunnel 1"));
-
     setFault(&TunnelFaults::queueFails);
     EXPECT_TRUE(wrapper->queueBuffer(101, 6)) << "a refusal looks like success";
     EXPECT_EQ(Peer::queuedCount(*wrapper), 1);
-    EXPECT_THAT(mLog.take(), ElementsAre("E tovak_vt_queue_buffer failed with 1"));
-    EXPECT_EQ(counters.size(), 1U);
+    EXPECT_THAT(mLog.take(), ElementsAre("D queueBuffer 100 5", "D queueBuffer 100 5, count:1",
+                                         "E tovak_vt_queue_buffer failed with 1"));
+    EXPECT_THAT(counters, ElementsAre("C vtQueueCntTunnel 1"));
 }
 
-TEST_F(VideoTunnel, traceCounterNeedsItsBitAndTheTag) {
-    int points = 0;
-    korvane::tv::observeTrace([&](char, const std::string&, int64_t) { ++points; });
-    korvane::tv::setTraceTagEnabled(true);
-    connected(0x07)->queueBuffer(1, 2);
-    korvane::tv::setTraceTagEnabled(false);
-    connected(0x10)->queueBuffer(1, 2);
-    EXPECT_EQ(points, 0);
-}
-
-TEST_F(VideoTunnel, takesNothingBackBelowThree) {
+TEST_F(VideoTunnel, TakesNothingBackBelowThree) {
     auto wrapper = connected(4);
     int fd = -1;
-    for (const int count : {0, 1, 2}) {
+    for (int count = 0; count <= 3; ++count) {
         EXPECT_FALSE(wrapper->dequeueBuffer(&fd));
-        EXPECT_THAT(mLog.take(),
-                    ElementsAre("D dequeueBuffer:373, mQueuedCount:" + std::to_string(count)));
+        const Lines log = mLog.take();
+        EXPECT_EQ(log.at(0), "D dequeueBuffer:373, mQueuedCount:" + std::to_string(count));
+        EXPECT_EQ(log.size(), count < 3 ? 1U : 2U);
+        EXPECT_EQ(log.back() == "D tovak_vt_dequeue_buffer failed with -11, need deq again",
+                  count == 3);
         wrapper->queueBuffer(100 + count, 0);
     }
-    EXPECT_FALSE(wrapper->dequeueBuffer(&fd));
-    EXPECT_THAT(mLog.take(),
-                ElementsAre("D dequeueBuffer:373, mQueuedCount:3",
-                            "D tovak_vt_dequeue_buffer failed with -11, need deq again"));
     EXPECT_EQ(fd, -1);
-}
-
-TEST_F(VideoTunnel, takesAReleasedBufferBackOnceItsFenceHasSignalled) {
-    auto wrapper = withReleasedBuffer(0x02);
-    runVsyncs(1);
-    const long before = openDescriptors();
-    int fd = -1;
-    EXPECT_TRUE(wrapper->dequeueBuffer(&fd));
-    EXPECT_EQ(fd, 100);
-    EXPECT_EQ(openDescriptors(), before);
-    EXPECT_EQ(Peer::queuedCount(*wrapper), 2);
-    EXPECT_THAT(mLog.take(),
-                ElementsAre(MatchesRegex("D dequeueBuffer 100 [0-9]+"), "D dequeueBuffer count:2"));
-}
-
-TEST_F(VideoTunnel, takesABufferWithoutFenceAtOnce) {
-    setFault(&TunnelFaults::noFences);
-    auto wrapper = withReleasedBuffer(0x02);
-    int fd = -1;
-    EXPECT_TRUE(wrapper->dequeueBuffer(&fd));
-    EXPECT_THAT(mLog.take(), ElementsAre("D dequeueBuffer 100 -1", "D dequeueBuffer count:2"));
-}
-
-TEST_F(VideoTunnel, fenceThatDoesNotSignalInTimeIsClosedAndTheBufferStaysCounted) {
-    setFault(&TunnelFaults::fenceNeverSignals);
-    auto wrapper = withReleasedBuffer(0x01);
-    Peer::setFenceTimeoutMs(wrapper.get(), 5);
-    const long before = openDescriptors();
-    int fd = -1;
-    EXPECT_FALSE(wrapper->dequeueBuffer(&fd));
-    EXPECT_EQ(fd, 100);
-    EXPECT_EQ(Peer::queuedCount(*wrapper), 3);
-    // The TV still holds the end that would signal.
-    EXPECT_EQ(openDescriptors(), before + 1);
-    EXPECT_THAT(mLog.take(),
-                ElementsAre(MatchesRegex("I Failed to wait for fence: fd: 100 fence_fd [0-9]+ err "
-                                         ": Timer expired \\(-62\\)")));
 }
 
 int gFence = -1;
@@ -394,45 +277,55 @@ int deletedFile() {
     return fd;
 }
 
-TEST_F(VideoTunnel, descriptorThatIsNoFenceLosesTheBufferAndStaysOpen) {
-    struct Case {
-        int fence;
-        std::string log;
-        bool staysOpen;
+TEST_F(VideoTunnel, TakesAReleasedBufferBackOnceItsFenceHasSignalled) {
+    const struct {
+        const char* what;
+        bool TunnelFaults::*fault;
+        int fence;  ///< handed out in the tunnel's place; -1: the tunnel's own
+        bool taken;
+        int leftOpen;  ///< descriptors: the TV's end of a fence, and what is no fence
+        std::string lastLine;
+    } kCases[] = {
+        {"signalled", nullptr, -1, true, 0, "D dequeueBuffer count:2"},
+        {"none", &TunnelFaults::noFences, -1, true, 0, "D dequeueBuffer count:2"},
+        {"hangs", &TunnelFaults::fenceNeverSignals, -1, false, 1,
+         "I Failed to wait for fence: fd: 100 fence_fd [0-9]+ err : Timer expired \\(-62\\)"},
+        {"opened for writing", &TunnelFaults::fenceWrongMode, -1, false, 1,
+         "D fcntl error : .* \\([0-9]+\\)!\n"},
+        {"not open", nullptr, 9999, false, 0, "D fcntl error : Unknown error -9 \\(9\\)!\n"},
+        {"deleted", nullptr, deletedFile(), false, 0, "D File was deleted!\n"},
     };
-    auto wrapper = withReleasedBuffer(0x02);
-    const Swapped handingOut(gVideoTunnelOps.mDequeueBuffer, dequeueWithFence);
-    for (const Case& each : {Case{9999, "D fcntl error : Unknown error -9 (9)!\n", false},
-                             Case{deletedFile(), "D File was deleted!\n", true}}) {
-        gFence = each.fence;
+    for (const auto& c : kCases) {
+        SCOPED_TRACE(c.what);
+        setFaults();
+        if (c.fault != nullptr) {
+            setFault(c.fault);
+        }
+        auto wrapper = withReleasedBuffer(3);
+        Peer::setFenceTimeoutMs(wrapper.get(), 5);
+        runFor(16'667);
+        const auto own = gVideoTunnelOps.mDequeueBuffer;
+        gFence = c.fence;
+        const Swapped handingOut(gVideoTunnelOps.mDequeueBuffer,
+                                 c.fence >= 0 ? dequeueWithFence : own);
+        const int64_t before = openDescriptors();
         int fd = -1;
-        EXPECT_FALSE(wrapper->dequeueBuffer(&fd));
+        EXPECT_EQ(wrapper->dequeueBuffer(&fd), c.taken);
         EXPECT_EQ(fd, 100);
-        EXPECT_EQ(Peer::queuedCount(*wrapper), 3);
-        EXPECT_EQ(fcntl(each.fence, F_GETFD) != -1, each.staysOpen);
-        close(each.fence);
-        EXPECT_THAT(mLog.take(),
-                    ElementsAre("D dequeueBuffer 100 " + std::to_string(each.fence), each.log));
+        EXPECT_EQ(Peer::queuedCount(*wrapper), c.taken ? 2 : 3) << "one not taken stays counted";
+        EXPECT_EQ(openDescriptors(), before + c.leftOpen);
+        const Lines log = mLog.take();
+        EXPECT_THAT(log, ElementsAre(MatchesRegex("D dequeueBuffer 100 -?[0-9]+"),
+                                     MatchesRegex(c.lastLine)));
+        const int fence = std::stoi(log.at(0).substr(log[0].rfind(' ')));
+        EXPECT_EQ(fence == -1, c.fault == &TunnelFaults::noFences);
+        if (c.fault == &TunnelFaults::fenceWrongMode || c.fence >= 0) {
+            EXPECT_EQ(close(fence) == 0, c.fence != 9999) << "what is no fence stays open";
+        }
     }
 }
 
-TEST_F(VideoTunnel, fenceOfTheWrongModeStaysOpen) {
-    setFault(&TunnelFaults::fenceWrongMode);
-    auto wrapper = withReleasedBuffer(0x02);
-    runVsyncs(1);
-    const long before = openDescriptors();
-    int fd = -1;
-    EXPECT_FALSE(wrapper->dequeueBuffer(&fd));
-    EXPECT_EQ(fd, 100);
-    EXPECT_EQ(openDescriptors(), before + 1);
-    EXPECT_EQ(Peer::queuedCount(*wrapper), 3);
-    const auto log = mLog.take();
-    ASSERT_EQ(log.size(), 2U);
-    EXPECT_THAT(log[1], MatchesRegex("D fcntl error : .* \\([0-9]+\\)!\n"));
-    close(std::stoi(log[0].substr(log[0].rfind(' '))));
-}
-
-TEST_F(VideoTunnel, vsyncQuery) {
+TEST_F(VideoTunnel, VsyncQuery) {
     auto wrapper = connected(4);
     mClock.advanceUs(100'000);
     long timestamp = -7;
@@ -440,43 +333,15 @@ TEST_F(VideoTunnel, vsyncQuery) {
     EXPECT_TRUE(wrapper->getDisplayVsyncAndPeriod(&timestamp, &period));
     EXPECT_EQ(timestamp, mTv->display().lastVsyncAt(mClock.nowNs()).timeNs);
     EXPECT_EQ(period, 16'666'666);
-    EXPECT_THAT(mLog.take(), ElementsAre("D getDisplayVsyncAndPeroid vsyncTimestamp:" +
-                                         std::to_string(timestamp) + ", vsyncTimestamp:16666666"));
     setFault(&TunnelFaults::vsyncQueryFails);
-    timestamp = -7;
-    EXPECT_FALSE(wrapper->getDisplayVsyncAndPeriod(&timestamp, &period));
-    EXPECT_EQ(timestamp, -7);
-    EXPECT_THAT(mLog.take(), ElementsAre("E tovak_vt_getDisplayVsyncAndPeroid failed with 1"));
-}
-
-TEST_F(VideoTunnel, drainFillAndPlayerThreadsMayMeet) {
-    constexpr int kBuffers = 500;
-    auto wrapper = connected(0);
-    gFence = -1;
-    const Swapped queue(
-        gVideoTunnelOps.mQueueBuffer, +[](int, int, int, int, int64_t) { return 0; });
-    const Swapped dequeue(gVideoTunnelOps.mDequeueBuffer, dequeueWithFence);
-    std::thread drain([&] {
-        for (int i = 0; i < kBuffers; ++i) {
-            EXPECT_TRUE(wrapper->queueBuffer(i, i));
-        }
-    });
-    std::thread player([&] {
-        for (int i = 0; i < kBuffers; ++i) {
-            EXPECT_EQ(wrapper->allocTunnelId(), -1);
-            EXPECT_TRUE(wrapper->connect() || Peer::connected(*wrapper));
-        }
-    });
-    int taken = 0;
-    EXPECT_TRUE(korvane::test::eventually([&] {
-        for (int fd = -1; wrapper->dequeueBuffer(&fd);) {
-            ++taken;
-        }
-        return taken == kBuffers - 2;
-    }));
-    drain.join();
-    player.join();
-    EXPECT_EQ(Peer::queuedCount(*wrapper), 2);
+    long untouched = -7;
+    EXPECT_FALSE(wrapper->getDisplayVsyncAndPeriod(&untouched, &period));
+    EXPECT_EQ(untouched, -7);
+    EXPECT_THAT(mLog.take(),
+                ElementsAre("D getDisplayVsyncAndPeroid vsyncTimestamp:" +
+                                std::to_string(timestamp) + ", vsyncTimestamp:16666666",
+                            "E tovak_vt_getDisplayVsyncAndPeroid failed with 1"));
 }
 
 }  // namespace
+}  // namespace korvane::test

@@ -1,127 +1,155 @@
-// The tunnel library's loader before devices that lack the library or one of its entry points.
+// The loaders of both libraries that are opened by name, before devices that lack a library or one
+// of its entry points: one process each.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
+#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <string>
 #include <vector>
 
-#include "tests/support/LoaderProbe.h"
-
 namespace {
 
-using korvane::test::linesOf;
-using korvane::test::runLoaderProbe;
 using testing::ElementsAre;
 using testing::ElementsAreArray;
-using testing::MatchesRegex;
+using Lines = std::vector<std::string>;
 
-const std::string kLog = "VideoTunnelWraper: ";
-const std::string kState = "tunnel ";
-
-struct Variant {
-    std::string without;  ///< without its prefix
-    std::string error;    ///< without dlerror's text; empty for none
-    bool inited;
-    std::string missing;
-};
-
-const std::vector<Variant> kVariants = {
-    {"open", " dlsym tovak_vt_open", false,
-     "open,close,alloc_id,free_id,connect,disconnect,send_cmd,queue_buffer,dequeue_buffer,"
-     "getVsync"},
-    {"close", " dlsym tovak_vt_close", false,
-     "close,alloc_id,free_id,connect,disconnect,send_cmd,queue_buffer,dequeue_buffer,getVsync"},
-    {"alloc_id", "dlsym tovak_vt_alloc_id", false,
-     "alloc_id,free_id,connect,disconnect,send_cmd,queue_buffer,dequeue_buffer,getVsync"},
-    {"free_id", "dlsym tovak_vt_free_id", false,
-     "free_id,connect,disconnect,send_cmd,queue_buffer,dequeue_buffer,getVsync"},
-    {"connect", "dlsym tovak_vt_connect", false,
-     "connect,disconnect,send_cmd,queue_buffer,dequeue_buffer,getVsync"},
-    {"disconnect", "dlsym tovak_vt_disconnect", false,
-     "disconnect,send_cmd,queue_buffer,dequeue_buffer,getVsync"},
-    {"send_cmd", " dlsym tovak_vt_send_cmd", true, "send_cmd"},
-    {"queue_buffer", "", true, "queue_buffer"},
-    {"dequeue_buffer", "dlsym tovak_vt_dequeue_buffer", false, "dequeue_buffer,getVsync"},
-    {"getDisplayVsyncAndPeroid", "", true, "getVsync"},
-};
-
+const std::string kTunnel = "VideoTunnelWraper: ";
+const std::string kAdapter = "DisplayAdapterWraper: ";
 const std::string kReady = "I videoTunnelLibInit ok\\n";
+const std::string kAgain = "I videoTunnelLibInit has inited\\n";
 const std::string kConstructed = "I ctor videotunnel_ops\\n";
 const std::string kReleased = "I videoTunnelLibRelease\\n";
 const std::string kLeft = "I videotunnel_ops leave\\n";
+const std::string kAdapterEntered = "I tovakDisplayAdater_ops enter";
+const std::string kAdapterLeft = "I tovakDisplayAdater_ops leave";
 
-TEST(VideoTunnelLoader, resolvesWhatIsThereAndNamesWhatIsMissing) {
-    for (const Variant& variant : kVariants) {
-        SCOPED_TRACE(variant.without);
-        const std::string symbol = "tovak_vt_" + variant.without;
-        const std::string dir = LIBRARY_DIR "/variants/without_" + symbol;
-        const std::string error = "E " + variant.error + " failed, err=" + dir +
-                                  "/libvideotunnel.so: undefined symbol: " + symbol + " \\n";
+/// What the probe wrote with this directory searched first; nothing when it failed.
+Lines probe(const std::string& libraryDir, const std::string& steps) {
+    const std::string command = "LD_LIBRARY_PATH='" + libraryDir +
+                                ":" LIBRARY_DIR "' '" LOADER_PROBE "' " + steps + " 2>&1";
+    FILE* output = popen(command.c_str(), "r");  // NOLINT(bugprone-command-processor,cert-env33-c)
+    Lines lines;
+    char line[1024];
+    while (output != nullptr && fgets(line, sizeof(line), output) != nullptr) {
+        lines.emplace_back(line);
+        lines.back().pop_back();
+    }
+    return output != nullptr && pclose(output) == 0 ? lines : Lines{};
+}
+
+/// The lines that begin so, without that.
+Lines linesOf(const Lines& lines, const std::string& prefix) {
+    Lines kept;
+    for (const std::string& line : lines) {
+        if (line.compare(0, prefix.size(), prefix) == 0) {
+            kept.push_back(line.substr(prefix.size()));
+        }
+    }
+    return kept;
+}
+
+std::string variantDir(const std::string& symbol) {
+    return LIBRARY_DIR "/variants/without_" + symbol;
+}
+
+TEST(TunnelLoader, ResolvesWhatIsThereAndNamesWhatIsMissing) {
+    const struct {
+        const char* without;
+        const char* error;  ///< up to the symbol's name; null: it is not missed
+        bool stops;         ///< the loader gives up there
+    } kInOrder[] = {
+        {"open", " dlsym ", true},          {"close", " dlsym ", true},
+        {"alloc_id", "dlsym ", true},       {"free_id", "dlsym ", true},
+        {"connect", "dlsym ", true},        {"disconnect", "dlsym ", true},
+        {"send_cmd", " dlsym ", false},     {"queue_buffer", nullptr, false},
+        {"dequeue_buffer", "dlsym ", true}, {"getDisplayVsyncAndPeroid", nullptr, false}};
+    size_t index = 0;
+    for (const auto& c : kInOrder) {
+        const std::string symbol = std::string("tovak_vt_") + c.without;
+        SCOPED_TRACE(symbol);
+        const std::string dir = variantDir(symbol);
+        const std::string error =
+            c.error == nullptr ? ""
+                               : std::string("E ") + c.error + symbol + " failed, err=" + dir +
+                                     "/libvideotunnel.so: undefined symbol: " + symbol + " \\n";
         // At load, then asked once more: an incomplete library is tried again from the first entry
         // point, on the handle that stayed open.
-        std::vector<std::string> log;
-        if (!variant.error.empty()) {
-            log.push_back(error);
+        Lines log = c.stops ? Lines{error, kConstructed, error}
+                            : Lines{error, kReady, kConstructed, kAgain};
+        log.insert(log.end(), {kReleased, kLeft});
+        if (error.empty()) {
+            log.erase(log.begin());
         }
-        if (variant.inited) {
-            log.push_back(kReady);
-        }
-        log.push_back(kConstructed);
-        log.push_back(variant.inited ? "I videoTunnelLibInit has inited\\n" : error);
-        log.push_back(kReleased);
-        log.push_back(kLeft);
-
-        const auto lines = runLoaderProbe(dir, "init");
-        EXPECT_THAT(linesOf(lines, kLog), ElementsAreArray(log));
-        const std::string state = std::string("inited=") + (variant.inited ? "1" : "0") +
-                                  " handle=1 missing=" + variant.missing;
-        EXPECT_THAT(linesOf(lines, kState), ElementsAre(state, state));
-        EXPECT_THAT(linesOf(lines, "init="), ElementsAre(variant.inited ? "1" : "0"));
+        std::string has(10, '1');
+        has.replace(index, c.stops ? 10 - index : 1, c.stops ? 10 - index : 1, '0');
+        ++index;
+        const Lines lines = probe(dir, "init");
+        EXPECT_THAT(linesOf(lines, kTunnel), ElementsAreArray(log));
+        const std::string state = (c.stops ? "inited=0" : "inited=1") + (" handle=1 has=" + has);
+        EXPECT_THAT(linesOf(lines, "tunnel "), ElementsAre(state, state));
+        EXPECT_THAT(linesOf(lines, "init="), ElementsAre(c.stops ? "0" : "1"));
     }
 }
 
-TEST(VideoTunnelLoader, staysInitedAfterRelease) {
-    const auto lines = runLoaderProbe(LIBRARY_DIR, "init release init release");
-    EXPECT_THAT(linesOf(lines, kState),
-                ElementsAre("inited=1 handle=1 missing=-", "inited=1 handle=1 missing=-",
-                            "inited=1 handle=0 missing=-", "inited=1 handle=0 missing=-",
-                            "inited=1 handle=0 missing=-"));
+TEST(TunnelLoader, StaysInitedAfterReleaseAndIsBuiltFirstAndGoneLast) {
+    const Lines lines = probe(LIBRARY_DIR, "init release init release");
+    const std::string open = "inited=1 handle=1 has=1111111111";
+    const std::string closed = "inited=1 handle=0 has=1111111111";
+    EXPECT_THAT(linesOf(lines, "tunnel "), ElementsAre(open, open, closed, closed, closed));
     EXPECT_THAT(linesOf(lines, "release="), ElementsAre("1", "1"));
     EXPECT_THAT(linesOf(lines, "init="), ElementsAre("1", "1"));
-    EXPECT_THAT(linesOf(lines, kLog),
-                ElementsAre(kReady, kConstructed, "I videoTunnelLibInit has inited\\n", kReleased,
-                            "I videoTunnelLibInit has inited\\n", kReleased, kReleased, kLeft));
-}
-
-TEST(VideoTunnelLoader, withoutLibraryReportsOnceAndHasNothing) {
-    char dir[] = "/tmp/korvane-loader-XXXXXX";
-    ASSERT_NE(mkdtemp(dir), nullptr);
-    std::ofstream(std::string(dir) + "/libvideotunnel.so").close();  // no library, but in its place
-    const auto lines = runLoaderProbe(dir, "init");
-    std::filesystem::remove_all(dir);
-
-    const std::string error =
-        "E unable to dlopen libvideotunnel\\.so: .*/libvideotunnel\\.so: file too short";
-    EXPECT_THAT(linesOf(lines, kLog), ElementsAre(MatchesRegex(error), kConstructed,
-                                                  MatchesRegex(error), kReleased, kLeft));
-    EXPECT_THAT(linesOf(lines, kState).back(),
-                testing::StartsWith("inited=0 handle=0 missing=open,close"));
-}
-
-TEST(VideoTunnelLoader, isBuiltBeforeTheDisplayAdapterLoaderAndOutlivesIt) {
-    std::vector<std::string> log;
-    for (const std::string& line : runLoaderProbe(LIBRARY_DIR)) {
-        if (line.find("inited=") == std::string::npos) {
-            log.push_back(line);
+    Lines log;
+    for (const std::string& line : lines) {
+        if (line.find(": ") != std::string::npos) {
+            log.push_back(line.substr(line.find(": ") + 2));
         }
     }
-    EXPECT_THAT(log, ElementsAre(kLog + kReady, kLog + kConstructed,
-                                 "DisplayAdapterWraper: I tovakDisplayAdater_ops enter",
-                                 "DisplayAdapterWraper: I tovakDisplayAdater_ops leave",
-                                 kLog + kReleased, kLog + kLeft));
+    EXPECT_THAT(log, ElementsAre(kReady, kConstructed, kAdapterEntered, kAgain, kReleased, kAgain,
+                                 kReleased, kAdapterLeft, kReleased, kLeft));
+}
+
+TEST(AdapterLoader, NamesTheMissingEntryPointAndKeepsWhatItHas) {
+    EXPECT_THAT(linesOf(probe(LIBRARY_DIR, ""), "adapter "),
+                ElementsAre("inited=0 handle=1 has=11"));
+    for (const auto& [without, has] :
+         {std::pair<std::string, const char*>{"createDisplayAdatperRemote", "00"},
+          {"destroyDisplayAdapterRemote", "10"}}) {
+        const std::string dir = variantDir(without);
+        const Lines lines = probe(dir, "");
+        EXPECT_THAT(linesOf(lines, "adapter "),
+                    ElementsAre(std::string("inited=0 handle=1 has=") + has));
+        EXPECT_THAT(
+            linesOf(lines, kAdapter),
+            ElementsAre("E unable to find " + without + ":" + dir +
+                            "/libtovak_display_adapter_remote.so: undefined symbol: " + without,
+                        kAdapterLeft));
+    }
+}
+
+TEST(Loaders, WithoutALibraryReportAndHaveNothing) {
+    char dir[] = "/tmp/korvane-loader-XXXXXX";
+    ASSERT_NE(mkdtemp(dir), nullptr);
+    for (const char* name : {"/libvideotunnel.so", "/libtovak_display_adapter_remote.so"}) {
+        std::ofstream(std::string(dir) + name).close();  // no library, but in its place
+    }
+    const Lines lines = probe(dir, "init");
+    std::filesystem::remove_all(dir);
+
+    const auto error = [&](const char* name, const std::string& file) {
+        return std::string("E unable to dlopen ") + name + ": " + dir + "/" + file +
+               ": file too short";
+    };
+    const std::string tunnel = error("libvideotunnel.so", "libvideotunnel.so");
+    EXPECT_THAT(linesOf(lines, kTunnel),
+                ElementsAre(tunnel, kConstructed, tunnel, kReleased, kLeft));
+    EXPECT_EQ(linesOf(lines, "tunnel ").back(), "inited=0 handle=0 has=0000000000");
+    EXPECT_THAT(linesOf(lines, kAdapter), ElementsAre(error("libtovak_display_adapter_remote",
+                                                            "libtovak_display_adapter_remote.so"),
+                                                      kAdapterLeft));
+    EXPECT_EQ(linesOf(lines, "adapter ").back(), "inited=0 handle=0 has=00");
 }
 
 }  // namespace

@@ -33,7 +33,7 @@ public:
     bool getDisplayVsyncAndPeriod(int64_t* timestampNs, int32_t* periodNs) override {
         const auto tv = korvane::tv::Tv::current();
         korvane::tv::VsyncReport report;
-        if (tv == nullptr || !tv->display().report(korvane::tv::nowNs(), &report)) {
+        if (!tv || !tv->display().report(korvane::tv::nowNs(), &report)) {
             return false;
         }
         *timestampNs = report.timestampNs;

@@ -3,12 +3,17 @@
 // A client starts without an instance; what needs one then fails. An instance that was told to
 // answer with a status does so for every call of its clients, which then has no effect and leaves
 // outputs alone. Without a TV every call fails. Any thread may call.
+//
+// A renderer polls its clock, so a call takes no lock here: an instance that a client was ever
+// bound to stays with the client, and which one it is now is one atomic pointer.
 #include "platform/MediaSync.h"
 
+#include <atomic>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <new>
+#include <vector>
 
 #include "tv/MediaSyncService.h"
 #include "tv/Tv.h"
@@ -31,8 +36,8 @@ public:
     /// Calls the bound instance.
     template <typename Call>
     int onInstance(const Call& call) const {
-        const auto instance = boundInstance();
-        if (Tv::current() == nullptr || instance == nullptr) {
+        SyncInstance* const instance = mInstance.load(std::memory_order_acquire);
+        if (instance == nullptr || !Tv::isAnyOn()) {
             return kFailed;
         }
         const int status = instance->status();
@@ -42,23 +47,25 @@ public:
     /// Touches the client's own settings, which need no instance.
     template <typename Call>
     int onSettings(const Call& call) {
-        if (Tv::current() == nullptr) {
+        if (!Tv::isAnyOn()) {
             return kFailed;
         }
         const std::lock_guard<std::mutex> lock(mLock);
-        const int status = mInstance != nullptr ? mInstance->status() : kOk;
+        const SyncInstance* const instance = mInstance.load(std::memory_order_acquire);
+        const int status = instance != nullptr ? instance->status() : kOk;
         return status == kOk ? call(mSettings) : status;
     }
 
     int bind(unsigned int id) {
         const auto tv = Tv::current();
-        const auto instance = tv != nullptr ? tv->mediaSync().find(static_cast<int>(id)) : nullptr;
+        const auto instance = tv ? tv->mediaSync().find(static_cast<int>(id)) : nullptr;
         if (instance == nullptr) {
             return kFailed;
         }
         if (instance->status() == kOk) {
             const std::lock_guard<std::mutex> lock(mLock);
-            mInstance = instance;
+            mEverBound.push_back(instance);
+            mInstance.store(instance.get(), std::memory_order_release);
         }
         return instance->status();
     }
@@ -69,13 +76,9 @@ public:
     };
 
 private:
-    std::shared_ptr<SyncInstance> boundInstance() const {
-        const std::lock_guard<std::mutex> lock(mLock);
-        return mInstance;
-    }
-
-    mutable std::mutex mLock;
-    std::shared_ptr<SyncInstance> mInstance;
+    std::atomic<SyncInstance*> mInstance{nullptr};  ///< owned by mEverBound
+    std::mutex mLock;
+    std::vector<std::shared_ptr<SyncInstance>> mEverBound;
     Settings mSettings;
 };
 
@@ -105,7 +108,7 @@ int MediaSync::setPlayerInsNumber(int number) {
 // Instances carry no demultiplexer here, so neither id tells the service anything.
 int MediaSync::allocInstance(int /*demuxId*/, int /*pcrPid*/, int* syncInsId) {
     const auto tv = Tv::current();
-    const auto instance = tv != nullptr ? tv->mediaSync().create() : nullptr;
+    const auto instance = tv ? tv->mediaSync().create() : nullptr;
     if (instance == nullptr) {
         return kFailed;
     }
@@ -177,7 +180,7 @@ int MediaSync::getRealTimeFor(long targetMediaUs, long* outRealUs) {
 int MediaSync::getRealTimeForNextVsync(long* outRealUs) {
     return clientIn(mOpaque).onInstance([=](SyncInstance& /*instance*/) {
         const auto tv = Tv::current();
-        if (tv == nullptr) {
+        if (!tv) {
             return kFailed;
         }
         *outRealUs = tv->display().nextVsyncAfter(korvane::tv::nowNs()).timeNs / 1000;

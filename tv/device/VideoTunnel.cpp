@@ -16,7 +16,7 @@ using korvane::tv::Tv;
 template <typename Call>
 int onTunnel(const Call& call) {
     const auto tv = Tv::current();
-    const int result = tv != nullptr ? call(*tv) : -ENODEV;
+    const int result = tv ? call(*tv) : -ENODEV;
     if (result < 0) {
         errno = -result;
     }

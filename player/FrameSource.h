@@ -1,0 +1,61 @@
+// Where playback's frames and audio packets come from: a media file, or made up by arithmetic.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+struct AVFrame;
+
+namespace korvane::player {
+
+struct MediaInfo {
+    std::string path;
+    std::string container;
+    std::string videoCodec;
+    std::string audioCodec;  ///< empty without audio
+    int width = 0;
+    int height = 0;
+    double frameRateHz = 0.0;  ///< as the file says; 0: it does not
+    int64_t durationUs = -1;   ///< -1: unknown
+    bool hasAudio = false;
+};
+
+enum class ReadStatus { Ready, End, BrokenOff };
+
+/// Pictures in display order. One thread at a time.
+class FrameSource {
+public:
+    virtual ~FrameSource() = default;
+
+    virtual const MediaInfo& info() const = 0;
+    /// Goes on to the next picture.
+    virtual ReadStatus next() = 0;
+    /// The picture of the last `next` that was Ready, valid until the following one; null when the
+    /// source has times only.
+    virtual const AVFrame* picture() const = 0;
+    virtual int64_t mediaTimeUs() const = 0;
+    /// Goes to the first picture at or after a media time.
+    /// @return false when the source cannot seek; it then goes on where it was
+    virtual bool seek(int64_t mediaTimeUs) = 0;
+    /// Packets that the decoder could make nothing of.
+    virtual int64_t decodeErrors() const = 0;
+    /// Media time that the source's data reaches, as far as it has been read.
+    virtual int64_t readUpToUs() const = 0;
+};
+
+struct AudioPacket {
+    int64_t mediaTimeUs = 0;
+    int64_t durationUs = 0;
+};
+
+/// Times of audio packets; nothing is decoded. One thread at a time.
+class PacketSource {
+public:
+    virtual ~PacketSource() = default;
+
+    virtual ReadStatus next(AudioPacket* packet) = 0;
+    /// Goes to the first packet that sounds at or after a media time.
+    virtual void seek(int64_t mediaTimeUs) = 0;
+};
+
+}  // namespace korvane::player

@@ -1,0 +1,11 @@
+// The verdict of a summary: is all accounted for, and one sentence.
+#pragma once
+
+#include "player/Report.h"
+
+namespace korvane::player {
+
+/// Sets the summary's verdict and what it rests on, from the rest of the summary. Pure.
+void giveVerdict(const PlaybackRecord& record, Summary* summary);
+
+}  // namespace korvane::player

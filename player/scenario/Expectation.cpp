@@ -1,0 +1,308 @@
+#include "player/scenario/Expectation.h"
+
+#include <algorithm>
+
+#include "player/Units.h"
+
+namespace korvane::player {
+namespace {
+
+std::string at(const Seen& seen) {
+    if (seen.frameNo < 0) {
+        return "";
+    }
+    return ", first at frame " + std::to_string(seen.frameNo) + " (t = " + seconds(seen.atUs) + ")";
+}
+
+std::string times(const Range& range) {
+    if (range.least == INT64_MIN) {
+        return "at most " + milliseconds(range.most);
+    }
+    if (range.most == INT64_MAX) {
+        return "at least " + milliseconds(range.least);
+    }
+    return milliseconds(range.least) + " to " + milliseconds(range.most);
+}
+
+class Checker {
+public:
+    Checker(const Expectations& expect, const PlaybackRecord& record, const Summary& summary,
+            const std::vector<LogCount>& log)
+        : mExpect(expect), mRecord(record), mSummary(summary), mLog(log) {}
+
+    std::vector<std::string> run() {
+        checkEnd();
+        checkFrames();
+        checkDrops();
+        checkCadence();
+        checkOffsets();
+        checkLatencies();
+        checkLog();
+        return mFailures;
+    }
+
+private:
+    void fail(const std::string& key, const std::string& expected, const std::string& seen,
+              const Seen& first = {}) {
+        mFailures.push_back(key + ": expected " + expected + ", seen " + seen + at(first));
+    }
+    void count(const std::string& key, const std::optional<Range>& range, int64_t seen,
+               const Seen& first = {}) {
+        if (range && !range->holds(seen)) {
+            // Where too few were seen, the first of those few is no place to look at.
+            fail(key, describe(*range), std::to_string(seen), seen > range->most ? first : Seen{});
+        }
+    }
+    void time(const std::string& key, const std::optional<Range>& range, int64_t seenUs,
+              const Seen& first = {}) {
+        if (!range) {
+            return;
+        }
+        if (seenUs < 0) {
+            fail(key, times(*range), "none");
+        } else if (!range->holds(seenUs)) {
+            fail(key, times(*range), milliseconds(seenUs), first);
+        }
+    }
+
+    void checkEnd();
+    void checkFrames();
+    void checkShownAll();
+    void checkDrops();
+    void checkCadence();
+    void checkPattern(size_t index, const std::string& wanted);
+    void checkDwell();
+    void checkOffsets();
+    void checkOffset(const std::string& key, const Range& range, int64_t us, const Seen& seen);
+    void checkLatencies();
+    void checkLog();
+
+    const Expectations& mExpect;
+    const PlaybackRecord& mRecord;
+    const Summary& mSummary;
+    const std::vector<LogCount>& mLog;
+    std::vector<std::string> mFailures;
+};
+
+void Checker::checkEnd() {
+    if (mExpect.end != toString(mRecord.end)) {
+        fail("end", mExpect.end, toString(mRecord.end));
+    }
+    if (mExpect.buffersReturned && !mSummary.buffersBack) {
+        fail("buffers_returned", "every buffer back",
+             counted(mRecord.buffersKept, "buffer") + " kept, " +
+                 std::to_string(mRecord.pool.unknownReturned) + " unknown",
+             mRecord.firstKept);
+    }
+    count("buffers_kept", mExpect.buffersKept, mRecord.buffersKept, mRecord.firstKept);
+    if (!mSummary.sumHolds) {
+        fail("ledger", std::to_string(mSummary.framesIn) + " frames in the outcomes' sum",
+             "another sum");
+    }
+    count("overwritten", mExpect.overwritten, mRecord.overwrittenOnScreen);
+    const int64_t tookUs = (mRecord.stopNs - mRecord.startNs) / 1000;
+    time("playback", mExpect.playbackUs, tookUs);
+    time("stop_within", mExpect.stopUs, mRecord.stopTookNs / 1000);
+    count("underflows", mExpect.underflows, mRecord.audioUnderflows);
+    count("reanchors", mExpect.reanchors, mRecord.audioReanchors);
+    count("holds", mExpect.holds, mRecord.sync.holds);
+}
+
+void Checker::checkFrames() {
+    count("frames", mExpect.framesIn, mSummary.framesIn);
+    if (mExpect.shownAll) {
+        checkShownAll();
+    }
+    for (const auto& [outcome, range] : mExpect.outcomes) {
+        count(toString(outcome), range, mSummary.count(outcome),
+              mSummary.firstOf[static_cast<size_t>(outcome)]);
+    }
+    if (mExpect.outcomes.count(Outcome::Lost) == 0) {
+        count("lost", Range{0, 0}, mSummary.count(Outcome::Lost),
+              mSummary.firstOf[static_cast<size_t>(Outcome::Lost)]);
+    }
+}
+
+void Checker::checkShownAll() {
+    const int64_t shown = mSummary.count(Outcome::Shown);
+    if (shown == mSummary.framesIn && shown > 0) {
+        return;
+    }
+    Seen first;
+    std::string what = std::to_string(shown) + " of " + std::to_string(mSummary.framesIn);
+    for (int i = 0; i < kOutcomes; ++i) {
+        const auto outcome = static_cast<Outcome>(i);
+        const Seen& seen = mSummary.firstOf[static_cast<size_t>(i)];
+        if (outcome == Outcome::Shown || seen.frameNo < 0) {
+            continue;
+        }
+        what +=
+            std::string(", ") + std::to_string(mSummary.count(outcome)) + " " + toString(outcome);
+        if (first.frameNo < 0 || seen.frameNo < first.frameNo) {
+            first = seen;
+        }
+    }
+    fail("shown", "all", what, first);
+}
+
+void Checker::checkDrops() {
+    count("dropped", mExpect.dropped, mSummary.count(Outcome::Dropped),
+          mSummary.firstOf[static_cast<size_t>(Outcome::Dropped)]);
+    int64_t longest = 0;
+    Seen longestAt;
+    for (const auto& [reason, group] : mSummary.drops) {
+        if (group.runs.longest > longest) {
+            longest = group.runs.longest;
+            longestAt = group.first;
+        }
+    }
+    count("longest_drop_run", mExpect.longestDropRun, longest, longestAt);
+    for (const auto& [reason, range] : mExpect.drops) {
+        const auto found = mSummary.drops.find(reason);
+        const bool any = found != mSummary.drops.end();
+        count(std::string("dropped_") + toString(reason), range,
+              any ? found->second.runs.frames : 0, any ? found->second.first : Seen{});
+    }
+}
+
+void Checker::checkCadence() {
+    const auto& wanted = mExpect.patterns;
+    const size_t stretches = mSummary.sections.size();
+    if (wanted.size() > 1 && wanted.size() != stretches) {
+        fail("patterns", std::to_string(wanted.size()) + " stretches", std::to_string(stretches));
+        return;
+    }
+    if (wanted.size() == 1 && stretches == 0) {
+        fail("pattern", wanted.front(), "nothing shown");
+    }
+    for (size_t i = 0; !wanted.empty() && i < stretches; ++i) {
+        checkPattern(i, wanted.size() == 1 ? wanted.front() : wanted[i]);
+    }
+    Seen firstBreak;
+    for (const auto& section : mSummary.sections) {
+        if (firstBreak.frameNo < 0 && !section.breaks.empty()) {
+            firstBreak = {section.breaks.front().frameNo, section.breaks.front().shownUs};
+        }
+    }
+    count("slips", mExpect.slips, mSummary.byArithmetic);
+    count("unexpected", mExpect.unexpected, mSummary.unexpected, firstBreak);
+    checkDwell();
+}
+
+void Checker::checkPattern(size_t index, const std::string& wanted) {
+    const SectionReport& section = mSummary.sections[index];
+    const std::string key =
+        mSummary.sections.size() == 1 ? "pattern" : "pattern " + std::to_string(index + 1);
+    if (wanted == "none") {
+        if (section.cadence.held) {
+            fail(key, "none", section.seen);
+        }
+        return;
+    }
+    const bool same = section.seen == wanted;
+    if (!same || !section.cadence.held) {
+        fail(key, wanted + " held",
+             section.seen.empty() ? "none" : section.seen + (same ? ", not held" : ""),
+             section.firstOut);
+        return;
+    }
+    time(key + "_within", mExpect.patternWithinUs, section.heldAfterUs, section.firstOut);
+}
+
+void Checker::checkDwell() {
+    if (!mExpect.dwell) {
+        return;
+    }
+    int64_t outside = 0;
+    Seen first;
+    for (const auto& [dwell, seen] : mSummary.cadenceDwells) {
+        if (mExpect.dwell->holds(dwell)) {
+            continue;
+        }
+        if (first.frameNo < 0 || seen.frameNo < first.frameNo) {
+            first = seen;
+            outside = dwell;
+        }
+    }
+    if (first.frameNo >= 0) {
+        fail("dwell", describe(*mExpect.dwell) + " vsyncs", std::to_string(outside), first);
+    }
+}
+
+void Checker::checkOffset(const std::string& key, const Range& range, int64_t us,
+                          const Seen& seen) {
+    if (mSummary.offsetUs.samples == 0) {
+        fail(key, times(range), "no frame that could be compared");
+    } else if (!range.holds(us)) {
+        fail(key, times(range), milliseconds(us), seen);
+    }
+}
+
+void Checker::checkOffsets() {
+    if (mExpect.offsetMedianUs) {
+        checkOffset("offset_median", *mExpect.offsetMedianUs, mSummary.offsetUs.median, {});
+    }
+    if (!mExpect.offsetWorstUs) {
+        return;
+    }
+    const bool early = mSummary.offsetLeastUs < mExpect.offsetWorstUs->least;
+    checkOffset("offset_worst", *mExpect.offsetWorstUs,
+                early ? mSummary.offsetLeastUs : mSummary.offsetMostUs,
+                early ? mSummary.offsetLeast : mSummary.offsetMost);
+}
+
+void Checker::checkLatencies() {
+    int64_t seekUs = -1;
+    const SectionReport* first = nullptr;
+    for (const auto& section : mSummary.sections) {
+        if (section.section == 0 && !section.modeChange) {
+            first = &section;
+        } else if (!section.modeChange) {
+            seekUs = std::max(seekUs, section.firstFrameUs);
+        }
+    }
+    time("first_frame_within", mExpect.firstFrameUs, first == nullptr ? -1 : first->firstFrameUs);
+    time("second_frame_within", mExpect.secondFrameUs,
+         first == nullptr ? -1 : first->secondFrameUs);
+    time("seek_within", mExpect.seekUs, seekUs);
+    time("resume_within", mExpect.resumeUs, mSummary.longestResumeUs, mSummary.longestResume);
+}
+
+void Checker::checkLog() {
+    for (size_t i = 0; i < mExpect.log.size(); ++i) {
+        const LogExpectation& wanted = mExpect.log[i];
+        const LogCount& seen = mLog[i];
+        if (wanted.count.holds(seen.lines)) {
+            continue;
+        }
+        const std::string what = wanted.text.empty() ? "lines of its priority or above"
+                                                     : "lines with '" + wanted.text + "'";
+        std::string text = std::to_string(seen.lines);
+        if (seen.lines > 0) {
+            text += ", the first at t = " + seconds(seen.firstAtUs) + ": " + seen.first;
+        }
+        fail("log", describe(wanted.count) + " " + what, text);
+    }
+}
+
+}  // namespace
+
+std::string describe(const Range& range) {
+    if (range.least == range.most) {
+        return std::to_string(range.least);
+    }
+    if (range.least == INT64_MIN) {
+        return "at most " + std::to_string(range.most);
+    }
+    if (range.most == INT64_MAX) {
+        return "at least " + std::to_string(range.least);
+    }
+    return std::to_string(range.least) + " to " + std::to_string(range.most);
+}
+
+std::vector<std::string> failures(const Expectations& expect, const PlaybackRecord& record,
+                                  const Summary& summary, const std::vector<LogCount>& log) {
+    return Checker(expect, record, summary, log).run();
+}
+
+}  // namespace korvane::player

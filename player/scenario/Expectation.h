@@ -1,0 +1,31 @@
+// Compares what came of a playback with what the scenario says must hold. Pure.
+//
+// A failure reads "key: expected X, seen Y, first at frame N (t = 12.345 s)"; the frame is the
+// first one at which expected and seen part, and is left out where no single frame is at fault.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "player/Playback.h"
+#include "player/Report.h"
+#include "player/scenario/Scenario.h"
+
+namespace korvane::player {
+
+/// Lines of the log that an expectation counts.
+struct LogCount {
+    int64_t lines = 0;
+    int64_t firstAtUs = -1;  ///< since the library's `start`; -1: none
+    std::string first;       ///< the first of them
+};
+
+/// "3", "at least 1", "at most 3", "2 to 3".
+std::string describe(const Range& range);
+
+/// @param log  one count for each of `expect.log`
+/// @return one line per expectation that does not hold; empty: all hold
+std::vector<std::string> failures(const Expectations& expect, const PlaybackRecord& record,
+                                  const Summary& summary, const std::vector<LogCount>& log);
+
+}  // namespace korvane::player

@@ -1,0 +1,198 @@
+#include "player/scenario/ScenarioProcess.h"
+
+#include <poll.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstring>
+#include <map>
+#include <optional>
+#include <sstream>
+#include <system_error>
+
+#include "player/FrameSource.h"
+#include "player/MediaSource.h"
+#include "player/Units.h"
+#include "player/scenario/ScenarioRun.h"
+#include "tv/Platform.h"
+#include "tv/clock/VirtualTime.h"
+
+namespace korvane::player {
+namespace {
+
+using std::chrono::steady_clock;
+
+constexpr int kPlayed = 0;
+constexpr int kWrongInput = 2;
+/// A scenario that takes this long on the wall clock is not going to end; far above a day's soak.
+constexpr unsigned kLongestSeconds = 900;
+constexpr int kLogVerbose = 4;
+constexpr int kLogNothing = 8;
+
+struct Child {
+    pid_t pid = -1;
+    int pipe = -1;
+    size_t index = 0;
+    std::string text;
+    steady_clock::time_point began;
+};
+
+std::string verdictOf(const ScenarioResult& result) {
+    return std::to_string(result.shown) + " shown, " + std::to_string(result.dropped) +
+           " dropped, " + (result.pattern.empty() ? "-" : result.pattern) + ", " +
+           seconds(result.playedUs);
+}
+
+void writeAll(int fd, const std::string& text) {
+    size_t written = 0;
+    while (written < text.size()) {
+        const ssize_t count = write(fd, text.data() + written, text.size() - written);
+        if (count < 0 && errno != EINTR) {
+            return;  // the parent is gone, nobody wants it
+        }
+        written += count > 0 ? static_cast<size_t>(count) : 0;
+    }
+}
+
+/// The child's whole life. Verdict and hash are the first two lines, failures the rest.
+[[noreturn]] void playInChild(const Scenario& scenario, const ProcessOptions& options, int pipe) {
+    alarm(kLongestSeconds);
+    tv::openLog(options.verbose ? kLogVerbose : kLogNothing);
+    ScenarioRunOptions runOptions;
+    runOptions.virtualClock = options.virtualClock;
+    runOptions.report = options.verbose;
+    if (!options.eventsFolder.empty()) {
+        runOptions.eventsFile = options.eventsFolder + "/" + scenario.name + ".events";
+    }
+    int status = kPlayed;
+    std::string text;
+    try {
+        const ScenarioResult result = runScenario(scenario, runOptions);
+        text = verdictOf(result) + "\n" + result.eventsHash + "\n";
+        for (const auto& failure : result.failures) {
+            text += failure + "\n";
+        }
+    } catch (const InputError& error) {
+        text = std::string("\n\n") + error.what() + "\n";
+        status = kWrongInput;
+    } catch (const std::exception& error) {
+        text = std::string("\n\n") + error.what() + "\n";
+    }
+    writeAll(pipe, text);
+    // No destructor of the parent's may run here, and no buffer of its be written twice.
+    _exit(status);
+}
+
+Child startChild(const Scenario& scenario, const ProcessOptions& options, size_t index) {
+    int ends[2];
+    if (pipe(ends) != 0) {
+        throw std::system_error(errno, std::generic_category(), "cannot make a pipe");
+    }
+    const pid_t pid = fork();
+    if (pid < 0) {
+        throw std::system_error(errno, std::generic_category(), "cannot start a process");
+    }
+    if (pid == 0) {
+        close(ends[0]);
+        playInChild(scenario, options, ends[1]);
+    }
+    close(ends[1]);
+    return {pid, ends[0], index, "", steady_clock::now()};
+}
+
+/// @return a failure, or empty
+std::string explainExit(int status) {
+    if (WIFSIGNALED(status)) {
+        const int signal = WTERMSIG(status);
+        return signal == SIGALRM ? "no end after " + std::to_string(kLongestSeconds) + " s"
+                                 : std::string("crashed: ") + sigdescr_np(signal);
+    }
+    if (WEXITSTATUS(status) == tv::kHangStatus) {
+        return "hangs: see who waits for what on standard error";
+    }
+    return "ended with status " + std::to_string(WEXITSTATUS(status));
+}
+
+ProcessResult resultOf(const Child& child, int status) {
+    ProcessResult result;
+    std::istringstream lines(child.text);
+    std::getline(lines, result.verdict);
+    std::getline(lines, result.eventsHash);
+    for (std::string line; std::getline(lines, line);) {
+        result.failures.push_back(line);
+    }
+    const bool ended = WIFEXITED(status) != 0;
+    result.wrongInput = ended && WEXITSTATUS(status) == kWrongInput;
+    if ((!ended || WEXITSTATUS(status) != kPlayed) && !result.wrongInput) {
+        result.failures.insert(result.failures.begin(), explainExit(status));
+    }
+    if (result.verdict.empty() && result.failures.empty()) {
+        result.failures.push_back("ended without a result");
+    }
+    result.wallUs =
+        std::chrono::duration_cast<std::chrono::microseconds>(steady_clock::now() - child.began)
+            .count();
+    return result;
+}
+
+/// Waits until a child has written or ended, and takes what it wrote.
+/// @return the one that ended, with its result
+std::optional<std::pair<size_t, ProcessResult>> waitForOne(std::vector<Child>* children) {
+    std::vector<pollfd> fds;
+    for (const auto& child : *children) {
+        fds.push_back({child.pipe, POLLIN, 0});
+    }
+    if (poll(fds.data(), fds.size(), -1) < 0) {
+        return std::nullopt;
+    }
+    for (size_t i = 0; i < fds.size(); ++i) {
+        if (fds[i].revents == 0) {
+            continue;
+        }
+        Child& child = (*children)[i];
+        char block[4096];
+        const ssize_t count = read(child.pipe, block, sizeof block);
+        if (count > 0) {
+            child.text.append(block, static_cast<size_t>(count));
+            continue;
+        }
+        int status = 0;
+        close(child.pipe);
+        while (waitpid(child.pid, &status, 0) < 0 && errno == EINTR) {
+        }
+        std::pair<size_t, ProcessResult> ended(child.index, resultOf(child, status));
+        children->erase(children->begin() + static_cast<std::ptrdiff_t>(i));
+        return ended;
+    }
+    return std::nullopt;
+}
+
+}  // namespace
+
+void playInProcesses(const std::vector<Scenario>& scenarios, const ProcessOptions& options,
+                     const std::function<void(size_t index, const ProcessResult& result)>& take) {
+    std::vector<Child> children;
+    std::map<size_t, ProcessResult> ended;
+    size_t nextToStart = 0;
+    size_t nextToTake = 0;
+    while (nextToTake < scenarios.size()) {
+        while (nextToStart < scenarios.size() &&
+               children.size() < static_cast<size_t>(options.jobs)) {
+            children.push_back(startChild(scenarios[nextToStart], options, nextToStart));
+            ++nextToStart;
+        }
+        if (auto one = waitForOne(&children)) {
+            ended.insert(std::move(*one));
+        }
+        for (auto found = ended.find(nextToTake); found != ended.end();
+             found = ended.find(nextToTake)) {
+            take(nextToTake++, found->second);
+            ended.erase(found);
+        }
+    }
+}
+
+}  // namespace korvane::player

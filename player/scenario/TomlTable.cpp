@@ -1,0 +1,429 @@
+#include "player/scenario/TomlTable.h"
+
+#include <algorithm>
+#include <charconv>
+#include <cmath>
+#include <cstdlib>
+
+#include "player/Units.h"
+
+namespace korvane::player {
+namespace {
+
+constexpr double kMostPpm = 50'000.0;
+constexpr double kSlowestFps = 0.1;
+constexpr double kFastestFps = 240.0;
+
+struct Unit {
+    const char* name;
+    double us;
+};
+constexpr Unit kUnits[] = {{"us", 1.0}, {"ms", 1e3}, {"s", 1e6}, {"m", 60e6}, {"h", 3600e6}};
+
+std::optional<double> unitUs(const std::string& name) {
+    for (const auto& unit : kUnits) {
+        if (name == unit.name) {
+            return unit.us;
+        }
+    }
+    return std::nullopt;
+}
+
+bool isNumberCharacter(char c) {
+    return (c >= '0' && c <= '9') || c == '.';
+}
+
+/// One number with its unit off the front of a text.
+std::optional<double> takePart(const std::string& text, size_t* position) {
+    size_t end = *position;
+    while (end < text.size() && isNumberCharacter(text[end])) {
+        ++end;
+    }
+    const std::string digits = text.substr(*position, end - *position);
+    size_t unitEnd = end;
+    while (unitEnd < text.size() && !isNumberCharacter(text[unitEnd])) {
+        ++unitEnd;
+    }
+    const auto us = unitUs(text.substr(end, unitEnd - end));
+    if (digits.empty() || !us || std::count(digits.begin(), digits.end(), '.') > 1) {
+        return std::nullopt;
+    }
+    *position = unitEnd;
+    return std::strtod(digits.c_str(), nullptr) * *us;
+}
+
+std::optional<int64_t> parseCount(const std::string& text) {
+    int64_t value = 0;
+    const char* end = text.data() + text.size();
+    const auto result = std::from_chars(text.data(), end, value);
+    if (text.empty() || result.ec != std::errc() || result.ptr != end) {
+        return std::nullopt;
+    }
+    return value;
+}
+
+/// Broadcast rates mean their exact fractions.
+std::optional<FrameRate> nominalRate(double fps) {
+    if (!(fps >= kSlowestFps && fps <= kFastestFps)) {
+        return std::nullopt;
+    }
+    for (const int64_t whole : {24, 30, 48, 60, 120}) {
+        const double broadcast = static_cast<double>(whole) * 1000.0 / 1001.0;
+        if (std::abs(fps - broadcast) < 0.005) {
+            return FrameRate{whole * 1000, 1001};
+        }
+    }
+    return FrameRate{std::llround(fps * 1000.0), 1000};
+}
+
+std::optional<FrameRate> parseFraction(const std::string& text) {
+    const size_t slash = text.find('/');
+    if (slash == std::string::npos) {
+        return std::nullopt;
+    }
+    const auto frames = parseCount(text.substr(0, slash));
+    const auto seconds = parseCount(text.substr(slash + 1));
+    if (!frames || !seconds || *frames < 1 || *seconds < 1 || *frames > 1'000'000 ||
+        *seconds > 1'000'000) {
+        return std::nullopt;
+    }
+    const FrameRate rate{*frames, *seconds};
+    return rate.hz() >= kSlowestFps && rate.hz() <= kFastestFps ? std::optional(rate)
+                                                                : std::nullopt;
+}
+
+constexpr char kTimeWanted[] = "a time with its unit, such as \"2s\", \"40ms\", \"16us\"";
+
+}  // namespace
+
+std::optional<int64_t> parseTime(const std::string& text) {
+    if (text == "0") {
+        return 0;
+    }
+    const bool negative = !text.empty() && text[0] == '-';
+    size_t position = !text.empty() && (negative || text[0] == '+') ? 1 : 0;
+    double us = 0.0;
+    do {
+        const auto part = takePart(text, &position);
+        if (!part) {
+            return std::nullopt;
+        }
+        us += *part;
+    } while (position < text.size());
+    if (us > static_cast<double>(kLongestUs)) {
+        return std::nullopt;
+    }
+    return std::llround(negative ? -us : us);
+}
+
+std::optional<Range> parseRange(
+    const std::string& text,
+    const std::function<std::optional<int64_t>(const std::string&)>& readEnd) {
+    const size_t dots = text.find("..");
+    if (dots == std::string::npos) {
+        const auto value = readEnd(text);
+        return value ? std::optional(Range{*value, *value}) : std::nullopt;
+    }
+    const std::string first = text.substr(0, dots);
+    const std::string last = text.substr(dots + 2);
+    Range range;
+    if (!first.empty()) {
+        const auto value = readEnd(first);
+        if (!value) {
+            return std::nullopt;
+        }
+        range.least = *value;
+    }
+    if (!last.empty()) {
+        const auto value = readEnd(last);
+        if (!value) {
+            return std::nullopt;
+        }
+        range.most = *value;
+    }
+    const bool open = first.empty() && last.empty();
+    return open || range.least > range.most ? std::nullopt : std::optional(range);
+}
+
+TomlTable::TomlTable(const std::string& file, std::string name, const toml::table& table)
+    : mFile(file), mName(std::move(name)), mTable(table) {}
+
+const toml::node* TomlTable::find(const std::string& key) {
+    mKnown.insert(key);
+    return mTable.get(key);
+}
+
+bool TomlTable::has(const std::string& key) {
+    return find(key) != nullptr;
+}
+
+void TomlTable::failAtLine(uint32_t line, const std::string& key, const std::string& message) {
+    const std::string dot = mName.empty() || key.empty() ? "" : ".";
+    throw ScenarioError(mFile + ":" + std::to_string(line) + ": " + mName + dot + key + ": " +
+                        message);
+}
+
+void TomlTable::failAt(const toml::node& node, const std::string& key, const std::string& message) {
+    failAtLine(node.source().begin.line, key, message);
+}
+
+void TomlTable::fail(const std::string& key, const std::string& message) {
+    const toml::node* node = mTable.get(key);
+    failAt(node != nullptr ? *node : mTable, key, message);
+}
+
+std::string TomlTable::string(const toml::node& node, const std::string& key,
+                              const std::string& wanted) {
+    const auto value = node.value<std::string>();
+    if (!node.is_string() || !value) {
+        failAt(node, key, "wants " + wanted);
+    }
+    return *value;
+}
+
+const toml::array& TomlTable::array(const toml::node& node, const std::string& key,
+                                    const std::string& wanted) {
+    if (!node.is_array()) {
+        failAt(node, key, "wants a list of " + wanted);
+    }
+    return *node.as_array();
+}
+
+void TomlTable::text(const std::string& key, std::string* value) {
+    if (const auto* node = find(key)) {
+        *value = string(*node, key, "a text in quotes");
+    }
+}
+
+void TomlTable::flag(const std::string& key, bool* value) {
+    if (const auto* node = find(key)) {
+        if (!node->is_boolean()) {
+            failAt(*node, key, "wants true or false");
+        }
+        *value = *node->value<bool>();
+    }
+}
+
+void TomlTable::integer(const std::string& key, int64_t* value, Range range) {
+    if (const auto* node = find(key)) {
+        const auto number = node->value<int64_t>();
+        if (!node->is_integer() || !range.holds(*number)) {
+            failAt(*node, key,
+                   "wants a whole number from " + std::to_string(range.least) + " to " +
+                       std::to_string(range.most));
+        }
+        *value = *number;
+    }
+}
+
+void TomlTable::number(const std::string& key, double* value, double least, double most) {
+    if (const auto* node = find(key)) {
+        const auto number = node->value<double>();
+        if (!node->is_number() || !(*number >= least && *number <= most)) {
+            failAt(*node, key, "wants a number from " + rate(least) + " to " + rate(most));
+        }
+        *value = *number;
+    }
+}
+
+void TomlTable::time(const std::string& key, int64_t* value, Range range) {
+    const auto* node = find(key);
+    if (node == nullptr) {
+        return;
+    }
+    if (node->is_integer() && *node->value<int64_t>() == 0 && range.holds(0)) {
+        *value = 0;
+        return;
+    }
+    const auto us = parseTime(string(*node, key, kTimeWanted));
+    if (!us) {
+        failAt(*node, key, "'" + *node->value<std::string>() + "' is not " + kTimeWanted);
+    }
+    if (!range.holds(*us)) {
+        failAt(*node, key,
+               "'" + *node->value<std::string>() + "' is not from " + seconds(range.least) +
+                   " to " + seconds(range.most));
+    }
+    *value = *us;
+}
+
+void TomlTable::time(const std::string& key, std::optional<int64_t>* value) {
+    if (has(key)) {
+        int64_t us = 0;
+        time(key, &us);
+        *value = us;
+    }
+}
+
+void TomlTable::nanoseconds(const std::string& key, int64_t* value) {
+    const auto* node = find(key);
+    if (node == nullptr) {
+        return;
+    }
+    const std::string text = string(*node, key, "nanoseconds, such as \"16683333ns\"");
+    const bool unit = text.size() > 2 && text.substr(text.size() - 2) == "ns";
+    const auto count = unit ? parseCount(text.substr(0, text.size() - 2)) : std::nullopt;
+    if (!count || *count < INT32_MIN || *count > INT32_MAX) {
+        failAt(*node, key, "'" + text + "' is not nanoseconds, such as \"16683333ns\"");
+    }
+    *value = *count;
+}
+
+void TomlTable::ppm(const std::string& key, double* value) {
+    const auto* node = find(key);
+    if (node == nullptr) {
+        return;
+    }
+    const std::string wanted = "parts per million up to " + rate(kMostPpm) + ", such as \"50ppm\"";
+    const std::string text = string(*node, key, wanted);
+    char* end = nullptr;
+    const double number = std::strtod(text.c_str(), &end);
+    if (end == text.c_str() || std::string(end) != "ppm" || !(std::abs(number) <= kMostPpm)) {
+        failAt(*node, key, "'" + text + "' is not " + wanted);
+    }
+    *value = number;
+}
+
+void TomlTable::frameRate(const std::string& key, FrameRate* value) {
+    const auto* node = find(key);
+    if (node == nullptr) {
+        return;
+    }
+    const auto rate = node->is_number()   ? nominalRate(*node->value<double>())
+                      : node->is_string() ? parseFraction(*node->value<std::string>())
+                                          : std::nullopt;
+    if (!rate) {
+        failAt(*node, key,
+               "wants frames a second from 0.1 to 240, such as 24, 23.976 or \"24000/1001\"");
+    }
+    *value = *rate;
+}
+
+void TomlTable::integers(const std::string& key, std::vector<int64_t>* values, Range range) {
+    if (const auto* node = find(key)) {
+        for (const auto& element : array(*node, key, "whole numbers")) {
+            const auto number = element.value<int64_t>();
+            if (!element.is_integer() || !range.holds(*number)) {
+                failAt(element, key,
+                       "wants whole numbers from " + std::to_string(range.least) + " to " +
+                           std::to_string(range.most));
+            }
+            values->push_back(*number);
+        }
+    }
+}
+
+void TomlTable::texts(const std::string& key,
+                      const std::function<void(const toml::node&, const std::string&)>& take) {
+    if (const auto* node = find(key)) {
+        for (const auto& element : array(*node, key, "texts in quotes")) {
+            take(element, string(element, key, "texts in quotes"));
+        }
+    }
+}
+
+void TomlTable::times(const std::string& key, std::vector<int64_t>* values) {
+    texts(key, [&](const toml::node& node, const std::string& text) {
+        const auto us = parseTime(text);
+        if (!us || *us < 0) {
+            failAt(node, key, "'" + text + "' is not " + kTimeWanted);
+        }
+        values->push_back(*us);
+    });
+}
+
+void TomlTable::range(const std::string& key, std::optional<Range>* value) {
+    const auto* node = find(key);
+    if (node == nullptr) {
+        return;
+    }
+    const auto parsed = node->is_integer()
+                            ? std::optional(Range{*node->value<int64_t>(), *node->value<int64_t>()})
+                        : node->is_string() ? parseRange(*node->value<std::string>(), parseCount)
+                                            : std::nullopt;
+    if (!parsed || (parsed->least < 0 && parsed->least != INT64_MIN)) {
+        failAt(*node, key, "wants a count or a range, such as 3, \"1..\", \"..3\" or \"2..3\"");
+    }
+    *value = *parsed;
+}
+
+void TomlTable::timeRange(const std::string& key, std::optional<Range>* value) {
+    const auto* node = find(key);
+    if (node == nullptr) {
+        return;
+    }
+    const std::string text = string(*node, key, kTimeWanted);
+    auto parsed = parseRange(text, parseTime);
+    if (!parsed) {
+        failAt(*node, key,
+               "'" + text + "' is not " + kTimeWanted + ", or a range, such as \"-20ms..40ms\"");
+    }
+    if (text.find("..") == std::string::npos) {
+        parsed->least = 0;
+    }
+    *value = *parsed;
+}
+
+void TomlTable::tables(const std::string& key, const std::function<void(TomlTable&)>& take) {
+    const auto* node = find(key);
+    if (node == nullptr) {
+        return;
+    }
+    for (const auto& element : array(*node, key, "tables")) {
+        if (!element.is_table()) {
+            failAt(element, key, "wants tables, such as { at = \"2s\", for = \"100ms\" }");
+        }
+        TomlTable entry(mFile, mName.empty() ? key : mName + "." + key, *element.as_table());
+        take(entry);
+        entry.done();
+    }
+}
+
+bool TomlTable::table(const std::string& key, const std::function<void(TomlTable&)>& take) {
+    const auto* node = find(key);
+    if (node == nullptr) {
+        return false;
+    }
+    if (!node->is_table()) {
+        failAt(*node, key, "is a table; write [" + key + "]");
+    }
+    TomlTable entry(mFile, mName.empty() ? key : mName + "." + key, *node->as_table());
+    take(entry);
+    entry.done();
+    return true;
+}
+
+void TomlTable::spans(const std::string& key, std::vector<Span>* values) {
+    tables(key, [&](TomlTable& entry) {
+        Span span;
+        entry.require("at");
+        entry.require("for");
+        entry.time("at", &span.atUs);
+        entry.time("for", &span.forUs, {1, kLongestUs});
+        values->push_back(span);
+    });
+    std::stable_sort(values->begin(), values->end(),
+                     [](const Span& left, const Span& right) { return left.atUs < right.atUs; });
+}
+
+void TomlTable::require(const std::string& key) {
+    if (!has(key)) {
+        fail(key, "is missing");
+    }
+}
+
+void TomlTable::done() {
+    for (const auto& [key, node] : mTable) {
+        if (mKnown.count(std::string(key.str())) != 0) {
+            continue;
+        }
+        std::string known;
+        for (const auto& name : mKnown) {
+            known += (known.empty() ? "" : ", ") + name;
+        }
+        failAtLine(key.source().begin.line, std::string(key.str()),
+                   "unknown key; there are: " + known);
+    }
+}
+
+}  // namespace korvane::player

@@ -1,0 +1,43 @@
+// What tests of the virtual gear share: they skip where a build has none.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "tv/clock/VirtualTime.h"
+
+namespace korvane::test {
+
+class InVirtualTime : public ::testing::Test {
+protected:
+    void SetUp() override {
+        if (!tv::VirtualTime::available()) {
+            GTEST_SKIP() << "this build has no virtual gear";
+        }
+    }
+};
+
+/// Threads that are joined together.
+class Threads {
+public:
+    template <typename Routine>
+    void add(Routine routine) {
+        mThreads.emplace_back(std::move(routine));
+    }
+    void join() {
+        for (std::thread& thread : mThreads) {
+            thread.join();
+        }
+    }
+
+private:
+    std::vector<std::thread> mThreads;
+};
+
+constexpr int64_t kMs = 1'000'000;
+constexpr int64_t kSecond = 1000 * kMs;
+
+}  // namespace korvane::test

@@ -1,0 +1,27 @@
+#!/bin/sh
+# A broken library must make a scenario fail with a message that leads to the fault:
+# expect_caught.sh KORVANE_TV LIBRARY_DIR SCENARIO TEXT...
+set -u
+
+tv=$1
+library_dir=$2
+scenario=$3
+shift 3
+
+if ! "$tv" run "$scenario" >/dev/null 2>&1; then
+    echo "the scenario fails on the whole library already" >&2
+    exit 1
+fi
+output=$(LD_LIBRARY_PATH="$library_dir" timeout 120 "$tv" run "$scenario" 2>&1)
+status=$?
+printf '%s\n' "$output"
+if [ "$status" -eq 0 ] || [ "$status" -eq 124 ]; then
+    echo "not caught (exit status $status)" >&2
+    exit 1
+fi
+for text in "$@"; do
+    if ! printf '%s\n' "$output" | grep -qE "$text"; then
+        echo "caught, but nothing says '$text'" >&2
+        exit 1
+    fi
+done

@@ -1,0 +1,67 @@
+// A TV whose time the test holds in its hand: no thread runs, a display vsync happens when asked
+// for.
+#pragma once
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <memory>
+
+#include "tests/support/ManualClock.h"
+#include "tv/Platform.h"
+#include "tv/Tv.h"
+
+namespace korvane::test {
+
+inline std::shared_ptr<tv::Tv> tvByHand() {
+    tv::TvConfig config;
+    config.displayThread = false;
+    return tv::Tv::powerOn(config);
+}
+
+inline int64_t openDescriptors() {
+    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+}
+
+class TvFixture : public testing::Test {
+protected:
+    ~TvFixture() override {
+        mTv->powerOff();
+        tv::observeTrace(nullptr);
+        tv::setTraceTagEnabled(false);
+        tv::clearProperties();
+    }
+
+    /// Lets the display run up to a time from now.
+    void runFor(int64_t us) {
+        mClock.advanceUs(us);
+        mTv->runVsyncs(mClock.nowNs());
+    }
+    void setFaults(const tv::TunnelFaults& faults = {}) { mTv->tunnel().setFaults(faults); }
+    void setFault(bool tv::TunnelFaults::*fault, bool on = true) {
+        tv::TunnelFaults faults = mTv->tunnel().faults();
+        faults.*fault = on;
+        setFaults(faults);
+    }
+
+    ManualClock mClock;
+    std::shared_ptr<tv::Tv> mTv = tvByHand();
+};
+
+/// Another value in a variable for as long as this object lives; for the loaders' entry points.
+template <typename Value>
+class Swapped {
+public:
+    Swapped(Value& variable, std::decay_t<Value> value)
+        : mVariable(variable), mBefore(std::exchange(variable, value)) {}
+    ~Swapped() { mVariable = mBefore; }
+    Swapped(const Swapped&) = delete;
+    Swapped& operator=(const Swapped&) = delete;
+
+private:
+    Value& mVariable;
+    const Value mBefore;
+};
+
+}  // namespace korvane::test

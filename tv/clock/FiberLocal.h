@@ -1,0 +1,47 @@
+// A variable per thread in both gears of the clock. In virtual time all threads share one kernel
+// thread and with it every `thread_local`; a FiberLocal stays each thread's own.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <type_traits>
+
+namespace korvane::tv {
+
+/// Variables that a process can have; a FiberLocal beyond it ends the process with a message.
+constexpr int kFiberLocals = 16;
+constexpr int kFiberLocalBytes = 8;
+
+/// One thread's variables, all zero at first.
+struct alignas(kFiberLocalBytes) FiberSlots {
+    std::array<std::array<unsigned char, kFiberLocalBytes>, kFiberLocals> bytes{};
+};
+
+__attribute__((visibility("default"))) int newFiberLocal();
+__attribute__((visibility("default"))) FiberSlots& fiberSlots();
+
+/// The virtual gear's side: the running thread's variables; null: those of its kernel thread.
+__attribute__((visibility("hidden"))) extern FiberSlots* gFiberSlots;
+
+/// @tparam T  a plain value of at most 8 bytes, for which all bits zero is the first value.
+///         Define it at namespace scope or as a static: it is never given up.
+template <typename T>
+class FiberLocal {
+    static_assert(std::is_trivially_copyable_v<T> && sizeof(T) <= kFiberLocalBytes);
+
+public:
+    FiberLocal() : mIndex(newFiberLocal()) {}
+    FiberLocal(const FiberLocal&) = delete;
+    FiberLocal& operator=(const FiberLocal&) = delete;
+
+    /// The calling thread's own. Valid until that thread ends.
+    T& get() const {
+        return *reinterpret_cast<T*>(fiberSlots().bytes[static_cast<size_t>(mIndex)].data());
+    }
+
+private:
+    const int mIndex;
+};
+
+}  // namespace korvane::tv

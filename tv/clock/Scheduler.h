@@ -1,0 +1,214 @@
+// The virtual gear: who runs, what time it is, who waits for what.
+//
+// One fiber runs. When it waits, one of those that can run goes on, chosen by the seed. When none
+// can, time jumps to the earliest deadline and those who wait for it can run. A fiber that sleeps
+// while nobody else can run and nobody's deadline is sooner takes the jump itself, without a
+// switch.
+//
+// Mutexes are kept in the mutex itself, in libc's own layout and values, so that one that is locked
+// while the gear changes stays valid. `__owner` holds a word for the fiber, `__lock` is 2 while
+// somebody may wait. Read-write locks are libc's, taken by its try operations. Condition variables
+// are not touched: who waits for one stands in the table of waiters.
+//
+// One instance while virtual time is on. Everything here runs on its one kernel thread.
+#pragma once
+
+#include <pthread.h>
+#include <signal.h>
+
+#include <cerrno>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "tv/clock/Deadlines.h"
+#include "tv/clock/Fiber.h"
+#include "tv/clock/Real.h"
+#include "tv/clock/Seed.h"
+#include "tv/clock/VirtualTime.h"
+#include "tv/clock/Waiters.h"
+
+namespace korvane::tv {
+
+#define KORVANE_LIKELY(condition) __builtin_expect(static_cast<bool>(condition), 1)
+
+class Scheduler {
+public:
+    Scheduler(uint64_t seed, const VirtualTimeOptions& options);
+    ~Scheduler();
+    Scheduler(const Scheduler&) = delete;
+    Scheduler& operator=(const Scheduler&) = delete;
+
+    // time
+    int64_t nowNs() const { return mNowNs; }
+    /// A clock read by the program.
+    int64_t readNs() {
+        spend();
+        return mNowNs;
+    }
+    void sleepUntil(int64_t deadlineNs) {
+        if (KORVANE_LIKELY(mRunnable.empty() && deadlineNs > mNowNs &&
+                           deadlineNs < mDeadlines.firstNs())) {
+            ++mStatistics.waits;
+            moveTo(deadlineNs);
+        } else {
+            sleepAmongOthers(deadlineNs);
+        }
+    }
+    void sleepFor(int64_t ns) { sleepUntil(after(ns)); }
+    /// The time so far from now, kNever where that overflows.
+    int64_t after(int64_t ns) const { return ns < kNever - mNowNs ? mNowNs + ns : kNever; }
+    void yield();
+
+    // threads
+    int create(pthread_t* thread, const pthread_attr_t* attributes, void* (*routine)(void*),
+               void* argument);
+    int join(pthread_t thread, void** result);
+    int detach(pthread_t thread);
+    pthread_t self() const { return handle(*mCurrent); }
+    Fiber* find(pthread_t thread) const;
+    Fiber& current() { return *mCurrent; }
+
+    // mutexes; results as libc's
+    int lock(pthread_mutex_t* mutex, int64_t deadlineNs) {
+        maybePreempt();
+        auto& data = mutex->__data;
+        if (KORVANE_LIKELY(data.__kind == PTHREAD_MUTEX_TIMED_NP && data.__lock == 0)) {
+            take(mutex, *mCurrent);
+            return 0;
+        }
+        return lockSlowly(mutex, deadlineNs);
+    }
+    int tryLock(pthread_mutex_t* mutex);
+    int unlock(pthread_mutex_t* mutex) {
+        const int result = unlockNow(mutex);
+        maybePreempt();
+        return result;
+    }
+
+    // conditions; results as libc's
+    int wait(pthread_cond_t* condition, pthread_mutex_t* mutex, int64_t deadlineNs);
+    void signal(pthread_cond_t* condition);
+    void broadcast(pthread_cond_t* condition);
+
+    // read-write locks, futexes and descriptors; results as libc's or the kernel's
+    /// @return 0 when woken, else an error number
+    int waitForFutex(const int* word, int expected, int64_t deadlineNs);
+    /// @return how many were woken
+    int wakeFutex(const int* word, int most);
+    int once(pthread_once_t* control, void (*routine)());
+    int lockForReading(pthread_rwlock_t* lock);
+    int lockForWriting(pthread_rwlock_t* lock);
+    int unlock(pthread_rwlock_t* lock);
+    int poll(pollfd* descriptors, nfds_t count, int timeoutMs);
+    /// A descriptor was closed or written: whoever polls looks again.
+    void descriptorsChanged() { wakeAll(&mDescriptors); }
+
+    // the record
+    /// Grows whenever a fiber waits or another one runs. May be read by a signal handler.
+    int64_t progress() const { return mStatistics.waits + mStatistics.switches; }
+    VirtualTimeStatistics statistics() const;
+    std::string dump() const;
+    Fiber* byNumber(int32_t number) const;
+    /// Ends the process with a report.
+    [[noreturn]] void fail(const std::string& what);
+    /// Every other fiber has ended and nobody is to join it.
+    bool aloneAgain() const;
+
+private:
+    [[noreturn]] static void run(boost::context::detail::transfer_t from) noexcept;
+    void arrive(const boost::context::detail::transfer_t& from);
+    [[noreturn]] void finish();
+
+    void spend() {
+        if (!KORVANE_LIKELY(--mCallsLeft > 0)) {
+            failBusy();
+        }
+    }
+    [[noreturn]] void failBusy();
+    void maybePreempt() {
+        if (!KORVANE_LIKELY(mOptions.preemptions == 0)) {
+            preempt();
+        }
+    }
+    void preempt();
+
+    void moveTo(int64_t timeNs) {
+        mNowNs = timeNs;
+        mCallsLeft = mOptions.callsPerInstant;
+    }
+    void sleepAmongOthers(int64_t deadlineNs);
+    WokenBy block(WaitFor what, const void* object, int64_t deadlineNs);
+    void runAnother();
+    void jumpToDeadline();
+    void switchTo(Fiber* fiber);
+    void makeRunnable(Fiber* fiber);
+    void wake(Fiber* fiber);
+    void wakeAll(const void* object);
+    /// One of those who wait for an object, chosen by the seed; null without any.
+    Fiber* chooseWaiter(const void* object);
+
+    pthread_t handle(const Fiber& fiber) const {
+        return fiber.routine == nullptr ? mKernelThread : reinterpret_cast<pthread_t>(&fiber);
+    }
+    void forget(const Fiber* fiber);
+
+    static void take(pthread_mutex_t* mutex, const Fiber& fiber) {
+        mutex->__data.__lock = 1;
+        mutex->__data.__owner = fiber.ownerWord;
+        ++mutex->__data.__nusers;
+    }
+    bool holds(const pthread_mutex_t* mutex) const {
+        return mutex->__data.__lock != 0 && mutex->__data.__owner == mCurrent->ownerWord;
+    }
+    int lockSlowly(pthread_mutex_t* mutex, int64_t deadlineNs);
+    int lockAgain(pthread_mutex_t* mutex);
+    int unlockNow(pthread_mutex_t* mutex) {
+        auto& data = mutex->__data;
+        if (KORVANE_LIKELY(data.__kind == PTHREAD_MUTEX_TIMED_NP && data.__lock == 1 &&
+                           data.__owner == mCurrent->ownerWord)) {
+            data.__owner = 0;
+            --data.__nusers;
+            data.__lock = 0;
+            return 0;
+        }
+        return unlockSlowly(mutex);
+    }
+    int unlockSlowly(pthread_mutex_t* mutex);
+    void handOver(pthread_mutex_t* mutex);
+    int mutexType(const pthread_mutex_t* mutex);
+    [[noreturn]] void failMutex(const pthread_mutex_t* mutex, const char* what);
+
+    // report (HangReport.cpp)
+    std::string describe(const Fiber& fiber) const;
+    std::string describeWait(const Fiber& fiber) const;
+    std::string describeOwner(const pthread_mutex_t* mutex) const;
+    std::string callers(const Fiber& fiber) const;
+
+    // what a sleep alone at the front touches stands first
+    int64_t mNowNs;
+    int64_t mCallsLeft;
+    Fiber* mCurrent = nullptr;
+    Deadlines mDeadlines;
+    std::vector<Fiber*> mRunnable;
+    VirtualTimeStatistics mStatistics;
+    const VirtualTimeOptions mOptions;
+    const uint64_t mSeedNumber;
+    Seed mSeed;
+    Waiters mWaiters;
+    Fiber mEnd;  ///< stands in the heap for the end of the longest run
+    std::vector<std::unique_ptr<Fiber>> mFibers;
+    FiberStacks mStacks;
+    Fiber* mEnded = nullptr;  ///< has just ended; its stack was in use until now
+    int64_t mLiving = 0;
+    int& mErrno;              ///< the kernel thread's
+    void* const mExceptions;  ///< the kernel thread's, as the C++ ABI lays them out
+    const pthread_t mKernelThread;
+    const char mDescriptors = 0;  ///< its address stands for whatever is polled
+    bool mFailing = false;
+};
+
+/// Null in real time.
+extern Scheduler* gScheduler;
+
+}  // namespace korvane::tv

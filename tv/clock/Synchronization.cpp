@@ -1,0 +1,230 @@
+// The scheduler's mutexes, conditions, read-write locks and descriptors: the ways that are not
+// taken at full speed.
+#include <poll.h>
+
+#include "tv/clock/Scheduler.h"
+
+namespace korvane::tv {
+namespace {
+
+/// A mutex's kind holds its type and flags; these bits are the type.
+constexpr int kTypeBits = 3;
+/// Robust, with priority inheritance or protection: their locks are the kernel's.
+constexpr int kKernelKinds = 0x70;
+
+/// States of a pthread_once_t, libc's; 0 before.
+constexpr int kOnceUnderWay = 1;
+constexpr int kOnceDone = 2;
+
+constexpr int64_t kNsPerMs = 1'000'000;
+
+}  // namespace
+
+// ---- mutexes ----
+
+int Scheduler::mutexType(const pthread_mutex_t* mutex) {
+    if ((mutex->__data.__kind & kKernelKinds) != 0) {
+        failMutex(mutex, "is robust or has priority inheritance, which virtual time does not have");
+    }
+    return mutex->__data.__kind & kTypeBits;
+}
+
+int Scheduler::lockSlowly(pthread_mutex_t* mutex, int64_t deadlineNs) {
+    if (holds(mutex)) {
+        return lockAgain(mutex);
+    }
+    if (tryLock(mutex) == 0) {
+        return 0;
+    }
+    if (deadlineNs <= mNowNs) {
+        return ETIMEDOUT;
+    }
+    mutex->__data.__lock = 2;
+    // Whoever unlocks hands the mutex over, so that a loop that locks it again does not starve us.
+    const WokenBy by = block(WaitFor::Mutex, mutex, deadlineNs);
+    return by == WokenBy::Deadline ? ETIMEDOUT : 0;
+}
+
+int Scheduler::lockAgain(pthread_mutex_t* mutex) {
+    switch (mutexType(mutex)) {
+        case PTHREAD_MUTEX_RECURSIVE_NP:
+            ++mutex->__data.__count;
+            return 0;
+        case PTHREAD_MUTEX_ERRORCHECK_NP:
+            return EDEADLK;
+        default:
+            failMutex(mutex, "is locked by the thread that holds it already");
+    }
+}
+
+int Scheduler::tryLock(pthread_mutex_t* mutex) {
+    const int type = mutexType(mutex);
+    if (mutex->__data.__lock != 0) {
+        if (type != PTHREAD_MUTEX_RECURSIVE_NP || !holds(mutex)) {
+            return EBUSY;
+        }
+        ++mutex->__data.__count;
+        return 0;
+    }
+    take(mutex, *mCurrent);
+    mutex->__data.__count = type == PTHREAD_MUTEX_RECURSIVE_NP ? 1 : 0;
+    return 0;
+}
+
+int Scheduler::unlockSlowly(pthread_mutex_t* mutex) {
+    auto& data = mutex->__data;
+    const int type = mutexType(mutex);
+    if (!holds(mutex)) {
+        if (type == PTHREAD_MUTEX_RECURSIVE_NP || type == PTHREAD_MUTEX_ERRORCHECK_NP) {
+            return EPERM;
+        }
+        failMutex(mutex, "is unlocked by a thread that does not hold it");
+    }
+    if (type == PTHREAD_MUTEX_RECURSIVE_NP && --data.__count > 0) {
+        return 0;
+    }
+    data.__owner = 0;
+    --data.__nusers;
+    if (data.__lock == 1) {
+        data.__lock = 0;
+    } else {
+        handOver(mutex);
+    }
+    return 0;
+}
+
+void Scheduler::handOver(pthread_mutex_t* mutex) {
+    Fiber* const next = chooseWaiter(mutex);
+    if (next == nullptr) {
+        mutex->__data.__lock = 0;  // who waited has given up
+        return;
+    }
+    wake(next);
+    take(mutex, *next);
+    mutex->__data.__count = mutexType(mutex) == PTHREAD_MUTEX_RECURSIVE_NP ? 1 : 0;
+    mutex->__data.__lock = mWaiters.first(mutex) != nullptr ? 2 : 1;
+}
+
+// ---- conditions ----
+
+int Scheduler::wait(pthread_cond_t* condition, pthread_mutex_t* mutex, int64_t deadlineNs) {
+    maybePreempt();
+    if (!holds(mutex)) {
+        failMutex(mutex, "is given to a wait by a thread that does not hold it");
+    }
+    unlockNow(mutex);
+    int result = 0;
+    if (deadlineNs <= mNowNs) {
+        yield();
+        result = ETIMEDOUT;
+    } else if (mSeed.happens(mOptions.spuriousWakeups)) {
+        yield();
+    } else if (block(WaitFor::Condition, condition, deadlineNs) == WokenBy::Deadline) {
+        result = ETIMEDOUT;
+    }
+    lock(mutex, kNever);
+    return result;
+}
+
+void Scheduler::signal(pthread_cond_t* condition) {
+    maybePreempt();
+    if (Fiber* const fiber = chooseWaiter(condition)) {
+        wake(fiber);
+    }
+}
+
+void Scheduler::broadcast(pthread_cond_t* condition) {
+    maybePreempt();
+    wakeAll(condition);
+}
+
+// ---- read-write locks ----
+
+int Scheduler::lockForReading(pthread_rwlock_t* lock) {
+    int result = real::pthread_rwlock_tryrdlock::call(lock);
+    while (result == EBUSY) {
+        block(WaitFor::ReadLock, lock, kNever);
+        result = real::pthread_rwlock_tryrdlock::call(lock);
+    }
+    return result;
+}
+
+int Scheduler::lockForWriting(pthread_rwlock_t* lock) {
+    int result = real::pthread_rwlock_trywrlock::call(lock);
+    while (result == EBUSY) {
+        block(WaitFor::WriteLock, lock, kNever);
+        result = real::pthread_rwlock_trywrlock::call(lock);
+    }
+    return result;
+}
+
+int Scheduler::unlock(pthread_rwlock_t* lock) {
+    const int result = real::pthread_rwlock_unlock::call(lock);
+    wakeAll(lock);
+    return result;
+}
+
+// ---- futexes ----
+
+int Scheduler::waitForFutex(const int* word, int expected, int64_t deadlineNs) {
+    if (__atomic_load_n(word, __ATOMIC_RELAXED) != expected) {
+        return EAGAIN;
+    }
+    if (deadlineNs <= mNowNs) {
+        yield();
+        return ETIMEDOUT;
+    }
+    const WokenBy by = block(WaitFor::Futex, word, deadlineNs);
+    return by == WokenBy::Deadline ? ETIMEDOUT : 0;
+}
+
+int Scheduler::wakeFutex(const int* word, int most) {
+    int woken = 0;
+    for (; woken < most; ++woken) {
+        Fiber* const fiber = chooseWaiter(word);
+        if (fiber == nullptr) {
+            break;
+        }
+        wake(fiber);
+    }
+    return woken;
+}
+
+int Scheduler::once(pthread_once_t* control, void (*routine)()) {
+    while (*control == kOnceUnderWay) {
+        block(WaitFor::Futex, control, kNever);
+    }
+    if (*control == kOnceDone) {
+        return 0;
+    }
+    *control = kOnceUnderWay;
+    try {
+        routine();
+    } catch (...) {
+        *control = 0;  // the next one tries
+        wakeAll(control);
+        throw;
+    }
+    *control = kOnceDone;
+    wakeAll(control);
+    return 0;
+}
+
+// ---- descriptors ----
+
+/// What is polled changes only by what fibers do, and whoever closes or writes a descriptor says
+/// so.
+int Scheduler::poll(pollfd* descriptors, nfds_t count, int timeoutMs) {
+    const int64_t deadlineNs = timeoutMs < 0 ? kNever : after(timeoutMs * kNsPerMs);
+    for (;;) {
+        const int result = real::poll::call(descriptors, count, 0);
+        if (result != 0 || deadlineNs <= mNowNs) {
+            spend();
+            return result;
+        }
+        mCurrent->descriptor = count > 0 ? descriptors[0].fd : -1;
+        block(WaitFor::Descriptor, &mDescriptors, deadlineNs);
+    }
+}
+
+}  // namespace korvane::tv

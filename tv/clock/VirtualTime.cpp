@@ -1,0 +1,95 @@
+#include "tv/clock/VirtualTime.h"
+
+#include <dlfcn.h>
+
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <stdexcept>
+
+#include "tv/clock/Scheduler.h"
+#include "tv/clock/Watchdog.h"
+
+namespace korvane::tv {
+namespace {
+
+std::unique_ptr<Watchdog> gWatchdog;
+
+[[noreturn]] void refuse(const std::string& reason) {
+    throw std::runtime_error("virtual time cannot begin: " + reason);
+}
+
+/// Whether a name that the program calls leads here.
+bool standsBeforeLibc() {
+    Dl_info called{};
+    Dl_info own{};
+    return dladdr(dlsym(RTLD_DEFAULT, "pthread_mutex_lock"), &called) != 0 &&
+           dladdr(&gScheduler, &own) != 0 && called.dli_fbase == own.dli_fbase;
+}
+
+void requireSingleThread() {
+    int threads = 0;
+    std::string names;
+    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+        std::string name = "?";
+        std::ifstream comm(task.path() / "comm");
+        std::getline(comm, name);
+        names += (names.empty() ? "" : ", ") + name;
+        ++threads;
+    }
+    if (threads != 1) {
+        refuse("the process has " + std::to_string(threads) + " threads (" + names +
+               "); it must begin before the first one is made");
+    }
+}
+
+}  // namespace
+
+bool VirtualTime::available() {
+    return true;
+}
+
+bool VirtualTime::active() {
+    return gScheduler != nullptr;
+}
+
+int32_t VirtualTime::threadNumber() {
+    return gScheduler != nullptr ? gScheduler->current().number : 0;
+}
+
+std::string VirtualTime::dump() {
+    return gScheduler != nullptr ? gScheduler->dump() : std::string();
+}
+
+VirtualTime::VirtualTime(uint64_t seed, const VirtualTimeOptions& options) {
+    if (gScheduler != nullptr) {
+        refuse("it is already on");
+    }
+    if (!standsBeforeLibc()) {
+        refuse(
+            "libkorvane_tv.so must stand before libc and libstdc++ among the libraries that the "
+            "program is linked with");
+    }
+    requireSingleThread();
+    auto scheduler = std::make_unique<Scheduler>(seed, options);
+    gWatchdog = std::make_unique<Watchdog>(options.computeSeconds);
+    gScheduler = scheduler.release();
+}
+
+VirtualTime::~VirtualTime() {
+    if (!gScheduler->aloneAgain()) {
+        gScheduler->fail("virtual time ends while threads are left");
+    }
+    gWatchdog.reset();
+    delete std::exchange(gScheduler, nullptr);
+}
+
+int64_t VirtualTime::nowNs() const {
+    return gScheduler->nowNs();
+}
+
+VirtualTimeStatistics VirtualTime::statistics() const {
+    return gScheduler->statistics();
+}
+
+}  // namespace korvane::tv

@@ -1,0 +1,101 @@
+// The virtual gear of the TV's clock: while a VirtualTime exists, the process runs in virtual time.
+//
+// All threads of the process become fibers on one kernel thread. Time stands still while one of
+// them can run; when all wait, it jumps to the earliest deadline. What threads use to make each
+// other wait or to read the time (see docs/tv.md for the list) is defined by libkorvane_tv.so,
+// which stands before libc and libstdc++ when names are looked up; so the same binaries run in both
+// gears.
+//
+// Which of several threads goes first, and which of several waiters is woken, follows from the
+// seed: same program, same input, same seed, same run.
+//
+// A program that hangs ends. When every thread waits and none has a deadline, when threads keep
+// busy without time moving on, or when a mutex is misused, a report names each thread, what it
+// waits for and from where, and the process exits with kHangStatus.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+
+#define KORVANE_TV_API __attribute__((visibility("default")))
+
+namespace korvane::tv {
+
+/// Exit status of a process that was ended because its threads hang. Apart from the usual 0, 1, 2.
+constexpr int kHangStatus = 3;
+
+/// Where virtual time starts: a TV that has been up for some hours. Fixed, so that runs are alike.
+constexpr int64_t kVirtualStartNs = 12'345'000'000'000;
+
+/// What CLOCK_REALTIME shows when virtual time is 0: 2024-01-01 00:00:00 UTC.
+constexpr int64_t kVirtualEpochNs = 1'704'067'200'000'000'000;
+
+struct VirtualTimeOptions {
+    int64_t startNs = kVirtualStartNs;
+    /// How often, of 65536 times, a thread loses the processor where it locks, unlocks, waits or
+    /// notifies. 0: threads run until they wait.
+    uint32_t preemptions = 0;
+    /// Longest time for which such a thread is away; 0: only those that can run now go first.
+    int64_t longestPreemptionNs = 0;
+    /// How often, of 65536 times, a wait on a condition ends without a notification.
+    uint32_t spuriousWakeups = 0;
+    /// Clock reads, yields and switches that may happen without time moving on. Three decimal
+    /// orders above what one instant of 64 renderers takes.
+    int64_t callsPerInstant = 10'000'000;
+    /// CPU seconds that a thread may compute without waiting, well above a slow decoder's start;
+    /// 0: as long as it likes.
+    int computeSeconds = 30;
+    /// Virtual time after which a run counts as one that does not end: threads that poll for what
+    /// never comes would otherwise go on for good. Far above the longest film.
+    int64_t longestRunNs = int64_t{30} * 24 * 3600 * 1'000'000'000;
+    /// Called with the report before the process ends, on the thread that noticed. It must not
+    /// wait. A thread that computes without end is reported from a signal handler and not to this.
+    std::function<void(const std::string& report)> onHang;
+};
+
+struct VirtualTimeStatistics {
+    int64_t elapsedNs = 0;    ///< virtual time since the start
+    int64_t switches = 0;     ///< from one thread to another
+    int64_t waits = 0;        ///< sleeps and blocking waits, those that needed no switch included
+    int64_t threads = 0;      ///< ever made, the first one included
+    int64_t peakThreads = 0;  ///< at a time
+};
+
+class KORVANE_TV_API VirtualTime {
+public:
+    /// Whether this build has the virtual gear. Builds with a sanitizer do not: sanitizers keep
+    /// their own account of threads and locks.
+    static bool available();
+
+    /// Whether virtual time is on. Any thread.
+    static bool active();
+
+    /// Number of the calling thread, from 1 in the order of making; 0 in real time.
+    static int32_t threadNumber();
+
+    /// What the report calls a thread; empty when there is none of this number.
+    static std::string threadName(int32_t number);
+
+    /// Each thread and what it waits for, in words; empty in real time.
+    static std::string dump();
+
+    /// Switches to virtual time. The process must have a single thread, the calling one.
+    /// @throws std::runtime_error when it cannot be, with the reason
+    explicit VirtualTime(uint64_t seed, const VirtualTimeOptions& options = {});
+
+    /// Back to real time, on the thread that constructed. Every other thread must have ended and
+    /// been joined, or have been detached; one that is left counts as a hang.
+    ~VirtualTime();
+
+    VirtualTime(const VirtualTime&) = delete;
+    VirtualTime& operator=(const VirtualTime&) = delete;
+
+    /// Virtual CLOCK_MONOTONIC, nanoseconds. Reading it here does not count as a clock read.
+    int64_t nowNs() const;
+
+    VirtualTimeStatistics statistics() const;
+};
+
+}  // namespace korvane::tv

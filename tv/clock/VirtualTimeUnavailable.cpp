@@ -1,0 +1,46 @@
+// What a build with a sanitizer has in the virtual gear's place: the answer that there is none.
+#include <stdexcept>
+
+#include "tv/clock/VirtualTime.h"
+
+namespace korvane::tv {
+
+bool VirtualTime::available() {
+    return false;
+}
+
+bool VirtualTime::active() {
+    return false;
+}
+
+int32_t VirtualTime::threadNumber() {
+    return 0;
+}
+
+std::string VirtualTime::threadName(int32_t) {
+    return {};
+}
+
+std::string VirtualTime::dump() {
+    return {};
+}
+
+VirtualTime::VirtualTime(uint64_t, const VirtualTimeOptions&) {
+    throw std::runtime_error(
+        "virtual time cannot begin: not available in this build, which has a "
+        "sanitizer");
+}
+
+VirtualTime::~VirtualTime() {
+    // None was ever made.
+}
+
+int64_t VirtualTime::nowNs() const {
+    return 0;
+}
+
+VirtualTimeStatistics VirtualTime::statistics() const {
+    return {};
+}
+
+}  // namespace korvane::tv
