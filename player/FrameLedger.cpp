@@ -1,7 +1,6 @@
 #include "player/FrameLedger.h"
 
 #include <algorithm>
-#include <utility>
 
 #include "tv/Tv.h"
 
@@ -219,7 +218,7 @@ bool FrameLedger::isFinal(size_t index, int64_t firstInTunnel) const {
 }
 
 FrameEntry FrameLedger::takeFront() {
-    FrameEntry frame = std::move(mEntries.front());
+    FrameEntry frame = mEntries.front();
     const Outcome known = outcomeOf(frame);
     if (known != Outcome::Pending) {
         frame.outcome = known;

@@ -145,9 +145,6 @@ int playAndReport(const PlayOptions& options) {
     // Before anything makes a thread.
     const auto clock = startClock(options);
     VideoReader reader(options.file);
-    if (!clock && !options.virtualClock) {
-        say("this build has no virtual clock; playing in real time");
-    }
     const PlaybackPlan plan = planOf(options, reader.info());
     OutputFile csv("--csv", options.csvFile);
     OutputFile json("--json", options.jsonFile);
@@ -165,6 +162,9 @@ int playAndReport(const PlayOptions& options) {
         ports.listeners.push_back(&frames.emplace(csv.stream()));
     }
     ports.interrupted = [] { return gInterrupted.load(); };
+    if (!clock && !options.virtualClock) {
+        say("this build has no virtual clock; playing in real time");
+    }
     PlaybackRecord record = play(plan, reader, openAudio(plan, options.file), ports);
     endTrace(options, &record);
     const Summary summary = report.finish(record);
