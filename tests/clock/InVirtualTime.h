@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <thread>
-#include <utility>
 #include <vector>
 
 #include "tv/clock/VirtualTime.h"
@@ -23,9 +22,12 @@ protected:
 /// Threads that are joined together.
 class Threads {
 public:
+    /// Each runs `routine` with its number, from 0.
     template <typename Routine>
-    void add(Routine routine) {
-        mThreads.emplace_back(std::move(routine));
+    void add(int count, Routine routine) {
+        for (int i = 0; i < count; ++i) {
+            mThreads.emplace_back(routine, i);
+        }
     }
     void join() {
         for (std::thread& thread : mThreads) {

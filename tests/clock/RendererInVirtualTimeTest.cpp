@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <memory>
-#include <mutex>
 #include <sstream>
 #include <string>
 
@@ -25,72 +24,58 @@ struct Outcome {
     int64_t elapsedNs = 0;
 };
 
-class Play {
-public:
-    explicit Play(uint64_t seed) : mTime(seed) {
-        tv::openLog(8);
-        tv::setProperty("vendor.korvane.loglevels", "0");
-        tv::TvConfig config;
-        config.display.rateHz = tv::displayRateHz(59.94);
-        mTv = tv::Tv::powerOn(config);
-        mRenderer.reset(VideoTunnelRenderer_create());
-        mRenderer->init(0);
-        mRenderer->regCallBack(kFrameStatusCallback, &Play::onStatus, this);
-        mTunnelId = mRenderer->getTunnelId();
+int onStatus(void* events, void* info) {
+    const auto& status = *static_cast<framestatus*>(info);
+    *static_cast<std::ostringstream*>(events)
+        << "back " << status.fd << ' ' << int{status.rendered} << " at " << tv::nowNs() << '\n';
+    return 0;
+}
+
+Outcome play(uint64_t seed) {
+    const tv::VirtualTime time(seed);
+    tv::openLog(8);
+    tv::setProperty("vendor.korvane.loglevels", "0");
+    tv::TvConfig config;
+    config.display.rateHz = tv::displayRateHz(59.94);
+    const auto tv = tv::Tv::powerOn(config);
+    std::unique_ptr<VideoTunnelRenderer> renderer(VideoTunnelRenderer_create());
+    std::ostringstream events;
+    renderer->init(0);
+    renderer->regCallBack(kFrameStatusCallback, &onStatus, &events);
+    const int tunnelId = renderer->getTunnelId();
+    renderer->updateVideoTime(0);
+    renderer->start();
+    for (int64_t frame = 0; frame < kFrames; ++frame) {
+        // Two frames ahead of the clock, as a player with a small pool is.
+        const int64_t dueUs = frame * 1'000'000 / 24;
+        renderer->sendVideoFrame(kFd + static_cast<int>(frame % 8), dueUs + 100'000, false);
+        usleep(static_cast<useconds_t>((frame + 1) * 1'000'000 / 24 - dueUs));
     }
-
-    Outcome run() {
-        mRenderer->updateVideoTime(0);
-        mRenderer->start();
-        for (int frame = 0; frame < kFrames; ++frame) {
-            // Two frames ahead of the clock, as a player with a small pool is.
-            const int64_t dueUs = frame * int64_t{1'000'000} / 24;
-            mRenderer->sendVideoFrame(kFd + frame % 8, dueUs + 100'000, false);
-            usleep(static_cast<useconds_t>((frame + 1) * int64_t{1'000'000} / 24 - dueUs));
-        }
-        usleep(500'000);
-        mRenderer->stop();
-        mRenderer.reset();
-        mTv->powerOff();
-        for (const tv::BufferRecord& buffer : mTv->tunnel().record(mTunnelId)) {
-            mEvents << buffer.serial << ' ' << buffer.fd << ' ' << buffer.presentationTimeUs << ' '
-                    << buffer.queuedNs << ' ' << toString(buffer.fate) << ' '
-                    << buffer.firstVsync.index << ' ' << buffer.dwellVsyncs << ' '
-                    << buffer.releasedNs << ' ' << buffer.fenceSignalNs << ' ' << buffer.takenBackNs
-                    << '\n';
-            mOutcome.shown += buffer.fate == tv::BufferFate::Shown ? 1 : 0;
-        }
-        mOutcome.events = mEvents.str();
-        mOutcome.elapsedNs = mTime.statistics().elapsedNs;
-        return mOutcome;
+    usleep(500'000);
+    renderer->stop();
+    renderer.reset();
+    tv->powerOff();
+    Outcome outcome;
+    for (const tv::BufferRecord& buffer : tv->tunnel().record(tunnelId)) {
+        events << buffer.fd << ' ' << buffer.presentationTimeUs << ' ' << buffer.queuedNs << ' '
+               << toString(buffer.fate) << ' ' << buffer.firstVsync.index << ' '
+               << buffer.releasedNs << ' ' << buffer.takenBackNs << '\n';
+        outcome.shown += buffer.fate == tv::BufferFate::Shown ? 1 : 0;
     }
+    outcome.events = events.str();
+    outcome.elapsedNs = time.statistics().elapsedNs;
+    return outcome;
+}
 
-private:
-    static int onStatus(void* self, void* info) {
-        auto& play = *static_cast<Play*>(self);
-        const auto& status = *static_cast<framestatus*>(info);
-        play.mEvents << "back " << status.fd << ' ' << int{status.rendered} << " at " << tv::nowNs()
-                     << '\n';
-        return 0;
-    }
-
-    tv::VirtualTime mTime;
-    std::shared_ptr<tv::Tv> mTv;
-    std::unique_ptr<VideoTunnelRenderer> mRenderer;
-    int mTunnelId = -1;
-    std::ostringstream mEvents;
-    Outcome mOutcome;
-};
-
-class RendererInVirtualTimeTest : public InVirtualTime {};
+using RendererInVirtualTimeTest = InVirtualTime;
 
 TEST_F(RendererInVirtualTimeTest, SameSeedSameRunToTheByte) {
-    const Outcome first = Play(11).run();
+    const Outcome first = play(11);
     EXPECT_EQ(kFrames, first.shown);
     EXPECT_GT(first.elapsedNs, 600 * kSecond);
     EXPECT_LT(first.elapsedNs, 602 * kSecond);
     EXPECT_THAT(first.events, ::testing::HasSubstr("back 10000 1 at "));
-    EXPECT_EQ(first.events, Play(11).run().events);
+    EXPECT_EQ(first.events, play(11).events);
 }
 
 }  // namespace

@@ -156,22 +156,17 @@ TEST_F(Cadence, LeavesContentWithoutAKnownPatternAsItIs) {
 
 // The first frame stands a quarter of a period from the edge: jitter that adds up to less (its
 // own, another frame's, a report's) costs no vsync where the rates fit.
-TEST_F(Cadence, JitterBelowAQuarterPeriodNeverBreaksAFittingPattern) {
-    for (uint64_t seed = 1; seed <= 20; ++seed) {
-        const double fps = seed % 2 == 0 ? 24 : 60;
-        CadencePump pump({fps, 60, 300, seed, 300, 1500});
-        EXPECT_EQ(inForce(pump.tracker), seed % 2 == 0 ? "[3:2]" : "[1:1]") << "seed " << seed;
-        EXPECT_EQ(pump.lockedAt, 12) << "seed " << seed;
-        EXPECT_EQ(pump.slips, 0) << "seed " << seed;
-    }
-}
-
-TEST_F(Cadence, AnyRatePhaseAndJitterKeepsOrderAndMargins) {
+TEST_F(Cadence, AnyRatePhaseAndJitterKeepsOrderAndMarginsAndAFittingPattern) {
     std::mt19937_64 random(20240607);
     for (uint64_t seed = 1; seed <= 100; ++seed) {
-        const double fps = seed % 3 == 0 ? 24.0 : std::uniform_real_distribution<>(5, 60)(random);
-        const auto jitterUs = static_cast<int64_t>(random() % 1000);
-        const CadencePump pump({fps, seed % 2 == 0 ? 60 : 59.94, 120, seed, 200, jitterUs});
+        const bool fits = seed % 4 == 0;
+        const double fps = fits ? 24.0 : std::uniform_real_distribution<>(5, 60)(random);
+        const auto jitterUs = static_cast<int64_t>(random() % 1500);
+        CadencePump pump({fps, seed % 2 == 0 ? 60 : 59.94, 120, seed, 300, jitterUs});
+        if (fits) {
+            EXPECT_EQ(inForce(pump.tracker), "[3:2]") << "seed " << seed;
+            EXPECT_EQ(pump.slips, 0) << "seed " << seed;
+        }
     }
 }
 

@@ -15,28 +15,13 @@
 namespace korvane::test {
 namespace {
 
-/// A file that exists as long as it is open, for a child to write into.
-class ScratchFile {
-public:
-    ScratchFile() {
-        char path[] = "/tmp/korvane-test-XXXXXX";
-        mFd = mkstemp(path);
-        if (mFd < 0) {
-            throw std::runtime_error("no scratch file");
-        }
-        mPath = path;
-    }
-    ~ScratchFile() {
-        close(mFd);
-        unlink(mPath.c_str());
-    }
+/// A file that exists as long as this does, for a child to write into.
+struct ScratchFile {
+    ScratchFile() { close(mkstemp(path)); }
+    ~ScratchFile() { unlink(path); }
     ScratchFile(const ScratchFile&) = delete;
     ScratchFile& operator=(const ScratchFile&) = delete;
-    const std::string& path() const { return mPath; }
-
-private:
-    int mFd = -1;
-    std::string mPath;
+    char path[32] = "/tmp/korvane-test-XXXXXX";
 };
 
 pid_t spawn(const Command& command, const std::string& outputPath, const std::string& errorPath) {
@@ -72,20 +57,25 @@ int waitFor(pid_t child) {
 CommandResult runCommand(const Command& command) {
     const ScratchFile output;
     const ScratchFile error;
-    const auto start = std::chrono::steady_clock::now();
-    const pid_t child = spawn(
-        command, command.outputPath.empty() ? output.path() : command.outputPath, error.path());
+    const pid_t child =
+        spawn(command, command.outputPath.empty() ? std::string(output.path) : command.outputPath,
+              error.path);
     if (command.signal != 0) {
         std::this_thread::sleep_for(command.signalAfter);
         kill(child, command.signal);
     }
     CommandResult result;
     result.status = waitFor(child);
-    result.took = std::chrono::duration_cast<std::chrono::milliseconds>(
-        std::chrono::steady_clock::now() - start);
-    result.output = readFile(output.path());
-    result.error = readFile(error.path());
+    result.output = readFile(output.path);
+    result.error = readFile(error.path);
     return result;
+}
+
+CommandResult korvaneTv(const std::vector<std::string>& arguments) {
+    Command command;
+    command.arguments = {KORVANE_TV};
+    command.arguments.insert(command.arguments.end(), arguments.begin(), arguments.end());
+    return runCommand(command);
 }
 
 std::string readFile(const std::string& path) {

@@ -22,11 +22,13 @@ struct CommandResult {
     int status = -1;  ///< exit status, or the number of the signal that killed it plus 128
     std::string output;
     std::string error;
-    std::chrono::milliseconds took{0};
 };
 
 /// Runs it to its end. Several may run at the same time, from different threads.
 CommandResult runCommand(const Command& command);
+
+/// Runs the player with these.
+CommandResult korvaneTv(const std::vector<std::string>& arguments);
 
 /// Reads a flat JSON object with one key per line; texts lose their quotes.
 std::map<std::string, std::string> readFlatJson(const std::string& path);

@@ -28,18 +28,10 @@ TEST(EventLog, LinesComeInTheOrderOfTimeHoweverTheyWereAdded) {
               "0.000000500 sent frame=8 media_us=41667 buffer=3 late\n"
               "0.000000600 audio playing\n"
               "2.000000000 shown frame=7 vsync=120 offset_us=-300\n");
-}
-
-TEST(EventLog, TheHashTellsLogsApart) {
-    const auto hashOf = [](int64_t number) {
-        EventLog log(nullptr);
-        log.add({5, EventKind::Sent, 1, number, 0, ""});
-        log.finish();
-        return log.hash();
-    };
-    EXPECT_EQ(hashOf(1), hashOf(1));
-    EXPECT_NE(hashOf(1), hashOf(2));
-    EXPECT_EQ(hashOf(1).size(), 16U);
+    EventLog other(nullptr);
+    other.add({5, EventKind::Sent, 1, 1, 0, ""});
+    other.finish();
+    EXPECT_NE(log.hash(), other.hash());
 }
 
 TEST(EventLog, NumbersOfTheLogAreLeftOut) {

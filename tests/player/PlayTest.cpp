@@ -7,11 +7,15 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
-#include <functional>
+#include <cstdint>
+#include <iterator>
 #include <map>
 #include <ostream>
+#include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "tests/player/CommandRunner.h"
@@ -20,10 +24,7 @@ namespace korvane::test {
 namespace {
 
 using ::testing::AllOf;
-using ::testing::AnyOf;
-using ::testing::Ge;
 using ::testing::HasSubstr;
-using ::testing::Le;
 using ::testing::Not;
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
@@ -40,32 +41,37 @@ std::string scratch(const std::string& name) {
     return ::testing::TempDir() + "korvane-" + std::to_string(getpid()) + "-" + name;
 }
 
-/// A summary by key; a key that is missing reads as 0.
-class Facts {
-public:
-    explicit Facts(std::map<std::string, std::string> values) : mValues(std::move(values)) {}
-    std::string text(const std::string& key) const {
-        const auto found = mValues.find(key);
-        return found == mValues.end() ? "" : found->second;
-    }
-    int64_t number(const std::string& key) const {
-        const std::string value = text(key);
-        return value.empty() ? 0 : std::stoll(value);
-    }
-    bool yes(const std::string& key) const { return text(key) == "true"; }
+using Facts = std::map<std::string, std::string>;
 
-private:
-    std::map<std::string, std::string> mValues;
-};
+std::vector<std::string> words(const std::string& text) {
+    std::istringstream split(text);
+    return {std::istream_iterator<std::string>(split), {}};
+}
+
+/// What keys of the summary must say, as "key=text" or a range of numbers: "key=1..5", "key=1..".
+void expectFacts(const Facts& facts, const std::string& wanted) {
+    for (const auto& fact : words(wanted)) {
+        const size_t equals = fact.find('=');
+        const auto found = facts.find(fact.substr(0, equals));
+        ASSERT_NE(found, facts.end()) << fact;
+        const std::string says = fact.substr(equals + 1);
+        const size_t dots = says.find("..");
+        if (dots == std::string::npos) {
+            EXPECT_EQ(found->second, says) << fact;
+            continue;
+        }
+        const std::string most = says.substr(dots + 2);
+        const int64_t seen = std::stoll(found->second);
+        EXPECT_GE(seen, std::stoll(says)) << fact;
+        EXPECT_LE(seen, most.empty() ? INT64_MAX : std::stoll(most)) << fact;
+    }
+}
 
 struct Scenario {
     const char* name;
-    const char* file;
-    std::vector<std::string> options;
-    /// What must hold in every run, beside the accounts.
-    std::function<void(const Facts&)> always;
-    /// What a busy machine may spoil in real time.
-    std::function<bool(const Facts&)> inTime;
+    const char* arguments;  ///< clip first
+    const char* always;     ///< what must hold in every run, beside the accounts
+    const char* inTime;     ///< what a busy machine may spoil in real time
     int signal = 0;
 };
 
@@ -73,259 +79,108 @@ void PrintTo(const Scenario& scenario, std::ostream* out) {
     *out << scenario.name;
 }
 
-std::function<bool(const Facts&)> locks(const std::string& pattern) {
-    return [pattern](const Facts& facts) {
-        return facts.text("pattern") == pattern && facts.number("held_after_us") <= 1'000'000 &&
-               facts.yes("stayed");
-    };
-}
+constexpr char kLocks[] = "pattern=[3:2] held_after_us=0..1000000 stayed=true";
 
-void all72(const Facts& facts) {
-    EXPECT_EQ(facts.number("frames_in"), 72);
-}
-
-const std::vector<Scenario>& scenarios() {
-    static const std::vector<Scenario> all = {
-        {"24on59_94", "24.mp4", {"--rate", "59.94"}, all72, locks("[3:2]")},
-        {"24on60", "24.mp4", {"--rate", "60"}, all72, locks("[3:2]")},
-        {"23_976on59_94", "23.976.mp4", {"--rate", "59.94"}, nullptr, locks("[3:2]")},
-        {"30on60", "30.mp4", {"--rate", "60"}, nullptr, locks("[2:2]")},
-        {"60on60", "60.mp4", {"--rate", "60"}, nullptr, locks("[1:1]")},
-        {"25on50", "25.mp4", {"--rate", "50"}, nullptr, locks("[2:2]")},
-        {"DisplayDrifts", "24.mkv", {"--display-drift", "50"}, nullptr, locks("[3:2]")},
-        {"AudioTwoSecondsLate",
-         "24.mp4",
-         {"--audio-delay", "2s", "--seconds", "1"},
-         [](const Facts& facts) {
-             EXPECT_THAT(facts.number("first_frame_us"), Ge(2'000'000))
-                 << "the picture waits for the sound";
-         },
-         [](const Facts& facts) { return facts.number("first_frame_us") < 2'500'000; }},
-        {"AudioTwoSecondsLatePeeked",
-         "24.mp4",
-         {"--audio-delay", "2s", "--seconds", "1", "--peek"},
-         [](const Facts& facts) {
-             EXPECT_THAT(facts.number("first_frame_us"), Le(1'500'000)) << "shown at once";
-             EXPECT_THAT(facts.number("second_frame_us"), Ge(400'000)) << "then waits";
-         },
-         nullptr},
-        {"AudioUnderflow",
-         "24.mp4",
-         {"--audio-underflow", "1s:500ms"},
-         [](const Facts& facts) {
-             all72(facts);
-             EXPECT_EQ(facts.number("audio_underflows"), 1);
-         },
-         [](const Facts& facts) {
-             return facts.number("frames_shown") == 72 &&
-                    facts.number("dwells_unexpected") ==
-                        facts.number("dwells_unexpected_explained");
-         }},
-        {"UnderflowAndCatchUp",
-         "24.mp4",
-         {"--audio-underflow", "1s:400ms", "--video-stall", "1s:700ms", "--log", "7"},
-         [](const Facts& facts) {
-             all72(facts);
-             EXPECT_EQ(facts.number("audio_underflows"), 1);
-             EXPECT_THAT(facts.number("frames_dropped"), Ge(1)) << "video was behind audio";
-         },
-         [](const Facts& facts) { return facts.number("dropped_underflow_catch_up") >= 1; }},
-        {"VideoStall",
-         "24.mp4",
-         {"--video-stall", "1s:300ms"},
-         [](const Facts& facts) {
-             EXPECT_THAT(facts.number("dropped_late"), Ge(1));
-             EXPECT_EQ(facts.number("dropped_late"), facts.number("frames_dropped"));
-         },
-         nullptr},
-        {"NoAudioAsked",
-         "24.mp4",
-         {"--no-audio"},
-         [](const Facts& facts) {
-             all72(facts);
-             EXPECT_FALSE(facts.yes("with_audio"));
-         },
-         [](const Facts& facts) { return facts.number("frames_shown") == 72; }},
-        {"NoAudioTrack",
-         "silent.mp4",
-         {"--flush-at", "1s"},
-         [](const Facts& facts) {
-             all72(facts);
-             EXPECT_EQ(facts.number("sections"), 2);
-         },
-         nullptr},
-        {"PassthroughHoldsAndDrops",
-         "24.mp4",
-         {"--passthrough", "--video-stall", "1s:300ms"},
-         [](const Facts& facts) {
-             all72(facts);
-             EXPECT_THAT(facts.number("passthrough_holds"), Ge(1));
-             EXPECT_THAT(facts.number("dropped_policy"), Ge(1));
-             EXPECT_EQ(facts.number("dropped_policy"), facts.number("frames_dropped"));
-         },
-         nullptr},
-        {"FlushInTheMiddle",
-         "24.mp4",
-         {"--flush-at", "1.2s"},
-         [](const Facts& facts) {
-             all72(facts);
-             EXPECT_EQ(facts.number("sections"), 2);
-             EXPECT_THAT(facts.number("frames_flushed"), Ge(1));
-         },
-         [](const Facts& facts) {
-             return facts.text("section1_pattern") == "[3:2]" && facts.yes("section1_stayed") &&
-                    facts.number("section1_first_frame_us") < 500'000;
-         }},
-        {"FlushWhileItWaitsForAudio",
-         "24.mp4",
-         {"--flush-at", "1s", "--flush-at", "1s"},
-         all72,
-         [](const Facts& facts) { return facts.number("frames_dropped") <= 2; }},
-        {"SeekBack",
-         "24.mkv",
-         {"--seek", "1s:0s", "--seek", "1.5s:2s", "--buffers", "5"},
-         [](const Facts& facts) { EXPECT_EQ(facts.number("sections"), 3); },
-         nullptr},
-        {"Interrupted",
-         "60.mp4",
-         {},
-         [](const Facts& facts) {
-             EXPECT_EQ(facts.text("end"), "interrupted");
-             EXPECT_THAT(facts.number("frames_in"), AllOf(Ge(1), Le(179)));
-             EXPECT_THAT(facts.number("frames_discarded_by_stop"), Ge(1));
-         },
-         nullptr,
-         SIGINT},
-        {"InterruptedWhileItWaitsForAudio",
-         "24.mp4",
-         {"--audio-delay", "30s"},
-         [](const Facts& facts) {
-             EXPECT_EQ(facts.text("end"), "interrupted");
-             EXPECT_EQ(facts.number("frames_shown"), 0);
-             EXPECT_THAT(facts.number("stop_us"), Le(5'000'000)) << "a wait does not delay stop";
-         },
-         nullptr,
-         SIGTERM},
-        {"FileBreaksOff",
-         "half.mp4",
-         {},
-         [](const Facts& facts) {
-             EXPECT_EQ(facts.text("end"), "broken_off");
-             EXPECT_THAT(facts.number("frames_in"), AllOf(Ge(10), Le(71)));
-         },
-         nullptr},
-        {"MatroskaBreaksOff",
-         "half.mkv",
-         {},
-         [](const Facts& facts) { EXPECT_EQ(facts.text("end"), "broken_off"); },
-         nullptr},
-    };
-    return all;
-}
-
-struct Played {
-    CommandResult command;
-    Facts facts{{}};
+/// What the scenarios cannot show: files, options, signals; and one of each kind of fault, as a
+/// build with a sanitizer has nothing else that plays.
+const Scenario kScenarios[] = {
+    {"24on60", "24.mp4 --rate 60", "frames_in=72", kLocks},
+    {"24on59_94", "24.mp4 --rate 59.94", "frames_in=72", kLocks},
+    {"30on60", "30.mp4 --rate 60", "", "pattern=[2:2] held_after_us=0..1000000 stayed=true"},
+    {"60on60", "60.mp4 --rate 60", "", "pattern=[1:1] held_after_us=0..1000000 stayed=true"},
+    {"25on50", "25.mp4 --rate 50", "", "pattern=[2:2] unexpected_dwells=0"},
+    {"23_976on59_94", "23.976.mp4 --rate 59.94", "", kLocks},
+    {"AudioTwoSecondsLate", "24.mp4 --audio-delay 2s --seconds 1", "first_frame_us=2000000..",
+     "first_frame_us=0..2500000"},
+    {"AudioTwoSecondsLatePeeked", "24.mp4 --audio-delay 2s --seconds 1 --peek",
+     "first_frame_us=0..1500000 second_frame_us=400000..", ""},
+    {"UnderflowAndCatchUp", "24.mp4 --audio-underflow 1s:400ms --video-stall 1s:700ms --log 7",
+     "frames_in=72 audio_underflows=1 frames_dropped=1..", "dropped_underflow_catch_up=1.."},
+    {"NoAudioAsked", "24.mp4 --no-audio", "frames_in=72 with_audio=false", "frames_shown=72"},
+    {"NoAudioTrack", "silent.mp4 --flush-at 1s", "frames_in=72 sections=2", ""},
+    {"PassthroughHoldsAndDrops", "24.mp4 --passthrough --video-stall 1s:300ms",
+     "frames_in=72 passthrough_holds=1.. dropped_policy=1..", ""},
+    {"FlushWhileItWaitsForAudio", "24.mp4 --flush-at 1s --flush-at 1s", "frames_in=72",
+     "frames_dropped=0..2"},
+    {"SeekBack", "24.mkv --seek 1s:0s --seek 1.5s:2s --buffers 5", "sections=3", ""},
+    {"Interrupted", "60.mp4", "end=interrupted frames_in=1..179 frames_discarded_by_stop=1..", "",
+     SIGINT},
+    {"InterruptedWhileItWaitsForAudio", "24.mp4 --audio-delay 30s",
+     "end=interrupted frames_shown=0 stop_us=0..5000000", "", SIGTERM},
+    {"FileBreaksOff", "half.mp4", "end=broken_off frames_in=10..71", ""},
+    {"MatroskaBreaksOff", "half.mkv", "end=broken_off", ""},
 };
-
-Played play(const Scenario& scenario) {
-    const std::string json = scratch(std::string(scenario.name) + ".json");
-    Command command;
-    command.arguments = {KORVANE_TV, "play", clip(scenario.file), "--json", json};
-    command.arguments.insert(command.arguments.end(), scenario.options.begin(),
-                             scenario.options.end());
-    command.signal = scenario.signal;
-    command.signalAfter = std::chrono::milliseconds(1500);
-    if (scenario.signal != 0) {
-        command.arguments.insert(command.arguments.end(), {"--clock", "real"});
-    }
-    Played played{runCommand(command), Facts(readFlatJson(json))};
-    unlink(json.c_str());
-    return played;
-}
-
-void expectAccounts(const Scenario& scenario, const Played& played) {
-    const Facts& facts = played.facts;
-    ASSERT_EQ(played.command.status, 0) << played.command.output << played.command.error;
-    EXPECT_TRUE(facts.yes("ok")) << facts.text("verdict");
-    int64_t sum = 0;
-    for (const char* outcome : {"shown", "superseded", "dropped", "flushed", "refused",
-                                "discarded_by_stop", "in_tunnel_at_stop"}) {
-        sum += facts.number(std::string("frames_") + outcome);
-    }
-    EXPECT_EQ(sum, facts.number("frames_in"));
-    EXPECT_EQ(facts.number("frames_lost"), 0);
-    EXPECT_EQ(facts.number("buffers_kept"), 0);
-    EXPECT_EQ(facts.number("pictures_overwritten_on_screen"), 0);
-    // Each frame has its buffer back once: by callback, or at stop.
-    EXPECT_EQ(facts.number("buffers_returned") + facts.number("buffers_taken_back_at_stop"),
-              facts.number("frames_in"));
-    if (scenario.always) {
-        scenario.always(facts);
-    }
-}
 
 class PlayTest : public ::testing::TestWithParam<Scenario> {};
 
 TEST_P(PlayTest, IsAccountedForAndInTime) {
     const Scenario& scenario = GetParam();
-    const Played played = play(scenario);
-    expectAccounts(scenario, played);
-    if (kVirtualClock && scenario.inTime) {
-        EXPECT_TRUE(scenario.inTime(played.facts)) << played.command.output;
+    const std::string json = scratch("summary.json");
+    Command command;
+    command.arguments = {KORVANE_TV, "play", "--json", json};
+    for (const auto& word : words(KORVANE_CLIPS "/" + std::string(scenario.arguments))) {
+        command.arguments.push_back(word);
+    }
+    command.signal = scenario.signal;
+    command.signalAfter = std::chrono::milliseconds(1500);
+    if (scenario.signal != 0) {
+        command.arguments.insert(command.arguments.end(), {"--clock", "real"});
+    }
+    const CommandResult result = runCommand(command);
+    const Facts facts = readFlatJson(json);
+    unlink(json.c_str());
+    ASSERT_EQ(result.status, 0) << result.output << result.error;
+    expectFacts(facts, "ok=true frames_lost=0 buffers_kept=0 pictures_overwritten_on_screen=0");
+    const auto sum = [&facts](const std::string& keys) {
+        int64_t total = 0;
+        for (const auto& key : words(keys)) {
+            total += std::stoll(facts.at(key));
+        }
+        return total;
+    };
+    const int64_t framesIn = sum("frames_in");
+    EXPECT_EQ(sum("frames_shown frames_superseded frames_dropped frames_flushed frames_refused "
+                  "frames_discarded_by_stop frames_in_tunnel_at_stop"),
+              framesIn);
+    // Each frame has its buffer back once: by callback, or at stop.
+    EXPECT_EQ(sum("buffers_returned buffers_taken_back_at_stop"), framesIn);
+    expectFacts(facts, scenario.always);
+    if (kVirtualClock) {
+        expectFacts(facts, scenario.inTime);
     }
 }
 
 std::string nameOf(const ::testing::TestParamInfo<Scenario>& scenario) {
     return scenario.param.name;
 }
-INSTANTIATE_TEST_SUITE_P(Clips, PlayTest, ::testing::ValuesIn(scenarios()), nameOf);
-
-CommandResult korvaneTv(const std::vector<std::string>& arguments) {
-    Command command;
-    command.arguments = {KORVANE_TV};
-    command.arguments.insert(command.arguments.end(), arguments.begin(), arguments.end());
-    return runCommand(command);
-}
-
-struct BadInput {
-    std::vector<std::string> arguments;
-    const char* says;
-};
+INSTANTIATE_TEST_SUITE_P(Clips, PlayTest, ::testing::ValuesIn(kScenarios), nameOf);
 
 TEST(BadInputTest, IsToldInOneLineWithStatus2) {
-    const std::vector<BadInput> inputs = {
+    const std::vector<std::pair<std::vector<std::string>, const char*>> inputs = {
         {{"play", clip("missing.mp4")}, "No such file"},
         {{"play", clip("empty.mp4")}, "is empty"},
         {{"play", clip("noise.mp4")}, "no media file"},
-        {{"play", clip("text.txt")}, "no media file"},
         {{"play", clip("cut.mp4")}, "cut off before its index"},
         {{"play", clip("tone.wav")}, "holds no video"},
         {{"play", KORVANE_CLIPS}, "is a directory"},
         {{"play", clip("24.mp4"), "--bogus"}, "--bogus"},
-        {{"play", clip("24.mp4"), "--rate", "0"}, "--rate: '0'"},
         {{"play", clip("24.mp4"), "--prop", "a=" + std::string(92, 'x')}, "91 bytes"},
         {{"play", clip("24.mp4"), "--csv", "/nonexistent/frames.csv"}, "No such file"},
-        {{"play", clip("24.mp4"), "--trace", "/nonexistent/trace.json"}, "No such file"},
-        {{}, "no command"},
     };
-    for (const auto& input : inputs) {
-        const CommandResult result = korvaneTv(input.arguments);
+    for (const auto& [arguments, says] : inputs) {
+        const CommandResult result = korvaneTv(arguments);
         EXPECT_EQ(result.status, 2) << result.error;
         EXPECT_EQ(result.output, "");
-        EXPECT_THAT(result.error, AllOf(HasSubstr("korvane-tv: "), HasSubstr(input.says)));
+        EXPECT_THAT(result.error, AllOf(HasSubstr("korvane-tv: "), HasSubstr(says)));
         EXPECT_EQ(std::count(result.error.begin(), result.error.end(), '\n'), 1) << result.error;
     }
 }
 
 TEST(HelpTest, GoesToStandardOutputWithStatus0) {
-    for (const auto& arguments :
-         std::vector<std::vector<std::string>>{{"--help"}, {"play", "--help"}, {"--version"}}) {
-        const CommandResult result = korvaneTv(arguments);
-        EXPECT_EQ(result.status, 0);
-        EXPECT_THAT(result.output, HasSubstr("korvane-tv"));
-        EXPECT_EQ(result.error, "");
-    }
+    const CommandResult result = korvaneTv({"play", "--help"});
+    EXPECT_EQ(result.status, 0);
+    EXPECT_THAT(result.output, AllOf(HasSubstr("--audio-underflow"), HasSubstr("Exit status")));
+    EXPECT_EQ(result.error, "");
 }
 
 TEST(FullDiskTest, UnderTheTraceLosesTheTraceAlone) {
@@ -362,17 +217,6 @@ TEST(KillTest, LeavesAReadableTraceAndNothingInTheWayOfTheNextPlay) {
     EXPECT_THAT(events, HasSubstr("showFrame"));
     unlink(trace.c_str());
     EXPECT_EQ(korvaneTv({"play", clip("24.mp4"), "--seconds", "0.5"}).status, 0);
-}
-
-TEST(SecondSignalTest, KillsAPlayerThatIsToldAgain) {
-    // The first signal only asks; one that comes on its heels is no longer caught.
-    Command command;
-    const std::string script =
-        "\"$0\" play \"$1\" --clock real & p=$!; sleep 1; kill -INT $p; kill -INT $p; wait $p; "
-        "exit $?";
-    command.arguments = {"/bin/sh", "-c", script, KORVANE_TV, clip("24.mp4")};
-    // Two signals at once may be taken for one; then the player ends as after one.
-    EXPECT_THAT(runCommand(command).status, AnyOf(128 + SIGINT, 0));
 }
 
 TEST(LogTest, TheLibrarysLinesComeOnlyWhenAskedFor) {

@@ -17,13 +17,6 @@ using ::testing::AllOf;
 using ::testing::HasSubstr;
 using ::testing::Not;
 
-CommandResult korvaneTv(const std::vector<std::string>& arguments) {
-    Command command;
-    command.arguments = {KORVANE_TV};
-    command.arguments.insert(command.arguments.end(), arguments.begin(), arguments.end());
-    return runCommand(command);
-}
-
 /// A folder that goes when the test does.
 class RunTest : public ::testing::Test {
 protected:

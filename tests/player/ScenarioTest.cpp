@@ -66,52 +66,36 @@ log = [{ text = "x", count = 0 }]
     EXPECT_FALSE(parse("[expect]").audio.enabled);
 }
 
-struct Refusal {
-    const char* body;  ///< begins on line 3
-    const char* says;
-};
-
 TEST(ScenarioFile, RefusesInOneLineWithPlaceAndKey) {
-    const std::vector<Refusal> refusals = {
+    // What is wrong begins on line 3.
+    const std::vector<std::pair<const char*, const char*>> refusals = {
         {"[expect]\nshwon = 3", ":4: expect.shwon: unknown key; there are: "},
-        {"[expect]\n[expcet]", ":4: expcet: unknown key"},
         {"", ": expect: is missing"},
         {"[expect]\n[audio]\nstart_delay = 50",
          ":5: audio.start_delay: wants a time with its unit"},
-        {"[expect]\n[audio]\nstart_delay = \"50\"", "'50' is not a time with its unit"},
-        {"[expect]\n[audio]\nstart_delay = \"50 ms\"", "'50 ms' is not"},
         {"[expect]\n[audio]\nstart_delay = \"-1s\"", "'-1s' is not from 0.000 s"},
         {"[expect]\n[audio]\ndrift = \"50\"", "'50' is not parts per million"},
         {"[expect]\n[audio]\nunderflow = [{ at = \"1s\" }]", ":5: audio.underflow.for: is missing"},
         {"[expect]\n[audio]\nlatency_jump = \"1ms\"", "latency_jump_for go together"},
         {"[expect]\n[content]\nfps = 0", ":5: content.fps: wants frames a second"},
-        {"[expect]\n[content]\nfps = \"24/0\"", "wants frames a second"},
-        {"[expect]\n[content]\nmissing = [1, \"2\"]", "wants whole numbers"},
         {"[expect]\n[content]\nfile = \"x\"\nfps = 24", ":6: content.fps: does not go together"},
         {"[expect]\n[content]\ntimestamps = \"avi\"", "none of exact, matroska, mpegts"},
         {"[expect]\n[display]\nrate = 5", "wants a number from 10 to 500"},
         {"[expect]\n[display]\nreport_period = [{ at = \"1s\", for = \"1s\", period = \"1ms\" }]",
          "is not nanoseconds"},
-        {"[expect]\n[player]\nbuffers = 4", "wants a whole number from 5 to 64"},
-        {"[expect]\n[player]\nreuse = true", "restart_at is missing"},
-        {"[expect]\n[player]\npeek = 1", "wants true or false"},
         {"[expect]\n[passthrough]\npolicy = [\"hold\", \"wait\"]",
          ":5: passthrough.policy: 'wait'"},
         {"[expect]\npattern = \"3:2\"", "is not a pattern"},
         {"[expect]\ndwell = \"3..2\"", "wants a count or a range"},
-        {"[expect]\noffset_worst = \"40\"", "'40' is not a time"},
-        {"[expect]\nlog = [{ priority = \"loud\", count = 0 }]",
-         "none of debug, info, warn, error"},
-        {"[expect]\nend = \"late\"", "none of complete"},
         {"[expect", ":3: no TOML: "},
     };
-    for (const auto& refusal : refusals) {
+    for (const auto& [body, says] : refusals) {
         try {
-            parse(refusal.body);
-            ADD_FAILURE() << "accepted: " << refusal.body;
+            parse(body);
+            ADD_FAILURE() << "accepted: " << body;
         } catch (const ScenarioError& error) {
             EXPECT_THAT(error.what(), StartsWith("some/name.toml:"));
-            EXPECT_THAT(error.what(), HasSubstr(refusal.says));
+            EXPECT_THAT(error.what(), HasSubstr(says));
             EXPECT_THAT(error.what(), Not(HasSubstr("\n")));
         }
     }
@@ -154,29 +138,22 @@ TEST(SyntheticContent, DeliversWithFaults) {
                                                  160'000, 280'000, 1'320'000, 1'360'000));
 }
 
-TEST(SyntheticContent, SoundCoversTheContentAndJumpsWithIt) {
+TEST(SyntheticContent, SoundJumpsWithTheContentAndSeeks) {
     ContentPlan plan;
     plan.rate = {25, 1};
     plan.durationUs = 400'000;
     plan.jumps = {{5, 1'000'000}};
     SyntheticAudio audio(plan);
     AudioPacket packet;
-    int64_t endUs = 0;
     int packets = 0;
-    while (audio.next(&packet) == ReadStatus::Ready) {
+    for (int64_t endUs = 0; audio.next(&packet) == ReadStatus::Ready; ++packets) {
         EXPECT_EQ(packet.mediaTimeUs >= 1'200'000, endUs >= 200'000);
         endUs = packet.mediaTimeUs % 1'000'000 + packet.durationUs;
-        ++packets;
     }
     EXPECT_EQ(packets, 19);
     audio.seek(100'000);
     audio.next(&packet);
-    EXPECT_THAT(packet.mediaTimeUs,
-                ::testing::AllOf(::testing::Le(100'000), ::testing::Gt(100'000 - 21'334)));
-    SyntheticVideo video(plan, true);
-    EXPECT_TRUE(video.seek(130'000));
-    video.next();
-    EXPECT_EQ(video.mediaTimeUs(), 160'000);
+    EXPECT_NEAR(static_cast<double>(packet.mediaTimeUs), 100'000 - 10'667, 10'668);
 }
 
 TEST(FaultSchedule, HoldsEachFaultForItsTime) {
@@ -186,16 +163,13 @@ TEST(FaultSchedule, HoldsEachFaultForItsTime) {
     scenario.audio.pauses = {{0, 100}};
     std::vector<int64_t> changes;
     for (const auto& timed : faultSchedule(scenario)) {
-        changes.push_back(timed.atUs);
+        const int64_t at = timed.atUs;
+        changes.push_back(at);
+        EXPECT_EQ(faultsAt(scenario, at).audioPaused, at < 100);
+        EXPECT_EQ(faultsAt(scenario, at).tunnel.queueFails, at >= 100 && at < 150);
+        EXPECT_EQ(faultsAt(scenario, at).reportFails, at >= 120 && at < 220);
     }
     EXPECT_THAT(changes, ElementsAre(0, 100, 120, 150, 220));
-    EXPECT_TRUE(faultsAt(scenario, 99).audioPaused);
-    EXPECT_FALSE(faultsAt(scenario, 100).audioPaused);
-    EXPECT_TRUE(faultsAt(scenario, 100).tunnel.queueFails);
-    EXPECT_TRUE(faultsAt(scenario, 149).tunnel.queueFails);
-    EXPECT_FALSE(faultsAt(scenario, 150).tunnel.queueFails);
-    EXPECT_TRUE(faultsAt(scenario, 219).reportFails);
-    EXPECT_THAT(faultSchedule(Scenario{}), IsEmpty());
 }
 
 TEST(PolicyScript, AnswersEntryByEntryAndTheLastForEver) {
@@ -217,9 +191,7 @@ TEST(PolicyScript, AnswersEntryByEntryAndTheLastForEver) {
     }
     EXPECT_THAT(answers, ElementsAre(2, 2, 4, 3, 1, 1));
     EXPECT_EQ(script.decide(7, 0).realtimeUs, 995'007);
-    for (const char* text : {"", "hold x", "hold 0", "render at", "drop at 5ms"}) {
-        EXPECT_FALSE(parsePolicyStep(text).has_value()) << text;
-    }
+    EXPECT_FALSE(parsePolicyStep("hold 0") || parsePolicyStep("drop at 5ms"));
 }
 
 class ExpectationTest : public ::testing::Test {
@@ -252,29 +224,20 @@ protected:
 };
 
 TEST_F(ExpectationTest, NothingIsSaidOfWhatHolds) {
-    EXPECT_THAT(check("shown = 98\ndropped = 2\ndropped_late = \"1..2\"\npattern = \"[3:2]\"\n"
-                      "frames = 100\nfirst_frame_within = \"100ms\"\nlog = [{ text = \"x\", "
-                      "count = 1 }]",
-                      {{1, 5, "x"}}),
+    EXPECT_THAT(check("shown = 98\ndropped_late = \"1..2\"\npattern = \"[3:2]\"\nframes = 100"),
                 IsEmpty());
 }
 
 TEST_F(ExpectationTest, AFailureSaysExpectedSeenAndTheFirstFrame) {
     const std::vector<std::pair<const char*, const char*>> cases = {
-        {"shown = \"all\"",
-         "shown: expected all, seen 98 of 100, 2 dropped, first at frame 40 (t = 1.700 s)"},
+        {"shown = \"all\"", "expected all, seen 98 of 100, 2 dropped, first at frame 40"},
         {"dropped = 0", "dropped: expected 0, seen 2, first at frame 40 (t = 1.700 s)"},
         {"dropped = \"3..\"", "dropped: expected at least 3, seen 2"},
-        {"dropped_late = \"..1\"",
-         "dropped_late: expected at most 1, seen 2, first at frame 40 (t = 1.700 s)"},
-        {"dwell = \"2..3\"",
-         "dwell: expected 2 to 3 vsyncs, seen 8, first at frame 39 (t = 1.650 s)"},
-        {"pattern = \"[2:2]\"", "pattern: expected [2:2] held, seen [3:2]"},
-        {"pattern = \"[3:2]\"\npattern_within = \"1s\"",
-         "pattern_within: expected 0.0 ms to 1000.0 ms, seen 1500.0 ms"},
+        {"dropped_late = \"..1\"", "dropped_late: expected at most 1, seen 2, first at"},
+        {"dwell = \"2..3\"", "expected 2 to 3 vsyncs, seen 8, first at frame 39"},
+        {"pattern = \"[3:2]\"\npattern_within = \"1s\"", "0.0 ms to 1000.0 ms, seen 1500.0 ms"},
         {"patterns = [\"[3:2]\", \"[2:2]\"]", "patterns: expected 2 stretches, seen 1"},
-        {"first_frame_within = \"50ms\"",
-         "first_frame_within: expected 0.0 ms to 50.0 ms, seen 66.0 ms"},
+        {"first_frame_within = \"50ms\"", "expected 0.0 ms to 50.0 ms, seen 66.0 ms"},
         {"seek_within = \"50ms\"", "seek_within: expected 0.0 ms to 50.0 ms, seen none"},
         {"offset_worst = \"-1ms..1ms\"", "no frame that could be compared"},
         {"end = \"stopped\"", "end: expected stopped, seen complete"},

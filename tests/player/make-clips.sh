@@ -26,6 +26,5 @@ head -c $((size * 6 / 10)) 24.mp4 >half.mp4
 head -c $((size * 6 / 10)) 24.mkv >half.mkv
 head -c 500 24.mp4 >cut.mp4
 head -c 50000 /dev/urandom >noise.mp4
-echo 'no film at all' >text.txt
 : >empty.mp4
 touch made

@@ -50,7 +50,6 @@ TEST(SyncInstance, RunsFromItsAnchorAndStandsWhilePaused) {
     EXPECT_EQ(clock.realTimeFor(0, kNow), -1);
     EXPECT_EQ(clock.mediaTimeAt(kNow), -1);
     EXPECT_EQ(clock.trackMediaTime(), -1);
-    EXPECT_EQ(clock.startingTimeMedia(), -1);
     clock.updateAnchorFromVideo(500, 0, kNow);
     EXPECT_EQ(clock.realTimeFor(40'500, kNow + 7), kNow + 40'000);
     EXPECT_EQ(clock.mediaTimeAt(kNow + 1'000), 1'500);
@@ -88,14 +87,9 @@ TEST(SyncInstance, AudioTakesAllOfTheClockInOneStepAndNoticesThatItIsGone) {
     }
     audio.join();
     EXPECT_TRUE(clock.stepFromAudio(20'000));
-    EXPECT_FALSE(clock.paused());
     clock.setMode(MEDIA_SYNC_VMASTER);
     EXPECT_FALSE(clock.stepFromAudio(30'000));
     EXPECT_EQ(clock.trackMediaTime(), 20'000);
-    clock.takeFromAudio(30'000, kNow);
-    clock.setPause(true, kNow);
-    EXPECT_FALSE(clock.stepFromAudio(40'000));
-    EXPECT_EQ(clock.trackMediaTime(), 30'000) << "stands still while paused";
 }
 
 TEST(SyncInstance, PassthroughDecisions) {
@@ -130,12 +124,9 @@ TEST(MediaSyncService, InstancesAreFoundByTheirNumber) {
     EXPECT_EQ(service.create()->id(), 1);
     const auto second = service.create();
     EXPECT_EQ(service.find(2), second);
-    for (const int unknown : {-1, 0, 3, INT32_MIN}) {
-        EXPECT_EQ(service.find(unknown), nullptr) << unknown;
-    }
+    EXPECT_FALSE(service.find(-1) || service.find(0) || service.find(3));
     service.setCreateFails(true);
     EXPECT_EQ(service.create(), nullptr);
-    EXPECT_EQ(service.instances().size(), 2U);
 }
 
 }  // namespace

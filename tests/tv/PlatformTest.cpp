@@ -1,4 +1,4 @@
-// Properties, log routing and the trace file.
+// Log routing and the trace file.
 #include "tv/Platform.h"
 
 #include <android/log.h>
@@ -21,7 +21,6 @@
 namespace korvane::tv {
 namespace {
 
-using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::Not;
 
@@ -62,28 +61,6 @@ bool isJson(const std::string& path) {
     return std::system(command.c_str()) == 0;  // NOLINT(concurrency-mt-unsafe): no other shell
 }
 
-TEST(Properties, HoldWhatFits) {
-    EXPECT_FALSE(setProperty("", "1"));
-    EXPECT_TRUE(setProperty("a.b", std::string(91, 'x')));
-    EXPECT_FALSE(setProperty("a.b", std::string(92, 'y')));
-    EXPECT_EQ(getProperty("a.b"), std::string(91, 'x'));
-    clearProperties();
-    EXPECT_EQ(getProperty("a.b"), std::nullopt);
-}
-
-TEST(Log, ObserverSeesEveryLineAsFormatted) {
-    std::vector<std::string> seen;
-    observeLog([&](const LogLine& line) {
-        seen.push_back(std::to_string(line.priority) + line.tag + ":" + line.text);
-        __android_log_print(ANDROID_LOG_INFO, "observer", "of itself");
-    });
-    __android_log_print(ANDROID_LOG_DEBUG, "Tag", "[%s]:%d\n", "name", 7);
-    __android_log_print(ANDROID_LOG_ERROR, "Tag", "%s", std::string(5000, 'x').c_str());
-    observeLog(nullptr);
-    __android_log_print(ANDROID_LOG_ERROR, "Tag", "unseen");
-    EXPECT_THAT(seen, ElementsAre("3Tag:[name]:7\n", "6Tag:" + std::string(1023, 'x')));
-}
-
 // The log of this process is not open before these tests, so each child begins afresh.
 TEST(Log, EarlyLinesFollowWhenItIsOpenedOrAtExitUpToABound) {
     const std::string opened = stderrOfChild([] {
@@ -104,11 +81,6 @@ TEST(Log, EarlyLinesFollowWhenItIsOpenedOrAtExitUpToABound) {
     EXPECT_THAT(never, HasSubstr("line 0."));
     EXPECT_THAT(never, Not(HasSubstr("line 299.")));
     EXPECT_THAT(never, HasSubstr("lines before the log was opened were not kept"));
-    EXPECT_EQ(stderrOfChild([] {
-                  openLog(8);
-                  __android_log_print(ANDROID_LOG_FATAL, "Tag", "anything");
-              }),
-              "");
 }
 
 TEST(Trace, FileIsJsonWithSectionsCountersThreadsAndTracks) {
@@ -145,25 +117,6 @@ TEST(Trace, FileIsJsonWithSectionsCountersThreadsAndTracks) {
         EXPECT_THAT(file.text(), HasSubstr(part));
     }
     EXPECT_EQ(stopTrace().written, report.written) << "idempotent";
-}
-
-TEST(Trace, FailureToCreateOrWriteIsOneMessage) {
-    std::string error;
-    EXPECT_FALSE(startTrace("/nowhere/trace.json", &error));
-    EXPECT_EQ(error, "cannot create trace file /nowhere/trace.json: No such file or directory");
-    EXPECT_FALSE(recordingTrace());
-    std::vector<std::string> messages;
-    observeLog([&](const LogLine& line) { messages.push_back(line.text); });
-    ASSERT_TRUE(startTrace("/dev/full", nullptr));
-    ATRACE_INT("counter", 1);
-    EXPECT_TRUE(test::eventually([] { return atrace_get_enabled_tags() == 0; }));
-    ATRACE_BEGIN("goes on");
-    const TraceReport report = stopTrace();
-    observeLog(nullptr);
-    EXPECT_THAT(messages, ElementsAre("recording of the trace ended, cannot write /dev/full: "
-                                      "No space left on device"));
-    EXPECT_EQ(report.failure, messages.front());
-    EXPECT_EQ(report.written, 0);
 }
 
 }  // namespace
