@@ -156,7 +156,7 @@ void measureCpu(benchmark::State& state, Action during) {
 void BM_CpuIdleRenderer(benchmark::State& state) {
     Player player(60.0, false);
     player.renderer->start();
-    measureCpu(state, [] { sleep(2); });
+    measureCpu(state, [] { std::this_thread::sleep_for(std::chrono::seconds(2)); });
 }
 BENCHMARK(BM_CpuIdleRenderer)->Iterations(1)->UseRealTime()->Unit(benchmark::kSecond);
 
@@ -187,7 +187,7 @@ void BM_CpuBareLoops(benchmark::State& state) {
         std::unique_lock<std::mutex> guard(lock);
         wake.wait(guard, [&] { return !running; });
     });
-    measureCpu(state, [] { sleep(2); });
+    measureCpu(state, [] { std::this_thread::sleep_for(std::chrono::seconds(2)); });
     {
         const std::lock_guard<std::mutex> guard(lock);
         running = false;
