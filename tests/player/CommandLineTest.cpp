@@ -1,6 +1,7 @@
 // Durations, rates and the command line.
 #include <gmock/gmock.h>
 
+#include <algorithm>
 #include <iterator>
 #include <sstream>
 #include <string>
@@ -55,10 +56,9 @@ TEST(CommandLine, ReadsEveryOption) {
         "--log 0x3 --prop a=b=c --trace t --csv c --json j --events e --clock real --seed 7 -q";
     std::istringstream split(line);
     const std::vector<std::string> words{std::istream_iterator<std::string>(split), {}};
-    std::vector<const char*> arguments;
-    for (const auto& word : words) {
-        arguments.push_back(word.c_str());
-    }
+    std::vector<const char*> arguments(words.size());
+    std::transform(words.begin(), words.end(), arguments.begin(),
+                   [](const std::string& word) { return word.c_str(); });
     const auto play = parse(arguments).play;
     EXPECT_EQ(play.file, "film.mp4");
     EXPECT_EQ(play.rateHz, 59.94);
