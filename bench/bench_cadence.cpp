@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Cost of the cadence tracker per frame and per vsync report, with the log switched off.
 //
 // Content whose repeat counts go through a cycle of four is presented frame by frame. Before the

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The virtual gear of the TV's clock:
 //
 //   counter "ns"            one usleep alone at the front, two that need a switch each, switches,

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The renderer's per-frame path as the player sees it, on the simulated TV, log mask 0:
 //
 //   sendVideoFrame            the call alone: nobody running; the drain thread waiting for a show

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Android's own liblog, libcutils and libutils as Debian packages them: headers below
 # /usr/include/android, libraries in the `android` folder of the multiarch library directory,
 # which the loader does not search by itself, hence the run path.

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Compiler settings that every target of ours shares.
 #
 # korvane::options   warnings as errors, C++17 (older device trees build the library), sanitizers.

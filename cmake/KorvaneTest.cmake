@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # korvane_test(NAME name SOURCES file... [LIBRARIES target...])
 #
 # A GoogleTest executable around the unmodified renderer library on the simulated TV. ctest runs it

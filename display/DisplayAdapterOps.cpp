@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Opening the library and looking up its two entry points; a failure ends the attempt with one
 // error line and leaves what was found so far.
 #include "display/DisplayAdapterOps.h"

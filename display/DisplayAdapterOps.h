@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Loader of the display adapter library.
 //
 // The library is opened by name, and its two entry points are resolved, once per process while this

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // One renderer's remote object of the display adapter: the second source of the display's vsync,
 // asked when the tunnel cannot tell.
 //

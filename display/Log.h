@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The display adapter client's one log tag and mask, shared by loader and wrapper; a wrapper's
 // constructor refreshes the mask for both. Constant-initialised, because the loader logs while the
 // library is being loaded.

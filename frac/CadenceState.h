@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The cadence tracker's state, shared by its source files and seen by its tests.
 //
 // Two halves: the display's side (first and last vsync, display mode) and the content's side (the

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Pattern detection: which cadence the last frames' repeat counts have.
 //
 // In: the corrected repeat counts of the current and the previous frame. Out: the pattern in force,

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Pattern keeping: one frame's way from its real time to its presentation time.
 //
 // In: the frame's real time; kept: its record and the one of the frame before. First the frame is

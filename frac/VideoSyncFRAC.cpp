@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The tracker's object: its life, its configuration, and the display's vsync grid.
 //
 // The grid is two vsyncs, the first since the last reset and the last reported. A report with the

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The cadence tracker: where a frame's presentation time falls on the display's vsync grid, and
 // where it should fall so that every frame stays on screen for as many vsyncs as its neighbours let
 // it.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The records that travel between a player and the renderer.
 //
 // A `videoframe` is one frame in flight. `rendertime` and `framestatus` are what a callback's

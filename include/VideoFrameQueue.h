@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The renderer's list of frames handed in and not yet taken.
 //
 // New frames go to the back, takers (drain thread, flush, first-frame peek) take from the front.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Tunnel-mode video renderer: what a media player compiles against.
 //
 // The player hands in decoded frames as a buffer descriptor with a media time. The renderer decides

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Each operation: the call, its trace line, the verdict on the status. A trace after the call is
 // written whether or not the call succeeded, with the outputs as they then stand.
 #include "mediasync/VideoSyncWraper.h"

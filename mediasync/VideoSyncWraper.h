@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The renderer's only door to the media-sync service.
 //
 // Owns one MediaSync client, passes every call on to it unchanged, turns the service's status into

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Time as the renderer reads it: the platform's monotonic clock, in nanoseconds or microseconds,
 // and arithmetic on times that saturates where a sum or product would overflow.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The display adapter's remote object, as far as this library calls it.
 //
 // A closed polymorphic object, made and destroyed by two entry points of

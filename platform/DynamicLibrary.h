@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Looking up entry points of a library that was opened by name.
 #pragma once
 

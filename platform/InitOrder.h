@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Order in which the library's process-wide objects are built when it is loaded.
 //
 // The order of initialisers in different source files otherwise follows the link order. These are

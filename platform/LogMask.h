@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The log mask: which of a source file's messages are written.
 //
 // Each source file that logs owns one LogMask, constant-initialised to 1, so that messages written

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The closed media-sync class, as far as this library calls it.
 //
 // One MediaSync object is one client of the process's media-sync service; bound to an instance, it

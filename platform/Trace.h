@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Trace points under the platform's video tag.
 //
 // A section needs the tag alone. A counter needs the tag and the file's log mask bit 0x10, which

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The video tunnel library's entry points, as far as this library calls them.
 //
 // libvideotunnel.so is opened by name at run time, so these declarations are never linked against:

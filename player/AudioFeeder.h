@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Feeds the TV's audio side with a source's audio packets, as the audio half of a player would.
 //
 // One thread reads packets and hands their times over, a few seconds ahead of what sounds. It holds

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The player's frame buffers: a fixed number of memory files, filled, handed out, taken back.
 //
 // A buffer is free (the player's, to be written) or out (handed to the library, not to be touched).

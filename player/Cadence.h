@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Cadence: for how many vsyncs each frame stays on screen, what arithmetic demands, what was seen.
 //
 // Content of f frames a second on a display of R vsyncs a second needs r = R/f vsyncs a frame. The

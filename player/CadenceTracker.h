@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Cadence of a stretch of playback of any length, in bounded memory.
 //
 // Dwells are laid along the expected pattern with the fewest breaks (see Cadence.h): the cheapest

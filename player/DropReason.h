@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Why the library handed a frame back unshown.
 //
 // The library does not say it with the frame. Two things tell, in this order: the line that it logs

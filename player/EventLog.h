@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The event log: one line per event, in the order of the playback's time, the same to the byte for
 // the same input, options and seed.
 //

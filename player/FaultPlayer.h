@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Switches a TV's faults at their playback times, on a thread of its own, so that the player's
 // waits delay none. Without faults there is no thread.
 #pragma once

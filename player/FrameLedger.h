@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The ledger: every frame handed to the library, counted once into a closed set of outcomes.
 //
 //   shown             the TV's record has it on screen

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Where playback's frames and audio packets come from: a media file, or made up by arithmetic.
 #pragma once
 

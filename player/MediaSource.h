@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A media file: its pictures decoded, its audio packets' times. FFmpeg stays behind this file.
 //
 // Media time is microseconds from the file's own start, so that it begins near 0 in every

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The command line: what can be asked for, with its defaults, and how it is read.
 //
 // Whatever is wrong with a command line is told in one line that says which value it is and what to

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // One playback: set-up, the library's callbacks, restart, and the end.
 #include <algorithm>
 #include <limits>

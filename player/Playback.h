@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // One playback: drives the library as a TV's player does, and keeps the record of it.
 //
 //   decoder -> buffer from the pool -> sendVideoFrame -> (library, tunnel, display) -> callback ->

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // One playback: the player's thread. It decodes, waits for free buffers, hands frames in, performs
 // flushes and seeks, and watches for the end, a step at a time. It looks around at the times of the
 // actions that are planned, and every few milliseconds besides.

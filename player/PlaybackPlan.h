@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What a playback is to be: the TV, its faults, the audio side, the player's habits and actions.
 //
 // Both commands come down to it: `play` makes one from its options, `run` from a scenario. Times

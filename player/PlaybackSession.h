@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The workings of one playback (see Playback.h for its model), in two files: set-up, the library's
 // callbacks, restart and the end in Playback.cpp; the player's thread in between in
 // PlaybackFeed.cpp.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Progress on stderr: one line that redraws itself on a terminal, a plain line every few seconds
 // elsewhere, nothing when switched off. One thread.
 #pragma once

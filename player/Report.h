@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The report: what a playback's record says, as numbers with a verdict.
 //
 // Built from the TV's record (what was on screen at which vsync), the ledger's outcomes and the

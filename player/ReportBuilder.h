@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // From frames, told one by one in order, to the summary of a playback.
 //
 // The content's rate is taken from the file if the first `kOpeningFrames` frames agree with it,

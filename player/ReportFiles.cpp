@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The report as files for scripts: frames as CSV, the summary as flat JSON.
 #include <iomanip>
 #include <ostream>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The report as text: the verdict, then a labelled line or two for each question.
 #include <algorithm>
 #include <ostream>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The verdict of a summary: is all accounted for, and one sentence.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Median, 99th percentile and worst of any number of values, in bounded memory.
 //
 // The first `kExact` values are kept as they are and the percentiles are exact. Beyond that, values

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Values as people write and read them on the command line and in reports.
 //
 // Durations are written with a unit, "2s", "200ms", "500us", or as bare seconds, "1.5". Inside, a

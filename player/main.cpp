@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // korvane-tv: the command line. Exit status 0 when every frame is accounted for and every buffer
 // came back; 1 when not, or when an output file could not be written; 2 for wrong usage or input.
 #include <algorithm>

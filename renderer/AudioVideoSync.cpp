@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The audio/video decisions of leg 2, drain thread: when does a frame meet sound?
 //
 // Audio plays elsewhere in the process against the same media-sync instance; it is only observed

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The drain thread's decisions, from values to a verdict. Nothing here reads a clock or a member.
 //
 // When a frame is due at `final` and it is `now` (microseconds, monotonic):

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Leg 2, drain thread: takes one frame at a time off the input queue and brings it to a verdict.
 //
 // Normal mode: first frame (shown at once as a peek, or synchronised with audio), audio stages

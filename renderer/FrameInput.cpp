@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Leg 1, player's threads: frames come in and wait in the input queue.
 //
 // Beside it, the operations by which a player reaches the media-sync instance that this renderer is

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the drain thread knows of the frame in its hands while it decides about it.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Leg 4, fill thread: released buffers and render times go back to the player.
 //
 // The fill thread polls: one buffer from the tunnel, one render time, 500 us of sleep. The routine

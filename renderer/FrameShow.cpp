@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Leg 3, drain thread: waits for a frame's hand-over time and gives the buffer to the tunnel.
 //
 // The wait ends early when the renderer is stopped or flushed; a frame that comes to be shown then

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The renderer's log tag and mask, shared by the files of this folder: they are one class.
 #pragma once
 

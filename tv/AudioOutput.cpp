@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The thread around the audio model: it steps the model when the model asks for it and after every
 // operation, and sleeps in between.
 #include "tv/AudioOutput.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The audio side: an actor that plays a stream of audio packets against a sync instance.
 //
 // It waits until enough is buffered and its start delay has passed, takes the instance's clock

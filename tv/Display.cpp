@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The vsync grid is a list of segments, one per mode. A vsync's time is computed from its segment's
 // origin and its number each time it is asked for, rounded once, so no error ever adds up.
 #include "tv/Display.h"

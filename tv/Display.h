@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The display: a true vsync grid and what it reports of it.
 //
 // Vsync k happens at origin + k periods exactly (the period is a real number of nanoseconds and is

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The log: this library's `__android_log_print` stands before liblog's. A line is formatted once,
 // shown to the observer and passed to liblog when its priority is high enough. Libraries log while
 // they are being loaded, before anybody could say what is to be written, and while they are being

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // An instance is a handful of values under one lock; every operation is one step on them. Who leads
 // is kept apart from the mode, because in pass-through the mode does not tell. A pass-through
 // policy that was put in place from outside is called without the lock.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The media-sync service: audio/video clocks by instance id.
 //
 // An instance relates media time to the monotonic clock by an anchor (media time m0 is due at real

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // One replaceable observer, called from any thread: a call holds a shared lock, so that after the
 // observer was replaced no call to the old one is under way. Without an observer a call costs one
 // load. A thread that is inside an observer does not enter it again.

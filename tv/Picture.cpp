@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Reads a picture's header with one positioned read: any descriptor is safe to ask, none is moved.
 #include "tv/Picture.h"
 

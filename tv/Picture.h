@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What is in a buffer, readable by the display.
 //
 // A frame buffer is a memory file: one page with this header, then the picture's planes. As a real

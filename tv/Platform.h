@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The TV's platform services: properties, log, trace. Process-wide, as on a device: they work
 // before a Tv is switched on and after it is off.
 #pragma once

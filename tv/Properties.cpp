@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The property store: names to values. It lives as long as the process, because libraries read
 // properties from static initialisers and destructors.
 #include <map>

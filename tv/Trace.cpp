@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The trace: this library's atrace calls stand before libcutils'. A call goes to the observer and,
 // while a file is recorded, as one entry into the ring; a thread of low priority empties the ring
 // into the file twenty times a second. A full disk ends the recording, not the playback.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A trace file in Chrome's trace-event JSON: an array, one event per line. The format lets the
 // array's end be missing, so the file can be read at any moment, after a kill or a full disk, too.
 #pragma once

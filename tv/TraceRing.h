@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A bounded queue of trace events: many threads put, one takes, nobody waits. Each cell carries a
 // turn number that says whether it is free for the put or ready for the take of a given position; a
 // put claims its position by one compare-and-swap. A put that finds the ring full gives up.

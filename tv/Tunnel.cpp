@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The tunnel's state: devices, ids, and per id the buffers by stage: waiting, on screen, leaving
 // (replaced, the panel still reads it), returned (the producer may take it back). Stages hold the
 // numbers of buffers in their id's log, which grows at its back and is taken away from its front;

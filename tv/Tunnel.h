@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The video tunnel: the way of buffers from a producer to the screen and back.
 //
 // A producer opens the device, allocates an id, connects and queues buffers with a presentation

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The TV's switch and its display thread. The thread sleeps until the next vsync or fence,
 // whichever is first; what it then does depends on the grid and on when each buffer was queued, not
 // on when it woke up.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The simulated TV: one object that is switched on and off.
 //
 // While a Tv exists it is the process's TV: the device libraries (video tunnel, media sync, display

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Opening the library and looking up its entry points, in order; the message of each stands at it.
 #include "videotunnel/VideoTunnelOps.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Loader of the video tunnel library.
 //
 // The library is opened by name, and its entry points are resolved, once per process while this

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A buffer's way through the tunnel: device, id, connection, then queue and dequeue with the fence.
 #include "videotunnel/VideoTunnelWraper.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The renderer's producer end of one video tunnel.
 //
 // Opens the device, allocates the tunnel's id (which the player gives to the display side),

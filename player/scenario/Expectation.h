@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Compares what came of a playback with what the scenario says must hold. Pure.
 //
 // A failure reads "key: expected X, seen Y, first at frame N (t = 12.345 s)"; the frame is the

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Which faults the TV has at which playback time. Pure: a scenario in, states with their times out.
 #pragma once
 

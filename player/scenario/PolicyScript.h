@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A script of pass-through decisions: "hold 20", "render", "drop 3", "render at +30ms", "exit",
 // "auto". Each entry answers once, or as often as its number says; the last one answers for ever.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The commands `run` and `list`: scenario files and folders, one verdict line each.
 //
 // Each scenario plays in a process of its own, several at a time when asked: a scenario that hangs

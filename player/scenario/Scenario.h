@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A scenario: content, a TV with its faults, a player with its habits, and what must come of it.
 //
 // Plain values, as ScenarioFile reads them from a file and ScenarioRun plays them. All times are

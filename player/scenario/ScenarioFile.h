@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Scenario files: TOML in, a Scenario out, or one line that says what is wrong and where.
 //
 // docs/scenarios.md describes every key.

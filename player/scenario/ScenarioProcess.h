@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Scenarios in processes of their own: started a few at a time, results in the scenarios' order.
 //
 // A child plays one scenario and writes its result into a pipe. What it cannot write any more (it

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Plays one scenario in this process and says whether what must hold held.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Content made up from a plan: frames with media times and no pictures, and audio packets.
 //
 //   frame i   exact time     start + i * seconds / frames, or the list's i-th time

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A table of a TOML file, read key by key with its place in the file at hand.
 //
 // Each read names a key, the unit and the range that it takes. A value of the wrong kind, unit or

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Programs that hang in virtual time: each ends with the status and a report from which the fault
 // can be found. They run in processes of their own.
 #include <gmock/gmock.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What tests of the virtual gear share: they skip where a build has none.
 #pragma once
 

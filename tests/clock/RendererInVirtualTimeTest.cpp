@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The unmodified renderer library on the TV in virtual time: ten minutes of film, twice, in
 // seconds.
 #include <gmock/gmock.h>

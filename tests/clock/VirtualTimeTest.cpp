@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Threads, locks, conditions, sleeps and clocks in virtual time, through the names that any program
 // uses. Each test enters and leaves; nothing takes real time.
 #include <gmock/gmock.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // DisplayAdapterWraper on the simulated TV's remote object, and without one.
 #include "display/DisplayAdapterOps.h"
 #include "display/DisplayAdapterWraper.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Whole streams through the cadence tracker: which pattern holds, for how long, and what the rates
 // cost. A pump drives content of any rate into a display of any rate as the drain loop does: every
 // tenth frame is preceded by a report of the display's last vsync, and times are cut to

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the cadence tracker's tests share: a look at its state, and its log.
 #pragma once
 

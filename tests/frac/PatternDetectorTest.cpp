@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Pattern detection from repeat counts alone. A case is a string of counts, one per frame, and the
 // pattern in force after each: '3' [3:2], '2' [2:2], '4' [4:1], '1' [1:1], '.' none.
 #include <gtest/gtest.h>

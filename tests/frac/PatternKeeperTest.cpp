@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Pattern keeping frame by frame: one grid, one frame, what becomes of it and what is logged.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The tracker's object and its vsync grid.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // VideoSyncWraper as a pipe: what goes in comes out at the service unchanged, and each operation
 // logs and answers as it should. The test supplies the MediaSync class itself, as a process may,
 // and so sees every call in its place among the log lines.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The device's media-sync library on the simulated TV, and VideoSyncWraper's way in: binding,
 // failing, and what passes through to an instance. What an instance does is its own tests' matter.
 #include <functional>

@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: Apache-2.0
 # A broken library must make a scenario fail with a message that leads to the fault:
 # expect_caught.sh KORVANE_TV LIBRARY_DIR SCENARIO TEXT...
 set -u

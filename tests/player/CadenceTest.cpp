@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The arithmetic of cadence and the search for it in dwells.
 #include "player/Cadence.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Durations, rates and the command line.
 #include <gmock/gmock.h>
 

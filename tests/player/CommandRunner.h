@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Runs a command as a person would and keeps what it said: exit status, standard output and error,
 // and, for the player, its summary as read from --json.
 #pragma once

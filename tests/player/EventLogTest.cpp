@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The event log, and what keeps reports of any length small.
 #include "player/EventLog.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Every frame counted once, by what the TV's record and the callbacks say; drops with a reason.
 #include <gmock/gmock.h>
 

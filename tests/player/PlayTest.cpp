@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Plays small clips through the command line and checks status and summary.
 //
 // In virtual time, where each play is the same every time; those that a signal ends are played in

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // From a playback's record to the summary, its text and its files.
 #include "player/ReportBuilder.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The commands `run` and `list` as a person uses them: the shipped scenarios pass, twice the same;
 // one that fails says why; one that is wrong is refused.
 #include <gmock/gmock.h>

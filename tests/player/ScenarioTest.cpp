@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Scenario files: what is read, what is refused and how; made-up content; what a failed expectation
 // says.
 #include <gmock/gmock.h>

@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: Apache-2.0
 # make-clips.sh DIRECTORY: the clips and the bad inputs of the play tests, once. What was made by an
 # earlier run is kept; the marker at the end says that all of it is there.
 set -eu

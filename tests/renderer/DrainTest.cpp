@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // One frame through the drain thread's operations: early, on time, late; peeks; render times;
 // vsync.
 #include <limits>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The renderer's life as a player drives it: binding, ids, callbacks, flush, misuse.
 #include "tests/renderer/RendererFixture.h"
 

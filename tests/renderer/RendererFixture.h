@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A renderer on the simulated TV, stepped by the test.
 //
 // The clock is the test's own and no thread runs: the test calls the drain thread's operations one

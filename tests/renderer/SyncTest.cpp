@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // How a frame meets sound: audio start, resume, underflow and catch-up, pass-through policies.
 #include "tests/renderer/RendererFixture.h"
 

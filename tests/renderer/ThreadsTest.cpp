@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The renderer's threads against the TV's, in real time: nothing here depends on how long a step
 // takes, only on what must have happened at its end.
 #include <pthread.h>

@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: Apache-2.0
 # What the renderer library exports, imports by name and is called: check_symbols.sh LIBRARY
 # The lists beside this script are pinned; a difference is printed and fails. They hold what comes
 # after a common beginning (none for "(whole)").
@@ -9,7 +10,8 @@ here=$(dirname "$0")
 status=0
 
 pinned() {
-    awk '/^[^ ]/ { begin = $1 == "(whole):" ? "" : substr($1, 1, length($1) - 1); $1 = "" }
+    awk '/^#/ { next }
+         /^[^ ]/ { begin = $1 == "(whole):" ? "" : substr($1, 1, length($1) - 1); $1 = "" }
          { for (i = 1; i <= NF; ++i) if ($i != "") print begin $i }' "$here/$1" | LC_ALL=C sort
 }
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The renderer library's two loaders before whatever device LD_LIBRARY_PATH holds, told on stdout:
 // each log line as "tag: I text" with its line ends written as \n, the loaders' states at the start
 // and after each step. Steps are the arguments: init, release. The program supplies the platform's

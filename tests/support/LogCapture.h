@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the process logs while this object lives, each line as "I text" with the priority's letter
 // (D, I, E) and the text as formatted. One at a time: the TV has one observer. From the first one
 // on the process writes no log to stderr.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A clock that a test holds in its hand.
 //
 // The test executable supplies `systemTime` and `usleep` to every library in the process. Without a

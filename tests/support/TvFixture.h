@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A TV whose time the test holds in its hand: no thread runs, a display vsync happens when asked
 // for.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the audio side does to the clock, step by step, with the test's own time.
 #include "tv/AudioModel.h"
 

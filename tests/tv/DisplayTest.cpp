@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The display's grid and what it reports of it.
 #include "tv/Display.h"
 

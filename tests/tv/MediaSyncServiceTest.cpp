@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The clock's table: who may anchor, and what it says running, paused and without an anchor.
 #include "tv/MediaSyncService.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Log routing and the trace file.
 #include "tv/Platform.h"
 

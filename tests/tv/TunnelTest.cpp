@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The tunnel's scan-out rules, read from its record. Time is the test's; vsync k is at k * 20 ms.
 #include "tv/Tunnel.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The switch, the display thread, and the display driven by hand.
 #include "tv/Tv.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // VideoTunnelWraper on the simulated TV: device, id, connection, buffers and their fences, and what
 // it says of each.
 #include <fcntl.h>

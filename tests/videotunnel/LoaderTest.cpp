@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The loaders of both libraries that are opened by name, before devices that lack a library or one
 // of its entry points: one process each.
 #include <gmock/gmock.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The fibers that wait with a deadline: a binary heap, the earliest in front. A fiber knows its
 // place in it, so that a wait that ends early leaves without a search. Nothing is allocated but
 // when a fiber is made.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // One thread of the virtual gear: its context and stack, what it waits for, and what a kernel
 // thread would keep for it (errno, exceptions under way, FiberLocals). Plain data; the Scheduler's.
 #pragma once

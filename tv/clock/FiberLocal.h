@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A variable per thread in both gears of the clock. In virtual time all threads share one kernel
 // thread and with it every `thread_local`; a FiberLocal stays each thread's own.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The report of a program that hangs: each thread, what it waits for, since when, and the calls
 // that led there. A waiting fiber's calls are found by visiting it: it runs the unwinder on its own
 // stack and comes back. Functions that a library does not export are given as a place in the file,

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The calls by which threads wait for each other, sleep and read the time, under libc's names. In
 // real time each goes on to libc; in virtual time to the scheduler. Where libc refuses an argument,
 // so does this.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The functions that stand behind ours: each name's next definition, libc's. It is looked up by the
 // first call, which may come from another library's constructor before any of ours has run; so the
 // pointers are constants of the program until then, and lead to the look-up.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The virtual gear: who runs, what time it is, who waits for what.
 //
 // One fiber runs. When it waits, one of those that can run goes on, chosen by the seed. When none

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Choices that follow from a seed: SplitMix64, the same numbers on every processor and library.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The scheduler's mutexes, conditions, read-write locks and descriptors: the ways that are not
 // taken at full speed.
 #include <poll.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The virtual gear of the TV's clock: while a VirtualTime exists, the process runs in virtual time.
 //
 // All threads of the process become fibers on one kernel thread. Time stands still while one of

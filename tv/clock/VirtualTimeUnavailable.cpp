@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What a build with a sanitizer has in the virtual gear's place: the answer that there is none.
 #include <stdexcept>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The fibers that wait for an object, found by its address: buckets of linked fibers, in the order
 // in which they began to wait. What happens does not depend on addresses, only how long a search
 // takes. The objects themselves are not touched.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Notices a fiber that computes without end and without a call that the scheduler would see: a
 // timer of the process's CPU time looks whether anything has happened since it last looked. Time
 // that the process spends suspended or waiting for a disk does not count.

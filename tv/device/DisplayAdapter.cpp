@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // libtovak_display_adapter_remote.so: a remote object that answers the vsync query from the current
 // TV's display. While the display reports nothing, or without a TV, nothing is written.
 #include <cstdio>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The fence's waiting: poll, restarted with the time that is left when a signal interrupts it.
 #include "ui/Fence.h"
 

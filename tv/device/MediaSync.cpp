@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // libkorvane_mediasync.so: one client of the current TV's media-sync service.
 //
 // A client starts without an instance; what needs one then fails. An instance that was told to

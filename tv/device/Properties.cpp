@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // property_get on the simulated TV's property store.
 #include <cutils/properties.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // libvideotunnel.so: the tunnel's C entry points on the current TV's tunnel.
 //
 // A failure is the error number negated, and errno is set as a device driver's library leaves it.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Limits of the system property store, as a device's C library gives them. Bytes, with the
 // terminating zero.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A sync fence: a descriptor that signals once, when the hardware is done with a buffer.
 //
 // The fence owns its descriptor and closes it with its last reference. On this TV a fence is the
