@@ -1,17 +1,20 @@
 # SPDX-License-Identifier: Apache-2.0
 # The commands that people type; CMake presets do the work. `make play` and `make test` are the two
-# that a newcomer needs: both install what is missing and say so.
+# that a newcomer needs: both install what is missing and say so, as do the others.
 #
 #   make play [FILE=film.mkv] [ARGS='--rate 59.94']   play on the simulated TV
 #   make test                                         run the tests
 #   make check                                        sanitizers, formatting, clang-tidy, licence lines
 #   make bench                                        benchmarks of the per-frame paths
+#   make aarch64                                      the tests on AArch64, under an emulator
+#   make libcxx                                       the tests with the device's C++ library, by clang
 
 JOBS ?= $(shell nproc)
 ARGS ?=
 TEST_ARGS ?=
 
-.PHONY: all deps build play test check sanitize-asan sanitize-tsan tidy licences format format-check bench clean
+.PHONY: all deps build play test check licences format-check tidy sanitize-asan sanitize-tsan \
+    aarch64 build-aarch64 libcxx  bench format clean
 
 all: build
 
@@ -47,6 +50,21 @@ format:
 
 format-check: deps
 	git ls-files '*.h' '*.cpp' | xargs clang-format --dry-run --Werror
+
+libcxx: build
+	@scripts/install-deps.sh libcxx
+	cmake --preset libcxx
+	cmake --build --preset libcxx -j $(JOBS)
+	ctest --preset libcxx -j $(JOBS) $(TEST_ARGS)
+
+build-aarch64: deps
+	@scripts/install-deps.sh aarch64
+	scripts/aarch64-sysroot.sh
+	cmake --preset aarch64
+	cmake --build --preset aarch64 -j $(JOBS)
+
+aarch64: build build-aarch64
+	ctest --preset aarch64 -j $(JOBS) $(TEST_ARGS)
 
 bench: build
 	@for program in build/release/bin/bench_*; do echo "== $${program##*/}"; "$$program" $(ARGS) || exit; done

@@ -14,5 +14,6 @@ foreach(name log cutils utils)
 endforeach()
 
 get_filename_component(ANDROID_LIBRARY_DIR "${ANDROID_log_LIBRARY}" DIRECTORY)
+# Where they are for the loader: a sysroot is its root.
+string(REPLACE "${CMAKE_SYSROOT}/" "/" ANDROID_LIBRARY_DIR "${ANDROID_LIBRARY_DIR}")
 set(CMAKE_BUILD_RPATH "${ANDROID_LIBRARY_DIR}")
-set(CMAKE_INSTALL_RPATH "$ORIGIN" "${ANDROID_LIBRARY_DIR}")

@@ -7,12 +7,11 @@
 // frame rate, which the player sets, and the enable mask, which is read again for each detector.
 #pragma once
 
-#include <utils/Mutex.h>  // for its lock annotations, which clang checks where libc++ has them too
-
 #include <atomic>
 #include <cstdint>
 #include <mutex>
 
+#include "include/ThreadAnnotations.h"
 #include "platform/LogMask.h"
 
 /// One vsync of the display. All zero: none yet. Otherwise time, period and number are 1 or above,
@@ -61,27 +60,28 @@ enum FracDispMode : int32_t {
 struct videoSyncFrac_priv {
     std::atomic<int32_t> frameRate{0};        ///< hundredths of a frame per second; 0: not known
     std::atomic<int64_t> frameDurationUs{0};  ///< 100000000 / frameRate
-    VsyncInfo firstVsync GUARDED_BY(lock);    ///< since the last reset
-    VsyncInfo lastVsync GUARDED_BY(lock);
+    VsyncInfo firstVsync KORVANE_GUARDED_BY(lock);  ///< since the last reset
+    VsyncInfo lastVsync KORVANE_GUARDED_BY(lock);
     std::mutex lock;
-    SyncFrame prevFrame GUARDED_BY(lock);
-    SyncFrame curFrame GUARDED_BY(lock);
-    SyncFrame spareFrame GUARDED_BY(lock);  ///< cleared on reset, otherwise not used
-    int32_t dispMode GUARDED_BY(lock) = kDispModeUnknown;
-    const char* dispModeName GUARDED_BY(lock) = nullptr;
-    int32_t dispPeriodUs GUARDED_BY(lock) = 0;
-    int64_t hwcOffset GUARDED_BY(lock) = 0;  ///< added to every real time, us
+    SyncFrame prevFrame KORVANE_GUARDED_BY(lock);
+    SyncFrame curFrame KORVANE_GUARDED_BY(lock);
+    SyncFrame spareFrame KORVANE_GUARDED_BY(lock);  ///< cleared on reset, otherwise not used
+    int32_t dispMode KORVANE_GUARDED_BY(lock) = kDispModeUnknown;
+    const char* dispModeName KORVANE_GUARDED_BY(lock) = nullptr;
+    int32_t dispPeriodUs KORVANE_GUARDED_BY(lock) = 0;
+    int64_t hwcOffset KORVANE_GUARDED_BY(lock) = 0;  ///< added to every real time, us
     /// Vsync number to which the last short frame went. Resets keep it, although they restart the
     /// numbers.
-    int64_t lastShortFrameVsyncCnt GUARDED_BY(lock) = 0;
-    bool patternCheckSupported GUARDED_BY(lock) = false;  ///< this display mode has detection
-    int32_t curPattern GUARDED_BY(lock) = 0;              ///< in force; see FracPattern
-    int32_t patternMatchCnt[kPatternCount] GUARDED_BY(lock) = {};
-    int32_t patternDetectedCnt[kPatternCount] GUARDED_BY(lock) = {};  ///< statistics
-    int32_t patternBrokenCnt[kPatternCount] GUARDED_BY(lock) = {};    ///< statistics
-    int32_t fourOneHistory[4] GUARDED_BY(lock) = {};  ///< repeat counts of the [4:1] cycle
-    int32_t fourOneIndex GUARDED_BY(lock) = 0;        ///< its next entry; 0: no cycle started
-    std::atomic<int32_t> enablePattern{0};            ///< bit per FracPattern; 0: tracker off
+    int64_t lastShortFrameVsyncCnt KORVANE_GUARDED_BY(lock) = 0;
+    bool patternCheckSupported KORVANE_GUARDED_BY(lock) =
+        false;                                        ///< this display mode has detection
+    int32_t curPattern KORVANE_GUARDED_BY(lock) = 0;  ///< in force; see FracPattern
+    int32_t patternMatchCnt[kPatternCount] KORVANE_GUARDED_BY(lock) = {};
+    int32_t patternDetectedCnt[kPatternCount] KORVANE_GUARDED_BY(lock) = {};  ///< statistics
+    int32_t patternBrokenCnt[kPatternCount] KORVANE_GUARDED_BY(lock) = {};    ///< statistics
+    int32_t fourOneHistory[4] KORVANE_GUARDED_BY(lock) = {};  ///< repeat counts of the [4:1] cycle
+    int32_t fourOneIndex KORVANE_GUARDED_BY(lock) = 0;  ///< its next entry; 0: no cycle started
+    std::atomic<int32_t> enablePattern{0};              ///< bit per FracPattern; 0: tracker off
 };
 static_assert(sizeof(std::atomic<int32_t>) == sizeof(int32_t) &&
                   sizeof(std::atomic<int64_t>) == sizeof(int64_t),

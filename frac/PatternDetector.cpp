@@ -48,7 +48,7 @@ constexpr PatternRow kPatterns[kPatternCount] = {
 
 /// Ends a detector's run.
 /// @return true when its pattern had been declared; then no pattern is in force any more
-bool endRun(videoSyncFrac_priv& priv, int pattern, int32_t declaredAt) REQUIRES(priv.lock) {
+bool endRun(videoSyncFrac_priv& priv, int pattern, int32_t declaredAt) KORVANE_REQUIRES(priv.lock) {
     const bool wasDeclared = priv.patternMatchCnt[pattern] == declaredAt;
     priv.patternMatchCnt[pattern] = 0;
     if (wasDeclared) {
@@ -60,7 +60,8 @@ bool endRun(videoSyncFrac_priv& priv, int pattern, int32_t declaredAt) REQUIRES(
 
 /// Counts one more step of a detector's run.
 /// @return true when this step declares the pattern; it is then in force
-bool extendRun(videoSyncFrac_priv& priv, int pattern, int32_t declaredAt) REQUIRES(priv.lock) {
+bool extendRun(videoSyncFrac_priv& priv, int pattern, int32_t declaredAt)
+    KORVANE_REQUIRES(priv.lock) {
     if (priv.patternMatchCnt[pattern] >= declaredAt) {
         return false;
     }
@@ -73,7 +74,7 @@ bool extendRun(videoSyncFrac_priv& priv, int pattern, int32_t declaredAt) REQUIR
     return true;
 }
 
-void detectPair(videoSyncFrac_priv& priv, int pattern) REQUIRES(priv.lock) {
+void detectPair(videoSyncFrac_priv& priv, int pattern) KORVANE_REQUIRES(priv.lock) {
     const auto [name, a, b] = kPatterns[pattern];
     const int32_t cur = priv.curFrame.repeatVsyncCnt;
     const int32_t prev = priv.prevFrame.repeatVsyncCnt;
@@ -88,7 +89,7 @@ void detectPair(videoSyncFrac_priv& priv, int pattern) REQUIRES(priv.lock) {
 
 /// A 2 ends a cycle and starts the next. Only the entries 1 to 3 are looked at, and only a reset
 /// clears them: a cycle that is cut short still counts on the strength of an earlier whole one.
-void startFourOneCycle(videoSyncFrac_priv& priv) REQUIRES(priv.lock) {
+void startFourOneCycle(videoSyncFrac_priv& priv) KORVANE_REQUIRES(priv.lock) {
     const bool wholeCycle =
         std::all_of(std::begin(priv.fourOneHistory) + 1, std::end(priv.fourOneHistory),
                     [](int32_t repeats) { return repeats == 1; });
@@ -99,7 +100,7 @@ void startFourOneCycle(videoSyncFrac_priv& priv) REQUIRES(priv.lock) {
     priv.fourOneIndex = 1;
 }
 
-void breakFourOneCycle(videoSyncFrac_priv& priv) REQUIRES(priv.lock) {
+void breakFourOneCycle(videoSyncFrac_priv& priv) KORVANE_REQUIRES(priv.lock) {
     priv.fourOneIndex = 0;
     priv.fourOneHistory[0] = 0;
     if (endRun(priv, kPattern41, kCyclesToDeclare)) {
@@ -107,7 +108,7 @@ void breakFourOneCycle(videoSyncFrac_priv& priv) REQUIRES(priv.lock) {
     }
 }
 
-void detectFourOne(videoSyncFrac_priv& priv) REQUIRES(priv.lock) {
+void detectFourOne(videoSyncFrac_priv& priv) KORVANE_REQUIRES(priv.lock) {
     const int32_t cur = priv.curFrame.repeatVsyncCnt;
     const bool insideCycle = priv.fourOneIndex >= 1 && priv.fourOneIndex < kCycleLength;
     if (cur == 1 && insideCycle) {
@@ -127,7 +128,7 @@ const char* korvane::frac::patternName(int32_t pattern) {
 }
 
 // getRealTime, which holds the lock, is the caller.
-NO_THREAD_SAFETY_ANALYSIS bool VideoSyncFRAC::detectPattern(int pattern) {
+KORVANE_LOCKS_UNCHECKED bool VideoSyncFRAC::detectPattern(int pattern) {
     if (isMissing(mPriv, __func__)) {
         return false;
     }

@@ -61,7 +61,7 @@ GridPosition positionOnGrid(const VsyncInfo& vsync, int64_t timeUs) {
 }
 
 void fillRecord(videoSyncFrac_priv& priv, int64_t mediaTimeUs, int64_t realTimeUs, int32_t frameNo)
-    REQUIRES(priv.lock) {
+    KORVANE_REQUIRES(priv.lock) {
     SyncFrame& frame = priv.curFrame;
     frame.mediaTimeUs = mediaTimeUs;
     frame.realTimeUs = realTimeUs;
@@ -75,7 +75,7 @@ void fillRecord(videoSyncFrac_priv& priv, int64_t mediaTimeUs, int64_t realTimeU
 
 /// The first frame after a reset fixes the offset between real time and grid: it goes to a quarter
 /// of a period after the start of its interval.
-void placeFirstFrame(videoSyncFrac_priv& priv) REQUIRES(priv.lock) {
+void placeFirstFrame(videoSyncFrac_priv& priv) KORVANE_REQUIRES(priv.lock) {
     SyncFrame& frame = priv.curFrame;
     const int64_t startUs = positionOnGrid(priv.lastVsync, frame.realTimeUs).intervalUs;
     const int64_t quarterUs = priv.lastVsync.vsyncInc / 4;
@@ -95,7 +95,7 @@ void placeFirstFrame(videoSyncFrac_priv& priv) REQUIRES(priv.lock) {
 /// Later frames are shifted by the first one's offset and counted against the frame before.
 /// pullFrame is not cleared here: once a frame was pulled, every later record says so until a
 /// reset.
-void placeNextFrame(videoSyncFrac_priv& priv) REQUIRES(priv.lock) {
+void placeNextFrame(videoSyncFrac_priv& priv) KORVANE_REQUIRES(priv.lock) {
     SyncFrame& frame = priv.curFrame;
     frame.holdFrame = 0;
     frame.syncRealTimeUs = saturatingAdd(frame.realTimeUs, priv.hwcOffset);
@@ -146,14 +146,14 @@ struct SafeRange {
     int64_t latestUs;
 };
 
-SafeRange safeRange(const videoSyncFrac_priv& priv) REQUIRES(priv.lock) {
+SafeRange safeRange(const videoSyncFrac_priv& priv) KORVANE_REQUIRES(priv.lock) {
     const int64_t startUs = priv.curFrame.vsyncTime;
     return {saturatingAdd(startUs, kMarginUs),
             saturatingAdd(startUs, priv.lastVsync.vsyncInc - kMarginUs)};
 }
 
 /// No pattern: a time near either edge goes to the start of its interval plus the margin.
-void keepOffEdges(videoSyncFrac_priv& priv) REQUIRES(priv.lock) {
+void keepOffEdges(videoSyncFrac_priv& priv) KORVANE_REQUIRES(priv.lock) {
     SyncFrame& frame = priv.curFrame;
     const auto [earliestUs, latestUs] = safeRange(priv);
     if (earliestUs < frame.syncRealTimeUs && frame.syncRealTimeUs < latestUs) {
@@ -167,7 +167,7 @@ void keepOffEdges(videoSyncFrac_priv& priv) REQUIRES(priv.lock) {
 }
 
 /// In pattern: a time near an edge goes to the margin at that edge.
-void clampOffEdges(videoSyncFrac_priv& priv) REQUIRES(priv.lock) {
+void clampOffEdges(videoSyncFrac_priv& priv) KORVANE_REQUIRES(priv.lock) {
     SyncFrame& frame = priv.curFrame;
     const auto [earliestUs, latestUs] = safeRange(priv);
     if (frame.syncRealTimeUs <= earliestUs) {
@@ -180,7 +180,7 @@ void clampOffEdges(videoSyncFrac_priv& priv) REQUIRES(priv.lock) {
 /// Moves the frame by whole vsyncs, to the start of the new interval plus the margin. The repeat
 /// count becomes the expected one, whatever the move amounts to.
 void moveByVsyncs(videoSyncFrac_priv& priv, int64_t vsyncs, int32_t repeatVsyncCnt)
-    REQUIRES(priv.lock) {
+    KORVANE_REQUIRES(priv.lock) {
     SyncFrame& frame = priv.curFrame;
     frame.repeatVsyncCnt = repeatVsyncCnt;
     frame.targetVsyncCnt = saturatingAdd(frame.targetVsyncCnt, vsyncs);
@@ -189,7 +189,7 @@ void moveByVsyncs(videoSyncFrac_priv& priv, int64_t vsyncs, int32_t repeatVsyncC
 }
 
 /// One vsync too early: hold the previous frame for one more.
-void holdOneVsync(videoSyncFrac_priv& priv, int32_t should) REQUIRES(priv.lock) {
+void holdOneVsync(videoSyncFrac_priv& priv, int32_t should) KORVANE_REQUIRES(priv.lock) {
     KORVANE_LOGD(gLogMask, kLogFrame, kTag, "need hold one sync !!");
     moveByVsyncs(priv, 1, should);
     priv.curFrame.holdFrame = 1;
@@ -199,7 +199,7 @@ void holdOneVsync(videoSyncFrac_priv& priv, int32_t should) REQUIRES(priv.lock) 
 
 /// Two vsyncs too early right after a held frame, on 59.94 Hz: the content is faster than the
 /// display by a whole vsync now. One vsync is made up for; the short frame takes up the other.
-void makeShortFrame(videoSyncFrac_priv& priv, int32_t should) REQUIRES(priv.lock) {
+void makeShortFrame(videoSyncFrac_priv& priv, int32_t should) KORVANE_REQUIRES(priv.lock) {
     SyncFrame& frame = priv.curFrame;
     const char* name = patternName(priv.curPattern);
     // Numbers restart with the grid while the last short frame's stays, so this can be negative.
@@ -221,7 +221,7 @@ void makeShortFrame(videoSyncFrac_priv& priv, int32_t should) REQUIRES(priv.lock
 }
 
 /// Two or more vsyncs too early.
-void escape(videoSyncFrac_priv& priv, ExpectedCounts expected) REQUIRES(priv.lock) {
+void escape(videoSyncFrac_priv& priv, ExpectedCounts expected) KORVANE_REQUIRES(priv.lock) {
     const int32_t repeatVsyncCnt = priv.curFrame.repeatVsyncCnt;
     const char* name = patternName(priv.curPattern);
     KORVANE_LOGE(kTag,
@@ -245,7 +245,7 @@ void escape(videoSyncFrac_priv& priv, ExpectedCounts expected) REQUIRES(priv.loc
 }
 
 /// One vsync too long: pull the frame one vsync earlier, to the end of that interval.
-void pullOneVsync(videoSyncFrac_priv& priv, int32_t should) REQUIRES(priv.lock) {
+void pullOneVsync(videoSyncFrac_priv& priv, int32_t should) KORVANE_REQUIRES(priv.lock) {
     SyncFrame& frame = priv.curFrame;
     moveByVsyncs(priv, -1, should);
     frame.syncRealTimeUs = saturatingSub(frame.vsyncTime, kMarginUs);
@@ -256,7 +256,7 @@ void pullOneVsync(videoSyncFrac_priv& priv, int32_t should) REQUIRES(priv.lock) 
 
 /// Two or more vsyncs too long. On 60 Hz, after a pulled frame, two are the content being slower
 /// than the display by a whole vsync now: one is made up for, the freeze frame takes the other.
-void freeze(videoSyncFrac_priv& priv, ExpectedCounts expected) REQUIRES(priv.lock) {
+void freeze(videoSyncFrac_priv& priv, ExpectedCounts expected) KORVANE_REQUIRES(priv.lock) {
     const int32_t repeatVsyncCnt = priv.curFrame.repeatVsyncCnt;
     const char* name = patternName(priv.curPattern);
     KORVANE_LOGE(kTag,
@@ -277,7 +277,7 @@ void freeze(videoSyncFrac_priv& priv, ExpectedCounts expected) REQUIRES(priv.loc
     }
 }
 
-void keepPattern(videoSyncFrac_priv& priv) REQUIRES(priv.lock) {
+void keepPattern(videoSyncFrac_priv& priv) KORVANE_REQUIRES(priv.lock) {
     const ExpectedCounts expected = expectedCounts(priv.curPattern, priv.prevFrame.repeatVsyncCnt);
     const int64_t excess = int64_t{priv.curFrame.repeatVsyncCnt} - expected.should;
     if (excess == 0) {
@@ -323,8 +323,9 @@ bool VideoSyncFRAC::getRealTime(long mediaTimeUs, long realTimeUs, int frameNo,
     return true;
 }
 
-NO_THREAD_SAFETY_ANALYSIS bool VideoSyncFRAC::updateSyncFrame(long mediaTimeUs, long realTimeUs,
-                                                              int frameNo) {
+// As is detectPattern: getRealTime, which holds the lock, is the caller.
+KORVANE_LOCKS_UNCHECKED bool VideoSyncFRAC::updateSyncFrame(long mediaTimeUs, long realTimeUs,
+                                                            int frameNo) {
     if (isMissing(mPriv, __func__)) {
         return false;
     }
@@ -346,7 +347,8 @@ NO_THREAD_SAFETY_ANALYSIS bool VideoSyncFRAC::updateSyncFrame(long mediaTimeUs, 
     return true;
 }
 
-NO_THREAD_SAFETY_ANALYSIS bool VideoSyncFRAC::checkPattern(long* outRealTimeUs) {
+// As updateSyncFrame.
+KORVANE_LOCKS_UNCHECKED bool VideoSyncFRAC::checkPattern(long* outRealTimeUs) {
     if (isMissing(mPriv, __func__)) {
         return false;
     }

@@ -56,7 +56,7 @@ int64_t wholeHertz(int32_t periodUs) {
 /// Makes a vsync the grid's first one and looks up the display's mode.
 /// @param dispModeRow  index into the display-mode table, or below 0
 void startGrid(videoSyncFrac_priv& priv, int64_t vsyncTimeUs, int32_t vsyncIncUs, int dispModeRow)
-    REQUIRES(priv.lock) {
+    KORVANE_REQUIRES(priv.lock) {
     priv.firstVsync = {vsyncTimeUs, vsyncIncUs, 1};
     priv.lastVsync = priv.firstVsync;
     priv.patternCheckSupported = false;
@@ -75,7 +75,7 @@ void startGrid(videoSyncFrac_priv& priv, int64_t vsyncTimeUs, int32_t vsyncIncUs
 
 /// Moves the last vsync on to a later one with the same period.
 /// @param vsyncTimeUs  not before the last vsync
-void advanceGrid(videoSyncFrac_priv& priv, int64_t vsyncTimeUs) REQUIRES(priv.lock) {
+void advanceGrid(videoSyncFrac_priv& priv, int64_t vsyncTimeUs) KORVANE_REQUIRES(priv.lock) {
     VsyncInfo& last = priv.lastVsync;
     const int64_t elapsedUs = vsyncTimeUs - last.vsyncTime;
     // To the nearest: half a period counts as a whole one.
@@ -109,7 +109,7 @@ VideoSyncFRAC::~VideoSyncFRAC() {
 }
 
 // Without the lock: it is not recursive and updateHWCVsyncInfo, which holds it, resets too.
-NO_THREAD_SAFETY_ANALYSIS bool VideoSyncFRAC::resetFRC() {
+KORVANE_LOCKS_UNCHECKED bool VideoSyncFRAC::resetFRC() {
     if (isMissing(mPriv, __func__)) {
         return false;
     }

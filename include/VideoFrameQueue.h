@@ -13,6 +13,7 @@
 #include <list>
 #include <mutex>
 
+#include "ThreadAnnotations.h"
 #include "VideoFrame.h"
 
 /// All operations may be called from any thread.
@@ -72,13 +73,13 @@ private:
         return true;
     }
 
-    size_t publishSize() {
+    size_t publishSize() KORVANE_REQUIRES(mLeafLock) {
         const size_t size = mFrames.size();
         mSize.store(size, std::memory_order_release);
         return size;
     }
 
     mutable std::mutex mLeafLock;
-    std::list<videoframe> mFrames;
+    std::list<videoframe> mFrames KORVANE_GUARDED_BY(mLeafLock);
     std::atomic<size_t> mSize{0};
 };

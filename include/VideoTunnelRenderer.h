@@ -29,6 +29,7 @@
 #include <list>
 #include <mutex>
 
+#include "ThreadAnnotations.h"
 #include "VideoFrame.h"
 #include "VideoFrameQueue.h"
 
@@ -39,12 +40,6 @@ class DisplayAdapterWraper;
 class VideoSyncFRAC;
 class VideoSyncWraper;
 class VideoTunnelWraper;
-
-#if defined(_LIBCPP_ENABLE_THREAD_SAFETY_ANNOTATIONS)
-#define KORVANE_GUARDED_BY(lock) __attribute__((guarded_by(lock)))
-#else
-#define KORVANE_GUARDED_BY(lock)
-#endif
 
 /// A player's callback. `info` points to what the slot's type says and is valid during the call.
 /// For types 0 and 2, 0 means that the player took the buffer; any other result leaves it uncounted
@@ -89,20 +84,21 @@ public:
     /// discarded without a callback; so are buffers still inside the tunnel: after `stop` returns
     /// every buffer is the player's again. Ends any wait of the worker threads at once.
     /// @return 1
-    virtual int stop();
+    virtual int stop() KORVANE_EXCLUDES(mInputLock, mShowLock, mRenderTimeLock);
 
     /// Queues one frame; never blocks on playback and never refuses. May be called before `start`.
     /// @param fd  the buffer; stays the player's, but must not be written until it comes back
     /// @param timestampUs  media time, microseconds
     /// @param peek  show this frame at once, before audio starts
     /// @return 1
-    virtual int sendVideoFrame(int fd, long timestampUs, bool peek);
+    virtual int sendVideoFrame(int fd, long timestampUs, bool peek) KORVANE_EXCLUDES(mInputLock);
 
     /// Stores a callback in the slot of its type, replacing an earlier one. Callbacks cannot be
     /// removed.
     /// @return 0 when stored; -1 for a type above 2 or no callback. A negative type stores nothing
     ///         and returns 0.
-    virtual int regCallBack(int type, VideoTunnelCallback callback, void* userData);
+    virtual int regCallBack(int type, VideoTunnelCallback callback, void* userData)
+        KORVANE_EXCLUDES(mCallbackLock);
 
     /// Hands every queued frame back (rendered = 0) on the caller's thread and makes the next frame
     /// synchronise with audio afresh. Buffers already in the tunnel come back as usual. A wait of
@@ -119,7 +115,7 @@ public:
     /// Marks the only queued frame to be shown at once, before audio starts; does nothing when not
     /// exactly one frame is queued.
     /// @return 1
-    virtual int peekFirstFrame();
+    virtual int peekFirstFrame() KORVANE_EXCLUDES(mInputLock);
 
     /// Tells the media-sync instance of a frame that is on its way (tuner pass-through).
     /// @param timestampUs  media time, in the unit that the instance expects
@@ -148,7 +144,7 @@ public:
     /// Reports the oldest pending render time if it has passed, at most one per call. The fill
     /// thread does this about every 500 microseconds.
     /// @return 1
-    int nodifyRenderTime();
+    int nodifyRenderTime() KORVANE_EXCLUDES(mRenderTimeLock, mCallbackLock);
 
 private:
     friend struct VideoTunnelRendererPeer;  // tests step the drain thread's operations one by one
@@ -170,8 +166,8 @@ private:
 
     // drain thread: frames to the tunnel
     static void* drainVideoFrameThread(void* renderer);
-    bool getNeedShowVideoFrame(videoframe* frame);
-    int firstFrameVpeekCheck();
+    bool getNeedShowVideoFrame(videoframe* frame) KORVANE_EXCLUDES(mInputLock);
+    int firstFrameVpeekCheck() KORVANE_EXCLUDES(mInputLock, mRenderTimeLock);
     int drainVideoFrame(videoframe* frame);
     KORVANE_INTERNAL void drainPassthroughFrame(videoframe* frame);
     KORVANE_INTERNAL void queryDisplayVsync(FramePass* pass);
@@ -181,9 +177,10 @@ private:
     KORVANE_INTERNAL void dropLateFrame(FramePass* pass);
     KORVANE_INTERNAL void showDueFrame(FramePass* pass, int64_t earlyUs);
     KORVANE_INTERNAL static void logFrameTiming(const FramePass& pass);
-    int waitShowTime(int64_t waitUs);
+    int waitShowTime(int64_t waitUs) KORVANE_EXCLUDES(mShowLock);
+    /// Takes mRenderTimeLock, but for a peek frame, whose caller holds it.
     int showFrame(videoframe* frame, int64_t presentationTimeUs);
-    KORVANE_INTERNAL void showPeekFrame(videoframe* frame);
+    KORVANE_INTERNAL void showPeekFrame(videoframe* frame) KORVANE_EXCLUDES(mRenderTimeLock);
 
     // drain thread: audio/video decisions
     int syncWithAudio(videoframe* frame);
@@ -202,7 +199,7 @@ private:
     static void* fillVideoFrameThread(void* renderer);
     /// The one way in which a buffer goes back to the player.
     /// @return the callbacks' result, -1 without any
-    KORVANE_INTERNAL int returnFrame(int32_t fd, bool rendered);
+    KORVANE_INTERNAL int returnFrame(int32_t fd, bool rendered) KORVANE_EXCLUDES(mCallbackLock);
 
     // Where threads share a member, it is an atomic of the plain type's size: flags are polled,
     // never waited for under a lock.
@@ -223,12 +220,13 @@ private:
     std::atomic<int32_t> mVsyncPeriodNs{16666666};  // 60 Hz until the display has been asked
 
     VideoFrameQueue mVideoFrameInputQueue;
-    std::mutex mInputLock;
+    // These two guard no member: they order waking and waiting. See `flush` for who does without.
+    std::mutex mInputLock KORVANE_ACQUIRED_BEFORE(mRenderTimeLock, mCallbackLock);
     std::condition_variable mInputCond;
     std::mutex mShowLock;
     std::condition_variable mShowCond;
     std::list<rendertime> mRenderTimeList KORVANE_GUARDED_BY(mRenderTimeLock);
-    std::mutex mRenderTimeLock;  // where two are held: mInputLock first
+    std::mutex mRenderTimeLock KORVANE_ACQUIRED_BEFORE(mCallbackLock);
 
     std::atomic<bool> mQueueRunning{false};
     std::atomic<bool> mFillRunning{false};

@@ -89,5 +89,5 @@ public:
 private:
     // The object's true size is its library's secret, while we allocate it: more room than any
     // implementation has needed, so that its constructor never writes past ours.
-    alignas(16) unsigned char mOpaque[1024];
+    [[maybe_unused]] alignas(16) unsigned char mOpaque[1024];
 };

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <chrono>
 
+#include "tv/ScopedLock.h"
 #include "tv/Tv.h"
 
 namespace korvane::player {
@@ -33,7 +34,10 @@ AudioFeeder::~AudioFeeder() {
 }
 
 void AudioFeeder::start() {
-    mOpenBeforeNs = tv::nowNs() + kPictureWaitNs;
+    {
+        const std::lock_guard<std::mutex> guard(mLock);
+        mOpenBeforeNs = tv::nowNs() + kPictureWaitNs;
+    }
     mThread = std::thread([this] { run(); });
 }
 
@@ -80,12 +84,12 @@ tv::AudioReport AudioFeeder::report() const {
 }
 
 void AudioFeeder::run() {
-    std::unique_lock<std::mutex> lock(mLock);
+    tv::WaitLock lock(mLock);
     while (!mStopping) {
         if (!mHeld && !mEnded && readyForMore()) {
             handOverOne();
         } else {
-            mWake.wait_for(lock, mOpened || mHeld ? kPoll : kOpeningPoll);
+            mWake.wait_for(lock.forWait(), mOpened || mHeld ? kPoll : kOpeningPoll);
         }
     }
 }

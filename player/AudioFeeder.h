@@ -14,6 +14,7 @@
 #include <mutex>
 #include <thread>
 
+#include "include/ThreadAnnotations.h"
 #include "player/FrameSource.h"
 #include "tv/AudioOutput.h"
 
@@ -45,24 +46,24 @@ public:
 
 private:
     void run();
-    bool readyForMore();
-    bool pictureWaits();
-    void handOverOne();
+    bool readyForMore() KORVANE_REQUIRES(mLock);
+    bool pictureWaits() KORVANE_REQUIRES(mLock);
+    void handOverOne() KORVANE_REQUIRES(mLock);
 
     const bool mWaitForPicture;
     std::shared_ptr<tv::SyncInstance> mInstance;
     tv::AudioOutput mOutput;
-    const std::unique_ptr<PacketSource> mSource;
+    const std::unique_ptr<PacketSource> mSource KORVANE_PT_GUARDED_BY(mLock);
 
     std::mutex mLock;
     std::condition_variable mWake;
-    bool mStopping = false;
-    bool mEnded = false;
-    bool mHeld = false;
-    bool mOpened = false;  ///< the picture waits; packets may go over
-    int64_t mOpenBeforeNs = 0;
-    int64_t mQueuedUpToUs = 0;
-    int64_t mQueuedFromUs = -1;
+    bool mStopping KORVANE_GUARDED_BY(mLock) = false;
+    bool mEnded KORVANE_GUARDED_BY(mLock) = false;
+    bool mHeld KORVANE_GUARDED_BY(mLock) = false;
+    bool mOpened KORVANE_GUARDED_BY(mLock) = false;  ///< the picture waits; packets may go over
+    int64_t mOpenBeforeNs KORVANE_GUARDED_BY(mLock) = 0;
+    int64_t mQueuedUpToUs KORVANE_GUARDED_BY(mLock) = 0;
+    int64_t mQueuedFromUs KORVANE_GUARDED_BY(mLock) = -1;
     std::thread mThread;
 };
 

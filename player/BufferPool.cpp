@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "player/BufferPool.h"
 
+#include <fcntl.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -10,6 +11,7 @@
 #include <system_error>
 
 #include "tv/Picture.h"
+#include "tv/ScopedLock.h"
 
 extern "C" {
 #include <libavutil/frame.h>
@@ -30,10 +32,13 @@ constexpr int kRowAlignment = 32;
 
 BufferPool::BufferPool(int buffers) : mBuffers(static_cast<size_t>(buffers)) {
     for (size_t i = 0; i < mBuffers.size(); ++i) {
-        mBuffers[i].fd = memfd_create("korvane-frame", MFD_CLOEXEC);
+        mBuffers[i].fd = memfd_create("korvane-frame", MFD_CLOEXEC | MFD_ALLOW_SEALING);
         if (mBuffers[i].fd < 0) {
             throwErrno("cannot make a frame buffer");
         }
+        // A display can map what never shrinks; where sealing fails it reads.
+        (void)fcntl(mBuffers[i].fd, F_ADD_SEALS, F_SEAL_SHRINK);
+        mHoldings.push_back({static_cast<int>(i), false, -1});
         mFree.push_back(static_cast<int>(i));
     }
     mReport.buffers = buffers;
@@ -52,13 +57,14 @@ BufferPool::~BufferPool() {
 }
 
 int BufferPool::acquire(std::chrono::nanoseconds timeout) {
-    std::unique_lock<std::mutex> lock(mLock);
+    tv::WaitLock lock(mLock);
     if (mFree.empty() && !mWaiting) {
         mWaiting = true;
         mWaitStart = std::chrono::steady_clock::now();
         ++mReport.waits;
     }
-    if (!mFreed.wait_for(lock, timeout, [this] { return !mFree.empty(); })) {
+    if (!mFreed.wait_for(lock.forWait(), timeout,
+                         [this]() KORVANE_REQUIRES(mLock) { return !mFree.empty(); })) {
         return -1;
     }
     if (mWaiting) {
@@ -117,8 +123,7 @@ size_t BufferPool::fill(int index, const AVFrame* picture, int64_t frameNo, int6
     header.mediaTimeUs = mediaTimeUs;
     std::memcpy(buffer.memory, &header, sizeof header);
     const std::lock_guard<std::mutex> guard(mLock);
-    buffer.frameNo = frameNo;
-    buffer.out = true;
+    mHoldings[static_cast<size_t>(index)] = {index, true, frameNo};
     return bytes;
 }
 
@@ -135,11 +140,7 @@ int BufferPool::indexOf(int fd) const {
 BufferPool::Holding BufferPool::holding(int fd) const {
     const std::lock_guard<std::mutex> guard(mLock);
     const int index = indexOf(fd);
-    if (index < 0) {
-        return {};
-    }
-    const Buffer& buffer = mBuffers[static_cast<size_t>(index)];
-    return {index, buffer.out, buffer.frameNo};
+    return index < 0 ? Holding{} : mHoldings[static_cast<size_t>(index)];
 }
 
 void BufferPool::giveBack(int fd) {
@@ -149,12 +150,12 @@ void BufferPool::giveBack(int fd) {
         ++mReport.unknownReturned;
         return;
     }
-    Buffer& buffer = mBuffers[static_cast<size_t>(index)];
-    if (!buffer.out) {
+    Holding& holding = mHoldings[static_cast<size_t>(index)];
+    if (!holding.out) {
         ++mReport.returnedAgain;
         return;
     }
-    buffer.out = false;
+    holding.out = false;
     ++mReport.returnedByCallback;
     mFree.push_back(index);
     mFreed.notify_one();
@@ -162,11 +163,11 @@ void BufferPool::giveBack(int fd) {
 
 void BufferPool::takeBackAll() {
     const std::lock_guard<std::mutex> guard(mLock);
-    for (size_t i = 0; i < mBuffers.size(); ++i) {
-        if (mBuffers[i].out) {
-            mBuffers[i].out = false;
+    for (Holding& holding : mHoldings) {
+        if (holding.out) {
+            holding.out = false;
             ++mReport.takenBackAtStop;
-            mFree.push_back(static_cast<int>(i));
+            mFree.push_back(holding.buffer);
         }
     }
 }

@@ -18,6 +18,8 @@
 #include <mutex>
 #include <vector>
 
+#include "include/ThreadAnnotations.h"
+
 struct AVFrame;
 
 namespace korvane::player {
@@ -66,24 +68,24 @@ public:
     PoolReport report() const;
 
 private:
+    /// A buffer's memory; its number never changes, the rest is the player's thread's.
     struct Buffer {
         int fd = -1;
         unsigned char* memory = nullptr;
         size_t bytes = 0;
-        bool out = false;
-        int64_t frameNo = -1;
     };
     static void grow(Buffer& buffer, size_t bytes);
     static size_t copyPlanes(Buffer& buffer, const AVFrame& picture);
     int indexOf(int fd) const;
 
+    std::vector<Buffer> mBuffers;
     mutable std::mutex mLock;
     std::condition_variable mFreed;
-    std::vector<Buffer> mBuffers;
-    std::deque<int> mFree;
-    bool mWaiting = false;
-    std::chrono::steady_clock::time_point mWaitStart;
-    PoolReport mReport;
+    std::vector<Holding> mHoldings KORVANE_GUARDED_BY(mLock);  ///< one for each buffer
+    std::deque<int> mFree KORVANE_GUARDED_BY(mLock);
+    bool mWaiting KORVANE_GUARDED_BY(mLock) = false;
+    std::chrono::steady_clock::time_point mWaitStart KORVANE_GUARDED_BY(mLock);
+    PoolReport mReport KORVANE_GUARDED_BY(mLock);
 };
 
 }  // namespace korvane::player

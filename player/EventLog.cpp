@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <charconv>
 #include <cstdio>
+#include <cstring>
 #include <ostream>
 #include <tuple>
 #include <utility>
@@ -16,6 +17,9 @@ constexpr uint64_t kHashBasis = 0xcbf29ce484222325;
 constexpr uint64_t kHashPrime = 0x100000001b3;
 /// Lines are hashed and written in blocks of about this size.
 constexpr size_t kBlockBytes = 1 << 16;
+/// Room for one number, and for a line's time, kind and three numbers with their names.
+constexpr size_t kLongestNumber = 24;
+constexpr size_t kLongestNumbers = 256;
 
 /// What a kind is called, and what its numbers are; null: it has none.
 struct KindNames {
@@ -70,33 +74,38 @@ KindNames namesOf(EventKind kind) {
     return {"log", "priority", nullptr};
 }
 
-void append(std::string* line, int64_t number) {
-    char digits[24];
-    const auto end = std::to_chars(digits, digits + sizeof digits, number);
-    line->append(digits, end.ptr);
+// A line is put together in place: each of these writes at `to` and returns where the next one
+// goes.
+
+char* put(char* to, const char* text) {
+    return std::copy(text, text + std::strlen(text), to);
 }
 
-void appendNumber(std::string* line, const char* name, int64_t number) {
-    if (name != nullptr) {
-        line->push_back(' ');
-        line->append(name);
-        line->push_back('=');
-        append(line, number);
+char* put(char* to, int64_t number) {
+    return std::to_chars(to, to + kLongestNumber, number).ptr;
+}
+
+char* putNamed(char* to, const char* name, int64_t number) {
+    if (name == nullptr) {
+        return to;
     }
+    *to++ = ' ';
+    to = put(to, name);
+    *to++ = '=';
+    return put(to, number);
 }
 
 /// Seconds with nine decimals, from whole numbers.
-void appendTime(std::string* line, int64_t ns) {
+char* putTime(char* to, int64_t ns) {
+    constexpr int64_t kSecond = 1'000'000'000;
     if (ns < 0) {
-        line->push_back('-');
+        *to++ = '-';
         ns = -ns;
     }
-    append(line, ns / 1'000'000'000);
-    line->push_back('.');
-    char digits[24];
-    const auto end = std::to_chars(digits, digits + sizeof digits, ns % 1'000'000'000);
-    line->append(static_cast<size_t>(9 - (end.ptr - digits)), '0');
-    line->append(digits, end.ptr);
+    to = put(to, ns / kSecond);
+    char* const end = put(to, kSecond + ns % kSecond);
+    *to = '.';  // where the leading 1 stands, which keeps the decimals' zeros
+    return end;
 }
 
 }  // namespace
@@ -122,20 +131,22 @@ void EventLog::release(int64_t beforeNs) {
         return std::tie(left.timeNs, left.kind, left.frameNo) <
                std::tie(right.timeNs, right.kind, right.frameNo);
     });
-    std::for_each(mWaiting.begin(), later, [this](const Event& event) { write(event); });
+    for (auto event = mWaiting.begin(); event != later; ++event) {
+        write(*event);
+    }
     mWaiting.erase(mWaiting.begin(), later);
 }
 
 void EventLog::write(const Event& event) {
     const KindNames names = namesOf(event.kind);
-    appendTime(&mBlock, event.timeNs - mStartNs);
-    mBlock.push_back(' ');
-    mBlock.append(names.name);
-    if (event.frameNo >= 0) {
-        appendNumber(&mBlock, "frame", event.frameNo);
-    }
-    appendNumber(&mBlock, names.first, event.first);
-    appendNumber(&mBlock, names.second, event.second);
+    char line[kLongestNumbers];
+    char* end = putTime(line, event.timeNs - mStartNs);
+    *end++ = ' ';
+    end = put(end, names.name);
+    end = event.frameNo >= 0 ? putNamed(end, "frame", event.frameNo) : end;
+    end = putNamed(end, names.first, event.first);
+    end = putNamed(end, names.second, event.second);
+    mBlock.append(line, static_cast<size_t>(end - line));
     if (!event.text.empty()) {
         mBlock.push_back(' ');
         mBlock.append(event.text);
@@ -163,7 +174,13 @@ void EventLog::finish() {
     drainBlock();
 }
 
+int64_t EventLog::lines() const {
+    const std::lock_guard<std::mutex> guard(mLock);
+    return mLines;
+}
+
 std::string EventLog::hash() const {
+    const std::lock_guard<std::mutex> guard(mLock);
     char text[17];
     std::snprintf(text, sizeof text, "%016llx", static_cast<unsigned long long>(mHash));
     return text;

@@ -19,6 +19,8 @@
 #include <string>
 #include <vector>
 
+#include "include/ThreadAnnotations.h"
+
 namespace korvane::player {
 
 /// In the order in which events of one moment are written: what leaves the screen makes room for
@@ -70,20 +72,19 @@ public:
 
     /// 64 bits, as 16 digits, over all lines written.
     std::string hash() const;
-    int64_t lines() const { return mLines; }
+    int64_t lines() const;
 
 private:
-    // The following need mLock.
-    void write(const Event& event);
-    void drainBlock();
+    void write(const Event& event) KORVANE_REQUIRES(mLock);
+    void drainBlock() KORVANE_REQUIRES(mLock);
 
-    std::mutex mLock;
-    std::vector<Event> mWaiting;
-    std::string mBlock;  ///< lines not yet hashed and written
-    std::ostream* const mOut;
-    int64_t mStartNs = 0;
-    int64_t mLines = 0;
-    uint64_t mHash;
+    mutable std::mutex mLock;
+    std::vector<Event> mWaiting KORVANE_GUARDED_BY(mLock);
+    std::string mBlock KORVANE_GUARDED_BY(mLock);  ///< lines not yet hashed and written
+    std::ostream* const mOut KORVANE_PT_GUARDED_BY(mLock);
+    int64_t mStartNs KORVANE_GUARDED_BY(mLock) = 0;
+    int64_t mLines KORVANE_GUARDED_BY(mLock) = 0;
+    uint64_t mHash KORVANE_GUARDED_BY(mLock);
 };
 
 /// A line of the library's log as it may stand in the event log: its numbers, which may be

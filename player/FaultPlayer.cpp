@@ -4,6 +4,8 @@
 #include <chrono>
 #include <utility>
 
+#include "tv/ScopedLock.h"
+
 namespace korvane::player {
 
 FaultPlayer::FaultPlayer(std::vector<TimedFaults> faults,
@@ -25,11 +27,12 @@ void FaultPlayer::start(int64_t startNs) {
 }
 
 void FaultPlayer::run() {
-    std::unique_lock<std::mutex> lock(mLock);
+    tv::WaitLock lock(mLock);
     for (; mNext < mFaults.size(); ++mNext) {
         const std::chrono::steady_clock::time_point due(
             std::chrono::nanoseconds(mStartNs + mFaults[mNext].atUs * 1000));
-        if (mWake.wait_until(lock, due, [this] { return mStopping; })) {
+        if (mWake.wait_until(lock.forWait(), due,
+                             [this]() KORVANE_REQUIRES(mLock) { return mStopping; })) {
             return;
         }
         mApply(mFaults[mNext].faults);

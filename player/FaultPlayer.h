@@ -10,6 +10,7 @@
 #include <thread>
 #include <vector>
 
+#include "include/ThreadAnnotations.h"
 #include "player/PlaybackPlan.h"
 
 namespace korvane::player {
@@ -33,11 +34,11 @@ private:
 
     const std::vector<TimedFaults> mFaults;
     const std::function<void(const TvFaults&)> mApply;
-    int64_t mStartNs = 0;
+    int64_t mStartNs = 0;  ///< `start`'s, then the thread's, as is mNext
     size_t mNext = 0;
     std::mutex mLock;
     std::condition_variable mWake;
-    bool mStopping = false;
+    bool mStopping KORVANE_GUARDED_BY(mLock) = false;
     std::thread mThread;
 };
 

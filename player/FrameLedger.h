@@ -31,6 +31,7 @@
 #include <string>
 #include <vector>
 
+#include "include/ThreadAnnotations.h"
 #include "player/DropReason.h"
 #include "tv/Tunnel.h"
 
@@ -128,21 +129,20 @@ public:
     static constexpr size_t kWindow = 256;
 
 private:
-    // The following need mLock.
-    void markSettled(FrameEntry& entry);
-    FrameEntry* find(int64_t frameNo);
-    bool laterHasAccount(size_t index) const;
-    bool isFinal(size_t index, int64_t firstInTunnel) const;
-    FrameEntry takeFront();
+    void markSettled(FrameEntry& entry) KORVANE_REQUIRES(mLock);
+    FrameEntry* find(int64_t frameNo) KORVANE_REQUIRES(mLock);
+    bool laterHasAccount(size_t index) const KORVANE_REQUIRES(mLock);
+    bool isFinal(size_t index, int64_t firstInTunnel) const KORVANE_REQUIRES(mLock);
+    FrameEntry takeFront() KORVANE_REQUIRES(mLock);
 
     mutable std::mutex mLock;
-    std::deque<FrameEntry> mEntries;
-    int64_t mFirst = 0;  ///< number of the first entry
-    std::map<int64_t, int64_t> mFrameByMediaTime;
-    int mSection = 0;
-    int64_t mSettled = 0;  ///< of all frames ever
-    int64_t mPositionUs = -1;
-    int64_t mLastEventNs = 0;
+    std::deque<FrameEntry> mEntries KORVANE_GUARDED_BY(mLock);
+    int64_t mFirst KORVANE_GUARDED_BY(mLock) = 0;  ///< number of the first entry
+    std::map<int64_t, int64_t> mFrameByMediaTime KORVANE_GUARDED_BY(mLock);
+    int mSection KORVANE_GUARDED_BY(mLock) = 0;
+    int64_t mSettled KORVANE_GUARDED_BY(mLock) = 0;  ///< of all frames ever
+    int64_t mPositionUs KORVANE_GUARDED_BY(mLock) = -1;
+    int64_t mLastEventNs KORVANE_GUARDED_BY(mLock) = 0;
 };
 
 }  // namespace korvane::player

@@ -14,6 +14,8 @@ extern "C" {
 #include <libavutil/opt.h>
 }
 
+#include "tv/clock/VirtualTime.h"
+
 namespace korvane::player {
 namespace {
 
@@ -145,7 +147,9 @@ CodecPtr openDecoder(const std::string& path, const AVStream& stream) {
             "'" + path + "' holds " + name +
             " video, which this FFmpeg cannot decode; convert it, for example to H.264");
     }
-    codec->thread_count = 0;  // as many as there are cores
+    // In real time as many as there are cores. In virtual time more would gain nothing, and their
+    // number would change the order of all threads, so that a run would depend on the machine.
+    codec->thread_count = tv::VirtualTime::active() ? 1 : 0;
     codec->pkt_timebase = stream.time_base;
     const int result = avcodec_open2(codec.get(), decoder, nullptr);
     if (result < 0) {

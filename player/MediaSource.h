@@ -24,7 +24,7 @@ public:
     using std::runtime_error::runtime_error;
 };
 
-/// Decodes the video stream with FFmpeg's own threads. One thread at a time.
+/// Decodes the video stream; in real time with FFmpeg's own threads. One thread at a time.
 class VideoReader final : public FrameSource {
 public:
     /// @throws InputError

@@ -293,7 +293,8 @@ CLI::App* addPlayCommand(CLI::App* app, PlayOptions* options) {
 CLI::App* addRunCommand(CLI::App* app, RunOptions* options) {
     CLI::App* run = app->add_subcommand(
         "run", "Play scenarios and check what must hold; one verdict line each.");
-    run->add_option("SCENARIO", options->paths, "Scenario files (*.toml), or folders of them")
+    run->add_option("SCENARIO", options->paths,
+                    "Scenario files (*.toml), folders of them, or names of installed ones")
         ->type_name("")
         ->required();
     addText(run, "-j,--jobs", "N", "Scenarios to play at a time, 1 to 256 [1]",
@@ -323,7 +324,8 @@ CLI::App* addRunCommand(CLI::App* app, RunOptions* options) {
 
 CLI::App* addListCommand(CLI::App* app, ListOptions* options) {
     CLI::App* list = app->add_subcommand("list", "Say what each scenario shows and must hold.");
-    list->add_option("DIR", options->path, "A folder of scenarios, or one [scenarios]")
+    list->add_option("DIR", options->path,
+                     "A folder of scenarios, or one [scenarios, else the installed ones]")
         ->type_name("");
     return list;
 }

@@ -1,12 +1,22 @@
 #!/bin/sh
 # SPDX-License-Identifier: Apache-2.0
-# Installs the Debian packages that scripts/packages.txt lists and this machine lacks. Says what it
-# does; silent when nothing is missing. Needs root, or sudo, only then.
+# Installs the Debian packages that scripts/packages.txt and, for each NAME, scripts/packages-NAME.txt
+# list and this machine lacks: install-deps.sh [NAME...]. Says what it does; silent when nothing is
+# missing. Needs root, or sudo, only then.
 set -eu
 
-list="$(dirname "$0")/packages.txt"
+scripts=$(dirname "$0")
+packages=$(grep -hv '^#' "$scripts/packages.txt")
+for name; do
+    if [ ! -r "$scripts/packages-$name.txt" ]; then
+        echo "install-deps: no list '$name'; there are:" \
+            "$(cd "$scripts" && echo packages-*.txt | sed 's/packages-//g; s/\.txt//g')" >&2
+        exit 2
+    fi
+    packages="$packages $(grep -v '^#' "$scripts/packages-$name.txt")"
+done
 missing=
-for package in $(grep -v '^#' "$list"); do
+for package in $packages; do
     # npm also comes with Node.js packages that are not Debian's; the command is what counts.
     if [ "$package" = npm ] && command -v npm >/dev/null 2>&1; then
         continue

@@ -11,6 +11,7 @@
 #include <thread>
 
 #include "tv/AudioModel.h"
+#include "tv/ScopedLock.h"
 #include "tv/Tv.h"
 
 namespace korvane::tv {
@@ -25,15 +26,15 @@ struct AudioOutput::Impl {
     void change(Operation operation) {
         {
             const std::lock_guard<std::mutex> guard(lock);
-            operation(nowNs() / 1000);
+            operation(model, nowNs() / 1000);
         }
         wake.notify_one();
     }
 
     mutable std::mutex lock;
     std::condition_variable wake;
-    AudioModel model;
-    bool stopping = false;
+    AudioModel model KORVANE_GUARDED_BY(lock);
+    bool stopping KORVANE_GUARDED_BY(lock) = false;
     std::thread thread;  // last: it uses the others from its first moment
 };
 
@@ -41,14 +42,14 @@ void AudioOutput::Impl::run() {
     // A wait is cut into pieces of this length, so that a clock that is stepped by hand is
     // followed.
     constexpr int64_t kLongestWaitUs = 1'000'000;
-    std::unique_lock<std::mutex> guard(lock);
+    WaitLock guard(lock);
     while (!stopping) {
         const int64_t nowUs = nowNs() / 1000;
         const int64_t nextUs = model.step(nowUs);
         if (nextUs == std::numeric_limits<int64_t>::max()) {
-            wake.wait(guard);
+            wake.wait(guard.forWait());
         } else if (nextUs > nowUs) {
-            wake.wait_for(guard,
+            wake.wait_for(guard.forWait(),
                           std::chrono::microseconds(std::min(nextUs - nowUs, kLongestWaitUs)));
         }
     }
@@ -62,27 +63,32 @@ AudioOutput::~AudioOutput() {
 }
 
 void AudioOutput::queue(int64_t mediaTimeUs, int64_t durationUs) {
-    mImpl->change([&](int64_t nowUs) { mImpl->model.queue(mediaTimeUs, durationUs, nowUs); });
+    mImpl->change(
+        [&](AudioModel& model, int64_t nowUs) { model.queue(mediaTimeUs, durationUs, nowUs); });
 }
 
 void AudioOutput::endOfStream() {
-    mImpl->change([&](int64_t) { mImpl->model.endOfStream(); });
+    mImpl->change([](AudioModel& model, int64_t) { model.endOfStream(); });
 }
 
 void AudioOutput::pause() {
-    mImpl->change([&](int64_t nowUs) { mImpl->model.pause(nowUs); });
+    mImpl->change([](AudioModel& model, int64_t nowUs) { model.pause(nowUs); });
 }
 
 void AudioOutput::resume() {
-    mImpl->change([&](int64_t nowUs) { mImpl->model.resume(nowUs); });
+    mImpl->change([](AudioModel& model, int64_t nowUs) { model.resume(nowUs); });
 }
 
 void AudioOutput::flush() {
-    mImpl->change([&](int64_t) { mImpl->model.flush(); });
+    mImpl->change([](AudioModel& model, int64_t) { model.flush(); });
 }
 
 void AudioOutput::stop() {
-    mImpl->change([&](int64_t) { mImpl->stopping = true; });
+    {
+        const std::lock_guard<std::mutex> guard(mImpl->lock);
+        mImpl->stopping = true;
+    }
+    mImpl->wake.notify_one();
     if (mImpl->thread.joinable()) {
         mImpl->thread.join();
     }

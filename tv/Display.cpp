@@ -100,15 +100,28 @@ double Display::rateHz() const {
     return mSegments.back().rateHz;
 }
 
+/// The same for the same seed with every C++ library, which std::uniform_int_distribution is not:
+/// the upper word of a random word times the number of values, after Lemire ("Fast Random Integer
+/// Generation in an Interval", 2019), who draws again where one value would come more often.
+int64_t Display::nextErrorNs() {
+    using Product = unsigned __int128;
+    const int64_t jitterNs = mConfig.reportJitterNs;
+    const auto values = 2 * static_cast<uint64_t>(jitterNs) + 1;
+    const uint64_t surplus = (0 - values) % values;
+    Product product = Product{mJitter()} * values;
+    while (static_cast<uint64_t>(product) < surplus) {
+        product = Product{mJitter()} * values;
+    }
+    return static_cast<int64_t>(product >> 64) - jitterNs;
+}
+
 bool Display::report(int64_t nowNs, VsyncReport* out) {
     const std::lock_guard<std::mutex> guard(mLock);
     ++mReportCount;
     if (mReportFails) {
         return false;
     }
-    const int64_t jitterNs = mConfig.reportJitterNs;
-    std::uniform_int_distribution<int64_t> error(-jitterNs, jitterNs);
-    out->timestampNs = lastLocked(nowNs).timeNs + (jitterNs > 0 ? error(mJitter) : 0);
+    out->timestampNs = lastLocked(nowNs).timeNs + (mConfig.reportJitterNs > 0 ? nextErrorNs() : 0);
     out->periodNs = mPeriodOverrideNs.value_or(segmentAt(nowNs).reportedPeriodNs);
     return true;
 }

@@ -19,6 +19,8 @@
 #include <random>
 #include <vector>
 
+#include "include/ThreadAnnotations.h"
+
 namespace korvane::tv {
 
 struct DisplayConfig {
@@ -88,20 +90,20 @@ private:
         int32_t reportedPeriodNs;
         double rateHz;
     };
-    // The following need mLock.
     Segment makeSegment(int64_t firstIndex, int64_t originNs, double rateHz) const;
     static int64_t timeOf(const Segment& segment, int64_t index);
-    const Segment& segmentAt(int64_t timeNs) const;
-    Vsync lastLocked(int64_t timeNs) const;
-    Vsync vsyncLocked(int64_t index) const;
+    const Segment& segmentAt(int64_t timeNs) const KORVANE_REQUIRES(mLock);
+    Vsync lastLocked(int64_t timeNs) const KORVANE_REQUIRES(mLock);
+    Vsync vsyncLocked(int64_t index) const KORVANE_REQUIRES(mLock);
+    int64_t nextErrorNs() KORVANE_REQUIRES(mLock);
 
-    DisplayConfig mConfig;
+    const DisplayConfig mConfig;
     mutable std::mutex mLock;
-    std::vector<Segment> mSegments;
-    std::mt19937_64 mJitter;
-    bool mReportFails = false;
-    std::optional<int32_t> mPeriodOverrideNs;
-    int64_t mReportCount = 0;
+    std::vector<Segment> mSegments KORVANE_GUARDED_BY(mLock);
+    std::mt19937_64 mJitter KORVANE_GUARDED_BY(mLock);
+    bool mReportFails KORVANE_GUARDED_BY(mLock) = false;
+    std::optional<int32_t> mPeriodOverrideNs KORVANE_GUARDED_BY(mLock);
+    int64_t mReportCount KORVANE_GUARDED_BY(mLock) = 0;
 };
 
 }  // namespace korvane::tv

@@ -13,6 +13,7 @@
 #include <mutex>
 #include <vector>
 
+#include "include/ThreadAnnotations.h"
 #include "tv/Observer.h"
 #include "tv/Platform.h"
 
@@ -28,8 +29,8 @@ struct LogState {
     std::atomic<int> lowestPriority{kNotOpen};
     Observer<const LogLine&> observer;
     std::mutex lock;
-    std::vector<LogLine> kept;  ///< guarded by lock
-    size_t notKept = 0;         ///< guarded by lock
+    std::vector<LogLine> kept KORVANE_GUARDED_BY(lock);
+    size_t notKept KORVANE_GUARDED_BY(lock) = 0;
 };
 
 void writeKeptAtExit();

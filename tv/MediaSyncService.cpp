@@ -105,18 +105,18 @@ mediasync_video_policy decision(video_policy policy, int64_t realUs) {
 struct SyncInstance::State {
     explicit State(int instanceId) : id(instanceId) {}
 
-    bool anchorAudio(int64_t mediaUs, int64_t realUs);
-    mediasync_video_policy decide(int64_t mediaUs, int64_t nowUs);
-    void count(const mediasync_video_policy& policy);
+    bool anchorAudio(int64_t mediaUs, int64_t realUs) KORVANE_REQUIRES(lock);
+    mediasync_video_policy decide(int64_t mediaUs, int64_t nowUs) KORVANE_REQUIRES(lock);
+    void count(const mediasync_video_policy& policy) KORVANE_REQUIRES(lock);
 
     const int id;
     mutable std::mutex lock;
-    Clock clock;
-    int64_t updateThresholdUs = kUpdateThresholdUs;
-    bool passthroughEnded = false;
-    VideoPolicyFunction policy;
+    Clock clock KORVANE_GUARDED_BY(lock);
+    int64_t updateThresholdUs KORVANE_GUARDED_BY(lock) = kUpdateThresholdUs;
+    bool passthroughEnded KORVANE_GUARDED_BY(lock) = false;
+    VideoPolicyFunction policy KORVANE_GUARDED_BY(lock);
     std::atomic<int> status{0};
-    SyncCounters counters;
+    SyncCounters counters KORVANE_GUARDED_BY(lock);
 };
 
 bool SyncInstance::State::anchorAudio(int64_t mediaUs, int64_t realUs) {
@@ -229,7 +229,7 @@ int64_t SyncInstance::mediaTimeAt(int64_t realUs) const {
 
 int64_t SyncInstance::trackMediaTime() const {
     const std::lock_guard<std::mutex> guard(mState->lock);
-    const Clock& clock = mState->clock;
+    const Clock clock = mState->clock;
     if (clock.hasTrack) {
         return clock.trackUs;
     }
@@ -352,7 +352,7 @@ SyncCounters SyncInstance::counters() const {
 
 std::string SyncInstance::dump() const {
     const std::lock_guard<std::mutex> guard(mState->lock);
-    const Clock& clock = mState->clock;
+    const Clock clock = mState->clock;
     char text[512];
     std::snprintf(text, sizeof(text),
                   "sync instance %d: mode %d, led by %s, %s; media %" PRId64 " us at real %" PRId64

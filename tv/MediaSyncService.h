@@ -37,6 +37,7 @@
 #include <string>
 #include <vector>
 
+#include "include/ThreadAnnotations.h"
 #include "platform/MediaSync.h"
 
 namespace korvane::tv {
@@ -132,8 +133,8 @@ public:
 
 private:
     mutable std::mutex mLock;
-    std::vector<std::shared_ptr<SyncInstance>> mInstances;
-    bool mCreateFails = false;
+    std::vector<std::shared_ptr<SyncInstance>> mInstances KORVANE_GUARDED_BY(mLock);
+    bool mCreateFails KORVANE_GUARDED_BY(mLock) = false;
 };
 
 }  // namespace korvane::tv

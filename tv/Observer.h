@@ -7,9 +7,9 @@
 #include <atomic>
 #include <functional>
 #include <mutex>
-#include <shared_mutex>
 #include <utility>
 
+#include "tv/ScopedLock.h"
 #include "tv/clock/FiberLocal.h"
 
 namespace korvane::tv {
@@ -20,7 +20,7 @@ public:
     using Function = std::function<void(Arguments...)>;
 
     void set(Function function) {
-        const std::unique_lock<std::shared_mutex> guard(mLock);
+        const std::lock_guard<SharedMutex> guard(mLock);
         mFunction = std::move(function);
         mPresent.store(static_cast<bool>(mFunction), std::memory_order_release);
     }
@@ -36,7 +36,7 @@ public:
         if (inside) {
             return;
         }
-        const std::shared_lock<std::shared_mutex> guard(mLock);
+        const SharedLock guard(mLock);
         if (mFunction) {
             inside = true;
             mFunction(arguments...);
@@ -45,9 +45,9 @@ public:
     }
 
 private:
-    std::shared_mutex mLock;
+    SharedMutex mLock;
     std::atomic<bool> mPresent{false};
-    Function mFunction;
+    Function mFunction KORVANE_GUARDED_BY(mLock);
 };
 
 }  // namespace korvane::tv

@@ -4,6 +4,7 @@
 #include <map>
 #include <mutex>
 
+#include "include/ThreadAnnotations.h"
 #include "tv/Platform.h"
 
 namespace korvane::tv {
@@ -14,7 +15,7 @@ constexpr size_t kLongestValue = 91;
 
 struct PropertyStore {
     std::mutex lock;
-    std::map<std::string, std::string> values;
+    std::map<std::string, std::string> values KORVANE_GUARDED_BY(lock);
 };
 
 PropertyStore& store() {

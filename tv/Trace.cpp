@@ -17,6 +17,7 @@
 
 #include "tv/Observer.h"
 #include "tv/Platform.h"
+#include "tv/ScopedLock.h"
 #include "tv/TraceFile.h"
 #include "tv/TraceRing.h"
 #include "tv/Tv.h"
@@ -53,9 +54,9 @@ private:
     TraceReport mReport;  ///< as is the failure in it
     std::mutex mLock;
     std::condition_variable mWake;
-    bool mStopping = false;            ///< guarded by mLock
-    std::vector<std::string> mTracks;  ///< guarded by mLock
-    size_t mTracksWritten = 0;         ///< the writer's
+    bool mStopping KORVANE_GUARDED_BY(mLock) = false;
+    std::vector<std::string> mTracks KORVANE_GUARDED_BY(mLock);
+    size_t mTracksWritten = 0;  ///< the writer's
     std::thread mWriter;
 };
 
@@ -63,10 +64,10 @@ struct TraceState {
     std::atomic<bool> recording{false};  ///< trace points look here first
     std::atomic<bool> tagEnabled{false};
     Observer<char, const std::string&, int64_t> observer;
-    std::mutex controlLock;  ///< start against stop
-    std::shared_mutex lock;  ///< shared by trace points while they use `current`
-    std::unique_ptr<Recording> current;
-    TraceReport lastReport;
+    std::mutex controlLock KORVANE_ACQUIRED_BEFORE(lock);  ///< start against stop
+    SharedMutex lock;  ///< shared by trace points while they use `current`
+    std::unique_ptr<Recording> current KORVANE_GUARDED_BY(lock);
+    TraceReport lastReport KORVANE_GUARDED_BY(controlLock);
 };
 
 /// Never destroyed: libraries may trace while the process ends.
@@ -117,8 +118,9 @@ void Recording::run() {
     bool stopping = false;
     while (!stopping && mReport.failure.empty()) {
         {
-            std::unique_lock<std::mutex> guard(mLock);
-            stopping = mWake.wait_for(guard, kWriteInterval, [this] { return mStopping; });
+            WaitLock guard(mLock);
+            stopping = mWake.wait_for(guard.forWait(), kWriteInterval,
+                                      [this]() KORVANE_REQUIRES(mLock) { return mStopping; });
         }
         drain();
         mReport.failure = stopping ? mFile.finish() : mFile.write();
@@ -162,7 +164,7 @@ void tracePoint(TraceEvent::Kind kind, char letter, const char* name, int64_t va
     if (!trace.recording) {
         return;
     }
-    const std::shared_lock<std::shared_mutex> guard(trace.lock);
+    const SharedLock guard(trace.lock);
     if (trace.current) {
         trace.current->put(kind, threadId(), name, nowNs(), value);
     }
@@ -181,7 +183,7 @@ bool startTrace(const std::string& path, std::string* error) {
         }
         return false;
     }
-    const std::unique_lock<std::shared_mutex> guard(trace.lock);
+    const std::lock_guard<SharedMutex> guard(trace.lock);
     trace.current = std::move(recording);
     trace.recording = true;
     trace.current->start();
@@ -193,7 +195,7 @@ TraceReport stopTrace() {
     const std::lock_guard<std::mutex> control(trace.controlLock);
     std::unique_ptr<Recording> recording;
     {
-        const std::unique_lock<std::shared_mutex> guard(trace.lock);
+        const std::lock_guard<SharedMutex> guard(trace.lock);
         trace.recording = false;
         recording = std::move(trace.current);
     }
@@ -212,7 +214,7 @@ void traceSlice(const std::string& track, const std::string& name, int64_t start
     if (!trace.recording) {
         return;
     }
-    const std::shared_lock<std::shared_mutex> guard(trace.lock);
+    const SharedLock guard(trace.lock);
     if (trace.current) {
         trace.current->put(TraceEvent::Kind::Slice, trace.current->track(track), name.c_str(),
                            startNs, endNs - startNs);

@@ -2,18 +2,12 @@
 // The tunnel's state: devices, ids, and per id the buffers by stage: waiting, on screen, leaving
 // (replaced, the panel still reads it), returned (the producer may take it back). Stages hold the
 // numbers of buffers in their id's log, which grows at its back and is taken away from its front;
-// each stage holds few, so no step looks at a whole log. A buffer's memory is held by a duplicate
-// of its descriptor until the panel is done, as a driver holds its reference: the producer may
-// close or reuse its own number meanwhile.
-//
-// A release fence is made when the producer takes the buffer back: the read end of a pipe whose
-// write end closes when the fence's time comes. One lock guards it all; nothing is called under it
-// but the trace.
+// each stage holds few, so no step looks at a whole log. A buffer's memory is held until the panel
+// is done. A release fence is made when the producer takes the buffer back. One lock guards it all;
+// nothing is called under it but the trace.
 #include "tv/Tunnel.h"
 
-#include <fcntl.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -25,47 +19,24 @@
 #include <sstream>
 #include <utility>
 
+#include "include/ThreadAnnotations.h"
 #include "platform/Clock.h"
+#include "tv/HeldBuffer.h"
 #include "tv/Platform.h"
+#include "tv/clock/Signal.h"
 
 namespace korvane::tv {
 namespace {
 
 constexpr int64_t kNever = std::numeric_limits<int64_t>::max();
 
-/// A descriptor that is closed when its owner goes.
-class UniqueFd {
-public:
-    UniqueFd() = default;
-    explicit UniqueFd(int fd) : mFd(fd) {}
-    UniqueFd(UniqueFd&& other) noexcept : mFd(other.release()) {}
-    UniqueFd& operator=(UniqueFd&& other) noexcept {
-        std::swap(mFd, other.mFd);
-        return *this;
-    }
-    UniqueFd(const UniqueFd&) = delete;
-    UniqueFd& operator=(const UniqueFd&) = delete;
-    ~UniqueFd() { reset(); }
-
-    int get() const { return mFd; }
-    int release() { return std::exchange(mFd, -1); }
-    void reset() {
-        if (mFd >= 0) {
-            close(std::exchange(mFd, -1));
-        }
-    }
-
-private:
-    int mFd = -1;
-};
-
 /// What the producer gets with a released buffer.
-enum class FenceKind { None, Pipe, WrongMode };
+enum class FenceKind { None, Signal, WrongMode };
 
-/// A fence whose time has not come. The write end is there once the producer has the other one.
+/// A fence whose time has not come. The signal is there once the producer has the descriptor.
 struct PendingFence {
     int64_t signalNs;
-    UniqueFd writeEnd;
+    Signal signal;
 };
 
 struct Returned {
@@ -102,7 +73,8 @@ struct TunnelState {
     int64_t onScreen = -1;
     int64_t leaving = -1;  ///< replaced at the last vsync; read by the panel until the next
     std::deque<Returned> returned;
-    std::map<int64_t, UniqueFd> memory;      ///< by number
+    BufferMemory buffers;
+    std::map<int64_t, HeldBuffer> memory;    ///< by number
     std::map<int64_t, PendingFence> fences;  ///< by number
 
     BufferRecord& at(int64_t number) const { return log->at(number); }
@@ -127,10 +99,22 @@ void release(BufferRecord& buffer, BufferFate fate, int64_t atNs) {
 /// Compares a picture that the panel has finished reading with what was queued.
 void checkPicture(const TunnelState& tunnel, int64_t number) {
     BufferRecord& buffer = tunnel.at(number);
-    const PictureHeader picture = readPicture(tunnel.memory.at(number).get());
+    const PictureHeader picture = tunnel.memory.at(number).picture();
     if (picture.frameNo != buffer.frameNo || picture.mediaTimeUs != buffer.mediaTimeUs) {
         buffer.overwrittenOnScreen = true;
     }
+}
+
+/// Closing one end of a socket pair wakes the other as closing a pipe does, but a socket is open
+/// for reading and writing.
+int makeSocketPair(Signal* signal, int* taken) {
+    int ends[2];
+    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) {
+        return -errno;
+    }
+    *signal = Signal(UniqueFd(ends[1]));
+    *taken = ends[0];
+    return 0;
 }
 
 /// Takes the due buffers from the front, releases all but the last and returns that one, or -1.
@@ -175,31 +159,35 @@ struct Tunnel::Impl {
     explicit Impl(const TunnelConfig& tunnelConfig, Display& panel)
         : config(tunnelConfig), display(panel) {}
 
-    TunnelState* find(int device, int tunnelId);
+    TunnelState* find(int device, int tunnelId) KORVANE_REQUIRES(lock);
     /// At the end of an id; a log with records is forgotten when the last one has been taken.
-    void forgetEmptyLog(int tunnelId);
-    void hear(int64_t nowNs) { latestNs = std::max(latestNs, nowNs); }
+    void forgetEmptyLog(int tunnelId) KORVANE_REQUIRES(lock);
+    void hear(int64_t nowNs) KORVANE_REQUIRES(lock) { latestNs = std::max(latestNs, nowNs); }
 
     // producer
-    void disconnect(TunnelState& tunnel, int64_t nowNs);
-    static int makeFence(TunnelState& tunnel, const Returned& buffer, int* fenceFd);
+    void disconnect(TunnelState& tunnel, int64_t nowNs) KORVANE_REQUIRES(lock);
+    int makeFence(TunnelState& tunnel, const Returned& buffer, int* fenceFd) KORVANE_REQUIRES(lock);
 
     // display
-    void replace(TunnelState& tunnel, int64_t number, const Vsync& vsync, const Vsync& next);
-    void scanOut(TunnelState& tunnel, const Vsync& vsync, const Vsync& next);
+    void replace(TunnelState& tunnel, int64_t number, const Vsync& vsync, const Vsync& next)
+        KORVANE_REQUIRES(lock);
+    void scanOut(TunnelState& tunnel, const Vsync& vsync, const Vsync& next) KORVANE_REQUIRES(lock);
     void traceShown(const BufferRecord& buffer, int64_t endNs) const;
 
     const TunnelConfig config;
     Display& display;
     mutable std::mutex lock;
-    TunnelFaults faults;
-    int nextDevice = 0;
-    int nextTunnelId = 0;
-    std::set<int> devices;
-    std::map<int, TunnelState> tunnels;
-    std::map<int, Log> logs;  ///< by id; outlives the id while there are records
-    int64_t nextSerial = 0;
-    int64_t latestNs = 0;  ///< the latest time heard of, for closings that carry none
+    TunnelFaults faults KORVANE_GUARDED_BY(lock);
+    int nextDevice KORVANE_GUARDED_BY(lock) = 0;
+    int nextTunnelId KORVANE_GUARDED_BY(lock) = 0;
+    std::set<int> devices KORVANE_GUARDED_BY(lock);
+    SignalPipes signalPipes KORVANE_GUARDED_BY(lock);  ///< outlives the fences
+    std::map<int, TunnelState> tunnels KORVANE_GUARDED_BY(lock);
+    /// By id; outlives the id while there are records.
+    std::map<int, Log> logs KORVANE_GUARDED_BY(lock);
+    int64_t nextSerial KORVANE_GUARDED_BY(lock) = 0;
+    /// The latest time heard of, for closings that carry none.
+    int64_t latestNs KORVANE_GUARDED_BY(lock) = 0;
 };
 
 Tunnel::Tunnel(const TunnelConfig& config, Display& display)
@@ -339,12 +327,12 @@ int Tunnel::queueBuffer(int device, int tunnelId, int bufferFd, int acquireFence
     if (tunnel->held() >= mImpl->config.capacity) {
         return -ENOBUFS;
     }
-    UniqueFd memory(fcntl(bufferFd, F_DUPFD_CLOEXEC, 0));
-    if (memory.get() < 0 && errno == EMFILE) {
-        return -EMFILE;  // any other failure is a descriptor without a picture
+    HeldBuffer memory;
+    if (const int failure = tunnel->buffers.hold(bufferFd, &memory); failure < 0) {
+        return failure;
     }
     BufferRecord buffer;
-    const PictureHeader picture = readPicture(bufferFd);
+    const PictureHeader picture = memory.picture();
     const int64_t number = tunnel->log->end();
     buffer.serial = mImpl->nextSerial++;
     buffer.tunnelId = tunnelId;
@@ -386,20 +374,15 @@ int Tunnel::Impl::makeFence(TunnelState& tunnel, const Returned& buffer, int* fe
     if (buffer.fence == FenceKind::None) {
         return 0;
     }
-    // Closing one end of a socket pair wakes the other as closing a pipe does, but a socket is open
-    // for reading and writing.
-    int ends[2] = {-1, -1};
-    const int result = buffer.fence == FenceKind::WrongMode
-                           ? socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends)
-                           : pipe2(ends, O_CLOEXEC);
-    if (result != 0) {
-        return -errno;
+    Signal signal;
+    const int result = buffer.fence == FenceKind::WrongMode ? makeSocketPair(&signal, fenceFd)
+                                                            : signalPipes.make(&signal, fenceFd);
+    if (result < 0) {
+        return result;
     }
-    UniqueFd writeEnd(ends[1]);
     if (const auto pending = tunnel.fences.find(buffer.number); pending != tunnel.fences.end()) {
-        pending->second.writeEnd = std::move(writeEnd);
+        pending->second.signal = std::move(signal);
     }
-    *fenceFd = ends[0];
     return 0;
 }
 
@@ -456,9 +439,9 @@ void Tunnel::Impl::replace(TunnelState& tunnel, int64_t number, const Vsync& vsy
     const int64_t signalNs =
         faults.fenceNeverSignals ? kNever : saturatingAdd(next.timeNs, faults.fenceDelayNs);
     tunnel.at(old).fenceSignalNs = signalNs;
-    tunnel.fences.emplace(old, PendingFence{signalNs, UniqueFd()});
+    tunnel.fences.emplace(old, PendingFence{signalNs, Signal()});
     tunnel.returned.push_back(
-        {old, faults.fenceWrongMode ? FenceKind::WrongMode : FenceKind::Pipe});
+        {old, faults.fenceWrongMode ? FenceKind::WrongMode : FenceKind::Signal});
 }
 
 void Tunnel::Impl::traceShown(const BufferRecord& buffer, int64_t endNs) const {

@@ -20,14 +20,16 @@
 #include <thread>
 #include <vector>
 
+#include "tv/ScopedLock.h"
+
 namespace korvane::tv {
 namespace {
 
 struct CurrentTv {
     std::mutex lock;
-    std::shared_ptr<Tv> tv;
+    std::shared_ptr<Tv> tv KORVANE_GUARDED_BY(lock);
 
-    void set(std::shared_ptr<Tv> next);
+    void set(std::shared_ptr<Tv> next) KORVANE_REQUIRES(lock);
 };
 
 /// Counts the changes of the current TV; odd while there is one.
@@ -39,7 +41,7 @@ CurrentTv& currentTv() {
     return instance;
 }
 
-/// Under the lock. An earlier one is kept by its owner.
+/// An earlier one is kept by its owner.
 void CurrentTv::set(std::shared_ptr<Tv> next) {
     const uint64_t generation = gGeneration.load(std::memory_order_relaxed);
     const uint64_t odd = next != nullptr ? 1 : 0;
@@ -107,17 +109,17 @@ struct Tv::Impl {
           tunnel(config.tunnel, display),
           scannedNs(nowNs() - 1) {}
 
-    int64_t runVsyncs(int64_t nowNs);
-    void runDisplay();
+    int64_t runVsyncs(int64_t nowNs) KORVANE_EXCLUDES(scanLock);
+    void runDisplay() KORVANE_EXCLUDES(scanLock, lock);
 
     Display display;
     Tunnel tunnel;
     MediaSyncService mediaSync;
     std::mutex scanLock;
-    int64_t scannedNs;  ///< vsyncs up to here are done; guarded by scanLock
+    int64_t scannedNs KORVANE_GUARDED_BY(scanLock);  ///< vsyncs up to here are done
     std::mutex lock;
     std::condition_variable wake;
-    bool stopping = false;  ///< guarded by lock
+    bool stopping KORVANE_GUARDED_BY(lock) = false;
     std::thread displayThread;
 };
 
@@ -207,13 +209,14 @@ int64_t Tv::Impl::runVsyncs(int64_t nowNs) {
 }
 
 void Tv::Impl::runDisplay() {
-    std::unique_lock<std::mutex> guard(lock);
+    WaitLock guard(lock);
     while (!stopping) {
         guard.unlock();
         const int64_t wakeNs = runVsyncs(nowNs());
         const int64_t waitNs = std::max<int64_t>(wakeNs - nowNs(), 0);
         guard.lock();
-        wake.wait_for(guard, std::chrono::nanoseconds(waitNs), [this] { return stopping; });
+        wake.wait_for(guard.forWait(), std::chrono::nanoseconds(waitNs),
+                      [this]() KORVANE_REQUIRES(lock) { return stopping; });
     }
 }
 

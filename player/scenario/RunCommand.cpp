@@ -19,6 +19,35 @@ constexpr int kAllHeld = 0;
 constexpr int kSomeFailed = 1;
 constexpr int kWrongInput = 2;
 
+namespace fs = std::filesystem;
+
+/// Where an installed program has its scenarios, seen from the program, wherever it was moved to.
+fs::path installedScenarios() {
+    std::error_code error;
+    const fs::path program = fs::read_symlink("/proc/self/exe", error);
+    return program.parent_path().parent_path() / "share/korvane-tv/scenarios";
+}
+
+/// A plain name that is no file here stands for an installed scenario, where there is one.
+std::string fileOrInstalled(const std::string& path) {
+    std::error_code error;
+    if (path.find('/') == std::string::npos && !fs::exists(path, error)) {
+        const fs::path installed = installedScenarios() / (path + ".toml");
+        if (fs::exists(installed, error)) {
+            return installed.string();
+        }
+    }
+    return path;
+}
+
+/// The scenarios at hand, else those that are installed.
+std::string usualScenarios() {
+    const std::string here = "scenarios";
+    const fs::path installed = installedScenarios();
+    std::error_code error;
+    return !fs::exists(here, error) && fs::exists(installed, error) ? installed.string() : here;
+}
+
 std::vector<Scenario> readAll(const RunOptions& options) {
     std::vector<Scenario> scenarios;
     for (const auto& file : scenarioFiles(options.paths)) {
@@ -93,12 +122,11 @@ int playAll(const std::vector<Scenario>& scenarios, const RunOptions& options, s
 }  // namespace
 
 std::vector<std::string> scenarioFiles(const std::vector<std::string>& paths) {
-    namespace fs = std::filesystem;
     std::vector<std::string> files;
     for (const auto& path : paths) {
         std::error_code error;
         if (!fs::is_directory(path, error)) {
-            files.push_back(path);
+            files.push_back(fileOrInstalled(path));
             continue;
         }
         std::vector<std::string> inFolder;
@@ -135,7 +163,8 @@ int runScenarios(const RunOptions& options, std::ostream& out) {
 
 int listScenarios(const ListOptions& options, std::ostream& out) {
     try {
-        for (const auto& file : scenarioFiles({options.path})) {
+        const std::string path = options.path.empty() ? usualScenarios() : options.path;
+        for (const auto& file : scenarioFiles({path})) {
             const Scenario scenario = readScenario(file);
             out << scenario.name << "\n    shows  " << scenario.title << "\n    holds  "
                 << scenario.holds << "\n";

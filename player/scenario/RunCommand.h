@@ -15,7 +15,7 @@
 namespace korvane::player {
 
 struct RunOptions {
-    std::vector<std::string> paths;  ///< scenario files, or folders of them
+    std::vector<std::string> paths;  ///< scenario files, folders of them, names of installed ones
     int jobs = 1;
     std::optional<uint64_t> seed;  ///< instead of the scenario's own
     std::string eventsFolder;      ///< one event log for each scenario; empty: none are kept
@@ -28,14 +28,15 @@ struct RunOptions {
 int runScenarios(const RunOptions& options, std::ostream& out);
 
 struct ListOptions {
-    std::string path = "scenarios";
+    std::string path;  ///< as in RunOptions; empty: "scenarios" here, else those installed
 };
 
 /// Says of each scenario what it shows and what must hold.
 /// @return 0, or 2 when one cannot be read
 int listScenarios(const ListOptions& options, std::ostream& out);
 
-/// The files that paths stand for: a folder's own *.toml files by name, other paths as they are.
+/// The files that paths stand for: a folder's own *.toml files by name, an installed scenario for
+/// its name, other paths as they are.
 /// @throws ScenarioError for a path that is not there or a folder without scenarios
 std::vector<std::string> scenarioFiles(const std::vector<std::string>& paths);
 

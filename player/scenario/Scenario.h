@@ -89,7 +89,6 @@ struct DisplayPlan {
 struct AudioPlan {
     bool enabled = false;
     int64_t startDelayUs = 50'000;
-    int64_t prebufferUs = 100'000;
     int64_t stepUs = 21'333;
     double driftPpm = 0.0;
     bool neverStarts = false;

@@ -128,7 +128,6 @@ void readAudio(TomlTable& table, AudioPlan* audio) {
     audio->enabled = true;
     table.flag("enabled", &audio->enabled);
     table.time("start_delay", &audio->startDelayUs);
-    table.time("prebuffer", &audio->prebufferUs, {0, 2'000'000});
     table.time("step", &audio->stepUs, {100, 1'000'000});
     table.ppm("drift", &audio->driftPpm);
     table.flag("never_starts", &audio->neverStarts);

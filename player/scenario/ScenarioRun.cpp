@@ -8,6 +8,7 @@
 #include <mutex>
 #include <optional>
 
+#include "include/ThreadAnnotations.h"
 #include "player/EventLog.h"
 #include "player/EventRecorder.h"
 #include "player/MediaSource.h"
@@ -30,7 +31,6 @@ constexpr char kFreeRunProperty[] = "vendor.tunerpassthrough.renderfreeRun";
 tv::AudioConfig audioConfig(const AudioPlan& plan) {
     tv::AudioConfig config;
     config.startDelayUs = plan.startDelayUs;
-    config.prebufferUs = plan.prebufferUs;
     config.stepUs = plan.stepUs;
     config.driftPpm = plan.driftPpm;
     config.neverStarts = plan.neverStarts;
@@ -157,6 +157,7 @@ public:
 
     /// Counts with their times since `start`.
     std::vector<LogCount> counts(int64_t startNs) const {
+        const std::lock_guard<std::mutex> guard(mLock);
         std::vector<LogCount> counts = mCounts;
         for (auto& count : counts) {
             count.firstAtUs = count.lines > 0 ? (count.firstAtUs - startNs) / 1000 : -1;
@@ -168,8 +169,8 @@ private:
     static constexpr int kErrorPriority = 6;
     const std::vector<LogExpectation>& mWanted;
     EventLog* const mEvents;
-    std::mutex mLock;
-    std::vector<LogCount> mCounts;
+    mutable std::mutex mLock;
+    std::vector<LogCount> mCounts KORVANE_GUARDED_BY(mLock);
 };
 
 struct Sources {

@@ -1,8 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 // Threads, locks, conditions, sleeps and clocks in virtual time, through the names that any program
 // uses. Each test enters and leaves; nothing takes real time.
+#include <fcntl.h>
 #include <gmock/gmock.h>
+#include <poll.h>
 #include <pthread.h>
+#include <sys/stat.h>
 #include <sys/time.h>
 #include <ui/Fence.h>
 #include <unistd.h>
@@ -10,6 +13,7 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <filesystem>
 #include <future>
 #include <mutex>
 #include <shared_mutex>
@@ -20,6 +24,7 @@
 
 #include "tests/clock/InVirtualTime.h"
 #include "tv/clock/FiberLocal.h"
+#include "tv/clock/Signal.h"
 
 namespace korvane::test {
 namespace {
@@ -398,6 +403,116 @@ TEST_F(VirtualTimeTest, FenceWaitsInVirtualTime) {
     EXPECT_EQ(1016 * kMs, time.statistics().elapsedNs);
     EXPECT_EQ(0, fence->wait(android::Fence::TIMEOUT_NEVER));
     display.join();
+}
+
+/// What the kernel says, past the virtual gear.
+bool kernelSaysReady(int descriptor) {
+    pollfd poller{descriptor, POLLIN, 0};
+    const timespec atOnce{};
+    return ppoll(&poller, 1, &atOnce, nullptr) == 1;
+}
+
+bool isReady(int descriptor) {
+    pollfd poller{descriptor, POLLIN, 0};
+    const bool ready = poll(&poller, 1, 0) == 1;
+    EXPECT_EQ(ready, kernelSaysReady(descriptor));
+    return ready;
+}
+
+ino_t pipeOf(int descriptor) {
+    struct stat file {};
+    EXPECT_EQ(0, fstat(descriptor, &file));
+    return file.st_ino;
+}
+
+struct TakenSignal {
+    explicit TakenSignal(tv::SignalPipes& pipes) {
+        EXPECT_EQ(0, pipes.make(&sender, &taken));
+        EXPECT_EQ(O_RDONLY, fcntl(taken, F_GETFL));
+        EXPECT_FALSE(isReady(taken));
+    }
+    void raise() { sender = tv::Signal(); }
+
+    tv::Signal sender;
+    int taken = -1;
+};
+
+TEST_F(VirtualTimeTest, SignalsPipeServesAgainWhenItsTakerHasClosed) {
+    VirtualTime time(1);
+    tv::SignalPipes pipes;
+    TakenSignal first(pipes);
+    const ino_t pipe = pipeOf(first.taken);
+    TakenSignal beside(pipes);
+    EXPECT_NE(pipe, pipeOf(beside.taken));
+    first.raise();
+    EXPECT_TRUE(isReady(first.taken));
+    EXPECT_FALSE(isReady(beside.taken));
+    close(first.taken);
+    TakenSignal early(pipes);
+    EXPECT_EQ(pipe, pipeOf(early.taken));
+    close(early.taken);  // before it comes
+    early.raise();
+    TakenSignal read(pipes);
+    EXPECT_EQ(pipe, pipeOf(read.taken));
+    read.raise();
+    char byte = 0;
+    EXPECT_EQ(1, ::read(read.taken, &byte, 1));
+    close(read.taken);
+    TakenSignal last(pipes);
+    EXPECT_NE(pipe, pipeOf(last.taken)) << "there is nothing to read out of the pipe any more";
+    close(last.taken);
+    close(beside.taken);
+}
+
+TEST_F(VirtualTimeTest, DuplicatedSignalStaysSignalled) {
+    constexpr int kTarget = 500;
+    const std::vector<int (*)(int)> ways = {
+        [](int taken) { return dup(taken); },
+        [](int taken) { return dup2(taken, kTarget); },
+        [](int taken) { return dup3(taken, kTarget, O_CLOEXEC); },
+        [](int taken) { return fcntl(taken, F_DUPFD, kTarget); },
+        [](int taken) { return fcntl(taken, F_DUPFD_CLOEXEC, 0); },
+    };
+    VirtualTime time(1);
+    for (size_t way = 0; way < ways.size(); ++way) {
+        SCOPED_TRACE(way);
+        tv::SignalPipes pipes;
+        TakenSignal first(pipes);
+        const int duplicate = ways[way](first.taken);
+        EXPECT_FALSE(kernelSaysReady(duplicate));
+        first.raise();
+        close(first.taken);
+        EXPECT_TRUE(kernelSaysReady(duplicate));
+        TakenSignal second(pipes);
+        EXPECT_NE(pipeOf(duplicate), pipeOf(second.taken));
+        EXPECT_TRUE(kernelSaysReady(duplicate));
+        EXPECT_EQ(second.taken, dup2(duplicate, second.taken));  // closes what had the number
+        EXPECT_TRUE(isReady(second.taken));
+        close(second.taken);
+        close(duplicate);
+    }
+}
+
+TEST_F(VirtualTimeTest, SignalsOutliveVirtualTimeAndLeaveNothingOpen) {
+    const auto open = [] {
+        return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+    };
+    const auto before = open();
+    {
+        tv::SignalPipes pipes;
+        auto time = std::make_unique<VirtualTime>(1);
+        TakenSignal signal(pipes);
+        TakenSignal raised(pipes);
+        raised.raise();
+        time.reset();
+        EXPECT_TRUE(kernelSaysReady(raised.taken));
+        close(raised.taken);
+        EXPECT_FALSE(kernelSaysReady(signal.taken));
+        signal.raise();
+        EXPECT_TRUE(kernelSaysReady(signal.taken));
+        close(signal.taken);
+    }
+    EXPECT_EQ(before, open());
 }
 
 TEST_F(VirtualTimeTest, RefusesToBeginBesideAnotherThreadOrTwice) {

@@ -232,6 +232,16 @@ TEST_F(PatternKeeper, WithoutAVsyncTheResultIsBelowOnePeriodAndSwitchedOffThereI
     EXPECT_EQ(mLog.take(), (Lines{"D [getRealTime]no pattern enable, return"}));
 }
 
+TEST_F(PatternKeeper, OnlyEnabledDetectorsOnKnownDisplaysRun) {
+    for (const auto& [mask, period, matches] :
+         {std::tuple{8, 16666, 2}, {3, 16666, 1}, {8, 20000, 0}}) {
+        present({period, kNoPattern, 1, 1});
+        mTracker->setEnablePattern(mask);
+        next(kVsyncUs + int64_t{2} * period + 8000);
+        EXPECT_EQ(stateOf(*mTracker).patternMatchCnt[kPattern11], matches) << mask;
+    }
+}
+
 TEST_F(PatternKeeper, APatternFoundAtAFrameIsInForceFromTheNextOn) {
     present({16666, kNoPattern, 1, 1});
     stateOf(*mTracker).patternMatchCnt[kPattern11] = 9;

@@ -61,6 +61,17 @@ TEST_F(VideoSyncFRACTest, WithoutItsStateEveryOperationSaysSoAndRefuses) {
     EXPECT_EQ(empty.getDispMode(16666), 1);
 }
 
+TEST_F(VideoSyncFRACTest, TakesItsLogMaskFromTheProperty) {
+    for (const auto& [mask, lines] : {std::pair{1, 3U}, {2, 2U}, {0, 1U}}) {
+        setLogMask(1);
+        tracker.emplace();  // its birth is logged under the mask before
+        log.take();
+        setLogMask(mask);
+        { const VideoSyncFRAC another; }
+        EXPECT_EQ(log.take().size(), lines) << mask;
+    }
+}
+
 TEST_F(VideoSyncFRACTest, RefusesFrameRatesAndEnableMasksThatItDoesNotKnow) {
     const videoSyncFrac_priv& state = stateOf(*tracker);
     const std::pair<int, int> kRates[] = {{6000, 16666}, {2997, 33366}, {1, 100'000'000},

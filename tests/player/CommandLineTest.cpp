@@ -9,7 +9,6 @@
 #include <vector>
 
 #include "player/PlayOptions.h"
-#include "player/Progress.h"
 
 namespace korvane::player {
 namespace {
@@ -36,12 +35,6 @@ TEST(Units, NumbersAreWrittenShort) {
     EXPECT_EQ(rateInHundredths(30000.0 / 1001), 2997);
     EXPECT_EQ(signedMilliseconds(12'340), "+12.3 ms");
     EXPECT_EQ(counted(1, "frame"), "1 frame");
-}
-
-TEST(Progress, BarFillsWithTheShare) {
-    EXPECT_EQ(progressBar(0.0, 4), "[>   ]");
-    EXPECT_EQ(progressBar(0.5, 4), "[==> ]");
-    EXPECT_EQ(progressBar(7.0, 4), "[====]");
 }
 
 CommandLine parse(std::vector<const char*> arguments) {

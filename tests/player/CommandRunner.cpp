@@ -6,6 +6,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <fstream>
@@ -46,6 +47,12 @@ pid_t spawn(const Command& command, const std::string& outputPath, const std::st
     return child;
 }
 
+bool hasEnded(pid_t child) {
+    siginfo_t ended{};
+    waitid(P_PID, static_cast<id_t>(child), &ended, WEXITED | WNOHANG | WNOWAIT);
+    return ended.si_pid == child;
+}
+
 int waitFor(pid_t child) {
     int status = 0;
     while (waitpid(child, &status, 0) < 0) {
@@ -61,9 +68,15 @@ CommandResult runCommand(const Command& command) {
     const pid_t child =
         spawn(command, command.outputPath.empty() ? std::string(output.path) : command.outputPath,
               error.path);
-    if (command.signal != 0) {
-        std::this_thread::sleep_for(command.signalAfter);
-        kill(child, command.signal);
+    for (const auto& signal : command.signals) {
+        const auto said = [&] {
+            return signal.file.empty() ? readFile(output.path) + readFile(error.path)
+                                       : readFile(signal.file);
+        };
+        while (!hasEnded(child) && said().find(signal.text) == std::string::npos) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        }
+        kill(child, signal.number);
     }
     CommandResult result;
     result.status = waitFor(child);

@@ -3,7 +3,6 @@
 // and, for the player, its summary as read from --json.
 #pragma once
 
-#include <chrono>
 #include <map>
 #include <string>
 #include <vector>
@@ -11,10 +10,13 @@
 namespace korvane::test {
 
 struct Command {
+    struct Signal {
+        int number = 0;
+        std::string text;  ///< sent once this stands in the file
+        std::string file;  ///< empty: in what the command has said so far
+    };
     std::vector<std::string> arguments;  ///< program first
-    /// This signal is sent after this long; 0: none.
-    int signal = 0;
-    std::chrono::milliseconds signalAfter{0};
+    std::vector<Signal> signals;         ///< one after the other
     /// Standard output goes here instead of being kept.
     std::string outputPath;
 };

@@ -208,14 +208,5 @@ TEST_F(BufferPoolTest, ABufferHandedBackTwiceIsTakenOnce) {
     EXPECT_EQ(report.lowestFree, 0);
 }
 
-TEST_F(BufferPoolTest, TheBufferThatCameBackFirstIsReusedFirst) {
-    BufferPool pool(2);
-    const int a = take(pool, 0);
-    const int b = take(pool, 1);
-    pool.giveBack(pool.fd(b));
-    pool.giveBack(pool.fd(a));
-    EXPECT_EQ(take(pool, 2), b);
-}
-
 }  // namespace
 }  // namespace korvane::player

@@ -14,9 +14,10 @@ static_assert(sizeof(rendertime) == 16 && sizeof(framestatus) == 8 &&
 namespace korvane::test {
 namespace {
 
-/// The slots in their fixed order. 0 and 1 are the two destructors.
+/// The slots in their fixed order. The first destroys and leaves the memory, the second frees it.
 enum Slot {
-    kDelete = 1,
+    kDestroy,
+    kDelete,
     kInit,
     kGetTunnelId,
     kStart,
@@ -71,7 +72,7 @@ TEST_F(AbiTest, EveryOperationAnswersInItsSlot) {
     EXPECT_EQ(0, mTv->tunnel().openDevices());
 }
 
-TEST(AbiThreadsTest, StartAndStopAnswerInTheirSlots) {
+TEST(AbiThreadsTest, StartStopAndDestroyAnswerInTheirSlots) {
     const auto tv = tv::Tv::powerOn({});
     OldPlayer player{VideoTunnelRenderer_create()};
     player.call(kInit, 0);
@@ -80,7 +81,10 @@ TEST(AbiThreadsTest, StartAndStopAnswerInTheirSlots) {
     EXPECT_EQ(1, tv->tunnel().connectedTunnels());
     EXPECT_EQ(1, player.call(kStop));
     EXPECT_EQ(0, tv->tunnel().connectedTunnels());
-    player.call(kDelete);
+    EXPECT_EQ(1, tv->tunnel().openDevices());
+    player.call(kDestroy);
+    EXPECT_EQ(0, tv->tunnel().openDevices());
+    ::operator delete(player.object);
 }
 
 }  // namespace

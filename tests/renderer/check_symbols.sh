@@ -1,11 +1,13 @@
 #!/bin/sh
 # SPDX-License-Identifier: Apache-2.0
-# What the renderer library exports, imports by name and is called: check_symbols.sh LIBRARY
+# What the renderer library exports, imports by name and is called, and for which processor (as uname
+# calls it) it is made: check_symbols.sh LIBRARY [PROCESSOR]
 # The lists beside this script are pinned; a difference is printed and fails. They hold what comes
 # after a common beginning (none for "(whole)").
 set -eu
 
 library=$1
+processor=${2:-}
 here=$(dirname "$0")
 status=0
 
@@ -15,22 +17,24 @@ pinned() {
          { for (i = 1; i <= NF; ++i) if ($i != "") print begin $i }' "$here/$1" | LC_ALL=C sort
 }
 
-exports=$(nm -D --defined-only --format=posix "$library" | awk '{print $1}' | LC_ALL=C sort)
-if ! pinned exports.txt | diff -u - /dev/fd/3 3<<END
-$exports
+# compare LIST NAMES
+compare() {
+    if ! pinned "$1.txt" | diff -u --label "$1.txt" - --label "$library" /dev/fd/3 3<<END
+$2
 END
-then
-    echo "exports differ from exports.txt (- pinned, + built)" >&2
-    status=1
-fi
-
-imports=$(nm -D --undefined-only --format=posix "$library" | awk '{print $1}')
-for symbol in $(pinned imports.txt); do
-    if ! printf '%s\n' "$imports" | grep -qxF "$symbol"; then
-        echo "no longer a dynamic import: $symbol" >&2
+    then
+        echo "$1 differ from $1.txt (- pinned, + built)" >&2
         status=1
     fi
-done
+}
+
+compare exports "$(nm -D --defined-only --format=posix "$library" | awk '{print $1}' |
+    LC_ALL=C sort)"
+# The platform's alone: names of the C library and of libstdc++ carry versions; libc++'s are known
+# by their spelling.
+compare imports "$(nm -D --undefined-only "$library" |
+    awk '$1 == "U" && $2 !~ /@|^_ZNK?St|^_ZSt|^_Zn[aw]|^_Zd[al]|^__cxa_/ {print $2}' |
+    LC_ALL=C sort)"
 
 if nm -C --defined-only "$library" | grep -E 'typeinfo (for|name for) (VideoTunnel|VideoSync)'; then
     echo "run-time type information is emitted for the classes above" >&2
@@ -42,4 +46,13 @@ if [ "$soname" != libkorvane_tunnelrenderer.so ]; then
     echo "SONAME is '$soname'" >&2
     status=1
 fi
+
+machine=$(readelf -h "$library" | sed -n 's/ *Machine: *//p')
+case $(echo "$machine" | tr 'A-Z-' 'a-z_') in
+*"$processor") ;;
+*)
+    echo "made for $machine, not $processor" >&2
+    status=1
+    ;;
+esac
 exit $status

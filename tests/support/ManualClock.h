@@ -39,7 +39,7 @@ private:
     std::multimap<int64_t, std::function<void()>> mActions;
 };
 
-/// Polls until `condition` holds or 30 s have passed; for tests with real threads.
+/// Polls until `condition` holds or 30 s have passed; for tests whose threads run by themselves.
 bool eventually(const std::function<bool()>& condition);
 
 }  // namespace korvane::test

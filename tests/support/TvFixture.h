@@ -12,8 +12,23 @@
 #include "tests/support/ManualClock.h"
 #include "tv/Platform.h"
 #include "tv/Tv.h"
+#include "tv/clock/VirtualTime.h"
 
 namespace korvane::test {
+
+/// Virtual time for tests whose threads run by themselves: they take no time, wait for no machine,
+/// and lose the processor in each other's way as the seed has it. Null in builds with a sanitizer,
+/// which are there to watch real threads.
+inline std::unique_ptr<tv::VirtualTime> virtualTimeIfAvailable() {
+    if (!tv::VirtualTime::available()) {
+        return nullptr;
+    }
+    tv::VirtualTimeOptions options;
+    options.preemptions = 4096;
+    options.longestPreemptionNs = 100'000;
+    constexpr uint64_t kSeed = 1;
+    return std::make_unique<tv::VirtualTime>(kSeed, options);
+}
 
 inline std::shared_ptr<tv::Tv> tvByHand() {
     tv::TvConfig config;

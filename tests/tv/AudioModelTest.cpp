@@ -9,7 +9,7 @@
 #include <sstream>
 #include <vector>
 
-#include "tests/support/ManualClock.h"
+#include "tests/support/TvFixture.h"
 
 namespace korvane::tv {
 namespace {
@@ -193,6 +193,15 @@ const Case kCases[] = {
       {1'400'000, "", "playing, a: 1190000, 1180000, 0"}},
      0,
      1},
+    {"a step back repeats no underflow, and one behind it still comes",
+     "underflow 300000 100000 underflow 600000 100000 back 400000 200000",
+     {{0, "feed 0 2000000", "playing, a: 0, 0, 0"},
+      {500'000, "", "playing, a: 200000, 200000, 300000"},
+      {899'999, "", "playing, a: 599999, 580000, 300000"},
+      {950'000, "", "underflow, a: =600000, 600000, 300000"},
+      {1'100'000, "", "playing, a: 700000, 700000, 600000"}},
+     2,
+     1},
     {"the clock is late after a pause until corrected",
      "jump 80000 250000",
      {{0, "feed 0 2000000", "playing, a: 0, 0, 0"},
@@ -259,7 +268,8 @@ TEST(AudioModel, ReanchorsWhenItsCrystalHasDriftedAway) {
     }
 }
 
-TEST(AudioOutput, PlaysInRealTimeAndStopsAtOnce) {
+TEST(AudioOutput, PlaysByItselfAndStopsAtOnce) {
+    const auto time = test::virtualTimeIfAvailable();
     auto clock = std::make_shared<SyncInstance>(1);
     AudioOutput audio(clock, plain());
     audio.queue(0, 50'000);

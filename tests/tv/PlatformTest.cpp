@@ -6,8 +6,6 @@
 #define ATRACE_TAG ATRACE_TAG_VIDEO
 #include <cutils/trace.h>
 #include <fcntl.h>
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -17,7 +15,7 @@
 #include <sstream>
 #include <thread>
 
-#include "tests/support/ManualClock.h"
+#include "tests/support/TvFixture.h"
 
 namespace korvane::tv {
 namespace {
@@ -85,6 +83,7 @@ TEST(Log, EarlyLinesFollowWhenItIsOpenedOrAtExitUpToABound) {
 }
 
 TEST(Trace, FileIsJsonWithSectionsCountersThreadsAndTracks) {
+    const auto time = test::virtualTimeIfAvailable();
     const TemporaryFile file;
     std::string error;
     ASSERT_TRUE(startTrace(file.path, &error)) << error;

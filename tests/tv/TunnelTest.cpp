@@ -42,7 +42,8 @@ protected:
     }
     int picture(int64_t frameNo) {
         if (pictures.count(frameNo) == 0) {
-            pictures[frameNo] = memfd_create("picture", MFD_CLOEXEC);
+            pictures[frameNo] = memfd_create("picture", MFD_CLOEXEC | MFD_ALLOW_SEALING);
+            EXPECT_EQ(fcntl(pictures[frameNo], F_ADD_SEALS, seals), 0);
         }
         return pictures[frameNo];
     }
@@ -96,6 +97,7 @@ protected:
     Tunnel tunnel{TunnelConfig{4, 2}, display};
     int device = tunnel.open();
     int id = -1;
+    int seals = 0;
     std::map<int64_t, int> pictures;
 };
 
@@ -189,7 +191,14 @@ TEST_F(TunnelTest, LateDisplayThreadChangesNothing) {
     EXPECT_EQ(frame(1).firstVsync.index, 1);
 }
 
-TEST_F(TunnelTest, OverwrittenWhileThePanelReadsIsCaught) {
+/// With what the memory files are sealed against.
+class TunnelMemoryTest : public TunnelTest, public testing::WithParamInterface<int> {
+protected:
+    TunnelMemoryTest() { seals = GetParam(); }
+};
+INSTANTIATE_TEST_SUITE_P(Memory, TunnelMemoryTest, testing::Values(0, F_SEAL_SHRINK));
+
+TEST_P(TunnelMemoryTest, OverwrittenWhileThePanelReadsIsCaught) {
     const auto overwritten = [&] {
         Frames frames;
         for (const BufferRecord& buffer : tunnel.record()) {
@@ -204,7 +213,9 @@ TEST_F(TunnelTest, OverwrittenWhileThePanelReadsIsCaught) {
     queue(2, 3);
     vsyncs(0, 2);  // frame 0 is replaced and still read until vsync 3
     EXPECT_EQ(overwritten(), Frames{});
-    write(pictures[0], 77);
+    if (ftruncate(pictures[0], 0) != 0) {
+        write(pictures[0], 77);  // it cannot shrink
+    }
     vsync(3);
     EXPECT_EQ(overwritten(), Frames{0});
     write(pictures[2], 78);  // on screen until vsync 5, read until vsync 6

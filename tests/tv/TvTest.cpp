@@ -63,6 +63,7 @@ TEST_F(TvByHand, ScansOutEveryVsyncOnceFromTheMomentItWasSwitchedOn) {
 }
 
 TEST(TvThread, ShowsReleasesAndSignalsAtTheLatestWhenSwitchedOff) {
+    const auto time = test::virtualTimeIfAvailable();
     const auto tv = Tv::powerOn();
     Producer producer(*tv);
     TunnelFaults faults;

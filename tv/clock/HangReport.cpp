@@ -66,6 +66,7 @@ std::string place(const void* address) {
     return info.dli_sname != nullptr ? demangled(info.dli_sname) + " (" + where + ")" : where;
 }
 
+#ifdef __GLIBCXX__
 /// "f" of "std::thread::_State_impl<std::thread::_Invoker<std::tuple<f> > >".
 std::string insideTuple(std::string type) {
     constexpr char kStart[] = "std::tuple<";
@@ -78,6 +79,7 @@ std::string insideTuple(std::string type) {
     type.pop_back();
     return type.substr(0, type.find_last_not_of(' ') + 1);
 }
+#endif
 
 struct Calls {
     std::array<void*, kDeepestStack> addresses{};
@@ -107,14 +109,17 @@ struct Calls {
     }
 };
 
-/// What a thread's routine is: its function, or what a std::thread was given.
+/// What a thread's routine is: its function, or what a std::thread was given. Of the latter libc++
+/// keeps no name; its routine, which carries it, is exported by nobody and given as a place.
 std::string routineName(const Fiber& fiber) {
     const auto* address = reinterpret_cast<const void*>(fiber.routine);
+#ifdef __GLIBCXX__
     Dl_info info{};
     if (dladdr(address, &info) != 0 && fileName(info).rfind("libstdc++", 0) == 0) {
         const auto& state = *static_cast<std::thread::_State*>(fiber.argument);
         return insideTuple(demangled(typeid(state).name()));
     }
+#endif
     return place(address);
 }
 

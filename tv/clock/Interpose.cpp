@@ -2,6 +2,7 @@
 // The calls by which threads wait for each other, sleep and read the time, under libc's names. In
 // real time each goes on to libc; in virtual time to the scheduler. Where libc refuses an argument,
 // so does this.
+#include <fcntl.h>
 #include <linux/futex.h>
 #include <sys/syscall.h>
 
@@ -9,6 +10,7 @@
 #include <cstdarg>
 
 #include "tv/clock/Scheduler.h"
+#include "tv/clock/Signal.h"
 
 #define KORVANE_INTERPOSE extern "C" __attribute__((visibility("default")))
 
@@ -67,7 +69,7 @@ clockid_t clockOf(const pthread_cond_t& condition) {
     return (condition.__data.__wrefs & 2) != 0 ? CLOCK_MONOTONIC : CLOCK_REALTIME;
 }
 
-/// What libstdc++ builds futures, atomic waits and the guards of static variables on.
+/// What C++ libraries build futures, atomic waits and the guards of static variables on.
 struct FutexCall {
     const int* word;
     int operation;
@@ -105,9 +107,17 @@ long futex(const FutexCall& call) {
     return error != 0 ? -1 : 0;
 }
 
-using Syscall = long (*)(long, ...);
+/// The next definition of a function with variable arguments; each is a number or a pointer.
+template <typename Function>
+Function next(std::atomic<Function>& found, const char* name) {
+    Function call = found.load(std::memory_order_relaxed);
+    if (call == nullptr) {
+        call = reinterpret_cast<Function>(korvane::tv::nextDefinition(name));
+        found.store(call, std::memory_order_relaxed);
+    }
+    return call;
+}
 
-/// A system call's arguments; each is a number or a pointer.
 using SyscallArguments = std::array<void*, 6>;
 
 int toInt(void* argument) {
@@ -115,13 +125,21 @@ int toInt(void* argument) {
 }
 
 long realSyscall(long number, const SyscallArguments& a) {
-    static std::atomic<Syscall> found{nullptr};
-    Syscall call = found.load(std::memory_order_relaxed);
-    if (call == nullptr) {
-        call = reinterpret_cast<Syscall>(korvane::tv::nextDefinition("syscall"));
-        found.store(call, std::memory_order_relaxed);
-    }
-    return call(number, a[0], a[1], a[2], a[3], a[4], a[5]);
+    static std::atomic<long (*)(long, ...)> found{nullptr};
+    return next(found, "syscall")(number, a[0], a[1], a[2], a[3], a[4], a[5]);
+}
+
+int realFcntl(int descriptor, int command, void* argument) {
+    static std::atomic<int (*)(int, int, ...)> found{nullptr};
+    return next(found, "fcntl")(descriptor, command, argument);
+}
+
+/// A duplicate takes a number whose descriptor, if there is one, is closed by that.
+void noteReplaced(int descriptor, int target) {
+    korvane::tv::noteDuplicated(descriptor);
+    korvane::tv::noteDuplicated(target);
+    korvane::tv::noteClosed(target);
+    gScheduler->descriptorsChanged();
 }
 
 }  // namespace
@@ -355,7 +373,8 @@ KORVANE_INTERPOSE int pthread_rwlock_unlock(pthread_rwlock_t* lock) noexcept {
     return realTime() ? real::pthread_rwlock_unlock::call(lock) : gScheduler->unlock(lock);
 }
 
-// ---- once, and system calls by number: those on futexes ----
+// ---- once, and system calls by number: those on futexes and, by which the guards of static
+// variables tell who makes one, the thread's id ----
 
 KORVANE_INTERPOSE int pthread_once(pthread_once_t* control, void (*routine)()) {
     return realTime() ? real::pthread_once::call(control, routine)
@@ -371,6 +390,9 @@ KORVANE_INTERPOSE long syscall(long number, ...) noexcept {
         argument = va_arg(list, void*);
     }
     va_end(list);
+    if (!realTime() && number == SYS_gettid) {
+        return gScheduler->threadId();
+    }
     if (realTime() || number != SYS_futex) {
         return realSyscall(number, a);
     }
@@ -378,8 +400,8 @@ KORVANE_INTERPOSE long syscall(long number, ...) noexcept {
                   static_cast<const timespec*>(a[3])});
 }
 
-// ---- descriptors: a fence is the read end of a pipe, and signals when its other end is closed
-// ----
+// ---- descriptors: whoever polls looks again when one is closed or written; pipes of signals serve
+// again by what is closed and duplicated ----
 
 KORVANE_INTERPOSE int poll(pollfd* descriptors, nfds_t count, int timeoutMs) {
     return realTime() ? real::poll::call(descriptors, count, timeoutMs)
@@ -389,6 +411,7 @@ KORVANE_INTERPOSE int poll(pollfd* descriptors, nfds_t count, int timeoutMs) {
 KORVANE_INTERPOSE int close(int descriptor) {
     const int result = real::close::call(descriptor);
     if (!realTime()) {
+        korvane::tv::noteClosed(descriptor);
         gScheduler->descriptorsChanged();
     }
     return result;
@@ -400,4 +423,36 @@ KORVANE_INTERPOSE ssize_t write(int descriptor, const void* data, size_t bytes) 
         gScheduler->descriptorsChanged();
     }
     return result;
+}
+
+KORVANE_INTERPOSE int dup(int descriptor) noexcept {
+    if (!realTime()) {
+        korvane::tv::noteDuplicated(descriptor);
+    }
+    return real::dup::call(descriptor);
+}
+
+KORVANE_INTERPOSE int dup2(int descriptor, int target) noexcept {
+    if (!realTime()) {
+        noteReplaced(descriptor, target);
+    }
+    return real::dup2::call(descriptor, target);
+}
+
+KORVANE_INTERPOSE int dup3(int descriptor, int target, int flags) noexcept {
+    if (!realTime()) {
+        noteReplaced(descriptor, target);
+    }
+    return real::dup3::call(descriptor, target, flags);
+}
+
+KORVANE_INTERPOSE int fcntl(int descriptor, int command, ...) {
+    va_list list;
+    va_start(list, command);
+    void* const argument = va_arg(list, void*);
+    va_end(list);
+    if (!realTime() && (command == F_DUPFD || command == F_DUPFD_CLOEXEC)) {
+        korvane::tv::noteDuplicated(descriptor);
+    }
+    return realFcntl(descriptor, command, argument);
 }

@@ -60,6 +60,9 @@ namespace real {
 KORVANE_REAL(clock_gettime);
 KORVANE_REAL(clock_nanosleep);
 KORVANE_REAL(close);
+KORVANE_REAL(dup);
+KORVANE_REAL(dup2);
+KORVANE_REAL(dup3);
 KORVANE_REAL(gettimeofday);
 KORVANE_REAL(nanosleep);
 KORVANE_REAL(poll);

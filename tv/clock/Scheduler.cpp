@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tv/clock/Scheduler.h"
 
-#include <cxxabi.h>
 #include <sys/syscall.h>
 
 #include <algorithm>
@@ -17,6 +16,9 @@ Scheduler* gScheduler = nullptr;
 
 namespace {
 
+/// The C++ ABI's own; not every C++ library declares it.
+extern "C" void* exceptionsOfThisThread() noexcept __asm__("__cxa_get_globals");
+
 /// Kernel thread ids stay below this (they have 22 bits), the bits that libc uses for itself above.
 constexpr int kFirstOwnerWord = 1 << 24;
 
@@ -29,7 +31,7 @@ Scheduler::Scheduler(uint64_t seed, const VirtualTimeOptions& options)
       mSeedNumber(seed),
       mSeed(seed),
       mErrno(errno),
-      mExceptions(abi::__cxa_get_globals()),
+      mExceptions(exceptionsOfThisThread()),
       mKernelThread(real::pthread_self::call()) {
     auto first = std::make_unique<Fiber>();
     first->number = 1;

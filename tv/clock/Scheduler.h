@@ -72,9 +72,10 @@ public:
 
     // mutexes; results as libc's
     int lock(pthread_mutex_t* mutex, int64_t deadlineNs) {
-        maybePreempt();
-        auto& data = mutex->__data;
-        if (KORVANE_LIKELY(data.__kind == PTHREAD_MUTEX_TIMED_NP && data.__lock == 0)) {
+        const auto& data = mutex->__data;
+        // Nothing is called before this is done: then a lock costs no registers saved.
+        if (KORVANE_LIKELY(mOptions.preemptions == 0 && data.__kind == PTHREAD_MUTEX_TIMED_NP &&
+                           data.__lock == 0)) {
             take(mutex, *mCurrent);
             return 0;
         }
@@ -82,9 +83,15 @@ public:
     }
     int tryLock(pthread_mutex_t* mutex);
     int unlock(pthread_mutex_t* mutex) {
-        const int result = unlockNow(mutex);
-        maybePreempt();
-        return result;
+        auto& data = mutex->__data;
+        if (KORVANE_LIKELY(mOptions.preemptions == 0 && data.__kind == PTHREAD_MUTEX_TIMED_NP &&
+                           data.__lock == 1 && data.__owner == mCurrent->ownerWord)) {
+            data.__owner = 0;
+            --data.__nusers;
+            data.__lock = 0;
+            return 0;
+        }
+        return unlockSlowly(mutex);
     }
 
     // conditions; results as libc's
@@ -98,6 +105,8 @@ public:
     /// @return how many were woken
     int wakeFutex(const int* word, int most);
     int once(pthread_once_t* control, void (*routine)());
+    /// The kernel's for the first thread, a number of its own for each other.
+    int threadId() const { return mCurrent->ownerWord; }
     int lockForReading(pthread_rwlock_t* lock);
     int lockForWriting(pthread_rwlock_t* lock);
     int unlock(pthread_rwlock_t* lock);
@@ -164,18 +173,8 @@ private:
     }
     int lockSlowly(pthread_mutex_t* mutex, int64_t deadlineNs);
     int lockAgain(pthread_mutex_t* mutex);
-    int unlockNow(pthread_mutex_t* mutex) {
-        auto& data = mutex->__data;
-        if (KORVANE_LIKELY(data.__kind == PTHREAD_MUTEX_TIMED_NP && data.__lock == 1 &&
-                           data.__owner == mCurrent->ownerWord)) {
-            data.__owner = 0;
-            --data.__nusers;
-            data.__lock = 0;
-            return 0;
-        }
-        return unlockSlowly(mutex);
-    }
     int unlockSlowly(pthread_mutex_t* mutex);
+    int unlockNow(pthread_mutex_t* mutex);
     void handOver(pthread_mutex_t* mutex);
     int mutexType(const pthread_mutex_t* mutex);
     [[noreturn]] void failMutex(const pthread_mutex_t* mutex, const char* what);

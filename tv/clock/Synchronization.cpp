@@ -4,6 +4,7 @@
 #include <poll.h>
 
 #include "tv/clock/Scheduler.h"
+#include "tv/clock/Signal.h"
 
 namespace korvane::tv {
 namespace {
@@ -19,6 +20,16 @@ constexpr int kOnceDone = 2;
 
 constexpr int64_t kNsPerMs = 1'000'000;
 
+/// Whether a descriptor is ready: a signal says so itself, of all else the kernel has to be asked.
+int pollNow(pollfd* descriptors, nfds_t count) {
+    const SignalPipe* signal = count == 1 ? signalTakenAs(descriptors->fd) : nullptr;
+    if (signal == nullptr || (descriptors->events & POLLIN) == 0) {
+        return real::poll::call(descriptors, count, 0);
+    }
+    descriptors->revents = signal->toCome ? 0 : POLLIN;
+    return signal->toCome ? 0 : 1;
+}
+
 }  // namespace
 
 // ---- mutexes ----
@@ -31,6 +42,7 @@ int Scheduler::mutexType(const pthread_mutex_t* mutex) {
 }
 
 int Scheduler::lockSlowly(pthread_mutex_t* mutex, int64_t deadlineNs) {
+    maybePreempt();
     if (holds(mutex)) {
         return lockAgain(mutex);
     }
@@ -73,6 +85,12 @@ int Scheduler::tryLock(pthread_mutex_t* mutex) {
 }
 
 int Scheduler::unlockSlowly(pthread_mutex_t* mutex) {
+    const int result = unlockNow(mutex);
+    maybePreempt();
+    return result;
+}
+
+int Scheduler::unlockNow(pthread_mutex_t* mutex) {
     auto& data = mutex->__data;
     const int type = mutexType(mutex);
     if (!holds(mutex)) {
@@ -218,7 +236,7 @@ int Scheduler::once(pthread_once_t* control, void (*routine)()) {
 int Scheduler::poll(pollfd* descriptors, nfds_t count, int timeoutMs) {
     const int64_t deadlineNs = timeoutMs < 0 ? kNever : after(timeoutMs * kNsPerMs);
     for (;;) {
-        const int result = real::poll::call(descriptors, count, 0);
+        const int result = pollNow(descriptors, count);
         if (result != 0 || deadlineNs <= mNowNs) {
             spend();
             return result;

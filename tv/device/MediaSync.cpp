@@ -16,6 +16,7 @@
 #include <new>
 #include <vector>
 
+#include "include/ThreadAnnotations.h"
 #include "tv/MediaSyncService.h"
 #include "tv/Tv.h"
 
@@ -79,8 +80,8 @@ public:
 private:
     std::atomic<SyncInstance*> mInstance{nullptr};  ///< owned by mEverBound
     std::mutex mLock;
-    std::vector<std::shared_ptr<SyncInstance>> mEverBound;
-    Settings mSettings;
+    std::vector<std::shared_ptr<SyncInstance>> mEverBound KORVANE_GUARDED_BY(mLock);
+    Settings mSettings KORVANE_GUARDED_BY(mLock);
 };
 
 Client& clientIn(unsigned char* opaque) {
