@@ -8,13 +8,14 @@
 #   make bench                                        benchmarks of the per-frame paths
 #   make aarch64                                      the tests on AArch64, under an emulator
 #   make libcxx                                       the tests with the device's C++ library, by clang
+#   make package                                      Debian packages, checked, in build/packages
 
 JOBS ?= $(shell nproc)
 ARGS ?=
 TEST_ARGS ?=
 
 .PHONY: all deps build play test check licences format-check tidy sanitize-asan sanitize-tsan \
-    aarch64 build-aarch64 libcxx  bench format clean
+    aarch64 build-aarch64 libcxx package bench format clean
 
 all: build
 
@@ -65,6 +66,10 @@ build-aarch64: deps
 
 aarch64: build build-aarch64
 	ctest --preset aarch64 -j $(JOBS) $(TEST_ARGS)
+
+package: build
+	@scripts/install-deps.sh package
+	@packaging/package.sh build/release build/packages
 
 bench: build
 	@for program in build/release/bin/bench_*; do echo "== $${program##*/}"; "$$program" $(ARGS) || exit; done
