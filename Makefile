@@ -8,6 +8,7 @@
 #   make bench                                        benchmarks of the per-frame paths
 #   make aarch64                                      the tests on AArch64, under an emulator
 #   make libcxx                                       the tests with the device's C++ library, by clang
+#   make soong                                        Android.bp against what CMake builds
 #   make package                                      Debian packages, checked, in build/packages
 
 JOBS ?= $(shell nproc)
@@ -15,7 +16,7 @@ ARGS ?=
 TEST_ARGS ?=
 
 .PHONY: all deps build play test check licences format-check tidy sanitize-asan sanitize-tsan \
-    aarch64 build-aarch64 libcxx package bench format clean
+    aarch64 build-aarch64 libcxx soong package bench format clean
 
 all: build
 
@@ -51,6 +52,13 @@ format:
 
 format-check: deps
 	git ls-files '*.h' '*.cpp' | xargs clang-format --dry-run --Werror
+
+# The tests of Android.bp are there when their tools are; here they must be.
+soong: deps
+	@scripts/install-deps.sh soong
+	cmake --preset release
+	cmake --build --preset release -j $(JOBS) --target korvane-tv
+	ctest --preset release -R '^soong_' --no-tests=error $(TEST_ARGS)
 
 libcxx: build
 	@scripts/install-deps.sh libcxx
