@@ -9,6 +9,8 @@
 #   make aarch64                                      the tests on AArch64, under an emulator
 #   make libcxx                                       the tests with the device's C++ library, by clang
 #   make soong                                        Android.bp against what CMake builds
+#   make abi                                          the binary interface against the accepted one
+#   make abi-accept REASON='why'                      accept the present one, in a commit
 #   make package                                      Debian packages, checked, in build/packages
 
 JOBS ?= $(shell nproc)
@@ -16,7 +18,7 @@ ARGS ?=
 TEST_ARGS ?=
 
 .PHONY: all deps build play test check licences format-check tidy sanitize-asan sanitize-tsan \
-    aarch64 build-aarch64 libcxx soong package bench format clean
+    aarch64 build-aarch64 libcxx soong abi abi-reason abi-accept package bench format clean
 
 all: build
 
@@ -74,6 +76,18 @@ build-aarch64: deps
 
 aarch64: build build-aarch64
 	ctest --preset aarch64 -j $(JOBS) $(TEST_ARGS)
+
+# Both need what both processors' libraries are built from, and run none of it.
+abi: build build-aarch64
+	@scripts/install-deps.sh abi
+	@scripts/abi.sh check
+
+abi-reason:
+	@scripts/abi.sh reason
+
+abi-accept: abi-reason build build-aarch64
+	@scripts/install-deps.sh abi
+	@scripts/abi.sh accept
 
 package: build
 	@scripts/install-deps.sh package

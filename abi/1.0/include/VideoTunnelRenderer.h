@@ -1,0 +1,277 @@
+// SPDX-License-Identifier: Apache-2.0
+// Tunnel-mode video renderer: what a media player compiles against.
+//
+// The player hands in decoded frames as a buffer descriptor with a media time. The renderer decides
+// for each whether it is shown, held or dropped and when, in step with audio and on the display's
+// vsync grid, and queues it into the platform's video tunnel. Every buffer comes back through a
+// callback: after the tunnel has released it, or at once when it was dropped or flushed.
+//
+// Calling order: VideoTunnelRenderer_create, init, regCallBack, getTunnelId, start, then
+// sendVideoFrame for each frame with flush and peekFirstFrame as needed, stop, delete. One renderer
+// plays one stream once; for the next playback take a new one (after `stop` the tunnel id is gone,
+// and a restarted renderer's buffers do not come back).
+//
+// Two worker threads run between `start` and `stop`: the drain thread (frames to the tunnel) and
+// the fill thread (released buffers and render times to the player). Callbacks run on them, and
+// inside `flush` and `onFillVideoFrame` on the caller's thread. A callback must not call `stop` or
+// delete the renderer; one that runs under a lock (type 1 always, types 0 and 2 when the first
+// frame is refused while shown at once) must not call `sendVideoFrame`, `peekFirstFrame` or
+// `nodifyRenderTime` either.
+//
+// The table of virtual operations and the order of members are a binary interface: neither changes.
+#pragma once
+
+#include <pthread.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <list>
+#include <mutex>
+
+#include "VideoFrame.h"
+#include "VideoFrameQueue.h"
+
+/// Marks names of the class below that are no part of its binary interface.
+#define KORVANE_INTERNAL __attribute__((visibility("hidden")))
+
+class DisplayAdapterWraper;
+class VideoSyncFRAC;
+class VideoSyncWraper;
+class VideoTunnelWraper;
+
+#if defined(_LIBCPP_ENABLE_THREAD_SAFETY_ANNOTATIONS)
+#define KORVANE_GUARDED_BY(lock) __attribute__((guarded_by(lock)))
+#else
+#define KORVANE_GUARDED_BY(lock)
+#endif
+
+/// A player's callback. `info` points to what the slot's type says and is valid during the call.
+/// For types 0 and 2, 0 means that the player took the buffer; any other result leaves it uncounted
+/// and nothing is retried. The result of type 1 is ignored.
+using VideoTunnelCallback = int (*)(void* userData, void* info);
+
+/// Values of regCallBack's `type`.
+enum VideoTunnelCallbackType : int {
+    kFrameReturnCallback = 0,  ///< info: `int`, the returned buffer's descriptor
+    kRenderTimeCallback = 1,   ///< info: `rendertime`
+    kFrameStatusCallback = 2   ///< info: `framestatus`; called after type 0 for the same buffer
+};
+
+class __attribute__((visibility("default"))) VideoTunnelRenderer {
+public:
+    VideoTunnelRenderer();
+
+    /// Frees what the renderer owns; frames still queued are not handed back. `stop` first: a
+    /// renderer deleted while it runs is stopped here, with an error in the log.
+    virtual ~VideoTunnelRenderer();
+
+    VideoTunnelRenderer(const VideoTunnelRenderer&) = delete;
+    VideoTunnelRenderer& operator=(const VideoTunnelRenderer&) = delete;
+
+    /// Binds a media-sync instance and makes the objects that playback needs. Call once.
+    /// @param hwSyncId  lower 16 bits: the hardware sync id shared with audio (0 or less: none, an
+    ///                  instance of its own is allocated); upper 16 bits equal to 0x0001 select
+    ///                  tuner pass-through mode, where the sync instance decides for each frame
+    /// @return 1
+    virtual int init(int hwSyncId);
+
+    /// The id under which the display side finds this tunnel; allocated on the first call. After
+    /// `stop` it is still the same number although the tunnel has been given up.
+    /// @return the id, or a negative value when none can be had
+    virtual int getTunnelId();
+
+    /// Connects the tunnel and starts the worker threads; does nothing when already started.
+    /// @return 1, also when connecting or starting a thread failed (the log says so)
+    virtual int start();
+
+    /// Stops and joins the worker threads and gives up the tunnel. Frames still queued are
+    /// discarded without a callback; so are buffers still inside the tunnel: after `stop` returns
+    /// every buffer is the player's again. Ends any wait of the worker threads at once.
+    /// @return 1
+    virtual int stop();
+
+    /// Queues one frame; never blocks on playback and never refuses. May be called before `start`.
+    /// @param fd  the buffer; stays the player's, but must not be written until it comes back
+    /// @param timestampUs  media time, microseconds
+    /// @param peek  show this frame at once, before audio starts
+    /// @return 1
+    virtual int sendVideoFrame(int fd, long timestampUs, bool peek);
+
+    /// Stores a callback in the slot of its type, replacing an earlier one. Callbacks cannot be
+    /// removed.
+    /// @return 0 when stored; -1 for a type above 2 or no callback. A negative type stores nothing
+    ///         and returns 0.
+    virtual int regCallBack(int type, VideoTunnelCallback callback, void* userData);
+
+    /// Hands every queued frame back (rendered = 0) on the caller's thread and makes the next frame
+    /// synchronise with audio afresh. Buffers already in the tunnel come back as usual. A wait of
+    /// the drain thread that is just beginning can miss the wake-up; it then ends at its own time,
+    /// at the latest when its frame is due. Does nothing unless started.
+    /// @return 1
+    virtual int flush();
+
+    /// The content's frame rate in hundredths of a frame per second (2997), 1 to 6000; anything
+    /// else is refused in the log.
+    /// @return 1
+    virtual int setFrameRate(int frameRate);
+
+    /// Marks the only queued frame to be shown at once, before audio starts; does nothing when not
+    /// exactly one frame is queued.
+    /// @return 1
+    virtual int peekFirstFrame();
+
+    /// Tells the media-sync instance of a frame that is on its way (tuner pass-through).
+    /// @param timestampUs  media time, in the unit that the instance expects
+    /// @param size  bytes of the frame
+    /// @return 1 when accepted, 0 when not or before `init`
+    virtual int onVideoSyncQueueVideoFrame(long timestampUs, unsigned int size);
+
+    /// Hands a buffer to the player's callbacks as every returned buffer is.
+    /// @return 1 when the player took it, else 0
+    int onFillVideoFrame(int fd, bool rendered);
+
+    /// Sets the clock's anchor: this media time is due now.
+    /// @return false before `init` or when the service refuses
+    bool updateVideoTime(long mediaTimeUs);
+
+    /// The media-sync instance's clock; times in microseconds, real times monotonic. Each is false
+    /// before `init` or when the service fails, with the output then untouched or as the service
+    /// left it.
+    bool getRealTimeFor(long mediaTimeUs, long* realTimeUs);
+    bool getTrackMediaTime(long* mediaTimeUs);
+    bool getStartingTimeMedia(long* mediaTimeUs);
+
+    /// Takes one released buffer out of the tunnel, for a player that fetches buffers itself.
+    bool getNeedFillVideoFrame(int* fd);
+
+    /// Reports the oldest pending render time if it has passed, at most one per call. The fill
+    /// thread does this about every 500 microseconds.
+    /// @return 1
+    int nodifyRenderTime();
+
+private:
+    friend struct VideoTunnelRendererPeer;  // tests step the drain thread's operations one by one
+
+    struct KORVANE_INTERNAL FramePass;
+    enum class Stage : bool { Continue, Consumed };
+
+    // lifecycle
+    int startDrainVideo();
+    int startFillVideo();
+    KORVANE_INTERNAL void bindSyncInstance();
+    KORVANE_INTERNAL void configurePassthrough(VideoSyncWraper& sync);
+    /// An owned object that the step at hand needs. When a wrong calling order left it out, that is
+    /// logged once per renderer and null returned; the caller skips the step.
+    KORVANE_INTERNAL VideoSyncWraper* requireVideoSync(const char* operation);
+    KORVANE_INTERNAL VideoSyncFRAC* requireVideoSyncFRAC(const char* operation);
+    KORVANE_INTERNAL DisplayAdapterWraper* requireDisplayAdapter(const char* operation);
+    KORVANE_INTERNAL void reportMissing(uint32_t bit, const char* operation, const char* member);
+
+    // drain thread: frames to the tunnel
+    static void* drainVideoFrameThread(void* renderer);
+    bool getNeedShowVideoFrame(videoframe* frame);
+    int firstFrameVpeekCheck();
+    int drainVideoFrame(videoframe* frame);
+    KORVANE_INTERNAL void drainPassthroughFrame(videoframe* frame);
+    KORVANE_INTERNAL void queryDisplayVsync(FramePass* pass);
+    KORVANE_INTERNAL void presentFrame(FramePass* pass);
+    KORVANE_INTERNAL void correctRealTime(FramePass* pass);
+    KORVANE_INTERNAL void showEarlyFrame(FramePass* pass, int64_t waitUs);
+    KORVANE_INTERNAL void dropLateFrame(FramePass* pass);
+    KORVANE_INTERNAL void showDueFrame(FramePass* pass, int64_t earlyUs);
+    KORVANE_INTERNAL static void logFrameTiming(const FramePass& pass);
+    int waitShowTime(int64_t waitUs);
+    int showFrame(videoframe* frame, int64_t presentationTimeUs);
+    KORVANE_INTERNAL void showPeekFrame(videoframe* frame);
+
+    // drain thread: audio/video decisions
+    int syncWithAudio(videoframe* frame);
+    int checkPauseTrackMediaTime();
+    int dropFrame(videoframe* frame);
+    void onVideoSyncProcess(int64_t mediaTimeUs, bool* show, int unused, int64_t* realTimeUs);
+    KORVANE_INTERNAL Stage awaitAudioStart(FramePass* pass);
+    KORVANE_INTERNAL void checkResume(FramePass* pass);
+    KORVANE_INTERNAL Stage awaitAudioClock(FramePass* pass);
+    KORVANE_INTERNAL Stage catchUpAfterUnderflow(FramePass* pass);
+    KORVANE_INTERNAL void restartCadence(FramePass* pass);
+    KORVANE_INTERNAL void anchorClock(int64_t mediaTimeUs);
+    KORVANE_INTERNAL void holdFrame(int64_t mediaTimeUs);
+
+    // fill thread: released buffers and render times to the player
+    static void* fillVideoFrameThread(void* renderer);
+    /// The one way in which a buffer goes back to the player.
+    /// @return the callbacks' result, -1 without any
+    KORVANE_INTERNAL int returnFrame(int32_t fd, bool rendered);
+
+    // Where threads share a member, it is an atomic of the plain type's size: flags are polled,
+    // never waited for under a lock.
+    VideoTunnelCallback mFrameReturnCb KORVANE_GUARDED_BY(mCallbackLock) = nullptr;
+    void* mFrameReturnUserData KORVANE_GUARDED_BY(mCallbackLock) = nullptr;
+    VideoTunnelCallback mRenderTimeCb KORVANE_GUARDED_BY(mCallbackLock) = nullptr;
+    void* mRenderTimeUserData KORVANE_GUARDED_BY(mCallbackLock) = nullptr;
+    VideoTunnelCallback mFrameStatusCb KORVANE_GUARDED_BY(mCallbackLock) = nullptr;
+    void* mFrameStatusUserData KORVANE_GUARDED_BY(mCallbackLock) = nullptr;
+
+    // Owned. Null before `init`, except the tunnel, which the constructor makes.
+    std::atomic<VideoSyncWraper*> mVideoSync{nullptr};
+    std::atomic<VideoTunnelWraper*> mTunnel{nullptr};
+    std::atomic<VideoSyncFRAC*> mVideoSyncFRAC{nullptr};
+    std::atomic<DisplayAdapterWraper*> mDisplayAdapter{nullptr};
+
+    std::atomic<int32_t> mVsyncQueryCount{0};
+    std::atomic<int32_t> mVsyncPeriodNs{16666666};  // 60 Hz until the display has been asked
+
+    VideoFrameQueue mVideoFrameInputQueue;
+    std::mutex mInputLock;
+    std::condition_variable mInputCond;
+    std::mutex mShowLock;
+    std::condition_variable mShowCond;
+    std::list<rendertime> mRenderTimeList KORVANE_GUARDED_BY(mRenderTimeLock);
+    std::mutex mRenderTimeLock;  // where two are held: mInputLock first
+
+    std::atomic<bool> mQueueRunning{false};
+    std::atomic<bool> mFillRunning{false};
+    std::atomic<bool> mFlushed{false};
+    std::atomic<bool> mHaveAudio{false};
+    std::atomic<bool> mAudioSynced{false};
+    int64_t mFirstSyncPtsUs = -1;
+    std::atomic<bool> mFirstFramePeeked{false};
+    std::atomic<int64_t> mAnchorMediaTimeUs{-1};
+    int64_t mPauseMediaTimeUs = -1;
+    bool mUnderflow = false;
+    bool mFirstFrameQueued = false;
+    int64_t mStartingTimeMediaUs = -1;
+    bool mCatchUpDropping = false;
+    bool mCatchUpPending = false;
+    pthread_t mDrainThread{};
+    pthread_t mFillThread{};
+    std::atomic<int32_t> mFrameInCount{0};
+    std::atomic<int32_t> mFrameOutCount{0};
+    std::atomic<bool> mTunerPassthrough{false};
+    std::atomic<bool> mVideoHolding{false};
+    int32_t mVideoHoldCount = 0;
+    std::atomic<bool> mVideoSyncExited{false};
+    int64_t mLastSyncMediaTimeUs = -1;
+    int64_t mLastFrameMediaTimeUs = -1;
+    int64_t mLastSyncSystemTimeUs = 0;
+    int32_t mVideoSyncMode = 0;
+    int32_t mParam7Value = 0;
+    // The sync instance is given mParam9Value's address only and may look at, or set, the word
+    // behind it: the two stay together, in this order.
+    int32_t mParam9Value = 1;
+    std::atomic<int32_t> mParam9Extra{0};
+    int32_t mFreeRun = 0;
+    int32_t mTunnelId = -1;
+    int32_t mHwSyncId = -1;
+
+    std::mutex mCallbackLock;  // leaf; never held across a callback
+    std::atomic<uint32_t> mMissingReported{0};
+    bool mDrainThreadCreated = false;
+    bool mFillThreadCreated = false;
+
+    KORVANE_INTERNAL static void checkLayout();
+};
+
+/// Makes a renderer; the caller deletes it. Null when memory is short.
+extern "C" __attribute__((visibility("default"))) VideoTunnelRenderer* VideoTunnelRenderer_create();
