@@ -456,3 +456,6 @@ KORVANE_INTERPOSE int fcntl(int descriptor, int command, ...) {
     }
     return realFcntl(descriptor, command, argument);
 }
+
+/// What callers built with 64-bit file offsets call it.
+KORVANE_INTERPOSE int fcntl64(int descriptor, int command, ...) __attribute__((alias("fcntl")));
