@@ -27,7 +27,10 @@ cd "$work"
 # know are given by hand: cpp_std, rtti, header_libs, version_script, the build folder as include
 # folder, and cppflags where sources come from defaults. Debian's Android headers and the simulated
 # TV's stand in for those of a device.
-mini-soong Android.bp -o soong.mk 2>warnings.txt
+if ! mini-soong Android.bp -o soong.mk 2>warnings.txt; then
+    cat warnings.txt >&2
+    exit 1
+fi
 language='-std=c++17 -fno-rtti -fvisibility-inlines-hidden -Werror'
 includes='-I. -Iinclude -Itv/device/include -isystem /usr/include/android'
 run_path="$libraries:/usr/lib/$(dpkg-architecture -qDEB_HOST_MULTIARCH)/android"
