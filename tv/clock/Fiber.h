@@ -11,36 +11,11 @@
 #include <vector>
 
 #include "tv/clock/FiberLocal.h"
+#include "tv/clock/FiberStack.h"
 
 namespace korvane::tv {
 
 constexpr int64_t kNever = std::numeric_limits<int64_t>::max();
-
-/// A stack with a page below it that cannot be touched.
-struct FiberStack {
-    char* memory = nullptr;  ///< the guard page
-    size_t bytes = 0;        ///< with it
-};
-
-/// Maps stacks and keeps those of the default size for reuse.
-class FiberStacks {
-public:
-    /// A decoder's and a renderer's threads need a tenth of it; pages that are not touched cost
-    /// nothing.
-    static constexpr size_t kDefaultBytes = 1 << 20;
-
-    FiberStacks() = default;
-    ~FiberStacks();
-    FiberStacks(const FiberStacks&) = delete;
-    FiberStacks& operator=(const FiberStacks&) = delete;
-
-    /// @return a stack of at least so many bytes; memory null when there is none to be had
-    FiberStack take(size_t bytes);
-    void giveBack(const FiberStack& stack);
-
-private:
-    std::vector<FiberStack> mFree;
-};
 
 enum class WaitFor : uint8_t {
     Nothing,

@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
+#include "tv/clock/FiberStack.h"
+
 #include <sys/mman.h>
 #include <unistd.h>
 
 #include <algorithm>
-
-#include "tv/clock/Fiber.h"
 
 namespace korvane::tv {
 namespace {
