@@ -4,6 +4,8 @@
 // so does this.
 #include <fcntl.h>
 #include <linux/futex.h>
+#include <sys/epoll.h>
+#include <sys/select.h>
 #include <sys/syscall.h>
 
 #include <array>
@@ -136,8 +138,8 @@ int realFcntl(int descriptor, int command, void* argument) {
 
 /// A duplicate takes a number whose descriptor, if there is one, is closed by that.
 void noteReplaced(int descriptor, int target) {
-    korvane::tv::noteDuplicated(descriptor);
-    korvane::tv::noteDuplicated(target);
+    korvane::tv::noteKernelAsked(descriptor);
+    korvane::tv::noteKernelAsked(target);
     korvane::tv::noteClosed(target);
     gScheduler->descriptorsChanged();
 }
@@ -401,11 +403,44 @@ KORVANE_INTERPOSE long syscall(long number, ...) noexcept {
 }
 
 // ---- descriptors: whoever polls looks again when one is closed or written; pipes of signals serve
-// again by what is closed and duplicated ----
+// again when they are closed, unless the kernel was asked about them ----
 
 KORVANE_INTERPOSE int poll(pollfd* descriptors, nfds_t count, int timeoutMs) {
     return realTime() ? real::poll::call(descriptors, count, timeoutMs)
                       : gScheduler->poll(descriptors, count, timeoutMs);
+}
+
+KORVANE_INTERPOSE int ppoll(pollfd* descriptors, nfds_t count, const timespec* timeout,
+                            const sigset_t* signals) {
+    if (!realTime()) {
+        korvane::tv::noteKernelAsked(descriptors, count);
+    }
+    return real::ppoll::call(descriptors, count, timeout, signals);
+}
+
+KORVANE_INTERPOSE int select(int end, fd_set* readable, fd_set* writable, fd_set* exceptional,
+                             timeval* timeout) {
+    for (int descriptor = 0; !realTime() && readable != nullptr && descriptor < end; ++descriptor) {
+        if (FD_ISSET(descriptor, readable)) {
+            korvane::tv::noteKernelAsked(descriptor);
+        }
+    }
+    return real::select::call(end, readable, writable, exceptional, timeout);
+}
+
+KORVANE_INTERPOSE int epoll_ctl(int epoll, int operation, int descriptor,
+                                epoll_event* event) noexcept {
+    if (!realTime()) {
+        korvane::tv::noteKernelAsked(descriptor);
+    }
+    return real::epoll_ctl::call(epoll, operation, descriptor, event);
+}
+
+KORVANE_INTERPOSE ssize_t read(int descriptor, void* data, size_t bytes) {
+    if (!realTime()) {
+        korvane::tv::noteKernelAsked(descriptor);
+    }
+    return real::read::call(descriptor, data, bytes);
 }
 
 KORVANE_INTERPOSE int close(int descriptor) {
@@ -427,7 +462,7 @@ KORVANE_INTERPOSE ssize_t write(int descriptor, const void* data, size_t bytes) 
 
 KORVANE_INTERPOSE int dup(int descriptor) noexcept {
     if (!realTime()) {
-        korvane::tv::noteDuplicated(descriptor);
+        korvane::tv::noteKernelAsked(descriptor);
     }
     return real::dup::call(descriptor);
 }
@@ -452,7 +487,7 @@ KORVANE_INTERPOSE int fcntl(int descriptor, int command, ...) {
     void* const argument = va_arg(list, void*);
     va_end(list);
     if (!realTime() && (command == F_DUPFD || command == F_DUPFD_CLOEXEC)) {
-        korvane::tv::noteDuplicated(descriptor);
+        korvane::tv::noteKernelAsked(descriptor);
     }
     return realFcntl(descriptor, command, argument);
 }

@@ -8,7 +8,9 @@
 #include <poll.h>
 #include <pthread.h>
 #include <sched.h>
+#include <sys/epoll.h>
 #include <sys/resource.h>
+#include <sys/select.h>
 #include <sys/time.h>
 #include <unistd.h>
 
@@ -63,9 +65,11 @@ KORVANE_REAL(close);
 KORVANE_REAL(dup);
 KORVANE_REAL(dup2);
 KORVANE_REAL(dup3);
+KORVANE_REAL(epoll_ctl);
 KORVANE_REAL(gettimeofday);
 KORVANE_REAL(nanosleep);
 KORVANE_REAL(poll);
+KORVANE_REAL(ppoll);
 KORVANE_REAL(pthread_cond_broadcast);
 KORVANE_REAL(pthread_cond_clockwait);
 KORVANE_REAL(pthread_cond_signal);
@@ -89,8 +93,10 @@ KORVANE_REAL(pthread_rwlock_wrlock);
 KORVANE_REAL(pthread_self);
 KORVANE_REAL(pthread_setname_np);
 KORVANE_REAL(pthread_setschedparam);
+KORVANE_REAL(read);
 KORVANE_REAL(sched_setscheduler);
 KORVANE_REAL(sched_yield);
+KORVANE_REAL(select);
 KORVANE_REAL(setpriority);
 KORVANE_REAL(sleep);
 KORVANE_REAL(time);

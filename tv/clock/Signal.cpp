@@ -2,12 +2,11 @@
 #include "tv/clock/Signal.h"
 
 #include <fcntl.h>
-#include <sys/ioctl.h>
 
 #include <algorithm>
 #include <cerrno>
 
-#include "tv/clock/VirtualTime.h"
+#include "tv/clock/Scheduler.h"
 
 namespace korvane::tv {
 namespace {
@@ -36,14 +35,6 @@ int makePipe(UniqueFd* readEnd, UniqueFd* writeEnd) {
     return 0;
 }
 
-/// Reads the byte out, unless a taker has.
-bool emptied(const SignalPipe& pipe) {
-    int waiting = 0;
-    char byte = 0;
-    return !pipe.holdsByte || (ioctl(pipe.readEnd.get(), FIONREAD, &waiting) == 0 && waiting == 1 &&
-                               read(pipe.readEnd.get(), &byte, 1) == 1);
-}
-
 void takeBackIfOver(SignalPipe* pipe) {
     if (!pipe->toCome && pipe->taken < 0) {
         pipe->home.takeBack(pipe);
@@ -57,8 +48,11 @@ Signal::~Signal() {
         return;  // the write end, if there is one, is closed
     }
     mPipe->toCome = false;
-    if (mPipe->taken >= 0) {
-        mPipe->holdsByte = write(mPipe->writeEnd.get(), "", 1) == 1;
+    if (mPipe->shown) {
+        mPipe->writeEnd.reset();
+    }
+    if (mPipe->taken >= 0 && gScheduler != nullptr) {
+        gScheduler->descriptorsChanged();
     }
     takeBackIfOver(mPipe);
 }
@@ -72,7 +66,7 @@ SignalPipes::~SignalPipes() {
 }
 
 int SignalPipes::make(Signal* signal, int* taken) {
-    if (!VirtualTime::active()) {
+    if (gScheduler == nullptr) {
         UniqueFd readEnd;
         UniqueFd writeEnd;
         const int result = makePipe(&readEnd, &writeEnd);
@@ -104,8 +98,7 @@ int SignalPipes::make(Signal* signal, int* taken) {
 }
 
 void SignalPipes::takeBack(SignalPipe* pipe) {
-    if (!pipe->duplicated && emptied(*pipe)) {
-        pipe->holdsByte = false;
+    if (!pipe->shown) {
         mFree.push_back(pipe);
         return;
     }
@@ -126,15 +119,26 @@ void noteClosed(int descriptor) {
     }
 }
 
-void noteDuplicated(int descriptor) {
-    if (SignalPipe* const pipe = signalTakenAs(descriptor)) {
-        pipe->duplicated = true;
+void noteKernelAsked(int descriptor) {
+    SignalPipe* const pipe = signalTakenAs(descriptor);
+    if (pipe == nullptr) {
+        return;
+    }
+    pipe->shown = true;
+    if (!pipe->toCome) {
+        pipe->writeEnd.reset();
+    }
+}
+
+void noteKernelAsked(pollfd* descriptors, nfds_t count) {
+    for (nfds_t i = 0; i < count; ++i) {
+        noteKernelAsked(descriptors[i].fd);
     }
 }
 
 void forgetSignalTakers() {
     for (size_t i = 0; i < takers().size(); ++i) {
-        noteDuplicated(static_cast<int>(i));
+        noteKernelAsked(static_cast<int>(i));
         noteClosed(static_cast<int>(i));
     }
 }

@@ -2,13 +2,15 @@
 // A descriptor that signals once, as a release fence does: a pipe's read end, opened for reading
 // only and without flags, which belongs to whoever takes it.
 //
-// In real time each signal has a pipe of its own; closing its write end signals. A pipe costs the
-// kernel more than all else that becomes of a frame, so in virtual time pipes serve again: takers
-// get duplicates of a read end that stays here, and a byte in the pipe signals. Once the taker has
-// closed, the byte is read out and the pipe is free. The virtual gear sees every close and every
-// duplication (Interpose.cpp); when a taker's descriptor was duplicated, the pipe is given up
-// instead, and whoever holds a duplicate sees it signalled for good.
+// It signals when the write end is closed. A pipe of its own for each signal costs the kernel more
+// than all else that becomes of a frame, so in virtual time pipes serve again, and takers get
+// duplicates of a read end that stays here. Whoever polls there is told by the virtual gear; the
+// kernel, which knows nothing of it, is shown the signal only from when it is asked: by a read, by
+// a poll of several descriptors, through a duplicate (Interpose.cpp sees these, and every close).
+// Such a pipe does not serve again.
 #pragma once
+
+#include <poll.h>
 
 #include <memory>
 #include <utility>
@@ -25,10 +27,9 @@ struct SignalPipe {
     SignalPipes& home;
     UniqueFd readEnd;
     UniqueFd writeEnd;
-    int taken = -1;           ///< the taker's descriptor; -1: closed
-    bool toCome = false;      ///< not signalled yet
-    bool holdsByte = false;   ///< signalled so that the kernel shows it
-    bool duplicated = false;  ///< somebody duplicated the taker's descriptor
+    int taken = -1;       ///< the taker's descriptor; -1: closed
+    bool toCome = false;  ///< not signalled yet
+    bool shown = false;   ///< to the kernel, which signals when the write end is closed
 };
 
 /// The sender's end. It signals when it goes.
@@ -78,7 +79,9 @@ private:
 /// The pipe whose taker has this descriptor, or null.
 SignalPipe* signalTakenAs(int descriptor);
 void noteClosed(int descriptor);
-void noteDuplicated(int descriptor);
+/// The kernel's view of it matters from here on.
+void noteKernelAsked(int descriptor);
+void noteKernelAsked(pollfd* descriptors, nfds_t count);
 /// From here on nothing will be noticed.
 void forgetSignalTakers();
 

@@ -20,14 +20,16 @@ constexpr int kOnceDone = 2;
 
 constexpr int64_t kNsPerMs = 1'000'000;
 
-/// Whether a descriptor is ready: a signal says so itself, of all else the kernel has to be asked.
+/// Whether a descriptor is ready: a signal alone says so itself, of all else the kernel has to be
+/// asked.
 int pollNow(pollfd* descriptors, nfds_t count) {
     const SignalPipe* signal = count == 1 ? signalTakenAs(descriptors->fd) : nullptr;
-    if (signal == nullptr || (descriptors->events & POLLIN) == 0) {
-        return real::poll::call(descriptors, count, 0);
+    if (signal != nullptr && (descriptors->events & POLLIN) != 0) {
+        descriptors->revents = signal->toCome ? 0 : POLLIN;
+        return signal->toCome ? 0 : 1;
     }
-    descriptors->revents = signal->toCome ? 0 : POLLIN;
-    return signal->toCome ? 0 : 1;
+    noteKernelAsked(descriptors, count);
+    return real::poll::call(descriptors, count, 0);
 }
 
 }  // namespace
