@@ -82,7 +82,8 @@ public:
 
     /// Stops and joins the worker threads and gives up the tunnel. Frames still queued are
     /// discarded without a callback; so are buffers still inside the tunnel: after `stop` returns
-    /// every buffer is the player's again. Ends any wait of the worker threads at once.
+    /// every buffer is the player's again. Ends any wait of the worker threads at once but that for
+    /// a release fence, which lasts 1000 ms at most.
     /// @return 1
     virtual int stop() KORVANE_EXCLUDES(mInputLock, mShowLock, mRenderTimeLock);
 

@@ -104,7 +104,7 @@ bool VideoTunnelRenderer::getNeedShowVideoFrame(videoframe* frame) {
 }
 
 // A lone queued frame that is marked to be shown at once is shown before audio starts, so that the
-// screen is not black meanwhile; one per start or flush. Kept on purpose: it is shown under both
+// screen is not black meanwhile; one until the next flush. Kept on purpose: it is shown under both
 // locks, and so a refusal calls the player back under them.
 int VideoTunnelRenderer::firstFrameVpeekCheck() {
     if (mVideoFrameInputQueue.size() != 1 || mFirstFramePeeked) {
@@ -170,13 +170,16 @@ int VideoTunnelRenderer::drainVideoFrame(videoframe* frame) {
     return 1;
 }
 
-// The display's last vsync and period: from the tunnel, else from the display adapter. A period
-// that is no period counts as no answer, since everything divides by it.
+// The display's last vsync and period: from the tunnel, else from the display adapter. What a query
+// that failed may have written does not count, nor a period that is none, since everything divides
+// by it.
 void VideoTunnelRenderer::queryDisplayVsync(FramePass* pass) {
     long timestampNs = pass->vsyncTimestampNs;
     int periodNs = mVsyncPeriodNs;
     VideoTunnelWraper* tunnel = mTunnel;
     if (tunnel == nullptr || !tunnel->getDisplayVsyncAndPeriod(&timestampNs, &periodNs)) {
+        timestampNs = pass->vsyncTimestampNs;
+        periodNs = mVsyncPeriodNs;
         if (DisplayAdapterWraper* adapter = requireDisplayAdapter("drainVideoFrame")) {
             adapter->getDisplayVsyncAndPeriod(&timestampNs, &periodNs);
         }

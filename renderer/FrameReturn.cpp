@@ -73,26 +73,28 @@ int VideoTunnelRenderer::dropFrame(videoframe* frame) {
     return 1;
 }
 
+// Each pair is read just before its call: a callback of type 0 may register one of type 2.
 int VideoTunnelRenderer::returnFrame(int32_t fd, bool rendered) {
-    VideoTunnelCallback frameReturn = nullptr;
-    void* frameReturnData = nullptr;
-    VideoTunnelCallback frameStatus = nullptr;
-    void* frameStatusData = nullptr;
+    VideoTunnelCallback callback = nullptr;
+    void* userData = nullptr;
+    int result = -1;
     {
         const std::lock_guard<std::mutex> guard(mCallbackLock);
-        frameReturn = mFrameReturnCb;
-        frameReturnData = mFrameReturnUserData;
-        frameStatus = mFrameStatusCb;
-        frameStatusData = mFrameStatusUserData;
+        callback = mFrameReturnCb;
+        userData = mFrameReturnUserData;
     }
-    int result = -1;
-    if (frameReturn != nullptr) {
+    if (callback != nullptr) {
         int returnedFd = fd;
-        result = frameReturn(frameReturnData, &returnedFd);
+        result = callback(userData, &returnedFd);
     }
-    if (frameStatus != nullptr) {
+    {
+        const std::lock_guard<std::mutex> guard(mCallbackLock);
+        callback = mFrameStatusCb;
+        userData = mFrameStatusUserData;
+    }
+    if (callback != nullptr) {
         framestatus status{fd, static_cast<uint8_t>(rendered ? 1 : 0), {}};
-        result = frameStatus(frameStatusData, &status);
+        result = callback(userData, &status);
     }
     if (result == 0) {
         const int32_t returned = ++mFrameOutCount;

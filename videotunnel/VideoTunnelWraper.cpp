@@ -129,9 +129,11 @@ bool waitForRelease(int bufferFd, int fenceFd, int timeoutMs) {
     const android::sp<android::Fence> fence = new android::Fence(fenceFd);
     const int result = fence->wait(timeoutMs);
     if (result != 0) {
+        // android::UNKNOWN_ERROR is the smallest int, which has no negative
+        const int error = static_cast<int>(0U - static_cast<unsigned>(result));
         KORVANE_LOGI(gLogMask, kLogInfo, kLogTag,
                      "Failed to wait for fence: fd: %d fence_fd %d err : %s (%d)", bufferFd,
-                     fenceFd, ErrorText(-result).text(), result);
+                     fenceFd, ErrorText(error).text(), result);
     }
     return result == 0;
 }

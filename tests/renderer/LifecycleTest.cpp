@@ -1,5 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // The renderer's life as a player drives it: binding, ids, callbacks, flush, misuse.
+#include <functional>
+
 #include "tests/renderer/RendererFixture.h"
 
 namespace korvane::test {
@@ -115,6 +117,22 @@ TEST_F(LifecycleTest, FramesAreNumberedOnlyWhileTheFrameLogIsOn) {
         EXPECT_EQ(40'000, frame.timestampUs);
         EXPECT_EQ(mask / 2, count("[sendVideoFrame] ==in== [2] fd:10000"));
     }
+}
+
+TEST_F(LifecycleTest, StatusCallbackThatAReturnCallbackRegistersHearsOfThatFrame) {
+    make(0, false);
+    renderer->regCallBack(2, nullptr, nullptr);
+    std::function<void()> registerAnother = [this] {
+        renderer->regCallBack(2, &RendererTest::onStatus, this);
+    };
+    const auto onReturn = [](void* userData, void* info) {
+        *static_cast<int*>(info) = -1;  // a copy, its own
+        (*static_cast<std::function<void()>*>(userData))();
+        return 0;
+    };
+    renderer->regCallBack(0, onReturn, &registerAnother);
+    EXPECT_EQ(1, renderer->onFillVideoFrame(7, true));
+    EXPECT_EQ(returned, (Returned{{7, 1}}));
 }
 
 TEST_F(LifecycleTest, MissingCollaboratorsCostOneErrorEachAndNoFrame) {
