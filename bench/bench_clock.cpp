@@ -4,7 +4,7 @@
 //   counter "ns"            one usleep alone at the front, two that need a switch each, switches,
 //                           locks, signals: the primitives that a frame's way is made of
 //   counter "hours_per_s"   virtual time per CPU second: the polling alone, a renderer without
-//                           frames, a renderer that plays
+//                           frames, a renderer that plays with audio
 #include <benchmark/benchmark.h>
 #include <unistd.h>
 
@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "VideoTunnelRenderer.h"
+#include "tv/AudioOutput.h"
 #include "tv/Platform.h"
 #include "tv/Tv.h"
 #include "tv/clock/VirtualTime.h"
@@ -188,21 +189,27 @@ void BM_WorkerLoops(benchmark::State& state) {
 }
 BENCHMARK(BM_WorkerLoops)->Unit(benchmark::kMillisecond)->UseManualTime();
 
-/// Renderers on one 59.94 Hz TV, each with a tunnel of its own.
+/// Renderers on one 59.94 Hz TV, each with a tunnel and an audio output of its own.
 class Player {
 public:
     explicit Player(int64_t renderers) {
+        const auto heard = [](void*, void*) { return 0; };
         korvane::tv::openLog(8);
         korvane::tv::setProperty("vendor.korvane.loglevels", "0");
         korvane::tv::TvConfig config;
         config.display.rateHz = korvane::tv::displayRateHz(59.94);
         mTv = korvane::tv::Tv::powerOn(config);
         for (int64_t i = 0; i < renderers; ++i) {
-            mRenderers.emplace_back(VideoTunnelRenderer_create());
-            mRenderers.back()->init(0);
-            mTunnelIds.push_back(mRenderers.back()->getTunnelId());
-            mRenderers.back()->updateVideoTime(0);
-            mRenderers.back()->start();
+            const auto clock = mTv->mediaSync().create();
+            auto* const renderer = mRenderers.emplace_back(VideoTunnelRenderer_create()).get();
+            renderer->init(clock->id());
+            renderer->regCallBack(1, heard, nullptr);
+            renderer->regCallBack(2, heard, nullptr);
+            mTunnelIds.push_back(renderer->getTunnelId());
+            renderer->start();
+            mAudio.push_back(
+                std::make_unique<korvane::tv::AudioOutput>(clock, korvane::tv::AudioConfig()));
+            mAudio.back()->queue(0, int64_t{1} << 60);
         }
     }
     ~Player() {
@@ -210,6 +217,7 @@ public:
             renderer->stop();
         }
         mRenderers.clear();
+        mAudio.clear();
         mTv->powerOff();
     }
     Player(const Player&) = delete;
@@ -236,6 +244,7 @@ private:
 
     std::shared_ptr<korvane::tv::Tv> mTv;
     std::vector<std::unique_ptr<VideoTunnelRenderer>> mRenderers;
+    std::vector<std::unique_ptr<korvane::tv::AudioOutput>> mAudio;
     std::vector<int> mTunnelIds;
     int64_t mFrame = 0;
 };

@@ -7,6 +7,7 @@
 #include <sys/epoll.h>
 #include <sys/select.h>
 #include <sys/syscall.h>
+#include <utils/Timers.h>
 
 #include <array>
 #include <cstdarg>
@@ -147,6 +148,12 @@ void noteReplaced(int descriptor, int target) {
 }  // namespace
 
 // ---- the time ----
+
+/// Android's; what the renderer reads, often enough to be spared the way by way of a timespec.
+KORVANE_INTERPOSE nsecs_t systemTime(int clock) {
+    return realTime() || clock != SYSTEM_TIME_MONOTONIC ? real::systemTime::call(clock)
+                                                        : gScheduler->readNs();
+}
 
 KORVANE_INTERPOSE int clock_gettime(clockid_t clock, timespec* time) noexcept {
     if (realTime() || !isVirtual(clock)) {

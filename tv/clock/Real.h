@@ -13,6 +13,7 @@
 #include <sys/select.h>
 #include <sys/time.h>
 #include <unistd.h>
+#include <utils/Timers.h>
 
 #include <atomic>
 #include <cstdlib>
@@ -99,6 +100,7 @@ KORVANE_REAL(sched_yield);
 KORVANE_REAL(select);
 KORVANE_REAL(setpriority);
 KORVANE_REAL(sleep);
+KORVANE_REAL(systemTime);
 KORVANE_REAL(time);
 KORVANE_REAL(usleep);
 KORVANE_REAL(write);
