@@ -79,7 +79,7 @@ TEST_F(VirtualTimeTest, OrderAtOneInstantFollowsFromTheSeed) {
     EXPECT_EQ(first, orderOfEqualSleepers(7));
     EXPECT_NE(first, orderOfEqualSleepers(8));
     // The same on every processor and with every library; changes only when the rules do.
-    EXPECT_EQ("fdaegchbhcebadfg", first);
+    EXPECT_EQ("fdhecgabacbdehfg", first);
 }
 
 TEST_F(VirtualTimeTest, EveryClockShowsVirtualTimeAndStandsStill) {

@@ -1,9 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
-// The fibers that wait with a deadline: a binary heap, the earliest in front. A fiber knows its
-// place in it, so that a wait that ends early leaves without a search. Nothing is allocated but
-// when a fiber is made.
+// The fibers that wait with a deadline. Threads that poll at the same pace wait for the same
+// moments: a binary heap of moments, the earliest in front, holds them in the order in which they
+// came. A fiber knows its moment and a moment its place, so that a wait that ends early leaves
+// without a search. A moment that is not the latest one used is not looked for: the same time may
+// stand in the heap twice. Nothing is allocated but when a fiber is made.
 #pragma once
 
+#include <deque>
+#include <utility>
 #include <vector>
 
 #include "tv/clock/Fiber.h"
@@ -15,80 +19,123 @@ public:
     /// The earliest deadline, kNever without any.
     int64_t firstNs() const { return mFirstNs; }
 
-    size_t size() const { return mHeap.size() - 1; }
+    /// Whether the earliest deadline has only one fiber, and no other has any.
+    bool holdsOne() const {
+        return mHeap.size() == 2 && mHeap[1].moment->first == mHeap[1].moment->last;
+    }
 
-    void reserve(size_t fibers) { mHeap.reserve(fibers + 1); }
+    void reserve(size_t fibers) {
+        while (mMoments.size() < fibers) {
+            mFree.push_back(&mMoments.emplace_back());
+        }
+        mHeap.reserve(fibers + 1);
+    }
 
     void add(Fiber* fiber, int64_t deadlineNs) {
-        mHeap.push_back({deadlineNs, fiber});
-        rise(mHeap.size() - 1);
-        mFirstNs = mHeap[1].deadlineNs;
+        if (mLatest == nullptr || mLatest->deadlineNs != deadlineNs) {
+            mLatest = make(deadlineNs);
+        }
+        fiber->moment = mLatest;
+        fiber->nextSleeper = nullptr;
+        fiber->previousSleeper = mLatest->last;
+        (mLatest->last != nullptr ? mLatest->last->nextSleeper : mLatest->first) = fiber;
+        mLatest->last = fiber;
     }
 
-    bool has(const Fiber* fiber) const { return fiber->deadlineIndex != kNone; }
+    static bool has(const Fiber* fiber) { return fiber->moment != nullptr; }
+
+    static int64_t of(const Fiber* fiber) {
+        return has(fiber) ? fiber->moment->deadlineNs : kNever;
+    }
 
     void remove(Fiber* fiber) {
-        const size_t index = fiber->deadlineIndex;
-        fiber->deadlineIndex = kNone;
-        const Entry last = mHeap.back();
-        mHeap.pop_back();
-        if (last.fiber != fiber) {
-            put(index, last);
-            rise(index);
-            sink(last.fiber->deadlineIndex);
+        Moment* const moment = std::exchange(fiber->moment, nullptr);
+        Fiber* const next = fiber->nextSleeper;
+        Fiber* const previous = fiber->previousSleeper;
+        (next != nullptr ? next->previousSleeper : moment->last) = previous;
+        (previous != nullptr ? previous->nextSleeper : moment->first) = next;
+        if (moment->first == nullptr) {
+            forget(moment);
         }
-        mFirstNs = mHeap.size() > 1 ? mHeap[1].deadlineNs : kNever;
     }
 
+    /// Takes out all of a moment with the earliest deadline.
+    /// @return the first of them; `nextSleeper` leads to the others
     Fiber* takeFirst() {
-        Fiber* const first = mHeap[1].fiber;
-        remove(first);
+        Moment* const moment = mHeap[1].moment;
+        Fiber* const first = moment->first;
+        for (Fiber* fiber = first; fiber != nullptr; fiber = fiber->nextSleeper) {
+            fiber->moment = nullptr;
+        }
+        forget(moment);
         return first;
     }
 
-    int64_t of(const Fiber* fiber) const {
-        return has(fiber) ? mHeap[fiber->deadlineIndex].deadlineNs : kNever;
-    }
-
 private:
-    static constexpr size_t kNone = 0;  // the heap starts at 1
-
     struct Entry {
         int64_t deadlineNs;
-        Fiber* fiber;
+        Moment* moment;
     };
 
-    void put(size_t index, const Entry& entry) {
-        mHeap[index] = entry;
-        entry.fiber->deadlineIndex = index;
+    Moment* make(int64_t deadlineNs) {
+        Moment* const moment = mFree.back();
+        mFree.pop_back();
+        *moment = {deadlineNs, nullptr, nullptr, 0};
+        mHeap.push_back({deadlineNs, moment});
+        rise(mHeap.size() - 1);
+        mFirstNs = mHeap[1].deadlineNs;
+        return moment;
     }
 
-    void rise(size_t index) {
-        const Entry entry = mHeap[index];
-        while (index > 1 && entry.deadlineNs < mHeap[index / 2].deadlineNs) {
-            put(index, mHeap[index / 2]);
-            index /= 2;
+    void forget(Moment* moment) {
+        const Entry last = mHeap.back();
+        mHeap.pop_back();
+        if (last.moment != moment) {
+            put(moment->place, last);
+            rise(moment->place);
+            sink(last.moment->place);
         }
-        put(index, entry);
+        mFirstNs = mHeap.size() > 1 ? mHeap[1].deadlineNs : kNever;
+        if (mLatest == moment) {
+            mLatest = nullptr;
+        }
+        mFree.push_back(moment);
     }
 
-    void sink(size_t index) {
-        const Entry entry = mHeap[index];
-        for (size_t child = 2 * index; child < mHeap.size(); child = 2 * index) {
+    void put(size_t place, const Entry& entry) {
+        mHeap[place] = entry;
+        entry.moment->place = place;
+    }
+
+    void rise(size_t place) {
+        const Entry entry = mHeap[place];
+        while (place > 1 && entry.deadlineNs < mHeap[place / 2].deadlineNs) {
+            put(place, mHeap[place / 2]);
+            place /= 2;
+        }
+        put(place, entry);
+    }
+
+    void sink(size_t place) {
+        const Entry entry = mHeap[place];
+        for (size_t child = 2 * place; child < mHeap.size(); child = 2 * place) {
             if (child + 1 < mHeap.size() && mHeap[child + 1].deadlineNs < mHeap[child].deadlineNs) {
                 ++child;
             }
             if (entry.deadlineNs <= mHeap[child].deadlineNs) {
                 break;
             }
-            put(index, mHeap[child]);
-            index = child;
+            put(place, mHeap[child]);
+            place = child;
         }
-        put(index, entry);
+        put(place, entry);
     }
 
     int64_t mFirstNs = kNever;
-    std::vector<Entry> mHeap{{0, nullptr}};
+    Moment* mLatest = nullptr;
+    std::vector<Entry> mHeap{{0, nullptr}};  // from 1
+    std::vector<Moment*> mFree;
+    std::deque<Moment> mMoments;  // stay where they are
 };
 
 }  // namespace korvane::tv

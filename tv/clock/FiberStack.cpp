@@ -9,9 +9,21 @@
 namespace korvane::tv {
 namespace {
 
+// Stacks begin at different places of their pages. The same place in each would be the same few
+// lines of the processor's cache, which fibers that take turns would fight for.
+constexpr size_t kPlaces = 61;
+constexpr size_t kPlaceBytes = 192;
+
 size_t pageBytes() {
     static const auto bytes = static_cast<size_t>(sysconf(_SC_PAGESIZE));
     return bytes;
+}
+
+/// In whole pages: what is asked for, and no less than the default, the places, the guard.
+size_t mappedBytes(size_t stackBytes) {
+    const size_t page = pageBytes();
+    const size_t wanted = std::max(stackBytes, FiberStacks::kDefaultBytes) + kPlaces * kPlaceBytes;
+    return (wanted + page - 1) / page * page + page;
 }
 
 }  // namespace
@@ -28,23 +40,22 @@ FiberStack FiberStacks::take(size_t bytes) {
         mFree.pop_back();
         return stack;
     }
-    const size_t page = pageBytes();
-    const size_t usable = (std::max(bytes, kDefaultBytes) + page - 1) / page * page;
-    const size_t total = usable + page;
+    const size_t total = mappedBytes(bytes);
     void* memory = mmap(nullptr, total, PROT_READ | PROT_WRITE,
                         MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE | MAP_STACK, -1, 0);
     if (memory == MAP_FAILED) {
         return {};
     }
-    if (mprotect(memory, page, PROT_NONE) != 0) {
+    if (mprotect(memory, pageBytes(), PROT_NONE) != 0) {
         munmap(memory, total);
         return {};
     }
-    return {static_cast<char*>(memory), total};
+    char* const bottom = static_cast<char*>(memory);
+    return {bottom, total, bottom + total - (mMade++ % kPlaces) * kPlaceBytes};
 }
 
 void FiberStacks::giveBack(const FiberStack& stack) {
-    if (stack.bytes == kDefaultBytes + pageBytes()) {
+    if (stack.bytes == mappedBytes(kDefaultBytes)) {
         mFree.push_back(stack);
     } else if (stack.memory != nullptr) {
         munmap(stack.memory, stack.bytes);

@@ -11,7 +11,10 @@ namespace korvane::tv {
 /// A stack with a page below it that cannot be touched.
 struct FiberStack {
     char* memory = nullptr;  ///< the guard page
-    size_t bytes = 0;        ///< with it
+    size_t bytes = 0;        ///< of all that is mapped
+    char* top = nullptr;     ///< where it begins, growing downwards
+
+    size_t usable() const { return static_cast<size_t>(top - memory); }
 };
 
 /// Maps stacks and keeps those of the default size for reuse.
@@ -32,6 +35,7 @@ public:
 
 private:
     std::vector<FiberStack> mFree;
+    size_t mMade = 0;
 };
 
 }  // namespace korvane::tv

@@ -6,9 +6,10 @@
 #include <algorithm>
 #include <cstring>
 
+#include "tv/clock/FiberSwitch.h"
+
 namespace korvane::tv {
 
-using boost::context::detail::jump_fcontext;
 using boost::context::detail::make_fcontext;
 using boost::context::detail::transfer_t;
 
@@ -51,14 +52,6 @@ Scheduler::~Scheduler() {
 
 // ---- time ----
 
-void Scheduler::sleepAmongOthers(int64_t deadlineNs) {
-    if (deadlineNs <= mNowNs) {
-        yield();
-    } else {
-        block(WaitFor::Time, nullptr, deadlineNs);
-    }
-}
-
 void Scheduler::yield() {
     spend();
     if (!mRunnable.empty()) {
@@ -82,15 +75,16 @@ void Scheduler::preempt() {
 void Scheduler::jumpToDeadline() {
     const int64_t deadlineNs = mDeadlines.firstNs();
     if (deadlineNs == mDeadlines.of(&mEnd)) {
-        fail(mDeadlines.size() == 1
+        fail(mDeadlines.holdsOne()
                  ? "deadlock: every thread waits and none has a deadline"
                  : "virtual time reached the end of the longest run (longestRunNs)");
     }
     moveTo(deadlineNs);
     while (mDeadlines.firstNs() == deadlineNs) {
-        Fiber* const fiber = mDeadlines.takeFirst();
-        fiber->wokenBy = WokenBy::Deadline;
-        makeRunnable(fiber);
+        for (Fiber* fiber = mDeadlines.takeFirst(); fiber != nullptr; fiber = fiber->nextSleeper) {
+            fiber->wokenBy = WokenBy::Deadline;
+            makeRunnable(fiber);
+        }
     }
 }
 
@@ -140,7 +134,7 @@ void Scheduler::switchTo(Fiber* fiber) {
     std::memcpy(&self.savedExceptions, mExceptions, sizeof(self.savedExceptions));
     mCurrent = fiber;
     gFiberSlots = fiber->slots;
-    arrive(jump_fcontext(fiber->context, &self));
+    arrive(korvane_switch_fiber(fiber->context, &self));
 }
 
 /// The first thing that a fiber does when it runs again, or for the first time.
@@ -210,8 +204,7 @@ int Scheduler::create(pthread_t* thread, const pthread_attr_t* attributes, void*
     fiber->argument = argument;
     fiber->detached = detachState == PTHREAD_CREATE_DETACHED;
     fiber->sinceNs = mNowNs;
-    fiber->context =
-        make_fcontext(fiber->stack.memory + fiber->stack.bytes, fiber->stack.bytes, &run);
+    fiber->context = make_fcontext(fiber->stack.top, fiber->stack.usable(), &run);
     mStatistics.peakThreads = std::max(mStatistics.peakThreads, ++mLiving);
     *thread = handle(*fiber);
     mFibers.push_back(std::move(fiber));

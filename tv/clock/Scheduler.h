@@ -48,12 +48,13 @@ public:
         return mNowNs;
     }
     void sleepUntil(int64_t deadlineNs) {
-        if (KORVANE_LIKELY(mRunnable.empty() && deadlineNs > mNowNs &&
-                           deadlineNs < mDeadlines.firstNs())) {
+        if (deadlineNs <= mNowNs) {
+            yield();
+        } else if (KORVANE_LIKELY(mRunnable.empty() && deadlineNs < mDeadlines.firstNs())) {
             ++mStatistics.waits;
             moveTo(deadlineNs);
         } else {
-            sleepAmongOthers(deadlineNs);
+            block(WaitFor::Time, nullptr, deadlineNs);
         }
     }
     void sleepFor(int64_t ns) { sleepUntil(after(ns)); }
@@ -147,7 +148,6 @@ private:
         mNowNs = timeNs;
         mCallsLeft = mOptions.callsPerInstant;
     }
-    void sleepAmongOthers(int64_t deadlineNs);
     WokenBy block(WaitFor what, const void* object, int64_t deadlineNs);
     void runAnother();
     void jumpToDeadline();
