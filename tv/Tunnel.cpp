@@ -179,10 +179,11 @@ struct Tunnel::Impl {
     mutable std::mutex lock;
     TunnelFaults faults KORVANE_GUARDED_BY(lock);
     int nextDevice KORVANE_GUARDED_BY(lock) = 0;
-    int nextTunnelId KORVANE_GUARDED_BY(lock) = 0;
     std::set<int> devices KORVANE_GUARDED_BY(lock);
     SignalPipes signalPipes KORVANE_GUARDED_BY(lock);  ///< outlives the fences
     std::map<int, TunnelState> tunnels KORVANE_GUARDED_BY(lock);
+    /// The map's, by id, as every poll asks for one; null where the id has been freed.
+    std::vector<TunnelState*> tunnelOfId KORVANE_GUARDED_BY(lock);
     /// By id; outlives the id while there are records.
     std::map<int, Log> logs KORVANE_GUARDED_BY(lock);
     int64_t nextSerial KORVANE_GUARDED_BY(lock) = 0;
@@ -195,8 +196,9 @@ Tunnel::Tunnel(const TunnelConfig& config, Display& display)
 Tunnel::~Tunnel() = default;
 
 TunnelState* Tunnel::Impl::find(int device, int tunnelId) {
-    const auto found = tunnels.find(tunnelId);
-    return found != tunnels.end() && found->second.device == device ? &found->second : nullptr;
+    const auto index = static_cast<size_t>(tunnelId);
+    TunnelState* const tunnel = index < tunnelOfId.size() ? tunnelOfId[index] : nullptr;
+    return tunnel != nullptr && tunnel->device == device ? tunnel : nullptr;
 }
 
 int Tunnel::open() {
@@ -217,6 +219,7 @@ int Tunnel::close(int device) {
         if (entry->second.device == device) {
             mImpl->disconnect(entry->second, mImpl->latestNs);
             mImpl->forgetEmptyLog(entry->first);
+            mImpl->tunnelOfId[static_cast<size_t>(entry->first)] = nullptr;
             entry = mImpl->tunnels.erase(entry);
         } else {
             ++entry;
@@ -236,8 +239,9 @@ int Tunnel::allocId(int device, int* tunnelId) {
     if (static_cast<int>(mImpl->tunnels.size()) >= mImpl->config.maxTunnels) {
         return -ENOSPC;
     }
-    *tunnelId = mImpl->nextTunnelId++;
+    *tunnelId = static_cast<int>(mImpl->tunnelOfId.size());
     TunnelState& tunnel = mImpl->tunnels[*tunnelId];
+    mImpl->tunnelOfId.push_back(&tunnel);
     tunnel.device = device;
     tunnel.log = &mImpl->logs[*tunnelId];
     return 0;
@@ -251,6 +255,7 @@ int Tunnel::freeId(int device, int tunnelId) {
     }
     mImpl->disconnect(*tunnel, mImpl->latestNs);
     mImpl->forgetEmptyLog(tunnelId);
+    mImpl->tunnelOfId[static_cast<size_t>(tunnelId)] = nullptr;
     mImpl->tunnels.erase(tunnelId);
     return 0;
 }
