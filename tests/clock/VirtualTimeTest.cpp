@@ -30,6 +30,7 @@
 
 #include "tests/clock/InVirtualTime.h"
 #include "tv/clock/FiberLocal.h"
+#include "tv/clock/Seed.h"
 #include "tv/clock/Signal.h"
 
 namespace korvane::test {
@@ -72,6 +73,36 @@ TEST_F(VirtualTimeTest, SleepersWakeAtTheirDeadlines) {
     EXPECT_EQ(10, time.statistics().threads);
     EXPECT_EQ(10, time.statistics().peakThreads);
     EXPECT_EQ(90 * kMs, time.statistics().elapsedNs);
+}
+
+/// Sleepers of many paces, which often meet, and waits that others end early: each wakes on time.
+TEST_F(VirtualTimeTest, MeetingSleepersAndEndedWaitsKeepEveryDeadline) {
+    constexpr int kThreads = 40;
+    constexpr int kTurns = 500;
+    VirtualTime time(1);
+    std::mutex lock;
+    std::condition_variable wake;
+    int late = 0;
+    Threads threads;
+    threads.add(kThreads, [&](int i) {
+        tv::Seed seed(static_cast<uint64_t>(i));
+        for (int turn = 0; turn < kTurns; ++turn) {
+            const auto us = static_cast<int64_t>(seed.below(8) * 250 + 250);
+            const int64_t dueNs = time.nowNs() + us * 1000;
+            if (i % 4 != 0) {
+                usleep(static_cast<useconds_t>(us));
+                late += time.nowNs() != dueNs ? 1 : 0;
+                wake.notify_one();
+                continue;
+            }
+            std::unique_lock<std::mutex> guard(lock);
+            const bool ended =
+                wake.wait_for(guard, std::chrono::microseconds(us)) == std::cv_status::no_timeout;
+            late += ended ? (time.nowNs() > dueNs ? 1 : 0) : (time.nowNs() != dueNs ? 1 : 0);
+        }
+    });
+    threads.join();
+    EXPECT_EQ(0, late);
 }
 
 TEST_F(VirtualTimeTest, OrderAtOneInstantFollowsFromTheSeed) {
