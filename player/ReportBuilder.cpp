@@ -42,7 +42,19 @@ double meanStep(std::vector<int64_t> steps) {
 
 ReportBuilder::ReportBuilder(double nominalHz, const PlaybackPlan& plan) : mPlan(plan) {
     mSummary.contentHz = nominalHz;
-    mSummary.displayHz = plan.tv.display.rateHz;
+    mSummary.displayHz = trueHz(plan.tv.display.rateHz);
+}
+
+/// Vsyncs per second of a display that calls it that many: its crystal may be off.
+double ReportBuilder::trueHz(double nominalHz) const {
+    return nominalHz * (1.0 + mPlan.tv.display.driftPpm * 1e-6);
+}
+
+/// Pictures follow audio where audio has the clock, as fast or slow as its crystal is.
+ExpectedCadence ReportBuilder::expectedOn(double displayHz) const {
+    const bool audioLeads = mPlan.withAudio && !mPlan.passthrough;
+    const double speed = audioLeads ? 1.0 + mPlan.audio.driftPpm * 1e-6 : 1.0;
+    return expectedCadence(mSummary.contentHz * speed, displayHz);
 }
 
 void ReportBuilder::onFrame(const FrameEntry& frame, const PlaybackRecord& soFar) {
@@ -76,7 +88,7 @@ void ReportBuilder::openContent() {
             mSummary.contentHz = measuredHz;
         }
     }
-    mSummary.expected = expectedCadence(mSummary.contentHz, mSummary.displayHz);
+    mSummary.expected = expectedOn(mSummary.displayHz);
     std::vector<FrameEntry> opening;
     opening.swap(mOpening);
     for (size_t i = 0; i < opening.size(); ++i) {
@@ -179,7 +191,7 @@ void ReportBuilder::followStretches(const FrameEntry& frame) {
     while (mModeChanges < changes.size() &&
            frame.record->firstVsync.timeNs >=
                mRecord->startNs + changes[mModeChanges].atUs * 1000) {
-        beginStretch(frame.section, true, changes[mModeChanges].rateHz);
+        beginStretch(frame.section, true, trueHz(changes[mModeChanges].rateHz));
         mStretch->beganUs = mRecord->startNs / 1000 + changes[mModeChanges].atUs;
         ++mModeChanges;
     }
@@ -201,7 +213,7 @@ void ReportBuilder::beginStretch(int section, bool modeChange, double displayHz)
     report.section = section;
     report.modeChange = modeChange;
     report.displayHz = displayHz;
-    report.expected = expectedCadence(mSummary.contentHz, displayHz);
+    report.expected = expectedOn(displayHz);
     mStretch->tracker = std::make_unique<CadenceTracker>(
         report.expected, [this](const DwellBreak& found) { takeBreak(found); });
 }

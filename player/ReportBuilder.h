@@ -61,6 +61,8 @@ private:
         std::vector<Facts> pending;  ///< the last frame on screen and those superseded after it
     };
 
+    double trueHz(double nominalHz) const;
+    ExpectedCadence expectedOn(double displayHz) const;
     void openContent();
     void countStep(const FrameEntry& frame);
     void process(const FrameEntry& frame, const FrameEntry* next);

@@ -35,10 +35,13 @@ std::string describeMedia(const PlaybackRecord& record) {
 }
 
 void printRates(std::ostream& out, const PlaybackRecord& record, const Summary& summary) {
+    const std::string content = rate(summary.contentHz);
+    const std::string played = rate(summary.expected.contentHz);
+    const bool drifts = !summary.expected.pattern.empty() && played != content;
     line(out, "rates",
-         "content " + rate(summary.contentHz) + " fps" +
-             (summary.variableRate ? " on average, varying" : "") + " (" + describeMedia(record) +
-             "), display " + rate(summary.displayHz) + " Hz");
+         "content " + content + " fps" + (summary.variableRate ? " on average, varying" : "") +
+             " (" + describeMedia(record) + ")" + (drifts ? ", " + played + " with audio" : "") +
+             ", display " + rate(summary.displayHz) + " Hz");
 }
 
 void printPattern(std::ostream& out, const Summary& summary) {

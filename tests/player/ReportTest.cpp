@@ -28,9 +28,10 @@ struct Played : PlaybackRecord {
     std::vector<FrameEntry> frames;
 };
 
-Summary summarise(const Played& played) {
+Summary summarise(const Played& played, double displayDriftPpm = 0.0) {
     PlaybackPlan plan;
     plan.tv.display.rateHz = played.displayHz;
+    plan.tv.display.driftPpm = displayDriftPpm;
     ReportBuilder builder(played.media.frameRateHz, plan);
     for (const auto& frame : played.frames) {
         builder.onFrame(frame, played);
@@ -158,6 +159,16 @@ TEST(Report, ADwellThatIsNotJudgedIsExplained) {
     printReport(text, record, summarise(record), false);
     EXPECT_THAT(text.str(),
                 AllOf(HasSubstr("unexpected: 0\n"), HasSubstr("or too few): 1 frame for 7")));
+}
+
+TEST(Report, TheDisplaysTrueRateIsWhatCounts) {
+    const auto record = playbackOf(join(join(pulldown(48), {3}), pulldown(48)));
+    EXPECT_EQ(summarise(record).unexpected, 1);
+    const Summary summary = summarise(record, 1'000);
+    EXPECT_EQ(summary.unexpected, 0);
+    EXPECT_EQ(summary.byArithmetic, 1);
+    EXPECT_DOUBLE_EQ(summary.displayHz, 60.06);
+    EXPECT_NEAR(summary.expected.secondsPerSlip(), 16.7, 0.1);
 }
 
 TEST(Report, AClockStopIsGivenAsTheCause) {
