@@ -63,14 +63,16 @@ int BufferPool::acquire(std::chrono::nanoseconds timeout) {
         mWaitStart = std::chrono::steady_clock::now();
         ++mReport.waits;
     }
-    if (!mFreed.wait_for(lock.forWait(), timeout,
-                         [this]() KORVANE_REQUIRES(mLock) { return !mFree.empty(); })) {
-        return -1;
-    }
+    const bool freed = mFreed.wait_for(lock.forWait(), timeout,
+                                       [this]() KORVANE_REQUIRES(mLock) { return !mFree.empty(); });
     if (mWaiting) {
-        mWaiting = false;
+        // Also while the wait goes on: playback may end before a buffer comes.
         const std::chrono::nanoseconds waited = std::chrono::steady_clock::now() - mWaitStart;
         mReport.longestWaitNs = std::max<int64_t>(mReport.longestWaitNs, waited.count());
+        mWaiting = !freed;
+    }
+    if (!freed) {
+        return -1;
     }
     const int buffer = mFree.front();
     mFree.pop_front();

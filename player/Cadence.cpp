@@ -5,6 +5,7 @@
 #include <cmath>
 #include <cstdint>
 #include <cstdlib>
+#include <numeric>
 #include <utility>
 
 #include "player/CadenceTracker.h"
@@ -103,6 +104,9 @@ ExpectedCadence expectedCadence(double contentHz, double displayHz) {
     for (size_t frames = 1; frames <= kMaxCycleFrames; ++frames) {
         const double cycle = vsyncsPerFrame * static_cast<double>(frames);
         const int vsyncs = static_cast<int>(std::lround(cycle));
+        if (std::gcd(vsyncs, static_cast<int>(frames)) > 1) {
+            continue;  // a shorter cycle, written several times over
+        }
         const double slip = (cycle - vsyncs) / static_cast<double>(frames);
         if (best.pattern.empty() || std::abs(slip) < std::abs(best.slipPerFrame)) {
             best.pattern = evenPattern(vsyncs, frames);
@@ -127,6 +131,7 @@ CadenceResult analyseCadence(const std::vector<int>& dwells, const ExpectedCaden
     result.heldFrom = tracker.heldFrom();
     result.byArithmetic = tracker.byArithmetic();
     result.unexpected = tracker.unexpected();
+    result.unexpectedBefore = tracker.unexpectedBefore();
     return result;
 }
 

@@ -18,9 +18,16 @@
 //   50       60        1.2      [1:1:2:1:1]     none
 //
 // The dwells that were seen are laid along the pattern with the fewest breaks. A break is a dwell
-// that does not fit, or a place where the pattern starts over out of step. A break of one vsync in
-// the direction of the slip is by arithmetic as long as no more of them came than were due;
-// everything else is unexpected. Pure functions: dwells in, verdict out.
+// other than the one that the pattern so far wanted next; from there on the pattern goes on in step
+// or at another of its frames. The latter is how a slip comes in a pattern of q frames: in q steps,
+// each of which moves the frames by 1/q vsync on average and shows as one dwell that is off by one.
+//
+//   25 fps on 59.94 Hz   2:3:2:3:2 2:3:2:2:3 2:3:2:2:3   every 3.3 s: "2 instead of 3"
+//
+// A break of one vsync in the direction of the slip is by arithmetic as long as it moves the frames
+// no further than was due, and the first dwell of all may be off by one, as playback begins
+// somewhere between two vsyncs; everything else is unexpected. Pure functions: dwells in, verdict
+// out.
 #pragma once
 
 #include <cstddef>
@@ -39,7 +46,7 @@ struct ExpectedCadence {
 
     /// "[3:2]", "[2:2]"; empty without a pattern.
     std::string name() const;
-    /// Seconds from one demanded slip to the next; 0 when there is none within a day.
+    /// Seconds from one demanded slip of a whole vsync to the next; 0: none within a day.
     double secondsPerSlip() const;
 };
 
@@ -52,20 +59,23 @@ std::string patternName(const std::vector<int>& pattern);
 struct DwellBreak {
     size_t index = 0;  ///< into the dwells
     int dwell = 0;     ///< vsyncs seen
-    int expected = 0;  ///< vsyncs that the pattern wanted here
+    int expected = 0;  ///< vsyncs that the pattern wanted here: others than were seen
     bool byArithmetic = false;
+    bool atStart = false;  ///< the first dwell, off by one: playback began between two vsyncs
 };
 
 struct CadenceResult {
     /// A steady run was found; `heldFrom` is the index of its first dwell.
     bool held = false;
     size_t heldFrom = 0;
-    /// Breaks after `heldFrom`, in order.
+    /// In order, from the first dwell on.
     std::vector<DwellBreak> breaks;
     size_t byArithmetic = 0;
     size_t unexpected = 0;
+    /// Of these, those from before the pattern held; all, if it never did.
+    size_t unexpectedBefore = 0;
 
-    bool stayed() const { return held && unexpected == 0; }
+    bool stayed() const { return held && unexpected == unexpectedBefore; }
 };
 
 /// Frames in step that count as a steady run.

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <numeric>
 #include <utility>
 
 namespace korvane::player {
@@ -61,30 +62,63 @@ void CadenceTracker::decide(size_t count) {
     mWaiting.erase(mWaiting.begin(), mWaiting.begin() + static_cast<std::ptrdiff_t>(count));
 }
 
+/// Where the cheapest way goes over to another phase, dwells before and after may fit both. The one
+/// that shows the difference is the first that no longer fits the phase so far.
 void CadenceTracker::take(int dwell, size_t phase) {
+    const auto& pattern = mExpected.pattern;
     const size_t index = mDecided++;
-    const size_t inStep = index == 0 ? phase : (mPhase + 1) % mExpected.pattern.size();
-    mPhase = phase;
-    const bool isBreak = phase != inStep || dwell != mExpected.pattern[phase];
-    if (isBreak && mHeld) {
-        judge({index, dwell, mExpected.pattern[inStep], false});
-    } else if (isBreak) {
-        mRunStart = index + 1;
-    } else if (!mHeld && index + 1 - mRunStart >= kSteadyRunFrames) {
-        mHeld = true;
-        mHeldFrom = mRunStart;
+    const size_t inStep = index == 0 ? phase : (mPhase + 1) % pattern.size();
+    if (dwell == pattern[inStep]) {
+        mPhase = inStep;
+    } else {
+        mPhase = phase;
+        mRunStart = dwell == pattern[phase] ? index : index + 1;
+        judge({index, dwell, pattern[inStep]}, movedBy(dwell, inStep, phase));
+    }
+    if (!mHeld && index + 1 - mRunStart >= kSteadyRunFrames) {
+        hold();
     }
 }
 
-void CadenceTracker::judge(DwellBreak found) {
+void CadenceTracker::hold() {
+    mHeld = true;
+    mHeldFrom = mRunStart;
+    mUnexpectedBefore = mUnexpected;
+    mSlipped = 0.0;
+    mSlipsSince = mHeldFrom;
+}
+
+/// Vsyncs by which the end of a phase's frame comes later than its share of the cycle.
+double CadenceTracker::endLead(size_t phase) const {
+    const auto& pattern = mExpected.pattern;
+    const auto end = pattern.begin() + static_cast<std::ptrdiff_t>(phase) + 1;
+    const int cycle = std::accumulate(pattern.begin(), pattern.end(), 0);
+    return std::accumulate(pattern.begin(), end, 0) - static_cast<double>(cycle) *
+                                                          static_cast<double>(phase + 1) /
+                                                          static_cast<double>(pattern.size());
+}
+
+/// Vsyncs by which frames come later on average once a dwell of the phase in step was this one, and
+/// the pattern went on from `phase`.
+double CadenceTracker::movedBy(int dwell, size_t inStep, size_t phase) const {
+    return dwell - mExpected.pattern[inStep] + endLead(inStep) - endLead(phase);
+}
+
+void CadenceTracker::judge(DwellBreak found, double movedVsyncs) {
+    constexpr double kRounding = 1e-9;
     const bool slips = mExpected.secondsPerSlip() > 0.0;
-    const int offBy = found.dwell - found.expected;
-    // Where in the slip's own cycle the run began is not known, so the first may come at once.
-    const double due = 1.0 + std::floor(static_cast<double>(found.index - mHeldFrom) *
-                                        std::abs(mExpected.slipPerFrame));
-    found.byArithmetic = slips && offBy == (mExpected.slipPerFrame > 0.0 ? 1 : -1) &&
-                         static_cast<double>(mByArithmetic) < due;
-    (found.byArithmetic ? mByArithmetic : mUnexpected) += 1;
+    const double direction = mExpected.slipPerFrame > 0.0 ? 1.0 : -1.0;
+    const double moved = movedVsyncs * direction;
+    // Where in the slip's own cycle the frames began is not known, so the first may come at once.
+    const double due =
+        1.0 + static_cast<double>(found.index - mSlipsSince) * std::abs(mExpected.slipPerFrame);
+    found.atStart = found.index == 0 && std::abs(found.dwell - found.expected) == 1;
+    found.byArithmetic = !found.atStart && slips &&
+                         (found.dwell - found.expected) * direction == 1.0 && moved > kRounding &&
+                         moved <= 1.0 + kRounding && mSlipped + moved <= due + kRounding;
+    mSlipped += found.byArithmetic ? moved : 0.0;
+    mByArithmetic += found.byArithmetic ? 1 : 0;
+    mUnexpected += found.atStart || found.byArithmetic ? 0 : 1;
     if (mOnBreak) {
         mOnBreak(found);
     }

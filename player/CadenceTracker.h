@@ -22,7 +22,7 @@ public:
     /// Dwells that may be looked at again before they are decided.
     static constexpr size_t kUndecided = 1024;
 
-    /// @param onBreak  receives each break after the pattern held, in order, once decided
+    /// @param onBreak  receives each break, in order, once decided
     CadenceTracker(const ExpectedCadence& expected, std::function<void(const DwellBreak&)> onBreak);
 
     /// The next dwell in order of display; 0: superseded before it was shown.
@@ -37,6 +37,8 @@ public:
     size_t heldFrom() const { return mHeldFrom; }
     size_t byArithmetic() const { return mByArithmetic; }
     size_t unexpected() const { return mUnexpected; }
+    /// Those of them that came before the pattern held; all, as long as it does not.
+    size_t unexpectedBefore() const { return mHeld ? mUnexpectedBefore : mUnexpected; }
 
 private:
     static constexpr size_t kMostPhases = 16;
@@ -47,7 +49,10 @@ private:
 
     void decide(size_t count);
     void take(int dwell, size_t phase);
-    void judge(DwellBreak found);
+    void judge(DwellBreak found, double movedVsyncs);
+    void hold();
+    double movedBy(int dwell, size_t inStep, size_t phase) const;
+    double endLead(size_t phase) const;
 
     const ExpectedCadence mExpected;
     const std::function<void(const DwellBreak&)> mOnBreak;
@@ -58,8 +63,11 @@ private:
     size_t mRunStart = 0;  ///< of the dwells in step, while the pattern has not held yet
     bool mHeld = false;
     size_t mHeldFrom = 0;
+    double mSlipped = 0.0;   ///< vsyncs by which breaks by arithmetic have moved the frames
+    size_t mSlipsSince = 0;  ///< index from which they are counted
     size_t mByArithmetic = 0;
     size_t mUnexpected = 0;
+    size_t mUnexpectedBefore = 0;
 };
 
 }  // namespace korvane::player

@@ -60,7 +60,7 @@ struct SectionReport {
         false;  ///< begins with a change of the display's rate; then has no first frame
     double displayHz = 0.0;
     ExpectedCadence expected;
-    Seen firstOut;  ///< first frame off the pattern, after it held or, if it never did, at all
+    Seen firstOut;               ///< first frame off the pattern
     int64_t firstFrameUs = -1;   ///< from start or flush to the first frame's vsync
     int64_t secondFrameUs = -1;  ///< from the first frame's vsync to the second's
     /// From audio start, else from the first frame, until the pattern held; -1: it did not.
@@ -69,8 +69,12 @@ struct SectionReport {
     std::string seen;                   ///< pattern that the first dwells follow; empty: none
     CadenceResult cadence;              ///< without its breaks
     std::vector<ReportedBreak> breaks;  ///< the first unexpected ones
-    int64_t framesInStep = 0;
-    size_t dwells = 0;  ///< frames that took part in the cadence
+    int64_t explained = 0;              ///< unexpected dwells with a cause that the record tells
+    int64_t framesInStep = 0;           ///< since the pattern held
+    size_t dwells = 0;                  ///< frames that took part in the cadence
+
+    /// In a handful of frames no pattern can be told.
+    bool judged() const { return dwells >= kSteadyRunFrames; }
 };
 
 struct Summary {
@@ -88,7 +92,9 @@ struct Summary {
     std::map<int, Seen> cadenceDwells;  ///< the first frame of each dwell that counts for cadence
     int64_t byArithmetic = 0;
     int64_t unexpected = 0;
-    int64_t explained = 0;  ///< unexpected dwells with a cause that the record tells
+    int64_t explained = 0;  ///< of these, how many with a cause
+    /// Frames off the pattern, by vsyncs on screen, that waited there or were too few to be judged.
+    std::map<int, int64_t> unjudged;
 
     Spread offsetUs;
     int64_t offsetLeastUs = 0;

@@ -42,7 +42,19 @@ double meanStep(std::vector<int64_t> steps) {
 
 ReportBuilder::ReportBuilder(double nominalHz, const PlaybackPlan& plan) : mPlan(plan) {
     mSummary.contentHz = nominalHz;
-    mSummary.displayHz = plan.tv.display.rateHz;
+    mSummary.displayHz = trueHz(plan.tv.display.rateHz);
+}
+
+/// Vsyncs per second of a display that calls it that many: its crystal may be off.
+double ReportBuilder::trueHz(double nominalHz) const {
+    return nominalHz * (1.0 + mPlan.tv.display.driftPpm * 1e-6);
+}
+
+/// Pictures follow audio where audio has the clock, as fast or slow as its crystal is.
+ExpectedCadence ReportBuilder::expectedOn(double displayHz) const {
+    const bool audioLeads = mPlan.withAudio && !mPlan.passthrough;
+    const double speed = audioLeads ? 1.0 + mPlan.audio.driftPpm * 1e-6 : 1.0;
+    return expectedCadence(mSummary.contentHz * speed, displayHz);
 }
 
 void ReportBuilder::onFrame(const FrameEntry& frame, const PlaybackRecord& soFar) {
@@ -76,7 +88,7 @@ void ReportBuilder::openContent() {
             mSummary.contentHz = measuredHz;
         }
     }
-    mSummary.expected = expectedCadence(mSummary.contentHz, mSummary.displayHz);
+    mSummary.expected = expectedOn(mSummary.displayHz);
     std::vector<FrameEntry> opening;
     opening.swap(mOpening);
     for (size_t i = 0; i < opening.size(); ++i) {
@@ -179,7 +191,7 @@ void ReportBuilder::followStretches(const FrameEntry& frame) {
     while (mModeChanges < changes.size() &&
            frame.record->firstVsync.timeNs >=
                mRecord->startNs + changes[mModeChanges].atUs * 1000) {
-        beginStretch(frame.section, true, changes[mModeChanges].rateHz);
+        beginStretch(frame.section, true, trueHz(changes[mModeChanges].rateHz));
         mStretch->beganUs = mRecord->startNs / 1000 + changes[mModeChanges].atUs;
         ++mModeChanges;
     }
@@ -201,14 +213,18 @@ void ReportBuilder::beginStretch(int section, bool modeChange, double displayHz)
     report.section = section;
     report.modeChange = modeChange;
     report.displayHz = displayHz;
-    report.expected = expectedCadence(mSummary.contentHz, displayHz);
+    report.expected = expectedOn(displayHz);
     mStretch->tracker = std::make_unique<CadenceTracker>(
         report.expected, [this](const DwellBreak& found) { takeBreak(found); });
 }
 
 void ReportBuilder::addToCadence(const FrameEntry& frame, const FrameEntry* next) {
     const bool shown = frame.outcome == Outcome::Shown;
-    if ((!shown && frame.outcome != Outcome::Superseded) || frame.record->atOnce) {
+    if (!shown && frame.outcome != Outcome::Superseded) {
+        return;
+    }
+    if (frame.record->atOnce) {
+        ++mStretch->outside[static_cast<int>(frame.record->dwellVsyncs)];
         return;
     }
     if (shown) {
@@ -251,13 +267,16 @@ void ReportBuilder::addDwell(const Facts& facts) {
 
 void ReportBuilder::takeBreak(const DwellBreak& found) {
     Stretch& stretch = *mStretch;
-    ++stretch.breaks;
-    if (found.byArithmetic) {
+    stretch.breaksSinceHeld += stretch.tracker->held() ? 1 : 0;
+    if (found.atStart) {
+        stretch.offAtStart = found.dwell;
+    }
+    if (found.atStart || found.byArithmetic) {
         return;
     }
     const Facts& facts = stretch.facts[found.index - stretch.factsFrom];
     const std::string cause = causeOf(facts);
-    mSummary.explained += cause.empty() ? 0 : 1;
+    stretch.report.explained += cause.empty() ? 0 : 1;
     if (stretch.report.breaks.size() < kKeptBreaks) {
         stretch.report.breaks.push_back({facts.frameNo, facts.mediaTimeUs,
                                          facts.shownUs - mRecord->startNs / 1000, found.dwell,
@@ -292,8 +311,7 @@ void ReportBuilder::endStretch() {
     noteWhenHeld();
     if (mStretch->firstShownUs >= 0) {
         reportCadence();
-        mSummary.byArithmetic += static_cast<int64_t>(mStretch->tracker->byArithmetic());
-        mSummary.unexpected += static_cast<int64_t>(mStretch->tracker->unexpected());
+        countUnjudged();
         mSummary.sections.push_back(mStretch->report);
     }
     mStretch.reset();
@@ -310,17 +328,23 @@ void ReportBuilder::reportCadence() {
     const CadenceTracker& tracker = *mStretch->tracker;
     SectionReport& report = mStretch->report;
     report.dwells = tracker.dwells();
-    report.cadence.held = tracker.held();
-    report.cadence.heldFrom = tracker.heldFrom();
-    report.cadence.byArithmetic = tracker.byArithmetic();
-    report.cadence.unexpected = tracker.unexpected();
+    if (report.judged()) {
+        report.cadence.held = tracker.held();
+        report.cadence.heldFrom = tracker.heldFrom();
+        report.cadence.byArithmetic = tracker.byArithmetic();
+        report.cadence.unexpected = tracker.unexpected();
+        report.cadence.unexpectedBefore = tracker.unexpectedBefore();
+    } else {
+        report.breaks.clear();
+        report.explained = 0;
+    }
     const auto seen = seenPattern(mStretch->firstDwells);
-    const bool asExpected = tracker.held() || samePattern(seen, report.expected.pattern);
+    const bool asExpected = report.cadence.held || samePattern(seen, report.expected.pattern);
     report.seen = asExpected ? report.expected.name() : patternName(seen);
     if (!report.breaks.empty()) {
         report.firstOut = {report.breaks.front().frameNo, report.breaks.front().shownUs};
     }
-    if (!tracker.held()) {
+    if (!report.cadence.held) {
         return;
     }
     const auto& section = mRecord->sections[static_cast<size_t>(report.section)];
@@ -330,7 +354,50 @@ void ReportBuilder::reportCadence() {
                                                 : mStretch->firstShownUs;
     report.heldAfterUs = std::max<int64_t>(mStretch->heldShownUs - sinceUs, 0);
     report.framesInStep =
-        static_cast<int64_t>(report.dwells - tracker.heldFrom()) - mStretch->breaks;
+        static_cast<int64_t>(report.dwells - tracker.heldFrom()) - mStretch->breaksSinceHeld;
+}
+
+/// A dwell that is no part of the cadence says nothing, but if it looks like a fault, it is told.
+void ReportBuilder::countUnjudged() {
+    const SectionReport& report = mStretch->report;
+    auto& outside = mStretch->outside;
+    for (const auto& facts : mStretch->pending) {
+        ++outside[facts.dwell];
+    }
+    if (!report.judged()) {
+        for (const int dwell : mStretch->firstDwells) {
+            ++outside[dwell];
+        }
+    } else if (mStretch->offAtStart) {
+        ++outside[*mStretch->offAtStart];
+    }
+    const auto& pattern = report.expected.pattern;
+    for (const auto& [dwell, frames] : outside) {
+        if (dwell > 0 && std::find(pattern.begin(), pattern.end(), dwell) == pattern.end()) {
+            mSummary.unjudged[dwell] += frames;
+        }
+    }
+}
+
+/// Adds up what the stretches say of the cadence; where the rate varies there is none.
+void ReportBuilder::judge() {
+    // A lost picture here and there leaves the rate constant; one step in twenty does not.
+    mSummary.variableRate = mStepsOff * 20 > mSteps;
+    if (mSummary.variableRate) {
+        mSummary.expected = ExpectedCadence{};
+        mSummary.unjudged.clear();
+    }
+    for (auto& section : mSummary.sections) {
+        if (mSummary.variableRate) {
+            section.expected = ExpectedCadence{};
+            section.cadence = CadenceResult{};
+            section.breaks.clear();
+            section.explained = 0;
+        }
+        mSummary.byArithmetic += static_cast<int64_t>(section.cadence.byArithmetic);
+        mSummary.unexpected += static_cast<int64_t>(section.cadence.unexpected);
+        mSummary.explained += section.explained;
+    }
 }
 
 Summary ReportBuilder::finish(const PlaybackRecord& record) {
@@ -344,11 +411,7 @@ Summary ReportBuilder::finish(const PlaybackRecord& record) {
     endStretch();
     mSummary.offsetUs = mOffsets.spread();
     mSummary.backToPlayerNs = mBack.spread();
-    // A lost picture here and there leaves the rate constant; one step in twenty does not.
-    mSummary.variableRate = mStepsOff * 20 > mSteps;
-    if (mSummary.variableRate) {
-        mSummary.expected = ExpectedCadence{};
-    }
+    judge();
     giveVerdict(record, &mSummary);
     return mSummary;
 }

@@ -8,11 +8,12 @@
 //
 // Of a stretch, the last frame on screen stayed until the flush or stop, and one shown at once
 // before audio until audio came: their dwell says nothing about the cadence, and they are left out
-// of it.
+// of it. All others are judged, from the first one on, if they are enough to tell a pattern.
 #pragma once
 
 #include <cstdint>
 #include <deque>
+#include <map>
 #include <memory>
 #include <optional>
 #include <vector>
@@ -50,7 +51,9 @@ private:
         int64_t beganUs = -1;  ///< monotonic, of a mode change
         int64_t firstShownUs = -1;
         int64_t heldShownUs = -1;
-        int64_t breaks = 0;
+        int64_t breaksSinceHeld = 0;
+        std::optional<int> offAtStart;   ///< the first dwell, where that is why it does not fit
+        std::map<int, int64_t> outside;  ///< dwells that the cadence leaves out, and how many
         std::unique_ptr<CadenceTracker> tracker;
         std::vector<int> firstDwells;
         std::deque<Facts> facts;     ///< of the dwells that are not decided, and a few before
@@ -58,6 +61,8 @@ private:
         std::vector<Facts> pending;  ///< the last frame on screen and those superseded after it
     };
 
+    double trueHz(double nominalHz) const;
+    ExpectedCadence expectedOn(double displayHz) const;
     void openContent();
     void countStep(const FrameEntry& frame);
     void process(const FrameEntry& frame, const FrameEntry* next);
@@ -70,6 +75,8 @@ private:
     void endStretch();
     void noteWhenHeld();
     void reportCadence();
+    void countUnjudged();
+    void judge();
     void addToCadence(const FrameEntry& frame, const FrameEntry* next);
     void addDwell(const Facts& facts);
     void takeBreak(const DwellBreak& found);

@@ -35,17 +35,22 @@ std::string describeMedia(const PlaybackRecord& record) {
 }
 
 void printRates(std::ostream& out, const PlaybackRecord& record, const Summary& summary) {
+    const std::string content = rate(summary.contentHz);
+    const std::string played = rate(summary.expected.contentHz);
+    const bool drifts = !summary.expected.pattern.empty() && played != content;
     line(out, "rates",
-         "content " + rate(summary.contentHz) + " fps" +
-             (summary.variableRate ? " on average, varying" : "") + " (" + describeMedia(record) +
-             "), display " + rate(summary.displayHz) + " Hz");
+         "content " + content + " fps" + (summary.variableRate ? " on average, varying" : "") +
+             " (" + describeMedia(record) + ")" + (drifts ? ", " + played + " with audio" : "") +
+             ", display " + rate(summary.displayHz) + " Hz");
 }
 
 void printPattern(std::ostream& out, const Summary& summary) {
     for (size_t i = 0; i < summary.sections.size(); ++i) {
         const SectionReport& section = summary.sections[i];
-        std::string text = section.seen.empty() ? "none seen" : section.seen + " seen";
-        if (!section.expected.pattern.empty() && !summary.variableRate) {
+        std::string text = !section.judged()      ? "too few frames to tell"
+                           : section.seen.empty() ? "none seen"
+                                                  : section.seen + " seen";
+        if (!section.expected.pattern.empty()) {
             text += ", " + section.expected.name() + " expected";
         }
         if (section.cadence.held) {
@@ -62,21 +67,37 @@ void printPattern(std::ostream& out, const Summary& summary) {
     }
 }
 
-void printDwell(std::ostream& out, const Summary& summary) {
+std::string describeDwells(const std::map<int, int64_t>& dwells) {
     std::string text;
-    for (const auto& [vsyncs, frames] : summary.dwells) {
+    for (const auto& [vsyncs, frames] : dwells) {
         text += (text.empty() ? "" : ", ") + counted(frames, "frame") + " for " + number(vsyncs);
     }
+    return text;
+}
+
+/// "one vsync less every 16.7 s, in up to 5 steps"
+std::string describeSlips(const ExpectedCadence& expected) {
+    const double perSlip = expected.secondsPerSlip();
+    if (perSlip == 0.0) {
+        return "none";
+    }
+    const size_t steps = expected.pattern.size();
+    return "one vsync " + std::string(expected.slipPerFrame > 0 ? "more" : "less") + " every " +
+           seconds(static_cast<int64_t>(perSlip * 1e6), 1) +
+           (steps > 1 ? " in up to " + number(static_cast<int64_t>(steps)) + " steps" : "");
+}
+
+void printDwell(std::ostream& out, const Summary& summary) {
+    const std::string text = describeDwells(summary.dwells);
     line(out, "dwell", (text.empty() ? "nothing shown" : text + " (vsyncs)"));
-    const double perSlip = summary.expected.secondsPerSlip();
-    const std::string due =
-        perSlip > 0.0
-            ? "one vsync " + std::string(summary.expected.slipPerFrame > 0 ? "more" : "less") +
-                  " every " + seconds(static_cast<int64_t>(perSlip * 1e6), 1)
-            : "none";
     line(out, "",
-         "by arithmetic: " + due + ", " + number(summary.byArithmetic) +
+         "by arithmetic: " + describeSlips(summary.expected) + ", " + number(summary.byArithmetic) +
              " seen; unexpected: " + number(summary.unexpected));
+    if (!summary.unjudged.empty()) {
+        line(out, "",
+             "not judged (waited for audio, a flush or the end, or too few): " +
+                 describeDwells(summary.unjudged));
+    }
 }
 
 void printBreaks(std::ostream& out, const Summary& summary) {

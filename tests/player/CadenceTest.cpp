@@ -4,6 +4,9 @@
 
 #include <gmock/gmock.h>
 
+#include <cmath>
+#include <string>
+
 #include "tv/Display.h"
 
 namespace korvane::player {
@@ -26,7 +29,8 @@ TEST(ExpectedCadence, FollowsFromTheRates) {
         {24, 59.94, "[3:2]", 16.68, -1}, {23.976, 60, "[3:2]", 16.68, 1},
         {29.97, 60, "[2:2]", 16.68, 1},  {60, 59.94, "[1:1]", 16.68, -1},
         {25, 60, "[2:3:2:3:2]", 0, 0},   {24, 50, "[2:2:2:2:2:3:2:2:2:2:2:2]", 0, 0},
-        {23.976, 24, "[1:1]", 41.71, 1}, {50, 25, "[1:0]", 0, 0}};
+        {23.976, 24, "[1:1]", 41.71, 1}, {50, 25, "[1:0]", 0, 0},
+        {25, 24, "[1:1]", 1, -1},        {24, 119.88, "[5:5]", 8.34, -1}};
     for (const auto& c : cases) {
         const auto expected =
             expectedCadence(tv::displayRateHz(c.contentHz), tv::displayRateHz(c.displayHz));
@@ -74,9 +78,9 @@ TEST(AnalyseCadence, TellsDemandedFromUnexpected) {
     const auto even = cycles({3, 2}, 100);
     const std::vector<DwellCase> cases = {
         {"short one first", cycles({2, 3}, 40), 24, 60, true, 0, 0, 0},
-        {"settles first", join({4, 1, 2}, cycles({3, 2}, 20)), 24, 60, true, 2, 0, 0},
-        {"nine in step are no run", join({7}, cycles({3, 2}, 9)), 24, 60, false, 0, 0, 0},
-        {"ten are", join({7}, cycles({3, 2}, 10)), 24, 60, true, 1, 0, 0},
+        {"settles first", join({4, 1, 2}, cycles({3, 2}, 20)), 24, 60, true, 2, 0, 2},
+        {"nine in step are no run", join({7}, cycles({3, 2}, 9)), 24, 60, false, 0, 0, 1},
+        {"ten are", join({7}, cycles({3, 2}, 10)), 24, 60, true, 1, 0, 1},
         {"one long", join(join(even, {9, 2}), even), 24, 60, true, 0, 0, 1},
         {"out of step once", join(even, cycles({2, 3}, 20)), 24, 60, true, 0, 0, 1},
         {"demanded slip", join(join(even, {2, 2}), even), 24, kNtsc, true, 0, 1, 0},
@@ -87,8 +91,13 @@ TEST(AnalyseCadence, TellsDemandedFromUnexpected) {
         {"slips once each 1000 frames",
          join(join(join(cycles({1}, 900), {2}), join(cycles({1}, 999), {2})), cycles({1}, 50)),
          kNtsc, 60, true, 0, 2, 0},
+        {"a step forth and back again",
+         join(join(cycles({2, 3, 2, 3, 2}, 98), cycles({2, 2, 3, 2, 3}, 50)),
+              cycles({3, 2, 3, 2, 2}, 50)),
+         25, kNtsc, true, 0, 1, 1},
+        {"before it held", join({1, 9, 4}, cycles({3, 2}, 20)), 24, 60, true, 3, 0, 2},
         {"superseded", join(join(cycles({1}, 30), {0}), cycles({1}, 30)), 60, 60, true, 0, 0, 1},
-        {"nothing fits", cycles({5, 1, 1}, 60), 24, 60, false, 0, 0, 0},
+        {"nothing fits", cycles({5, 1, 1}, 60), 24, 60, false, 0, 0, 60},
         {"nothing at all", {}, 24, 60, false, 0, 0, 0}};
     for (const auto& c : cases) {
         const auto result = analyseCadence(c.dwells, expectedCadence(c.contentHz, c.displayHz));
@@ -96,7 +105,34 @@ TEST(AnalyseCadence, TellsDemandedFromUnexpected) {
         EXPECT_EQ(result.heldFrom, c.heldFrom) << c.name;
         EXPECT_EQ(result.byArithmetic, c.byArithmetic) << c.name;
         EXPECT_EQ(result.unexpected, c.unexpected) << c.name;
-        EXPECT_EQ(result.stayed(), c.held && c.unexpected == 0) << c.name;
+        EXPECT_EQ(result.stayed(), c.held && c.unexpected == result.unexpectedBefore) << c.name;
+    }
+}
+
+/// Each frame at the first vsync at which it is due: what no playback can do better.
+TEST(AnalyseCadence, FindsNoFaultWithEachFrameAtItsOwnVsync) {
+    const double contentRates[] = {23.976, 24, 25, 29.97, 30, 47.952, 48, 50, 59.94, 60};
+    const double displayRates[] = {23.976, 24, 25, 50, 59.94, 60, 100, 119.88, 120};
+    for (const double contentName : contentRates) {
+        for (const double displayName : displayRates) {
+            SCOPED_TRACE(std::to_string(contentName) + " on " + std::to_string(displayName));
+            const double content = tv::displayRateHz(contentName);
+            const double display = tv::displayRateHz(displayName);
+            std::vector<int> dwells;
+            const auto vsyncOf = [&](size_t frame) {
+                return static_cast<int>(
+                    std::ceil((static_cast<double>(frame) / content + 0.0031) * display));
+            };
+            for (size_t frame = 0; static_cast<double>(frame) < 120 * content; ++frame) {
+                dwells.push_back(vsyncOf(frame + 1) - vsyncOf(frame));
+            }
+            const auto result = analyseCadence(dwells, expectedCadence(content, display));
+            EXPECT_TRUE(result.held && result.unexpected == 0);
+            EXPECT_EQ(result.byArithmetic, result.breaks.size());
+            for (const auto& found : result.breaks) {
+                EXPECT_NE(found.dwell, found.expected) << "dwell " << found.index;
+            }
+        }
     }
 }
 

@@ -28,9 +28,10 @@ struct Played : PlaybackRecord {
     std::vector<FrameEntry> frames;
 };
 
-Summary summarise(const Played& played) {
+Summary summarise(const Played& played, double displayDriftPpm = 0.0) {
     PlaybackPlan plan;
     plan.tv.display.rateHz = played.displayHz;
+    plan.tv.display.driftPpm = displayDriftPpm;
     ReportBuilder builder(played.media.frameRateHz, plan);
     for (const auto& frame : played.frames) {
         builder.onFrame(frame, played);
@@ -112,6 +113,64 @@ TEST(Report, AnUnexpectedDwellIsListedWithItsCause) {
                                   HasSubstr("dropped, late: 2 in 1 run, longest 2")));
 }
 
+std::vector<int> join(std::vector<int> head, const std::vector<int>& tail) {
+    head.insert(head.end(), tail.begin(), tail.end());
+    return head;
+}
+
+struct VerdictCase {
+    std::vector<int> dwells;
+    size_t flushedAt;  ///< frame from which a second stretch begins; 0: none
+    int64_t unexpected;
+    const char* verdict;
+};
+
+TEST(Report, TheVerdictSaysWhatWasNotEven) {
+    const std::vector<int> never(30, 4);
+    const auto even = pulldown(48);
+    const std::vector<VerdictCase> cases = {
+        {join(even, even), 48, 0, "Even: [3:2] held 0.12 s after audio start and stayed; every"},
+        {join(even, never), 48, 28,
+         "Uneven: [3:2] held 0.12 s after audio start, a stretch never in step (29 frames);"},
+        {join({9, 9, 9}, even), 0, 3, "after audio start, 3 unexpected dwells before it held;"},
+        {join(join({9, 9}, even), join({9}, even)), 0, 3,
+         "after audio start, 2 unexpected dwells before it held and 1 after;"},
+        {join({-1, -1, -1}, even), 0, 0,
+         "Uneven: [3:2] held 0.12 s after audio start and stayed, 3 frames not shown (late: 3);"},
+        {join({1}, even), 0, 0, "Even: "},                  // began in the middle of a frame
+        {join(even, {3, 3, 3, 3, 3, 9}), 48, 0, "Even: "},  // too few to tell
+        {never, 0, 28, "Uneven: [4:4] seen where [3:2] was due;"},
+        {{3, 2, 9, 2, 1}, 0, 0, "Played; too short to tell a pattern;"}};
+    for (const auto& c : cases) {
+        auto record = playbackOf(c.dwells);
+        record.sections.push_back(record.sections[0]);
+        for (size_t i = c.flushedAt; c.flushedAt > 0 && i < record.frames.size(); ++i) {
+            record.frames[i].section = 1;
+        }
+        const Summary summary = summarise(record);
+        EXPECT_THAT(summary.verdict, HasSubstr(c.verdict));
+        EXPECT_EQ(summary.unexpected, c.unexpected) << c.verdict;
+    }
+}
+
+TEST(Report, ADwellThatIsNotJudgedIsExplained) {
+    const auto record = playbackOf(join(pulldown(48), {7}));
+    std::ostringstream text;
+    printReport(text, record, summarise(record), false);
+    EXPECT_THAT(text.str(),
+                AllOf(HasSubstr("unexpected: 0\n"), HasSubstr("or too few): 1 frame for 7")));
+}
+
+TEST(Report, TheDisplaysTrueRateIsWhatCounts) {
+    const auto record = playbackOf(join(join(pulldown(48), {3}), pulldown(48)));
+    EXPECT_EQ(summarise(record).unexpected, 1);
+    const Summary summary = summarise(record, 1'000);
+    EXPECT_EQ(summary.unexpected, 0);
+    EXPECT_EQ(summary.byArithmetic, 1);
+    EXPECT_DOUBLE_EQ(summary.displayHz, 60.06);
+    EXPECT_NEAR(summary.expected.secondsPerSlip(), 16.7, 0.1);
+}
+
 TEST(Report, AClockStopIsGivenAsTheCause) {
     auto dwells = pulldown(48);
     dwells[30] = 33;
@@ -140,7 +199,8 @@ TEST(Report, TheRateIsMeasuredWhateverTheFileSays) {
         record.frames[i].mediaTimeUs += i % 3 == 0 ? 15'000 : 0;
     }
     EXPECT_THAT(summarise(record).verdict, HasSubstr("rate varies")) << "no pattern to keep";
-    EXPECT_THAT(summarise(playbackOf({})).verdict, HasSubstr("Nothing was shown"));
+    EXPECT_THAT(summarise(playbackOf({-1, -1})).verdict,
+                HasSubstr("Nothing was shown of 2 frames"));
 }
 
 TEST(Report, CsvHasAsManyFieldsInEveryLine) {
@@ -194,6 +254,7 @@ TEST_F(BufferPoolTest, ABufferHandedBackTwiceIsTakenOnce) {
     const int first = take(pool, 0);
     take(pool, 1);
     EXPECT_EQ(pool.acquire(std::chrono::milliseconds(1)), -1);
+    EXPECT_GE(pool.report().longestWaitNs, 1'000'000) << "counted although it goes on";
     pool.giveBack(pool.fd(first));
     pool.giveBack(pool.fd(first));
     pool.giveBack(12345);
