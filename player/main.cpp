@@ -99,8 +99,7 @@ public:
     explicit Trace(const std::string& path) {
         std::string error;
         if (!path.empty() && !tv::startTrace(path, &error)) {
-            throw UsageError("--trace " + path + ": " + error +
-                             "; give a file that can be written");
+            throw UsageError("--trace: " + error + "; give a file that can be written");
         }
     }
     ~Trace() { tv::stopTrace(); }
@@ -185,7 +184,7 @@ int playAndReport(const PlayOptions& options) {
     }
     bool written = record.trace.failure.empty();
     if (!written) {
-        say("--trace " + options.traceFile + ": " + record.trace.failure +
+        say("--trace: " + record.trace.failure +
             "; the trace is not whole, playback and summary are");
     }
     for (OutputFile* output : {&csv, &json, &eventsFile}) {
