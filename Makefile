@@ -29,8 +29,9 @@ build: deps
 	cmake --preset release
 	cmake --build --preset release -j $(JOBS)
 
+# Make hands FILE on in the environment, where no letter of a name means anything to the shell.
 play: build
-	@FILE='$(FILE)'; [ -n "$$FILE" ] || FILE=$$(scripts/fetch-clip.sh) || exit; \
+	@[ -n "$$FILE" ] || FILE=$$(scripts/fetch-clip.sh) || exit; \
 	build/release/bin/korvane-tv play "$$FILE" $(ARGS)
 
 test: build

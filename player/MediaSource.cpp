@@ -2,11 +2,13 @@
 #include "player/MediaSource.h"
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <system_error>
+#include <utility>
 
 extern "C" {
 #include <libavcodec/avcodec.h>
@@ -50,6 +52,16 @@ void checkIsFile(const std::string& path) {
     }
     if (S_ISDIR(status.st_mode)) {
         throw InputError("'" + path + "' is a directory; give a media file");
+    }
+    // Video and audio are read by two readers, and both begin at the beginning.
+    if (!S_ISREG(status.st_mode) && !S_ISBLK(status.st_mode)) {
+        throw InputError("'" + path + "' is " + (S_ISFIFO(status.st_mode) ? "a pipe" : "no file") +
+                         ", which cannot be played; give a file");
+    }
+    if (access(path.c_str(), R_OK) != 0) {
+        throw InputError("'" + path + "' may not be read (" +
+                         std::generic_category().message(errno) +
+                         "); give a file that you may read");
     }
     if (S_ISREG(status.st_mode) && status.st_size == 0) {
         throw InputError("'" + path + "' is empty; give a media file, or fetch this one again");
@@ -169,6 +181,12 @@ struct VideoReader::Impl {
         }
         codec = openDecoder(path, stream());
         describe(path);
+        if (next() != ReadStatus::Ready) {
+            throw InputError("'" + path + "' holds no " + info.videoCodec +
+                             " picture that can be decoded; the file may be damaged, try another "
+                             "one");
+        }
+        firstWaits = true;
     }
 
     AVStream& stream() const { return *demuxer.format->streams[streamIndex]; }
@@ -248,11 +266,24 @@ struct VideoReader::Impl {
         ended = ReadStatus::Ready;
         haveLast = false;
         skipBeforeUs = mediaUs;
+        firstWaits = false;
         return true;
+    }
+
+    ReadStatus next() {
+        if (std::exchange(firstWaits, false)) {
+            return ReadStatus::Ready;
+        }
+        ReadStatus status = ReadStatus::Ready;
+        do {
+            status = decodeNext();
+        } while (status == ReadStatus::Ready && lastUs < skipBeforeUs);
+        return status;
     }
 
     Demuxer demuxer;
     int streamIndex = -1;
+    bool firstWaits = false;  ///< decoded when the file was opened, not yet taken
     CodecPtr codec;
     FramePtr picture;
     MediaInfo info;
@@ -287,11 +318,7 @@ int64_t VideoReader::readUpToUs() const {
 }
 
 ReadStatus VideoReader::next() {
-    ReadStatus status = ReadStatus::Ready;
-    do {
-        status = mImpl->decodeNext();
-    } while (status == ReadStatus::Ready && mImpl->lastUs < mImpl->skipBeforeUs);
-    return status;
+    return mImpl->next();
 }
 
 struct AudioReader::Impl {

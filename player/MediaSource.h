@@ -24,7 +24,8 @@ public:
     using std::runtime_error::runtime_error;
 };
 
-/// Decodes the video stream; in real time with FFmpeg's own threads. One thread at a time.
+/// Decodes the video stream; in real time with FFmpeg's own threads. One thread at a time. One that
+/// could be opened has a picture: what cannot be played is known before anything else begins.
 class VideoReader final : public FrameSource {
 public:
     /// @throws InputError

@@ -51,17 +51,40 @@ double readNumber(const std::string& option, const std::string& text, double low
                   const std::string& unit) {
     char* end = nullptr;
     const double value = std::strtod(text.c_str(), &end);
-    if (text.empty() || *end != '\0' || !(value >= lowest && value <= highest)) {
+    // strtod alone would also take spaces and hexadecimal.
+    const bool decimal = text.find_first_not_of("+-.0123456789") == text.npos;
+    if (text.empty() || !decimal || *end != '\0' || !(value >= lowest && value <= highest)) {
         throw wanted(option, text, "between " + rate(lowest) + " and " + rate(highest) + unit);
     }
     return value;
+}
+
+bool onlyDigits(const std::string& text) {
+    return !text.empty() && text.find_first_not_of("0123456789") == text.npos;
+}
+
+int readCount(const std::string& option, const std::string& text, int fewest, int most,
+              const std::string& unit) {
+    const double count = readNumber(option, text, fewest, most, unit);
+    if (!onlyDigits(text)) {
+        throw wanted(option, text, "a whole number of" + unit);
+    }
+    return static_cast<int>(count);
+}
+
+std::string readFileName(const std::string& option, const std::string& text) {
+    if (text.empty() || text == "-") {
+        throw wanted(option, text, "a file; standard output has the summary, write a file's name");
+    }
+    return text;
 }
 
 int32_t readMask(const std::string& option, const std::string& text) {
     char* end = nullptr;
     errno = 0;
     const long value = std::strtol(text.c_str(), &end, 0);
-    if (text.empty() || *end != '\0' || errno != 0 || value < 0 || value > INT32_MAX) {
+    const bool number = !text.empty() && std::isdigit(static_cast<unsigned char>(text[0])) != 0;
+    if (!number || *end != '\0' || errno != 0 || value > INT32_MAX) {
         throw wanted(option, text,
                      "a log mask; add up 1 (lifecycle), 2 (frames), 4 (detail), "
                      "16 (trace counters), for example 3");
@@ -196,8 +219,8 @@ void addPlaybackOptions(CLI::App* app, PlayOptions* options) {
         ->group("Playback");
     addText(app, "--buffers", "N", "Frame buffers of the player, 5 to 64 [16]",
             [options](const std::string& name, const std::string& text) {
-                options->buffers = static_cast<int>(
-                    readNumber(name, text, kFewestBuffers, kMostBuffers, " buffers; try 16"));
+                options->buffers =
+                    readCount(name, text, kFewestBuffers, kMostBuffers, " buffers; try 16");
             })
         ->group("Playback");
 }
@@ -225,10 +248,9 @@ bool readClock(const std::string& option, const std::string& text) {
 }
 
 uint64_t readSeed(const std::string& option, const std::string& text) {
-    char* end = nullptr;
     errno = 0;
-    const unsigned long long value = std::strtoull(text.c_str(), &end, 10);
-    if (text.empty() || text[0] == '-' || *end != '\0' || errno != 0) {
+    const unsigned long long value = std::strtoull(text.c_str(), nullptr, 10);
+    if (!onlyDigits(text) || errno != 0) {
         throw wanted(option, text, "a seed; write a whole number of 0 or more");
     }
     return value;
@@ -251,21 +273,18 @@ void addClockOptions(CLI::App* app, std::optional<bool>* virtualClock, uint64_t*
 }
 
 void addOutputOptions(CLI::App* app, PlayOptions* options) {
-    app->add_option("--trace", options->traceFile,
-                    "Record a trace (Chrome trace-event JSON, for the Perfetto UI)")
-        ->type_name("OUT")
-        ->group("Output");
-    app->add_option("--csv", options->csvFile, "Write one line per frame, after a header line")
-        ->type_name("OUT")
-        ->group("Output");
-    app->add_option("--json", options->jsonFile,
-                    "Write the summary as one flat JSON object, one key per line")
-        ->type_name("OUT")
-        ->group("Output");
-    app->add_option("--events", options->eventsFile,
-                    "Write one line per event: sent, queued, shown, returned, dropped, ...")
-        ->type_name("OUT")
-        ->group("Output");
+    const auto addFile = [app](const char* option, std::string* path, const char* help) {
+        addText(app, option, "OUT", help, [path](const std::string& name, const std::string& text) {
+            *path = readFileName(name, text);
+        })->group("Output");
+    };
+    addFile("--trace", &options->traceFile,
+            "Record a trace (Chrome trace-event JSON, for the Perfetto UI)");
+    addFile("--csv", &options->csvFile, "Write one line per frame, after a header line");
+    addFile("--json", &options->jsonFile,
+            "Write the summary as one flat JSON object, one key per line");
+    addFile("--events", &options->eventsFile,
+            "Write one line per event: sent, queued, shown, returned, dropped, ...");
     addFlag(app, "-q,--quiet", &options->quiet, "No progress, and of the summary only the verdict")
         ->group("Output");
 }
@@ -286,7 +305,8 @@ CLI::App* addPlayCommand(CLI::App* app, PlayOptions* options) {
     addOutputOptions(play, options);
     play->footer(
         "Exit status: 0 every buffer came back and every frame is accounted for; 1 not so, or an "
-        "output file could not be written; 2 wrong usage or input.");
+        "output could not be written whole; 2 wrong usage or input, and no output is touched; 3 "
+        "the threads hang.");
     return play;
 }
 
@@ -299,8 +319,7 @@ CLI::App* addRunCommand(CLI::App* app, RunOptions* options) {
         ->required();
     addText(run, "-j,--jobs", "N", "Scenarios to play at a time, 1 to 256 [1]",
             [options](const std::string& name, const std::string& text) {
-                options->jobs =
-                    static_cast<int>(readNumber(name, text, 1, kMostJobs, " scenarios; try 2"));
+                options->jobs = readCount(name, text, 1, kMostJobs, " scenarios; try 2");
             });
     addText(run, "--seed", "N", "Seed of all of them, instead of each one's own",
             [options](const std::string& name, const std::string& text) {
@@ -433,6 +452,38 @@ std::string repeatLine(int argc, const char* const* argv, uint64_t seed) {
         text += bare ? " " + word : " '" + quoted + "'";
     }
     return seedGiven ? text : text + " --seed " + std::to_string(seed);
+}
+
+std::vector<std::string> withoutEffect(const PlayOptions& options, const MediaInfo& media) {
+    std::vector<std::string> notes;
+    const auto note = [&notes](bool idle, const std::string& what, const std::string& why) {
+        if (idle) {
+            notes.push_back(what + " has no effect: " + why);
+        }
+    };
+    const PlayOptions usual;
+    const bool silent = options.noAudio || !media.hasAudio;
+    const std::string whySilent = options.noAudio ? "--no-audio is given" : "the film has no audio";
+    note(silent && options.audioDelayUs != usual.audioDelayUs, "--audio-delay", whySilent);
+    note(silent && options.audioDriftPpm != usual.audioDriftPpm, "--audio-drift", whySilent);
+    note(silent && !options.underflows.empty(), "--audio-underflow", whySilent);
+    const auto noteBeyond = [&](const char* option, int64_t atUs) {
+        note(media.durationUs > 0 && atUs >= media.durationUs,
+             std::string(option) + " " + seconds(atUs),
+             "the film ends at " + seconds(media.durationUs));
+    };
+    for (const auto& underflow : options.underflows) {
+        if (!silent) {
+            noteBeyond("--audio-underflow", underflow.atMediaUs);
+        }
+    }
+    for (const auto& seek : options.seeks) {
+        noteBeyond(seek.inPlace ? "--flush-at" : "--seek", seek.atUs);
+    }
+    for (const auto& stall : options.videoStalls) {
+        noteBeyond("--video-stall", stall.atUs);
+    }
+    return notes;
 }
 
 PlaybackPlan planOf(const PlayOptions& options, const MediaInfo& media) {

@@ -78,6 +78,9 @@ struct CommandLine {
 /// The playback that the options ask for of a file.
 PlaybackPlan planOf(const PlayOptions& options, const MediaInfo& media);
 
+/// One line for each thing that was asked for and cannot happen with this file.
+std::vector<std::string> withoutEffect(const PlayOptions& options, const MediaInfo& media);
+
 /// Reads a command line.
 /// @throws UsageError
 CommandLine parseCommandLine(int argc, const char* const* argv, const std::string& version);

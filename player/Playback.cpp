@@ -315,7 +315,7 @@ void PlaybackSession::performRestart() {
 }
 
 PlaybackRecord PlaybackSession::finish() {
-    mProgress.finish();
+    clearProgress();
     mFaults->stop();
     watchAudio(tv::nowNs());
     stopRenderer();

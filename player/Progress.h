@@ -1,8 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 // Progress on stderr: one line that redraws itself on a terminal, a plain line every few seconds
-// elsewhere, nothing when switched off. One thread.
+// elsewhere, nothing when switched off. One thread draws; whoever else writes to standard error
+// clears the redrawn line first, and it comes back below.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 
@@ -19,19 +21,24 @@ struct ProgressState {
 class Progress {
 public:
     explicit Progress(bool enabled);
+    ~Progress();
+    Progress(const Progress&) = delete;
+    Progress& operator=(const Progress&) = delete;
+
     /// Draws if it is time to.
     void update(const ProgressState& state, int64_t nowNs);
-    /// Ends the redrawn line, so that what follows starts on a line of its own.
-    void finish();
 
 private:
     const bool mEnabled;
     const bool mTerminal;
     int64_t mNextNs = 0;
-    bool mLineOpen = false;
 };
 
-/// "[=====>    ]" filled to a share of 0 to 1.
-std::string progressBar(double share, int width);
+/// Clears the redrawn line, if there is one, so that what is written next has a line of its own.
+/// Any thread.
+void clearProgress();
+
+/// What is drawn, in fewer columns than the terminal has: the bar gives way before the text does.
+std::string progressLine(const ProgressState& state, size_t columns);
 
 }  // namespace korvane::player

@@ -1,23 +1,26 @@
 // SPDX-License-Identifier: Apache-2.0
 // korvane-tv: the command line. Exit status 0 when every frame is accounted for and every buffer
-// came back; 1 when not, or when an output file could not be written; 2 for wrong usage or input.
+// came back; 1 when not, or when an output could not be written; 2 for wrong usage or input, which
+// leaves every output as it was.
+#include <fcntl.h>
+
 #include <algorithm>
 #include <atomic>
-#include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <exception>
-#include <fstream>
 #include <iostream>
 #include <memory>
 #include <optional>
 #include <string>
-#include <system_error>
+#include <utility>
 
 #include "player/EventRecorder.h"
 #include "player/MediaSource.h"
+#include "player/OutputFile.h"
 #include "player/PlayOptions.h"
 #include "player/Playback.h"
+#include "player/Progress.h"
 #include "player/ReportBuilder.h"
 #include "player/scenario/RunCommand.h"
 #include "tv/clock/VirtualTime.h"
@@ -36,6 +39,9 @@ constexpr int kLogWarn = 5;
 /// The system property from which the library takes its log mask.
 constexpr char kLogMaskProperty[] = "vendor.korvane.loglevels";
 
+/// Descriptors of standard input, output and error.
+constexpr int kStandardFiles = 3;
+
 std::atomic<bool> gInterrupted{false};
 static_assert(std::atomic<bool>::is_always_lock_free, "set in a signal handler");
 
@@ -51,11 +57,27 @@ void catchSignals() {
     std::signal(SIGTERM, onSignal);
 }
 
+/// A standard file that is closed stays unwritable, but none that is opened later takes its number
+/// and then what was meant for the screen.
+void holdStandardFiles() {
+    for (int fd = 0; fd < kStandardFiles; ++fd) {
+        if (fcntl(fd, F_GETFD) < 0) {
+            open("/dev/null", O_RDONLY);  // takes the lowest free number
+        }
+    }
+}
+
 /// The one form in which anything that went wrong is told.
 void say(const std::string& message) {
+    clearProgress();
     std::string text = message;
     std::replace(text.begin(), text.end(), '\n', ' ');
     std::fprintf(stderr, "korvane-tv: %s\n", text.c_str());
+}
+
+/// Of what is logged, what comes to standard error.
+int lowestPriority(const PlayOptions& options) {
+    return options.logMask ? kLogDebug : kLogWarn;
 }
 
 void setProperties(const PlayOptions& options) {
@@ -71,60 +93,21 @@ void setProperties(const PlayOptions& options) {
     }
 }
 
-/// Opened before playback, so that a wrong path is told at once.
-class OutputFile {
+/// The trace's thread ends with this, however playback ends: virtual time waits for every thread.
+class Trace {
 public:
-    OutputFile(const char* option, const std::string& path) : mOption(option), mPath(path) {
-        if (!path.empty()) {
-            mFile.open(path);
-            if (!mFile) {
-                throw UsageError(std::string(option) + " " + path + ": " +
-                                 std::generic_category().message(errno) +
-                                 "; give a file that can be written");
-            }
+    explicit Trace(const std::string& path) {
+        std::string error;
+        if (!path.empty() && !tv::startTrace(path, &error)) {
+            throw UsageError("--trace: " + error + "; give a file that can be written");
         }
     }
+    ~Trace() { tv::stopTrace(); }
+    Trace(const Trace&) = delete;
+    Trace& operator=(const Trace&) = delete;
 
-    std::ostream& stream() { return mFile; }
-    bool wanted() const { return !mPath.empty(); }
-
-    /// @return false, after saying so, when the file is not whole
-    bool finish() {
-        if (mPath.empty()) {
-            return true;
-        }
-        mFile.close();
-        if (!mFile) {
-            say(std::string(mOption) + " " + mPath +
-                ": could not be written whole; free some space and play again");
-        }
-        return mFile.good();
-    }
-
-private:
-    const char* mOption;
-    const std::string mPath;
-    std::ofstream mFile;
+    tv::TraceReport stop() { return tv::stopTrace(); }
 };
-
-void startTrace(const PlayOptions& options) {
-    std::string error;
-    if (!options.traceFile.empty() && !tv::startTrace(options.traceFile, &error)) {
-        throw UsageError("--trace " + options.traceFile + ": " + error +
-                         "; give a file that can be written");
-    }
-}
-
-void endTrace(const PlayOptions& options, PlaybackRecord* record) {
-    if (options.traceFile.empty()) {
-        return;
-    }
-    record->trace = tv::stopTrace();
-    if (!record->trace.failure.empty()) {
-        say("--trace " + options.traceFile + ": " + record->trace.failure +
-            "; the trace is not whole, playback and summary are");
-    }
-}
 
 /// The clock that was asked for, or the virtual one where this build has it.
 std::unique_ptr<tv::VirtualTime> startClock(const PlayOptions& options) {
@@ -135,7 +118,9 @@ std::unique_ptr<tv::VirtualTime> startClock(const PlayOptions& options) {
     if (!available) {
         throw UsageError("--clock virtual: this build has no virtual clock; use --clock real");
     }
-    return std::make_unique<tv::VirtualTime>(options.seed);
+    tv::VirtualTimeOptions virtualTime;
+    virtualTime.onHang = [](const std::string&) { clearProgress(); };
+    return std::make_unique<tv::VirtualTime>(options.seed, virtualTime);
 }
 
 std::unique_ptr<PacketSource> openAudio(const PlaybackPlan& plan, const std::string& file) {
@@ -147,11 +132,19 @@ int playAndReport(const PlayOptions& options) {
     const auto clock = startClock(options);
     VideoReader reader(options.file);
     const PlaybackPlan plan = planOf(options, reader.info());
+    auto audio = openAudio(plan, options.file);
     OutputFile csv("--csv", options.csvFile);
     OutputFile json("--json", options.jsonFile);
     OutputFile eventsFile("--events", options.eventsFile);
+    OutputFile traceFile("--trace", options.traceFile);
+    checkApart(options.file, {&csv, &json, &eventsFile, &traceFile});
     setProperties(options);
-    startTrace(options);
+    // All is accepted; what the files held before goes now.
+    for (OutputFile* output : {&csv, &json, &eventsFile}) {
+        output->begin();
+    }
+    Trace trace(options.traceFile);
+    traceFile.release();
     catchSignals();
     ReportBuilder report(reader.info().frameRateHz, plan);
     EventLog events(eventsFile.wanted() ? &eventsFile.stream() : nullptr);
@@ -163,11 +156,19 @@ int playAndReport(const PlayOptions& options) {
         ports.listeners.push_back(&frames.emplace(csv.stream()));
     }
     ports.interrupted = [] { return gInterrupted.load(); };
+    ports.onLogLine = [lowest = lowestPriority(options)](const tv::LogLine& line) {
+        if (line.priority >= lowest) {
+            clearProgress();
+        }
+    };
+    for (const auto& note : withoutEffect(options, reader.info())) {
+        say(note);
+    }
     if (!clock && !options.virtualClock) {
         say("this build has no virtual clock; playing in real time");
     }
-    PlaybackRecord record = play(plan, reader, openAudio(plan, options.file), ports);
-    endTrace(options, &record);
+    PlaybackRecord record = play(plan, reader, std::move(audio), ports);
+    record.trace = trace.stop();
     const Summary summary = report.finish(record);
     if (record.end == EndCause::BrokenOff) {
         say("'" + options.file + "' breaks off in the middle; it was played up to there");
@@ -178,15 +179,19 @@ int playAndReport(const PlayOptions& options) {
         std::cout << "repeat    events " << events.hash() << " from " << options.repeat << "\n";
     }
     std::cout.flush();
-    bool written = csv.finish();
     if (json.wanted()) {
         writeJson(json.stream(), record, summary);
     }
-    written &= json.finish();
-    written &= eventsFile.finish();
-    if (!std::cout) {
-        say("the summary could not be written to standard output");
-        written = false;
+    bool written = record.trace.failure.empty();
+    if (!written) {
+        say("--trace: " + record.trace.failure +
+            "; the trace is not whole, playback and summary are");
+    }
+    for (OutputFile* output : {&csv, &json, &eventsFile}) {
+        if (const std::string failure = output->finish(); !failure.empty()) {
+            say(failure);
+            written = false;
+        }
     }
     return summary.ok() && written ? kExitOk : kExitUnaccounted;
 }
@@ -205,7 +210,7 @@ CommandLine readCommandLine(int argc, char** argv) {
     const std::string version = "korvane-tv " KORVANE_VERSION " (" + ffmpegVersions() + ")";
     try {
         CommandLine line = parseCommandLine(argc, argv, version);
-        tv::openLog(line.play.logMask ? kLogDebug : kLogWarn);
+        tv::openLog(lowestPriority(line.play));
         return line;
     } catch (const UsageError&) {
         tv::openLog(kLogWarn);
@@ -213,22 +218,30 @@ CommandLine readCommandLine(int argc, char** argv) {
     }
 }
 
+int carryOut(const CommandLine& line) {
+    if (!line.text.empty()) {
+        std::cout << line.text;
+        return kExitOk;
+    }
+    switch (line.command) {
+        case Command::Run:
+            return runAll(line.run);
+        case Command::List:
+            return listScenarios(line.list, std::cout);
+        case Command::Play:
+            break;
+    }
+    return playAndReport(line.play);
+}
+
 int run(int argc, char** argv) {
     try {
-        const CommandLine line = readCommandLine(argc, argv);
-        if (!line.text.empty()) {
-            std::cout << line.text;
-            return kExitOk;
+        const int status = carryOut(readCommandLine(argc, argv));
+        if (!std::cout.flush()) {
+            say("standard output could not be written whole; free some space and try again");
+            return std::max(status, kExitUnaccounted);
         }
-        switch (line.command) {
-            case Command::Run:
-                return runAll(line.run);
-            case Command::List:
-                return listScenarios(line.list, std::cout);
-            case Command::Play:
-                break;
-        }
-        return playAndReport(line.play);
+        return status;
     } catch (const UsageError& error) {
         say(error.what());
         return kExitUsage;
@@ -256,5 +269,6 @@ extern "C" const char* __tsan_default_suppressions() {  // NOLINT(bugprone-reser
 #endif
 
 int main(int argc, char** argv) {
+    korvane::player::holdStandardFiles();
     return korvane::player::run(argc, argv);
 }

@@ -36,8 +36,8 @@ void observeLog(std::function<void(const LogLine&)> observer);
 
 /// Recording of the atrace calls into a file in Chrome's trace-event JSON, which the Perfetto UI
 /// opens. A trace point costs one entry in a bounded memory ring; a thread of low priority writes
-/// the file. When the file cannot be written further (disk full), recording ends with one message
-/// and playback goes on; the events written so far stay readable.
+/// the file. When the file cannot be written further (disk full), playback goes on, what is not
+/// recorded is counted and the report says why; the events written so far stay readable.
 /// @param error  receives one line when the file cannot be created
 bool startTrace(const std::string& path, std::string* error);
 /// Whether a file is being recorded; what makes up names for `traceSlice` asks first.
@@ -53,7 +53,7 @@ void observeTrace(std::function<void(char kind, const std::string& name, int64_t
 struct TraceReport {
     std::string path;
     int64_t written = 0;
-    int64_t lost = 0;     ///< events that found the ring full
+    int64_t lost = 0;     ///< events that found the ring full, or the file beyond writing
     std::string failure;  ///< empty when the file is whole
 };
 /// Ends recording and closes the file. Idempotent.

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // The trace: this library's atrace calls stand before libcutils'. A call goes to the observer and,
 // while a file is recorded, as one entry into the ring; a thread of low priority empties the ring
-// into the file twenty times a second. A full disk ends the recording, not the playback.
-#include <android/log.h>
+// into the file twenty times a second. On a full disk it goes on emptying the ring, so that what is
+// not recorded is counted; playback goes on.
 #include <sys/resource.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -35,6 +35,7 @@ constexpr int kWriterNice = 10;
 /// One recording, from `startTrace` to `stopTrace`.
 class Recording {
 public:
+    /// @return empty, or why the file cannot be written
     std::string open(const std::string& path);
     void start() {
         mWriter = std::thread([this] { run(); });
@@ -50,8 +51,8 @@ private:
 
     TraceRing mRing;
     std::atomic<int64_t> mLost{0};
-    TraceFile mFile;      ///< the writer's own while it runs
-    TraceReport mReport;  ///< as is the failure in it
+    TraceFile mFile;  ///< the writer's own while it runs
+    TraceReport mReport;
     std::mutex mLock;
     std::condition_variable mWake;
     bool mStopping KORVANE_GUARDED_BY(mLock) = false;
@@ -86,7 +87,8 @@ int32_t threadId() {
 
 std::string Recording::open(const std::string& path) {
     mReport.path = path;
-    return mFile.open(path);
+    mFile.open(path);
+    return mFile.failure();
 }
 
 void Recording::put(TraceEvent::Kind kind, int32_t thread, const char* name, int64_t timeNs,
@@ -116,18 +118,14 @@ int32_t Recording::track(const std::string& name) {
 void Recording::run() {
     setpriority(PRIO_PROCESS, static_cast<id_t>(threadId()), kWriterNice);
     bool stopping = false;
-    while (!stopping && mReport.failure.empty()) {
+    while (!stopping) {
         {
             WaitLock guard(mLock);
             stopping = mWake.wait_for(guard.forWait(), kWriteInterval,
                                       [this]() KORVANE_REQUIRES(mLock) { return mStopping; });
         }
         drain();
-        mReport.failure = stopping ? mFile.finish() : mFile.write();
-    }
-    if (!mReport.failure.empty()) {
-        state().recording = false;
-        __android_log_print(ANDROID_LOG_ERROR, "tv", "%s", mReport.failure.c_str());
+        stopping ? mFile.finish() : mFile.write();
     }
 }
 
@@ -152,7 +150,8 @@ TraceReport Recording::stop() {
     mWake.notify_one();
     mWriter.join();
     mReport.written = mFile.written();
-    mReport.lost = mLost;
+    mReport.lost = mLost + mFile.lost();
+    mReport.failure = mFile.failure();
     return mReport;
 }
 

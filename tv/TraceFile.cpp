@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <fstream>
 #include <system_error>
+#include <utility>
 
 #include "tv/clock/VirtualTime.h"
 
@@ -78,17 +79,21 @@ TraceFile::~TraceFile() {
     }
 }
 
-std::string TraceFile::open(const std::string& path) {
+void TraceFile::open(const std::string& path) {
     mPath = path;
     mFd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
     if (mFd < 0) {
-        return fail("cannot create trace file", errno);
+        fail("cannot create trace file", errno);
+        return;
     }
     mPending = "[\n";
-    return {};
 }
 
 void TraceFile::add(const TraceEvent& event) {
+    if (mFd < 0) {
+        ++mLost;
+        return;
+    }
     const bool slice = event.kind == TraceEvent::Kind::Slice;
     const int32_t thread = slice ? kFirstTrackThread + event.thread : event.thread;
     if (mNamed.count(thread) == 0) {
@@ -114,12 +119,15 @@ void TraceFile::nameThread(int32_t thread, const std::string& name) {
 }
 
 void TraceFile::addLine(const std::string& line) {
+    if (mFd < 0) {
+        return;
+    }
     mPending += mFirstLine ? "" : ",\n";
     mPending += line;
     mFirstLine = false;
 }
 
-std::string TraceFile::write() {
+void TraceFile::write() {
     size_t done = 0;
     while (done < mPending.size()) {
         const ssize_t count = ::write(mFd, mPending.data() + done, mPending.size() - done);
@@ -127,7 +135,8 @@ std::string TraceFile::write() {
             continue;
         }
         if (count < 0) {
-            return fail("recording of the trace ended, cannot write", errno);
+            fail("cannot write", errno);
+            return;
         }
         done += static_cast<size_t>(count);
     }
@@ -135,20 +144,20 @@ std::string TraceFile::write() {
     mWritten += mPendingEvents;
     mPending.clear();
     mPendingEvents = 0;
-    return {};
 }
 
-std::string TraceFile::finish() {
-    mPending += "\n]\n";
-    if (std::string failure = write(); !failure.empty()) {
-        return failure;
+void TraceFile::finish() {
+    if (mFd < 0) {
+        return;
     }
-    const int result = close(mFd);
-    mFd = -1;
-    return result == 0 ? std::string() : fail("cannot close trace file", errno);
+    mPending += "\n]\n";
+    write();
+    if (mFd >= 0 && close(std::exchange(mFd, -1)) != 0) {
+        fail("cannot close trace file", errno);
+    }
 }
 
-std::string TraceFile::fail(const char* action, int error) {
+void TraceFile::fail(const char* action, int error) {
     if (mFd >= 0) {
         // Cuts a half written line off; where that cannot be done, nothing was written either.
         if (ftruncate(mFd, mFileBytes) != 0) {
@@ -157,7 +166,10 @@ std::string TraceFile::fail(const char* action, int error) {
         close(mFd);
         mFd = -1;
     }
-    return std::string(action) + " " + mPath + ": " + std::generic_category().message(error);
+    mLost += mPendingEvents;
+    mPendingEvents = 0;
+    mPending.clear();
+    mFailure = std::string(action) + " " + mPath + ": " + std::generic_category().message(error);
 }
 
 }  // namespace korvane::tv

@@ -19,30 +19,36 @@ public:
     TraceFile(const TraceFile&) = delete;
     TraceFile& operator=(const TraceFile&) = delete;
 
-    /// @return empty, or one line on why the file cannot be written
-    std::string open(const std::string& path);
+    /// Makes or empties the file.
+    void open(const std::string& path);
     /// Formats an event into memory.
     void add(const TraceEvent& event);
     /// Names a track of slices, before its first.
     void addTrack(int32_t track, const std::string& name);
-    /// Writes what was added. After a failure, the file keeps the whole lines written before.
-    /// @return empty, or one line on what failed
-    std::string write();
-    /// Writes, ends the array and closes. @return as `write`
-    std::string finish();
+    /// Writes what was added. After a failure, the file keeps the whole lines written before, and
+    /// what is added then is only counted.
+    void write();
+    /// Writes, ends the array and closes.
+    void finish();
 
     int64_t written() const { return mWritten; }
+    /// Events that were added and are not in the file, for the failure's sake.
+    int64_t lost() const { return mLost; }
+    /// Empty, or one line on what failed.
+    const std::string& failure() const { return mFailure; }
 
 private:
     void addLine(const std::string& line);
     void nameThread(int32_t thread, const std::string& name);
-    std::string fail(const char* action, int error);
+    void fail(const char* action, int error);
 
     std::string mPath;
     int mFd = -1;
     std::string mPending;
     int64_t mPendingEvents = 0;
     int64_t mWritten = 0;
+    int64_t mLost = 0;
+    std::string mFailure;
     int64_t mFileBytes = 0;
     bool mFirstLine = true;
     std::set<int32_t> mNamed;

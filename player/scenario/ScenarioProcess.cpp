@@ -2,6 +2,7 @@
 #include "player/scenario/ScenarioProcess.h"
 
 #include <poll.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -58,6 +59,14 @@ void writeAll(int fd, const std::string& text) {
     }
 }
 
+/// Nobody waits for a scenario whose parent was killed, by a signal that none can catch or not.
+void endWithParent(pid_t parent) {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (getppid() != parent) {  // killed before it could be told
+        _exit(kPlayed);
+    }
+}
+
 /// The child's whole life. Verdict and hash are the first two lines, failures the rest.
 [[noreturn]] void playInChild(const Scenario& scenario, const ProcessOptions& options, int pipe) {
     alarm(kLongestSeconds);
@@ -92,11 +101,13 @@ Child startChild(const Scenario& scenario, const ProcessOptions& options, size_t
     if (pipe(ends) != 0) {
         throw std::system_error(errno, std::generic_category(), "cannot make a pipe");
     }
+    const pid_t parent = getpid();
     const pid_t pid = fork();
     if (pid < 0) {
         throw std::system_error(errno, std::generic_category(), "cannot start a process");
     }
     if (pid == 0) {
+        endWithParent(parent);
         close(ends[0]);
         playInChild(scenario, options, ends[1]);
     }

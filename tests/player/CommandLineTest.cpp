@@ -89,6 +89,28 @@ TEST(CommandLine, ReadsScenariosAndTellsHowToRepeatARun) {
               "korvane-tv play 'it'\\''s.mp4' --rate 50 --seed 1");
 }
 
+TEST(CommandLine, WhatCannotHappenWithAFileIsNoted) {
+    MediaInfo film;
+    film.durationUs = 10'000'000;
+    film.hasAudio = true;
+    const std::vector<std::pair<std::vector<const char*>, const char*>> notes = {
+        {{"--seek", "9s:1s", "--audio-delay", "1s"}, ""},
+        {{"--seek", "10s:1s"}, "--seek 10.000 s has no effect: the film ends at 10.000 s"},
+        {{"--flush-at", "11"}, "--flush-at 11.000 s has"},
+        {{"--video-stall", "11:1"}, "--video-stall 11.000 s has"},
+        {{"--audio-underflow", "11:1"}, "--audio-underflow 11.000 s has"},
+        {{"--no-audio", "--audio-delay", "1s"}, "--audio-delay has no effect: --no-audio is given"},
+        {{"--no-audio", "--audio-underflow", "11:1"}, "--audio-underflow has no effect: --no-"},
+    };
+    for (const auto& [options, says] : notes) {
+        std::vector<const char*> arguments = {"play", "x"};
+        arguments.insert(arguments.end(), options.begin(), options.end());
+        const auto noted = withoutEffect(parse(arguments).play, film);
+        ASSERT_EQ(noted.size(), *says == '\0' ? 0U : 1U) << says;
+        EXPECT_THAT(noted.empty() ? "" : noted[0], HasSubstr(says));
+    }
+}
+
 TEST(CommandLine, WhatIsWrongIsToldInOneLine) {
     const std::vector<std::pair<std::vector<const char*>, const char*>> wrongs = {
         {{}, "no command given"},
@@ -103,12 +125,18 @@ TEST(CommandLine, WhatIsWrongIsToldInOneLine) {
         {{"play", "x", "--seek", "3s:"}, "'3s:' is not a pair"},
         {{"play", "x", "--seconds", "0"}, "more than 0"},
         {{"play", "x", "--vsync-jitter", "1s"}, "at most 5ms"},
+        {{"play", "x", "--rate", "0x3c"}, "'0x3c' is not between"},
+        {{"play", "x", "--rate", " 60"}, "' 60' is not between"},
         {{"play", "x", "--buffers", "4"}, "between 5 and 64"},
+        {{"play", "x", "--buffers", "5.7"}, "'5.7' is not a whole number"},
         {{"play", "x", "--log", "-1"}, "log mask"},
         {{"play", "x", "--prop", "=b"}, "NAME=VALUE"},
         {{"play", "x", "--peek=2"}, "--peek"},
         {{"play", "x", "--clock", "sun"}, "'sun' is not a clock"},
         {{"play", "x", "--seed", "-1"}, "'-1' is not a seed"},
+        {{"play", "x", "--seed", " -1"}, "' -1' is not a seed"},
+        {{"play", "x", "--csv", ""}, "'' is not a file"},
+        {{"play", "x", "--trace", "-"}, "'-' is not a file"},
         {{"run"}, "no scenario given"},
         {{"run", "x", "--jobs", "0"}, "between 1 and 256"},
     };

@@ -13,6 +13,7 @@
 #include <algorithm>
 #include <csignal>
 #include <cstdint>
+#include <fstream>
 #include <iterator>
 #include <map>
 #include <ostream>
@@ -155,26 +156,91 @@ std::string nameOf(const ::testing::TestParamInfo<Scenario>& scenario) {
 }
 INSTANTIATE_TEST_SUITE_P(Clips, PlayTest, ::testing::ValuesIn(kScenarios), nameOf);
 
+void writeFile(const std::string& path, const std::string& text) {
+    std::ofstream(path) << text;
+}
+
+void expectRefused(const std::vector<std::string>& arguments, const std::string& says) {
+    const CommandResult result = korvaneTv(arguments);
+    EXPECT_EQ(result.status, 2) << result.error;
+    EXPECT_EQ(result.output, "");
+    EXPECT_THAT(result.error, AllOf(HasSubstr("korvane-tv: "), HasSubstr(says)));
+    EXPECT_EQ(std::count(result.error.begin(), result.error.end(), '\n'), 1) << result.error;
+}
+
 TEST(BadInputTest, IsToldInOneLineWithStatus2) {
-    const std::vector<std::pair<std::vector<std::string>, const char*>> inputs = {
+    const std::string pipe = scratch("pipe");
+    ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+    // The index comes first, so the file opens; its pictures are missing.
+    const std::string pictureless = scratch("pictureless.mp4");
+    const std::string whole = readFile(clip("24.mp4"));
+    writeFile(pictureless, whole.substr(0, whole.find("mdat") + 40));
+    const std::vector<std::pair<std::vector<std::string>, std::string>> inputs = {
         {{"play", clip("missing.mp4")}, "No such file"},
         {{"play", clip("empty.mp4")}, "is empty"},
         {{"play", clip("noise.mp4")}, "no media file"},
         {{"play", clip("cut.mp4")}, "cut off before its index"},
         {{"play", clip("tone.wav")}, "holds no video"},
         {{"play", KORVANE_CLIPS}, "is a directory"},
+        {{"play", "/dev/stdin"}, "is no file"},
+        {{"play", pipe}, "is a pipe"},
+        {{"play", pictureless, "--trace", scratch("untouched.json")}, "no mpeg4 picture"},
         {{"play", clip("24.mp4"), "--bogus"}, "--bogus"},
         {{"play", clip("24.mp4"), "--prop", "a=" + std::string(92, 'x')}, "91 bytes"},
         {{"play", clip("24.mp4"), "--csv", "/nonexistent/frames.csv"}, "No such file"},
         {{"play", clip("24.mp4"), "--trace", "/nonexistent/trace.json"}, "No such file"},
     };
     for (const auto& [arguments, says] : inputs) {
-        const CommandResult result = korvaneTv(arguments);
-        EXPECT_EQ(result.status, 2) << result.error;
-        EXPECT_EQ(result.output, "");
-        EXPECT_THAT(result.error, AllOf(HasSubstr("korvane-tv: "), HasSubstr(says)));
-        EXPECT_EQ(std::count(result.error.begin(), result.error.end(), '\n'), 1) << result.error;
+        expectRefused(arguments, says);
     }
+    unlink(pipe.c_str());
+    EXPECT_NE(access(scratch("untouched.json").c_str(), F_OK), 0);
+    chmod(pictureless.c_str(), 0);
+    if (geteuid() != 0) {
+        expectRefused({"play", pictureless}, "may not be read (Permission denied)");
+    }
+    unlink(pictureless.c_str());
+}
+
+TEST(RefusedOutputTest, LeavesEveryFileAsItWas) {
+    const std::string film = scratch("film.mp4");
+    const std::string link = scratch("link.mp4");
+    const std::string kept = scratch("kept.csv");
+    const std::string fresh = scratch("fresh");
+    const std::string whole = readFile(clip("24.mp4"));
+    writeFile(film, whole);
+    writeFile(kept, "kept");
+    ASSERT_EQ(symlink(film.c_str(), link.c_str()), 0);
+    const std::vector<std::pair<std::vector<std::string>, std::string>> refusals = {
+        {{"--csv", film}, "is the film"},
+        {{"--json", link}, "is the film"},
+        {{"--events", kept, "--trace", film}, "is the film"},
+        {{"--csv", fresh, "--json", fresh}, "--json " + fresh + ": is the file of --csv, too"},
+        {{"--events", kept, "--trace", kept}, "is the file of --events, too"},
+        {{"--csv", kept, "--json", "/nonexistent/x"}, "No such file"},
+        {{"--csv", kept, "--events", fresh, "--trace", "/nonexistent/x"}, "No such file"},
+        {{"--csv", kept, "--prop", "a=" + std::string(92, 'x')}, "91 bytes"},
+        {{"--csv", "/dev/stdout"}, "standard output"},
+    };
+    for (const auto& [options, says] : refusals) {
+        std::vector<std::string> play = {"play", film};
+        play.insert(play.end(), options.begin(), options.end());
+        expectRefused(play, says);
+        EXPECT_EQ(readFile(film), whole) << says;
+        EXPECT_EQ(readFile(kept), "kept") << says;
+        EXPECT_NE(access(fresh.c_str(), F_OK), 0) << says;
+    }
+    for (const auto& file : {film, link, kept}) {
+        unlink(file.c_str());
+    }
+}
+
+TEST(NoteTest, WhatCannotHappenIsSaidAndPlayedAllTheSame) {
+    const CommandResult result = korvaneTv(
+        {"play", clip("24.mp4"), "--no-audio", "--audio-drift", "9", "--seek", "8s:0s", "--quiet"});
+    EXPECT_EQ(result.status, 0);
+    EXPECT_THAT(result.error, AllOf(HasSubstr("--audio-drift has no effect: --no-audio is given\n"),
+                                    HasSubstr("--seek 8.000 s has no effect: the film ends at 3")));
 }
 
 TEST(HelpTest, GoesToStandardOutputWithStatus0) {
@@ -185,12 +251,27 @@ TEST(HelpTest, GoesToStandardOutputWithStatus0) {
 }
 
 TEST(FullDiskTest, UnderTheTraceLosesTheTraceAlone) {
-    const CommandResult result =
-        korvaneTv({"play", clip("24.mp4"), "--seconds", "0.5", "--trace", "/dev/full", "--quiet"});
-    EXPECT_EQ(result.status, 0) << result.error;
+    const std::string json = scratch("summary.json");
+    const std::vector<std::string> play = {"play", clip("24.mp4"), "--json", json, "--trace"};
+    auto whole = play;
+    whole.push_back(scratch("whole.json"));
+    EXPECT_EQ(korvaneTv(whole).status, 0);
+    const std::string events = readFlatJson(json)["trace_events"];
+    auto full = play;
+    full.push_back("/dev/full");
+    const CommandResult result = korvaneTv(full);
+    EXPECT_EQ(result.status, 1) << result.error;
     EXPECT_THAT(result.output, HasSubstr("every frame accounted for"));
-    EXPECT_THAT(result.error, AllOf(HasSubstr("/dev/full"), HasSubstr("No space left"),
-                                    HasSubstr("playback and summary are")));
+    EXPECT_THAT(result.error,
+                AllOf(HasSubstr("No space left"), HasSubstr("playback and summary are")));
+    EXPECT_EQ(result.error.find("No space left"), result.error.rfind("No space left"));
+    const Facts facts = readFlatJson(json);
+    expectFacts(facts, "ok=true trace_events=0 trace_lost=1..");
+    if (kVirtualClock) {
+        EXPECT_EQ(facts.at("trace_lost"), events) << "what is not recorded is counted";
+    }
+    unlink(json.c_str());
+    unlink(whole.back().c_str());
 }
 
 TEST(FullDiskTest, UnderAnotherOutputIsToldWithStatus1) {
@@ -198,12 +279,33 @@ TEST(FullDiskTest, UnderAnotherOutputIsToldWithStatus1) {
                                            "/dev/full", "--json", "/dev/full", "--quiet"});
     EXPECT_EQ(files.status, 1);
     EXPECT_THAT(files.error, AllOf(HasSubstr("--csv /dev/full"), HasSubstr("--json /dev/full")));
+    const std::vector<std::vector<std::string>> commands = {
+        {"play", clip("24.mp4"), "--seconds", "0.5", "--quiet"},
+        {"list", KORVANE_SCENARIOS},
+        {"run", "--help"},
+        {"--version"}};
+    for (const auto& arguments : commands) {
+        Command command;
+        command.arguments = {KORVANE_TV};
+        command.arguments.insert(command.arguments.end(), arguments.begin(), arguments.end());
+        command.outputPath = "/dev/full";
+        const CommandResult output = runCommand(command);
+        EXPECT_EQ(output.status, 1) << arguments[0];
+        EXPECT_THAT(output.error, HasSubstr("standard output")) << arguments[0];
+    }
+}
+
+TEST(ClosedStandardFilesTest, AreNotMistakenForAnOutput) {
+    const std::string csv = scratch("frames.csv");
     Command command;
-    command.arguments = {KORVANE_TV, "play", clip("24.mp4"), "--seconds", "0.5", "--quiet"};
-    command.outputPath = "/dev/full";
-    const CommandResult output = runCommand(command);
-    EXPECT_EQ(output.status, 1);
-    EXPECT_THAT(output.error, HasSubstr("standard output"));
+    command.arguments = {"/bin/sh",  "-c",   R"(exec "$0" "$@" <&- >&- 2>&-)",
+                         KORVANE_TV, "play", clip("24.mp4"),
+                         "--csv",    csv};
+    EXPECT_EQ(runCommand(command).status, 1) << "nobody had the summary";
+    const std::string lines = readFile(csv);
+    EXPECT_THAT(lines, AllOf(HasSubstr("frame,media_us"), Not(HasSubstr("verdict"))));
+    EXPECT_EQ(std::count(lines.begin(), lines.end(), '\n'), 73) << "a header and 72 frames";
+    unlink(csv.c_str());
 }
 
 TEST(KillTest, LeavesAReadableTraceAndNothingInTheWayOfTheNextPlay) {

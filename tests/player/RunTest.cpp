@@ -3,9 +3,13 @@
 // one that fails says why; one that is wrong is refused.
 #include <gmock/gmock.h>
 
+#include <fcntl.h>
+#include <poll.h>
 #include <sched.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <filesystem>
 #include <fstream>
 
@@ -107,6 +111,25 @@ TEST_F(RunTest, WhatIsNoScenarioIsRefusedBeforeAnythingIsPlayed) {
     const CommandResult input = korvaneTv({"run", file});
     EXPECT_EQ(input.status, 2);
     EXPECT_THAT(input.output, HasSubstr("none.mkv': No such file"));
+}
+
+TEST_F(RunTest, KilledItLeavesNoScenarioPlaying) {
+    const std::string path =
+        scenario("long", "[content]\nfps = 24\nduration = \"60s\"\n[expect]\n");
+    for (const int signal : {SIGTERM, SIGKILL}) {
+        // Who plays holds the other end of the pipe.
+        const std::string pipe = mFolder + "/pipe" + std::to_string(signal);
+        ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+        pollfd end{open(pipe.c_str(), O_RDONLY | O_NONBLOCK), POLLIN, 0};
+        Command command;
+        command.arguments = {KORVANE_TV, "run", path, "--verbose", "--clock", "real"};
+        command.signals = {{signal, "[start]", ""}};
+        command.outputPath = pipe;
+        EXPECT_EQ(runCommand(command).status, 128 + signal);
+        EXPECT_EQ(poll(&end, 1, 10'000), 1);
+        EXPECT_EQ(end.revents, POLLHUP) << "open still, or written to";
+        close(end.fd);
+    }
 }
 
 TEST_F(RunTest, ListSaysWhatEachShowsAndHolds) {
