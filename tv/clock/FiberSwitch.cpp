@@ -3,9 +3,9 @@
 
 #ifdef __x86_64__
 // jump_fcontext takes the address that it is to come back to from the stack, as a call leaves it,
-// and hands on the arguments in the registers in which they came. The stack is aligned as at a call,
-// for what a report of a hang runs on top of this; the nop stands where its unwinder looks for the
-// call.
+// and hands on the arguments in the registers in which they came. The stack is aligned as at a
+// call, for what a report of a hang runs on top of this; the nop stands where its unwinder looks
+// for the call.
 asm(R"(
     .text
     .globl korvane_switch_fiber

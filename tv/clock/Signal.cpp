@@ -6,7 +6,7 @@
 #include <algorithm>
 #include <cerrno>
 
-#include "tv/clock/Scheduler.h"
+#include "tv/clock/VirtualTime.h"
 
 namespace korvane::tv {
 namespace {
@@ -51,8 +51,8 @@ Signal::~Signal() {
     if (mPipe->shown) {
         mPipe->writeEnd.reset();
     }
-    if (mPipe->taken >= 0 && gScheduler != nullptr) {
-        gScheduler->descriptorsChanged();
+    if (mPipe->taken >= 0) {
+        wakePollers();
     }
     takeBackIfOver(mPipe);
 }
@@ -66,7 +66,7 @@ SignalPipes::~SignalPipes() {
 }
 
 int SignalPipes::make(Signal* signal, int* taken) {
-    if (gScheduler == nullptr) {
+    if (!VirtualTime::active()) {
         UniqueFd readEnd;
         UniqueFd writeEnd;
         const int result = makePipe(&readEnd, &writeEnd);

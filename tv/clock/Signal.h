@@ -74,6 +74,9 @@ private:
     std::vector<SignalPipe*> mFree;
 };
 
+/// The virtual gear's: whoever polls looks again.
+void wakePollers();
+
 // What the virtual gear notices of the process's descriptors.
 
 /// The pipe whose taker has this descriptor, or null.

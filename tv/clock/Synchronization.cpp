@@ -233,6 +233,12 @@ int Scheduler::once(pthread_once_t* control, void (*routine)()) {
 
 // ---- descriptors ----
 
+void wakePollers() {
+    if (gScheduler != nullptr) {
+        gScheduler->descriptorsChanged();
+    }
+}
+
 /// What is polled changes only by what fibers do, and whoever closes or writes a descriptor says
 /// so.
 int Scheduler::poll(pollfd* descriptors, nfds_t count, int timeoutMs) {

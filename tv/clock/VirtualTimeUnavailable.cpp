@@ -2,6 +2,7 @@
 // What a build with a sanitizer has in the virtual gear's place: the answer that there is none.
 #include <stdexcept>
 
+#include "tv/clock/Signal.h"
 #include "tv/clock/VirtualTime.h"
 
 namespace korvane::tv {
@@ -43,5 +44,7 @@ int64_t VirtualTime::nowNs() const {
 VirtualTimeStatistics VirtualTime::statistics() const {
     return {};
 }
+
+void wakePollers() {}
 
 }  // namespace korvane::tv
