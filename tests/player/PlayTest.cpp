@@ -107,6 +107,8 @@ const Scenario kScenarios[] = {
     {"FlushWhileItWaitsForAudio", "24.mp4 --flush-at 1s --flush-at 1s", "frames_in=72",
      "frames_dropped=0..2"},
     {"SeekBack", "24.mkv --seek 1s:0s --seek 1.5s:2s --buffers 5", "sections=3", ""},
+    {"SoundComesLater", "late-sound.mkv", "frames_in=72",
+     "frames_shown=72 first_frame_us=0..200000"},
     {"Interrupted", "30.mp4 --log 1", "end=interrupted frames_in=1..89", "", SIGINT,
      "audio have started"},
     {"InterruptedWhileItWaitsForAudio", "24.mp4 --audio-delay 1000s --log 1",
