@@ -6,7 +6,9 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <optional>
 #include <system_error>
+#include <utility>
 
 extern "C" {
 #include <libavcodec/avcodec.h>
@@ -25,6 +27,9 @@ constexpr AVRational kMicroseconds{1, AV_TIME_BASE};
 constexpr int64_t kBreakOffToleranceUs = 500'000;
 /// Without a frame rate in the file, a missing timestamp counts on by this.
 constexpr int64_t kDefaultFrameUs = 40'000;
+/// How much further back a seek starts that found no picture at or before its target; doubled each
+/// time.
+constexpr int64_t kSeekBackUs = 1'000'000;
 
 template <typename T, void (*release)(T**)>
 struct Release {
@@ -209,6 +214,9 @@ struct VideoReader::Impl {
     }
 
     ReadStatus decodeNext() {
+        if (decodedAhead) {
+            return *std::exchange(decodedAhead, std::nullopt);
+        }
         for (;;) {
             const int result = avcodec_receive_frame(codec.get(), picture.get());
             if (result >= 0) {
@@ -240,14 +248,29 @@ struct VideoReader::Impl {
         haveLast = true;
     }
 
+    /// Starts at a key frame at or before the target, so that the decoder has all that it needs
+    /// for it. A container without an index leads to a packet of about that time, and the next key
+    /// frame may come after the target: then the search begins further back, up to before the
+    /// file's start, as packets are sorted by decoding time, which is earlier.
     bool seek(int64_t mediaUs) {
-        if (!demuxer.seek(streamIndex, mediaUs)) {
-            return false;
+        const int64_t errorsBefore = decodeErrors;
+        bool found = false;
+        for (int64_t backUs = 0; !found; backUs = std::max(2 * backUs, kSeekBackUs)) {
+            const int64_t fromUs = mediaUs - backUs;
+            if (!demuxer.seek(streamIndex, fromUs)) {
+                return backUs > 0;  // what was found at last has to do
+            }
+            avcodec_flush_buffers(codec.get());
+            skipBeforeUs = mediaUs;
+            ended = ReadStatus::Ready;
+            haveLast = false;
+            decodedAhead.reset();
+            decodedAhead = decodeNext();
+            found =
+                (*decodedAhead == ReadStatus::Ready && lastUs <= mediaUs) || fromUs <= -kSeekBackUs;
         }
-        avcodec_flush_buffers(codec.get());
-        ended = ReadStatus::Ready;
-        haveLast = false;
-        skipBeforeUs = mediaUs;
+        // What stands before the key frame cannot be decoded by itself; that is no damage.
+        decodeErrors = errorsBefore;
         return true;
     }
 
@@ -258,6 +281,7 @@ struct VideoReader::Impl {
     MediaInfo info;
     int64_t frameUs = kDefaultFrameUs;
     ReadStatus ended = ReadStatus::Ready;
+    std::optional<ReadStatus> decodedAhead;  ///< by a seek; the next to be told
     bool haveLast = false;
     int64_t lastUs = 0;
     int64_t skipBeforeUs = INT64_MIN;

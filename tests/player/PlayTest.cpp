@@ -109,6 +109,7 @@ const Scenario kScenarios[] = {
     {"SeekBack", "24.mkv --seek 1s:0s --seek 1.5s:2s --buffers 5", "sections=3", ""},
     {"SoundComesLater", "late-sound.mkv", "frames_in=72",
      "frames_shown=72 first_frame_us=0..200000"},
+    {"SeekWithoutIndex", "one-key.ts --seek 500ms:2s", "sections=2", "section1_frames_in_step=23"},
     {"Interrupted", "30.mp4 --log 1", "end=interrupted frames_in=1..89", "", SIGINT,
      "audio have started"},
     {"InterruptedWhileItWaitsForAudio", "24.mp4 --audio-delay 1000s --log 1",

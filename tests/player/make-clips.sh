@@ -21,6 +21,7 @@ clip 30.mp4 30 3
 ffmpeg -v error -y -i 24.mp4 -c copy -an silent.mp4
 ffmpeg -v error -y -i 24.mp4 -c copy 24.mkv
 ffmpeg -v error -y -i 24.mp4 -itsoffset 1 -i 24.mp4 -map 0:v -map 1:a -c copy late-sound.mkv
+ffmpeg -v error -y -i 24.mp4 -g 300 -q:v 5 -c:a copy one-key.ts
 ffmpeg -v error -y -f lavfi -i sine=duration=1 tone.wav
 size=$(wc -c <24.mp4)
 head -c $((size * 6 / 10)) 24.mp4 >half.mp4
