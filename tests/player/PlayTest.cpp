@@ -110,12 +110,16 @@ const Scenario kScenarios[] = {
     {"SoundComesLater", "late-sound.mkv", "frames_in=72",
      "frames_shown=72 first_frame_us=0..200000"},
     {"SeekWithoutIndex", "one-key.ts --seek 500ms:2s", "sections=2", "section1_frames_in_step=23"},
+    {"OneFrame", "one-frame.mp4", "end=complete frames_shown=1", ""},
+    {"OneFrameOfMany", "24.mp4 --seconds 1us", "end=complete frames_shown=1", ""},
+    {"OneFrameAfterASeek", "24.mkv --seek 500ms:2.95s", "end=complete sections=2", ""},
     {"Interrupted", "30.mp4 --log 1", "end=interrupted frames_in=1..89", "", SIGINT,
      "audio have started"},
     {"InterruptedWhileItWaitsForAudio", "24.mp4 --audio-delay 1000s --log 1",
      "end=interrupted frames_shown=0", "", SIGTERM, "[start]"},
     {"FileBreaksOff", "half.mp4", "end=broken_off frames_in=10..71", ""},
     {"MatroskaBreaksOff", "half.mkv", "end=broken_off", ""},
+    {"BreaksOffAfterTheFirstFrame", "first.mkv", "end=broken_off frames_shown=1", ""},
 };
 
 class PlayTest : public ::testing::TestWithParam<Scenario> {};
