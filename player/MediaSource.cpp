@@ -14,6 +14,7 @@ extern "C" {
 #include <libavcodec/avcodec.h>
 #include <libavformat/avformat.h>
 #include <libavutil/opt.h>
+#include <libavutil/parseutils.h>
 }
 
 #include "tv/clock/VirtualTime.h"
@@ -25,6 +26,8 @@ constexpr AVRational kMicroseconds{1, AV_TIME_BASE};
 /// A file that ends this much before its header's duration breaks off. Containers round their
 /// durations, and streams of one file end apart by less than this.
 constexpr int64_t kBreakOffToleranceUs = 500'000;
+/// The same for a stream that is told its own end: one frame may come without a duration.
+constexpr int64_t kStreamToleranceUs = 100'000;
 /// Without a frame rate in the file, a missing timestamp counts on by this.
 constexpr int64_t kDefaultFrameUs = 40'000;
 /// How much further back a seek starts that found no picture at or before its target; doubled each
@@ -127,8 +130,25 @@ struct Demuxer {
 
     bool endsEarly() const {
         const bool guessed = format->duration_estimation_method == AVFMT_DURATION_FROM_BITRATE;
-        return !guessed && format->duration > 0 &&
-               reachedUs + kBreakOffToleranceUs < format->duration;
+        // Some containers count the duration from 0, others from the file's start.
+        const int64_t endUs = reachedUs + std::max<int64_t>(startUs, 0);
+        const bool early =
+            !guessed && format->duration > 0 && endUs + kBreakOffToleranceUs < format->duration;
+        return early || indexGoesOn();
+    }
+
+    /// The index tells of data after the file's end.
+    bool indexGoesOn() const {
+        const int64_t bytes = avio_size(format->pb);
+        for (unsigned i = 0; bytes > 0 && i < format->nb_streams; ++i) {
+            AVStream* stream = format->streams[i];
+            const AVIndexEntry* last =
+                avformat_index_get_entry(stream, avformat_index_get_entries_count(stream) - 1);
+            if (last != nullptr && last->pos + last->size > bytes) {
+                return true;
+            }
+        }
+        return false;
     }
 
     bool seek(int stream, int64_t mediaUs) {
@@ -142,6 +162,14 @@ struct Demuxer {
     int64_t startUs = 0;
     int64_t reachedUs = 0;
 };
+
+/// The timestamp at which a stream ends, as Matroska tells in a tag, "00:00:12.021000000"; 0: it
+/// does not.
+int64_t toldEndUs(const AVStream& stream) {
+    const AVDictionaryEntry* tag = av_dict_get(stream.metadata, "DURATION", nullptr, 0);
+    int64_t us = 0;
+    return tag != nullptr && av_parse_time(&us, tag->value, 1) >= 0 ? us : 0;
+}
 
 CodecPtr openDecoder(const std::string& path, const AVStream& stream) {
     const char* name = avcodec_get_name(stream.codecpar->codec_id);
@@ -204,11 +232,18 @@ struct VideoReader::Impl {
             status = demuxer.read();
         } while (status == ReadStatus::Ready && demuxer.packet->stream_index != streamIndex);
         if (status != ReadStatus::Ready) {
-            ended = status;
+            const bool early =
+                reachedUs + kStreamToleranceUs < toldEndUs(stream()) - demuxer.startUs;
+            ended = early ? ReadStatus::BrokenOff : status;
             avcodec_send_packet(codec.get(), nullptr);
             return;
         }
-        if (avcodec_send_packet(codec.get(), demuxer.packet.get()) < 0) {
+        const AVPacket& packet = *demuxer.packet;
+        if (packet.pts != AV_NOPTS_VALUE) {
+            reachedUs =
+                std::max(reachedUs, demuxer.toMediaUs(packet.pts + packet.duration, stream()));
+        }
+        if (avcodec_send_packet(codec.get(), &packet) < 0) {
             ++decodeErrors;
         }
     }
@@ -280,6 +315,7 @@ struct VideoReader::Impl {
     FramePtr picture;
     MediaInfo info;
     int64_t frameUs = kDefaultFrameUs;
+    int64_t reachedUs = 0;  ///< by the stream's packets
     ReadStatus ended = ReadStatus::Ready;
     std::optional<ReadStatus> decodedAhead;  ///< by a seek; the next to be told
     bool haveLast = false;

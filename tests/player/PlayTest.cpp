@@ -119,6 +119,9 @@ const Scenario kScenarios[] = {
      "end=interrupted frames_shown=0", "", SIGTERM, "[start]"},
     {"FileBreaksOff", "half.mp4", "end=broken_off frames_in=10..71", ""},
     {"MatroskaBreaksOff", "half.mkv", "end=broken_off", ""},
+    {"BreaksOffNearTheEnd", "most.mp4", "end=broken_off frames_in=68..71", ""},
+    {"MatroskaBreaksOffNearTheEnd", "most.mkv", "end=broken_off frames_in=62..71", ""},
+    {"WholeButTimesBeginLate", "from-10s.mkv", "end=complete frames_in=72", ""},
     {"BreaksOffAfterTheFirstFrame", "first.mkv", "end=broken_off frames_shown=1", ""},
 };
 

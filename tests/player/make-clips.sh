@@ -23,10 +23,15 @@ ffmpeg -v error -y -i 24.mp4 -c copy 24.mkv
 ffmpeg -v error -y -i 24.mp4 -itsoffset 1 -i 24.mp4 -map 0:v -map 1:a -c copy late-sound.mkv
 ffmpeg -v error -y -i 24.mp4 -g 300 -q:v 5 -c:a copy one-key.ts
 ffmpeg -v error -y -t 0.01 -i 24.mp4 -i 24.mp4 -map 0:v -map 1:a -c copy one-frame.mp4
+ffmpeg -v error -y -i 24.mkv -c copy -output_ts_offset 10 from-10s.mkv
 ffmpeg -v error -y -f lavfi -i sine=duration=1 tone.wav
 size=$(wc -c <24.mp4)
 head -c $((size * 6 / 10)) 24.mp4 >half.mp4
 head -c $((size * 6 / 10)) 24.mkv >half.mkv
+size=$(wc -c <24.mp4)
+head -c $((size * 97 / 100)) 24.mp4 >most.mp4
+size=$(wc -c <24.mkv)
+head -c $((size * 93 / 100)) 24.mkv >most.mkv
 second=$(ffprobe -v error -select_streams v -show_entries packet=pos -of csv=p=0 24.mkv | sed -n 2p)
 head -c "$second" 24.mkv >first.mkv
 head -c 500 24.mp4 >cut.mp4
