@@ -243,7 +243,8 @@ struct VideoReader::Impl {
             reachedUs =
                 std::max(reachedUs, demuxer.toMediaUs(packet.pts + packet.duration, stream()));
         }
-        if (avcodec_send_packet(codec.get(), &packet) < 0) {
+        const bool damaged = (packet.flags & AV_PKT_FLAG_CORRUPT) != 0;
+        if (avcodec_send_packet(codec.get(), &packet) < 0 || damaged) {
             ++decodeErrors;
         }
     }

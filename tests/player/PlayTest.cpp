@@ -190,6 +190,11 @@ TEST(BadInputTest, IsToldInOneLineWithStatus2) {
     }
 }
 
+TEST(DamagedFileTest, IsToldInTheReport) {
+    const CommandResult result = korvaneTv({"play", clip("damaged.ts"), "--seconds", "3"});
+    EXPECT_THAT(result.output, HasSubstr("came damaged or could not be decoded"));
+}
+
 TEST(HelpTest, GoesToStandardOutputWithStatus0) {
     const CommandResult result = korvaneTv({"play", "--help"});
     EXPECT_EQ(result.status, 0);

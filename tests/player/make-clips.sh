@@ -22,6 +22,8 @@ ffmpeg -v error -y -i 24.mp4 -c copy -an silent.mp4
 ffmpeg -v error -y -i 24.mp4 -c copy 24.mkv
 ffmpeg -v error -y -i 24.mp4 -itsoffset 1 -i 24.mp4 -map 0:v -map 1:a -c copy late-sound.mkv
 ffmpeg -v error -y -i 24.mp4 -g 300 -q:v 5 -c:a copy one-key.ts
+cp one-key.ts damaged.ts
+dd if=/dev/zero of=damaged.ts bs=1000 seek=100 count=20 conv=notrunc status=none
 ffmpeg -v error -y -t 0.01 -i 24.mp4 -i 24.mp4 -map 0:v -map 1:a -c copy one-frame.mp4
 ffmpeg -v error -y -i 24.mkv -c copy -output_ts_offset 10 from-10s.mkv
 ffmpeg -v error -y -f lavfi -i sine=duration=1 tone.wav
