@@ -33,10 +33,10 @@ AudioFeeder::~AudioFeeder() {
     stop();
 }
 
-void AudioFeeder::start() {
+void AudioFeeder::start(int64_t pictureUs) {
     {
         const std::lock_guard<std::mutex> guard(mLock);
-        mOpenBeforeNs = tv::nowNs() + kPictureWaitNs;
+        openAt(pictureUs);
     }
     mThread = std::thread([this] { run(); });
 }
@@ -47,16 +47,20 @@ void AudioFeeder::hold() {
     mOutput.flush();
 }
 
-void AudioFeeder::restart(int64_t mediaTimeUs) {
+void AudioFeeder::restart(int64_t pictureUs) {
     const std::lock_guard<std::mutex> guard(mLock);
-    mSource->seek(mediaTimeUs);
-    mQueuedUpToUs = mediaTimeUs;
-    mQueuedFromUs = -1;
+    mSource->seek(pictureUs);
     mHeld = false;
     mEnded = false;
     mOpened = false;
-    mOpenBeforeNs = tv::nowNs() + kPictureWaitNs;
+    openAt(pictureUs);
     mWake.notify_one();
+}
+
+void AudioFeeder::openAt(int64_t pictureUs) {
+    mPictureUs = pictureUs;
+    mQueuedFromUs = -1;
+    mOpenBeforeNs = tv::nowNs() + kPictureWaitNs;
 }
 
 void AudioFeeder::pause() {
@@ -114,10 +118,17 @@ void AudioFeeder::handOverOne() {
         mOutput.endOfStream();
         return;
     }
-    mOutput.queue(packet.mediaTimeUs, packet.durationUs);
-    mQueuedUpToUs = packet.mediaTimeUs + packet.durationUs;
+    if (mQueuedFromUs < 0 && packet.mediaTimeUs > mPictureUs) {
+        handOver(mPictureUs, packet.mediaTimeUs);
+    }
+    handOver(packet.mediaTimeUs, packet.mediaTimeUs + packet.durationUs);
+}
+
+void AudioFeeder::handOver(int64_t fromUs, int64_t toUs) {
+    mOutput.queue(fromUs, toUs - fromUs);
+    mQueuedUpToUs = toUs;
     if (mQueuedFromUs < 0) {
-        mQueuedFromUs = packet.mediaTimeUs;
+        mQueuedFromUs = fromUs;
     }
 }
 

@@ -6,6 +6,10 @@
 // clock): a player starts its sound when the picture is ready, and a clock that audio had taken
 // before would be stopped by the renderer with nobody left to start it. If the renderer never gets
 // there the audio starts all the same after a while.
+//
+// Sound begins where the picture does, or before. Where a source's first packet comes later than
+// that, silence is handed over up to it: the clock follows what sounds, and would otherwise begin
+// at that packet, with all pictures before it late.
 #pragma once
 
 #include <condition_variable>
@@ -30,12 +34,13 @@ public:
     AudioFeeder& operator=(const AudioFeeder&) = delete;
 
     /// Starts reading. Call after the renderer's `start`.
-    void start();
+    /// @param pictureUs  media time of the first picture
+    void start(int64_t pictureUs);
     /// Forgets what is queued and hands nothing more over. Call before the renderer's `flush`:
     /// audio that still plays would release the renderer's new first picture at the old position.
     void hold();
-    /// Goes on from a media time, waiting for the picture again. Call after the renderer's `flush`.
-    void restart(int64_t mediaTimeUs);
+    /// Goes on at a picture's media time, waiting for it again. Call after the renderer's `flush`.
+    void restart(int64_t pictureUs);
     /// The player's pause: the sound stops and with it the clock. Any thread.
     void pause();
     void resume();
@@ -46,9 +51,11 @@ public:
 
 private:
     void run();
+    void openAt(int64_t pictureUs) KORVANE_REQUIRES(mLock);
     bool readyForMore() KORVANE_REQUIRES(mLock);
     bool pictureWaits() KORVANE_REQUIRES(mLock);
     void handOverOne() KORVANE_REQUIRES(mLock);
+    void handOver(int64_t fromUs, int64_t toUs) KORVANE_REQUIRES(mLock);
 
     const bool mWaitForPicture;
     std::shared_ptr<tv::SyncInstance> mInstance;
@@ -62,6 +69,7 @@ private:
     bool mHeld KORVANE_GUARDED_BY(mLock) = false;
     bool mOpened KORVANE_GUARDED_BY(mLock) = false;  ///< the picture waits; packets may go over
     int64_t mOpenBeforeNs KORVANE_GUARDED_BY(mLock) = 0;
+    int64_t mPictureUs KORVANE_GUARDED_BY(mLock) = 0;
     int64_t mQueuedUpToUs KORVANE_GUARDED_BY(mLock) = 0;
     int64_t mQueuedFromUs KORVANE_GUARDED_BY(mLock) = -1;
     std::thread mThread;

@@ -38,7 +38,7 @@ public:
     /// Goes to the first picture at or after a media time.
     /// @return false when the source cannot seek; it then goes on where it was
     virtual bool seek(int64_t mediaTimeUs) = 0;
-    /// Packets that the decoder could make nothing of.
+    /// Packets that came damaged, or of which the decoder could make nothing.
     virtual int64_t decodeErrors() const = 0;
     /// Media time that the source's data reaches, as far as it has been read.
     virtual int64_t readUpToUs() const = 0;

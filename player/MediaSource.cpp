@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <optional>
 #include <system_error>
 #include <utility>
 
@@ -14,6 +15,7 @@ extern "C" {
 #include <libavcodec/avcodec.h>
 #include <libavformat/avformat.h>
 #include <libavutil/opt.h>
+#include <libavutil/parseutils.h>
 }
 
 #include "tv/clock/VirtualTime.h"
@@ -25,8 +27,13 @@ constexpr AVRational kMicroseconds{1, AV_TIME_BASE};
 /// A file that ends this much before its header's duration breaks off. Containers round their
 /// durations, and streams of one file end apart by less than this.
 constexpr int64_t kBreakOffToleranceUs = 500'000;
+/// The same for a stream that is told its own end: one frame may come without a duration.
+constexpr int64_t kStreamToleranceUs = 100'000;
 /// Without a frame rate in the file, a missing timestamp counts on by this.
 constexpr int64_t kDefaultFrameUs = 40'000;
+/// How much further back a seek starts that found no picture at or before its target; doubled each
+/// time.
+constexpr int64_t kSeekBackUs = 1'000'000;
 
 template <typename T, void (*release)(T**)>
 struct Release {
@@ -134,8 +141,25 @@ struct Demuxer {
 
     bool endsEarly() const {
         const bool guessed = format->duration_estimation_method == AVFMT_DURATION_FROM_BITRATE;
-        return !guessed && format->duration > 0 &&
-               reachedUs + kBreakOffToleranceUs < format->duration;
+        // Some containers count the duration from 0, others from the file's start.
+        const int64_t endUs = reachedUs + std::max<int64_t>(startUs, 0);
+        const bool early =
+            !guessed && format->duration > 0 && endUs + kBreakOffToleranceUs < format->duration;
+        return early || indexGoesOn();
+    }
+
+    /// The index tells of data after the file's end.
+    bool indexGoesOn() const {
+        const int64_t bytes = avio_size(format->pb);
+        for (unsigned i = 0; bytes > 0 && i < format->nb_streams; ++i) {
+            AVStream* stream = format->streams[i];
+            const AVIndexEntry* last =
+                avformat_index_get_entry(stream, avformat_index_get_entries_count(stream) - 1);
+            if (last != nullptr && last->pos + last->size > bytes) {
+                return true;
+            }
+        }
+        return false;
     }
 
     bool seek(int stream, int64_t mediaUs) {
@@ -149,6 +173,14 @@ struct Demuxer {
     int64_t startUs = 0;
     int64_t reachedUs = 0;
 };
+
+/// The timestamp at which a stream ends, as Matroska tells in a tag, "00:00:12.021000000"; 0: it
+/// does not.
+int64_t toldEndUs(const AVStream& stream) {
+    const AVDictionaryEntry* tag = av_dict_get(stream.metadata, "DURATION", nullptr, 0);
+    int64_t us = 0;
+    return tag != nullptr && av_parse_time(&us, tag->value, 1) >= 0 ? us : 0;
+}
 
 CodecPtr openDecoder(const std::string& path, const AVStream& stream) {
     const char* name = avcodec_get_name(stream.codecpar->codec_id);
@@ -181,12 +213,12 @@ struct VideoReader::Impl {
         }
         codec = openDecoder(path, stream());
         describe(path);
-        if (next() != ReadStatus::Ready) {
+        decodedAhead = decodeNext();
+        if (*decodedAhead != ReadStatus::Ready) {
             throw InputError("'" + path + "' holds no " + info.videoCodec +
                              " picture that can be decoded; the file may be damaged, try another "
                              "one");
         }
-        firstWaits = true;
     }
 
     AVStream& stream() const { return *demuxer.format->streams[streamIndex]; }
@@ -217,16 +249,27 @@ struct VideoReader::Impl {
             status = demuxer.read();
         } while (status == ReadStatus::Ready && demuxer.packet->stream_index != streamIndex);
         if (status != ReadStatus::Ready) {
-            ended = status;
+            const bool early =
+                reachedUs + kStreamToleranceUs < toldEndUs(stream()) - demuxer.startUs;
+            ended = early ? ReadStatus::BrokenOff : status;
             avcodec_send_packet(codec.get(), nullptr);
             return;
         }
-        if (avcodec_send_packet(codec.get(), demuxer.packet.get()) < 0) {
+        const AVPacket& packet = *demuxer.packet;
+        if (packet.pts != AV_NOPTS_VALUE) {
+            reachedUs =
+                std::max(reachedUs, demuxer.toMediaUs(packet.pts + packet.duration, stream()));
+        }
+        const bool damaged = (packet.flags & AV_PKT_FLAG_CORRUPT) != 0;
+        if (avcodec_send_packet(codec.get(), &packet) < 0 || damaged) {
             ++decodeErrors;
         }
     }
 
     ReadStatus decodeNext() {
+        if (decodedAhead) {
+            return *std::exchange(decodedAhead, std::nullopt);
+        }
         for (;;) {
             const int result = avcodec_receive_frame(codec.get(), picture.get());
             if (result >= 0) {
@@ -258,22 +301,33 @@ struct VideoReader::Impl {
         haveLast = true;
     }
 
+    /// Starts at a key frame at or before the target, so that the decoder has all that it needs
+    /// for it. A container without an index leads to a packet of about that time, and the next key
+    /// frame may come after the target: then the search begins further back, up to before the
+    /// file's start, as packets are sorted by decoding time, which is earlier.
     bool seek(int64_t mediaUs) {
-        if (!demuxer.seek(streamIndex, mediaUs)) {
-            return false;
+        const int64_t errorsBefore = decodeErrors;
+        bool found = false;
+        for (int64_t backUs = 0; !found; backUs = std::max(2 * backUs, kSeekBackUs)) {
+            const int64_t fromUs = mediaUs - backUs;
+            if (!demuxer.seek(streamIndex, fromUs)) {
+                return backUs > 0;  // what was found at last has to do
+            }
+            avcodec_flush_buffers(codec.get());
+            skipBeforeUs = mediaUs;
+            ended = ReadStatus::Ready;
+            haveLast = false;
+            decodedAhead.reset();
+            decodedAhead = decodeNext();
+            found =
+                (*decodedAhead == ReadStatus::Ready && lastUs <= mediaUs) || fromUs <= -kSeekBackUs;
         }
-        avcodec_flush_buffers(codec.get());
-        ended = ReadStatus::Ready;
-        haveLast = false;
-        skipBeforeUs = mediaUs;
-        firstWaits = false;
+        // What stands before the key frame cannot be decoded by itself; that is no damage.
+        decodeErrors = errorsBefore;
         return true;
     }
 
     ReadStatus next() {
-        if (std::exchange(firstWaits, false)) {
-            return ReadStatus::Ready;
-        }
         ReadStatus status = ReadStatus::Ready;
         do {
             status = decodeNext();
@@ -283,12 +337,13 @@ struct VideoReader::Impl {
 
     Demuxer demuxer;
     int streamIndex = -1;
-    bool firstWaits = false;  ///< decoded when the file was opened, not yet taken
     CodecPtr codec;
     FramePtr picture;
     MediaInfo info;
     int64_t frameUs = kDefaultFrameUs;
+    int64_t reachedUs = 0;  ///< by the stream's packets
     ReadStatus ended = ReadStatus::Ready;
+    std::optional<ReadStatus> decodedAhead;  ///< when opened or by a seek; the next to be told
     bool haveLast = false;
     int64_t lastUs = 0;
     int64_t skipBeforeUs = INT64_MIN;

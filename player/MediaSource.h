@@ -6,7 +6,8 @@
 // can starve the other however badly a file is interleaved, and each seeks on its own.
 //
 // A reader ends in one of two ways: at the end of the file, or where the file breaks off (a read
-// error, or the file's end well before the duration that its header promises).
+// error, or the file's end well before the duration that its header promises, the end that a stream
+// is told to have, or the last data that the index names).
 #pragma once
 
 #include <cstdint>

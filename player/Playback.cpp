@@ -210,9 +210,10 @@ void PlaybackSession::start() {
            mLedger.frames() < std::min<int64_t>(mPlan.prebufferFrames, mPlan.buffers)) {
         pump();
     }
+    const int64_t firstUs = mSectionBegun ? mFirstMediaUs : mVideo.mediaTimeUs();
     if (!mPlan.withAudio) {
         // Nobody else anchors the clock, and the library drops a frame that finds it without.
-        mRenderer->updateVideoTime(mSectionBegun ? mFirstMediaUs : mVideo.mediaTimeUs());
+        mRenderer->updateVideoTime(firstUs);
     }
     mRecord.startNs = tv::nowNs();
     mRecord.sections.push_back({mRecord.startNs, -1});
@@ -225,7 +226,7 @@ void PlaybackSession::start() {
     mFaults->start(mRecord.startNs);
     mRenderer->start();
     if (mAudio) {
-        mAudio->start();
+        mAudio->start(firstUs);
     }
 }
 

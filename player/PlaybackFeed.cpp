@@ -67,13 +67,24 @@ bool PlaybackSession::stopAsked() {
 bool PlaybackSession::decodeNext() {
     const ReadStatus status = mVideo.next();
     mHavePicture = status == ReadStatus::Ready;
-    mSourceEnded = !mHavePicture;
     mPictureReadyNs = tv::nowNs() + mPlan.decodeUs * 1000;
     if (status == ReadStatus::BrokenOff) {
         mRecord.end = EndCause::BrokenOff;
         mRecord.brokeOffAtUs = mVideo.readUpToUs();
     }
+    if (!mHavePicture) {
+        sourceEnds();
+    }
     return mHavePicture;
+}
+
+/// With audio the library keeps a lone picture back until there is a second one. Where none will
+/// come, the player asks for it to be shown.
+void PlaybackSession::sourceEnds() {
+    mSourceEnded = true;
+    if (mSectionFrames == 1 && mPlan.withAudio && !mPlan.passthrough) {
+        mRenderer->peekFirstFrame();
+    }
 }
 
 /// Moves one picture on, as far as it goes now: decode, wait for a buffer, hand in.
@@ -82,7 +93,7 @@ void PlaybackSession::pump() {
         return;
     }
     if (overLimit()) {
-        mSourceEnded = true;
+        sourceEnds();
         return;
     }
     if (supplyStalls()) {
@@ -119,7 +130,6 @@ int64_t PlaybackSession::pictureWaitNs() const {
 
 void PlaybackSession::beginSection(int64_t mediaTimeUs) {
     mSectionBegun = true;
-    mFirstOfSection = true;
     mFirstMediaUs = mediaTimeUs;
     if (mRecord.sections.empty()) {
         return;  // before `start`, which sees to the rest
@@ -133,8 +143,7 @@ void PlaybackSession::beginSection(int64_t mediaTimeUs) {
 
 void PlaybackSession::send(int buffer, int64_t mediaTimeUs) {
     const int section = std::max(static_cast<int>(mRecord.sections.size()) - 1, 0);
-    const bool first = mFirstOfSection;
-    mFirstOfSection = false;
+    const bool first = mSectionFrames++ == 0;
     const int64_t frameNo =
         mLedger.sent(mediaTimeUs, section, buffer, tv::nowNs(), isLate(mediaTimeUs));
     const size_t bytes = mPool.fill(buffer, mVideo.picture(), frameNo, mediaTimeUs);
@@ -222,6 +231,7 @@ void PlaybackSession::leaveSection() {
     mRecord.sections.push_back({tv::nowNs(), -1});
     mPlayedBeforeUs += mSectionBegun ? mLastMediaUs - mFirstMediaUs + mFrameUs : 0;
     mSectionBegun = false;
+    mSectionFrames = 0;
     mSettledSinceNs = 0;
 }
 

@@ -70,6 +70,7 @@ private:
     void feedAndWatch();
     bool stopAsked();
     bool decodeNext();
+    void sourceEnds();
     void pump();
     int64_t pictureWaitNs() const;
     void send(int buffer, int64_t mediaTimeUs);
@@ -120,7 +121,7 @@ private:
     bool mHavePicture = false;
     int64_t mPictureReadyNs = 0;  ///< when its decoding is over
     bool mSectionBegun = false;
-    bool mFirstOfSection = false;  ///< the next frame handed in is
+    int64_t mSectionFrames = 0;  ///< handed in
     bool mSourceEnded = false;
     int64_t mFirstMediaUs = 0;    ///< of the section
     int64_t mPlayedBeforeUs = 0;  ///< media handed in before the section

@@ -222,7 +222,8 @@ void printEnd(std::ostream& out, const PlaybackRecord& record) {
             break;
     }
     if (record.decodeErrors > 0) {
-        line(out, "", counted(record.decodeErrors, "packet") + " could not be decoded");
+        line(out, "",
+             counted(record.decodeErrors, "packet") + " came damaged or could not be decoded");
     }
     if (record.failedSeeks > 0) {
         line(out, "", counted(record.failedSeeks, "seek") + " failed: the file cannot seek");

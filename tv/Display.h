@@ -30,7 +30,7 @@ struct DisplayConfig {
     double driftPpm = 0.0;
     /// Largest error, either way, of a reported vsync time.
     int64_t reportJitterNs = 0;
-    /// Time of vsync 0 on the monotonic clock; 0: when the TV is switched on.
+    /// Time of vsync 0 on the monotonic clock; 0: the TV chooses (see `Tv::powerOn`).
     int64_t originNs = 0;
     /// Seed of the report jitter.
     uint64_t seed = 1;

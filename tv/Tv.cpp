@@ -14,6 +14,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cmath>
 #include <condition_variable>
 #include <limits>
 #include <mutex>
@@ -90,9 +91,12 @@ void letEarlierGo(Seen& seen) {
     seen.keepsEarlier = false;
 }
 
+/// Where in a period a TV is when it is switched on (see `Tv::powerOn`).
+constexpr double kPhaseAtPowerOn = 0.35;
+
 DisplayConfig withOrigin(DisplayConfig config) {
     if (config.originNs == 0) {
-        config.originNs = nowNs();
+        config.originNs = nowNs() - std::llround(kPhaseAtPowerOn * 1e9 / config.rateHz);
     }
     return config;
 }

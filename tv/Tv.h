@@ -30,6 +30,12 @@ class Tv {
 public:
     /// Switches a TV on and makes it the process's current one, in place of an earlier one. When
     /// the last pointer goes, it is switched off.
+    ///
+    /// Vsync 0, unless its time is given, lies 0.35 periods before this moment: a panel has been
+    /// running for a while when a player comes. At phase 0 every frame of a player that starts in
+    /// the same virtual instant would be due within rounding of a vsync. Contents at simple ratios
+    /// to the display are due at multiples of 1/2 or 1/5 of a period after their first frame; from
+    /// 0.35 on none of them comes nearer than 0.05 periods to a vsync or to the middle of two.
     static std::shared_ptr<Tv> powerOn(const TvConfig& config = {});
 
     /// A look at the TV that is on, for one call: it stays valid as long as the look lasts, even if

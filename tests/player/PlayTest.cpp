@@ -98,19 +98,32 @@ const Scenario kScenarios[] = {
      "first_frame_us=0..1500000 second_frame_us=400000..", ""},
     {"UnderflowAndCatchUp", "24.mp4 --audio-underflow 1s:400ms --video-stall 1s:700ms --log 7",
      "frames_in=72 audio_underflows=1 frames_dropped=1..", "dropped_underflow_catch_up=1.."},
-    {"NoAudioAsked", "24.mp4 --no-audio", "frames_in=72 with_audio=false", "frames_shown=72"},
+    {"NoAudioAsked", "24.mp4 --no-audio", "frames_in=72 with_audio=false",
+     "frames_shown=72 pattern=[3:2] dwells_unexpected=0"},
     {"NoAudioTrack", "silent.mp4 --flush-at 1s", "frames_in=72 sections=2", ""},
+    {"Passthrough", "30.mp4 --passthrough", "frames_in=90",
+     "frames_shown=90 pattern=[2:2] dwells_unexpected=0"},
     {"PassthroughHoldsAndDrops", "24.mp4 --passthrough --video-stall 1s:300ms",
      "frames_in=72 passthrough_holds=1.. dropped_policy=1..", ""},
     {"FlushWhileItWaitsForAudio", "24.mp4 --flush-at 1s --flush-at 1s", "frames_in=72",
      "frames_dropped=0..2"},
     {"SeekBack", "24.mkv --seek 1s:0s --seek 1.5s:2s --buffers 5", "sections=3", ""},
+    {"SoundComesLater", "late-sound.mkv", "frames_in=72",
+     "frames_shown=72 first_frame_us=0..200000"},
+    {"SeekWithoutIndex", "one-key.ts --seek 500ms:2s", "sections=2", "section1_frames_in_step=23"},
+    {"OneFrame", "one-frame.mp4", "end=complete frames_shown=1", ""},
+    {"OneFrameOfMany", "24.mp4 --seconds 1us", "end=complete frames_shown=1", ""},
+    {"OneFrameAfterASeek", "24.mkv --seek 500ms:2.95s", "end=complete sections=2", ""},
     {"Interrupted", "30.mp4 --log 1", "end=interrupted frames_in=1..89", "", SIGINT,
      "audio have started"},
     {"InterruptedWhileItWaitsForAudio", "24.mp4 --audio-delay 1000s --log 1",
      "end=interrupted frames_shown=0", "", SIGTERM, "[start]"},
     {"FileBreaksOff", "half.mp4", "end=broken_off frames_in=10..71", ""},
     {"MatroskaBreaksOff", "half.mkv", "end=broken_off", ""},
+    {"BreaksOffNearTheEnd", "most.mp4", "end=broken_off frames_in=68..71", ""},
+    {"MatroskaBreaksOffNearTheEnd", "most.mkv", "end=broken_off frames_in=62..71", ""},
+    {"WholeButTimesBeginLate", "from-10s.mkv", "end=complete frames_in=72", ""},
+    {"BreaksOffAfterTheFirstFrame", "first.mkv", "end=broken_off frames_shown=1", ""},
 };
 
 class PlayTest : public ::testing::TestWithParam<Scenario> {};
@@ -241,6 +254,11 @@ TEST(NoteTest, WhatCannotHappenIsSaidAndPlayedAllTheSame) {
     EXPECT_EQ(result.status, 0);
     EXPECT_THAT(result.error, AllOf(HasSubstr("--audio-drift has no effect: --no-audio is given\n"),
                                     HasSubstr("--seek 8.000 s has no effect: the film ends at 3")));
+}
+
+TEST(DamagedFileTest, IsToldInTheReport) {
+    const CommandResult result = korvaneTv({"play", clip("damaged.ts"), "--seconds", "3"});
+    EXPECT_THAT(result.output, HasSubstr("came damaged or could not be decoded"));
 }
 
 TEST(HelpTest, GoesToStandardOutputWithStatus0) {
