@@ -236,9 +236,9 @@ void ReportBuilder::addToCadence(const FrameEntry& frame, const FrameEntry* next
     Facts facts;
     facts.frameNo = frame.frameNo;
     facts.mediaTimeUs = frame.mediaTimeUs;
-    facts.shownUs = frame.record->firstVsync.timeNs / 1000;
     facts.goneUs = frame.record->releasedNs / 1000;
     facts.dwell = static_cast<int>(frame.record->dwellVsyncs);
+    facts.shownUs = facts.dwell > 0 ? frame.record->firstVsync.timeNs / 1000 : facts.goneUs;
     facts.sentLate = frame.sentLate;
     if (next != nullptr) {
         facts.nextSentLate = next->sentLate;

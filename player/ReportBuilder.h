@@ -39,7 +39,7 @@ private:
     struct Facts {
         int64_t frameNo = 0;
         int64_t mediaTimeUs = 0;
-        int64_t shownUs = 0;  ///< monotonic
+        int64_t shownUs = 0;  ///< monotonic; when it was superseded, if it never was
         int64_t goneUs = 0;
         int dwell = 0;
         bool sentLate = false;
