@@ -11,6 +11,11 @@ namespace {
 
 constexpr double kNsPerSecond = 1e9;
 
+/// To the nearest, as std::llround does, which is a call of the C library; every vsync asks.
+int64_t rounded(double ns) {
+    return static_cast<int64_t>(ns < 0.0 ? ns - 0.5 : ns + 0.5);
+}
+
 }  // namespace
 
 double displayRateHz(double nominalHz) {
@@ -36,7 +41,7 @@ Display::Segment Display::makeSegment(int64_t firstIndex, int64_t originNs, doub
 
 int64_t Display::timeOf(const Segment& segment, int64_t index) {
     const auto periods = static_cast<double>(index - segment.firstIndex);
-    return segment.originNs + std::llround(periods * segment.periodNs);
+    return segment.originNs + rounded(periods * segment.periodNs);
 }
 
 const Display::Segment& Display::segmentAt(int64_t timeNs) const {
@@ -57,13 +62,16 @@ Vsync Display::lastLocked(int64_t timeNs) const {
     int64_t index =
         segment.firstIndex + static_cast<int64_t>(std::floor(sinceOriginNs / segment.periodNs));
     // The division can land one beside the rounded times that the grid is made of.
-    while (timeOf(segment, index) > timeNs) {
-        --index;
+    int64_t atNs = timeOf(segment, index);
+    while (atNs > timeNs) {
+        atNs = timeOf(segment, --index);
     }
-    while (timeOf(segment, index + 1) <= timeNs) {
+    for (int64_t nextNs = timeOf(segment, index + 1); nextNs <= timeNs;
+         nextNs = timeOf(segment, index + 1)) {
         ++index;
+        atNs = nextNs;
     }
-    return {index, timeOf(segment, index)};
+    return {index, atNs};
 }
 
 Vsync Display::vsyncLocked(int64_t index) const {
