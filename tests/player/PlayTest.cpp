@@ -91,6 +91,8 @@ constexpr char kLocks[] = "pattern=[3:2] held_after_us=0..1000000 stayed=true";
 const Scenario kScenarios[] = {
     {"24on60", "24.mp4 --rate 60", "frames_in=72", kLocks},
     {"30on60", "30.mp4 --rate 60", "", "pattern=[2:2] held_after_us=0..1000000 stayed=true"},
+    {"60on60", "60.mp4 --rate 60", "", "pattern=[1:1] held_after_us=0..1000000 stayed=true"},
+    {"25on50", "25.mp4 --rate 50", "", "pattern=[2:2] stayed=true"},
     {"23_976on59_94", "23.976.mp4 --rate 59.94", "", kLocks},
     {"AudioTwoSecondsLate", "24.mp4 --audio-delay 2s --seconds 1", "first_frame_us=2000000..",
      "first_frame_us=0..2500000"},

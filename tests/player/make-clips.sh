@@ -18,6 +18,8 @@ clip() { # name, frames per second, seconds
 clip 24.mp4 24 3
 clip 23.976.mp4 24000/1001 3
 clip 30.mp4 30 3
+clip 60.mp4 60 3
+clip 25.mp4 25 3
 ffmpeg -v error -y -i 24.mp4 -c copy -an silent.mp4
 ffmpeg -v error -y -i 24.mp4 -c copy 24.mkv
 ffmpeg -v error -y -i 24.mp4 -itsoffset 1 -i 24.mp4 -map 0:v -map 1:a -c copy late-sound.mkv
