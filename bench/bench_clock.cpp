@@ -3,8 +3,8 @@
 //
 //   counter "ns"            one usleep alone at the front, two that need a switch each, switches,
 //                           locks, signals: the primitives that a frame's way is made of
-//   counter "hours_per_s"   virtual time per CPU second: the polling alone, a renderer without
-//                           frames, a renderer that plays with audio
+//   counter "hours_per_s"   virtual time per CPU second: the polling alone, a renderer that
+//                           waits for its first frame while audio plays, one that plays with audio
 #include <benchmark/benchmark.h>
 #include <unistd.h>
 
