@@ -15,14 +15,14 @@
 #include <string>
 #include <utility>
 
-#include "player/EventRecorder.h"
-#include "player/MediaSource.h"
-#include "player/OutputFile.h"
-#include "player/PlayOptions.h"
-#include "player/Playback.h"
-#include "player/Progress.h"
-#include "player/ReportBuilder.h"
-#include "player/scenario/RunCommand.h"
+#include "player/command/OutputFile.h"
+#include "player/command/PlayOptions.h"
+#include "player/command/Progress.h"
+#include "player/command/RunCommand.h"
+#include "player/media/MediaSource.h"
+#include "player/playback/Playback.h"
+#include "player/report/EventRecorder.h"
+#include "player/report/ReportBuilder.h"
 #include "tv/clock/VirtualTime.h"
 
 namespace korvane::player {
@@ -167,24 +167,29 @@ int playAndReport(const PlayOptions& options) {
     if (!clock && !options.virtualClock) {
         say("this build has no virtual clock; playing in real time");
     }
-    PlaybackRecord record = play(plan, reader, std::move(audio), ports);
-    record.trace = trace.stop();
+    Progress progress(!options.quiet);
+    ports.onProgress = [&progress](const PlaybackProgress& state, int64_t nowNs) {
+        progress.update(state, nowNs);
+    };
+    const PlaybackRecord record = play(plan, reader, std::move(audio), ports);
+    clearProgress();
+    const tv::TraceReport traceReport = trace.stop();
     const Summary summary = report.finish(record);
     if (record.end == EndCause::BrokenOff) {
         say("'" + options.file + "' breaks off in the middle; it was played up to there");
     }
     events.finish();
-    printReport(std::cout, record, summary, options.quiet);
+    printReport(std::cout, record, summary, traceReport, options.quiet);
     if (clock && !options.quiet) {
         std::cout << "repeat    events " << events.hash() << " from " << options.repeat << "\n";
     }
     std::cout.flush();
     if (json.wanted()) {
-        writeJson(json.stream(), record, summary);
+        writeJson(json.stream(), record, summary, traceReport);
     }
-    bool written = record.trace.failure.empty();
+    bool written = traceReport.failure.empty();
     if (!written) {
-        say("--trace: " + record.trace.failure +
+        say("--trace: " + traceReport.failure +
             "; the trace is not whole, playback and summary are");
     }
     for (OutputFile* output : {&csv, &json, &eventsFile}) {

@@ -3,7 +3,7 @@
 
 #include <algorithm>
 
-#include "player/Units.h"
+#include "player/base/Units.h"
 
 namespace korvane::player {
 namespace {

@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "player/Playback.h"
-#include "player/Report.h"
+#include "player/playback/Playback.h"
+#include "player/report/Report.h"
 #include "player/scenario/Scenario.h"
 
 namespace korvane::player {

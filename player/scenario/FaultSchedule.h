@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "player/PlaybackPlan.h"
+#include "player/playback/PlaybackPlan.h"
 #include "player/scenario/Scenario.h"
 
 namespace korvane::player {

@@ -13,60 +13,12 @@
 #include <string>
 #include <vector>
 
-#include "player/DropReason.h"
-#include "player/FrameLedger.h"
+#include "player/base/Range.h"
+#include "player/media/ContentPlan.h"
+#include "player/playback/DropReason.h"
+#include "player/playback/FrameLedger.h"
 
 namespace korvane::player {
-
-/// A stretch of time: from `atUs` on, for `forUs`.
-struct Span {
-    int64_t atUs = 0;
-    int64_t forUs = 0;
-    bool covers(int64_t timeUs) const { return timeUs >= atUs && timeUs - atUs < forUs; }
-};
-
-/// An inclusive range; either end may be open.
-struct Range {
-    int64_t least = INT64_MIN;
-    int64_t most = INT64_MAX;
-    bool holds(int64_t value) const { return value >= least && value <= most; }
-};
-
-/// Frames per second as a fraction: 23.976 is 24000/1001.
-struct FrameRate {
-    int64_t frames = 24;
-    int64_t seconds = 1;
-    double hz() const { return static_cast<double>(frames) / static_cast<double>(seconds); }
-};
-
-/// What a container makes of a frame's exact time.
-enum class Rounding {
-    Exact,     ///< to the microsecond
-    Matroska,  ///< to the millisecond
-    MpegTs     ///< to the tick of 90 kHz
-};
-
-struct ContentPlan {
-    FrameRate rate;
-    int64_t durationUs = 10'000'000;
-    Rounding rounding = Rounding::Exact;
-    int64_t startUs = 0;         ///< media time of frame 0
-    std::vector<int64_t> times;  ///< media times one by one, instead of a rate and a duration
-    std::string file;            ///< a real file, instead of all the others
-
-    std::vector<int64_t> missing;    ///< frame numbers that are not delivered
-    std::vector<int64_t> duplicate;  ///< delivered twice with the same time
-    struct Bunch {
-        int64_t atFrame = 0;
-        int64_t frames = 0;
-    };
-    std::vector<Bunch> bunches;  ///< these frames carry the time of the first of them
-    struct Jump {
-        int64_t atFrame = 0;
-        int64_t byUs = 0;
-    };
-    std::vector<Jump> jumps;  ///< from this frame on, media time is this much further
-};
 
 struct DisplayPlan {
     double rateHz = 60.0;  ///< nominal, see tv::displayRateHz

@@ -9,16 +9,16 @@
 #include <optional>
 
 #include "include/ThreadAnnotations.h"
-#include "player/EventLog.h"
-#include "player/EventRecorder.h"
-#include "player/MediaSource.h"
-#include "player/Playback.h"
-#include "player/ReportBuilder.h"
-#include "player/Units.h"
+#include "player/base/Units.h"
+#include "player/media/MediaSource.h"
+#include "player/media/SyntheticContent.h"
+#include "player/playback/Playback.h"
+#include "player/report/EventLog.h"
+#include "player/report/EventRecorder.h"
+#include "player/report/ReportBuilder.h"
 #include "player/scenario/Expectation.h"
 #include "player/scenario/FaultSchedule.h"
 #include "player/scenario/PolicyScript.h"
-#include "player/scenario/SyntheticContent.h"
 #include "tv/Platform.h"
 #include "tv/clock/VirtualTime.h"
 
@@ -236,7 +236,7 @@ ScenarioResult playScenario(const Scenario& scenario, const ScenarioRunOptions& 
     const PlaybackRecord record = play(plan, *sources.video, std::move(sources.audio), ports);
     const Summary summary = report.finish(record);
     if (options.report) {
-        printReport(std::cerr, record, summary, false);
+        printReport(std::cerr, record, summary, {}, false);
     }
     ScenarioResult result = resultOf(record, summary);
     result.failures = failures(scenario.expect, record, summary, watch.counts(record.startNs));

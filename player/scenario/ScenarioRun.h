@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "player/PlaybackPlan.h"
+#include "player/playback/PlaybackPlan.h"
 #include "player/scenario/Scenario.h"
 
 namespace korvane::player {

@@ -6,7 +6,7 @@
 #include <cmath>
 #include <cstdlib>
 
-#include "player/Units.h"
+#include "player/base/Units.h"
 
 namespace korvane::player {
 namespace {

@@ -11,19 +11,14 @@
 #include <functional>
 #include <optional>
 #include <set>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
-#include "player/scenario/Scenario.h"
+#include "player/base/Errors.h"
+#include "player/base/FrameRate.h"
+#include "player/base/Range.h"
 
 namespace korvane::player {
-
-/// A scenario cannot be read; `what` is one line.
-class ScenarioError : public std::runtime_error {
-public:
-    using std::runtime_error::runtime_error;
-};
 
 /// Limits of durations: beyond any playback, far from overflow in nanoseconds.
 constexpr int64_t kLongestUs = 1'000'000'000'000;

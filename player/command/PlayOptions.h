@@ -1,0 +1,82 @@
+// SPDX-License-Identifier: Apache-2.0
+// The command line: what can be asked for, with its defaults, and how it is read.
+//
+// Whatever is wrong with a command line is told in one line that says which value it is and what to
+// do instead (UsageError).
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "player/base/Errors.h"
+#include "player/base/Units.h"
+#include "player/command/RunCommand.h"
+#include "player/media/FrameSource.h"
+#include "player/playback/PlaybackPlan.h"
+#include "tv/AudioOutput.h"
+
+namespace korvane::player {
+
+struct PlayOptions {
+    std::string file;
+
+    double rateHz = 60.0;  ///< nominal, see tv::displayRateHz
+    double displayDriftPpm = 0.0;
+    int64_t vsyncJitterUs = 0;
+
+    int64_t audioDelayUs = 50'000;
+    double audioDriftPpm = 0.0;
+    bool noAudio = false;
+    std::vector<tv::AudioConfig::Underflow> underflows;
+
+    bool passthrough = false;
+    bool peek = false;
+    std::vector<SeekAction> seeks;        ///< by `atUs`
+    std::vector<VideoStall> videoStalls;  ///< by `atUs`
+    std::optional<int64_t> limitUs;
+    /// Enough for the renderer's lead, the tunnel's own two and the panel's, with a reserve.
+    int buffers = 16;
+
+    std::optional<int32_t> logMask;
+    std::vector<std::pair<std::string, std::string>> properties;
+
+    std::string traceFile;
+    std::string csvFile;
+    std::string jsonFile;
+    std::string eventsFile;
+    bool quiet = false;
+
+    std::optional<bool> virtualClock;  ///< empty: virtual where this build has it
+    uint64_t seed = 1;
+    std::string repeat;  ///< the command line that repeats this
+};
+
+enum class Command { Play, Run, List };
+
+/// The command line that repeats a run, for people to copy: words that need it are quoted, and the
+/// seed is there.
+std::string repeatLine(int argc, const char* const* argv, uint64_t seed);
+
+struct CommandLine {
+    /// Text to print instead of playing (help, version); empty when there is something to play.
+    std::string text;
+    Command command = Command::Play;
+    PlayOptions play;
+    RunOptions run;
+    ListOptions list;
+};
+
+/// The playback that the options ask for of a file.
+PlaybackPlan planOf(const PlayOptions& options, const MediaInfo& media);
+
+/// One line for each thing that was asked for and cannot happen with this file.
+std::vector<std::string> withoutEffect(const PlayOptions& options, const MediaInfo& media);
+
+/// Reads a command line.
+/// @throws UsageError
+CommandLine parseCommandLine(int argc, const char* const* argv, const std::string& version);
+
+}  // namespace korvane::player

@@ -1,0 +1,175 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "player/media/SyntheticContent.h"
+
+#include <algorithm>
+
+namespace korvane::player {
+namespace {
+
+/// One packet of the common audio codecs at the common rate.
+constexpr int64_t kPacketSamples = 1024;
+constexpr int64_t kSampleRate = 48'000;
+constexpr int64_t kSecondUs = 1'000'000;
+/// Ticks of an MPEG transport stream's clock.
+constexpr int64_t kMpegTicks = 90'000;
+constexpr int64_t kMatroskaTicks = 1'000;
+
+// GCC's and clang's wide integer: a day in microseconds times a rate's parts does not fit 64 bits.
+__extension__ using Wide = __int128;
+
+int64_t divideRounding(Wide dividend, Wide divisor) {
+    const Wide half = divisor / 2;
+    const Wide shifted = dividend >= 0 ? dividend + half : dividend - half;
+    return static_cast<int64_t>(shifted / divisor);
+}
+
+/// A time in parts of a microsecond (`parts` of them make one), stored in ticks and read back.
+int64_t throughTicks(Wide time, int64_t parts, int64_t ticksPerSecond) {
+    const int64_t ticks = divideRounding(time * ticksPerSecond, Wide{parts} * kSecondUs);
+    return divideRounding(Wide{ticks} * kSecondUs, ticksPerSecond);
+}
+
+int64_t rounded(Wide time, int64_t parts, Rounding rounding) {
+    switch (rounding) {
+        case Rounding::Matroska:
+            return throughTicks(time, parts, kMatroskaTicks);
+        case Rounding::MpegTs:
+            return throughTicks(time, parts, kMpegTicks);
+        case Rounding::Exact:
+            break;
+    }
+    return divideRounding(time, parts);
+}
+
+int64_t packetStartUs(int64_t packet) {
+    return divideRounding(Wide{packet} * kPacketSamples * kSecondUs, kSampleRate);
+}
+
+}  // namespace
+
+ContentTimes::ContentTimes(const ContentPlan& plan)
+    : mPlan(plan),
+      mMissing(plan.missing.begin(), plan.missing.end()),
+      mDuplicate(plan.duplicate.begin(), plan.duplicate.end()) {
+    if (!plan.times.empty()) {
+        mFrames = static_cast<int64_t>(plan.times.size());
+        return;
+    }
+    const Wide frameParts = Wide{plan.rate.seconds} * kSecondUs;
+    mFrames = static_cast<int64_t>((Wide{plan.durationUs} * plan.rate.frames + frameParts - 1) /
+                                   frameParts);
+}
+
+int64_t ContentTimes::storedUs(int64_t frame) const {
+    if (!mPlan.times.empty()) {
+        return rounded(mPlan.times[static_cast<size_t>(frame)], 1, mPlan.rounding);
+    }
+    const Wide parts =
+        Wide{mPlan.startUs} * mPlan.rate.frames + Wide{frame} * mPlan.rate.seconds * kSecondUs;
+    return rounded(parts, mPlan.rate.frames, mPlan.rounding);
+}
+
+int64_t ContentTimes::deliveredUs(int64_t frame) const {
+    int64_t source = frame;
+    for (const auto& bunch : mPlan.bunches) {
+        if (frame >= bunch.atFrame && frame - bunch.atFrame < bunch.frames) {
+            source = bunch.atFrame;
+        }
+    }
+    int64_t us = storedUs(source);
+    for (const auto& jump : mPlan.jumps) {
+        us += frame >= jump.atFrame ? jump.byUs : 0;
+    }
+    return us;
+}
+
+int64_t ContentTimes::jumpedUs(int64_t stored) const {
+    int64_t us = 0;
+    for (const auto& jump : mPlan.jumps) {
+        us += jump.atFrame < mFrames && stored >= storedUs(jump.atFrame) ? jump.byUs : 0;
+    }
+    return us;
+}
+
+int ContentTimes::deliveries(int64_t frame) const {
+    if (mMissing.count(frame) != 0) {
+        return 0;
+    }
+    return mDuplicate.count(frame) != 0 ? 2 : 1;
+}
+
+int64_t ContentTimes::frameAt(int64_t mediaTimeUs) const {
+    int64_t first = 0;
+    int64_t last = mFrames;
+    while (first < last) {
+        const int64_t middle = first + (last - first) / 2;
+        if (storedUs(middle) < mediaTimeUs) {
+            first = middle + 1;
+        } else {
+            last = middle;
+        }
+    }
+    return first;
+}
+
+int64_t ContentTimes::endUs() const {
+    if (mPlan.times.empty()) {
+        return mPlan.startUs + mPlan.durationUs;
+    }
+    const auto& times = mPlan.times;
+    const int64_t step = times.size() > 1 ? times.back() - times[times.size() - 2] : 0;
+    return times.back() + std::max<int64_t>(step, 0);
+}
+
+SyntheticVideo::SyntheticVideo(const ContentPlan& plan, bool withAudio) : mTimes(plan) {
+    mInfo.path = "synthetic";
+    mInfo.container = "synthetic";
+    mInfo.videoCodec = "none";
+    mInfo.audioCodec = withAudio ? "none" : "";
+    mInfo.width = 1920;
+    mInfo.height = 1080;
+    mInfo.frameRateHz = plan.times.empty() ? plan.rate.hz() : 0.0;
+    mInfo.durationUs = mTimes.endUs();
+    mInfo.hasAudio = withAudio;
+}
+
+ReadStatus SyntheticVideo::next() {
+    while (mNext < mTimes.frames() && mDelivered >= mTimes.deliveries(mNext)) {
+        ++mNext;
+        mDelivered = 0;
+    }
+    if (mNext >= mTimes.frames()) {
+        return ReadStatus::End;
+    }
+    ++mDelivered;
+    mMediaTimeUs = mTimes.deliveredUs(mNext);
+    return ReadStatus::Ready;
+}
+
+bool SyntheticVideo::seek(int64_t mediaTimeUs) {
+    mNext = mTimes.frameAt(mediaTimeUs);
+    mDelivered = 0;
+    return true;
+}
+
+SyntheticAudio::SyntheticAudio(const ContentPlan& plan)
+    : mTimes(plan), mStartUs(plan.times.empty() ? plan.startUs : 0) {}
+
+ReadStatus SyntheticAudio::next(AudioPacket* packet) {
+    const int64_t storedUs = mStartUs + packetStartUs(mPacket);
+    if (storedUs >= mTimes.endUs()) {
+        return ReadStatus::End;
+    }
+    const int64_t endUs = mStartUs + packetStartUs(mPacket + 1);
+    *packet = {storedUs + mTimes.jumpedUs(storedUs), endUs - storedUs};
+    ++mPacket;
+    return ReadStatus::Ready;
+}
+
+void SyntheticAudio::seek(int64_t mediaTimeUs) {
+    const int64_t samples =
+        divideRounding(Wide{std::max<int64_t>(mediaTimeUs - mStartUs, 0)} * kSampleRate, kSecondUs);
+    mPacket = samples / kPacketSamples;
+}
+
+}  // namespace korvane::player

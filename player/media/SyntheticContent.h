@@ -1,0 +1,81 @@
+// SPDX-License-Identifier: Apache-2.0
+// Content made up from a plan: frames with media times and no pictures, and audio packets.
+//
+//   frame i   exact time     start + i * seconds / frames, or the list's i-th time
+//             as stored      rounded as the container does it: to 1 us, 1 ms or 1/90000 s, and
+//                            back to microseconds
+//             as delivered   not at all if missing; twice if duplicate; with the time of a bunch's
+//                            first frame; moved by the jumps before it
+//
+// Audio comes in packets of 1024 samples at 48 kHz from media time `start` to the content's end,
+// and jumps where the video does.
+#pragma once
+
+#include <memory>
+#include <set>
+
+#include "player/media/ContentPlan.h"
+#include "player/media/FrameSource.h"
+
+namespace korvane::player {
+
+/// The arithmetic of a plan's frames. Pure.
+class ContentTimes {
+public:
+    explicit ContentTimes(const ContentPlan& plan);
+
+    int64_t frames() const { return mFrames; }
+    /// Media time of a frame as delivered.
+    int64_t deliveredUs(int64_t frame) const;
+    /// How often a frame is delivered: 0, 1 or 2.
+    int deliveries(int64_t frame) const;
+    /// The first frame at or after a media time.
+    int64_t frameAt(int64_t mediaTimeUs) const;
+    /// Where the last frame's time ends, without jumps.
+    int64_t endUs() const;
+    /// How far a stored time has been moved by jumps.
+    int64_t jumpedUs(int64_t storedUs) const;
+
+private:
+    int64_t storedUs(int64_t frame) const;
+
+    const ContentPlan mPlan;
+    const std::set<int64_t> mMissing;
+    const std::set<int64_t> mDuplicate;
+    int64_t mFrames = 0;
+};
+
+class SyntheticVideo final : public FrameSource {
+public:
+    SyntheticVideo(const ContentPlan& plan, bool withAudio);
+
+    const MediaInfo& info() const override { return mInfo; }
+    ReadStatus next() override;
+    const AVFrame* picture() const override { return nullptr; }
+    int64_t mediaTimeUs() const override { return mMediaTimeUs; }
+    bool seek(int64_t mediaTimeUs) override;
+    int64_t decodeErrors() const override { return 0; }
+    int64_t readUpToUs() const override { return mMediaTimeUs; }
+
+private:
+    const ContentTimes mTimes;
+    MediaInfo mInfo;
+    int64_t mNext = 0;   ///< the frame to deliver next
+    int mDelivered = 0;  ///< times that it has been
+    int64_t mMediaTimeUs = 0;
+};
+
+class SyntheticAudio final : public PacketSource {
+public:
+    explicit SyntheticAudio(const ContentPlan& plan);
+
+    ReadStatus next(AudioPacket* packet) override;
+    void seek(int64_t mediaTimeUs) override;
+
+private:
+    const ContentTimes mTimes;
+    const int64_t mStartUs;
+    int64_t mPacket = 0;
+};
+
+}  // namespace korvane::player

@@ -1,0 +1,267 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "player/playback/FrameLedger.h"
+
+#include <algorithm>
+
+#include "tv/Tv.h"
+
+namespace korvane::player {
+namespace {
+
+/// Of several tunnel entries of one frame, the one nearest to the screen tells its outcome.
+int nearness(tv::BufferFate fate) {
+    switch (fate) {
+        case tv::BufferFate::Shown:
+        case tv::BufferFate::OnScreen:
+            return 3;
+        case tv::BufferFate::Superseded:
+            return 2;
+        case tv::BufferFate::Waiting:
+        case tv::BufferFate::DiscardedByDisconnect:
+            break;
+    }
+    return 1;
+}
+
+Outcome outcomeInTunnel(tv::BufferFate fate) {
+    switch (nearness(fate)) {
+        case 3:
+            return Outcome::Shown;
+        case 2:
+            return Outcome::Superseded;
+        default:
+            return Outcome::InTunnelAtStop;
+    }
+}
+
+/// The outcome as far as record and callbacks tell it; Pending when neither does.
+Outcome outcomeOf(const FrameEntry& frame) {
+    if (frame.record) {
+        return outcomeInTunnel(frame.record->fate);
+    }
+    if (frame.returns == 0) {
+        return Outcome::Pending;
+    }
+    if (frame.flushedByPlayer) {
+        return Outcome::Flushed;
+    }
+    return frame.returnedAsRendered ? Outcome::Refused : Outcome::Dropped;
+}
+
+}  // namespace
+
+const char* toString(Outcome outcome) {
+    switch (outcome) {
+        case Outcome::Pending:
+            return "pending";
+        case Outcome::Shown:
+            return "shown";
+        case Outcome::Superseded:
+            return "superseded";
+        case Outcome::Dropped:
+            return "dropped";
+        case Outcome::Flushed:
+            return "flushed";
+        case Outcome::Refused:
+            return "refused";
+        case Outcome::DiscardedByStop:
+            return "discarded_by_stop";
+        case Outcome::InTunnelAtStop:
+            return "in_tunnel_at_stop";
+        case Outcome::Lost:
+            break;
+    }
+    return "lost";
+}
+
+int64_t FrameLedger::sent(int64_t mediaTimeUs, int section, int buffer, int64_t nowNs, bool late) {
+    const std::lock_guard<std::mutex> guard(mLock);
+    FrameEntry entry;
+    entry.frameNo = mFirst + static_cast<int64_t>(mEntries.size());
+    entry.mediaTimeUs = mediaTimeUs;
+    entry.section = section;
+    entry.buffer = buffer;
+    entry.sentNs = nowNs;
+    entry.sentLate = late;
+    mFrameByMediaTime[mediaTimeUs] = entry.frameNo;
+    mEntries.push_back(entry);
+    return entry.frameNo;
+}
+
+FrameEntry* FrameLedger::find(int64_t frameNo) {
+    const int64_t index = frameNo - mFirst;
+    return index >= 0 && index < static_cast<int64_t>(mEntries.size())
+               ? &mEntries[static_cast<size_t>(index)]
+               : nullptr;
+}
+
+void FrameLedger::markSettled(FrameEntry& entry) {
+    if (entry.returns == 0 && entry.renderTimeUs < 0 && !entry.stoppedBefore) {
+        ++mSettled;
+    }
+    mLastEventNs = tv::nowNs();
+}
+
+void FrameLedger::returned(const ReturnedBuffer& buffer) {
+    const std::lock_guard<std::mutex> guard(mLock);
+    FrameEntry* found = find(buffer.frameNo);
+    if (found == nullptr) {
+        return;  // long settled; the pool counts a buffer that comes back again
+    }
+    FrameEntry& entry = *found;
+    markSettled(entry);
+    // The first return tells what happened to the frame; a second one only that it came again.
+    if (entry.returns++ == 0) {
+        entry.returnedNs = buffer.nowNs;
+        entry.returnedAsRendered = buffer.rendered;
+        entry.flushedByPlayer = buffer.insideFlush;
+        entry.dropReason = buffer.dropReason;
+        entry.dropEvidence = buffer.dropEvidence;
+    }
+}
+
+void FrameLedger::beginSection(int section) {
+    const std::lock_guard<std::mutex> guard(mLock);
+    mSection = section;
+}
+
+void FrameLedger::renderTime(int64_t mediaTimeUs, int64_t renderTimeUs,
+                             std::optional<int64_t> clockRealUs) {
+    const std::lock_guard<std::mutex> guard(mLock);
+    const auto found = mFrameByMediaTime.find(mediaTimeUs);
+    if (found == mFrameByMediaTime.end()) {
+        return;
+    }
+    FrameEntry& entry = *find(found->second);
+    markSettled(entry);
+    entry.renderTimeUs = renderTimeUs;
+    if (entry.section == mSection) {
+        entry.clockRealUs = clockRealUs;
+    }
+    mPositionUs = mediaTimeUs;
+}
+
+int64_t FrameLedger::frames() const {
+    const std::lock_guard<std::mutex> guard(mLock);
+    return mFirst + static_cast<int64_t>(mEntries.size());
+}
+
+int64_t FrameLedger::unsettled() const {
+    const std::lock_guard<std::mutex> guard(mLock);
+    return mFirst + static_cast<int64_t>(mEntries.size()) - mSettled;
+}
+
+int64_t FrameLedger::positionUs() const {
+    const std::lock_guard<std::mutex> guard(mLock);
+    return mPositionUs;
+}
+
+int64_t FrameLedger::mediaTimeUs(int64_t frameNo) {
+    const std::lock_guard<std::mutex> guard(mLock);
+    const FrameEntry* frame = find(frameNo);
+    return frame != nullptr ? frame->mediaTimeUs : -1;
+}
+
+int64_t FrameLedger::lastEventNs() const {
+    const std::lock_guard<std::mutex> guard(mLock);
+    return mLastEventNs;
+}
+
+void FrameLedger::addRecords(const std::vector<tv::BufferRecord>& records) {
+    const std::lock_guard<std::mutex> guard(mLock);
+    for (const auto& record : records) {
+        FrameEntry* frame = find(record.frameNo);
+        if (frame == nullptr) {
+            continue;
+        }
+        ++frame->tunnelEntries;
+        if (!frame->record || nearness(record.fate) > nearness(frame->record->fate)) {
+            frame->record = record;
+        }
+    }
+}
+
+/// Whether a frame behind this one has left the library otherwise than by a flush: a flush hands
+/// back what is queued while an earlier frame may still be held, so it says nothing about that one.
+bool FrameLedger::laterHasAccount(size_t index) const {
+    return std::any_of(mEntries.begin() + static_cast<std::ptrdiff_t>(index) + 1, mEntries.end(),
+                       [](const FrameEntry& later) {
+                           const Outcome outcome = outcomeOf(later);
+                           return outcome != Outcome::Pending && outcome != Outcome::Flushed;
+                       });
+}
+
+void FrameLedger::stopped() {
+    const std::lock_guard<std::mutex> guard(mLock);
+    bool later = false;
+    for (auto frame = mEntries.rbegin(); frame != mEntries.rend(); ++frame) {
+        const Outcome outcome = outcomeOf(*frame);
+        later = later || (outcome != Outcome::Pending && outcome != Outcome::Flushed);
+        if (frame->outcome != Outcome::Pending || outcome != Outcome::Pending) {
+            continue;
+        }
+        // A render time without an entry in the tunnel: the tunnel refused the buffer.
+        const bool lost = later || frame->renderTimeUs >= 0;
+        frame->outcome = lost ? Outcome::Lost : Outcome::DiscardedByStop;
+    }
+    for (auto& frame : mEntries) {
+        markSettled(frame);
+        frame.stoppedBefore = true;
+    }
+}
+
+bool FrameLedger::isFinal(size_t index, int64_t firstInTunnel) const {
+    const FrameEntry& frame = mEntries[index];
+    if (frame.frameNo >= firstInTunnel || mEntries.size() <= kWindow) {
+        return false;
+    }
+    return frame.stoppedBefore || outcomeOf(frame) != Outcome::Pending || laterHasAccount(index);
+}
+
+FrameEntry FrameLedger::takeFront() {
+    FrameEntry frame = mEntries.front();
+    const Outcome known = outcomeOf(frame);
+    if (known != Outcome::Pending) {
+        frame.outcome = known;
+    } else if (frame.outcome == Outcome::Pending) {
+        frame.outcome = Outcome::Lost;
+        mSettled += frame.renderTimeUs < 0 ? 1 : 0;
+    }
+    if (frame.outcome != Outcome::Dropped) {
+        frame.dropReason = DropReason::None;
+        frame.dropEvidence = DropEvidence::None;
+    }
+    frame.bufferKept = frame.returns == 0 && frame.record && frame.record->takenBackNs != 0;
+    const auto byTime = mFrameByMediaTime.find(frame.mediaTimeUs);
+    if (byTime != mFrameByMediaTime.end() && byTime->second == frame.frameNo) {
+        mFrameByMediaTime.erase(byTime);
+    }
+    mEntries.pop_front();
+    ++mFirst;
+    return frame;
+}
+
+std::vector<FrameEntry> FrameLedger::takeSettled(int64_t firstInTunnel) {
+    const std::lock_guard<std::mutex> guard(mLock);
+    std::vector<FrameEntry> frames;
+    while (!mEntries.empty() && isFinal(0, firstInTunnel)) {
+        frames.push_back(takeFront());
+    }
+    return frames;
+}
+
+std::vector<FrameEntry> FrameLedger::takeRest() {
+    const std::lock_guard<std::mutex> guard(mLock);
+    std::vector<FrameEntry> frames;
+    while (!mEntries.empty()) {
+        frames.push_back(takeFront());
+    }
+    return frames;
+}
+
+int64_t FrameLedger::oldestSentNs() const {
+    const std::lock_guard<std::mutex> guard(mLock);
+    return mEntries.empty() ? INT64_MAX : mEntries.front().sentNs;
+}
+
+}  // namespace korvane::player

@@ -1,0 +1,148 @@
+// SPDX-License-Identifier: Apache-2.0
+// The ledger: every frame handed to the library, counted once into a closed set of outcomes.
+//
+//   shown             the TV's record has it on screen
+//   superseded        in the tunnel, but a newer one was due at the same vsync
+//   dropped           handed back unshown by the library, with a reason
+//   flushed           handed back by the player's own call of flush
+//   refused           handed back at show time, because of a flush or stop, without being shown
+//   discarded_by_stop still in the library's input queue at stop: no callback, as designed
+//   in_tunnel_at_stop still waiting in the tunnel at stop
+//   lost              none of the above: a frame that the library took and never gave an account of
+//
+// What was shown comes from the TV's record alone, which reads the frame numbers out of the
+// pictures; the library's callbacks say only which buffers came back. Frames leave the library in
+// the order in which they came, so a frame without an account is lost, and not discarded by stop,
+// as soon as one that was handed in later has an account.
+//
+// Filled during playback by the player's thread and the library's callbacks (any thread). Frames
+// are settled in the order of their numbers while playback goes on: the tunnel hands over its
+// finished records, and a frame is taken out with its outcome once so many later ones are there
+// that nothing can change it any more (`takeSettled`). So the ledger holds a few hundred frames
+// however long playback lasts.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "include/ThreadAnnotations.h"
+#include "player/playback/DropReason.h"
+#include "tv/Tunnel.h"
+
+namespace korvane::player {
+
+enum class Outcome {
+    Pending,
+    Shown,
+    Superseded,
+    Dropped,
+    Flushed,
+    Refused,
+    DiscardedByStop,
+    InTunnelAtStop,
+    Lost
+};
+constexpr int kOutcomes = static_cast<int>(Outcome::Lost) + 1;
+const char* toString(Outcome outcome);
+
+/// One frame handed in. Times are nanoseconds on the monotonic clock, 0 or -1 while unset as said.
+struct FrameEntry {
+    int64_t frameNo = 0;
+    int64_t mediaTimeUs = 0;
+    int section = 0;  ///< 0 until the first flush, then counting flushes
+    int buffer = -1;
+    int64_t sentNs = 0;
+    bool sentLate = false;  ///< handed in too late to be shown on time
+
+    int returns = 0;  ///< times that its buffer came back by callback
+    int64_t returnedNs = 0;
+    bool returnedAsRendered = false;
+    bool flushedByPlayer = false;
+    DropReason dropReason = DropReason::None;
+    DropEvidence dropEvidence = DropEvidence::None;
+
+    int64_t renderTimeUs = -1;  ///< from the render-time callback
+    /// The clock's real time for this frame when its render time came; empty: clock not running.
+    std::optional<int64_t> clockRealUs;
+
+    Outcome outcome = Outcome::Pending;
+    int tunnelEntries = 0;  ///< how often it was queued into the tunnel
+    std::optional<tv::BufferRecord> record;
+    /// The library was stopped before the frame had an account.
+    bool stoppedBefore = false;
+    /// Its buffer did not come back: the library kept it after taking it out of the tunnel.
+    bool bufferKept = false;
+};
+
+/// How a buffer came back.
+struct ReturnedBuffer {
+    int64_t frameNo = 0;
+    int64_t nowNs = 0;
+    bool rendered = false;
+    bool insideFlush = false;
+    DropReason dropReason = DropReason::None;
+    DropEvidence dropEvidence = DropEvidence::None;
+};
+
+class FrameLedger {
+public:
+    /// @return the new frame's number, counting from 0
+    int64_t sent(int64_t mediaTimeUs, int section, int buffer, int64_t nowNs, bool late);
+    void returned(const ReturnedBuffer& buffer);
+    /// A flush moves the clock: the clock's times no longer apply to frames of earlier sections.
+    void beginSection(int section);
+    /// Render-time callback, told by media time: the last frame handed in with it.
+    void renderTime(int64_t mediaTimeUs, int64_t renderTimeUs, std::optional<int64_t> clockRealUs);
+
+    int64_t frames() const;
+    /// -1 for a frame that is no longer in the ledger.
+    int64_t mediaTimeUs(int64_t frameNo);
+    /// Frames that neither came back nor reached their render time.
+    int64_t unsettled() const;
+    /// Media time of the frame whose render time came last; -1 before the first.
+    int64_t positionUs() const;
+    /// When the library last gave a sign of life; 0 before the first.
+    int64_t lastEventNs() const;
+
+    /// Adds what the tunnel did, in any order; entries of pictures that bear no number of a frame
+    /// still in the ledger are left out.
+    void addRecords(const std::vector<tv::BufferRecord>& records);
+    /// The library has stopped, and every record has been added: every frame that has no account
+    /// yet gets none any more.
+    void stopped();
+    /// Takes out the frames, from the oldest on, whose outcome is final.
+    /// @param firstInTunnel  the first frame that the tunnel has not finished with; INT64_MAX: none
+    std::vector<FrameEntry> takeSettled(int64_t firstInTunnel);
+    /// Takes out all that is left. Call after `stopped`.
+    std::vector<FrameEntry> takeRest();
+    /// When the oldest frame still in the ledger was handed in; INT64_MAX when there is none.
+    int64_t oldestSentNs() const;
+
+    /// Frames that stay in the ledger at least: more than a player has buffers, twice over, with a
+    /// flush in between.
+    static constexpr size_t kWindow = 256;
+
+private:
+    void markSettled(FrameEntry& entry) KORVANE_REQUIRES(mLock);
+    FrameEntry* find(int64_t frameNo) KORVANE_REQUIRES(mLock);
+    bool laterHasAccount(size_t index) const KORVANE_REQUIRES(mLock);
+    bool isFinal(size_t index, int64_t firstInTunnel) const KORVANE_REQUIRES(mLock);
+    FrameEntry takeFront() KORVANE_REQUIRES(mLock);
+
+    mutable std::mutex mLock;
+    std::deque<FrameEntry> mEntries KORVANE_GUARDED_BY(mLock);
+    int64_t mFirst KORVANE_GUARDED_BY(mLock) = 0;  ///< number of the first entry
+    std::map<int64_t, int64_t> mFrameByMediaTime KORVANE_GUARDED_BY(mLock);
+    int mSection KORVANE_GUARDED_BY(mLock) = 0;
+    int64_t mSettled KORVANE_GUARDED_BY(mLock) = 0;  ///< of all frames ever
+    int64_t mPositionUs KORVANE_GUARDED_BY(mLock) = -1;
+    int64_t mLastEventNs KORVANE_GUARDED_BY(mLock) = 0;
+};
+
+}  // namespace korvane::player

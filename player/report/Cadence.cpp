@@ -1,0 +1,164 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "player/report/Cadence.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <cstdlib>
+#include <numeric>
+#include <utility>
+
+#include "player/report/CadenceTracker.h"
+
+namespace korvane::player {
+namespace {
+
+/// Longest cycle looked for: 24 fps on 50 Hz needs 12 frames (eleven 2s and a 3).
+constexpr size_t kMaxCycleFrames = 12;
+/// A fraction is near enough when it slips at most once in ten seconds: broadcast rates beside
+/// their whole-number relatives do so every 16.7 s.
+constexpr double kMaxSlipsPerSecond = 0.1;
+/// Slips rarer than one a day are rounding errors of the rates.
+constexpr double kNoSlipSeconds = 86'400.0;
+
+/// q dwells that add up to p vsyncs, spread evenly: frame i ends at the vsync nearest to its end.
+std::vector<int> evenPattern(int vsyncs, size_t frames) {
+    std::vector<int> pattern;
+    int before = 0;
+    for (size_t i = 1; i <= frames; ++i) {
+        const double end =
+            static_cast<double>(vsyncs) * static_cast<double>(i) / static_cast<double>(frames);
+        const int after = static_cast<int>(std::floor(end + 0.5 + 1e-9));
+        pattern.push_back(after - before);
+        before = after;
+    }
+    // The last frame ends exactly on the cycle's last vsync, also when rounding went past it.
+    pattern.back() += vsyncs - before;
+    return pattern;
+}
+
+/// Nine of ten dwells are what the one a cycle before them was.
+bool repeatsEvery(size_t frames, const std::vector<int>& dwells) {
+    size_t repeats = 0;
+    for (size_t i = 0; i + frames < dwells.size(); ++i) {
+        repeats += dwells[i] == dwells[i + frames] ? 1 : 0;
+    }
+    return repeats * 10 >= (dwells.size() - frames) * 9;
+}
+
+/// The cycle of so many frames, of those that dwells begin with, that fits the most dwells: not one
+/// that happens to hold a break.
+std::vector<int> commonestCycle(size_t frames, const std::vector<int>& dwells) {
+    std::vector<int> best;
+    size_t bestCount = 0;
+    const size_t starts = std::min(dwells.size() - frames, 4 * kMaxCycleFrames);
+    for (size_t start = 0; start <= starts; ++start) {
+        std::vector<int> cycle(frames);
+        for (size_t i = 0; i < frames; ++i) {
+            cycle[(start + i) % frames] = dwells[start + i];
+        }
+        size_t count = 0;
+        for (size_t i = 0; i < dwells.size(); ++i) {
+            count += dwells[i] == cycle[i % frames] ? 1 : 0;
+        }
+        if (count > bestCount) {
+            best = cycle;
+            bestCount = count;
+        }
+    }
+    // Of two dwells the longer one is written first.
+    if (best.size() == 2 && best[0] < best[1]) {
+        std::swap(best[0], best[1]);
+    }
+    return best;
+}
+
+}  // namespace
+
+std::string patternName(const std::vector<int>& pattern) {
+    if (pattern.empty()) {
+        return "";
+    }
+    std::string text = "[" + std::to_string(pattern.front());
+    for (size_t i = 1; i < pattern.size(); ++i) {
+        text += ":" + std::to_string(pattern[i]);
+    }
+    return pattern.size() == 1 ? text + ":" + std::to_string(pattern.front()) + "]" : text + "]";
+}
+
+std::string ExpectedCadence::name() const {
+    return patternName(pattern);
+}
+
+double ExpectedCadence::secondsPerSlip() const {
+    const double perSecond = std::abs(slipPerFrame) * contentHz;
+    return perSecond * kNoSlipSeconds > 1.0 ? 1.0 / perSecond : 0.0;
+}
+
+ExpectedCadence expectedCadence(double contentHz, double displayHz) {
+    ExpectedCadence best{contentHz, displayHz, {}, 0.0};
+    if (!(contentHz > 0.0) || !(displayHz > 0.0)) {
+        return best;
+    }
+    const double vsyncsPerFrame = displayHz / contentHz;
+    for (size_t frames = 1; frames <= kMaxCycleFrames; ++frames) {
+        const double cycle = vsyncsPerFrame * static_cast<double>(frames);
+        const int vsyncs = static_cast<int>(std::lround(cycle));
+        if (std::gcd(vsyncs, static_cast<int>(frames)) > 1) {
+            continue;  // a shorter cycle, written several times over
+        }
+        const double slip = (cycle - vsyncs) / static_cast<double>(frames);
+        if (best.pattern.empty() || std::abs(slip) < std::abs(best.slipPerFrame)) {
+            best.pattern = evenPattern(vsyncs, frames);
+            best.slipPerFrame = slip;
+        }
+        if (std::abs(best.slipPerFrame) * contentHz <= kMaxSlipsPerSecond) {
+            break;
+        }
+    }
+    return best;
+}
+
+CadenceResult analyseCadence(const std::vector<int>& dwells, const ExpectedCadence& expected) {
+    CadenceResult result;
+    CadenceTracker tracker(expected,
+                           [&result](const DwellBreak& found) { result.breaks.push_back(found); });
+    for (const int dwell : dwells) {
+        tracker.add(dwell);
+    }
+    tracker.finish();
+    result.held = tracker.held();
+    result.heldFrom = tracker.heldFrom();
+    result.byArithmetic = tracker.byArithmetic();
+    result.unexpected = tracker.unexpected();
+    result.unexpectedBefore = tracker.unexpectedBefore();
+    return result;
+}
+
+std::vector<int> seenPattern(const std::vector<int>& dwells) {
+    for (size_t frames = 1; frames <= kMaxCycleFrames; ++frames) {
+        if (dwells.size() < frames + kSteadyRunFrames) {
+            break;
+        }
+        if (repeatsEvery(frames, dwells)) {
+            return commonestCycle(frames, dwells);
+        }
+    }
+    return {};
+}
+
+bool samePattern(const std::vector<int>& left, const std::vector<int>& right) {
+    if (left.size() != right.size() || left.empty()) {
+        return false;
+    }
+    std::vector<int> turned = left;
+    for (size_t i = 0; i < left.size(); ++i) {
+        if (turned == right) {
+            return true;
+        }
+        std::rotate(turned.begin(), turned.begin() + 1, turned.end());
+    }
+    return false;
+}
+
+}  // namespace korvane::player

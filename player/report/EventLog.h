@@ -1,0 +1,61 @@
+// SPDX-License-Identifier: Apache-2.0
+// The event log: one line per event, in the order of the playback's time, the same to the byte for
+// the same input, options and seed.
+//
+//   0.050000000 sent frame=12 media_us=500000 buffer=3
+//   0.391262166 shown frame=12 vsync=23 offset_us=12262
+//
+// A line is the time since the library's `start` in seconds, what happened, and its numbers.
+// Nothing in it depends on the machine: no wall time, address, process or descriptor number.
+//
+// Events of one moment are ordered by kind and frame. What is known of a frame is known only when
+// it is settled, so events wait until no earlier one can come any more (`release`), and are then
+// written and hashed. Any thread may add.
+#pragma once
+
+#include <cstdint>
+#include <iosfwd>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "include/ThreadAnnotations.h"
+#include "player/playback/Event.h"
+
+namespace korvane::player {
+
+class EventLog {
+public:
+    /// @param out  where lines go, may be null: events are then only hashed
+    explicit EventLog(std::ostream* out);
+
+    /// Times in lines count from here. Called before any `release`.
+    void begin(int64_t startNs);
+    void add(Event event);
+    /// Writes every event before a time: none earlier than that will be added any more.
+    void release(int64_t beforeNs);
+    /// Writes the rest. Whether the stream took it all is for its owner to ask.
+    void finish();
+
+    /// 64 bits, as 16 digits, over all lines written.
+    std::string hash() const;
+    int64_t lines() const;
+
+private:
+    void write(const Event& event) KORVANE_REQUIRES(mLock);
+    void drainBlock() KORVANE_REQUIRES(mLock);
+
+    mutable std::mutex mLock;
+    std::vector<Event> mWaiting KORVANE_GUARDED_BY(mLock);
+    std::string mBlock KORVANE_GUARDED_BY(mLock);  ///< lines not yet hashed and written
+    std::ostream* const mOut KORVANE_PT_GUARDED_BY(mLock);
+    int64_t mStartNs KORVANE_GUARDED_BY(mLock) = 0;
+    int64_t mLines KORVANE_GUARDED_BY(mLock) = 0;
+    uint64_t mHash KORVANE_GUARDED_BY(mLock);
+};
+
+/// A line of the library's log as it may stand in the event log: its numbers, which may be
+/// descriptors or times, are left out.
+std::string withoutNumbers(const std::string& text);
+
+}  // namespace korvane::player

@@ -1,0 +1,372 @@
+// SPDX-License-Identifier: Apache-2.0
+// Plays small clips through the command line and checks status and summary.
+//
+// In virtual time, where each play is the same every time; those that a signal ends are played in
+// real time. Builds with a sanitizer have the real clock only: there, what depends on threads being
+// woken in time is not looked at.
+#include <gmock/gmock.h>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <csignal>
+#include <cstdint>
+#include <fstream>
+#include <iterator>
+#include <map>
+#include <ostream>
+#include <sstream>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "tests/player/command/CommandRunner.h"
+
+namespace korvane::test {
+namespace {
+
+using ::testing::AllOf;
+using ::testing::HasSubstr;
+using ::testing::Not;
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool kVirtualClock = false;
+#else
+constexpr bool kVirtualClock = true;
+#endif
+
+std::string clip(const std::string& name) {
+    return std::string(KORVANE_CLIPS "/") + name;
+}
+
+std::string scratch(const std::string& name) {
+    return ::testing::TempDir() + "korvane-" + std::to_string(getpid()) + "-" + name;
+}
+
+using Facts = std::map<std::string, std::string>;
+
+std::vector<std::string> words(const std::string& text) {
+    std::istringstream split(text);
+    return {std::istream_iterator<std::string>(split), {}};
+}
+
+/// What keys of the summary must say, as "key=text" or a range of numbers: "key=1..5", "key=1..".
+void expectFacts(const Facts& facts, const std::string& wanted) {
+    for (const auto& fact : words(wanted)) {
+        const size_t equals = fact.find('=');
+        const auto found = facts.find(fact.substr(0, equals));
+        ASSERT_NE(found, facts.end()) << fact;
+        const std::string says = fact.substr(equals + 1);
+        const size_t dots = says.find("..");
+        if (dots == std::string::npos) {
+            EXPECT_EQ(found->second, says) << fact;
+            continue;
+        }
+        const std::string most = says.substr(dots + 2);
+        const int64_t seen = std::stoll(found->second);
+        EXPECT_GE(seen, std::stoll(says)) << fact;
+        EXPECT_LE(seen, most.empty() ? INT64_MAX : std::stoll(most)) << fact;
+    }
+}
+
+struct Scenario {
+    const char* name;
+    const char* arguments;  ///< clip first
+    const char* always;     ///< what must hold in every run, beside the accounts
+    const char* inTime;     ///< what a busy machine may spoil in real time
+    int signal = 0;         ///< ends it
+    const char* said = "";  ///< as soon as it has said this
+};
+
+void PrintTo(const Scenario& scenario, std::ostream* out) {
+    *out << scenario.name;
+}
+
+constexpr char kLocks[] = "pattern=[3:2] held_after_us=0..1000000 stayed=true";
+
+/// What the scenarios cannot show: files, options, signals; and one of each kind of fault, as a
+/// build with a sanitizer has nothing else that plays.
+const Scenario kScenarios[] = {
+    {"24on60", "24.mp4 --rate 60", "frames_in=72", kLocks},
+    {"30on60", "30.mp4 --rate 60", "", "pattern=[2:2] held_after_us=0..1000000 stayed=true"},
+    {"60on60", "60.mp4 --rate 60", "", "pattern=[1:1] held_after_us=0..1000000 stayed=true"},
+    {"25on50", "25.mp4 --rate 50", "", "pattern=[2:2] stayed=true"},
+    {"23_976on59_94", "23.976.mp4 --rate 59.94", "", kLocks},
+    {"AudioTwoSecondsLate", "24.mp4 --audio-delay 2s --seconds 1", "first_frame_us=2000000..",
+     "first_frame_us=0..2500000"},
+    {"AudioTwoSecondsLatePeeked", "24.mp4 --audio-delay 2s --seconds 1 --peek",
+     "first_frame_us=0..1500000 second_frame_us=400000..", ""},
+    {"UnderflowAndCatchUp", "24.mp4 --audio-underflow 1s:400ms --video-stall 1s:700ms --log 7",
+     "frames_in=72 audio_underflows=1 frames_dropped=1..", "dropped_underflow_catch_up=1.."},
+    {"NoAudioAsked", "24.mp4 --no-audio", "frames_in=72 with_audio=false",
+     "frames_shown=72 pattern=[3:2] dwells_unexpected=0"},
+    {"NoAudioTrack", "silent.mp4 --flush-at 1s", "frames_in=72 sections=2", ""},
+    {"Passthrough", "30.mp4 --passthrough", "frames_in=90",
+     "frames_shown=90 pattern=[2:2] dwells_unexpected=0"},
+    {"PassthroughHoldsAndDrops", "24.mp4 --passthrough --video-stall 1s:300ms",
+     "frames_in=72 passthrough_holds=1.. dropped_policy=1..", ""},
+    {"FlushWhileItWaitsForAudio", "24.mp4 --flush-at 1s --flush-at 1s", "frames_in=72",
+     "frames_dropped=0..2"},
+    {"SeekBack", "24.mkv --seek 1s:0s --seek 1.5s:2s --buffers 5", "sections=3", ""},
+    {"SoundComesLater", "late-sound.mkv", "frames_in=72",
+     "frames_shown=72 first_frame_us=0..200000"},
+    {"SeekWithoutIndex", "one-key.ts --seek 500ms:2s", "sections=2", "section1_frames_in_step=23"},
+    {"OneFrame", "one-frame.mp4", "end=complete frames_shown=1", ""},
+    {"OneFrameOfMany", "24.mp4 --seconds 1us", "end=complete frames_shown=1", ""},
+    {"OneFrameAfterASeek", "24.mkv --seek 500ms:2.95s", "end=complete sections=2", ""},
+    {"Interrupted", "30.mp4 --log 1", "end=interrupted frames_in=1..89", "", SIGINT,
+     "audio have started"},
+    {"InterruptedWhileItWaitsForAudio", "24.mp4 --audio-delay 1000s --log 1",
+     "end=interrupted frames_shown=0", "", SIGTERM, "[start]"},
+    {"FileBreaksOff", "half.mp4", "end=broken_off frames_in=10..71", ""},
+    {"MatroskaBreaksOff", "half.mkv", "end=broken_off", ""},
+    {"BreaksOffNearTheEnd", "most.mp4", "end=broken_off frames_in=68..71", ""},
+    {"MatroskaBreaksOffNearTheEnd", "most.mkv", "end=broken_off frames_in=62..71", ""},
+    {"WholeButTimesBeginLate", "from-10s.mkv", "end=complete frames_in=72", ""},
+    {"BreaksOffAfterTheFirstFrame", "first.mkv", "end=broken_off frames_shown=1", ""},
+};
+
+class PlayTest : public ::testing::TestWithParam<Scenario> {};
+
+TEST_P(PlayTest, IsAccountedForAndInTime) {
+    const Scenario& scenario = GetParam();
+    const std::string json = scratch("summary.json");
+    Command command;
+    command.arguments = {KORVANE_TV, "play", "--json", json};
+    for (const auto& word : words(KORVANE_CLIPS "/" + std::string(scenario.arguments))) {
+        command.arguments.push_back(word);
+    }
+    if (scenario.signal != 0) {
+        command.signals = {{scenario.signal, scenario.said, ""}};
+        command.arguments.insert(command.arguments.end(), {"--clock", "real"});
+    }
+    const CommandResult result = runCommand(command);
+    const Facts facts = readFlatJson(json);
+    unlink(json.c_str());
+    ASSERT_EQ(result.status, 0) << result.output << result.error;
+    expectFacts(facts, "ok=true frames_lost=0 buffers_kept=0 pictures_overwritten_on_screen=0");
+    const auto sum = [&facts](const std::string& keys) {
+        int64_t total = 0;
+        for (const auto& key : words(keys)) {
+            total += std::stoll(facts.at(key));
+        }
+        return total;
+    };
+    const int64_t framesIn = sum("frames_in");
+    EXPECT_EQ(sum("frames_shown frames_superseded frames_dropped frames_flushed frames_refused "
+                  "frames_discarded_by_stop frames_in_tunnel_at_stop"),
+              framesIn);
+    // Each frame has its buffer back once: by callback, or at stop.
+    EXPECT_EQ(sum("buffers_returned buffers_taken_back_at_stop"), framesIn);
+    expectFacts(facts, scenario.always);
+    if (kVirtualClock) {
+        expectFacts(facts, scenario.inTime);
+    }
+}
+
+std::string nameOf(const ::testing::TestParamInfo<Scenario>& scenario) {
+    return scenario.param.name;
+}
+INSTANTIATE_TEST_SUITE_P(Clips, PlayTest, ::testing::ValuesIn(kScenarios), nameOf);
+
+void writeFile(const std::string& path, const std::string& text) {
+    std::ofstream(path) << text;
+}
+
+void expectRefused(const std::vector<std::string>& arguments, const std::string& says) {
+    const CommandResult result = korvaneTv(arguments);
+    EXPECT_EQ(result.status, 2) << result.error;
+    EXPECT_EQ(result.output, "");
+    EXPECT_THAT(result.error, AllOf(HasSubstr("korvane-tv: "), HasSubstr(says)));
+    EXPECT_EQ(std::count(result.error.begin(), result.error.end(), '\n'), 1) << result.error;
+}
+
+TEST(BadInputTest, IsToldInOneLineWithStatus2) {
+    const std::string pipe = scratch("pipe");
+    ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+    // The index comes first, so the file opens; its pictures are missing.
+    const std::string pictureless = scratch("pictureless.mp4");
+    const std::string whole = readFile(clip("24.mp4"));
+    writeFile(pictureless, whole.substr(0, whole.find("mdat") + 40));
+    const std::vector<std::pair<std::vector<std::string>, std::string>> inputs = {
+        {{"play", clip("missing.mp4")}, "No such file"},
+        {{"play", clip("empty.mp4")}, "is empty"},
+        {{"play", clip("noise.mp4")}, "no media file"},
+        {{"play", clip("cut.mp4")}, "cut off before its index"},
+        {{"play", clip("tone.wav")}, "holds no video"},
+        {{"play", KORVANE_CLIPS}, "is a directory"},
+        {{"play", "/dev/stdin"}, "is no file"},
+        {{"play", pipe}, "is a pipe"},
+        {{"play", pictureless, "--trace", scratch("untouched.json")}, "no mpeg4 picture"},
+        {{"play", clip("24.mp4"), "--bogus"}, "--bogus"},
+        {{"play", clip("24.mp4"), "--prop", "a=" + std::string(92, 'x')}, "91 bytes"},
+        {{"play", clip("24.mp4"), "--csv", "/nonexistent/frames.csv"}, "No such file"},
+        {{"play", clip("24.mp4"), "--trace", "/nonexistent/trace.json"}, "No such file"},
+    };
+    for (const auto& [arguments, says] : inputs) {
+        expectRefused(arguments, says);
+    }
+    unlink(pipe.c_str());
+    EXPECT_NE(access(scratch("untouched.json").c_str(), F_OK), 0);
+    chmod(pictureless.c_str(), 0);
+    if (geteuid() != 0) {
+        expectRefused({"play", pictureless}, "may not be read (Permission denied)");
+    }
+    unlink(pictureless.c_str());
+}
+
+TEST(RefusedOutputTest, LeavesEveryFileAsItWas) {
+    const std::string film = scratch("film.mp4");
+    const std::string link = scratch("link.mp4");
+    const std::string kept = scratch("kept.csv");
+    const std::string fresh = scratch("fresh");
+    const std::string whole = readFile(clip("24.mp4"));
+    writeFile(film, whole);
+    writeFile(kept, "kept");
+    ASSERT_EQ(symlink(film.c_str(), link.c_str()), 0);
+    const std::vector<std::pair<std::vector<std::string>, std::string>> refusals = {
+        {{"--csv", film}, "is the film"},
+        {{"--json", link}, "is the film"},
+        {{"--events", kept, "--trace", film}, "is the film"},
+        {{"--csv", fresh, "--json", fresh}, "--json " + fresh + ": is the file of --csv, too"},
+        {{"--events", kept, "--trace", kept}, "is the file of --events, too"},
+        {{"--csv", kept, "--json", "/nonexistent/x"}, "No such file"},
+        {{"--csv", kept, "--events", fresh, "--trace", "/nonexistent/x"}, "No such file"},
+        {{"--csv", kept, "--prop", "a=" + std::string(92, 'x')}, "91 bytes"},
+        {{"--csv", "/dev/stdout"}, "standard output"},
+    };
+    for (const auto& [options, says] : refusals) {
+        std::vector<std::string> play = {"play", film};
+        play.insert(play.end(), options.begin(), options.end());
+        expectRefused(play, says);
+        EXPECT_EQ(readFile(film), whole) << says;
+        EXPECT_EQ(readFile(kept), "kept") << says;
+        EXPECT_NE(access(fresh.c_str(), F_OK), 0) << says;
+    }
+    for (const auto& file : {film, link, kept}) {
+        unlink(file.c_str());
+    }
+}
+
+TEST(NoteTest, WhatCannotHappenIsSaidAndPlayedAllTheSame) {
+    const CommandResult result = korvaneTv(
+        {"play", clip("24.mp4"), "--no-audio", "--audio-drift", "9", "--seek", "8s:0s", "--quiet"});
+    EXPECT_EQ(result.status, 0);
+    EXPECT_THAT(result.error, AllOf(HasSubstr("--audio-drift has no effect: --no-audio is given\n"),
+                                    HasSubstr("--seek 8.000 s has no effect: the film ends at 3")));
+}
+
+TEST(DamagedFileTest, IsToldInTheReport) {
+    const CommandResult result = korvaneTv({"play", clip("damaged.ts"), "--seconds", "3"});
+    EXPECT_THAT(result.output, HasSubstr("came damaged or could not be decoded"));
+}
+
+TEST(HelpTest, GoesToStandardOutputWithStatus0) {
+    const CommandResult result = korvaneTv({"play", "--help"});
+    EXPECT_EQ(result.status, 0);
+    EXPECT_THAT(result.output, AllOf(HasSubstr("--audio-underflow"), HasSubstr("Exit status")));
+    EXPECT_EQ(result.error, "");
+}
+
+TEST(FullDiskTest, UnderTheTraceLosesTheTraceAlone) {
+    const std::string json = scratch("summary.json");
+    const std::vector<std::string> play = {"play", clip("24.mp4"), "--json", json, "--trace"};
+    auto whole = play;
+    whole.push_back(scratch("whole.json"));
+    EXPECT_EQ(korvaneTv(whole).status, 0);
+    const std::string events = readFlatJson(json)["trace_events"];
+    auto full = play;
+    full.push_back("/dev/full");
+    const CommandResult result = korvaneTv(full);
+    EXPECT_EQ(result.status, 1) << result.error;
+    EXPECT_THAT(result.output, HasSubstr("every frame accounted for"));
+    EXPECT_THAT(result.error,
+                AllOf(HasSubstr("No space left"), HasSubstr("playback and summary are")));
+    EXPECT_EQ(result.error.find("No space left"), result.error.rfind("No space left"));
+    const Facts facts = readFlatJson(json);
+    expectFacts(facts, "ok=true trace_events=0 trace_lost=1..");
+    if (kVirtualClock) {
+        EXPECT_EQ(facts.at("trace_lost"), events) << "what is not recorded is counted";
+    }
+    unlink(json.c_str());
+    unlink(whole.back().c_str());
+}
+
+TEST(FullDiskTest, UnderAnotherOutputIsToldWithStatus1) {
+    const CommandResult files = korvaneTv({"play", clip("24.mp4"), "--seconds", "0.5", "--csv",
+                                           "/dev/full", "--json", "/dev/full", "--quiet"});
+    EXPECT_EQ(files.status, 1);
+    EXPECT_THAT(files.error, AllOf(HasSubstr("--csv /dev/full"), HasSubstr("--json /dev/full")));
+    const std::vector<std::vector<std::string>> commands = {
+        {"play", clip("24.mp4"), "--seconds", "0.5", "--quiet"},
+        {"list", KORVANE_SCENARIOS},
+        {"run", "--help"},
+        {"--version"}};
+    for (const auto& arguments : commands) {
+        Command command;
+        command.arguments = {KORVANE_TV};
+        command.arguments.insert(command.arguments.end(), arguments.begin(), arguments.end());
+        command.outputPath = "/dev/full";
+        const CommandResult output = runCommand(command);
+        EXPECT_EQ(output.status, 1) << arguments[0];
+        EXPECT_THAT(output.error, HasSubstr("standard output")) << arguments[0];
+    }
+}
+
+TEST(ClosedStandardFilesTest, AreNotMistakenForAnOutput) {
+    const std::string csv = scratch("frames.csv");
+    Command command;
+    command.arguments = {"/bin/sh",  "-c",   R"(exec "$0" "$@" <&- >&- 2>&-)",
+                         KORVANE_TV, "play", clip("24.mp4"),
+                         "--csv",    csv};
+    EXPECT_EQ(runCommand(command).status, 1) << "nobody had the summary";
+    const std::string lines = readFile(csv);
+    EXPECT_THAT(lines, AllOf(HasSubstr("frame,media_us"), Not(HasSubstr("verdict"))));
+    EXPECT_EQ(std::count(lines.begin(), lines.end(), '\n'), 73) << "a header and 72 frames";
+    unlink(csv.c_str());
+}
+
+TEST(KillTest, LeavesAReadableTraceAndNothingInTheWayOfTheNextPlay) {
+    const std::string trace = scratch("killed.json");
+    Command command;
+    command.arguments = {KORVANE_TV, "play", clip("24.mp4"), "--trace", trace, "--clock", "real"};
+    command.signals = {{SIGKILL, "showFrame", trace}};
+    EXPECT_EQ(runCommand(command).status, 128 + SIGKILL);
+    const std::string events = readFile(trace);
+    EXPECT_EQ(events.substr(0, 2), "[\n");
+    EXPECT_THAT(events, HasSubstr("showFrame"));
+    unlink(trace.c_str());
+    EXPECT_EQ(korvaneTv({"play", clip("24.mp4"), "--seconds", "0.5"}).status, 0);
+}
+
+TEST(SecondSignalTest, KillsAPlayerThatTheFirstDidNotEnd) {
+    // The summary goes into a pipe that is full: after the first signal the player waits for good.
+    const std::string pipe = scratch("pipe");
+    ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+    const int end = open(pipe.c_str(), O_RDWR | O_NONBLOCK);
+    while (write(end, "x", 1) == 1) {
+    }
+    Command command;
+    command.arguments = {KORVANE_TV, "play", clip("24.mp4"), "--log", "1",
+                         "--clock",  "real", "--json",       pipe};
+    command.signals = {{SIGINT, "audio have started", ""}, {SIGINT, "verdict", ""}};
+    EXPECT_EQ(runCommand(command).status, 128 + SIGINT);
+    close(end);
+    unlink(pipe.c_str());
+}
+
+TEST(LogTest, TheLibrarysLinesComeOnlyWhenAskedFor) {
+    const std::vector<std::string> play = {"play", clip("24.mp4"), "--seconds", "1.5"};
+    EXPECT_THAT(korvaneTv(play).error, Not(HasSubstr("Korvane_VideoTunnelRenderer I")));
+    auto asked = play;
+    asked.insert(asked.end(), {"--log", "3", "--prop", "vendor.tunerpassthrough.renderfreeRun=1"});
+    EXPECT_THAT(korvaneTv(asked).error,
+                AllOf(HasSubstr("vendor.korvane.loglevels set = 3"),
+                      HasSubstr("vendor.tunerpassthrough.renderfreeRun set = 1"),
+                      HasSubstr("3:2 pattern detected")));
+}
+
+}  // namespace
+}  // namespace korvane::test

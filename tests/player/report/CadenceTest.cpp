@@ -1,0 +1,150 @@
+// SPDX-License-Identifier: Apache-2.0
+// The arithmetic of cadence and the search for it in dwells.
+#include "player/report/Cadence.h"
+
+#include <gmock/gmock.h>
+
+#include <cmath>
+#include <string>
+
+#include "tv/Display.h"
+
+namespace korvane::player {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+struct RateCase {
+    double contentHz;
+    double displayHz;
+    const char* pattern;
+    double secondsPerSlip;  ///< 0: none
+    int direction;          ///< of the slip
+};
+
+TEST(ExpectedCadence, FollowsFromTheRates) {
+    const std::vector<RateCase> cases = {
+        {24, 60, "[3:2]", 0, 0},         {23.976, 59.94, "[3:2]", 0, 0},
+        {24, 59.94, "[3:2]", 16.68, -1}, {23.976, 60, "[3:2]", 16.68, 1},
+        {29.97, 60, "[2:2]", 16.68, 1},  {60, 59.94, "[1:1]", 16.68, -1},
+        {25, 60, "[2:3:2:3:2]", 0, 0},   {24, 50, "[2:2:2:2:2:3:2:2:2:2:2:2]", 0, 0},
+        {23.976, 24, "[1:1]", 41.71, 1}, {50, 25, "[1:0]", 0, 0},
+        {25, 24, "[1:1]", 1, -1},        {24, 119.88, "[5:5]", 8.34, -1}};
+    for (const auto& c : cases) {
+        const auto expected =
+            expectedCadence(tv::displayRateHz(c.contentHz), tv::displayRateHz(c.displayHz));
+        EXPECT_EQ(expected.name(), c.pattern);
+        EXPECT_NEAR(expected.secondsPerSlip(), c.secondsPerSlip, 0.02) << c.pattern;
+        if (c.direction != 0) {
+            EXPECT_EQ(expected.slipPerFrame > 0 ? 1 : -1, c.direction) << c.pattern;
+        }
+    }
+}
+
+TEST(ExpectedCadence, UnknownRatesHaveNoPattern) {
+    EXPECT_THAT(expectedCadence(0, 60).pattern, IsEmpty());
+    EXPECT_EQ(expectedCadence(24, 0).name(), "");
+}
+
+std::vector<int> cycles(const std::vector<int>& cycle, size_t frames) {
+    std::vector<int> dwells;
+    for (size_t i = 0; i < frames; ++i) {
+        dwells.push_back(cycle[i % cycle.size()]);
+    }
+    return dwells;
+}
+
+/// Dwells that continue a pattern after `tail`.
+std::vector<int> join(std::vector<int> head, const std::vector<int>& tail) {
+    head.insert(head.end(), tail.begin(), tail.end());
+    return head;
+}
+
+struct DwellCase {
+    const char* name;
+    std::vector<int> dwells;
+    double contentHz;
+    double displayHz;
+    bool held;
+    size_t heldFrom;
+    size_t byArithmetic;
+    size_t unexpected;
+};
+
+const double kNtsc = 60000.0 / 1001.0;
+
+TEST(AnalyseCadence, TellsDemandedFromUnexpected) {
+    const auto even = cycles({3, 2}, 100);
+    const std::vector<DwellCase> cases = {
+        {"short one first", cycles({2, 3}, 40), 24, 60, true, 0, 0, 0},
+        {"settles first", join({4, 1, 2}, cycles({3, 2}, 20)), 24, 60, true, 2, 0, 2},
+        {"nine in step are no run", join({7}, cycles({3, 2}, 9)), 24, 60, false, 0, 0, 1},
+        {"ten are", join({7}, cycles({3, 2}, 10)), 24, 60, true, 1, 0, 1},
+        {"one long", join(join(even, {9, 2}), even), 24, 60, true, 0, 0, 1},
+        {"out of step once", join(even, cycles({2, 3}, 20)), 24, 60, true, 0, 0, 1},
+        {"demanded slip", join(join(even, {2, 2}), even), 24, kNtsc, true, 0, 1, 0},
+        {"wrong direction", join(join(even, {4, 2}), even), 24, kNtsc, true, 0, 0, 1},
+        {"a second slip too soon",
+         join(join(join(even, {2, 2}), cycles({3, 2}, 40)), join({2, 2}, cycles({3, 2}, 40))), 24,
+         kNtsc, true, 0, 1, 1},
+        {"slips once each 1000 frames",
+         join(join(join(cycles({1}, 900), {2}), join(cycles({1}, 999), {2})), cycles({1}, 50)),
+         kNtsc, 60, true, 0, 2, 0},
+        {"a step forth and back again",
+         join(join(cycles({2, 3, 2, 3, 2}, 98), cycles({2, 2, 3, 2, 3}, 50)),
+              cycles({3, 2, 3, 2, 2}, 50)),
+         25, kNtsc, true, 0, 1, 1},
+        {"before it held", join({1, 9, 4}, cycles({3, 2}, 20)), 24, 60, true, 3, 0, 2},
+        {"superseded", join(join(cycles({1}, 30), {0}), cycles({1}, 30)), 60, 60, true, 0, 0, 1},
+        {"nothing fits", cycles({5, 1, 1}, 60), 24, 60, false, 0, 0, 60},
+        {"nothing at all", {}, 24, 60, false, 0, 0, 0}};
+    for (const auto& c : cases) {
+        const auto result = analyseCadence(c.dwells, expectedCadence(c.contentHz, c.displayHz));
+        EXPECT_EQ(result.held, c.held) << c.name;
+        EXPECT_EQ(result.heldFrom, c.heldFrom) << c.name;
+        EXPECT_EQ(result.byArithmetic, c.byArithmetic) << c.name;
+        EXPECT_EQ(result.unexpected, c.unexpected) << c.name;
+        EXPECT_EQ(result.stayed(), c.held && c.unexpected == result.unexpectedBefore) << c.name;
+    }
+}
+
+/// Each frame at the first vsync at which it is due: what no playback can do better.
+TEST(AnalyseCadence, FindsNoFaultWithEachFrameAtItsOwnVsync) {
+    const double contentRates[] = {23.976, 24, 25, 29.97, 30, 47.952, 48, 50, 59.94, 60};
+    const double displayRates[] = {23.976, 24, 25, 50, 59.94, 60, 100, 119.88, 120};
+    for (const double contentName : contentRates) {
+        for (const double displayName : displayRates) {
+            SCOPED_TRACE(std::to_string(contentName) + " on " + std::to_string(displayName));
+            const double content = tv::displayRateHz(contentName);
+            const double display = tv::displayRateHz(displayName);
+            std::vector<int> dwells;
+            const auto vsyncOf = [&](size_t frame) {
+                return static_cast<int>(
+                    std::ceil((static_cast<double>(frame) / content + 0.0031) * display));
+            };
+            for (size_t frame = 0; static_cast<double>(frame) < 120 * content; ++frame) {
+                dwells.push_back(vsyncOf(frame + 1) - vsyncOf(frame));
+            }
+            const auto result = analyseCadence(dwells, expectedCadence(content, display));
+            EXPECT_TRUE(result.held && result.unexpected == 0);
+            EXPECT_EQ(result.byArithmetic, result.breaks.size());
+            for (const auto& found : result.breaks) {
+                EXPECT_NE(found.dwell, found.expected) << "dwell " << found.index;
+            }
+        }
+    }
+}
+
+TEST(SeenPattern, IsReadFromTheDwellsAlone) {
+    EXPECT_THAT(seenPattern(cycles({2, 3}, 40)), ElementsAre(3, 2));
+    EXPECT_THAT(seenPattern(join({9}, cycles({2}, 40))), ElementsAre(2));
+    EXPECT_TRUE(samePattern(seenPattern(cycles({2, 3, 2, 3, 2}, 60)), {2, 3, 2, 3, 2}));
+    EXPECT_THAT(seenPattern({1, 4, 2, 2, 3, 1, 1, 5, 2, 4, 3, 3, 1, 2, 5, 1, 4, 4, 2, 1, 3, 5, 1}),
+                IsEmpty());
+    EXPECT_THAT(seenPattern({2, 2, 2}), IsEmpty());
+    EXPECT_FALSE(samePattern({2, 3}, {2, 2}));
+}
+
+}  // namespace
+}  // namespace korvane::player

@@ -1,0 +1,270 @@
+// SPDX-License-Identifier: Apache-2.0
+// Scenario files: what is read, what is refused and how; made-up content; what a failed expectation
+// says.
+#include <gmock/gmock.h>
+
+#include "player/media/SyntheticContent.h"
+#include "player/scenario/Expectation.h"
+#include "player/scenario/FaultSchedule.h"
+#include "player/scenario/PolicyScript.h"
+#include "player/scenario/ScenarioFile.h"
+#include "player/scenario/ScenarioRun.h"
+
+namespace korvane::player {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::Not;
+using ::testing::StartsWith;
+
+constexpr char kHead[] = "title = \"t\"\nholds = \"h\"\n";
+
+Scenario parse(const std::string& body) {
+    return parseScenario(kHead + body, "some/name.toml");
+}
+
+TEST(ScenarioFile, ReadsWhatItSays) {
+    const Scenario scenario = parse(R"(
+[content]
+fps = 23.976
+duration = "1h30m"
+jump = [{ at = 5, by = "-10s" }]
+[display]
+rate = 59.94
+drift = "-50ppm"
+mode_change = [{ at = "20s", rate = 50 }, { at = "10s", rate = 60 }]
+[audio]
+underflow = [{ at = "10s", for = "500ms" }]
+[player]
+flush = ["2s"]
+seek = [{ at = "1s", to = "40s" }]
+[expect]
+shown = "all"
+dwell = "2..3"
+offset_worst = "-40ms..60ms"
+first_frame_within = "100ms"
+dropped_late = "1.."
+log = [{ text = "x", count = 0 }]
+)");
+    EXPECT_EQ(scenario.name, "name");
+    EXPECT_EQ(scenario.content.rate.frames, 24'000);
+    EXPECT_EQ(scenario.content.rate.seconds, 1'001);
+    EXPECT_EQ(scenario.content.durationUs, int64_t{5400} * 1'000'000);
+    EXPECT_EQ(scenario.content.jumps.at(0).byUs, -10'000'000);
+    EXPECT_EQ(scenario.display.driftPpm, -50);
+    EXPECT_EQ(scenario.display.modeChanges.at(0).rateHz, 60) << "by time";
+    EXPECT_TRUE(scenario.audio.enabled);
+    EXPECT_EQ(scenario.audio.underflows.at(0).forUs, 500'000);
+    EXPECT_FALSE(scenario.player.seeks.at(0).inPlace);
+    EXPECT_TRUE(scenario.player.seeks.at(1).inPlace);
+    EXPECT_TRUE(scenario.expect.shownAll);
+    EXPECT_EQ(scenario.expect.dwell->most, 3);
+    EXPECT_EQ(scenario.expect.offsetWorstUs->least, -40'000);
+    EXPECT_EQ(scenario.expect.firstFrameUs->least, 0);
+    EXPECT_EQ(scenario.expect.drops.at(DropReason::Late).most, INT64_MAX);
+    EXPECT_FALSE(parse("[expect]").audio.enabled);
+}
+
+TEST(ScenarioFile, RefusesInOneLineWithPlaceAndKey) {
+    // What is wrong begins on line 3.
+    const std::vector<std::pair<const char*, const char*>> refusals = {
+        {"[expect]\nshwon = 3", ":4: expect.shwon: unknown key; there are: "},
+        {"", ": expect: is missing"},
+        {"[expect]\n[audio]\nstart_delay = 50",
+         ":5: audio.start_delay: wants a time with its unit"},
+        {"[expect]\n[audio]\nstart_delay = \"-1s\"", "'-1s' is not from 0.000 s"},
+        {"[expect]\n[audio]\ndrift = \"50\"", "'50' is not parts per million"},
+        {"[expect]\n[audio]\nunderflow = [{ at = \"1s\" }]", ":5: audio.underflow.for: is missing"},
+        {"[expect]\n[audio]\nlatency_jump = \"1ms\"", "latency_jump_for go together"},
+        {"[expect]\n[content]\nfps = 0", ":5: content.fps: wants frames a second"},
+        {"[expect]\n[content]\nfile = \"x\"\nfps = 24", ":6: content.fps: does not go together"},
+        {"[expect]\n[content]\ntimestamps = \"avi\"", "none of exact, matroska, mpegts"},
+        {"[expect]\n[display]\nrate = 5", "wants a number from 10 to 500"},
+        {"[expect]\n[display]\nreport_period = [{ at = \"1s\", for = \"1s\", period = \"1ms\" }]",
+         "is not nanoseconds"},
+        {"[expect]\n[passthrough]\npolicy = [\"hold\", \"wait\"]",
+         ":5: passthrough.policy: 'wait'"},
+        {"[expect]\npattern = \"3:2\"", "is not a pattern"},
+        {"[expect]\ndwell = \"3..2\"", "wants a count or a range"},
+        {"[expect", ":3: no TOML: "},
+    };
+    for (const auto& [body, says] : refusals) {
+        try {
+            parse(body);
+            ADD_FAILURE() << "accepted: " << body;
+        } catch (const ScenarioError& error) {
+            EXPECT_THAT(error.what(), StartsWith("some/name.toml:"));
+            EXPECT_THAT(error.what(), HasSubstr(says));
+            EXPECT_THAT(error.what(), Not(HasSubstr("\n")));
+        }
+    }
+    EXPECT_THROW(readScenario("/nonexistent/x.toml"), ScenarioError);
+}
+
+/// Media times of the first frames as a source delivers them.
+std::vector<int64_t> delivered(const ContentPlan& plan, size_t count) {
+    SyntheticVideo video(plan, false);
+    std::vector<int64_t> times;
+    while (times.size() < count && video.next() == ReadStatus::Ready) {
+        times.push_back(video.mediaTimeUs());
+    }
+    return times;
+}
+
+TEST(SyntheticContent, RoundsAsContainersDo) {
+    ContentPlan plan;
+    plan.rate = {24'000, 1'001};
+    EXPECT_THAT(delivered(plan, 4), ElementsAre(0, 41'708, 83'417, 125'125));
+    plan.rounding = Rounding::Matroska;
+    EXPECT_THAT(delivered(plan, 4), ElementsAre(0, 42'000, 83'000, 125'000));
+    plan.rounding = Rounding::MpegTs;
+    EXPECT_THAT(delivered(plan, 4), ElementsAre(0, 41'711, 83'422, 125'122));
+    plan.rounding = Rounding::Exact;
+    plan.durationUs = int64_t{24} * 3600 * 1'000'000;
+    EXPECT_EQ(ContentTimes(plan).frames(), 2'071'529);
+    EXPECT_EQ(ContentTimes(plan).deliveredUs(2'071'528), 86'399'980'333) << "no drift in a day";
+}
+
+TEST(SyntheticContent, DeliversWithFaults) {
+    ContentPlan plan;
+    plan.rate = {25, 1};
+    plan.durationUs = 400'000;
+    plan.missing = {1};
+    plan.duplicate = {2};
+    plan.bunches = {{4, 3}};
+    plan.jumps = {{8, 1'000'000}};
+    EXPECT_THAT(delivered(plan, 99), ElementsAre(0, 80'000, 80'000, 120'000, 160'000, 160'000,
+                                                 160'000, 280'000, 1'320'000, 1'360'000));
+}
+
+TEST(SyntheticContent, SoundJumpsWithTheContentAndSeeks) {
+    ContentPlan plan;
+    plan.rate = {25, 1};
+    plan.durationUs = 400'000;
+    plan.jumps = {{5, 1'000'000}};
+    SyntheticAudio audio(plan);
+    AudioPacket packet;
+    int packets = 0;
+    for (int64_t endUs = 0; audio.next(&packet) == ReadStatus::Ready; ++packets) {
+        EXPECT_EQ(packet.mediaTimeUs >= 1'200'000, endUs >= 200'000);
+        endUs = packet.mediaTimeUs % 1'000'000 + packet.durationUs;
+    }
+    EXPECT_EQ(packets, 19);
+    audio.seek(100'000);
+    audio.next(&packet);
+    EXPECT_NEAR(static_cast<double>(packet.mediaTimeUs), 100'000 - 10'667, 10'668);
+}
+
+TEST(FaultSchedule, HoldsEachFaultForItsTime) {
+    Scenario scenario;
+    scenario.tunnel.refuse = {{100, 50}};
+    scenario.display.reportFails = {{120, 100}};
+    scenario.audio.pauses = {{0, 100}};
+    std::vector<int64_t> changes;
+    for (const auto& timed : faultSchedule(scenario)) {
+        const int64_t at = timed.atUs;
+        changes.push_back(at);
+        EXPECT_EQ(faultsAt(scenario, at).audioPaused, at < 100);
+        EXPECT_EQ(faultsAt(scenario, at).tunnel.queueFails, at >= 100 && at < 150);
+        EXPECT_EQ(faultsAt(scenario, at).reportFails, at >= 120 && at < 220);
+    }
+    EXPECT_THAT(changes, ElementsAre(0, 100, 120, 150, 220));
+}
+
+TEST(PolicyScript, AnswersEntryByEntryAndTheLastForEver) {
+    std::vector<PolicyStep> steps;
+    for (const char* text : {"hold 2", "auto", "drop", "render at -5ms"}) {
+        steps.push_back(*parsePolicyStep(text));
+    }
+    PolicyClock clock;
+    clock.realTimeFor = [](int64_t mediaTimeUs, int64_t) { return mediaTimeUs + 1'000'000; };
+    clock.automatic = [](int64_t, int64_t) {
+        mediasync_video_policy policy{};
+        policy.videopolicy = MEDIASYNC_VIDEO_EXIT;
+        return policy;
+    };
+    PolicyScript script(steps, clock);
+    std::vector<int> answers;
+    for (int i = 0; i < 6; ++i) {
+        answers.push_back(script.decide(7, 0).videopolicy);
+    }
+    EXPECT_THAT(answers, ElementsAre(2, 2, 4, 3, 1, 1));
+    EXPECT_EQ(script.decide(7, 0).realtimeUs, 995'007);
+    EXPECT_FALSE(parsePolicyStep("hold 0") || parsePolicyStep("drop at 5ms"));
+}
+
+class ExpectationTest : public ::testing::Test {
+protected:
+    ExpectationTest() {
+        mRecord.startNs = 1;
+        mSummary.framesIn = 100;
+        mSummary.sumHolds = mSummary.buffersBack = true;
+        count(Outcome::Shown, 98, {0, 0});
+        count(Outcome::Dropped, 2, {40, 1'700'000});
+        mSummary.drops[DropReason::Late].runs.frames = 2;
+        mSummary.drops[DropReason::Late].first = {40, 1'700'000};
+        mSummary.cadenceDwells = {{2, {1, 40'000}}, {3, {0, 0}}, {8, {39, 1'650'000}}};
+        SectionReport section;
+        section.seen = "[3:2]";
+        section.cadence.held = true;
+        section.heldAfterUs = 1'500'000;
+        section.firstFrameUs = 66'000;
+        mSummary.sections = {section};
+    }
+    void count(Outcome outcome, int64_t frames, const Seen& first) {
+        mSummary.outcomes[static_cast<size_t>(outcome)] = frames;
+        mSummary.firstOf[static_cast<size_t>(outcome)] = first;
+    }
+    std::vector<std::string> check(const std::string& body, const std::vector<LogCount>& log = {}) {
+        return failures(parse("[expect]\n" + body).expect, mRecord, mSummary, log);
+    }
+    PlaybackRecord mRecord;
+    Summary mSummary;
+};
+
+TEST_F(ExpectationTest, NothingIsSaidOfWhatHolds) {
+    EXPECT_THAT(check("shown = 98\ndropped_late = \"1..2\"\npattern = \"[3:2]\"\nframes = 100"),
+                IsEmpty());
+}
+
+TEST_F(ExpectationTest, AFailureSaysExpectedSeenAndTheFirstFrame) {
+    const std::vector<std::pair<const char*, const char*>> cases = {
+        {"shown = \"all\"", "expected all, seen 98 of 100, 2 dropped, first at frame 40"},
+        {"dropped = 0", "dropped: expected 0, seen 2, first at frame 40 (t = 1.700 s)"},
+        {"dropped = \"3..\"", "dropped: expected at least 3, seen 2"},
+        {"dropped_late = \"..1\"", "dropped_late: expected at most 1, seen 2, first at"},
+        {"dwell = \"2..3\"", "expected 2 to 3 vsyncs, seen 8, first at frame 39"},
+        {"pattern = \"[3:2]\"\npattern_within = \"1s\"", "0.0 ms to 1000.0 ms, seen 1500.0 ms"},
+        {"patterns = [\"[3:2]\", \"[2:2]\"]", "patterns: expected 2 stretches, seen 1"},
+        {"first_frame_within = \"50ms\"", "expected 0.0 ms to 50.0 ms, seen 66.0 ms"},
+        {"seek_within = \"50ms\"", "seek_within: expected 0.0 ms to 50.0 ms, seen none"},
+        {"offset_worst = \"-1ms..1ms\"", "no frame that could be compared"},
+        {"end = \"stopped\"", "end: expected stopped, seen complete"},
+    };
+    for (const auto& [body, says] : cases) {
+        EXPECT_THAT(check(body), ElementsAre(HasSubstr(says))) << body;
+    }
+    EXPECT_THAT(
+        check("log = [{ text = \"x\", count = 0 }]", {{2, 5'000, "xy"}}),
+        ElementsAre("log: expected 0 lines with 'x', seen 2, the first at t = 0.005 s: xy"));
+}
+
+TEST_F(ExpectationTest, TheAccountsAreLookedAtUnasked) {
+    mSummary.sumHolds = false;
+    mSummary.buffersBack = false;
+    mRecord.buffersKept = 1;
+    mRecord.firstKept = {7, 300'000};
+    mRecord.overwrittenOnScreen = 3;
+    count(Outcome::Lost, 1, {9, 400'000});
+    mRecord.end = EndCause::Stalled;
+    EXPECT_THAT(check(""), ElementsAre(StartsWith("end: "),
+                                       HasSubstr("1 buffer kept, 0 unknown, first at "
+                                                 "frame 7 (t = 0.300 s)"),
+                                       StartsWith("ledger: "), StartsWith("overwritten: "),
+                                       "lost: expected 0, seen 1, first at frame 9 (t = 0.400 s)"));
+}
+
+}  // namespace
+}  // namespace korvane::player
