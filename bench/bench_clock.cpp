@@ -197,7 +197,7 @@ public:
         korvane::tv::openLog(8);
         korvane::tv::setProperty("vendor.korvane.loglevels", "0");
         korvane::tv::TvConfig config;
-        config.display.rateHz = korvane::tv::displayRateHz(59.94);
+        config.display.rateHz = 60000.0 / 1001;
         mTv = korvane::tv::Tv::powerOn(config);
         for (int64_t i = 0; i < renderers; ++i) {
             const auto clock = mTv->mediaSync().create();

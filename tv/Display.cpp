@@ -18,17 +18,6 @@ int64_t rounded(double ns) {
 
 }  // namespace
 
-double displayRateHz(double nominalHz) {
-    constexpr double kBroadcastRates[] = {23.976, 29.97, 47.952, 59.94, 119.88};
-    constexpr double kTolerance = 0.0005;  // the names above are written with up to three decimals
-    for (const double rate : kBroadcastRates) {
-        if (std::fabs(nominalHz - rate) < kTolerance) {
-            return std::round(rate * 1.001) * 1000.0 / 1001.0;
-        }
-    }
-    return nominalHz;
-}
-
 Display::Display(const DisplayConfig& config) : mConfig(config), mJitter(config.seed) {
     mSegments.push_back(makeSegment(0, config.originNs, config.rateHz));
 }

@@ -24,7 +24,7 @@
 namespace korvane::tv {
 
 struct DisplayConfig {
-    /// Vsyncs per second. Use `displayRateHz` for nominal broadcast rates.
+    /// Vsyncs per second; a broadcast rate is its fraction, 60000.0 / 1001.
     double rateHz = 60.0;
     /// How far the true rate is off the reported one, in parts per million; positive is fast.
     double driftPpm = 0.0;
@@ -35,10 +35,6 @@ struct DisplayConfig {
     /// Seed of the report jitter.
     uint64_t seed = 1;
 };
-
-/// The exact rate behind a nominal one: 59.94 is 60000/1001, likewise 23.976, 29.97, 47.952 and
-/// 119.88; any other number is itself.
-double displayRateHz(double nominalHz);
 
 /// One vsync of the grid.
 struct Vsync {

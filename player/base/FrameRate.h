@@ -1,16 +1,39 @@
 // SPDX-License-Identifier: Apache-2.0
-// A frame rate as a fraction, as containers and broadcast standards have it.
+// A rate as a fraction: frames of content or vsyncs of a display per second.
+//
+// Broadcast rates are written with few decimals and mean fractions of 1001:
+//
+//   written                 is taken as
+//   23.976, 23.98           24000/1001
+//   29.97                   30000/1001
+//   47.952, 47.95           48000/1001
+//   59.94                   60000/1001
+//   119.88                  120000/1001
+//
+// Options and scenarios, content and display all go through `nominalRate`.
 #pragma once
 
 #include <cstdint>
+#include <optional>
+#include <string>
 
 namespace korvane::player {
 
-/// Frames per second as a fraction: 23.976 is 24000/1001.
 struct FrameRate {
     int64_t frames = 24;
     int64_t seconds = 1;
     double hz() const { return static_cast<double>(frames) / static_cast<double>(seconds); }
 };
+
+/// The fraction that a decimal means: the broadcast rate within 0.005 Hz of it, else the decimal
+/// itself to six places.
+FrameRate nominalRate(double hz);
+
+/// Reads "24", "23.976" or "60000/1001".
+/// @return nothing for a text that is none, or a rate of 0
+std::optional<FrameRate> parseRate(const std::string& text);
+
+/// "24", "59.94", "60000/1001": as it was taken, with the fraction where the decimals are rounded.
+std::string toString(const FrameRate& rate);
 
 }  // namespace korvane::player

@@ -1,16 +1,24 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "player/base/Units.h"
 
-#include <cctype>
+#include <algorithm>
+#include <charconv>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <system_error>
+
+#include "player/base/Limits.h"
 
 namespace korvane::player {
 namespace {
 
-/// Longest duration taken: beyond any playback, and far from overflow in nanoseconds.
-constexpr double kMaxDurationUs = 1e12;
+struct Unit {
+    const char* name;
+    double us;
+};
+constexpr Unit kUnits[] = {{"us", 1.0}, {"ms", 1e3}, {"s", 1e6}, {"m", 60e6}, {"h", 3600e6}};
+constexpr double kSecondUs = 1e6;
 
 std::string fixed(double value, int decimals) {
     char text[64];
@@ -18,37 +26,80 @@ std::string fixed(double value, int decimals) {
     return text;
 }
 
-/// Microseconds of one unit; 0 for a text that is no unit.
-double unitUs(const std::string& unit) {
-    if (unit.empty() || unit == "s") {
-        return 1e6;
+bool isNumberCharacter(char c) {
+    return (c >= '0' && c <= '9') || c == '.';
+}
+
+std::optional<double> unitUs(const std::string& name) {
+    for (const auto& unit : kUnits) {
+        if (name == unit.name) {
+            return unit.us;
+        }
     }
-    if (unit == "ms") {
-        return 1e3;
+    return std::nullopt;
+}
+
+/// One number with its unit off the front of a text, in microseconds; moves `position` behind it.
+std::optional<double> takePart(const std::string& text, size_t* position) {
+    size_t end = *position;
+    while (end < text.size() && isNumberCharacter(text[end])) {
+        ++end;
     }
-    return unit == "us" ? 1.0 : 0.0;
+    size_t unitEnd = end;
+    while (unitEnd < text.size() && !isNumberCharacter(text[unitEnd])) {
+        ++unitEnd;
+    }
+    const auto number = parseDecimal(text.substr(*position, end - *position));
+    const auto us = unitUs(text.substr(end, unitEnd - end));
+    if (!number || !us) {
+        return std::nullopt;
+    }
+    *position = unitEnd;
+    return *number * *us;
 }
 
 }  // namespace
 
+std::optional<int64_t> parseCount(const std::string& text) {
+    int64_t value = 0;
+    const char* end = text.data() + text.size();
+    const auto result = std::from_chars(text.data(), end, value);
+    const bool digits = !text.empty() && text[0] >= '0' && text[0] <= '9';
+    return digits && result.ec == std::errc() && result.ptr == end ? std::optional(value)
+                                                                   : std::nullopt;
+}
+
+std::optional<double> parseDecimal(const std::string& text) {
+    // strtod alone would also take signs, spaces, exponents, "inf", "nan" and hexadecimal.
+    const bool plain = std::all_of(text.begin(), text.end(), isNumberCharacter) &&
+                       std::count(text.begin(), text.end(), '.') <= 1;
+    if (!plain || text.empty() || text == ".") {
+        return std::nullopt;
+    }
+    return std::strtod(text.c_str(), nullptr);
+}
+
 std::optional<int64_t> parseDuration(const std::string& text) {
-    // strtod alone would also take signs, "inf", "nan" and hexadecimal.
-    size_t digits = 0;
-    while (digits < text.size() &&
-           (std::isdigit(static_cast<unsigned char>(text[digits])) != 0 || text[digits] == '.')) {
-        ++digits;
+    const bool negative = !text.empty() && text[0] == '-';
+    const bool sign = negative || (!text.empty() && text[0] == '+');
+    const std::string digits = text.substr(sign ? 1 : 0);
+    double us = 0.0;
+    if (const auto bareSeconds = parseDecimal(digits)) {
+        us = *bareSeconds * kSecondUs;
+    } else {
+        size_t position = 0;
+        do {
+            const auto part = takePart(digits, &position);
+            if (!part) {
+                return std::nullopt;
+            }
+            us += *part;
+        } while (position < digits.size());
     }
-    if (digits == 0) {
+    if (us > static_cast<double>(kLongestUs)) {
         return std::nullopt;
     }
-    const std::string number = text.substr(0, digits);
-    char* end = nullptr;
-    const double value = std::strtod(number.c_str(), &end);
-    const double us = value * unitUs(text.substr(digits));
-    if (*end != '\0' || unitUs(text.substr(digits)) == 0.0 || us > kMaxDurationUs) {
-        return std::nullopt;
-    }
-    return std::llround(us);
+    return std::llround(negative ? -us : us);
 }
 
 std::optional<DurationPair> parseDurationPair(const std::string& text) {
@@ -58,7 +109,7 @@ std::optional<DurationPair> parseDurationPair(const std::string& text) {
     }
     const auto first = parseDuration(text.substr(0, colon));
     const auto second = parseDuration(text.substr(colon + 1));
-    if (!first || !second) {
+    if (!first || !second || *first < 0 || *second < 0) {
         return std::nullopt;
     }
     return DurationPair{*first, *second};

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // Values as people write and read them on the command line and in reports.
 //
-// Durations are written with a unit, "2s", "200ms", "500us", or as bare seconds, "1.5". Inside, a
-// time is a signed 64-bit number of microseconds, or of nanoseconds where the TV's record has them.
+// Options and scenarios read their values through the same parsers. Inside, a time is a signed
+// 64-bit number of microseconds, or of nanoseconds where the TV's record has them.
 #pragma once
 
 #include <cstdint>
@@ -11,11 +11,17 @@
 
 namespace korvane::player {
 
-/// Reads a duration of 0 to a million seconds.
-/// @return microseconds, or nothing when the text is none
+/// Reads digits only, "1920".
+std::optional<int64_t> parseCount(const std::string& text);
+/// Reads a number of 0 or more without sign or exponent, "59.94".
+std::optional<double> parseDecimal(const std::string& text);
+
+/// Reads a duration: "90s", "200ms", "16us", "1h30m", with a sign "-20ms"; a number alone is
+/// seconds, "1.5".
+/// @return microseconds, or nothing when the text is none or beyond `kLongestUs`
 std::optional<int64_t> parseDuration(const std::string& text);
 
-/// Two durations joined by a colon, such as "5s:800ms".
+/// Two durations of 0 or more joined by a colon, such as "5s:800ms".
 struct DurationPair {
     int64_t firstUs = 0;
     int64_t secondUs = 0;

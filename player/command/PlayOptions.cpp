@@ -7,22 +7,13 @@
 #include <cerrno>
 #include <cstdlib>
 
+#include "player/base/Limits.h"
+#include "player/base/Units.h"
+
 namespace korvane::player {
 namespace {
 
-constexpr double kLowestRateHz = 10.0;
-constexpr double kHighestRateHz = 500.0;
-/// Real crystals are within 100 ppm; this leaves room to see drift within seconds.
-constexpr double kMostPpm = 50'000.0;
-constexpr int64_t kMostJitterUs = 5'000;
-/// The renderer takes a buffer back only while three are in the tunnel, and waits for its second
-/// frame before it takes the first: with fewer buffers nothing would move.
-constexpr int kFewestBuffers = 5;
-/// What the TV's tunnel holds.
-constexpr int kMostBuffers = 64;
-constexpr int kMostJobs = 256;
-
-constexpr char kDurationHelp[] = "Durations are written 2s, 200ms or 1.5 (seconds).";
+constexpr char kDurationHelp[] = "Durations are written 2s, 200ms, 1h30m or 1.5 (seconds).";
 
 // Each reader takes the option's text and throws CLI::ValidationError with what is wanted.
 
@@ -33,7 +24,7 @@ CLI::ValidationError wanted(const std::string& option, const std::string& text,
 
 int64_t readDuration(const std::string& option, const std::string& text) {
     const auto us = parseDuration(text);
-    if (!us) {
+    if (!us || *us < 0) {
         throw wanted(option, text, "a duration; write for example 2s or 200ms");
     }
     return *us;
@@ -57,6 +48,16 @@ double readNumber(const std::string& option, const std::string& text, double low
         throw wanted(option, text, "between " + rate(lowest) + " and " + rate(highest) + unit);
     }
     return value;
+}
+
+FrameRate readRate(const std::string& option, const std::string& text) {
+    const auto taken = parseRate(text);
+    if (!taken || !(taken->hz() >= kLowestDisplayHz && taken->hz() <= kHighestDisplayHz)) {
+        throw wanted(option, text,
+                     "between " + rate(kLowestDisplayHz) + " and " + rate(kHighestDisplayHz) +
+                         " Hz; try 60, 59.94 or 60000/1001");
+    }
+    return *taken;
 }
 
 bool onlyDigits(const std::string& text) {
@@ -139,21 +140,20 @@ void addDisplayOptions(CLI::App* app, PlayOptions* options) {
             "Vsyncs per second of the display [60]; broadcast rates mean their exact fractions, "
             "59.94 is 60000/1001",
             [options](const std::string& name, const std::string& text) {
-                options->rateHz =
-                    readNumber(name, text, kLowestRateHz, kHighestRateHz, " Hz; try 60 or 59.94");
+                options->rate = readRate(name, text);
             })
         ->group("Display");
     addText(app, "--display-drift", "PPM", "How much faster than it says the display runs [0]",
             [options](const std::string& name, const std::string& text) {
                 options->displayDriftPpm =
-                    readNumber(name, text, -kMostPpm, kMostPpm, " parts per million");
+                    readNumber(name, text, -kMostDriftPpm, kMostDriftPpm, " parts per million");
             })
         ->group("Display");
     addText(app, "--vsync-jitter", "TIME",
             "Largest error of the vsync times that the display reports, at most 5ms [0]",
             [options](const std::string& name, const std::string& text) {
                 options->vsyncJitterUs = readDuration(name, text);
-                if (options->vsyncJitterUs > kMostJitterUs) {
+                if (options->vsyncJitterUs > kMostVsyncJitterUs) {
                     throw wanted(name, text, "at most 5ms; give a smaller jitter");
                 }
             })
@@ -170,7 +170,7 @@ void addAudioOptions(CLI::App* app, PlayOptions* options) {
     addText(app, "--audio-drift", "PPM", "How much faster than the monotonic clock audio plays [0]",
             [options](const std::string& name, const std::string& text) {
                 options->audioDriftPpm =
-                    readNumber(name, text, -kMostPpm, kMostPpm, " parts per million");
+                    readNumber(name, text, -kMostDriftPpm, kMostDriftPpm, " parts per million");
             })
         ->group("Audio");
     addTexts(app, "--audio-underflow", "AT:TIME",
@@ -488,7 +488,7 @@ std::vector<std::string> withoutEffect(const PlayOptions& options, const MediaIn
 
 PlaybackPlan planOf(const PlayOptions& options, const MediaInfo& media) {
     PlaybackPlan plan;
-    plan.tv.display.rateHz = tv::displayRateHz(options.rateHz);
+    plan.tv.display.rateHz = options.rate.hz();
     plan.tv.display.driftPpm = options.displayDriftPpm;
     plan.tv.display.reportJitterNs = options.vsyncJitterUs * 1000;
     plan.withAudio = media.hasAudio && !options.noAudio;

@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "player/base/Errors.h"
-#include "player/base/Units.h"
+#include "player/base/FrameRate.h"
 #include "player/command/RunCommand.h"
 #include "player/media/FrameSource.h"
 #include "player/playback/PlaybackPlan.h"
@@ -23,7 +23,7 @@ namespace korvane::player {
 struct PlayOptions {
     std::string file;
 
-    double rateHz = 60.0;  ///< nominal, see tv::displayRateHz
+    FrameRate rate{60, 1};
     double displayDriftPpm = 0.0;
     int64_t vsyncJitterUs = 0;
 

@@ -45,7 +45,7 @@ struct ClockStop {
 };
 
 /// A frame and a moment, since the library's `start`, to look at.
-struct Seen {
+struct FrameAt {
     int64_t frameNo = -1;  ///< -1: there is none
     int64_t atUs = -1;
 };
@@ -68,7 +68,7 @@ struct PlaybackRecord {
     int64_t stopTookNs = 0;
     PoolReport pool;
     int64_t buffersKept = 0;  ///< taken out of the tunnel by the library and never handed back
-    Seen firstKept;
+    FrameAt firstKept;
     tv::SyncCounters sync;
     int64_t audioUnderflows = 0;
     int64_t audioReanchors = 0;

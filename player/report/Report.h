@@ -39,7 +39,7 @@ private:
 struct DropGroup {
     Runs runs;
     int64_t fromLog = 0;  ///< of these, how many reasons come from the library's own line
-    Seen first;
+    FrameAt first;
 };
 
 /// A dwell that does not fit, with the frame it belongs to.
@@ -54,13 +54,13 @@ struct ReportedBreak {
 };
 
 /// A stretch without a flush and without a change of the display's rate.
-struct SectionReport {
+struct StretchReport {
     int section = 0;  ///< counts flushes
     bool modeChange =
         false;  ///< begins with a change of the display's rate; then has no first frame
     double displayHz = 0.0;
     ExpectedCadence expected;
-    Seen firstOut;               ///< first frame off the pattern
+    FrameAt firstOut;            ///< first frame off the pattern
     int64_t firstFrameUs = -1;   ///< from start or flush to the first frame's vsync
     int64_t secondFrameUs = -1;  ///< from the first frame's vsync to the second's
     /// From audio start, else from the first frame, until the pattern held; -1: it did not.
@@ -82,14 +82,15 @@ struct Summary {
     double displayHz = 0.0;
     bool variableRate = false;
     ExpectedCadence expected;
-    std::vector<SectionReport> sections;  ///< those in which frames were shown
+    std::vector<StretchReport> sections;  ///< those in which frames were shown
 
     int64_t framesIn = 0;
     std::array<int64_t, kOutcomes> outcomes{};
     std::map<DropReason, DropGroup> drops;
-    std::array<Seen, kOutcomes> firstOf;
-    std::map<int, int64_t> dwells;      ///< frames by vsyncs on screen
-    std::map<int, Seen> cadenceDwells;  ///< the first frame of each dwell that counts for cadence
+    std::array<FrameAt, kOutcomes> firstOf;
+    std::map<int, int64_t> dwells;  ///< frames by vsyncs on screen
+    std::map<int, FrameAt>
+        cadenceDwells;  ///< the first frame of each dwell that counts for cadence
     int64_t byArithmetic = 0;
     int64_t unexpected = 0;
     int64_t explained = 0;  ///< of these, how many with a cause
@@ -98,12 +99,12 @@ struct Summary {
 
     Spread offsetUs;
     int64_t offsetLeastUs = 0;
-    Seen offsetLeast;
+    FrameAt offsetLeast;
     int64_t offsetMostUs = 0;
-    Seen offsetMost;
+    FrameAt offsetMost;
     /// From the end of a clock stop to the next frame on screen; -1: no such.
     int64_t longestResumeUs = -1;
-    Seen longestResume;
+    FrameAt longestResume;
     Spread backToPlayerNs;  ///< from replaced on screen until the player had the buffer again
     int64_t fences = 0;
     int64_t sentLate = 0;

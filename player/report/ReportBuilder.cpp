@@ -116,13 +116,13 @@ void ReportBuilder::process(const FrameEntry& frame, const FrameEntry* next) {
     addToCadence(frame, next);
 }
 
-Seen ReportBuilder::seenAt(int64_t frameNo, int64_t timeUs) const {
+FrameAt ReportBuilder::seenAt(int64_t frameNo, int64_t timeUs) const {
     return {frameNo, timeUs - mRecord->startNs / 1000};
 }
 
 void ReportBuilder::count(const FrameEntry& frame) {
     const auto outcome = static_cast<size_t>(frame.outcome);
-    const Seen sent = seenAt(frame.frameNo, frame.sentNs / 1000);
+    const FrameAt sent = seenAt(frame.frameNo, frame.sentNs / 1000);
     if (mSummary.outcomes[outcome]++ == 0) {
         mSummary.firstOf[outcome] = sent;
     }
@@ -140,7 +140,7 @@ void ReportBuilder::count(const FrameEntry& frame) {
 void ReportBuilder::countShown(const FrameEntry& frame) {
     const tv::BufferRecord& record = *frame.record;
     const int64_t shownUs = record.firstVsync.timeNs / 1000;
-    const Seen seen = seenAt(frame.frameNo, shownUs);
+    const FrameAt seen = seenAt(frame.frameNo, shownUs);
     ++mSummary.dwells[static_cast<int>(record.dwellVsyncs)];
     mSummary.fences += record.fenceSignalNs != 0 ? 1 : 0;
     if (frame.clockRealUs && !record.atOnce) {
@@ -152,7 +152,7 @@ void ReportBuilder::countShown(const FrameEntry& frame) {
     countResumes(shownUs, seen);
 }
 
-void ReportBuilder::countOffset(int64_t offsetUs, const Seen& seen) {
+void ReportBuilder::countOffset(int64_t offsetUs, const FrameAt& seen) {
     if (mSummary.offsetLeast.frameNo < 0 || offsetUs < mSummary.offsetLeastUs) {
         mSummary.offsetLeastUs = offsetUs;
         mSummary.offsetLeast = seen;
@@ -165,7 +165,7 @@ void ReportBuilder::countOffset(int64_t offsetUs, const Seen& seen) {
 }
 
 /// The first frame on screen after the end of each clock stop.
-void ReportBuilder::countResumes(int64_t shownUs, const Seen& seen) {
+void ReportBuilder::countResumes(int64_t shownUs, const FrameAt& seen) {
     const auto& stops = mRecord->clockStops;
     while (mResumes < stops.size() && stops[mResumes].toUs != 0 &&
            shownUs >= stops[mResumes].toUs) {
@@ -195,7 +195,7 @@ void ReportBuilder::followStretches(const FrameEntry& frame) {
         mStretch->beganUs = mRecord->startNs / 1000 + changes[mModeChanges].atUs;
         ++mModeChanges;
     }
-    SectionReport& report = mStretch->report;
+    StretchReport& report = mStretch->report;
     const int64_t shownUs = frame.record->firstVsync.timeNs / 1000;
     if (mStretch->firstShownUs < 0) {
         mStretch->firstShownUs = shownUs;
@@ -209,7 +209,7 @@ void ReportBuilder::followStretches(const FrameEntry& frame) {
 void ReportBuilder::beginStretch(int section, bool modeChange, double displayHz) {
     endStretch();
     mStretch = std::make_unique<Stretch>();
-    SectionReport& report = mStretch->report;
+    StretchReport& report = mStretch->report;
     report.section = section;
     report.modeChange = modeChange;
     report.displayHz = displayHz;
@@ -326,7 +326,7 @@ void ReportBuilder::noteWhenHeld() {
 
 void ReportBuilder::reportCadence() {
     const CadenceTracker& tracker = *mStretch->tracker;
-    SectionReport& report = mStretch->report;
+    StretchReport& report = mStretch->report;
     report.dwells = tracker.dwells();
     if (report.judged()) {
         report.cadence.held = tracker.held();
@@ -359,7 +359,7 @@ void ReportBuilder::reportCadence() {
 
 /// A dwell that is no part of the cadence says nothing, but if it looks like a fault, it is told.
 void ReportBuilder::countUnjudged() {
-    const SectionReport& report = mStretch->report;
+    const StretchReport& report = mStretch->report;
     auto& outside = mStretch->outside;
     for (const auto& facts : mStretch->pending) {
         ++outside[facts.dwell];

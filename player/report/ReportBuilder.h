@@ -47,7 +47,7 @@ private:
         std::optional<DropReason> nextDropped;
     };
     struct Stretch {
-        SectionReport report;
+        StretchReport report;
         int64_t beganUs = -1;  ///< monotonic, of a mode change
         int64_t firstShownUs = -1;
         int64_t heldShownUs = -1;
@@ -68,8 +68,8 @@ private:
     void process(const FrameEntry& frame, const FrameEntry* next);
     void count(const FrameEntry& frame);
     void countShown(const FrameEntry& frame);
-    void countOffset(int64_t offsetUs, const Seen& seen);
-    void countResumes(int64_t shownUs, const Seen& seen);
+    void countOffset(int64_t offsetUs, const FrameAt& seen);
+    void countResumes(int64_t shownUs, const FrameAt& seen);
     void followStretches(const FrameEntry& frame);
     void beginStretch(int section, bool modeChange, double displayHz);
     void endStretch();
@@ -81,7 +81,7 @@ private:
     void addDwell(const Facts& facts);
     void takeBreak(const DwellBreak& found);
     std::string causeOf(const Facts& facts) const;
-    Seen seenAt(int64_t frameNo, int64_t timeUs) const;
+    FrameAt seenAt(int64_t frameNo, int64_t timeUs) const;
 
     const PlaybackPlan& mPlan;
     const PlaybackRecord* mRecord = nullptr;  ///< as far as it goes, while a call is under way

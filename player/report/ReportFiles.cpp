@@ -50,7 +50,7 @@ private:
     bool mFirst = true;
 };
 
-void addSection(JsonObject& json, const std::string& prefix, const SectionReport& section) {
+void addSection(JsonObject& json, const std::string& prefix, const StretchReport& section) {
     json.add(prefix + "pattern", section.seen);
     json.add(prefix + "held", section.cadence.held);
     json.add(prefix + "held_after_us", section.heldAfterUs);

@@ -46,7 +46,7 @@ void printRates(std::ostream& out, const PlaybackRecord& record, const Summary& 
 
 void printPattern(std::ostream& out, const Summary& summary) {
     for (size_t i = 0; i < summary.sections.size(); ++i) {
-        const SectionReport& section = summary.sections[i];
+        const StretchReport& section = summary.sections[i];
         std::string text = !section.judged()      ? "too few frames to tell"
                            : section.seen.empty() ? "none seen"
                                                   : section.seen + " seen";
@@ -121,7 +121,7 @@ void printBreaks(std::ostream& out, const Summary& summary) {
 
 void printStart(std::ostream& out, const Summary& summary) {
     for (size_t i = 0; i < summary.sections.size(); ++i) {
-        const SectionReport& section = summary.sections[i];
+        const StretchReport& section = summary.sections[i];
         if (section.modeChange) {
             continue;
         }

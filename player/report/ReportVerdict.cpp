@@ -63,7 +63,7 @@ std::string unexpectedDwells(const Summary& summary) {
 }
 
 /// Stretches that never held, other than the one that the verdict is about anyway.
-std::string othersNeverHeld(const Summary& summary, const SectionReport& longest) {
+std::string othersNeverHeld(const Summary& summary, const StretchReport& longest) {
     size_t stretches = 0;
     size_t frames = 0;
     for (const auto& section : summary.sections) {
@@ -79,7 +79,7 @@ std::string othersNeverHeld(const Summary& summary, const SectionReport& longest
            " never in step (" + counted(static_cast<int64_t>(frames), "frame") + ")";
 }
 
-std::string whatHeld(const SectionReport& section) {
+std::string whatHeld(const StretchReport& section) {
     const std::string name = section.expected.name();
     if (section.cadence.held) {
         return name + " held " + seconds(section.heldAfterUs, 2) +
@@ -96,7 +96,7 @@ std::string patternVerdict(const Summary& summary) {
     if (summary.variableRate || summary.expected.pattern.empty()) {
         return "Played; the content's rate varies, so there is no pattern to keep";
     }
-    const SectionReport& longest = *std::max_element(
+    const StretchReport& longest = *std::max_element(
         summary.sections.begin(), summary.sections.end(),
         [](const auto& left, const auto& right) { return left.dwells < right.dwells; });
     if (!longest.judged()) {

@@ -8,7 +8,7 @@
 namespace korvane::player {
 namespace {
 
-std::string at(const Seen& seen) {
+std::string at(const FrameAt& seen) {
     if (seen.frameNo < 0) {
         return "";
     }
@@ -44,18 +44,19 @@ public:
 
 private:
     void fail(const std::string& key, const std::string& expected, const std::string& seen,
-              const Seen& first = {}) {
+              const FrameAt& first = {}) {
         mFailures.push_back(key + ": expected " + expected + ", seen " + seen + at(first));
     }
     void count(const std::string& key, const std::optional<Range>& range, int64_t seen,
-               const Seen& first = {}) {
+               const FrameAt& first = {}) {
         if (range && !range->holds(seen)) {
             // Where too few were seen, the first of those few is no place to look at.
-            fail(key, describe(*range), std::to_string(seen), seen > range->most ? first : Seen{});
+            fail(key, describe(*range), std::to_string(seen),
+                 seen > range->most ? first : FrameAt{});
         }
     }
     void time(const std::string& key, const std::optional<Range>& range, int64_t seenUs,
-              const Seen& first = {}) {
+              const FrameAt& first = {}) {
         if (!range) {
             return;
         }
@@ -74,7 +75,7 @@ private:
     void checkPattern(size_t index, const std::string& wanted);
     void checkDwell();
     void checkOffsets();
-    void checkOffset(const std::string& key, const Range& range, int64_t us, const Seen& seen);
+    void checkOffset(const std::string& key, const Range& range, int64_t us, const FrameAt& seen);
     void checkLatencies();
     void checkLog();
 
@@ -129,11 +130,11 @@ void Checker::checkShownAll() {
     if (shown == mSummary.framesIn && shown > 0) {
         return;
     }
-    Seen first;
+    FrameAt first;
     std::string what = std::to_string(shown) + " of " + std::to_string(mSummary.framesIn);
     for (int i = 0; i < kOutcomes; ++i) {
         const auto outcome = static_cast<Outcome>(i);
-        const Seen& seen = mSummary.firstOf[static_cast<size_t>(i)];
+        const FrameAt& seen = mSummary.firstOf[static_cast<size_t>(i)];
         if (outcome == Outcome::Shown || seen.frameNo < 0) {
             continue;
         }
@@ -150,7 +151,7 @@ void Checker::checkDrops() {
     count("dropped", mExpect.dropped, mSummary.count(Outcome::Dropped),
           mSummary.firstOf[static_cast<size_t>(Outcome::Dropped)]);
     int64_t longest = 0;
-    Seen longestAt;
+    FrameAt longestAt;
     for (const auto& [reason, group] : mSummary.drops) {
         if (group.runs.longest > longest) {
             longest = group.runs.longest;
@@ -162,7 +163,7 @@ void Checker::checkDrops() {
         const auto found = mSummary.drops.find(reason);
         const bool any = found != mSummary.drops.end();
         count(std::string("dropped_") + toString(reason), range,
-              any ? found->second.runs.frames : 0, any ? found->second.first : Seen{});
+              any ? found->second.runs.frames : 0, any ? found->second.first : FrameAt{});
     }
 }
 
@@ -179,7 +180,7 @@ void Checker::checkCadence() {
     for (size_t i = 0; !wanted.empty() && i < stretches; ++i) {
         checkPattern(i, wanted.size() == 1 ? wanted.front() : wanted[i]);
     }
-    Seen firstBreak;
+    FrameAt firstBreak;
     for (const auto& section : mSummary.sections) {
         if (firstBreak.frameNo < 0 && !section.breaks.empty()) {
             firstBreak = {section.breaks.front().frameNo, section.breaks.front().shownUs};
@@ -191,7 +192,7 @@ void Checker::checkCadence() {
 }
 
 void Checker::checkPattern(size_t index, const std::string& wanted) {
-    const SectionReport& section = mSummary.sections[index];
+    const StretchReport& section = mSummary.sections[index];
     const std::string key =
         mSummary.sections.size() == 1 ? "pattern" : "pattern " + std::to_string(index + 1);
     if (wanted == "none") {
@@ -215,7 +216,7 @@ void Checker::checkDwell() {
         return;
     }
     int64_t outside = 0;
-    Seen first;
+    FrameAt first;
     for (const auto& [dwell, seen] : mSummary.cadenceDwells) {
         if (mExpect.dwell->holds(dwell)) {
             continue;
@@ -231,7 +232,7 @@ void Checker::checkDwell() {
 }
 
 void Checker::checkOffset(const std::string& key, const Range& range, int64_t us,
-                          const Seen& seen) {
+                          const FrameAt& seen) {
     if (mSummary.offsetUs.samples == 0) {
         fail(key, times(range), "no frame that could be compared");
     } else if (!range.holds(us)) {
@@ -254,7 +255,7 @@ void Checker::checkOffsets() {
 
 void Checker::checkLatencies() {
     int64_t seekUs = -1;
-    const SectionReport* first = nullptr;
+    const StretchReport* first = nullptr;
     for (const auto& section : mSummary.sections) {
         if (section.section == 0 && !section.modeChange) {
             first = &section;

@@ -6,7 +6,7 @@
 #include <sstream>
 #include <utility>
 
-#include "player/scenario/TomlTable.h"
+#include "player/base/Units.h"
 
 namespace korvane::player {
 namespace {
@@ -17,7 +17,7 @@ constexpr std::pair<const char*, PolicyStep::Kind> kKinds[] = {{"auto", PolicySt
                                                                {"drop", PolicyStep::Kind::Drop},
                                                                {"exit", PolicyStep::Kind::Exit}};
 
-std::optional<int64_t> parseTimes(const std::string& word) {
+std::optional<int64_t> parseDurations(const std::string& word) {
     int64_t times = 0;
     const char* end = word.data() + word.size();
     const auto result = std::from_chars(word.data(), end, times);
@@ -41,14 +41,14 @@ std::optional<PolicyStep> parsePolicyStep(const std::string& text) {
     step.kind = kind->second;
     while (words >> word) {
         if (word == "at" && step.kind == PolicyStep::Kind::Render && words >> word) {
-            const auto offset = parseTime(word);
+            const auto offset = parseDuration(word);
             if (!offset) {
                 return std::nullopt;
             }
             step.offsetUs = *offset;
             continue;
         }
-        const auto times = parseTimes(word);
+        const auto times = parseDurations(word);
         if (!times) {
             return std::nullopt;
         }

@@ -21,12 +21,12 @@
 namespace korvane::player {
 
 struct DisplayPlan {
-    double rateHz = 60.0;  ///< nominal, see tv::displayRateHz
+    FrameRate rate{60, 1};
     double driftPpm = 0.0;
     int64_t jitterUs = 0;
     struct ModeChange {
         int64_t atUs = 0;
-        double rateHz = 60.0;  ///< nominal
+        FrameRate rate{60, 1};
     };
     std::vector<ModeChange> modeChanges;  ///< by time
     std::vector<Span> queryFails;         ///< the tunnel does not answer, the adapter does

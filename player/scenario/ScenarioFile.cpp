@@ -13,17 +13,6 @@
 namespace korvane::player {
 namespace {
 
-constexpr double kLowestRateHz = 10.0;
-constexpr double kHighestRateHz = 500.0;
-constexpr int64_t kMostJitterUs = 5'000;
-/// The renderer takes a buffer back only while three are in the tunnel, and waits for its second
-/// frame before it takes the first: with fewer buffers nothing would move.
-constexpr int64_t kFewestBuffers = 5;
-constexpr int64_t kMostBuffers = 64;
-constexpr int64_t kMostFrames = 100'000'000;
-/// A day and an hour: what a soak may last.
-constexpr Range kContentDuration{1, int64_t{25} * 3600 * 1'000'000};
-
 template <typename T>
 void sortByTime(std::vector<T>* values) {
     std::stable_sort(values->begin(), values->end(),
@@ -78,8 +67,8 @@ void readContent(TomlTable& table, ContentPlan* content) {
     refuseTogether(table, "list", {"fps", "duration", "start"});
     table.text("file", &content->file);
     table.times("list", &content->times);
-    table.frameRate("fps", &content->rate);
-    table.time("duration", &content->durationUs, kContentDuration);
+    table.rate("fps", &content->rate, kLowestContentHz, kHighestContentHz);
+    table.time("duration", &content->durationUs, kContentDurationUs);
     table.time("start", &content->startUs);
     readRounding(table, &content->rounding);
     table.integers("missing", &content->missing, {0, kMostFrames});
@@ -98,15 +87,15 @@ void readContent(TomlTable& table, ContentPlan* content) {
 }
 
 void readDisplay(TomlTable& table, DisplayPlan* display) {
-    table.number("rate", &display->rateHz, kLowestRateHz, kHighestRateHz);
+    table.rate("rate", &display->rate, kLowestDisplayHz, kHighestDisplayHz);
     table.ppm("drift", &display->driftPpm);
-    table.time("jitter", &display->jitterUs, {0, kMostJitterUs});
+    table.time("jitter", &display->jitterUs, {0, kMostVsyncJitterUs});
     table.tables("mode_change", [&](TomlTable& entry) {
         DisplayPlan::ModeChange change;
         entry.require("at");
         entry.require("rate");
         entry.time("at", &change.atUs);
-        entry.number("rate", &change.rateHz, kLowestRateHz, kHighestRateHz);
+        entry.rate("rate", &change.rate, kLowestDisplayHz, kHighestDisplayHz);
         display->modeChanges.push_back(change);
     });
     sortByTime(&display->modeChanges);

@@ -71,12 +71,12 @@ void putPolicy(const PassthroughPlan& plan, const std::shared_ptr<tv::SyncInstan
 
 void planDisplay(const Scenario& scenario, PlaybackPlan* plan) {
     const DisplayPlan& display = scenario.display;
-    plan->tv.display.rateHz = tv::displayRateHz(display.rateHz);
+    plan->tv.display.rateHz = display.rate.hz();
     plan->tv.display.driftPpm = display.driftPpm;
     plan->tv.display.reportJitterNs = display.jitterUs * 1000;
     plan->tv.display.seed = scenario.seed;
     for (const auto& change : display.modeChanges) {
-        plan->modeChanges.push_back({change.atUs, tv::displayRateHz(change.rateHz)});
+        plan->modeChanges.push_back({change.atUs, change.rate.hz()});
     }
     plan->tv.tunnel.capacity = scenario.tunnel.capacity;
 }

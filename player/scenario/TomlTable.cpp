@@ -2,120 +2,18 @@
 #include "player/scenario/TomlTable.h"
 
 #include <algorithm>
-#include <charconv>
 #include <cmath>
 #include <cstdlib>
 
+#include "player/base/Limits.h"
 #include "player/base/Units.h"
 
 namespace korvane::player {
 namespace {
 
-constexpr double kMostPpm = 50'000.0;
-constexpr double kSlowestFps = 0.1;
-constexpr double kFastestFps = 240.0;
-
-struct Unit {
-    const char* name;
-    double us;
-};
-constexpr Unit kUnits[] = {{"us", 1.0}, {"ms", 1e3}, {"s", 1e6}, {"m", 60e6}, {"h", 3600e6}};
-
-std::optional<double> unitUs(const std::string& name) {
-    for (const auto& unit : kUnits) {
-        if (name == unit.name) {
-            return unit.us;
-        }
-    }
-    return std::nullopt;
-}
-
-bool isNumberCharacter(char c) {
-    return (c >= '0' && c <= '9') || c == '.';
-}
-
-/// One number with its unit off the front of a text.
-std::optional<double> takePart(const std::string& text, size_t* position) {
-    size_t end = *position;
-    while (end < text.size() && isNumberCharacter(text[end])) {
-        ++end;
-    }
-    const std::string digits = text.substr(*position, end - *position);
-    size_t unitEnd = end;
-    while (unitEnd < text.size() && !isNumberCharacter(text[unitEnd])) {
-        ++unitEnd;
-    }
-    const auto us = unitUs(text.substr(end, unitEnd - end));
-    if (digits.empty() || !us || std::count(digits.begin(), digits.end(), '.') > 1) {
-        return std::nullopt;
-    }
-    *position = unitEnd;
-    return std::strtod(digits.c_str(), nullptr) * *us;
-}
-
-std::optional<int64_t> parseCount(const std::string& text) {
-    int64_t value = 0;
-    const char* end = text.data() + text.size();
-    const auto result = std::from_chars(text.data(), end, value);
-    if (text.empty() || result.ec != std::errc() || result.ptr != end) {
-        return std::nullopt;
-    }
-    return value;
-}
-
-/// Broadcast rates mean their exact fractions.
-std::optional<FrameRate> nominalRate(double fps) {
-    if (!(fps >= kSlowestFps && fps <= kFastestFps)) {
-        return std::nullopt;
-    }
-    for (const int64_t whole : {24, 30, 48, 60, 120}) {
-        const double broadcast = static_cast<double>(whole) * 1000.0 / 1001.0;
-        if (std::abs(fps - broadcast) < 0.005) {
-            return FrameRate{whole * 1000, 1001};
-        }
-    }
-    return FrameRate{std::llround(fps * 1000.0), 1000};
-}
-
-std::optional<FrameRate> parseFraction(const std::string& text) {
-    const size_t slash = text.find('/');
-    if (slash == std::string::npos) {
-        return std::nullopt;
-    }
-    const auto frames = parseCount(text.substr(0, slash));
-    const auto seconds = parseCount(text.substr(slash + 1));
-    if (!frames || !seconds || *frames < 1 || *seconds < 1 || *frames > 1'000'000 ||
-        *seconds > 1'000'000) {
-        return std::nullopt;
-    }
-    const FrameRate rate{*frames, *seconds};
-    return rate.hz() >= kSlowestFps && rate.hz() <= kFastestFps ? std::optional(rate)
-                                                                : std::nullopt;
-}
-
 constexpr char kTimeWanted[] = "a time with its unit, such as \"2s\", \"40ms\", \"16us\"";
 
 }  // namespace
-
-std::optional<int64_t> parseTime(const std::string& text) {
-    if (text == "0") {
-        return 0;
-    }
-    const bool negative = !text.empty() && text[0] == '-';
-    size_t position = !text.empty() && (negative || text[0] == '+') ? 1 : 0;
-    double us = 0.0;
-    do {
-        const auto part = takePart(text, &position);
-        if (!part) {
-            return std::nullopt;
-        }
-        us += *part;
-    } while (position < text.size());
-    if (us > static_cast<double>(kLongestUs)) {
-        return std::nullopt;
-    }
-    return std::llround(negative ? -us : us);
-}
 
 std::optional<Range> parseRange(
     const std::string& text,
@@ -221,7 +119,8 @@ void TomlTable::number(const std::string& key, double* value, double least, doub
     if (const auto* node = find(key)) {
         const auto number = node->value<double>();
         if (!node->is_number() || !(*number >= least && *number <= most)) {
-            failAt(*node, key, "wants a number from " + rate(least) + " to " + rate(most));
+            failAt(*node, key,
+                   "wants a number from " + player::rate(least) + " to " + player::rate(most));
         }
         *value = *number;
     }
@@ -236,7 +135,7 @@ void TomlTable::time(const std::string& key, int64_t* value, Range range) {
         *value = 0;
         return;
     }
-    const auto us = parseTime(string(*node, key, kTimeWanted));
+    const auto us = parseDuration(string(*node, key, kTimeWanted));
     if (!us) {
         failAt(*node, key, "'" + *node->value<std::string>() + "' is not " + kTimeWanted);
     }
@@ -275,29 +174,31 @@ void TomlTable::ppm(const std::string& key, double* value) {
     if (node == nullptr) {
         return;
     }
-    const std::string wanted = "parts per million up to " + rate(kMostPpm) + ", such as \"50ppm\"";
+    const std::string wanted =
+        "parts per million up to " + player::rate(kMostDriftPpm) + ", such as \"50ppm\"";
     const std::string text = string(*node, key, wanted);
     char* end = nullptr;
     const double number = std::strtod(text.c_str(), &end);
-    if (end == text.c_str() || std::string(end) != "ppm" || !(std::abs(number) <= kMostPpm)) {
+    if (end == text.c_str() || std::string(end) != "ppm" || !(std::abs(number) <= kMostDriftPpm)) {
         failAt(*node, key, "'" + text + "' is not " + wanted);
     }
     *value = number;
 }
 
-void TomlTable::frameRate(const std::string& key, FrameRate* value) {
+void TomlTable::rate(const std::string& key, FrameRate* value, double lowestHz, double highestHz) {
     const auto* node = find(key);
     if (node == nullptr) {
         return;
     }
-    const auto rate = node->is_number()   ? nominalRate(*node->value<double>())
-                      : node->is_string() ? parseFraction(*node->value<std::string>())
-                                          : std::nullopt;
-    if (!rate) {
+    const auto taken = node->is_number()   ? std::optional(nominalRate(*node->value<double>()))
+                       : node->is_string() ? parseRate(*node->value<std::string>())
+                                           : std::nullopt;
+    if (!taken || !(taken->hz() >= lowestHz && taken->hz() <= highestHz)) {
         failAt(*node, key,
-               "wants frames a second from 0.1 to 240, such as 24, 23.976 or \"24000/1001\"");
+               "wants a rate from " + player::rate(lowestHz) + " to " + player::rate(highestHz) +
+                   " a second, such as 24, 23.976 or \"24000/1001\"");
     }
-    *value = *rate;
+    *value = *taken;
 }
 
 void TomlTable::integers(const std::string& key, std::vector<int64_t>* values, Range range) {
@@ -325,7 +226,7 @@ void TomlTable::texts(const std::string& key,
 
 void TomlTable::times(const std::string& key, std::vector<int64_t>* values) {
     texts(key, [&](const toml::node& node, const std::string& text) {
-        const auto us = parseTime(text);
+        const auto us = parseDuration(text);
         if (!us || *us < 0) {
             failAt(node, key, "'" + text + "' is not " + kTimeWanted);
         }
@@ -354,7 +255,7 @@ void TomlTable::timeRange(const std::string& key, std::optional<Range>* value) {
         return;
     }
     const std::string text = string(*node, key, kTimeWanted);
-    auto parsed = parseRange(text, parseTime);
+    auto parsed = parseRange(text, parseDuration);
     if (!parsed) {
         failAt(*node, key,
                "'" + text + "' is not " + kTimeWanted + ", or a range, such as \"-20ms..40ms\"");

@@ -16,16 +16,11 @@
 
 #include "player/base/Errors.h"
 #include "player/base/FrameRate.h"
+#include "player/base/Limits.h"
 #include "player/base/Range.h"
 
 namespace korvane::player {
 
-/// Limits of durations: beyond any playback, far from overflow in nanoseconds.
-constexpr int64_t kLongestUs = 1'000'000'000'000;
-
-/// "90s", "200ms", "16us", "1h30m", "-20ms"; "0" alone needs no unit.
-/// @return nothing for a text that is none
-std::optional<int64_t> parseTime(const std::string& text);
 /// "3", "1..", "..3", "2..3" through a reader of one end.
 std::optional<Range> parseRange(
     const std::string& text,
@@ -47,8 +42,8 @@ public:
     void nanoseconds(const std::string& key, int64_t* value);
     /// A rate in ppm, "50ppm".
     void ppm(const std::string& key, double* value);
-    /// Frames a second: a number, a broadcast name or a fraction in a string.
-    void frameRate(const std::string& key, FrameRate* value);
+    /// Frames or vsyncs a second: a number, or a fraction in quotes.
+    void rate(const std::string& key, FrameRate* value, double lowestHz, double highestHz);
     void integers(const std::string& key, std::vector<int64_t>* values, Range range);
     void times(const std::string& key, std::vector<int64_t>* values);
     void texts(const std::string& key,

@@ -14,7 +14,7 @@ constexpr int64_t kOriginNs = 5 * kSecondNs;
 
 DisplayConfig at(double rateHz, double driftPpm = 0) {
     DisplayConfig config;
-    config.rateHz = displayRateHz(rateHz);
+    config.rateHz = rateHz;
     config.originNs = kOriginNs;
     config.driftPpm = driftPpm;
     return config;
@@ -22,17 +22,21 @@ DisplayConfig at(double rateHz, double driftPpm = 0) {
 
 TEST(Display, RatesAreTrueDriftAsToldAndAreReportedInWholeNanoseconds) {
     const struct {
-        double nominalHz, driftPpm;
+        double rateHz, driftPpm;
         int64_t vsyncsInThousandSeconds;  // rounded down
         int32_t reportedNs;
-    } kCases[] = {{60, 0, 60'000, 16'666'666},     {59.94, 0, 59'940, 16'683'333},
-                  {50, 0, 50'000, 20'000'000},     {23.976, 0, 23'976, 41'708'333},
-                  {119.88, 0, 119'880, 8'341'666}, {47.952, 0, 47'952, 20'854'166},
-                  {29.97, 0, 29'970, 33'366'666},  {24.5, 0, 24'500, 40'816'326},
+    } kCases[] = {{60, 0, 60'000, 16'666'666},
+                  {60000.0 / 1001, 0, 59'940, 16'683'333},
+                  {50, 0, 50'000, 20'000'000},
+                  {24000.0 / 1001, 0, 23'976, 41'708'333},
+                  {120000.0 / 1001, 0, 119'880, 8'341'666},
+                  {48000.0 / 1001, 0, 47'952, 20'854'166},
+                  {30000.0 / 1001, 0, 29'970, 33'366'666},
+                  {24.5, 0, 24'500, 40'816'326},
                   {50, 100, 50'005, 20'000'000}};
     for (const auto& c : kCases) {
-        SCOPED_TRACE(c.nominalHz);
-        Display display(at(c.nominalHz, c.driftPpm));
+        SCOPED_TRACE(c.rateHz);
+        Display display(at(c.rateHz, c.driftPpm));
         const int64_t after = kOriginNs + 1000 * kSecondNs;
         EXPECT_EQ(display.lastVsyncAt(after).index, c.vsyncsInThousandSeconds);
         VsyncReport report;
@@ -43,7 +47,7 @@ TEST(Display, RatesAreTrueDriftAsToldAndAreReportedInWholeNanoseconds) {
 }
 
 TEST(Display, LastAndNextAgreeAroundEveryVsyncAndTheGridDoesNotWander) {
-    Display display(at(59.94));
+    Display display(at(60000.0 / 1001));
     for (int64_t index = 0; index < 5'200'000; index += 4'999) {
         const Vsync vsync = display.vsync(index);
         // Number * 1001 / 60000 s after the origin, to the nanosecond, all day.

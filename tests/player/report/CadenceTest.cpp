@@ -1,13 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 // The arithmetic of cadence and the search for it in dwells.
+#include "player/base/FrameRate.h"
 #include "player/report/Cadence.h"
 
 #include <gmock/gmock.h>
 
 #include <cmath>
 #include <string>
-
-#include "tv/Display.h"
 
 namespace korvane::player {
 namespace {
@@ -33,7 +32,7 @@ TEST(ExpectedCadence, FollowsFromTheRates) {
         {25, 24, "[1:1]", 1, -1},        {24, 119.88, "[5:5]", 8.34, -1}};
     for (const auto& c : cases) {
         const auto expected =
-            expectedCadence(tv::displayRateHz(c.contentHz), tv::displayRateHz(c.displayHz));
+            expectedCadence(nominalRate(c.contentHz).hz(), nominalRate(c.displayHz).hz());
         EXPECT_EQ(expected.name(), c.pattern);
         EXPECT_NEAR(expected.secondsPerSlip(), c.secondsPerSlip, 0.02) << c.pattern;
         if (c.direction != 0) {
@@ -116,8 +115,8 @@ TEST(AnalyseCadence, FindsNoFaultWithEachFrameAtItsOwnVsync) {
     for (const double contentName : contentRates) {
         for (const double displayName : displayRates) {
             SCOPED_TRACE(std::to_string(contentName) + " on " + std::to_string(displayName));
-            const double content = tv::displayRateHz(contentName);
-            const double display = tv::displayRateHz(displayName);
+            const double content = nominalRate(contentName).hz();
+            const double display = nominalRate(displayName).hz();
             std::vector<int> dwells;
             const auto vsyncOf = [&](size_t frame) {
                 return static_cast<int>(

@@ -54,7 +54,7 @@ log = [{ text = "x", count = 0 }]
     EXPECT_EQ(scenario.content.durationUs, int64_t{5400} * 1'000'000);
     EXPECT_EQ(scenario.content.jumps.at(0).byUs, -10'000'000);
     EXPECT_EQ(scenario.display.driftPpm, -50);
-    EXPECT_EQ(scenario.display.modeChanges.at(0).rateHz, 60) << "by time";
+    EXPECT_EQ(scenario.display.modeChanges.at(0).rate.frames, 60) << "by time";
     EXPECT_TRUE(scenario.audio.enabled);
     EXPECT_EQ(scenario.audio.underflows.at(0).forUs, 500'000);
     EXPECT_FALSE(scenario.player.seeks.at(0).inPlace);
@@ -206,14 +206,14 @@ protected:
         mSummary.drops[DropReason::Late].runs.frames = 2;
         mSummary.drops[DropReason::Late].first = {40, 1'700'000};
         mSummary.cadenceDwells = {{2, {1, 40'000}}, {3, {0, 0}}, {8, {39, 1'650'000}}};
-        SectionReport section;
+        StretchReport section;
         section.seen = "[3:2]";
         section.cadence.held = true;
         section.heldAfterUs = 1'500'000;
         section.firstFrameUs = 66'000;
         mSummary.sections = {section};
     }
-    void count(Outcome outcome, int64_t frames, const Seen& first) {
+    void count(Outcome outcome, int64_t frames, const FrameAt& first) {
         mSummary.outcomes[static_cast<size_t>(outcome)] = frames;
         mSummary.firstOf[static_cast<size_t>(outcome)] = first;
     }
