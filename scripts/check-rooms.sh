@@ -30,6 +30,7 @@ git ls-files '*.h' '*.cpp' | grep -v -e '^tests/' -e '^bench/' -e '^abi/' |
             rooms = rooms " player/" order[i]
         }
         allow("player", rooms)
+        allow("examples", "tv include")
     }
     {
         from = room_of($1)
