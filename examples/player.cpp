@@ -6,7 +6,8 @@
 // callback puts the buffer back. When none is free the main thread waits: six buffers are the only
 // limit on how far it runs ahead. At the end the program reads from the display what was on screen.
 //
-// Exit status 0 when every frame was shown, in order, and every buffer came back.
+// Exit status 0 when every frame was shown, in order, and all buffers but the tunnel's last two
+// came back before `stop`.
 #include <VideoTunnelRenderer.h>
 #include <sys/mman.h>
 #include <tv/Picture.h>
@@ -16,13 +17,14 @@
 #include <unistd.h>
 
 #include <array>
-#include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cstdio>
 #include <memory>
 #include <mutex>
 #include <set>
 #include <stdexcept>
+#include <thread>
 
 namespace {
 
@@ -30,7 +32,7 @@ namespace tv = korvane::tv;
 
 constexpr int kFrames = 48;
 constexpr size_t kBuffers = 6;
-/// The tunnel keeps the picture on screen and the next one until `stop`.
+/// Until `stop` the tunnel keeps the last two.
 constexpr size_t kKeptByTunnel = 2;
 /// Android's log priority from which on lines are written.
 constexpr int kWarnings = 5;
@@ -40,10 +42,11 @@ int64_t mediaTimeUsOf(int frame) {
     return frame * int64_t{1'000'000} / 24;
 }
 
-/// Six buffers, and which of them are free. Any thread.
-class BufferPool {
+/// The player's side of the callbacks: which of its buffers are free, and how far the picture is.
+/// Any thread.
+class Playback {
 public:
-    BufferPool() {
+    Playback() {
         for (int& fd : mBuffers) {
             fd = memfd_create("frame", MFD_CLOEXEC);
             if (fd < 0) {
@@ -52,29 +55,45 @@ public:
             mFree.insert(fd);
         }
     }
-    ~BufferPool() {
+    ~Playback() {
         for (const int fd : mBuffers) {
             close(fd);
         }
     }
-    BufferPool(const BufferPool&) = delete;
-    BufferPool& operator=(const BufferPool&) = delete;
+    Playback(const Playback&) = delete;
+    Playback& operator=(const Playback&) = delete;
 
-    /// Waits until a buffer is free.
-    int take() {
+    /// Waits until a buffer is free and takes it.
+    int takeBuffer() {
         std::unique_lock<std::mutex> guard(mLock);
         mChanged.wait(guard, [this] { return !mFree.empty(); });
         return mFree.extract(mFree.begin()).value();
     }
-    /// A buffer may be given back twice (see docs/integration.md); the second time changes nothing.
-    void giveBack(int fd) {
-        const std::lock_guard<std::mutex> guard(mLock);
-        mFree.insert(fd);
-        mChanged.notify_all();
-    }
-    void waitForFree(size_t count) {
+    /// Waits until the time at which a frame is to be on screen.
+    void waitForRenderTime(int64_t mediaTimeUs) {
         std::unique_lock<std::mutex> guard(mLock);
-        mChanged.wait(guard, [&] { return mFree.size() >= count; });
+        mChanged.wait(guard, [&] { return mRenderedUs >= mediaTimeUs; });
+    }
+    size_t buffersOut() {
+        const std::lock_guard<std::mutex> guard(mLock);
+        return kBuffers - mFree.size();
+    }
+
+    /// Type 2: a buffer is the player's again. One that comes back twice changes nothing.
+    static int onFrameStatus(void* self, void* info) {
+        auto* playback = static_cast<Playback*>(self);
+        const std::lock_guard<std::mutex> guard(playback->mLock);
+        playback->mFree.insert(static_cast<framestatus*>(info)->fd);
+        playback->mChanged.notify_all();
+        return 0;
+    }
+    /// Type 1, called under a lock of the renderer: take a note, wake the main thread, return.
+    static int onRenderTime(void* self, void* info) {
+        auto* playback = static_cast<Playback*>(self);
+        const std::lock_guard<std::mutex> guard(playback->mLock);
+        playback->mRenderedUs = static_cast<rendertime*>(info)->mediaTimeUs;
+        playback->mChanged.notify_all();
+        return 0;
     }
 
 private:
@@ -82,25 +101,8 @@ private:
     std::mutex mLock;
     std::condition_variable mChanged;
     std::set<int> mFree;
+    int64_t mRenderedUs = -1;
 };
-
-struct Player {
-    BufferPool pool;
-    std::atomic<int> renderTimes{0};
-};
-
-/// Type 2, mostly on the fill thread: a buffer is the player's again.
-int onFrameStatus(void* userData, void* info) {
-    static_cast<Player*>(userData)->pool.giveBack(static_cast<framestatus*>(info)->fd);
-    return 0;
-}
-
-/// Type 1, on the fill thread and under a lock of the renderer: take a note and return.
-int onRenderTime(void* userData, void* info) {
-    const auto* time = static_cast<rendertime*>(info);
-    static_cast<Player*>(userData)->renderTimes += time->renderTimeUs > 0 ? 1 : 0;
-    return 0;
-}
 
 /// A decoder would write the picture's planes behind the header, from kPictureHeaderBytes on.
 void writePicture(int fd, int frame) {
@@ -130,29 +132,32 @@ int play() {
     tv::openLog(kWarnings);
     const auto set = tv::Tv::powerOn();
 
-    Player player;
+    Playback playback;
     const std::unique_ptr<VideoTunnelRenderer> renderer(VideoTunnelRenderer_create());
     if (renderer == nullptr) {
         throw std::runtime_error("no memory for a renderer");
     }
     renderer->init(0);  // no audio
-    renderer->regCallBack(kRenderTimeCallback, &onRenderTime, &player);
-    renderer->regCallBack(kFrameStatusCallback, &onFrameStatus, &player);
+    renderer->regCallBack(kRenderTimeCallback, &Playback::onRenderTime, &playback);
+    renderer->regCallBack(kFrameStatusCallback, &Playback::onFrameStatus, &playback);
     renderer->getTunnelId();
     renderer->start();
     renderer->updateVideoTime(mediaTimeUsOf(0));  // without audio the player sets the clock
     for (int frame = 0; frame < kFrames; ++frame) {
-        const int fd = player.pool.take();
+        const int fd = playback.takeBuffer();
         writePicture(fd, frame);
         renderer->sendVideoFrame(fd, mediaTimeUsOf(frame), false);
     }
-    player.pool.waitForFree(kBuffers - kKeptByTunnel);
-    renderer->stop();  // every buffer is the player's now
+    // `stop` ends playback at once: give the last frame its time on screen before.
+    playback.waitForRenderTime(mediaTimeUsOf(kFrames - 1));
+    std::this_thread::sleep_for(std::chrono::microseconds(mediaTimeUsOf(1)));
+    const size_t out = playback.buffersOut();
+    renderer->stop();  // the buffers that the tunnel still has are the player's now
 
     const int shown = printWhatWasShown(set->tunnel());
-    std::printf("%d of %d shown, %d render times\n", shown, kFrames, player.renderTimes.load());
+    std::printf("%d of %d shown, %zu buffers returned by stop\n", shown, kFrames, out);
     set->powerOff();
-    return shown == kFrames && player.renderTimes > 0 ? 0 : 1;
+    return shown == kFrames && out == kKeptByTunnel ? 0 : 1;
 }
 
 }  // namespace
