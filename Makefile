@@ -33,9 +33,14 @@ build:
 	@[ -e build/release/build.ninja ] || cmake --preset play
 	cmake --build --preset play -j $(JOBS)
 
-# Make passes FILE in the environment, so that the shell does not interpret any character of it.
-play: build
-	@[ -n "$$FILE" ] || FILE=$$(scripts/fetch-clip.sh) || exit; \
+# Fetches the clip while it builds. Make passes FILE in the environment, so that the shell does not
+# interpret any character of it.
+play:
+	$(install)
+	@mkdir -p build; fetch=; \
+	[ -n "$$FILE" ] || { scripts/fetch-clip.sh >build/clip & fetch=$$!; }; \
+	$(MAKE) --no-print-directory build && \
+	{ [ -z "$$fetch" ] || { wait $$fetch && FILE=$$(cat build/clip); }; } && \
 	build/release/bin/korvane-tv play "$$FILE" $(ARGS)
 
 build-tests:
