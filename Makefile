@@ -1,10 +1,10 @@
 # SPDX-License-Identifier: Apache-2.0
-# The commands that people type; CMake presets do the work. `make play` and `make test` are the two
-# that a newcomer needs: both install what is missing and say so, as do the others.
+# The commands that people type; CMake presets do the work. A newcomer needs two of them, `make play`
+# and `make test`. Each command first installs the packages that it needs, and says so.
 #
 #   make play [FILE=film.mkv] [ARGS='--rate 59.94']   play on the simulated TV
 #   make test                                         run the tests
-#   make check                                        sanitizers, formatting, clang-tidy, licence lines
+#   make check                                        rules of the tree, formatting, clang-tidy, sanitizers
 #   make bench                                        benchmarks of the per-frame paths
 #   make aarch64                                      the tests on AArch64, under an emulator
 #   make libcxx                                       the tests with the device's C++ library, by clang
@@ -16,30 +16,45 @@
 JOBS ?= $(shell nproc)
 ARGS ?=
 TEST_ARGS ?=
+install := @scripts/install-deps.sh
 
-.PHONY: all deps build play test check licences format-check tidy sanitize-asan sanitize-tsan \
-    aarch64 build-aarch64 libcxx soong abi abi-reason abi-accept package bench format clean
+.PHONY: all build play build-tests test check licences rooms format-check tidy sanitize-asan \
+    sanitize-tsan aarch64 build-aarch64 libcxx soong abi abi-reason abi-accept package bench format \
+    clean
+# Each command uses all processors by itself.
+.NOTPARALLEL:
 
 all: build
 
-deps:
-	@scripts/install-deps.sh
+# The library, the simulated TV and korvane-tv. `make build-tests` adds the rest in the same folder,
+# which keeps its configuration from then on.
+build:
+	$(install)
+	@[ -e build/release/build.ninja ] || cmake --preset play
+	cmake --build --preset play -j $(JOBS)
 
-build: deps
+# Fetches the clip while it builds. Make passes FILE in the environment, so that the shell does not
+# interpret any character of it.
+play:
+	$(install)
+	@mkdir -p build; fetch=; \
+	[ -n "$$FILE" ] || { scripts/fetch-clip.sh >build/clip & fetch=$$!; }; \
+	$(MAKE) --no-print-directory build && \
+	{ [ -z "$$fetch" ] || { wait $$fetch && FILE=$$(cat build/clip); }; } && \
+	build/release/bin/korvane-tv play "$$FILE" $(ARGS)
+
+build-tests:
+	$(install) test
 	cmake --preset release
 	cmake --build --preset release -j $(JOBS)
 
-# Make hands FILE on in the environment, where no letter of a name means anything to the shell.
-play: build
-	@[ -n "$$FILE" ] || FILE=$$(scripts/fetch-clip.sh) || exit; \
-	build/release/bin/korvane-tv play "$$FILE" $(ARGS)
-
-test: build
+test: build-tests
 	ctest --preset release -j $(JOBS) $(TEST_ARGS)
 
-check: licences format-check tidy sanitize-asan sanitize-tsan
+check: licences rooms format-check tidy sanitize-asan sanitize-tsan
 
-sanitize-asan sanitize-tsan: sanitize-%: deps
+sanitize-asan sanitize-tsan: sanitize-%:
+	$(install) test
 	cmake --preset $*
 	cmake --build --preset $* -j $(JOBS)
 	ctest --preset $* -j $(JOBS) $(TEST_ARGS)
@@ -47,30 +62,38 @@ sanitize-asan sanitize-tsan: sanitize-%: deps
 licences:
 	scripts/check-licences.sh
 
-tidy: build
+rooms:
+	scripts/check-rooms.sh
+
+# clang-tidy reads how each file is compiled; nothing has to be built for it.
+tidy:
+	$(install) test check
+	cmake --preset release
 	scripts/clang-tidy.sh build/release $(JOBS)
 
 format:
+	$(install) check
 	git ls-files '*.h' '*.cpp' | xargs clang-format -i
 
-format-check: deps
+format-check:
+	$(install) check
 	git ls-files '*.h' '*.cpp' | xargs clang-format --dry-run --Werror
 
-# The tests of Android.bp are there when their tools are; here they must be.
-soong: deps
-	@scripts/install-deps.sh soong
+# `make test` runs these tests only where their tools are installed; this command installs them.
+soong:
+	$(install) test soong
 	cmake --preset release
 	cmake --build --preset release -j $(JOBS) --target korvane-tv
 	ctest --preset release -R '^soong_' --no-tests=error $(TEST_ARGS)
 
 libcxx: build
-	@scripts/install-deps.sh libcxx
+	$(install) test libcxx
 	cmake --preset libcxx
 	cmake --build --preset libcxx -j $(JOBS)
 	ctest --preset libcxx -j $(JOBS) $(TEST_ARGS)
 
-build-aarch64: deps
-	@scripts/install-deps.sh aarch64
+build-aarch64:
+	$(install) test aarch64
 	scripts/aarch64-sysroot.sh
 	cmake --preset aarch64
 	cmake --build --preset aarch64 -j $(JOBS)
@@ -78,23 +101,26 @@ build-aarch64: deps
 aarch64: build build-aarch64
 	ctest --preset aarch64 -j $(JOBS) $(TEST_ARGS)
 
-# Both need what both processors' libraries are built from, and run none of it.
-abi: build build-aarch64
-	@scripts/install-deps.sh abi
+# Both read the libraries of both processors and run none of them.
+abi: build-tests build-aarch64
+	$(install) abi
 	@scripts/abi.sh check
 
 abi-reason:
 	@scripts/abi.sh reason
 
-abi-accept: abi-reason build build-aarch64
-	@scripts/install-deps.sh abi
+abi-accept: abi-reason build-tests build-aarch64
+	$(install) abi
 	@scripts/abi.sh accept
 
 package: build
-	@scripts/install-deps.sh package
+	$(install) package
 	@packaging/package.sh build/release build/packages
 
-bench: build
+bench:
+	$(install) test
+	cmake --preset release
+	cmake --build --preset release -j $(JOBS) --target benchmarks
 	@for program in build/release/bin/bench_*; do echo "== $${program##*/}"; "$$program" $(ARGS) || exit; done
 
 clean:

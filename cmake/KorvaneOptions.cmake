@@ -1,13 +1,15 @@
 # SPDX-License-Identifier: Apache-2.0
 # Compiler settings that every target of ours shares.
 #
-# korvane::options   warnings as errors, C++17 (older device trees build the library), sanitizers,
-#                    and with the device's C++ library the check of the lock annotations.
+# korvane::options   warnings, C++17 (older device trees build the library), sanitizers, and with the
+#                    device's C++ library the check of the lock annotations.
 # korvane::library   what the device library adds: no exceptions, no run-time type information,
-#                    nothing exported unless a declaration says so.
+#                    nothing exported unless a declaration says so, types in its debug information.
 
 set(CMAKE_CXX_EXTENSIONS OFF)
 set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+# Another compiler knows other warnings, which must not stop those who only want to install.
+option(KORVANE_WERROR "Treat warnings as errors; the presets do" OFF)
 set(KORVANE_SANITIZE "" CACHE STRING "Sanitizers to build with, e.g. address,undefined or thread")
 option(KORVANE_LIBCXX "Build with clang and libc++, the device's C++ library, and check locks" OFF)
 
@@ -17,7 +19,7 @@ add_library(korvane_options INTERFACE)
 add_library(korvane::options ALIAS korvane_options)
 target_compile_features(korvane_options INTERFACE cxx_std_17)
 target_compile_options(korvane_options INTERFACE -Wall -Wextra -Wshadow -Wnon-virtual-dtor
-                                                 -Wformat=2 -Werror)
+                                                 -Wformat=2 $<$<BOOL:${KORVANE_WERROR}>:-Werror>)
 # The TV's times are rounded from real numbers. A fused multiply and add, which AArch64 has and
 # x86-64 need not have, rounds once where two operations round twice: the same event, another time.
 target_compile_options(korvane_options INTERFACE -ffp-contract=off)
@@ -66,5 +68,8 @@ endif()
 add_library(korvane_library INTERFACE)
 add_library(korvane::library ALIAS korvane_library)
 target_link_libraries(korvane_library INTERFACE korvane::options)
+# The presets build with -g1, lines only, which compiles a fifth faster. The description of the binary
+# interface is read from the library's types.
+target_compile_options(korvane_library INTERFACE $<$<CONFIG:RelWithDebInfo>:-g2>)
 target_compile_options(korvane_library INTERFACE -fno-exceptions -fno-rtti -fvisibility=hidden
                                                  -fvisibility-inlines-hidden)

@@ -35,7 +35,7 @@ set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "${same_version}")
 set(CPACK_DEBIAN_DEV_DESCRIPTION "tunnel-mode video renderer (development files)
 Headers, CMake package and pkg-config files for programs that play through the
 renderer library, and for those that switch a simulated TV on and look at what
-it showed.")
+it showed. With an example that does both.")
 
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME ${tools_package})
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION video)

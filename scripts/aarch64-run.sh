@@ -1,7 +1,7 @@
 #!/bin/sh
 # SPDX-License-Identifier: Apache-2.0
 # Runs a program of the AArch64 build on this machine: aarch64-run.sh PROGRAM [ARGUMENT...]
-# The emulator takes the loader and the libraries from the sysroot.
+# The emulator finds the loader and the libraries in the sysroot.
 set -eu
 
 sysroot=$(dirname "$0")/../.cache/aarch64-sysroot

@@ -1,11 +1,10 @@
 #!/bin/sh
 # SPDX-License-Identifier: Apache-2.0
-# Makes the AArch64 sysroot once: the packages of aarch64-sysroot.txt and what they depend on, as
-# Debian builds them for arm64, unpacked into .cache/aarch64-sysroot. Nothing is installed on this
-# machine and nobody needs to be root: apt works in a folder of its own, on this machine's sources
-# (or on the Debian mirror that DEBIAN_MIRROR names), and checks signatures and sums as always. The
-# sysroot is moved into place whole, with the list that it was made from; another list makes it
-# anew.
+# Makes the AArch64 sysroot: unpacks Debian's arm64 packages of aarch64-sysroot.txt, and what they
+# depend on, into .cache/aarch64-sysroot. It installs nothing and does not need root: apt works in a
+# separate folder with this machine's sources (or the Debian mirror in DEBIAN_MIRROR) and verifies
+# signatures and hashes as usual. The sysroot is moved into place when it is complete, together with
+# the list it was made from; if the list changes, the script makes it again.
 set -eu
 
 scripts=$(cd "$(dirname "$0")" && pwd)
@@ -47,8 +46,8 @@ else
 fi
 
 echo "aarch64-sysroot: fetching Debian's arm64 packages once (about 100 MB)" >&2
-mirror_apt update || true  # one source of several may be away; the next step finds what is missing
-# shellcheck disable=SC2086 # the list is meant to be split
+mirror_apt update || true  # one of several sources may be down; the next step notices if it matters
+# shellcheck disable=SC2086 # split the list on purpose
 mirror_apt install --yes --download-only --no-install-recommends $packages ||
     fail "$(grep -m 1 '^E:' "$work/log"); name a Debian mirror that has arm64:" \
         "make aarch64 DEBIAN_MIRROR=http://HOST/debian"
@@ -56,7 +55,7 @@ mirror_apt install --yes --download-only --no-install-recommends $packages ||
 for package in "$work"/archives/*.deb; do
     dpkg-deb --extract "$package" "$work/root"
 done
-# An absolute link would lead out of the sysroot.
+# Absolute links would point outside the sysroot.
 find "$work/root" -type l -lname '/*' | while read -r link; do
     target=$work/root$(readlink "$link")
     ln -sfn "$(realpath -ms --relative-to="$(dirname "$link")" "$target")" "$link"

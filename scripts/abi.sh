@@ -1,14 +1,14 @@
 #!/bin/sh
 # SPDX-License-Identifier: Apache-2.0
-# The guard of the binary interface, on both processors: abi.sh check | reason | accept
+# Guards the binary interface on both processors: abi.sh check | reason | accept
 #
-# A built library is described (symbols, the types that they reach, sizes, offsets, virtual slots)
-# and the description is compared with the accepted one in abi/<processor>.abi.
+# abidw describes each built library: symbols, the types that they reach, sizes, offsets, virtual slots.
+# The description is compared with the accepted one in abi/<processor>.abi.
 #
-#   check   says what differs and what that means for player binaries built before; 1 if anything
-#           does, 0 if nothing, 2 if that cannot be told
-#   reason  whether the environment gives a REASON, which accept needs
-#   accept  takes what is built as the accepted interface, in a commit of its own with the reason
+#   check   prints what differs and what that means for existing player binaries; exit status 0 if
+#           nothing differs, 1 if something does, 2 if the comparison fails
+#   reason  checks that the environment variable REASON is set, which accept needs
+#   accept  commits the built interface as the accepted one, with the reason
 set -eu
 
 cd "$(dirname "$0")/.."
@@ -27,9 +27,9 @@ build_of() {
     esac
 }
 
-# describe PROCESSOR: its library's description into $work. Where this tree lies is taken out of the
-# debug information, since abidw orders by paths, and only folder and name are kept of source files:
-# a tree gives the same text wherever it lies.
+# describe PROCESSOR: writes the description of its library into $work. The text must not depend on
+# where this tree is, and abidw sorts by path: so the root of the tree is removed from the debug
+# information, and of source paths only the last folder and the file name stay.
 describe() {
     library=$(build_of "$1")/lib/libkorvane_tunnelrenderer.so
     [ -r "$library" ] || fail "$library is missing; 'make abi' builds it"
@@ -49,9 +49,9 @@ describe() {
         -e '1a <!-- SPDX-License-Identifier: Apache-2.0 -->' "$work/raw" >"$work/$1.abi"
 }
 
-# compare PROCESSOR: 1 when its description is not the accepted one, with the difference and what it
-# means. A type is reported once, also where abidiff thinks the change harmless; its own verdict on
-# old binaries comes from the bits of its exit status.
+# compare PROCESSOR: returns 1 if its description differs from the accepted one, and prints the
+# difference and what it means. The report names each type once, harmless changes included; abidiff's
+# exit status says whether old binaries break.
 compare() {
     accepted=abi/$1.abi
     if ! [ -s "$accepted" ]; then
@@ -70,29 +70,28 @@ compare() {
     echo "abi: $1: differs from $accepted:"
     sed -e '/summary:/d' -e '/are member function changes:$/d' -e '/./s/^/    /' "$work/report"
     if [ $((verdict & 8)) -ne 0 ]; then
-        echo "  Player binaries built before BREAK: a symbol that they call is gone, or the table"
-        echo "  of virtual slots, which they call through and may extend, is another. Keep the old"
-        echo "  as it was and add the new beside it, exported and not virtual."
+        echo "  Existing player binaries BREAK: a symbol that they call is gone, or the table of"
+        echo "  virtual slots that they call through has changed. Keep the old operations as they"
+        echo "  were and add new ones as exported functions that are not virtual."
     elif [ "$verdict" -ne 0 ] && grep -Eq '[1-9][0-9]* (Removed|Changed|leaf types? changed)' \
         "$work/report"; then
-        echo "  Player binaries built before MAY BREAK: a size, an offset or a result above is not"
-        echo "  what they were compiled for. Those that take their renderer from the factory do not"
-        echo "  notice members; those that make one themselves do. Put new members last, and leave"
-        echo "  results and records as they were."
+        echo "  Existing player binaries MAY BREAK: a size, an offset or a result above has"
+        echo "  changed. Members matter only to players that create a renderer without the factory."
+        echo "  Put new members last, and leave results and records as they were."
     else
-        echo "  Player binaries built before keep running: nothing that they use is gone or moved."
+        echo "  Existing player binaries keep running: nothing that they use is gone or moved."
     fi
     return 1
 }
 
-# Information, once a change was accepted: how far the class is from what 1.0 players saw.
+# After a change was accepted: prints how far the class is from what players of 1.0 were built with.
 compare_with_1_0() {
     build=$(build_of "$1")
     [ -x "$build/bin/abi_player_1_0" ] ||
         fail "$build/bin/abi_player_1_0 is missing; 'make abi' builds it"
     if ! abicompat --weak-mode --suppressions abi/suppressions.ini "$build/bin/abi_player_1_0" \
         "$build/lib/libkorvane_tunnelrenderer.so" >"$work/report"; then
-        echo "abi: $1: accepted since 1.0, of what its players see (one of them runs in the tests):"
+        echo "abi: $1: accepted changes since 1.0 (the tests still run a player of 1.0):"
         grep -E 'type size changed|offset.* changed|voffset|at offset|vtable' "$work/report" |
             sed 's/^ */    /; s/ at [A-Za-z]*\.h:[0-9:]*//' | sort -u
     fi
@@ -100,7 +99,7 @@ compare_with_1_0() {
 
 require_reason() {
     [ -n "$(printf %s "${REASON-}" | tr -d '[:space:]')" ] ||
-        fail "say why: make abi-accept REASON='what changed, and why old players bear it'"
+        fail "give a reason: make abi-accept REASON='what changed, and why old players still work'"
 }
 
 check() {
@@ -109,8 +108,8 @@ check() {
     for processor in x86_64 aarch64; do
         describe $processor
         if ! tests/renderer/check_symbols.sh "$library"; then
-            echo "abi: $processor: the lists of symbols in tests/renderer no longer hold (above);" \
-                "change exports.txt and imports.txt together with the code, if it is meant"
+            echo "abi: $processor: the library's symbols differ from tests/renderer (above);" \
+                "if that is intended, change exports.txt and imports.txt with the code"
             lists_hold=no
             status=1
         fi
@@ -126,7 +125,7 @@ check() {
 case ${1-} in
     check)
         check && exit 0
-        echo "If all of this is meant: make abi-accept REASON='why'. How to read it: abi/README.md"
+        echo "If all of this is intended: make abi-accept REASON='why'. abi/README.md explains the report."
         exit 1
         ;;
     reason) require_reason ;;
@@ -137,7 +136,7 @@ case ${1-} in
             exit 0
         fi
         cat "$work/difference"
-        [ $lists_hold = yes ] || fail "mend the lists first, then accept"
+        [ $lists_hold = yes ] || fail "correct the lists first, then accept"
         cp "$work/x86_64.abi" "$work/aarch64.abi" abi/
         {
             echo "Accept a changed binary interface"
@@ -146,8 +145,8 @@ case ${1-} in
         } >"$work/message"
         git add -- abi/x86_64.abi abi/aarch64.abi
         git commit --quiet --file "$work/message" -- abi/x86_64.abi abi/aarch64.abi
-        echo "abi: accepted in commit $(git rev-parse --short HEAD), which holds the two" \
-            "descriptions alone; commit what changed the interface as well"
+        echo "abi: accepted in commit $(git rev-parse --short HEAD), which contains only the two" \
+            "descriptions; commit the change of the interface too"
         ;;
-    *) fail "'${1-}' is no command; there are check, reason and accept" ;;
+    *) fail "unknown command '${1-}'; use check, reason or accept" ;;
 esac

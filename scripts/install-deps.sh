@@ -1,8 +1,8 @@
 #!/bin/sh
 # SPDX-License-Identifier: Apache-2.0
-# Installs the Debian packages that scripts/packages.txt and, for each NAME, scripts/packages-NAME.txt
-# list and this machine lacks: install-deps.sh [NAME...]. Says what it does; silent when nothing is
-# missing. Needs root, or sudo, only then.
+# Installs the Debian packages of scripts/packages.txt and of scripts/packages-NAME.txt for each NAME:
+#   install-deps.sh [NAME...]
+# Prints what it installs. If nothing is missing it prints nothing and needs neither root nor sudo.
 set -eu
 
 scripts=$(dirname "$0")
@@ -17,7 +17,7 @@ for name; do
 done
 missing=
 for package in $packages; do
-    # npm also comes with Node.js packages that are not Debian's; the command is what counts.
+    # Node.js packages from elsewhere bring npm too.
     if [ "$package" = npm ] && command -v npm >/dev/null 2>&1; then
         continue
     fi
@@ -29,7 +29,7 @@ done
 run=
 if [ "$(id -u)" -ne 0 ]; then
     if ! command -v sudo >/dev/null 2>&1; then
-        echo "install-deps: these packages are missing; as root: apt-get install$missing" >&2
+        echo "install-deps: packages are missing; run as root: apt-get install$missing" >&2
         exit 2
     fi
     run=sudo
@@ -37,5 +37,5 @@ fi
 echo "Installing Debian packages:$missing"
 export DEBIAN_FRONTEND=noninteractive
 $run apt-get update -qq
-# shellcheck disable=SC2086 # the list is meant to be split
+# shellcheck disable=SC2086 # split the list on purpose
 $run apt-get install -y -qq --no-install-recommends $missing >/dev/null

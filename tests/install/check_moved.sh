@@ -1,7 +1,7 @@
 #!/bin/sh
 # SPDX-License-Identifier: Apache-2.0
-# Installs a build as a package maker does (DESTDIR), moves the tree to a folder of another name and
-# checks it there: it must find everything by its place relative to itself.
+# Installs a build with DESTDIR, as package builders do, moves the tree to another folder and checks it
+# there: every path in it must be relative.
 #   check_moved.sh CMAKE BUILD_FOLDER SCRATCH_FOLDER
 set -eu
 

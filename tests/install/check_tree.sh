@@ -1,8 +1,8 @@
 #!/bin/sh
 # SPDX-License-Identifier: Apache-2.0
-# An installed tree, used from outside: a player of somebody else's finds the library by CMake and
-# by pkg-config and plays ten frames on the simulated TV; korvane-tv plays an installed scenario; no
-# file knows a folder in which it was built.
+# Uses an installed tree as its users do. The installed example finds the library, by CMake and by
+# pkg-config, and plays on the simulated TV; each header compiles alone; korvane-tv plays an installed
+# scenario; no file names the folder in which it was built.
 #   check_tree.sh TREE SCRATCH_FOLDER     TREE holds bin/, include/, lib/, share/
 set -eu
 
@@ -19,10 +19,9 @@ fail() {
     exit 1
 }
 
-# Copied, so that nothing of this project lies beside them.
-rm -rf "$scratch/consumer"
-cp -R "$sources/tests/consumer" "$scratch/consumer"
-cd "$scratch/consumer"
+rm -rf "$scratch/example"
+cp -R "$tree/share/doc/libkorvane-tunnelrenderer-dev/examples" "$scratch/example"
+cd "$scratch/example"
 
 echo "== by CMake"
 configure() {
@@ -30,13 +29,13 @@ configure() {
 }
 configure by-cmake
 cmake --build by-cmake
-by-cmake/play_ten
+by-cmake/player
 
 echo "== by CMake, a version that is not there"
 sed -i 's/korvane_tunnelrenderer 1\.0/korvane_tunnelrenderer 2.0/' CMakeLists.txt
 if configure by-cmake-2 >refused.log 2>&1 || ! grep -q 'compatible with requested' refused.log; then
     cat refused.log
-    fail "version 2.0 was to be refused because this is another"
+    fail "CMake accepted version 2.0, or refused it for another reason"
 fi
 
 echo "== by pkg-config"
@@ -44,7 +43,7 @@ echo "== by pkg-config"
     "$("$tree/bin/korvane-tv" --version | cut -d' ' -f2)" ] ||
     fail "pkg-config has another version than korvane-tv"
 # shellcheck disable=SC2046 # flags are meant to be split
-"$CXX" -std=c++17 play_ten.cpp -o by-pkg-config \
+"$CXX" -std=c++17 player.cpp -o by-pkg-config \
     $(pkg-config --cflags --libs korvane_tunnelrenderer korvane_tv) \
     -Wl,-rpath,"$(pkg-config --variable=libdir korvane_tv)"
 ./by-pkg-config
