@@ -22,7 +22,7 @@
 #include "include/ThreadAnnotations.h"
 #include "platform/Clock.h"
 #include "tv/HeldBuffer.h"
-#include "tv/Platform.h"
+#include "tv/Trace.h"
 #include "tv/clock/Signal.h"
 
 namespace korvane::tv {

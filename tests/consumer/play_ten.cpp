@@ -4,8 +4,8 @@
 // in order and every buffer came back.
 #include <VideoTunnelRenderer.h>
 #include <sys/mman.h>
+#include <tv/Log.h>
 #include <tv/Picture.h>
-#include <tv/Platform.h>
 #include <tv/Tv.h>
 #include <tv/clock/VirtualTime.h>
 #include <unistd.h>

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the audio side does to the clock, step by step, with the test's own time.
+// What audio does to the clock, step by step. The test sets the time.
 #include "tv/AudioModel.h"
 
 #include <gtest/gtest.h>
@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "tests/support/TvFixture.h"
+#include "tv/AudioOutput.h"
 
 namespace korvane::tv {
 namespace {
@@ -17,7 +18,7 @@ namespace {
 constexpr int64_t kStart = 1'000'000'000;
 constexpr int64_t kStep = 20'000;
 
-/// A model on a clock of its own, stepped when it asks for it, or late by a given time.
+/// A model with its own clock, stepped when it asks for it or late by a given time.
 struct Stage {
     explicit Stage(const AudioConfig& config, int64_t threadLateUs = 0)
         : model(clock, config), lateUs(threadLateUs) {}
@@ -29,7 +30,7 @@ struct Stage {
         }
         now = realUs;
     }
-    /// Words: feed FROM TO, end, pause, resume, flush; first MEDIA and videoFlush are what a
+    /// Actions: feed FROM TO, end, pause, resume, flush; first MEDIA and videoFlush are what a
     /// renderer does at its first frame and in a flush.
     void act(const std::string& action) {
         std::istringstream words(action);
@@ -61,7 +62,7 @@ struct Stage {
         }
         next = model.step(now);
     }
-    /// "state, leader: media time of the clock ('=': it stands), track time, starting time"
+    /// "state, mode: media time of the clock ('=': paused), track time, starting time"
     std::string seen() const {
         std::ostringstream text;
         text << toString(model.report().state) << ", "
@@ -86,7 +87,7 @@ AudioConfig plain() {
     return config;
 }
 
-/// plain() but for words: delay US, underflow AT FOR, back AT BY, jump US FOR, drain US, dead.
+/// plain() with changes: delay US, underflow AT FOR, back AT BY, jump US FOR, drain US, dead.
 AudioConfig with(const std::string& words) {
     AudioConfig config = plain();
     std::istringstream in(words);

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Log routing and the trace file.
-#include "tv/Platform.h"
+#include "tv/Log.h"
+#include "tv/Trace.h"
 
 #include <android/log.h>
 #define ATRACE_TAG ATRACE_TAG_VIDEO
