@@ -26,7 +26,8 @@
 #include "player/FrameLedger.h"
 #include "player/FrameSource.h"
 #include "player/PlaybackPlan.h"
-#include "tv/Platform.h"
+#include "tv/Log.h"
+#include "tv/Trace.h"
 
 namespace korvane::player {
 

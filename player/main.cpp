@@ -23,6 +23,7 @@
 #include "player/Progress.h"
 #include "player/ReportBuilder.h"
 #include "player/scenario/RunCommand.h"
+#include "tv/Properties.h"
 #include "tv/clock/VirtualTime.h"
 
 namespace korvane::player {
