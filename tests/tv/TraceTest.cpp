@@ -1,13 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
-// Log routing and the trace file.
-#include "tv/Log.h"
+// The trace file.
 #include "tv/Trace.h"
 
-#include <android/log.h>
 #define ATRACE_TAG ATRACE_TAG_VIDEO
 #include <cutils/trace.h>
-#include <fcntl.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -22,7 +18,6 @@ namespace korvane::tv {
 namespace {
 
 using testing::HasSubstr;
-using testing::Not;
 
 /// A file that is removed again.
 struct TemporaryFile {
@@ -40,47 +35,9 @@ struct TemporaryFile {
     std::string path = std::filesystem::temp_directory_path() / "tv_test_XXXXXX";
 };
 
-/// Runs `action` in a child and returns what it wrote to stderr up to its regular exit.
-template <typename Action>
-std::string stderrOfChild(Action action) {
-    TemporaryFile file;
-    const pid_t child = fork();
-    if (child == 0) {
-        dup2(open(file.path.c_str(), O_WRONLY), STDERR_FILENO);
-        action();
-        std::exit(0);  // NOLINT(concurrency-mt-unsafe): the child has one thread
-    }
-    int status = -1;
-    EXPECT_EQ(waitpid(child, &status, 0), child);
-    EXPECT_EQ(status, 0);
-    return file.text();
-}
-
 bool isJson(const std::string& path) {
     const std::string command = "python3 -m json.tool " + path + " > /dev/null";
     return std::system(command.c_str()) == 0;  // NOLINT(concurrency-mt-unsafe): no other shell
-}
-
-// The log of this process is not open before these tests, so each child begins afresh.
-TEST(Log, EarlyLinesFollowWhenItIsOpenedOrAtExitUpToABound) {
-    const std::string opened = stderrOfChild([] {
-        __android_log_print(ANDROID_LOG_DEBUG, "Tag", "early debug\n");
-        __android_log_print(ANDROID_LOG_INFO, "Tag", "early info\n");
-        openLog(ANDROID_LOG_INFO);
-        __android_log_print(ANDROID_LOG_INFO, "Tag", "later info\n");
-        __android_log_print(ANDROID_LOG_DEBUG, "Tag", "later debug\n");
-    });
-    EXPECT_THAT(opened, testing::ContainsRegex("early info\n.*later info\n"));
-    EXPECT_THAT(opened, Not(HasSubstr("debug")));
-    EXPECT_THAT(opened, Not(HasSubstr("\n\n")));
-    const std::string never = stderrOfChild([] {
-        for (int i = 0; i < 300; ++i) {
-            __android_log_print(ANDROID_LOG_DEBUG, "Tag", "line %d.\n", i);
-        }
-    });
-    EXPECT_THAT(never, HasSubstr("line 0."));
-    EXPECT_THAT(never, Not(HasSubstr("line 299.")));
-    EXPECT_THAT(never, HasSubstr("lines before the log was opened were not kept"));
 }
 
 TEST(Trace, FileIsJsonWithSectionsCountersThreadsAndTracks) {
