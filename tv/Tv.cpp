@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
-// The TV's switch and its display thread. The thread sleeps until the next vsync or fence,
-// whichever is first; what it then does depends on the grid and on when each buffer was queued, not
-// on when it woke up.
+// Power, the display thread, and which TV is current. The display thread sleeps until the next
+// vsync or fence. What it does then depends on the grid and on when each buffer was queued, not on
+// when it woke up.
 //
-// Which TV is current has a generation that counts up with every change. Each thread keeps the TV
-// of the last generation it saw, so that asking again is one comparison. What it kept before is let
-// go only when no look of that thread is left: fibers share a thread, and one may have been
-// suspended within its look.
+// A generation counts the changes of the current TV. Each thread keeps a pointer to the TV of the
+// last generation it saw, so that asking again is one comparison. It releases TVs of earlier
+// generations only when it has no guard left: fibers share a thread, and one of them may have been
+// suspended while it holds a guard.
 #include "tv/Tv.h"
 
 #include <utils/Timers.h>
@@ -42,7 +42,6 @@ CurrentTv& currentTv() {
     return instance;
 }
 
-/// An earlier one is kept by its owner.
 void CurrentTv::set(std::shared_ptr<Tv> next) {
     const uint64_t generation = gGeneration.load(std::memory_order_relaxed);
     const uint64_t odd = next != nullptr ? 1 : 0;
@@ -51,47 +50,48 @@ void CurrentTv::set(std::shared_ptr<Tv> next) {
                       std::memory_order_release);
 }
 
-/// What one thread knows of the current TV. Of trivial type, so that reading it is a plain read.
-struct Seen {
+/// One thread's copy of the current TV. A trivial type, so that reading it is a plain read.
+struct CachedTv {
     uint64_t generation;
-    Tv* tv;  ///< the last one that is kept
-    int looks;
+    Tv* tv;  ///< the last of the thread's references
+    int guards;
     bool keepsEarlier;
-    bool ended;  ///< the thread ends and keeps nothing any more, so it sees no TV
+    bool ended;  ///< the thread is ending and has no references, so it finds no TV
 };
 
-struct Kept {
+/// One thread's references: to the TV of its generation and, while it has guards, to earlier ones.
+struct TvReferences {
     std::vector<std::shared_ptr<Tv>> tvs;
-    ~Kept();
+    ~TvReferences();
 };
 
-[[gnu::tls_model("initial-exec")]] thread_local Seen tSeen{};
-thread_local Kept tKept;
+[[gnu::tls_model("initial-exec")]] thread_local CachedTv tCached{};
+thread_local TvReferences tReferences;
 
-Kept::~Kept() {
-    tSeen.tv = nullptr;
-    tSeen.ended = true;
+TvReferences::~TvReferences() {
+    tCached.tv = nullptr;
+    tCached.ended = true;
 }
 
-void refresh(Seen& seen) {
+void refresh(CachedTv& cached) {
     const std::lock_guard<std::mutex> guard(currentTv().lock);
-    seen.generation = gGeneration.load(std::memory_order_relaxed);
-    if (seen.ended) {
+    cached.generation = gGeneration.load(std::memory_order_relaxed);
+    if (cached.ended) {
         return;
     }
-    seen.tv = currentTv().tv.get();
-    seen.keepsEarlier = !tKept.tvs.empty();
-    tKept.tvs.push_back(currentTv().tv);
+    cached.tv = currentTv().tv.get();
+    cached.keepsEarlier = !tReferences.tvs.empty();
+    tReferences.tvs.push_back(currentTv().tv);
 }
 
-void letEarlierGo(Seen& seen) {
+void releaseEarlier(CachedTv& cached) {
     std::vector<std::shared_ptr<Tv>> earlier;
-    earlier.swap(tKept.tvs);
-    tKept.tvs.push_back(earlier.back());
-    seen.keepsEarlier = false;
+    earlier.swap(tReferences.tvs);
+    tReferences.tvs.push_back(earlier.back());
+    cached.keepsEarlier = false;
 }
 
-/// Where in a period a TV is when it is switched on (see `Tv::powerOn`).
+/// Periods since vsync 0 when a TV is switched on (see `Tv::powerOn`).
 constexpr double kPhaseAtPowerOn = 0.35;
 
 DisplayConfig withOrigin(DisplayConfig config) {
@@ -120,7 +120,7 @@ struct Tv::Impl {
     Tunnel tunnel;
     MediaSyncService mediaSync;
     std::mutex scanLock;
-    int64_t scannedNs KORVANE_GUARDED_BY(scanLock);  ///< vsyncs up to here are done
+    int64_t scannedNs KORVANE_GUARDED_BY(scanLock);  ///< vsyncs up to here are scanned out
     std::mutex lock;
     std::condition_variable wake;
     bool stopping KORVANE_GUARDED_BY(lock) = false;
@@ -147,18 +147,18 @@ std::shared_ptr<Tv> Tv::powerOn(const TvConfig& config) {
 }
 
 Tv::Current Tv::current() {
-    Seen& seen = tSeen;
-    ++seen.looks;
-    if (seen.generation != gGeneration.load(std::memory_order_acquire)) {
-        refresh(seen);
+    CachedTv& cached = tCached;
+    ++cached.guards;
+    if (cached.generation != gGeneration.load(std::memory_order_acquire)) {
+        refresh(cached);
     }
-    return Current(seen.tv);
+    return Current(cached.tv);
 }
 
 Tv::Current::~Current() {
-    Seen& seen = tSeen;
-    if (--seen.looks == 0 && seen.keepsEarlier) {
-        letEarlierGo(seen);
+    CachedTv& cached = tCached;
+    if (--cached.guards == 0 && cached.keepsEarlier) {
+        releaseEarlier(cached);
     }
 }
 
@@ -181,7 +181,7 @@ void Tv::powerOff() {
     if (mImpl->displayThread.joinable()) {
         mImpl->displayThread.join();
     }
-    // A dark panel reads no buffer any more.
+    // The panel is off and reads no buffer any more.
     mImpl->tunnel.signalFences(std::numeric_limits<int64_t>::max() - 1);
 }
 
@@ -199,7 +199,7 @@ void Tv::runVsyncs(int64_t nowNs) {
     mImpl->runVsyncs(nowNs);
 }
 
-/// @return when there will be something to do again
+/// @return when to run again
 int64_t Tv::Impl::runVsyncs(int64_t nowNs) {
     const std::lock_guard<std::mutex> guard(scanLock);
     Vsync vsync = display.nextVsyncAfter(scannedNs);
