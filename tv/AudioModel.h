@@ -42,7 +42,7 @@ namespace korvane::tv {
 struct AudioConfig {
     /// From the first packet until sound comes out.
     int64_t startDelayUs = 50'000;
-    /// Buffered media needed to start and to go on after an underflow.
+    /// Buffered media needed to start and to continue after an underflow.
     int64_t prebufferUs = 100'000;
     /// Step of the track time: one device period, here 1024 samples at 48 kHz.
     int64_t stepUs = 21'333;

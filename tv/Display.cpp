@@ -98,11 +98,6 @@ Vsync Display::vsync(int64_t index) const {
     return vsyncLocked(index);
 }
 
-double Display::periodNsAt(int64_t timeNs) const {
-    const std::lock_guard<std::mutex> guard(mLock);
-    return segmentAt(timeNs).periodNs;
-}
-
 double Display::rateHz() const {
     const std::lock_guard<std::mutex> guard(mLock);
     return mSegments.back().rateHz;
@@ -148,11 +143,7 @@ void Display::setReportFails(bool fails) {
     mReportFails = fails;
 }
 
-void Display::setReportedPeriodNs(int32_t periodNs) {
-    setReportedPeriod(periodNs);
-}
-
-void Display::setReportedPeriod(std::optional<int32_t> periodNs) {
+void Display::setReportedPeriodNs(std::optional<int32_t> periodNs) {
     const std::lock_guard<std::mutex> guard(mLock);
     mPeriodOverrideNs = periodNs;
 }

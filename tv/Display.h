@@ -63,8 +63,6 @@ public:
     /// The first vsync after a time.
     Vsync nextVsyncAfter(int64_t timeNs) const;
     Vsync vsync(int64_t index) const;
-    /// The true period in force at a time.
-    double periodNsAt(int64_t timeNs) const;
     /// The rate last requested.
     double rateHz() const;
 
@@ -76,11 +74,10 @@ public:
     /// earlier requests that would take effect at or after that vsync.
     void changeMode(int64_t atNs, double rateHz);
 
-    /// Faults: the report fails, or succeeds with this period (also 0 and below).
+    /// Faults: the report fails, or succeeds with this period (also 0 and below; empty restores the
+    /// display's own).
     void setReportFails(bool fails);
-    void setReportedPeriodNs(int32_t periodNs);
-    /// The same; empty restores the display's own period.
-    void setReportedPeriod(std::optional<int32_t> periodNs);
+    void setReportedPeriodNs(std::optional<int32_t> periodNs);
     int64_t reportCount() const;
 
 private:

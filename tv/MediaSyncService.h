@@ -8,10 +8,10 @@
 //   mode 1  audio leads: audio's anchors are taken; video's are ignored
 //   mode 2  pass-through: the instance decides for each frame; whoever anchors first leads
 //
-//   state              real time for media m                track media time
-//   no anchor          -1                                   -1
-//   running            r0 + (m - m0)                        audio's last step; without audio m0
-//   paused at media p  now + (m - p), the earliest possible stands still
+//   state              real time for media m                 track media time
+//   no anchor          -1                                    -1
+//   running            r0 + (m - m0)                         audio's last step; without audio m0
+//   paused at media p  now + (m - p), the earliest possible  stands still
 //
 // `setPause(true)` freezes the clock; `setPause(false)` lets it run from there. A renderer that
 // finds the clock paused at its first frame waits until audio resumes it.

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 // Recording of the process's atrace calls into a file in Chrome's trace-event JSON, which the
 // Perfetto UI opens. A trace point costs one entry in a bounded memory ring; a thread of low
-// priority writes the file. When the file cannot be written any more (disk full), playback goes on,
-// lost events are counted, and the events written so far stay readable. One trace per process: it
-// works before a Tv is switched on and after it is off. Any thread.
+// priority writes the file. When the file cannot be written any more (disk full), playback
+// continues, lost events are counted, and the events written so far stay readable. One trace per
+// process: it works before a Tv is switched on and after it is off. Any thread.
 #pragma once
 
 #include <cstdint>

@@ -72,7 +72,7 @@ struct Tunnel::Impl {
     /// Entries of `tunnels` by id, because every poll looks one up; null once the id is freed.
     std::vector<TunnelState*> tunnelOfId KORVANE_GUARDED_BY(lock);
     int64_t nextSerial KORVANE_GUARDED_BY(lock) = 0;
-    /// The latest time passed in, for `close` and `freeId`, which are told none.
+    /// The latest time passed in, for `close` and `freeId`, which have no time argument.
     int64_t latestNs KORVANE_GUARDED_BY(lock) = 0;
 };
 

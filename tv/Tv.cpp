@@ -1,12 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Power, the display thread, and which TV is current. The display thread sleeps until the next
-// vsync or fence. What it does then depends on the grid and on when each buffer was queued, not on
-// when it woke up.
-//
-// A generation counts the changes of the current TV. Each thread keeps a pointer to the TV of the
-// last generation it saw, so that asking again is one comparison. It releases TVs of earlier
-// generations only when it has no guard left: fibers share a thread, and one of them may have been
-// suspended while it holds a guard.
+// Power and the display thread. The thread sleeps until the next vsync or fence. What it does then
+// depends on the grid and on when each buffer was queued, not on when it woke up.
 #include "tv/Tv.h"
 
 #include <utils/Timers.h>
@@ -19,7 +13,6 @@
 #include <limits>
 #include <mutex>
 #include <thread>
-#include <vector>
 
 #include "tv/ScopedLock.h"
 
@@ -29,66 +22,19 @@ namespace {
 struct CurrentTv {
     std::mutex lock;
     std::shared_ptr<Tv> tv KORVANE_GUARDED_BY(lock);
+    std::atomic<bool> any{false};
 
-    void set(std::shared_ptr<Tv> next) KORVANE_REQUIRES(lock);
+    /// Destroys no TV under the lock: the owner of a replaced one still holds it.
+    void set(std::shared_ptr<Tv> next) KORVANE_REQUIRES(lock) {
+        tv = std::move(next);
+        any = tv != nullptr;
+    }
 };
-
-/// Counts the changes of the current TV; odd while there is one.
-std::atomic<uint64_t> gGeneration{0};
 
 /// Never destroyed: libraries may ask while the process ends.
 CurrentTv& currentTv() {
     static CurrentTv& instance = *new CurrentTv;
     return instance;
-}
-
-void CurrentTv::set(std::shared_ptr<Tv> next) {
-    const uint64_t generation = gGeneration.load(std::memory_order_relaxed);
-    const uint64_t odd = next != nullptr ? 1 : 0;
-    tv.swap(next);
-    gGeneration.store(generation + 1 + ((generation + 1) % 2 != odd ? 1 : 0),
-                      std::memory_order_release);
-}
-
-/// One thread's copy of the current TV. A trivial type, so that reading it is a plain read.
-struct CachedTv {
-    uint64_t generation;
-    Tv* tv;  ///< the last of the thread's references
-    int guards;
-    bool keepsEarlier;
-    bool ended;  ///< the thread is ending and has no references, so it finds no TV
-};
-
-/// One thread's references: to the TV of its generation and, while it has guards, to earlier ones.
-struct TvReferences {
-    std::vector<std::shared_ptr<Tv>> tvs;
-    ~TvReferences();
-};
-
-[[gnu::tls_model("initial-exec")]] thread_local CachedTv tCached{};
-thread_local TvReferences tReferences;
-
-TvReferences::~TvReferences() {
-    tCached.tv = nullptr;
-    tCached.ended = true;
-}
-
-void refresh(CachedTv& cached) {
-    const std::lock_guard<std::mutex> guard(currentTv().lock);
-    cached.generation = gGeneration.load(std::memory_order_relaxed);
-    if (cached.ended) {
-        return;
-    }
-    cached.tv = currentTv().tv.get();
-    cached.keepsEarlier = !tReferences.tvs.empty();
-    tReferences.tvs.push_back(currentTv().tv);
-}
-
-void releaseEarlier(CachedTv& cached) {
-    std::vector<std::shared_ptr<Tv>> earlier;
-    earlier.swap(tReferences.tvs);
-    tReferences.tvs.push_back(earlier.back());
-    cached.keepsEarlier = false;
 }
 
 /// Periods since vsync 0 when a TV is switched on (see `Tv::powerOn`).
@@ -146,24 +92,13 @@ std::shared_ptr<Tv> Tv::powerOn(const TvConfig& config) {
     return {tv.get(), [tv](Tv* owned) { owned->powerOff(); }};
 }
 
-Tv::Current Tv::current() {
-    CachedTv& cached = tCached;
-    ++cached.guards;
-    if (cached.generation != gGeneration.load(std::memory_order_acquire)) {
-        refresh(cached);
-    }
-    return Current(cached.tv);
-}
-
-Tv::Current::~Current() {
-    CachedTv& cached = tCached;
-    if (--cached.guards == 0 && cached.keepsEarlier) {
-        releaseEarlier(cached);
-    }
+std::shared_ptr<Tv> Tv::current() {
+    const std::lock_guard<std::mutex> guard(currentTv().lock);
+    return currentTv().tv;
 }
 
 bool Tv::isAnyOn() {
-    return gGeneration.load(std::memory_order_acquire) % 2 == 1;
+    return currentTv().any;
 }
 
 void Tv::powerOff() {

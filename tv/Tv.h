@@ -37,29 +37,9 @@ public:
     /// these stay at least 0.05 periods away from a vsync and from the middle between two.
     static std::shared_ptr<Tv> powerOn(const TvConfig& config = {});
 
-    /// Guard that keeps the current TV alive, even if it is switched off and released meanwhile.
-    /// Use it for one call, on the thread that took it.
-    class Current {
-    public:
-        ~Current();
-        Current(const Current&) = delete;
-        Current& operator=(const Current&) = delete;
-
-        Tv* get() const { return mTv; }
-        Tv& operator*() const { return *mTv; }
-        Tv* operator->() const { return mTv; }
-        explicit operator bool() const { return mTv != nullptr; }
-
-    private:
-        friend class Tv;
-        explicit Current(Tv* tv) : mTv(tv) {}
-        Tv* const mTv;
-    };
-
-    /// The current TV, or none. Any thread. Takes no lock and writes nothing shared, because device
-    /// libraries are polled; in return a thread keeps a TV's memory until it calls this again or
-    /// ends.
-    static Current current();
+    /// The current TV, or null. The pointer keeps it valid even if it is switched off meanwhile.
+    /// Any thread.
+    static std::shared_ptr<Tv> current();
     /// Whether any TV is on.
     static bool isAnyOn();
 

@@ -34,11 +34,11 @@ TEST(Tv, OneIsCurrentAtATimeUntilItIsOff) {
     auto second = test::tvByHand();
     first->powerOff();
     EXPECT_EQ(Tv::current().get(), second.get()) << "an earlier one's power-off changes nothing";
-    const auto guard = Tv::current();
+    const auto kept = Tv::current();
     second->powerOff();
     second.reset();
     EXPECT_FALSE(Tv::current() || Tv::isAnyOn());
-    EXPECT_EQ(guard->tunnel().openDevices(), 0) << "kept alive by the guard";
+    EXPECT_EQ(kept->tunnel().openDevices(), 0) << "kept by the pointer";
     first = test::tvByHand();
     EXPECT_EQ(Tv::current().get(), first.get());
     first.reset();
