@@ -18,7 +18,8 @@
 
 #include "VideoTunnelRenderer.h"
 #include "tv/AudioOutput.h"
-#include "tv/Platform.h"
+#include "tv/Log.h"
+#include "tv/Properties.h"
 #include "tv/Tv.h"
 #include "tv/clock/VirtualTime.h"
 

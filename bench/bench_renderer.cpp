@@ -20,7 +20,8 @@
 #include <thread>
 
 #include "VideoTunnelRenderer.h"
-#include "tv/Platform.h"
+#include "tv/Log.h"
+#include "tv/Properties.h"
 #include "tv/Tv.h"
 
 namespace {

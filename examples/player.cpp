@@ -10,8 +10,8 @@
 // came back before `stop`.
 #include <VideoTunnelRenderer.h>
 #include <sys/mman.h>
+#include <tv/Log.h>
 #include <tv/Picture.h>
-#include <tv/Platform.h>
 #include <tv/Tv.h>
 #include <tv/clock/VirtualTime.h>
 #include <unistd.h>

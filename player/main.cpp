@@ -23,6 +23,7 @@
 #include "player/playback/Playback.h"
 #include "player/report/EventRecorder.h"
 #include "player/report/ReportBuilder.h"
+#include "tv/Properties.h"
 #include "tv/clock/VirtualTime.h"
 
 namespace korvane::player {

@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tv/AudioModel.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
-#include <cinttypes>
 #include <cmath>
-#include <cstdio>
 #include <limits>
 
 namespace korvane::tv {
@@ -90,7 +90,7 @@ int64_t AudioModel::step(int64_t nowUs) {
     if (mPaused) {
         return stepDraining(nowUs);
     }
-    // A step can end one state and begin the next; each of those happens once at a given time.
+    // A step can change the state; then the new state is stepped at the same time.
     for (;;) {
         const AudioState before = mState;
         const int64_t nextUs = stepState(nowUs);
@@ -129,7 +129,7 @@ int64_t AudioModel::stepWaiting(int64_t nowUs) {
     return nowUs;
 }
 
-/// Without a packet there is no media time to start at but the one at which video waits.
+/// Without a packet, the only media time to start at is the one at which video waits.
 int64_t AudioModel::stepEmpty(int64_t nowUs) {
     const int64_t clockMediaUs = mInstance->mediaTimeAt(nowUs);
     if (clockMediaUs == -1 || !mInstance->paused()) {
@@ -154,8 +154,8 @@ int64_t AudioModel::stepUnderflow(int64_t nowUs) {
     return nowUs;
 }
 
-/// The sound stopped, but for what a receiver still holds.
-/// @return when there is something to do until that is over, or INT64_MAX
+/// Plays what an external receiver still holds; then pauses the clock.
+/// @return when to continue, or INT64_MAX when the receiver is silent
 int64_t AudioModel::stepDraining(int64_t nowUs) {
     if (!mDraining) {
         return kNever;
@@ -189,7 +189,7 @@ int64_t AudioModel::stepPlaying(int64_t nowUs) {
 }
 
 /// Moves the reference for each step back that is due.
-/// @return when the next one will be, or INT64_MAX if none comes before the sound stops
+/// @return when the next one is due, or INT64_MAX if the sound stops before it
 int64_t AudioModel::stepBack(int64_t nowUs) {
     for (;;) {
         const auto next = std::find_if(
@@ -211,7 +211,7 @@ int64_t AudioModel::stepBack(int64_t nowUs) {
 }
 
 /// Reports the whole periods that have come out.
-/// @return when the next one will have
+/// @return when the next one will have come out
 int64_t AudioModel::advanceTrack(int64_t nowUs) {
     const int64_t steps = (mediaAt(nowUs) - mReferenceMediaUs) / mConfig.stepUs;
     if (steps > mSteps) {
@@ -245,13 +245,13 @@ void AudioModel::reanchor(int64_t nowUs) {
     const int64_t clockUs = mInstance->mediaTimeAt(nowUs);
     ++mReport.reanchors;
     if (!mInstance->anchorFromAudio(mediaAt(nowUs), nowUs)) {
-        mReferenceMediaUs = clockUs;  // video leads: skip or wait, to be where it is
+        mReferenceMediaUs = clockUs;  // video leads: skip or wait to follow it
         mReferenceRealUs = nowUs;
         mSteps = 0;
     }
 }
 
-/// After a pause or an underflow. If a receiver sounded all the while, nothing has stopped.
+/// After a pause or an underflow. If a receiver is still draining, the sound never stopped.
 void AudioModel::goOn(int64_t nowUs) {
     if (mDraining) {
         mDraining = false;
@@ -260,7 +260,7 @@ void AudioModel::goOn(int64_t nowUs) {
     }
 }
 
-/// Sound comes out from this media time on, now; the clock is audio's, right or a little off.
+/// Starts the sound at a media time and takes the clock, with an error of `clockOffUs`.
 void AudioModel::begin(int64_t mediaUs, int64_t nowUs, int64_t clockOffUs) {
     mReferenceMediaUs = mediaUs;
     mCorrectionRealUs = kNever;
@@ -285,7 +285,7 @@ void AudioModel::underflow(int64_t atMediaUs, int64_t atRealUs) {
     mState = AudioState::Underflow;
 }
 
-/// Nothing more comes from here on, but for what a receiver holds of what was queued.
+/// Stops the sound; an external receiver may drain what was queued.
 void AudioModel::stopSound(int64_t mediaUs, int64_t realUs) {
     mDraining = true;
     mStoppedMediaUs = mediaUs;
@@ -298,7 +298,7 @@ void AudioModel::stopSound(int64_t mediaUs, int64_t realUs) {
     }
 }
 
-/// The next fault on the way, if it comes before what is buffered ends.
+/// The next underflow fault within what is buffered, or null.
 const AudioConfig::Underflow* AudioModel::nextFault() const {
     for (const auto& fault : mConfig.underflows) {
         if (fault.atMediaUs >= mReferenceMediaUs) {
@@ -346,14 +346,11 @@ AudioReport AudioModel::report() const {
 
 std::string AudioModel::dump() const {
     const AudioReport now = report();
-    char text[320];
-    std::snprintf(text, sizeof(text),
-                  "audio: %s at media %" PRId64 " us, started at media %" PRId64
-                  " us, real %" PRId64 " us; buffered up to %" PRId64 " us%s; %" PRId64
-                  " underflows, %" PRId64 " re-anchors\n",
-                  toString(now.state), now.positionUs, now.startedMediaUs, now.startedRealUs,
-                  mBufferedEndUs, mEndOfStream ? ", the end" : "", now.underflows, now.reanchors);
-    return text;
+    return fmt::format(
+        "audio: {} at media {} us, started at media {} us, real {} us; buffered up to {} us{}; {} "
+        "underflows, {} re-anchors\n",
+        toString(now.state), now.positionUs, now.startedMediaUs, now.startedRealUs, mBufferedEndUs,
+        mEndOfStream ? ", the end" : "", now.underflows, now.reanchors);
 }
 
 }  // namespace korvane::tv

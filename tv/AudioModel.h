@@ -1,40 +1,93 @@
 // SPDX-License-Identifier: Apache-2.0
-// The audio side without its thread: a state machine that is told the time.
+// The audio side as a state machine without a thread; time is an argument.
 //
-// In: packets, end of stream, pause, resume, flush, and the time. Out: what it does to its sync
-// instance, and when it wants to be stepped next. Position follows from one reference (this media
-// time came out at that real time) and the device's rate; the track time is that position cut to
-// whole device periods. A step that comes late catches up and, at an underflow, acts for the moment
-// at which it happened, so the thread's delays do not show in the clock.
+// In: packets, end of stream, pause, resume, flush, and the time. Out: calls on the sync instance,
+// and when to step next. Position = reference (this media time came out at that real time) + time
+// since then at the device's rate. The track time is the position rounded down to whole device
+// periods. A late step catches up, and an underflow takes effect at the time at which it happened,
+// so delays of the caller's thread do not show in the clock.
 //
 //   state       leaves for    when
-//   waiting     playing       first packet + start delay has passed and enough is buffered, or the
-//                             stream has ended; an empty stream ends as soon as video's first frame
-//                             holds the clock, and releases it
-//   playing     underflow     what is buffered, or up to the next fault, has come out
+//   waiting     playing       the start delay since the first packet has passed and enough is
+//                             buffered, or the stream has ended
+//               ended         the stream has no packet and video's first frame holds the clock,
+//                             which is then released
+//   playing     underflow     what is buffered, or the media up to the next fault, has come out
 //               ended         ... and the stream has ended
-//   underflow   playing       the fault is over, enough is buffered or the stream has ended
-//   ended       (flush)       the device plays silence: clock and track time go on for video
+//   underflow   playing       the fault is over, and enough is buffered or the stream has ended
+//   ended       (flush)       the device plays silence: clock and track time run on for video
 //
-// Underflow and pause stop the sound: at once, or after what an external receiver still holds has
-// drained; position, track time and clock go on until then. A step back moves the reference. After
-// a latency jump the clock, not the position, is off, so the drift is not looked at until the
-// correction is due.
+// Start, and going on after an underflow or a pause, take the clock: track time, starting time,
+// anchor, mode 1 and resume in one step, so that video never sees a half-taken clock. Underflow and
+// pause stop the sound, at once or after an external receiver has drained; position, track time and
+// clock run until then. A step back moves the reference. After a latency jump the clock is wrong
+// and the position right, so drift is ignored until the correction is due. When the anchor is off
+// by more than the instance's update threshold (the crystal drifts), audio re-anchors.
 //
-// While playing or ended it looks at each step whether the clock is still its own, and takes it
-// back if not. Pause freezes any state; flush leads to waiting and leaves the clock as it is.
+// While playing or ended, audio takes the clock back at the next step, at most one device period
+// later, if a renderer's flush set mode 0 or its first frame paused the clock. So flush audio
+// before the renderer when seeking: audio that still plays would release the renderer's new first
+// frame at the old position. Pause freezes any state. Flush leads to waiting and leaves the clock.
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
 
-#include "tv/AudioOutput.h"
+#include "tv/MediaSyncService.h"
 
 namespace korvane::tv {
 
-/// All times are monotonic microseconds and must not go backwards from call to call. Not
-/// thread-safe.
+struct AudioConfig {
+    /// From the first packet until sound comes out.
+    int64_t startDelayUs = 50'000;
+    /// Buffered media needed to start and to continue after an underflow.
+    int64_t prebufferUs = 100'000;
+    /// Step of the track time: one device period, here 1024 samples at 48 kHz.
+    int64_t stepUs = 21'333;
+    /// How much faster than the monotonic clock the device plays, parts per million.
+    double driftPpm = 0.0;
+    bool neverStarts = false;
+    /// Fault: at `atMediaUs`, acts for `durationUs` as if nothing were buffered. Each happens once.
+    struct Underflow {
+        int64_t atMediaUs;
+        int64_t durationUs;
+    };
+    std::vector<Underflow> underflows;
+    /// Fault: at `atMediaUs`, the reported position steps back by `byUs`, once, and continues from
+    /// there. The clock follows if that is more than its update threshold.
+    struct StepBack {
+        int64_t atMediaUs;
+        int64_t byUs;
+    };
+    std::vector<StepBack> stepBacks;
+    /// Fault: after a pause or an underflow the clock is anchored with this error (positive: late,
+    /// as when the reported latency is too large) and corrected after `latencyJumpForUs`. The track
+    /// time is always right.
+    int64_t latencyJumpUs = 0;
+    int64_t latencyJumpForUs = 500'000;
+    /// Fault: an external receiver keeps sounding this long after a pause or an underflow, but not
+    /// past what was queued. The clock runs until then, stops there and later continues from there.
+    /// If sound is due again earlier, the clock does not stop.
+    int64_t drainUs = 0;
+};
+
+enum class AudioState { Waiting, Playing, Paused, Underflow, Ended };
+const char* toString(AudioState state);
+
+/// What the audio side did. Times are microseconds; -1: not since the last flush. Counts are since
+/// construction.
+struct AudioReport {
+    AudioState state = AudioState::Waiting;
+    int64_t startedRealUs = -1;
+    int64_t startedMediaUs = -1;
+    int64_t positionUs = -1;
+    int64_t underflows = 0;
+    int64_t reanchors = 0;
+};
+
+/// Times are monotonic microseconds that never decrease from call to call. Not thread-safe.
 class AudioModel {
 public:
     AudioModel(std::shared_ptr<SyncInstance> instance, const AudioConfig& config);
@@ -45,8 +98,8 @@ public:
     void resume(int64_t nowUs);
     void flush();
 
-    /// Does what is due. To be called after every other operation, too.
-    /// @return when to call it next; INT64_MAX: not before something else happens
+    /// Does what is due. Call it after every other operation, too.
+    /// @return when to call it next; INT64_MAX: after the next operation
     int64_t step(int64_t nowUs);
 
     AudioReport report() const;
@@ -87,12 +140,12 @@ private:
     int64_t mFirstMediaUs = 0;
     int64_t mBufferedEndUs = 0;
 
-    int64_t mReferenceMediaUs = 0;  ///< came out at mReferenceRealUs
+    int64_t mReferenceMediaUs = 0;  ///< came out at `mReferenceRealUs`
     int64_t mReferenceRealUs = 0;
     int64_t mSteps = 0;      ///< device periods since the reference
-    bool mDraining = false;  ///< stopped, but sounding until mSilentRealUs
+    bool mDraining = false;  ///< stopped, but sounding until `mSilentRealUs`
     int64_t mSilentRealUs = 0;
-    int64_t mStoppedMediaUs = 0;  ///< where it stands, or will, in underflow or pause
+    int64_t mStoppedMediaUs = 0;  ///< where the sound stops in underflow or pause
     int64_t mCorrectionRealUs;    ///< when a latency jump ends; INT64_MAX without one
     int64_t mFaultEndsUs = 0;
     AudioReport mReport;

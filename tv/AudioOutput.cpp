@@ -1,6 +1,4 @@
 // SPDX-License-Identifier: Apache-2.0
-// The thread around the audio model: it steps the model when the model asks for it and after every
-// operation, and sleeps in between.
 #include "tv/AudioOutput.h"
 
 #include <algorithm>
@@ -10,7 +8,6 @@
 #include <mutex>
 #include <thread>
 
-#include "tv/AudioModel.h"
 #include "tv/ScopedLock.h"
 #include "tv/Tv.h"
 
@@ -21,7 +18,7 @@ struct AudioOutput::Impl {
         : model(std::move(instance), config), thread([this] { run(); }) {}
 
     void run();
-    /// One operation on the model, which the thread then follows up.
+    /// Runs one operation on the model, then wakes the thread for the step after it.
     template <typename Operation>
     void change(Operation operation) {
         {
@@ -35,12 +32,11 @@ struct AudioOutput::Impl {
     std::condition_variable wake;
     AudioModel model KORVANE_GUARDED_BY(lock);
     bool stopping KORVANE_GUARDED_BY(lock) = false;
-    std::thread thread;  // last: it uses the others from its first moment
+    std::thread thread;  // last: it uses the other members as soon as it starts
 };
 
 void AudioOutput::Impl::run() {
-    // A wait is cut into pieces of this length, so that a clock that is stepped by hand is
-    // followed.
+    // Longer waits are split, so that the thread notices a clock that a test moves by hand.
     constexpr int64_t kLongestWaitUs = 1'000'000;
     WaitLock guard(lock);
     while (!stopping) {

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The vsync grid is a list of segments, one per mode. A vsync's time is computed from its segment's
-// origin and its number each time it is asked for, rounded once, so no error ever adds up.
+// The vsync grid is a list of segments, one per mode. A vsync's time is always computed from its
+// segment's origin and its number, rounded once, so errors do not add up.
 #include "tv/Display.h"
 
 #include <algorithm>
@@ -11,7 +11,7 @@ namespace {
 
 constexpr double kNsPerSecond = 1e9;
 
-/// To the nearest, as std::llround does, which is a call of the C library; every vsync asks.
+/// Rounds to nearest like std::llround, but inline: every vsync rounds.
 int64_t rounded(double ns) {
     return static_cast<int64_t>(ns < 0.0 ? ns - 0.5 : ns + 0.5);
 }
@@ -50,7 +50,7 @@ Vsync Display::lastLocked(int64_t timeNs) const {
     const auto sinceOriginNs = static_cast<double>(timeNs - segment.originNs);
     int64_t index =
         segment.firstIndex + static_cast<int64_t>(std::floor(sinceOriginNs / segment.periodNs));
-    // The division can land one beside the rounded times that the grid is made of.
+    // The grid's times are rounded, so the division can be off by one.
     int64_t atNs = timeOf(segment, index);
     while (atNs > timeNs) {
         atNs = timeOf(segment, --index);
@@ -87,19 +87,13 @@ Vsync Display::vsync(int64_t index) const {
     return vsyncLocked(index);
 }
 
-double Display::periodNsAt(int64_t timeNs) const {
-    const std::lock_guard<std::mutex> guard(mLock);
-    return segmentAt(timeNs).periodNs;
-}
-
 double Display::rateHz() const {
     const std::lock_guard<std::mutex> guard(mLock);
     return mSegments.back().rateHz;
 }
 
-/// The same for the same seed with every C++ library, which std::uniform_int_distribution is not:
-/// the upper word of a random word times the number of values, after Lemire ("Fast Random Integer
-/// Generation in an Interval", 2019), who draws again where one value would come more often.
+/// Uniform in [-jitter, jitter]: Lemire's method ("Fast Random Integer Generation in an Interval",
+/// 2019). Not std::uniform_int_distribution, whose results differ between C++ libraries.
 int64_t Display::nextErrorNs() {
     using Product = unsigned __int128;
     const int64_t jitterNs = mConfig.reportJitterNs;
@@ -126,7 +120,6 @@ bool Display::report(int64_t nowNs, VsyncReport* out) {
 void Display::changeMode(int64_t atNs, double rateHz) {
     const std::lock_guard<std::mutex> guard(mLock);
     const Vsync start = vsyncLocked(lastLocked(atNs - 1).index + 1);
-    // What was to change at or after this moment no longer will.
     mSegments.erase(
         std::remove_if(mSegments.begin(), mSegments.end(),
                        [&](const Segment& segment) { return segment.originNs >= start.timeNs; }),
@@ -139,11 +132,7 @@ void Display::setReportFails(bool fails) {
     mReportFails = fails;
 }
 
-void Display::setReportedPeriodNs(int32_t periodNs) {
-    setReportedPeriod(periodNs);
-}
-
-void Display::setReportedPeriod(std::optional<int32_t> periodNs) {
+void Display::setReportedPeriodNs(std::optional<int32_t> periodNs) {
     const std::lock_guard<std::mutex> guard(mLock);
     mPeriodOverrideNs = periodNs;
 }

@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
-// The display: a true vsync grid and what it reports of it.
+// The display: the true vsync grid and what the display reports of it.
 //
-// Vsync k happens at origin + k periods exactly (the period is a real number of nanoseconds and is
-// never accumulated, so the grid does not wander). What the display reports to software is the
-// time of the last vsync, with the configured jitter, and the period in whole nanoseconds. A mode
-// change takes effect at the first vsync at or after the time asked for and starts a new segment of
-// the grid there; vsync numbers go on counting.
+// Vsync k happens at origin + k periods exactly. The period is a real number of nanoseconds and is
+// never accumulated, so the grid does not wander. The display reports the time of the last vsync,
+// with the configured jitter, and the period in whole nanoseconds. A mode change takes effect at
+// the first vsync at or after the requested time and starts a new segment of the grid there; vsync
+// numbers continue.
 //
 //   rate      true period ns     reported ns   in the renderer, us
 //   60        16666666.67        16666666      16666   ("60HZ")
@@ -26,13 +26,14 @@ namespace korvane::tv {
 struct DisplayConfig {
     /// Vsyncs per second; a broadcast rate is its fraction, 60000.0 / 1001.
     double rateHz = 60.0;
-    /// How far the true rate is off the reported one, in parts per million; positive is fast.
+    /// By how much the true rate differs from the reported one, parts per million; positive is
+    /// fast.
     double driftPpm = 0.0;
     /// Largest error, either way, of a reported vsync time.
     int64_t reportJitterNs = 0;
     /// Time of vsync 0 on the monotonic clock; 0: the TV chooses (see `Tv::powerOn`).
     int64_t originNs = 0;
-    /// Seed of the report jitter.
+    /// Seed of the report jitter: the same seed gives the same errors, another seed others.
     uint64_t seed = 1;
 };
 
@@ -42,7 +43,7 @@ struct Vsync {
     int64_t timeNs = 0;
 };
 
-/// What software is told: time of the last vsync and the period.
+/// What the display reports: time of the last vsync and the period.
 struct VsyncReport {
     int64_t timestampNs = 0;
     int32_t periodNs = 0;
@@ -58,24 +59,21 @@ public:
     /// The first vsync after a time.
     Vsync nextVsyncAfter(int64_t timeNs) const;
     Vsync vsync(int64_t index) const;
-    /// The true period in force at a time.
-    double periodNsAt(int64_t timeNs) const;
-    /// The rate last asked for.
+    /// The rate last requested.
     double rateHz() const;
 
-    /// What the display tells software at a time. Queries are counted.
-    /// @return false while the report is switched off
+    /// Answers a vsync query at a time. Queries are counted.
+    /// @return false while the fault `setReportFails` is on
     bool report(int64_t nowNs, VsyncReport* out);
 
-    /// Changes the rate at the first vsync at or after a time, which is now or ahead of it. Changes
-    /// asked for earlier that would come at or after that vsync are forgotten.
+    /// Changes the rate at the first vsync at or after a time, which is now or later. It replaces
+    /// earlier requests that would take effect at or after that vsync.
     void changeMode(int64_t atNs, double rateHz);
 
-    /// Faults: the report fails; or it succeeds with this period (0 or less upsets naive callers).
+    /// Faults: the report fails, or succeeds with this period (also 0 and below; empty restores the
+    /// display's own).
     void setReportFails(bool fails);
-    void setReportedPeriodNs(int32_t periodNs);
-    /// The same, or empty: the display's own period again.
-    void setReportedPeriod(std::optional<int32_t> periodNs);
+    void setReportedPeriodNs(std::optional<int32_t> periodNs);
     int64_t reportCount() const;
 
 private:

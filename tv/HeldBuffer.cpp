@@ -34,7 +34,7 @@ bool cannotShrink(int fd) {
     return seals >= 0 && (seals & F_SEAL_SHRINK) != 0;
 }
 
-/// Null where it cannot be, or must not.
+/// Null if unmappable or unsealed.
 std::shared_ptr<const MappedHeader> map(int fd, const struct stat& file) {
     if (file.st_size < off_t{sizeof(PictureHeader)} || !cannotShrink(fd)) {
         return nullptr;
@@ -60,7 +60,7 @@ int BufferMemory::hold(int fd, HeldBuffer* out) {
         return 0;
     }
     if (auto mapped = map(fd, file)) {
-        forgetUnused();
+        dropUnused();
         mMapped.emplace(key, mapped);
         *out = HeldBuffer(std::move(mapped));
         return 0;
@@ -73,9 +73,9 @@ int BufferMemory::hold(int fd, HeldBuffer* out) {
     return 0;
 }
 
-/// A producer may make new buffers for as long as it plays.
-void BufferMemory::forgetUnused() {
-    if (mMapped.size() < kMost) {
+/// Bounds the mappings of a producer that keeps making new buffers.
+void BufferMemory::dropUnused() {
+    if (mMapped.size() < kMaxMappings) {
         return;
     }
     for (auto entry = mMapped.begin(); entry != mMapped.end();) {

@@ -1,11 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
-// A buffer's memory as the display holds it from queueing until the panel is done, as a driver
-// holds its reference: the producer may close or reuse its own descriptor meanwhile.
+// The display's reference to a buffer's memory, from queueing until the panel is done. Like a
+// driver's reference it is independent of the producer's descriptor, which may be closed or reused.
 //
-// Memory that cannot shrink (a memory file sealed so, as the player's are) is mapped once and found
-// again by its file for as long as the tunnel is connected: a look at the descriptor per frame is
-// all that the kernel has to do. Any other is held by a duplicate and read, because a mapping must
-// not end under its reader.
+// A memory file that is sealed against shrinking, as the player's are, is mapped once per
+// connection and found again by device and inode: one fstat per frame. Any other memory is held by
+// a duplicate descriptor and read, because a mapping of a file that shrinks would fault.
 #pragma once
 
 #include <sys/types.h>
@@ -24,7 +23,7 @@ class MappedHeader;
 
 class HeldBuffer {
 public:
-    /// Nothing: a buffer without a picture.
+    /// A buffer without a picture.
     HeldBuffer() = default;
     explicit HeldBuffer(std::shared_ptr<const MappedHeader> mapped) : mMapped(std::move(mapped)) {}
     explicit HeldBuffer(UniqueFd descriptor) : mDescriptor(std::move(descriptor)) {}
@@ -36,18 +35,18 @@ private:
     UniqueFd mDescriptor;
 };
 
-/// The memory that a producer's buffers are in.
+/// The memory of one producer's buffers.
 class BufferMemory {
 public:
-    /// Holds what is behind a descriptor; nothing, if that is none.
+    /// Takes a reference to a descriptor's memory; an invalid descriptor gives an empty one.
     /// @return 0, or -EMFILE when the process is out of descriptors
     int hold(int fd, HeldBuffer* out);
 
 private:
     /// Mappings kept: more than a tunnel holds buffers.
-    static constexpr size_t kMost = 128;
+    static constexpr size_t kMaxMappings = 128;
 
-    void forgetUnused();
+    void dropUnused();
 
     std::map<std::pair<dev_t, ino_t>, std::shared_ptr<const MappedHeader>> mMapped;
 };

@@ -1,9 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
-// The log: this library's `__android_log_print` stands before liblog's. A line is formatted once,
-// shown to the observer and passed to liblog when its priority is high enough. Libraries log while
-// they are being loaded, before anybody could say what is to be written, and while they are being
-// unloaded: the state is made by the first line and never destroyed, and the first lines are kept
-// until `openLog` or the process's end.
+// This library's `__android_log_print` takes precedence over liblog's. A line is formatted once,
+// passed to the observer and, if its priority is high enough, to liblog. Libraries also log while
+// they are being loaded, before `openLog` can be called, and while they are being unloaded. So the
+// first line creates the state, which is never destroyed, and early lines are kept until `openLog`
+// or exit.
+#include "tv/Log.h"
+
 #include <android/log.h>
 
 #include <atomic>
@@ -15,12 +17,11 @@
 
 #include "include/ThreadAnnotations.h"
 #include "tv/Observer.h"
-#include "tv/Platform.h"
 
 namespace korvane::tv {
 namespace {
 
-/// liblog's own limit for a line, with the terminating zero.
+/// liblog's limit for a line, the terminating zero included.
 constexpr size_t kLongestLine = 1024;
 constexpr size_t kKeptLines = 256;
 constexpr int kNotOpen = -1;
@@ -44,7 +45,7 @@ LogState& state() {
 }
 
 void write(const LogLine& line) {
-    // A line's own newline would leave an empty line on stderr; logcat, too, swallows it.
+    // liblog adds a newline; as in logcat, a line that ends with one gets no second.
     const bool newline = !line.text.empty() && line.text.back() == '\n';
     const std::string text = newline ? line.text.substr(0, line.text.size() - 1) : line.text;
     __android_log_write(line.priority, line.tag.c_str(), text.c_str());
@@ -83,7 +84,7 @@ int route(int priority, const char* tag, const char* text) {
     return static_cast<int>(line.text.size());
 }
 
-/// Whether anybody wants a line of this priority.
+/// Whether a line of this priority is written or observed.
 bool wanted(int priority) {
     const LogState& log = state();
     return priority >= log.lowestPriority || log.observer.present();
@@ -93,7 +94,7 @@ bool wanted(int priority) {
 
 void openLog(int lowestPriority) {
     LogState& log = state();
-    // liblog's own threshold, which is info on a host, must not hide what was asked for.
+    // liblog's own threshold, info on a host, must not hide lines below it.
     __android_log_set_minimum_priority(ANDROID_LOG_VERBOSE);
     const std::lock_guard<std::mutex> guard(log.lock);
     for (const LogLine& line : log.kept) {

@@ -1,104 +1,21 @@
 // SPDX-License-Identifier: Apache-2.0
-// An instance is a handful of values under one lock; every operation is one step on them. Who leads
-// is kept apart from the mode, because in pass-through the mode does not tell. A pass-through
-// policy that was put in place from outside is called without the lock.
+// An instance is a clock and a few settings under one lock; every operation is one step on them. A
+// video policy set from outside is called without the lock.
 #include "tv/MediaSyncService.h"
 
-#include <algorithm>
-#include <atomic>
-#include <cinttypes>
-#include <cstdio>
+#include <fmt/format.h>
 
-#include "platform/Clock.h"
+#include <atomic>
+
+#include "tv/SyncClock.h"
 
 namespace korvane::tv {
 namespace {
 
-constexpr int64_t kUnset = -1;
+constexpr int64_t kUnset = SyncClock::kUnset;
 /// Audio re-anchors above this error: half of what an output may be off before it is noticed
 /// (EBU R37: 15 ms late per stage, 5 ms early).
 constexpr int64_t kUpdateThresholdUs = 10'000;
-/// Pass-through asks again for frames due later than this; a panel needs far less lead.
-constexpr int64_t kHoldAheadUs = 100'000;
-/// Pass-through drops frames later than this, the same bound that the renderer has.
-constexpr int64_t kDropLateUs = 40'000;
-
-enum class Leader { Nobody, Video, Audio };
-
-const char* toString(Leader leader) {
-    switch (leader) {
-        case Leader::Nobody:
-            return "nobody";
-        case Leader::Video:
-            return "video";
-        case Leader::Audio:
-            return "audio";
-    }
-    return "?";
-}
-
-struct Clock {
-    sync_mode mode = MEDIA_SYNC_VMASTER;
-    Leader leader = Leader::Nobody;  ///< who anchored last; Nobody without an anchor
-    int64_t anchorMediaUs = 0;
-    int64_t anchorRealUs = 0;
-    bool paused = false;
-    int64_t pausedMediaUs = 0;  ///< where the clock stands while paused and anchored
-    int64_t trackUs = kUnset;   ///< audio's last step
-    bool hasTrack = false;
-    int64_t startingUs = kUnset;
-
-    void reportTrack(int64_t mediaUs) {
-        trackUs = mediaUs;
-        hasTrack = true;
-    }
-    bool anchored() const { return leader != Leader::Nobody; }
-    int64_t mediaAt(int64_t realUs) const {
-        return paused ? pausedMediaUs
-                      : saturatingAdd(anchorMediaUs, saturatingSub(realUs, anchorRealUs));
-    }
-    int64_t realFor(int64_t mediaUs, int64_t nowUs) const {
-        return paused ? saturatingAdd(nowUs, saturatingSub(mediaUs, pausedMediaUs))
-                      : saturatingAdd(anchorRealUs, saturatingSub(mediaUs, anchorMediaUs));
-    }
-    void anchor(Leader by, int64_t mediaUs, int64_t realUs) {
-        leader = by;
-        anchorMediaUs = mediaUs;
-        anchorRealUs = realUs;
-        pausedMediaUs = mediaUs;
-    }
-    /// Pass-through belongs to whoever anchored first; mode 1 to audio; mode 0 to anybody.
-    bool mayAnchor(Leader by) const {
-        switch (mode) {
-            case MEDIA_SYNC_VMASTER:
-                return true;
-            case MEDIA_SYNC_AMASTER:
-                return by == Leader::Audio;
-            case MEDIA_SYNC_PCRMASTER:
-                return !anchored() || leader == by;
-        }
-        return true;
-    }
-    void setPause(bool pause, int64_t nowUs) {
-        if (pause == paused) {
-            return;
-        }
-        if (pause) {
-            pausedMediaUs = mediaAt(nowUs);
-        } else {
-            anchorMediaUs = pausedMediaUs;
-            anchorRealUs = nowUs;
-        }
-        paused = pause;
-    }
-};
-
-mediasync_video_policy decision(video_policy policy, int64_t realUs) {
-    mediasync_video_policy result{};
-    result.videopolicy = policy;
-    result.realtimeUs = realUs;
-    return result;
-}
 
 }  // namespace
 
@@ -111,7 +28,7 @@ struct SyncInstance::State {
 
     const int id;
     mutable std::mutex lock;
-    Clock clock KORVANE_GUARDED_BY(lock);
+    SyncClock clock KORVANE_GUARDED_BY(lock);
     int64_t updateThresholdUs KORVANE_GUARDED_BY(lock) = kUpdateThresholdUs;
     bool passthroughEnded KORVANE_GUARDED_BY(lock) = false;
     VideoPolicyFunction policy KORVANE_GUARDED_BY(lock);
@@ -186,7 +103,7 @@ bool SyncInstance::takeFromAudio(int64_t mediaUs, int64_t nowUs) {
 
 void SyncInstance::pauseFromAudio(int64_t mediaUs, int64_t nowUs) {
     const std::lock_guard<std::mutex> guard(mState->lock);
-    Clock& clock = mState->clock;
+    SyncClock& clock = mState->clock;
     clock.reportTrack(mediaUs);
     if (clock.mayAnchor(Leader::Audio)) {
         clock.setPause(true, nowUs);
@@ -195,7 +112,7 @@ void SyncInstance::pauseFromAudio(int64_t mediaUs, int64_t nowUs) {
 
 bool SyncInstance::stepFromAudio(int64_t mediaUs) {
     const std::lock_guard<std::mutex> guard(mState->lock);
-    Clock& clock = mState->clock;
+    SyncClock& clock = mState->clock;
     const bool follows = clock.mode == MEDIA_SYNC_PCRMASTER && clock.leader == Leader::Video;
     const bool leads = clock.mode != MEDIA_SYNC_VMASTER && clock.leader == Leader::Audio;
     if (!follows && (!leads || clock.paused)) {
@@ -229,7 +146,7 @@ int64_t SyncInstance::mediaTimeAt(int64_t realUs) const {
 
 int64_t SyncInstance::trackMediaTime() const {
     const std::lock_guard<std::mutex> guard(mState->lock);
-    const Clock clock = mState->clock;
+    const SyncClock& clock = mState->clock;
     if (clock.hasTrack) {
         return clock.trackUs;
     }
@@ -253,7 +170,7 @@ void SyncInstance::setUpdateThresholdUs(int64_t thresholdUs) {
 
 void SyncInstance::reset() {
     const std::lock_guard<std::mutex> guard(mState->lock);
-    mState->clock = Clock{};
+    mState->clock = SyncClock{};
 }
 
 mediasync_video_policy SyncInstance::videoPolicy(int64_t mediaUs, int64_t lastMediaUs,
@@ -279,23 +196,13 @@ mediasync_video_policy SyncInstance::videoPolicy(int64_t mediaUs, int64_t lastMe
 
 mediasync_video_policy SyncInstance::State::decide(int64_t mediaUs, int64_t nowUs) {
     if (passthroughEnded) {
-        return decision(MEDIASYNC_VIDEO_EXIT, 0);
+        return {MEDIASYNC_VIDEO_EXIT, 0, 0, 0};
     }
     if (!clock.anchored() && !clock.paused && clock.mode == MEDIA_SYNC_PCRMASTER) {
         clock.anchor(Leader::Video, mediaUs, nowUs);
         ++counters.anchorsTaken;
     }
-    if (!clock.anchored() || clock.paused) {
-        return decision(MEDIASYNC_VIDEO_HOLD, 0);
-    }
-    const int64_t realUs = clock.realFor(mediaUs, nowUs);
-    if (saturatingSub(realUs, nowUs) > kHoldAheadUs) {
-        return decision(MEDIASYNC_VIDEO_HOLD, realUs);
-    }
-    if (saturatingSub(nowUs, realUs) > kDropLateUs) {
-        return decision(MEDIASYNC_VIDEO_DROP, realUs);
-    }
-    return decision(MEDIASYNC_VIDEO_NORMAL_OUTPUT, realUs);
+    return clock.decide(mediaUs, nowUs);
 }
 
 void SyncInstance::State::count(const mediasync_video_policy& policyResult) {
@@ -313,7 +220,7 @@ void SyncInstance::State::count(const mediasync_video_policy& policyResult) {
             ++counters.exits;
             break;
         default:
-            break;  // no decision; an overriding policy may answer so
+            break;  // no decision, which a policy set from outside may return
     }
 }
 
@@ -352,20 +259,17 @@ SyncCounters SyncInstance::counters() const {
 
 std::string SyncInstance::dump() const {
     const std::lock_guard<std::mutex> guard(mState->lock);
-    const Clock clock = mState->clock;
-    char text[512];
-    std::snprintf(text, sizeof(text),
-                  "sync instance %d: mode %d, led by %s, %s; media %" PRId64 " us at real %" PRId64
-                  " us; track %" PRId64 " us, started at %" PRId64 " us\n  anchors: %" PRId64
-                  " taken, %" PRId64 " ignored; decisions: %" PRId64 " render, %" PRId64
-                  " hold, %" PRId64 " drop, %" PRId64 " exit\n",
-                  mState->id, static_cast<int>(clock.mode), toString(clock.leader),
-                  clock.paused ? "paused" : "running",
-                  clock.paused ? clock.pausedMediaUs : clock.anchorMediaUs, clock.anchorRealUs,
-                  clock.trackUs, clock.startingUs, mState->counters.anchorsTaken,
-                  mState->counters.anchorsIgnored, mState->counters.renders, mState->counters.holds,
-                  mState->counters.drops, mState->counters.exits);
-    return text;
+    const SyncClock& clock = mState->clock;
+    const SyncCounters& counters = mState->counters;
+    return fmt::format(
+        "sync instance {}: mode {}, led by {}, {}; media {} us at real {} us; track {} us, started "
+        "at {} us\n"
+        "  anchors: {} taken, {} ignored; decisions: {} render, {} hold, {} drop, {} exit\n",
+        mState->id, static_cast<int>(clock.mode), toString(clock.leader),
+        clock.paused ? "paused" : "running",
+        clock.paused ? clock.pausedMediaUs : clock.anchorMediaUs, clock.anchorRealUs, clock.trackUs,
+        clock.startingUs, counters.anchorsTaken, counters.anchorsIgnored, counters.renders,
+        counters.holds, counters.drops, counters.exits);
 }
 
 std::shared_ptr<SyncInstance> MediaSyncService::create() {

@@ -5,29 +5,25 @@
 // time r0): real(m) = r0 + (m - m0). Who may move the anchor depends on the mode:
 //
 //   mode 0  nobody leads yet: video's anchors are taken; audio takes the clock when it starts
-//   mode 1  audio leads: audio anchors; video's anchors are ignored
+//   mode 1  audio leads: audio's anchors are taken; video's are ignored
 //   mode 2  pass-through: the instance decides for each frame; whoever anchors first leads
 //
-//   state                      real time for media m          track media time
-//   no anchor                  -1                             -1
-//   running                    r0 + (m - m0)                  the last step that audio reported,
-//   or,
-//                                                             without audio, the anchor's media
-//                                                             time
-//   paused at media p          now + (m - p): the soonest     stands still
-//                              that it could be
+//   state              real time for media m                 track media time
+//   no anchor          -1                                    -1
+//   running            r0 + (m - m0)                         audio's last step; without audio m0
+//   paused at media p  now + (m - p), the earliest possible  stands still
 //
-// `setPause(true)` freezes the clock where it is; `setPause(false)` goes on from there, from now.
-// A renderer that finds the clock paused at its first frame waits until audio releases it.
+// `setPause(true)` freezes the clock; `setPause(false)` lets it run from there. A renderer that
+// finds the clock paused at its first frame waits until audio resumes it.
 //
-// Audio leads for as long as it plays: a renderer's flush sets mode 0 and an anchor of its own, and
-// its first frame pauses the clock. Audio notices at its next step and takes the clock back, as one
-// step. In pass-through (mode 2) video that anchored first keeps the clock and audio follows it.
+// Audio leads while it plays. A renderer's flush sets mode 0 and an anchor of its own, and its
+// first frame pauses the clock; audio notices at its next step and takes the clock back. In
+// pass-through that video leads, video keeps the clock and audio follows it.
 //
-// Pass-through decisions (`VideoProcess`, overridable): exit once the instance was told to end;
-// hold while the clock is not running or the frame is due more than 100 ms ahead; drop when it is
-// more than 40 ms late; else render at its real time. Without any anchor the first frame asked for
-// in free-running pass-through anchors the clock.
+// Pass-through decisions (`VideoProcess`, overridable): exit after `endPassthrough`; hold while the
+// clock is not running or the frame is due more than 100 ms ahead; drop when it is more than 40 ms
+// late; else render at its real time. If nobody has anchored yet, the first frame anchors the
+// running clock.
 #pragma once
 
 #include <cstdint>
@@ -53,7 +49,7 @@ struct SyncCounters {
     int64_t queuedVideoFrames = 0;
 };
 
-/// A pass-through decision from values.
+/// A replacement for the pass-through decision.
 using VideoPolicyFunction = std::function<mediasync_video_policy(
     int64_t mediaTimeUs, int64_t lastMediaTimeUs, int64_t nowUs)>;
 
@@ -69,21 +65,19 @@ public:
     void setPause(bool paused, int64_t nowUs);
     /// Video's anchor; realUs 0 means now.
     void updateAnchorFromVideo(int64_t mediaUs, int64_t realUs, int64_t nowUs);
-    /// Audio takes or moves the clock: mode 1 (unless pass-through), anchored here. Ignored in
-    /// pass-through that video leads.
+    /// Audio's anchor. Mode 0 becomes 1. Ignored in pass-through that video leads.
     /// @return whether the anchor was taken
     bool anchorFromAudio(int64_t mediaUs, int64_t realUs);
-    /// Audio starts or goes on: track time, starting time, anchor, mode 1 and resume as one step,
-    /// so that no other client ever sees them half done.
-    /// @return false in pass-through that video leads; only track and starting time are then set
+    /// Audio starts or continues: sets track time, starting time, anchor and mode 1 and resumes, in
+    /// one step for all other clients.
+    /// @return false in pass-through that video leads; then only track and starting time are set
     bool takeFromAudio(int64_t mediaUs, int64_t nowUs);
-    /// Audio stops for a while (underflow, pause): track time and pause as one step. A pass-through
-    /// clock that video leads runs on.
+    /// Audio stops (underflow, pause): sets track time and pauses in one step. A pass-through clock
+    /// that video leads runs on.
     void pauseFromAudio(int64_t mediaUs, int64_t nowUs);
-    /// Audio's next step: its track time, while the clock is still its own.
-    /// @return false when the clock was taken away, as a renderer does that pauses at its first
-    /// frame
-    ///         or sets mode 0 in a flush; nothing is then set
+    /// Audio's next step: sets its track time if audio still has the clock.
+    /// @return false, and nothing is set, if the clock was taken away: a renderer paused it at its
+    ///         first frame or set mode 0 in a flush
     bool stepFromAudio(int64_t mediaUs);
     /// Audio's reported position.
     void setTrackMediaTime(int64_t mediaUs);
@@ -101,13 +95,13 @@ public:
 
     mediasync_video_policy videoPolicy(int64_t mediaUs, int64_t lastMediaUs, int64_t nowUs);
     void setVideoPolicy(VideoPolicyFunction policy);
-    /// What the instance itself would decide, for policies that differ from it now and then.
+    /// The instance's own decision, for policies that only sometimes differ from it.
     mediasync_video_policy automaticPolicy(int64_t mediaUs, int64_t nowUs);
-    /// Pass-through: every later decision is exit.
+    /// Makes every later pass-through decision exit.
     void endPassthrough();
     void countQueuedVideoFrame();
 
-    /// Fault: every call of a client returns this status; 0 is none.
+    /// Fault: every client call returns this status; 0 switches the fault off.
     void setStatus(int status);
     int status() const;
 
@@ -124,7 +118,7 @@ class MediaSyncService {
 public:
     /// A new instance with an id of its own, 1 or above.
     std::shared_ptr<SyncInstance> create();
-    /// @return null for an id that was never created
+    /// @return null for an unknown id
     std::shared_ptr<SyncInstance> find(int id) const;
     std::vector<std::shared_ptr<SyncInstance>> instances() const;
 

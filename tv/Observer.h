@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-// One replaceable observer, called from any thread: a call holds a shared lock, so that after the
-// observer was replaced no call to the old one is under way. Without an observer a call costs one
-// load. A thread that is inside an observer does not enter it again.
+// One replaceable observer, called from any thread. A call holds a shared lock, so when `set`
+// returns, no call of the earlier observer is running. Without an observer a call costs one load. A
+// thread that is inside an observer does not enter one again. What an observer throws leaves
+// `call`.
 #pragma once
 
 #include <atomic>
@@ -36,15 +37,26 @@ public:
         if (inside) {
             return;
         }
-        const SharedLock guard(mLock);
+        const SharedLock lock(mLock);
         if (mFunction) {
-            inside = true;
+            const Inside guard(inside);
             mFunction(arguments...);
-            inside = false;
         }
     }
 
 private:
+    /// Sets a thread's mark for as long as it is inside, however it leaves.
+    class Inside {
+    public:
+        explicit Inside(bool& mark) : mMark(mark) { mMark = true; }
+        ~Inside() { mMark = false; }
+        Inside(const Inside&) = delete;
+        Inside& operator=(const Inside&) = delete;
+
+    private:
+        bool& mMark;
+    };
+
     SharedMutex mLock;
     std::atomic<bool> mPresent{false};
     Function mFunction KORVANE_GUARDED_BY(mLock);

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Reads a picture's header with one positioned read: any descriptor is safe to ask, none is moved.
+// Reads a picture's header with one pread, which moves no file position and fails on pipes.
 #include "tv/Picture.h"
 
 #include <unistd.h>

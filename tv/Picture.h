@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
-// What is in a buffer, readable by the display.
+// The content of a buffer as the display reads it.
 //
-// A frame buffer is a memory file: one page with this header, then the picture's planes. As a real
-// panel shows whatever the memory holds at scan-out, the display reads the header when a buffer is
-// queued and again when the panel has finished reading it. So the record of what was shown comes
-// from the pictures themselves, and a buffer that its owner overwrites too early is caught.
-// A descriptor that is no such buffer is a picture without a number (-1).
+// A frame buffer is a memory file: one page with this header, then the picture's planes. A real
+// panel shows what the memory holds at scan-out. So the display reads the header when a buffer is
+// queued and again when the panel has finished reading it: the record of what was shown comes from
+// the pictures, and a buffer that is overwritten too early is detected. Any other descriptor counts
+// as a picture without a number (-1).
 #pragma once
 
 #include <cstdint>
@@ -13,7 +13,7 @@
 namespace korvane::tv {
 
 constexpr uint32_t kPictureMagic = 0x4b565046;
-/// Bytes before the first plane: one page, so that planes stay aligned for any decoder.
+/// Bytes before the first plane: one page, so that planes are aligned for any decoder.
 constexpr int64_t kPictureHeaderBytes = 4096;
 
 struct PictureHeader {
@@ -26,7 +26,7 @@ struct PictureHeader {
 };
 
 /// Reads a buffer's header.
-/// @return a header with frameNo -1 when the descriptor holds none
+/// @return a header with frameNo -1 if the descriptor has none
 PictureHeader readPicture(int fd);
 
 }  // namespace korvane::tv

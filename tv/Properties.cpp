@@ -1,16 +1,17 @@
 // SPDX-License-Identifier: Apache-2.0
-// The property store: names to values. It lives as long as the process, because libraries read
-// properties from static initialisers and destructors.
+// The property store, never destroyed: libraries read properties in static initialisers and
+// destructors.
+#include "tv/Properties.h"
+
 #include <map>
 #include <mutex>
 
 #include "include/ThreadAnnotations.h"
-#include "tv/Platform.h"
 
 namespace korvane::tv {
 namespace {
 
-/// A property value with its terminating zero fits the platform's 92-byte buffer.
+/// The platform's buffer for a value has 92 bytes, the terminating zero included.
 constexpr size_t kLongestValue = 91;
 
 struct PropertyStore {

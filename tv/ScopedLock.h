@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// Locks that the compiler's check can follow, for what the C++ library leaves without annotations:
-// a lock that a condition's wait lets go for its time, and a shared one. For all else there are
-// std::mutex and std::lock_guard.
+// Locks with annotations for the compiler's thread-safety check, where the C++ library's have none:
+// a lock to wait with on a condition, and a shared lock. Elsewhere use std::mutex and
+// std::lock_guard.
 #pragma once
 
 #include <mutex>
@@ -11,7 +11,7 @@
 
 namespace korvane::tv {
 
-/// Holds a lock, but for the time between `unlock` and `lock` and within a wait.
+/// Holds a mutex, except between `unlock` and `lock` and during a wait.
 class KORVANE_SCOPED_LOCK WaitLock {
 public:
     explicit WaitLock(std::mutex& mutex) KORVANE_ACQUIRE(mutex) : mLock(mutex) {}
@@ -21,14 +21,14 @@ public:
 
     void unlock() KORVANE_RELEASE() { mLock.unlock(); }
     void lock() KORVANE_ACQUIRE() { mLock.lock(); }
-    /// What a std::condition_variable's wait takes; after the wait the lock is held as before.
+    /// Argument for a std::condition_variable's wait, after which the mutex is held again.
     std::unique_lock<std::mutex>& forWait() { return mLock; }
 
 private:
     std::unique_lock<std::mutex> mLock;
 };
 
-/// Held by one that changes, or by any number that only read.
+/// Held by one writer or by any number of readers.
 class KORVANE_LOCK SharedMutex {
 public:
     void lock() KORVANE_ACQUIRE() { mMutex.lock(); }
@@ -40,7 +40,7 @@ private:
     std::shared_mutex mMutex;
 };
 
-/// Holds a SharedMutex to read.
+/// Holds a SharedMutex as a reader.
 class KORVANE_SCOPED_LOCK SharedLock {
 public:
     explicit SharedLock(SharedMutex& mutex) KORVANE_ACQUIRE_SHARED(mutex) : mMutex(mutex) {

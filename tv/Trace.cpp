@@ -1,8 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
-// The trace: this library's atrace calls stand before libcutils'. A call goes to the observer and,
-// while a file is recorded, as one entry into the ring; a thread of low priority empties the ring
-// into the file twenty times a second. On a full disk it goes on emptying the ring, so that what is
-// not recorded is counted; playback goes on.
+// This library's atrace calls take precedence over libcutils'. A call goes to the observer and,
+// while a file is recorded, into the ring as one entry. A thread of low priority moves the ring's
+// entries into the file 20 times a second. On a full disk it keeps emptying the ring, so that lost
+// events are counted and playback continues.
+#include "tv/Trace.h"
+
 #include <sys/resource.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -16,7 +18,6 @@
 #include <vector>
 
 #include "tv/Observer.h"
-#include "tv/Platform.h"
 #include "tv/ScopedLock.h"
 #include "tv/TraceFile.h"
 #include "tv/TraceRing.h"
@@ -29,7 +30,7 @@ namespace {
 /// The platform's video tag.
 constexpr uint64_t kVideoTag = 1 << 9;
 constexpr auto kWriteInterval = std::chrono::milliseconds(50);
-/// How far the writer steps back behind playback, of 19.
+/// Nice value of the writer, of 19, so that playback goes first.
 constexpr int kWriterNice = 10;
 
 /// One recording, from `startTrace` to `stopTrace`.
@@ -51,7 +52,7 @@ private:
 
     TraceRing mRing;
     std::atomic<int64_t> mLost{0};
-    TraceFile mFile;  ///< the writer's own while it runs
+    TraceFile mFile;  ///< the writer's while it runs
     TraceReport mReport;
     std::mutex mLock;
     std::condition_variable mWake;
@@ -62,11 +63,11 @@ private:
 };
 
 struct TraceState {
-    std::atomic<bool> recording{false};  ///< trace points look here first
+    std::atomic<bool> recording{false};  ///< checked by trace points before the lock
     std::atomic<bool> tagEnabled{false};
     Observer<char, const std::string&, int64_t> observer;
-    std::mutex controlLock KORVANE_ACQUIRED_BEFORE(lock);  ///< start against stop
-    SharedMutex lock;  ///< shared by trace points while they use `current`
+    std::mutex controlLock KORVANE_ACQUIRED_BEFORE(lock);  ///< serialises start and stop
+    SharedMutex lock;  ///< held shared by trace points while they use `current`
     std::unique_ptr<Recording> current KORVANE_GUARDED_BY(lock);
     TraceReport lastReport KORVANE_GUARDED_BY(controlLock);
 };

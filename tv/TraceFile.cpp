@@ -5,9 +5,8 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cinttypes>
-#include <cstdio>
 #include <fstream>
+#include <nlohmann/json.hpp>
 #include <system_error>
 #include <utility>
 
@@ -16,22 +15,10 @@
 namespace korvane::tv {
 namespace {
 
-/// Slices' tracks are drawn as threads with ids above any that Linux gives out.
-constexpr int32_t kFirstTrackThread = 1 << 30;
+using Json = nlohmann::ordered_json;
 
-/// A name as the inside of a JSON string; what is no printable ASCII becomes '?'.
-std::string escaped(const char* name) {
-    std::string text;
-    for (; *name != '\0'; ++name) {
-        if (*name == '"' || *name == '\\') {
-            text += '\\';
-            text += *name;
-        } else {
-            text += *name >= 0x20 && *name < 0x7f ? *name : '?';
-        }
-    }
-    return text;
-}
+/// Tracks of slices are drawn as threads, with ids above any that Linux assigns.
+constexpr int32_t kFirstTrackThread = 1 << 30;
 
 std::string threadName(int32_t thread) {
     if (VirtualTime::active()) {
@@ -42,33 +29,38 @@ std::string threadName(int32_t thread) {
     return std::getline(comm, name) ? name : "thread " + std::to_string(thread);
 }
 
-/// Virtual runs are alike to the byte, so the process's number is no part of them.
+/// The unit of the format. A double holds nanoseconds exactly for the first 52 days of uptime.
+double microseconds(int64_t ns) {
+    return static_cast<double>(ns) / 1e3;
+}
+
+/// Virtual runs are reproducible to the byte, so they carry a fixed process number.
 int processNumber() {
     return VirtualTime::active() ? 1 : getpid();
 }
 
-/// What an event has besides its name, thread and time.
-std::string details(const TraceEvent& event) {
-    const std::string value = std::to_string(event.value);
+/// Adds what an event has besides its name, thread and time.
+void addDetails(const TraceEvent& event, Json* json) {
     switch (event.kind) {
         case TraceEvent::Kind::Begin:
-            return R"("ph":"B")";
+            (*json)["ph"] = "B";
+            break;
         case TraceEvent::Kind::End:
-            return R"("ph":"E")";
+            (*json)["ph"] = "E";
+            break;
         case TraceEvent::Kind::Counter:
-            return R"("ph":"C","args":{"value":)" + value + "}";
+            json->update({{"ph", "C"}, {"args", {{"value", event.value}}}});
+            break;
         case TraceEvent::Kind::AsyncBegin:
-            return R"("ph":"b","cat":"async","id":)" + value;
+            json->update({{"ph", "b"}, {"cat", "async"}, {"id", event.value}});
+            break;
         case TraceEvent::Kind::AsyncEnd:
-            return R"("ph":"e","cat":"async","id":)" + value;
-        case TraceEvent::Kind::Slice: {
-            char length[48];
-            std::snprintf(length, sizeof(length), "%" PRId64 ".%03d", event.value / 1000,
-                          static_cast<int>(event.value % 1000));
-            return std::string(R"("ph":"X","dur":)") + length;
-        }
+            json->update({{"ph", "e"}, {"cat", "async"}, {"id", event.value}});
+            break;
+        case TraceEvent::Kind::Slice:
+            json->update({{"ph", "X"}, {"dur", microseconds(event.value)}});
+            break;
     }
-    return {};
 }
 
 }  // namespace
@@ -99,11 +91,12 @@ void TraceFile::add(const TraceEvent& event) {
     if (mNamed.count(thread) == 0) {
         nameThread(thread, threadName(thread));
     }
-    char place[96];
-    std::snprintf(place, sizeof(place), R"(,"pid":%d,"tid":%d,"ts":%)" PRId64 ".%03d,",
-                  processNumber(), thread, event.timeNs / 1000,
-                  static_cast<int>(event.timeNs % 1000));
-    addLine(R"({"name":")" + escaped(event.name.data()) + '"' + place + details(event) + "}");
+    Json json = {{"name", event.name.data()},
+                 {"pid", processNumber()},
+                 {"tid", thread},
+                 {"ts", microseconds(event.timeNs)}};
+    addDetails(event, &json);
+    addLine(json);
     ++mPendingEvents;
 }
 
@@ -113,17 +106,20 @@ void TraceFile::addTrack(int32_t track, const std::string& name) {
 
 void TraceFile::nameThread(int32_t thread, const std::string& name) {
     mNamed.insert(thread);
-    addLine(R"({"name":"thread_name","ph":"M","pid":)" + std::to_string(processNumber()) +
-            R"(,"tid":)" + std::to_string(thread) + R"(,"args":{"name":")" + escaped(name.c_str()) +
-            "\"}}");
+    addLine({{"name", "thread_name"},
+             {"ph", "M"},
+             {"pid", processNumber()},
+             {"tid", thread},
+             {"args", {{"name", name}}}});
 }
 
-void TraceFile::addLine(const std::string& line) {
+void TraceFile::addLine(const Json& event) {
     if (mFd < 0) {
         return;
     }
     mPending += mFirstLine ? "" : ",\n";
-    mPending += line;
+    // Names are any bytes; what is no UTF-8 becomes U+FFFD, so that the file stays valid JSON.
+    mPending += event.dump(-1, ' ', false, Json::error_handler_t::replace);
     mFirstLine = false;
 }
 
@@ -159,10 +155,8 @@ void TraceFile::finish() {
 
 void TraceFile::fail(const char* action, int error) {
     if (mFd >= 0) {
-        // Cuts a half written line off; where that cannot be done, nothing was written either.
-        if (ftruncate(mFd, mFileBytes) != 0) {
-            mFileBytes = 0;
-        }
+        // Cuts off a half-written line. What cannot be cut (a pipe) is no file to keep whole.
+        [[maybe_unused]] const int result = ftruncate(mFd, mFileBytes);
         close(mFd);
         mFd = -1;
     }

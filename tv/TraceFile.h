@@ -1,9 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
-// A trace file in Chrome's trace-event JSON: an array, one event per line. The format lets the
-// array's end be missing, so the file can be read at any moment, after a kill or a full disk, too.
+// A trace file in Chrome's trace-event JSON: an array, one event per line, written as it goes, so
+// that memory stays bounded. The format allows the array's end to be missing: the file is readable
+// at any moment, even after a kill or a full disk.
 #pragma once
 
 #include <cstdint>
+#include <nlohmann/json_fwd.hpp>
 #include <set>
 #include <string>
 
@@ -19,26 +21,26 @@ public:
     TraceFile(const TraceFile&) = delete;
     TraceFile& operator=(const TraceFile&) = delete;
 
-    /// Makes or empties the file.
+    /// Creates or empties the file.
     void open(const std::string& path);
     /// Formats an event into memory.
     void add(const TraceEvent& event);
-    /// Names a track of slices, before its first.
+    /// Names a track of slices; call it before its first slice.
     void addTrack(int32_t track, const std::string& name);
-    /// Writes what was added. After a failure, the file keeps the whole lines written before, and
-    /// what is added then is only counted.
+    /// Writes what was added. After a failure the file keeps the complete lines written before, and
+    /// later events are only counted.
     void write();
     /// Writes, ends the array and closes.
     void finish();
 
     int64_t written() const { return mWritten; }
-    /// Events that were added and are not in the file, for the failure's sake.
+    /// Events that were added but are not in the file because of a failure.
     int64_t lost() const { return mLost; }
     /// Empty, or one line on what failed.
     const std::string& failure() const { return mFailure; }
 
 private:
-    void addLine(const std::string& line);
+    void addLine(const nlohmann::ordered_json& event);
     void nameThread(int32_t thread, const std::string& name);
     void fail(const char* action, int error);
 

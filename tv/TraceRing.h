@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-// A bounded queue of trace events: many threads put, one takes, nobody waits. Each cell carries a
-// turn number that says whether it is free for the put or ready for the take of a given position; a
-// put claims its position by one compare-and-swap. A put that finds the ring full gives up.
+// A bounded lock-free queue of trace events: many producers, one consumer. Each cell has a sequence
+// number: equal to a position, the cell is free for that position's put; one more, it is ready for
+// that position's take. A put claims its position by one compare-and-swap and fails when the ring
+// is full.
 #pragma once
 
 #include <array>
@@ -14,9 +15,9 @@ namespace korvane::tv {
 struct TraceEvent {
     enum class Kind : uint8_t { Begin, End, Counter, AsyncBegin, AsyncEnd, Slice };
     Kind kind = Kind::Begin;
-    int32_t thread = 0;  ///< thread id; for a slice its track
+    int32_t thread = 0;  ///< thread id; a slice's track
     int64_t timeNs = 0;
-    int64_t value = 0;  ///< counter's value, slice's length in ns, async event's cookie
+    int64_t value = 0;  ///< counter's value, slice's duration in ns, async event's cookie
     std::array<char, 48> name{};
 };
 
@@ -24,7 +25,7 @@ class TraceRing {
 public:
     TraceRing() : mCells(std::make_unique<Cell[]>(kCells)) {
         for (uint64_t i = 0; i < kCells; ++i) {
-            mCells[i].turn.store(i, std::memory_order_relaxed);
+            mCells[i].sequence.store(i, std::memory_order_relaxed);
         }
     }
 
@@ -33,14 +34,14 @@ public:
         uint64_t position = mPut.load(std::memory_order_relaxed);
         for (;;) {
             Cell& cell = mCells[position % kCells];
-            const uint64_t turn = cell.turn.load(std::memory_order_acquire);
-            if (turn == position) {
+            const uint64_t sequence = cell.sequence.load(std::memory_order_acquire);
+            if (sequence == position) {
                 if (mPut.compare_exchange_weak(position, position + 1, std::memory_order_relaxed)) {
                     cell.event = event;
-                    cell.turn.store(position + 1, std::memory_order_release);
+                    cell.sequence.store(position + 1, std::memory_order_release);
                     return true;
                 }
-            } else if (turn < position) {
+            } else if (sequence < position) {
                 return false;
             } else {
                 position = mPut.load(std::memory_order_relaxed);
@@ -48,24 +49,24 @@ public:
         }
     }
 
-    /// One thread at a time. @return false when there is nothing to take
+    /// One thread at a time. @return false when the ring is empty
     bool take(TraceEvent* event) {
         Cell& cell = mCells[mTake % kCells];
-        if (cell.turn.load(std::memory_order_acquire) != mTake + 1) {
+        if (cell.sequence.load(std::memory_order_acquire) != mTake + 1) {
             return false;
         }
         *event = cell.event;
-        cell.turn.store(mTake + kCells, std::memory_order_release);
+        cell.sequence.store(mTake + kCells, std::memory_order_release);
         ++mTake;
         return true;
     }
 
-    /// A few seconds of everything that the library traces, in about 1.5 MB.
+    /// A few seconds of all that the library traces, in about 1.5 MB.
     static constexpr uint64_t kCells = 16384;
 
 private:
     struct Cell {
-        std::atomic<uint64_t> turn{0};
+        std::atomic<uint64_t> sequence{0};
         TraceEvent event;
     };
     std::unique_ptr<Cell[]> mCells;

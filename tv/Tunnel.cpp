@@ -1,141 +1,36 @@
 // SPDX-License-Identifier: Apache-2.0
-// The tunnel's state: devices, ids, and per id the buffers by stage: waiting, on screen, leaving
-// (replaced, the panel still reads it), returned (the producer may take it back). Stages hold the
-// numbers of buffers in their id's log, which grows at its back and is taken away from its front;
-// each stage holds few, so no step looks at a whole log. A buffer's memory is held until the panel
-// is done. A release fence is made when the producer takes the buffer back. One lock guards it all;
-// nothing is called under it but the trace.
+// The tunnel's entry points: devices, ids, connections and error numbers, under one lock. What
+// happens to an id's buffers is in TunnelBuffers. Nothing is called under the lock but the trace.
 #include "tv/Tunnel.h"
 
-#include <sys/socket.h>
+#include <fmt/format.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <deque>
 #include <limits>
 #include <map>
 #include <mutex>
 #include <set>
-#include <sstream>
 #include <utility>
 
 #include "include/ThreadAnnotations.h"
-#include "platform/Clock.h"
-#include "tv/HeldBuffer.h"
-#include "tv/Platform.h"
+#include "tv/TunnelBuffers.h"
 #include "tv/clock/Signal.h"
 
 namespace korvane::tv {
 namespace {
 
-constexpr int64_t kNever = std::numeric_limits<int64_t>::max();
-
-/// What the producer gets with a released buffer.
-enum class FenceKind { None, Signal, WrongMode };
-
-/// A fence whose time has not come. The signal is there once the producer has the descriptor.
-struct PendingFence {
-    int64_t signalNs;
-    Signal signal;
-};
-
-struct Returned {
-    int64_t number;
-    FenceKind fence;
-};
-
-/// The records of one id's buffers, by number from 0, without those taken away.
-class Log {
-public:
-    int64_t end() const { return mFirst + static_cast<int64_t>(mRecords.size()); }
-    BufferRecord& at(int64_t number) { return mRecords[static_cast<size_t>(number - mFirst)]; }
-    const std::deque<BufferRecord>& records() const { return mRecords; }
-    int64_t first() const { return mFirst; }
-    void add(const BufferRecord& record) { mRecords.push_back(record); }
-    BufferRecord takeFirst() {
-        const BufferRecord record = mRecords.front();
-        mRecords.pop_front();
-        ++mFirst;
-        return record;
-    }
-
-private:
-    std::deque<BufferRecord> mRecords;
-    int64_t mFirst = 0;
-};
-
-/// One allocated id and, while connected, its buffers, as numbers in its log.
+/// One allocated id.
 struct TunnelState {
-    int device = -1;
-    Log* log = nullptr;
+    int device;
+    TunnelBuffers buffers;
     bool connected = false;
-    std::deque<int64_t> waiting;
-    int64_t onScreen = -1;
-    int64_t leaving = -1;  ///< replaced at the last vsync; read by the panel until the next
-    std::deque<Returned> returned;
-    BufferMemory buffers;
-    std::map<int64_t, HeldBuffer> memory;    ///< by number
-    std::map<int64_t, PendingFence> fences;  ///< by number
 
-    BufferRecord& at(int64_t number) const { return log->at(number); }
-    bool holds(int64_t number) const;
-    int held() const {
-        return static_cast<int>(waiting.size() + returned.size()) + (onScreen >= 0 ? 1 : 0);
+    void disconnect(int64_t nowNs) {
+        connected = false;
+        buffers.disconnect(nowNs);
     }
 };
-
-/// Whether any stage, the panel or a fence still has to do with a buffer.
-bool TunnelState::holds(int64_t number) const {
-    return memory.count(number) > 0 || fences.count(number) > 0 ||
-           std::any_of(returned.begin(), returned.end(),
-                       [=](const Returned& buffer) { return buffer.number == number; });
-}
-
-void release(BufferRecord& buffer, BufferFate fate, int64_t atNs) {
-    buffer.fate = fate;
-    buffer.releasedNs = atNs;
-}
-
-/// Compares a picture that the panel has finished reading with what was queued.
-void checkPicture(const TunnelState& tunnel, int64_t number) {
-    BufferRecord& buffer = tunnel.at(number);
-    const PictureHeader picture = tunnel.memory.at(number).picture();
-    if (picture.frameNo != buffer.frameNo || picture.mediaTimeUs != buffer.mediaTimeUs) {
-        buffer.overwrittenOnScreen = true;
-    }
-}
-
-/// Closing one end of a socket pair wakes the other as closing a pipe does, but a socket is open
-/// for reading and writing.
-int makeSocketPair(Signal* signal, int* taken) {
-    int ends[2];
-    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) {
-        return -errno;
-    }
-    *signal = Signal(UniqueFd(ends[1]));
-    *taken = ends[0];
-    return 0;
-}
-
-/// Takes the due buffers from the front, releases all but the last and returns that one, or -1.
-int64_t takeNewestDue(TunnelState& tunnel, const Vsync& vsync) {
-    int64_t newest = -1;
-    while (!tunnel.waiting.empty()) {
-        const BufferRecord& front = tunnel.at(tunnel.waiting.front());
-        const bool due = front.atOnce || usToNs(front.presentationTimeUs) <= vsync.timeNs;
-        if (front.queuedNs > vsync.timeNs || !due) {
-            break;
-        }
-        if (newest >= 0) {
-            release(tunnel.at(newest), BufferFate::Superseded, vsync.timeNs);
-            tunnel.returned.push_back({newest, FenceKind::None});
-            tunnel.memory.erase(newest);
-        }
-        newest = tunnel.waiting.front();
-        tunnel.waiting.pop_front();
-    }
-    return newest;
-}
 
 }  // namespace
 
@@ -160,19 +55,9 @@ struct Tunnel::Impl {
         : config(tunnelConfig), display(panel) {}
 
     TunnelState* find(int device, int tunnelId) KORVANE_REQUIRES(lock);
-    /// At the end of an id; a log with records is forgotten when the last one has been taken.
-    void forgetEmptyLog(int tunnelId) KORVANE_REQUIRES(lock);
-    void hear(int64_t nowNs) KORVANE_REQUIRES(lock) { latestNs = std::max(latestNs, nowNs); }
-
-    // producer
-    void disconnect(TunnelState& tunnel, int64_t nowNs) KORVANE_REQUIRES(lock);
-    int makeFence(TunnelState& tunnel, const Returned& buffer, int* fenceFd) KORVANE_REQUIRES(lock);
-
-    // display
-    void replace(TunnelState& tunnel, int64_t number, const Vsync& vsync, const Vsync& next)
-        KORVANE_REQUIRES(lock);
-    void scanOut(TunnelState& tunnel, const Vsync& vsync, const Vsync& next) KORVANE_REQUIRES(lock);
-    void traceShown(const BufferRecord& buffer, int64_t endNs) const;
+    /// Disconnects and frees an id. Its records stay until they have been taken.
+    void freeId(int tunnelId) KORVANE_REQUIRES(lock);
+    void noteTime(int64_t nowNs) KORVANE_REQUIRES(lock) { latestNs = std::max(latestNs, nowNs); }
 
     const TunnelConfig config;
     Display& display;
@@ -181,13 +66,13 @@ struct Tunnel::Impl {
     int nextDevice KORVANE_GUARDED_BY(lock) = 0;
     std::set<int> devices KORVANE_GUARDED_BY(lock);
     SignalPipes signalPipes KORVANE_GUARDED_BY(lock);  ///< outlives the fences
+    /// By id; kept after the id is freed while it has records.
+    std::map<int, BufferRecords> records KORVANE_GUARDED_BY(lock);
     std::map<int, TunnelState> tunnels KORVANE_GUARDED_BY(lock);
-    /// The map's, by id, as every poll asks for one; null where the id has been freed.
+    /// Entries of `tunnels` by id, because every poll looks one up; null once the id is freed.
     std::vector<TunnelState*> tunnelOfId KORVANE_GUARDED_BY(lock);
-    /// By id; outlives the id while there are records.
-    std::map<int, Log> logs KORVANE_GUARDED_BY(lock);
     int64_t nextSerial KORVANE_GUARDED_BY(lock) = 0;
-    /// The latest time heard of, for closings that carry none.
+    /// The latest time passed in, for `close` and `freeId`, which have no time argument.
     int64_t latestNs KORVANE_GUARDED_BY(lock) = 0;
 };
 
@@ -215,14 +100,9 @@ int Tunnel::close(int device) {
     if (mImpl->devices.erase(device) == 0) {
         return -EBADF;
     }
-    for (auto entry = mImpl->tunnels.begin(); entry != mImpl->tunnels.end();) {
-        if (entry->second.device == device) {
-            mImpl->disconnect(entry->second, mImpl->latestNs);
-            mImpl->forgetEmptyLog(entry->first);
-            mImpl->tunnelOfId[static_cast<size_t>(entry->first)] = nullptr;
-            entry = mImpl->tunnels.erase(entry);
-        } else {
-            ++entry;
+    for (size_t id = 0; id < mImpl->tunnelOfId.size(); ++id) {
+        if (mImpl->find(device, static_cast<int>(id)) != nullptr) {
+            mImpl->freeId(static_cast<int>(id));
         }
     }
     return 0;
@@ -240,10 +120,9 @@ int Tunnel::allocId(int device, int* tunnelId) {
         return -ENOSPC;
     }
     *tunnelId = static_cast<int>(mImpl->tunnelOfId.size());
-    TunnelState& tunnel = mImpl->tunnels[*tunnelId];
-    mImpl->tunnelOfId.push_back(&tunnel);
-    tunnel.device = device;
-    tunnel.log = &mImpl->logs[*tunnelId];
+    TunnelState tunnel{device, TunnelBuffers(mImpl->records[*tunnelId])};
+    const auto entry = mImpl->tunnels.emplace(*tunnelId, std::move(tunnel)).first;
+    mImpl->tunnelOfId.push_back(&entry->second);
     return 0;
 }
 
@@ -253,16 +132,17 @@ int Tunnel::freeId(int device, int tunnelId) {
     if (mImpl->faults.freeFails || tunnel == nullptr) {
         return -EINVAL;
     }
-    mImpl->disconnect(*tunnel, mImpl->latestNs);
-    mImpl->forgetEmptyLog(tunnelId);
-    mImpl->tunnelOfId[static_cast<size_t>(tunnelId)] = nullptr;
-    mImpl->tunnels.erase(tunnelId);
+    mImpl->freeId(tunnelId);
     return 0;
 }
 
-void Tunnel::Impl::forgetEmptyLog(int tunnelId) {
-    if (logs[tunnelId].records().empty()) {
-        logs.erase(tunnelId);
+void Tunnel::Impl::freeId(int tunnelId) {
+    TunnelState*& tunnel = tunnelOfId[static_cast<size_t>(tunnelId)];
+    tunnel->disconnect(latestNs);
+    tunnel = nullptr;
+    tunnels.erase(tunnelId);
+    if (const auto left = records.find(tunnelId); left->second.all().empty()) {
+        records.erase(left);
     }
 }
 
@@ -281,7 +161,7 @@ int Tunnel::connect(int device, int tunnelId) {
 
 int Tunnel::disconnect(int device, int tunnelId, int64_t nowNs) {
     const std::lock_guard<std::mutex> guard(mImpl->lock);
-    mImpl->hear(nowNs);
+    mImpl->noteTime(nowNs);
     TunnelState* tunnel = mImpl->find(device, tunnelId);
     if (mImpl->faults.disconnectFails || tunnel == nullptr) {
         return -EINVAL;
@@ -289,27 +169,8 @@ int Tunnel::disconnect(int device, int tunnelId, int64_t nowNs) {
     if (!tunnel->connected) {
         return -ENOTCONN;
     }
-    mImpl->disconnect(*tunnel, nowNs);
+    tunnel->disconnect(nowNs);
     return 0;
-}
-
-void Tunnel::Impl::disconnect(TunnelState& tunnel, int64_t nowNs) {
-    for (const int64_t number : tunnel.waiting) {
-        release(tunnel.at(number), BufferFate::DiscardedByDisconnect, nowNs);
-    }
-    if (tunnel.onScreen >= 0) {
-        checkPicture(tunnel, tunnel.onScreen);
-        release(tunnel.at(tunnel.onScreen), BufferFate::Shown, nowNs);
-        traceShown(tunnel.at(tunnel.onScreen), nowNs);
-    }
-    for (const auto& [number, fence] : tunnel.fences) {
-        int64_t& signalNs = tunnel.at(number).fenceSignalNs;
-        signalNs = std::min(signalNs, nowNs);
-    }
-    TunnelState empty;  // closes fences and memory
-    empty.device = tunnel.device;
-    empty.log = tunnel.log;
-    tunnel = std::move(empty);
 }
 
 int Tunnel::sendCommand(int device, int tunnelId, int /*command*/, int /*argument*/) {
@@ -320,7 +181,7 @@ int Tunnel::sendCommand(int device, int tunnelId, int /*command*/, int /*argumen
 int Tunnel::queueBuffer(int device, int tunnelId, int bufferFd, int acquireFenceFd,
                         int64_t presentationTimeUs, int64_t nowNs) {
     const std::lock_guard<std::mutex> guard(mImpl->lock);
-    mImpl->hear(nowNs);
+    mImpl->noteTime(nowNs);
     TunnelState* tunnel = mImpl->find(device, tunnelId);
     // The panel has no way to wait for a picture that is still being written.
     if (mImpl->faults.queueFails || tunnel == nullptr || acquireFenceFd >= 0) {
@@ -329,66 +190,29 @@ int Tunnel::queueBuffer(int device, int tunnelId, int bufferFd, int acquireFence
     if (!tunnel->connected) {
         return -ENOTCONN;
     }
-    if (tunnel->held() >= mImpl->config.capacity) {
+    if (tunnel->buffers.held() >= mImpl->config.capacity) {
         return -ENOBUFS;
     }
-    HeldBuffer memory;
-    if (const int failure = tunnel->buffers.hold(bufferFd, &memory); failure < 0) {
-        return failure;
-    }
     BufferRecord buffer;
-    const PictureHeader picture = memory.picture();
-    const int64_t number = tunnel->log->end();
-    buffer.serial = mImpl->nextSerial++;
+    buffer.serial = mImpl->nextSerial;
     buffer.tunnelId = tunnelId;
     buffer.fd = bufferFd;
-    buffer.frameNo = picture.frameNo;
-    buffer.mediaTimeUs = picture.mediaTimeUs;
     buffer.presentationTimeUs = presentationTimeUs;
-    buffer.atOnce = saturatingSub(presentationTimeUs, nowNs / 1000) > kNoScheduleAheadUs;
     buffer.queuedNs = nowNs;
-    tunnel->waiting.push_back(number);
-    tunnel->memory.emplace(number, std::move(memory));
-    tunnel->log->add(buffer);
-    return 0;
+    const int result = tunnel->buffers.queue(buffer);
+    mImpl->nextSerial += result == 0 ? 1 : 0;
+    return result;
 }
 
 int Tunnel::dequeueBuffer(int device, int tunnelId, int* bufferFd, int* fenceFd, int64_t nowNs) {
     const std::lock_guard<std::mutex> guard(mImpl->lock);
-    mImpl->hear(nowNs);
+    mImpl->noteTime(nowNs);
     TunnelState* tunnel = mImpl->find(device, tunnelId);
     if (mImpl->faults.dequeueFails || tunnel == nullptr || bufferFd == nullptr ||
         fenceFd == nullptr) {
         return -EINVAL;
     }
-    if (tunnel->returned.empty()) {
-        return -EAGAIN;
-    }
-    const Returned buffer = tunnel->returned.front();
-    if (const int failure = mImpl->makeFence(*tunnel, buffer, fenceFd); failure < 0) {
-        return failure;
-    }
-    tunnel->returned.pop_front();
-    *bufferFd = tunnel->at(buffer.number).fd;
-    tunnel->at(buffer.number).takenBackNs = nowNs;
-    return 0;
-}
-
-int Tunnel::Impl::makeFence(TunnelState& tunnel, const Returned& buffer, int* fenceFd) {
-    *fenceFd = -1;
-    if (buffer.fence == FenceKind::None) {
-        return 0;
-    }
-    Signal signal;
-    const int result = buffer.fence == FenceKind::WrongMode ? makeSocketPair(&signal, fenceFd)
-                                                            : signalPipes.make(&signal, fenceFd);
-    if (result < 0) {
-        return result;
-    }
-    if (const auto pending = tunnel.fences.find(buffer.number); pending != tunnel.fences.end()) {
-        pending->second.signal = std::move(signal);
-    }
-    return 0;
+    return tunnel->buffers.takeBack(mImpl->signalPipes, bufferFd, fenceFd, nowNs);
 }
 
 int Tunnel::displayVsync(int device, int tunnelId, int64_t nowNs, VsyncReport* out) {
@@ -404,71 +228,17 @@ int Tunnel::displayVsync(int device, int tunnelId, int64_t nowNs, VsyncReport* o
 
 void Tunnel::scanOut(const Vsync& vsync, const Vsync& next) {
     const std::lock_guard<std::mutex> guard(mImpl->lock);
-    mImpl->hear(vsync.timeNs);
+    mImpl->noteTime(vsync.timeNs);
     for (auto& [id, tunnel] : mImpl->tunnels) {
-        mImpl->scanOut(tunnel, vsync, next);
+        tunnel.buffers.scanOut(vsync, next, mImpl->faults);
     }
-}
-
-void Tunnel::Impl::scanOut(TunnelState& tunnel, const Vsync& vsync, const Vsync& next) {
-    if (tunnel.leaving >= 0) {
-        checkPicture(tunnel, tunnel.leaving);
-        tunnel.memory.erase(std::exchange(tunnel.leaving, -1));
-    }
-    const int64_t newest = takeNewestDue(tunnel, vsync);
-    if (newest >= 0) {
-        replace(tunnel, newest, vsync, next);
-    } else if (tunnel.onScreen >= 0) {
-        ++tunnel.at(tunnel.onScreen).dwellVsyncs;
-    }
-}
-
-/// Puts a buffer on screen and releases the one that was there.
-void Tunnel::Impl::replace(TunnelState& tunnel, int64_t number, const Vsync& vsync,
-                           const Vsync& next) {
-    const int64_t old = std::exchange(tunnel.onScreen, number);
-    BufferRecord& shown = tunnel.at(number);
-    shown.fate = BufferFate::OnScreen;
-    shown.firstVsync = vsync;
-    shown.dwellVsyncs = 1;
-    if (old < 0) {
-        return;
-    }
-    release(tunnel.at(old), BufferFate::Shown, vsync.timeNs);
-    traceShown(tunnel.at(old), vsync.timeNs);
-    tunnel.leaving = old;
-    if (faults.noFences) {
-        tunnel.returned.push_back({old, FenceKind::None});
-        return;
-    }
-    const int64_t signalNs =
-        faults.fenceNeverSignals ? kNever : saturatingAdd(next.timeNs, faults.fenceDelayNs);
-    tunnel.at(old).fenceSignalNs = signalNs;
-    tunnel.fences.emplace(old, PendingFence{signalNs, Signal()});
-    tunnel.returned.push_back(
-        {old, faults.fenceWrongMode ? FenceKind::WrongMode : FenceKind::Signal});
-}
-
-void Tunnel::Impl::traceShown(const BufferRecord& buffer, int64_t endNs) const {
-    if (!recordingTrace()) {
-        return;
-    }
-    traceSlice("screen, tunnel " + std::to_string(buffer.tunnelId),
-               "frame " + std::to_string(buffer.frameNo), buffer.firstVsync.timeNs, endNs);
 }
 
 int64_t Tunnel::signalFences(int64_t nowNs) {
     const std::lock_guard<std::mutex> guard(mImpl->lock);
-    int64_t nextNs = kNever;
+    int64_t nextNs = std::numeric_limits<int64_t>::max();
     for (auto& [id, tunnel] : mImpl->tunnels) {
-        for (auto fence = tunnel.fences.begin(); fence != tunnel.fences.end();) {
-            if (fence->second.signalNs <= nowNs) {
-                fence = tunnel.fences.erase(fence);
-            } else {
-                nextNs = std::min(nextNs, fence->second.signalNs);
-                ++fence;
-            }
-        }
+        nextNs = std::min(nextNs, tunnel.buffers.signalFences(nowNs));
     }
     return nextNs;
 }
@@ -486,9 +256,9 @@ TunnelFaults Tunnel::faults() const {
 std::vector<BufferRecord> Tunnel::record(int tunnelId) const {
     const std::lock_guard<std::mutex> guard(mImpl->lock);
     std::vector<BufferRecord> chosen;
-    for (const auto& [id, log] : mImpl->logs) {
+    for (const auto& [id, records] : mImpl->records) {
         if (tunnelId < 0 || tunnelId == id) {
-            chosen.insert(chosen.end(), log.records().begin(), log.records().end());
+            chosen.insert(chosen.end(), records.all().begin(), records.all().end());
         }
     }
     std::sort(chosen.begin(), chosen.end(),
@@ -499,18 +269,18 @@ std::vector<BufferRecord> Tunnel::record(int tunnelId) const {
 std::vector<BufferRecord> Tunnel::takeFinished(int tunnelId) {
     const std::lock_guard<std::mutex> guard(mImpl->lock);
     std::vector<BufferRecord> finished;
-    const auto log = mImpl->logs.find(tunnelId);
-    if (log == mImpl->logs.end()) {
+    const auto entry = mImpl->records.find(tunnelId);
+    if (entry == mImpl->records.end()) {
         return finished;
     }
+    BufferRecords& records = entry->second;
     const auto tunnel = mImpl->tunnels.find(tunnelId);
     const bool allocated = tunnel != mImpl->tunnels.end();
-    while (!log->second.records().empty() &&
-           !(allocated && tunnel->second.holds(log->second.first()))) {
-        finished.push_back(log->second.takeFirst());
+    while (!records.all().empty() && !(allocated && tunnel->second.buffers.uses(records.first()))) {
+        finished.push_back(records.takeFirst());
     }
     if (!allocated) {
-        mImpl->logs.erase(log);
+        mImpl->records.erase(entry);
     }
     return finished;
 }
@@ -518,7 +288,7 @@ std::vector<BufferRecord> Tunnel::takeFinished(int tunnelId) {
 int Tunnel::heldBuffers(int tunnelId) const {
     const std::lock_guard<std::mutex> guard(mImpl->lock);
     const auto found = mImpl->tunnels.find(tunnelId);
-    return found == mImpl->tunnels.end() ? 0 : found->second.held();
+    return found == mImpl->tunnels.end() ? 0 : found->second.buffers.held();
 }
 
 int Tunnel::openDevices() const {
@@ -540,26 +310,14 @@ int Tunnel::connectedTunnels() const {
 
 std::string Tunnel::dump() const {
     const std::lock_guard<std::mutex> guard(mImpl->lock);
-    std::ostringstream text;
-    text << "video tunnel: " << mImpl->devices.size() << " devices open, " << mImpl->tunnels.size()
-         << " ids allocated, " << mImpl->nextSerial << " buffers queued so far\n";
+    std::string text =
+        fmt::format("video tunnel: {} devices open, {} ids allocated, {} buffers queued so far\n",
+                    mImpl->devices.size(), mImpl->tunnels.size(), mImpl->nextSerial);
     for (const auto& [id, tunnel] : mImpl->tunnels) {
-        text << "tunnel " << id << ": " << (tunnel.connected ? "connected, " : "not connected, ")
-             << tunnel.waiting.size() << " waiting, " << tunnel.returned.size()
-             << " to be taken back\n";
-        if (tunnel.onScreen >= 0) {
-            const BufferRecord& shown = tunnel.at(tunnel.onScreen);
-            text << "  on screen: frame " << shown.frameNo << " since vsync "
-                 << shown.firstVsync.index << ", " << shown.dwellVsyncs << " vsyncs so far\n";
-        }
-        for (const int64_t number : tunnel.waiting) {
-            const BufferRecord& buffer = tunnel.at(number);
-            text << "  waiting: frame " << buffer.frameNo << ", due "
-                 << (buffer.atOnce ? "at once, asked for " : "at ") << buffer.presentationTimeUs
-                 << " us\n";
-        }
+        text += fmt::format("tunnel {}: {}connected, {}", id, tunnel.connected ? "" : "not ",
+                            tunnel.buffers.dump());
     }
-    return text.str();
+    return text;
 }
 
 }  // namespace korvane::tv

@@ -1,23 +1,21 @@
 // SPDX-License-Identifier: Apache-2.0
-// The video tunnel: the way of buffers from a producer to the screen and back.
+// The video tunnel: takes buffers from a producer to the screen and back.
 //
 // A producer opens the device, allocates an id, connects and queues buffers with a presentation
-// time in microseconds. Buffers wait in the order in which they were queued. At each vsync V the
-// display looks at the buffers queued at or before V, from the front: it goes forward while the
-// front one is due (presentation time <= V) and puts the newest due one on screen; what it passed
-// over is superseded and released at once, without a fence. The buffer that it replaces on screen
-// is released with a fence that signals at the vsync after V, when the panel has stopped reading
-// it. The decision uses the grid's own time, never the moment at which the display thread happened
-// to run.
+// time in microseconds. Buffers wait in queueing order. At each vsync V the display takes, from the
+// front, the buffers that were queued at or before V and are due (presentation time <= V). The
+// newest of them goes on screen; the others are superseded: released at once, without a fence. The
+// buffer that was on screen is released with a fence that signals at the vsync after V, when the
+// panel has stopped reading it. The decision uses the grid's times, so it does not depend on when
+// the display thread runs.
 //
-// A presentation time more than 10 s ahead of now is no schedule and counts as due at once: no
-// player schedules that far, while a renderer that shows a first frame immediately hands in a time
-// in nanoseconds, which read as microseconds lies years ahead. Held back, it would block everything
-// queued behind it.
+// A presentation time more than 10 s ahead counts as due at once. No player schedules that far, but
+// a renderer that shows a first frame immediately passes a time in nanoseconds, which read as
+// microseconds lies years ahead. Such a buffer would block everything queued behind it.
 //
 // Disconnecting gives up all buffers, on screen or waiting, and signals every fence. Freeing an id
-// and closing a device disconnect first. The record keeps every buffer's fate. Numbers of devices
-// and ids count from 0 and are not used again, so a stale one never means something else.
+// and closing a device disconnect first. The record keeps every buffer's fate. Device numbers and
+// ids count from 0 and are not reused, so a stale one stays invalid.
 #pragma once
 
 #include <cstdint>
@@ -30,7 +28,7 @@
 
 namespace korvane::tv {
 
-/// Ahead of now by more than this, a presentation time means "at once".
+/// A presentation time further ahead than this counts as due at once.
 constexpr int64_t kNoScheduleAheadUs = 10'000'000;
 
 struct TunnelConfig {
@@ -40,7 +38,7 @@ struct TunnelConfig {
     int maxTunnels = 64;
 };
 
-/// Faults that the tunnel can be told to have. All off by default.
+/// Faults to inject. All off by default.
 struct TunnelFaults {
     bool openFails = false;
     bool allocFails = false;
@@ -56,7 +54,7 @@ struct TunnelFaults {
     bool fenceNeverSignals = false;
     /// Buffers come back without a fence.
     bool noFences = false;
-    /// The descriptor handed out as a fence is not what a fence looks like: opened for writing.
+    /// Fences are open for reading and writing instead of reading only.
     bool fenceWrongMode = false;
 };
 
@@ -70,31 +68,33 @@ enum class BufferFate {
 };
 const char* toString(BufferFate fate);
 
-/// One queued buffer's life, in the order of queueing.
+/// What happened to one queued buffer.
 struct BufferRecord {
-    int64_t serial = 0;  ///< number of the queueing, from 0, per TV
+    int64_t serial = 0;  ///< counts queued buffers from 0, per TV
     int tunnelId = -1;
     int fd = -1;
     int64_t frameNo = -1;      ///< from the picture itself
     int64_t mediaTimeUs = -1;  ///< from the picture itself
     int64_t presentationTimeUs = 0;
-    bool atOnce = false;  ///< the time was no schedule (see the top of this file)
+    bool atOnce = false;  ///< presentation time too far ahead (see the top of this file)
     int64_t queuedNs = 0;
     BufferFate fate = BufferFate::Waiting;
-    Vsync firstVsync{-1, 0};    ///< vsync at which it came on screen
-    int64_t dwellVsyncs = 0;    ///< vsyncs on screen; still counting while OnScreen
-    int64_t releasedNs = 0;     ///< vsync at which it was replaced, or disconnection; 0 before
-    int64_t fenceSignalNs = 0;  ///< when its fence signals; 0 without a fence, INT64_MAX never
-    int64_t takenBackNs = 0;    ///< when the producer dequeued it; 0 before
+    Vsync firstVsync{-1, 0};           ///< vsync at which it came on screen
+    int64_t dwellVsyncs = 0;           ///< vsyncs on screen; still counting while OnScreen
+    int64_t releasedNs = 0;            ///< when it was replaced or given up; 0 before
+    int64_t fenceSignalNs = 0;         ///< when its fence signals; 0: no fence, INT64_MAX: never
+    int64_t takenBackNs = 0;           ///< when the producer dequeued it; 0 before
     bool overwrittenOnScreen = false;  ///< the picture changed while on screen
 };
 
-/// Entry points as the device library has them, with time as an argument; results below 0 are
-/// failures with the error number negated. All operations may be called from any thread.
+/// The device library's entry points with time as an argument. All operations may be called from
+/// any thread. A result below 0 is a failure, the error number negated:
 ///
-///   -EBADF no such device   -EINVAL no such id on this device, or a fault   -ENOTCONN, -EBUSY not
-///   connected, already so   -ENOSPC no more ids   -ENOBUFS tunnel full   -EAGAIN nothing released
-///   -EMFILE the process is out of descriptors   -ENODEV no driver   -EIO the display says nothing
+///   -EBADF     no such device                     -ENOSPC   no more ids
+///   -EINVAL    no such id on it, or a fault       -ENOBUFS  tunnel full
+///   -ENOTCONN  not connected                      -EAGAIN   nothing released
+///   -EBUSY     already connected                  -EMFILE   the process is out of descriptors
+///   -ENODEV    no driver                          -EIO      the display reports nothing
 class Tunnel {
 public:
     Tunnel(const TunnelConfig& config, Display& display);
@@ -113,23 +113,22 @@ public:
     int dequeueBuffer(int device, int tunnelId, int* bufferFd, int* fenceFd, int64_t nowNs);
     int displayVsync(int device, int tunnelId, int64_t nowNs, VsyncReport* out);
 
-    /// The display's side: scans out one vsync.
+    /// Called by the display: scans out one vsync.
     void scanOut(const Vsync& vsync, const Vsync& next);
-    /// The display's side: signals the fences whose time has come.
+    /// Called by the display: signals the fences whose time has come.
     /// @return when the next pending fence signals, or INT64_MAX
     int64_t signalFences(int64_t nowNs);
 
     void setFaults(const TunnelFaults& faults);
     TunnelFaults faults() const;
 
-    /// Every buffer ever queued to a tunnel id (-1: to any), in order, but for those taken out.
+    /// Every buffer queued to a tunnel id (-1: to any), in order, without those taken out.
     std::vector<BufferRecord> record(int tunnelId = -1) const;
-    /// Takes out of a tunnel id's record, from its front, the buffers whose record can change no
-    /// more: off the screen and read by no panel, fence signalled or none, taken back by the
-    /// producer or given up by a disconnection. What follows one that is not finished stays.
-    /// Called now and then, it keeps the memory of a run of any length bounded.
+    /// Takes finished buffers from the front of a tunnel id's record, up to the first unfinished
+    /// one. Finished: no longer read by the panel, no fence pending, taken back by the producer or
+    /// given up by a disconnect. Called regularly, it bounds the memory of a run of any length.
     std::vector<BufferRecord> takeFinished(int tunnelId);
-    /// Buffers inside a tunnel: waiting, on screen, or released and not taken back.
+    /// Buffers inside a tunnel: waiting, on screen, or released and not yet taken back.
     int heldBuffers(int tunnelId) const;
     int openDevices() const;
     int allocatedIds() const;

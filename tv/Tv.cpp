@@ -1,12 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The TV's switch and its display thread. The thread sleeps until the next vsync or fence,
-// whichever is first; what it then does depends on the grid and on when each buffer was queued, not
-// on when it woke up.
-//
-// Which TV is current has a generation that counts up with every change. Each thread keeps the TV
-// of the last generation it saw, so that asking again is one comparison. What it kept before is let
-// go only when no look of that thread is left: fibers share a thread, and one may have been
-// suspended within its look.
+// Power and the display thread. The thread sleeps until the next vsync or fence. What it does then
+// depends on the grid and on when each buffer was queued, not on when it woke up.
 #include "tv/Tv.h"
 
 #include <utils/Timers.h>
@@ -19,7 +13,6 @@
 #include <limits>
 #include <mutex>
 #include <thread>
-#include <vector>
 
 #include "tv/ScopedLock.h"
 
@@ -29,12 +22,14 @@ namespace {
 struct CurrentTv {
     std::mutex lock;
     std::shared_ptr<Tv> tv KORVANE_GUARDED_BY(lock);
+    std::atomic<bool> any{false};
 
-    void set(std::shared_ptr<Tv> next) KORVANE_REQUIRES(lock);
+    /// Destroys no TV under the lock: the owner of a replaced one still holds it.
+    void set(std::shared_ptr<Tv> next) KORVANE_REQUIRES(lock) {
+        tv = std::move(next);
+        any = tv != nullptr;
+    }
 };
-
-/// Counts the changes of the current TV; odd while there is one.
-std::atomic<uint64_t> gGeneration{0};
 
 /// Never destroyed: libraries may ask while the process ends.
 CurrentTv& currentTv() {
@@ -42,56 +37,7 @@ CurrentTv& currentTv() {
     return instance;
 }
 
-/// An earlier one is kept by its owner.
-void CurrentTv::set(std::shared_ptr<Tv> next) {
-    const uint64_t generation = gGeneration.load(std::memory_order_relaxed);
-    const uint64_t odd = next != nullptr ? 1 : 0;
-    tv.swap(next);
-    gGeneration.store(generation + 1 + ((generation + 1) % 2 != odd ? 1 : 0),
-                      std::memory_order_release);
-}
-
-/// What one thread knows of the current TV. Of trivial type, so that reading it is a plain read.
-struct Seen {
-    uint64_t generation;
-    Tv* tv;  ///< the last one that is kept
-    int looks;
-    bool keepsEarlier;
-    bool ended;  ///< the thread ends and keeps nothing any more, so it sees no TV
-};
-
-struct Kept {
-    std::vector<std::shared_ptr<Tv>> tvs;
-    ~Kept();
-};
-
-[[gnu::tls_model("initial-exec")]] thread_local Seen tSeen{};
-thread_local Kept tKept;
-
-Kept::~Kept() {
-    tSeen.tv = nullptr;
-    tSeen.ended = true;
-}
-
-void refresh(Seen& seen) {
-    const std::lock_guard<std::mutex> guard(currentTv().lock);
-    seen.generation = gGeneration.load(std::memory_order_relaxed);
-    if (seen.ended) {
-        return;
-    }
-    seen.tv = currentTv().tv.get();
-    seen.keepsEarlier = !tKept.tvs.empty();
-    tKept.tvs.push_back(currentTv().tv);
-}
-
-void letEarlierGo(Seen& seen) {
-    std::vector<std::shared_ptr<Tv>> earlier;
-    earlier.swap(tKept.tvs);
-    tKept.tvs.push_back(earlier.back());
-    seen.keepsEarlier = false;
-}
-
-/// Where in a period a TV is when it is switched on (see `Tv::powerOn`).
+/// Periods since vsync 0 when a TV is switched on (see `Tv::powerOn`).
 constexpr double kPhaseAtPowerOn = 0.35;
 
 DisplayConfig withOrigin(DisplayConfig config) {
@@ -120,7 +66,7 @@ struct Tv::Impl {
     Tunnel tunnel;
     MediaSyncService mediaSync;
     std::mutex scanLock;
-    int64_t scannedNs KORVANE_GUARDED_BY(scanLock);  ///< vsyncs up to here are done
+    int64_t scannedNs KORVANE_GUARDED_BY(scanLock);  ///< vsyncs up to here are scanned out
     std::mutex lock;
     std::condition_variable wake;
     bool stopping KORVANE_GUARDED_BY(lock) = false;
@@ -146,24 +92,13 @@ std::shared_ptr<Tv> Tv::powerOn(const TvConfig& config) {
     return {tv.get(), [tv](Tv* owned) { owned->powerOff(); }};
 }
 
-Tv::Current Tv::current() {
-    Seen& seen = tSeen;
-    ++seen.looks;
-    if (seen.generation != gGeneration.load(std::memory_order_acquire)) {
-        refresh(seen);
-    }
-    return Current(seen.tv);
-}
-
-Tv::Current::~Current() {
-    Seen& seen = tSeen;
-    if (--seen.looks == 0 && seen.keepsEarlier) {
-        letEarlierGo(seen);
-    }
+std::shared_ptr<Tv> Tv::current() {
+    const std::lock_guard<std::mutex> guard(currentTv().lock);
+    return currentTv().tv;
 }
 
 bool Tv::isAnyOn() {
-    return gGeneration.load(std::memory_order_acquire) % 2 == 1;
+    return currentTv().any;
 }
 
 void Tv::powerOff() {
@@ -181,7 +116,7 @@ void Tv::powerOff() {
     if (mImpl->displayThread.joinable()) {
         mImpl->displayThread.join();
     }
-    // A dark panel reads no buffer any more.
+    // The panel is off and reads no buffer any more.
     mImpl->tunnel.signalFences(std::numeric_limits<int64_t>::max() - 1);
 }
 
@@ -199,7 +134,7 @@ void Tv::runVsyncs(int64_t nowNs) {
     mImpl->runVsyncs(nowNs);
 }
 
-/// @return when there will be something to do again
+/// @return when to run again
 int64_t Tv::Impl::runVsyncs(int64_t nowNs) {
     const std::lock_guard<std::mutex> guard(scanLock);
     Vsync vsync = display.nextVsyncAfter(scannedNs);

@@ -1,14 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 // The simulated TV: one object that is switched on and off.
 //
-// While a Tv exists it is the process's TV: the device libraries (video tunnel, media sync, display
-// adapter) that the renderer calls find it through `Tv::current()`. It owns the models and the one
-// thread of its own, the display's. Without a TV the device libraries answer as a box without its
-// drivers does: opening the tunnel fails with ENODEV, every media-sync call returns -1.
+// While a Tv is on it is the process's TV: the device libraries (video tunnel, media sync, display
+// adapter) that the renderer calls find it through `Tv::current()`. It owns the models and one
+// thread, the display's. Without a TV the device libraries answer as on a device without drivers:
+// opening the tunnel fails with ENODEV, every media-sync call returns -1.
 //
-// The models take time as an argument and read no clock. The clock stands at this edge: the display
-// thread and the device libraries read the platform's monotonic clock (`systemTime`) and pass it
-// in.
+// The models take time as an argument and read no clock. The display thread and the device
+// libraries read the platform's monotonic clock (`systemTime`) and pass the time in.
 #pragma once
 
 #include <memory>
@@ -28,39 +27,19 @@ struct TvConfig {
 
 class Tv {
 public:
-    /// Switches a TV on and makes it the process's current one, in place of an earlier one. When
-    /// the last pointer goes, it is switched off.
+    /// Switches a TV on and makes it the process's current one; an earlier one is replaced. The TV
+    /// is switched off when the last pointer is released.
     ///
-    /// Vsync 0, unless its time is given, lies 0.35 periods before this moment: a panel has been
-    /// running for a while when a player comes. At phase 0 every frame of a player that starts in
-    /// the same virtual instant would be due within rounding of a vsync. Contents at simple ratios
-    /// to the display are due at multiples of 1/2 or 1/5 of a period after their first frame; from
-    /// 0.35 on none of them comes nearer than 0.05 periods to a vsync or to the middle of two.
+    /// Unless its time is configured, vsync 0 is 0.35 periods before now, as if the panel had been
+    /// running. With phase 0, every frame of a player that starts at the same virtual time would be
+    /// due within rounding of a vsync. Content whose rate has a simple ratio to the display's is
+    /// due at multiples of 1/2 or 1/5 of a period after its first frame; with phase 0.35 all of
+    /// these stay at least 0.05 periods away from a vsync and from the middle between two.
     static std::shared_ptr<Tv> powerOn(const TvConfig& config = {});
 
-    /// A look at the TV that is on, for one call: it stays valid as long as the look lasts, even if
-    /// it is switched off and let go meanwhile. Belongs to the thread that took it.
-    class Current {
-    public:
-        ~Current();
-        Current(const Current&) = delete;
-        Current& operator=(const Current&) = delete;
-
-        Tv* get() const { return mTv; }
-        Tv& operator*() const { return *mTv; }
-        Tv* operator->() const { return mTv; }
-        explicit operator bool() const { return mTv != nullptr; }
-
-    private:
-        friend class Tv;
-        explicit Current(Tv* tv) : mTv(tv) {}
-        Tv* const mTv;
-    };
-
-    /// The TV that is on, or none. Any thread; costs neither a lock nor a shared write, because
-    /// device libraries are polled. A thread keeps the memory of a TV that is off until it asks
-    /// again or ends.
-    static Current current();
+    /// The current TV, or null. The pointer keeps it valid even if it is switched off meanwhile.
+    /// Any thread.
+    static std::shared_ptr<Tv> current();
     /// Whether any TV is on.
     static bool isAnyOn();
 
@@ -68,15 +47,15 @@ public:
     Tv(const Tv&) = delete;
     Tv& operator=(const Tv&) = delete;
 
-    /// Switches this TV off: the display thread ends, `current()` no longer finds it. The models
-    /// and their records stay readable through this object. Idempotent.
+    /// Switches this TV off: the display thread ends and `current()` no longer returns it. The
+    /// models and their records stay readable through this object. Idempotent.
     void powerOff();
 
     Display& display();
     Tunnel& tunnel();
     MediaSyncService& mediaSync();
 
-    /// Lets the display scan out every vsync up to and including `nowNs` that it has not done yet.
+    /// Scans out every vsync up to and including `nowNs` that has not been scanned out yet.
     void runVsyncs(int64_t nowNs);
 
 private:

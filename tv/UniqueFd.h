@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// A descriptor that is closed when its owner goes.
+// Owns a descriptor and closes it at destruction.
 #pragma once
 
 #include <unistd.h>

@@ -233,7 +233,7 @@ void PlaybackSession::start() {
 void PlaybackSession::applyFaults(const TvFaults& faults) {
     mTv->tunnel().setFaults(faults.tunnel);
     mTv->display().setReportFails(faults.reportFails);
-    mTv->display().setReportedPeriod(faults.reportedPeriodNs);
+    mTv->display().setReportedPeriodNs(faults.reportedPeriodNs);
     if (mAudio && faults.audioPaused != mAudioPaused) {
         mAudioPaused = faults.audioPaused;
         mAudioSwitchedNs = tv::nowNs();

@@ -27,7 +27,8 @@
 #include "player/playback/Event.h"
 #include "player/playback/FrameLedger.h"
 #include "player/playback/PlaybackPlan.h"
-#include "tv/Platform.h"
+#include "tv/Log.h"
+#include "tv/Trace.h"
 
 namespace korvane::player {
 

@@ -19,7 +19,7 @@
 #include "player/media/FrameSource.h"
 #include "player/media/MediaSource.h"
 #include "player/scenario/ScenarioRun.h"
-#include "tv/Platform.h"
+#include "tv/Log.h"
 #include "tv/clock/VirtualTime.h"
 
 namespace korvane::player {

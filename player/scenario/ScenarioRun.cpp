@@ -19,7 +19,7 @@
 #include "player/scenario/Expectation.h"
 #include "player/scenario/FaultSchedule.h"
 #include "player/scenario/PolicyScript.h"
-#include "tv/Platform.h"
+#include "tv/Properties.h"
 #include "tv/clock/VirtualTime.h"
 
 namespace korvane::player {

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-// The renderer library's two loaders before whatever device LD_LIBRARY_PATH holds, told on stdout:
-// each log line as "tag: I text" with its line ends written as \n, the loaders' states at the start
-// and after each step. Steps are the arguments: init, release. The program supplies the platform's
-// log call itself, so that it sees what is logged before its main runs and after it ends.
+// Runs the renderer library's two loaders against the device libraries in LD_LIBRARY_PATH. Prints
+// each log line as "tag: I text", with line ends as \n, and the loaders' states at the start and
+// after each step. Steps are the arguments: init, release. The program defines the platform's log
+// call itself, so that it sees what is logged before main starts and after it ends.
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
@@ -29,7 +29,7 @@ extern "C" __attribute__((visibility("default"), format(printf, 3, 4))) int __an
 
 namespace {
 
-/// One digit per entry point, in the order of their fields: 1 if it is there.
+/// One digit per entry point, in the order of their fields: 1 if it was found.
 template <typename... EntryPoint>
 void printState(const char* name, bool inited, const void* handle, EntryPoint... entryPoints) {
     printf("%s inited=%d handle=%d has=", name, inited, handle != nullptr);

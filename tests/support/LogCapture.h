@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the process logs while this object lives, each line as "I text" with the priority's letter
-// (D, I, E) and the text as formatted. One at a time: the TV has one observer. From the first one
-// on the process writes no log to stderr.
+// Captures what the process logs while this object exists, each line as "I text": the priority's
+// letter (D, I, E) and the formatted text. Only one at a time, because the TV has one observer.
+// After the first one the process writes no log to stderr any more.
 #pragma once
 
 #include <algorithm>
@@ -10,7 +10,8 @@
 #include <utility>
 #include <vector>
 
-#include "tv/Platform.h"
+#include "tv/Log.h"
+#include "tv/Properties.h"
 
 namespace korvane::test {
 
@@ -18,7 +19,7 @@ using Lines = std::vector<std::string>;
 
 class LogCapture {
 public:
-    /// @param tag  whose lines; empty for everybody's
+    /// @param tag  captures only lines with this tag; empty: all lines
     explicit LogCapture(const std::string& tag = "") {
         constexpr int kNothing = 8;
         tv::openLog(kNothing);
@@ -32,7 +33,7 @@ public:
     LogCapture(const LogCapture&) = delete;
     LogCapture& operator=(const LogCapture&) = delete;
 
-    /// Adds a line of the test's own, to see what came before and after it.
+    /// Adds a line of the test's own, to see which lines came before and after it.
     void add(std::string line) {
         const std::lock_guard<std::mutex> guard(mLock);
         mLines.push_back(std::move(line));

@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
-// A clock that a test holds in its hand.
+// A clock that a test advances by hand.
 //
-// The test executable supplies `systemTime` and `usleep` to every library in the process. Without a
-// ManualClock they are the real ones. While one exists, time stands still except that `usleep`
-// moves it on and runs what the test scheduled on the way, so a polling loop under test goes
-// through its waits at once, in one thread, the same every time. Use it only where no other thread
+// The test executable defines `systemTime` and `usleep` for every library in the process. Without a
+// ManualClock they are the real ones. While one exists, time stands still; `usleep` advances it at
+// once and runs what the test scheduled for that time. So a polling loop under test runs through
+// its waits in one thread, without delay and deterministically. Use it only where no other thread
 // sleeps.
 #pragma once
 
@@ -24,13 +24,14 @@ public:
     int64_t nowNs() const { return mNowNs; }
     int64_t nowUs() const { return mNowNs / 1000; }
     void setNowNs(int64_t nowNs) { mNowNs = nowNs; }
-    /// Moves time on, running what is due on the way at its own time.
+    /// Advances time; runs each scheduled action at its own time.
     void advanceUs(int64_t us);
     /// Runs `action` when time reaches now + `delayUs`.
     void after(int64_t delayUs, std::function<void()> action);
-    /// How often anything slept.
+    /// Number of sleeps.
     int64_t sleeps() const { return mSleeps; }
-    /// A loop that sleeps a million times without an end fails the test instead of hanging it.
+    /// Advances time; after a million sleeps it aborts, so that an endless loop cannot hang the
+    /// test.
     void sleepUs(int64_t us);
 
 private:

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// A TV whose time the test holds in its hand: no thread runs, a display vsync happens when asked
-// for.
+// A TV whose time the test advances by hand: it has no thread, and the display scans out when the
+// test calls it.
 #pragma once
 
 #include <gmock/gmock.h>
@@ -10,15 +10,15 @@
 #include <memory>
 
 #include "tests/support/ManualClock.h"
-#include "tv/Platform.h"
+#include "tv/Properties.h"
+#include "tv/Trace.h"
 #include "tv/Tv.h"
 #include "tv/clock/VirtualTime.h"
 
 namespace korvane::test {
 
-/// Virtual time for tests whose threads run by themselves: they take no time, wait for no machine,
-/// and lose the processor in each other's way as the seed has it. Null in builds with a sanitizer,
-/// which are there to watch real threads.
+/// Virtual time for tests with threads of their own: they wait without delay, and the seed decides
+/// where a thread is preempted. Null in sanitizer builds, which check real threads.
 inline std::unique_ptr<tv::VirtualTime> virtualTimeIfAvailable() {
     if (!tv::VirtualTime::available()) {
         return nullptr;
@@ -49,7 +49,7 @@ protected:
         tv::clearProperties();
     }
 
-    /// Lets the display run up to a time from now.
+    /// Advances time and scans out the vsyncs on the way.
     void runFor(int64_t us) {
         mClock.advanceUs(us);
         mTv->runVsyncs(mClock.nowNs());
@@ -65,7 +65,7 @@ protected:
     std::shared_ptr<tv::Tv> mTv = tvByHand();
 };
 
-/// Another value in a variable for as long as this object lives; for the loaders' entry points.
+/// Replaces a variable's value while this object exists; for the loaders' entry points.
 template <typename Value>
 class Swapped {
 public:

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the audio side does to the clock, step by step, with the test's own time.
+// What audio does to the clock, step by step. The test sets the time.
 #include "tv/AudioModel.h"
 
 #include <gtest/gtest.h>
@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "tests/support/TvFixture.h"
+#include "tv/AudioOutput.h"
 
 namespace korvane::tv {
 namespace {
@@ -17,7 +18,7 @@ namespace {
 constexpr int64_t kStart = 1'000'000'000;
 constexpr int64_t kStep = 20'000;
 
-/// A model on a clock of its own, stepped when it asks for it, or late by a given time.
+/// A model with its own clock, stepped when it asks for it or late by a given time.
 struct Stage {
     explicit Stage(const AudioConfig& config, int64_t threadLateUs = 0)
         : model(clock, config), lateUs(threadLateUs) {}
@@ -29,7 +30,7 @@ struct Stage {
         }
         now = realUs;
     }
-    /// Words: feed FROM TO, end, pause, resume, flush; first MEDIA and videoFlush are what a
+    /// Actions: feed FROM TO, end, pause, resume, flush; first MEDIA and videoFlush are what a
     /// renderer does at its first frame and in a flush.
     void act(const std::string& action) {
         std::istringstream words(action);
@@ -61,7 +62,7 @@ struct Stage {
         }
         next = model.step(now);
     }
-    /// "state, leader: media time of the clock ('=': it stands), track time, starting time"
+    /// "state, mode: media time of the clock ('=': paused), track time, starting time"
     std::string seen() const {
         std::ostringstream text;
         text << toString(model.report().state) << ", "
@@ -86,7 +87,7 @@ AudioConfig plain() {
     return config;
 }
 
-/// plain() but for words: delay US, underflow AT FOR, back AT BY, jump US FOR, drain US, dead.
+/// plain() with changes: delay US, underflow AT FOR, back AT BY, jump US FOR, drain US, dead.
 AudioConfig with(const std::string& words) {
     AudioConfig config = plain();
     std::istringstream in(words);
@@ -139,7 +140,7 @@ const Case kCases[] = {
     {"never starts",
      "dead",
      {{0, "feed 0 500000", "waiting, v: -1, -1, -1"}, {9'000'000, "", "waiting, v: -1, -1, -1"}}},
-    {"underflow stands still and goes on from there once enough is buffered",
+    {"the clock stops in an underflow and continues once enough is buffered",
      "",
      {{0, "feed 0 310000", "playing, a: 0, 0, 0"},
       {900'000, "", "underflow, a: =310000, 310000, 0"},
@@ -152,7 +153,7 @@ const Case kCases[] = {
      {{0, "end", "waiting, v: -1, -1, -1"},
       {100'000, "first 8000000", "ended, a: 8000000, 8000000, 8000000"},
       {160'000, "", "ended, a: 8060000, 8060000, 8000000"}}},
-    {"pause stands exactly still in any state",
+    {"the clock stands still in a pause, whatever the state",
      "delay 50000",
      {{0, "pause", "waiting, v: -1, -1, -1"},
       {0, "feed 0 3000000", "waiting, v: -1, -1, -1"},
@@ -211,7 +212,7 @@ const Case kCases[] = {
       {750'000, "", "playing, a: 450000, 440000, 200000"}},
      0,
      1},
-    {"a receiver drains after a pause, and the sound goes on from there",
+    {"a receiver drains after a pause, and the sound continues from there",
      "drain 150000",
      {{0, "feed 0 2000000", "playing, a: 0, 0, 0"},
       {100'000, "pause", "paused, a: 100000, 100000, 0"},

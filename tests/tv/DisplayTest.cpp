@@ -84,18 +84,25 @@ TEST(Display, ReportsWithBoundedSeededJitterOrWrongly) {
     config.reportJitterNs = 300'000;
     Display display(config);
     Display same(config);
+    config.seed = 2;
+    Display other(config);
     std::set<int64_t> errors;
+    int64_t likeTheOther = 0;
     VsyncReport report;
     for (int64_t i = 0; i < 1000; ++i) {
         const int64_t now = kOriginNs + i * 10'000'000;
         VsyncReport again;
-        ASSERT_TRUE(display.report(now, &report) && same.report(now, &again));
+        VsyncReport others;
+        ASSERT_TRUE(display.report(now, &report) && same.report(now, &again) &&
+                    other.report(now, &others));
         EXPECT_EQ(report.timestampNs, again.timestampNs);
+        likeTheOther += report.timestampNs == others.timestampNs ? 1 : 0;
         errors.insert(report.timestampNs - display.lastVsyncAt(now).timeNs);
     }
     EXPECT_GE(*errors.begin(), -300'000);
     EXPECT_LE(*errors.rbegin(), 300'000);
     EXPECT_GT(errors.size(), 900U);
+    EXPECT_LT(likeTheOther, 10) << "another seed gives other errors";
     display.setReportFails(true);
     EXPECT_FALSE(display.report(6 * kSecondNs, &report));
     EXPECT_EQ(report.periodNs, 16'666'666);

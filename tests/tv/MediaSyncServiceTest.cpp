@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The clock's table: who may anchor, and what it says running, paused and without an anchor.
+// The sync clock: who may anchor, and what it answers running, paused and without an anchor.
 #include "tv/MediaSyncService.h"
 
 #include <gtest/gtest.h>
@@ -58,12 +58,12 @@ TEST(SyncInstance, RunsFromItsAnchorAndStandsWhilePaused) {
     clock.setPause(true, kNow + 1'000);
     clock.setPause(true, kNow + 2'000);
     EXPECT_EQ(clock.mediaTimeAt(kNow + 9'000), 1'500);
-    EXPECT_EQ(clock.realTimeFor(41'500, kNow + 9'000), kNow + 49'000) << "the soonest it could be";
+    EXPECT_EQ(clock.realTimeFor(41'500, kNow + 9'000), kNow + 49'000) << "the earliest possible";
     clock.setPause(false, kNow + 10'000);
     EXPECT_EQ(clock.realTimeFor(41'500, kNow + 11'000), kNow + 50'000);
-    EXPECT_EQ(clock.trackMediaTime(), 500 + 1'000) << "anchored anew where it stood";
+    EXPECT_EQ(clock.trackMediaTime(), 500 + 1'000) << "anchored again where it was paused";
     clock.updateAnchorFromVideo(0, kNow - 50'000, kNow);
-    EXPECT_EQ(clock.mediaTimeAt(kNow), 50'000) << "anchored at a time of its own";
+    EXPECT_EQ(clock.mediaTimeAt(kNow), 50'000) << "anchored at a given real time";
     EXPECT_EQ(clock.realTimeFor(INT64_MAX, kNow), INT64_MAX);
     clock.setPause(true, kNow);
     EXPECT_EQ(clock.realTimeFor(INT64_MIN, kNow), INT64_MIN + kNow);

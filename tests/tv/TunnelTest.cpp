@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The tunnel's scan-out rules, read from its record. Time is the test's; vsync k is at k * 20 ms.
+// The tunnel's scan-out rules, read from its record. The test sets the time; vsync k is at k * 20
+// ms.
 #include "tv/Tunnel.h"
 
 #include <fcntl.h>
@@ -53,7 +54,7 @@ protected:
         header.mediaTimeUs = frameNo * 40'000;
         ASSERT_EQ(pwrite(fd, &header, sizeof(header), 0), ssize_t{sizeof(header)});
     }
-    /// Queues a picture due at a vsync (fractions allowed) at the time of another.
+    /// Queues a picture that is due at vsync `dueVsync`, at vsync `atVsync`; fractions allowed.
     int queue(int64_t frameNo, double dueVsync, double atVsync = -0.5) {
         write(picture(frameNo), frameNo);
         return tunnel.queueBuffer(device, id, picture(frameNo), -1,
@@ -163,7 +164,7 @@ TEST_F(TunnelTest, WhatCountsAsDue) {
         const char* what;
         int64_t presentationUs;
         bool shownAtNextVsync;
-    } kCases[] = {{"in nanoseconds: no schedule", nowNs, true},
+    } kCases[] = {{"in nanoseconds: at once", nowNs, true},
                   {"at the vsync exactly", 1001 * kPeriodUs, true},
                   {"a microsecond after it", 1001 * kPeriodUs + 1, false},
                   {"before time began", -1, true},
@@ -176,7 +177,7 @@ TEST_F(TunnelTest, WhatCountsAsDue) {
         ASSERT_EQ(tunnel.queueBuffer(device, id, -1, -1, due.presentationUs, nowNs), 0);
         vsync(1001);
         EXPECT_EQ(frame(serial).fate == BufferFate::OnScreen, due.shownAtNextVsync);
-        EXPECT_EQ(frame(serial).frameNo, -1) << "a descriptor that is no picture";
+        EXPECT_EQ(frame(serial).frameNo, -1) << "the descriptor has no picture";
         tunnel.disconnect(device, id, nowNs);
         tunnel.connect(device, id);
     }
@@ -191,7 +192,7 @@ TEST_F(TunnelTest, LateDisplayThreadChangesNothing) {
     EXPECT_EQ(frame(1).firstVsync.index, 1);
 }
 
-/// With what the memory files are sealed against.
+/// Parameter: the seals of the memory files.
 class TunnelMemoryTest : public TunnelTest, public testing::WithParamInterface<int> {
 protected:
     TunnelMemoryTest() { seals = GetParam(); }
@@ -203,7 +204,7 @@ TEST_P(TunnelMemoryTest, OverwrittenWhileThePanelReadsIsCaught) {
         Frames frames;
         for (const BufferRecord& buffer : tunnel.record()) {
             if (buffer.overwrittenOnScreen) {
-                frames.push_back(buffer.frameNo);  // the record keeps what was queued
+                frames.push_back(buffer.frameNo);  // as it was when queued
             }
         }
         return frames;

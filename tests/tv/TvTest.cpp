@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The switch, the display thread, and the display driven by hand.
+// Power, the display thread, and the display advanced by hand.
 #include "tv/Tv.h"
 
 #include <poll.h>
@@ -33,12 +33,12 @@ TEST(Tv, OneIsCurrentAtATimeUntilItIsOff) {
     auto first = test::tvByHand();
     auto second = test::tvByHand();
     first->powerOff();
-    EXPECT_EQ(Tv::current().get(), second.get()) << "an earlier one's end changes nothing";
-    const auto look = Tv::current();
+    EXPECT_EQ(Tv::current().get(), second.get()) << "an earlier one's power-off changes nothing";
+    const auto kept = Tv::current();
     second->powerOff();
     second.reset();
     EXPECT_FALSE(Tv::current() || Tv::isAnyOn());
-    EXPECT_EQ(look->tunnel().openDevices(), 0) << "valid while it is looked at";
+    EXPECT_EQ(kept->tunnel().openDevices(), 0) << "kept by the pointer";
     first = test::tvByHand();
     EXPECT_EQ(Tv::current().get(), first.get());
     first.reset();

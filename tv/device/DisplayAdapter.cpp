@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // libtovak_display_adapter_remote.so: a remote object that answers the vsync query from the current
-// TV's display. While the display reports nothing, or without a TV, nothing is written.
+// TV's display. Without a TV, or while the display reports nothing, the query fails and writes
+// nothing.
 #include <cstdio>
 #include <cstdlib>
 
@@ -9,8 +10,8 @@
 
 namespace {
 
-/// The eleven operations before the query are no caller's business: whoever lands on one has the
-/// slot order wrong.
+/// Nothing calls the eleven operations before the query; a caller that does has the slot order
+/// wrong.
 [[noreturn]] void refuse(int slot) {
     std::fprintf(stderr, "display adapter: virtual slot %d called; the vsync query is slot 11\n",
                  slot);

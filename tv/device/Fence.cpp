@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The fence's waiting: poll, restarted with the time that is left when a signal interrupts it.
+// A wait is a poll, restarted with the remaining time when a signal interrupts it.
 #include "ui/Fence.h"
 
 #include <fcntl.h>

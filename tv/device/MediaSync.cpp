@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 // libkorvane_mediasync.so: one client of the current TV's media-sync service.
 //
-// A client starts without an instance; what needs one then fails. An instance that was told to
-// answer with a status does so for every call of its clients, which then has no effect and leaves
-// outputs alone. Without a TV every call fails. Any thread may call.
+// A client starts without an instance; calls that need one fail. While an instance has a fault
+// status, every call of its clients returns that status, has no effect and leaves outputs alone.
+// Without a TV every call fails. Any thread may call.
 //
-// A renderer polls its clock, so a call takes no lock here: an instance that a client was ever
-// bound to stays with the client, and which one it is now is one atomic pointer.
+// A renderer polls its clock, so the client takes no lock: it keeps every instance that it was ever
+// bound to, and one atomic pointer says which one is bound now.
 #include "platform/MediaSync.h"
 
 #include <atomic>
@@ -32,7 +32,7 @@ int64_t nowUs() {
     return korvane::tv::nowNs() / 1000;
 }
 
-/// What lies in a MediaSync's opaque bytes.
+/// The content of a MediaSync's opaque bytes.
 class Client {
 public:
     /// Calls the bound instance.
@@ -46,7 +46,7 @@ public:
         return status == kOk ? call(*instance) : status;
     }
 
-    /// Touches the client's own settings, which need no instance.
+    /// Calls with the client's own settings, which need no instance.
     template <typename Call>
     int onSettings(const Call& call) {
         if (!Tv::isAnyOn()) {
@@ -92,7 +92,7 @@ Client& clientIn(unsigned char* opaque) {
 
 MediaSync::MediaSync() {
     static_assert(sizeof(Client) <= sizeof(mOpaque) && alignof(Client) <= 16,
-                  "a client must fit the bytes that its callers allocate");
+                  "a client must fit into the bytes that callers allocate");
     new (mOpaque) Client;
 }
 
@@ -107,7 +107,7 @@ int MediaSync::setPlayerInsNumber(int number) {
     });
 }
 
-// Instances carry no demultiplexer here, so neither id tells the service anything.
+// Instances have no demultiplexer here, so both ids are ignored.
 int MediaSync::allocInstance(int /*demuxId*/, int /*pcrPid*/, int* syncInsId) {
     const auto tv = Tv::current();
     const auto instance = tv ? tv->mediaSync().create() : nullptr;
@@ -150,7 +150,7 @@ int MediaSync::getPause(bool* paused) {
     });
 }
 
-// An instance keeps no latest media time.
+// An instance has no maximum media time.
 int MediaSync::updateAnchor(long anchorTimeMediaUs, long anchorTimeRealUs, long /*maxTimeMediaUs*/,
                             bool fromVideo) {
     return clientIn(mOpaque).onInstance([=](SyncInstance& instance) {
@@ -164,7 +164,7 @@ int MediaSync::updateAnchor(long anchorTimeMediaUs, long anchorTimeRealUs, long 
     });
 }
 
-// Without a latest media time there is nothing that the answer could run past.
+// Without a maximum media time there is nothing to run past.
 int MediaSync::getMediaTime(long realUs, long* outMediaUs, bool /*allowPastMaxTime*/) {
     return clientIn(mOpaque).onInstance([=](SyncInstance& instance) {
         *outMediaUs = instance.mediaTimeAt(realUs);

@@ -7,11 +7,11 @@
 #include <optional>
 #include <string>
 
-#include "tv/Platform.h"
+#include "tv/Properties.h"
 
 namespace {
 
-/// Copies text with its terminating zero, cut to what a caller's buffer holds.
+/// Copies text and a terminating zero, truncated to the caller's buffer.
 int copyValue(const char* text, size_t length, char* value) {
     const size_t kept = std::min<size_t>(length, PROPERTY_VALUE_MAX - 1);
     std::memcpy(value, text, kept);
@@ -22,8 +22,8 @@ int copyValue(const char* text, size_t length, char* value) {
 }  // namespace
 
 /// @param value  buffer of PROPERTY_VALUE_MAX bytes; always terminated afterwards
-/// @param defaultValue  taken when the property is not set or empty; may be null
-/// @return length of what `value` then holds
+/// @param defaultValue  used if the property is unset or empty; may be null
+/// @return length of the string in `value`
 extern "C" __attribute__((visibility("default"))) int property_get(const char* key, char* value,
                                                                    const char* defaultValue) {
     const std::optional<std::string> stored = korvane::tv::getProperty(key);

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // libvideotunnel.so: the tunnel's C entry points on the current TV's tunnel.
 //
-// A failure is the error number negated, and errno is set as a device driver's library leaves it.
+// A failure is the error number negated; errno is set, too, as by a driver's library.
 // Without a TV every call fails with ENODEV.
 #include "platform/VideoTunnelLibrary.h"
 
@@ -44,7 +44,7 @@ int tovak_vt_free_id(int device, int tunnelId) {
     return onTunnel([=](Tv& tv) { return tv.tunnel().freeId(device, tunnelId); });
 }
 
-// The tunnel knows producers only, so the role tells it nothing.
+// The tunnel has only producers, so the role is ignored.
 int tovak_vt_connect(int device, int tunnelId, int /*role*/) {
     return onTunnel([=](Tv& tv) { return tv.tunnel().connect(device, tunnelId); });
 }

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Limits of the system property store, as a device's C library gives them. Bytes, with the
-// terminating zero.
+// Limits of the system property store as a device's C library defines them, in bytes, the
+// terminating zero included.
 #pragma once
 
 #define PROP_NAME_MAX 32

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // A sync fence: a descriptor that signals once, when the hardware is done with a buffer.
 //
-// The fence owns its descriptor and closes it with its last reference. On this TV a fence is the
-// read end of a pipe: it signals when it can be read or when its other end is closed.
+// The last reference to a fence closes its descriptor. On this TV a fence is the read end of a
+// pipe: it signals when it is readable or when its write end is closed.
 #pragma once
 
 #include <utils/Errors.h>
@@ -13,7 +13,7 @@ namespace android {
 
 class __attribute__((visibility("default"))) Fence : public LightRefBase<Fence> {
 public:
-    /// A fence without a descriptor: signalled as far as anyone who waits can tell.
+    /// A fence without a descriptor; a wait for it returns at once.
     static const sp<Fence> NO_FENCE;
 
     enum { TIMEOUT_NEVER = -1 };
@@ -29,15 +29,15 @@ public:
 
     /// Waits until the fence has signalled. Any thread.
     /// @param timeoutMs  longest wait; TIMEOUT_NEVER for no limit
-    /// @return 0 when signalled or without a descriptor, -ETIME when time ran out, another negated
-    ///         error number when the descriptor cannot be waited on
+    /// @return 0 when signalled or without a descriptor, -ETIME after a timeout, another negated
+    ///         error number if the descriptor cannot be polled
     status_t wait(int timeoutMs);
 
     /// @return a duplicate of the descriptor, which the caller owns, or -1
     int dup() const;
 
 private:
-    // Lives and dies by reference counting only.
+    // Only the reference count destroys a fence.
     friend class LightRefBase<Fence>;
     virtual ~Fence();
 
