@@ -29,17 +29,10 @@ namespace {
 constexpr useconds_t kAudioStartPollUs = 500;
 constexpr useconds_t kAudioClockPollUs = 1000;
 
-constexpr auto kNoLeaderMode = static_cast<sync_mode>(0);
-constexpr auto kAudioLeadsMode = static_cast<sync_mode>(1);
-constexpr auto kMicroseconds = static_cast<mediasync_time_unit>(1);
-
-constexpr int32_t kPolicyRender = 1;
-constexpr int32_t kPolicyHold = 2;
-constexpr int32_t kPolicyDrop = 3;
-constexpr int32_t kPolicyExit = 4;
-
 const char* policyLabel(int32_t policy) {
-    return policy == kPolicyRender ? "rend" : policy == kPolicyDrop ? "drop" : "??";
+    return policy == MEDIASYNC_VIDEO_NORMAL_OUTPUT ? "rend"
+           : policy == MEDIASYNC_VIDEO_DROP        ? "drop"
+                                                   : "??";
 }
 
 }  // namespace
@@ -126,7 +119,7 @@ void VideoTunnelRenderer::restartCadence(FramePass* pass) {
 VideoTunnelRenderer::Stage VideoTunnelRenderer::awaitAudioClock(FramePass* pass) {
     VideoSyncWraper* sync = mVideoSync;
     videoframe* frame = pass->frame;
-    if (pass->syncMode == kNoLeaderMode && mHaveAudio) {
+    if (pass->syncMode == MEDIA_SYNC_VMASTER && mHaveAudio) {
         // Audio is there and has not taken the clock yet: every frame goes, and re-anchors the
         // clock.
         RENDERER_LOGD(kLogDetail, "[%s]drop frame for sync audio:%ld\n", "drainVideoFrame",
@@ -204,7 +197,7 @@ int VideoTunnelRenderer::checkPauseTrackMediaTime() {
     }
     VideoSyncWraper* sync = requireVideoSync("checkPauseTrackMediaTime");
     auto mode = FramePass::kUnknownSyncMode;
-    if (sync == nullptr || !sync->getSyncMode(&mode) || mode != kAudioLeadsMode) {
+    if (sync == nullptr || !sync->getSyncMode(&mode) || mode != MEDIA_SYNC_AMASTER) {
         return 1;
     }
     bool paused = false;
@@ -239,21 +232,21 @@ void VideoTunnelRenderer::onVideoSyncProcess(int64_t mediaTimeUs, bool* show, in
     if (mFreeRun != 0 || mParam9Extra != 0) {
         *show = true;  // at once: the record's real time is 0
     } else if (VideoSyncWraper* sync = mVideoSync) {
-        sync->VideoProcess(mediaTimeUs, mLastFrameMediaTimeUs, kMicroseconds, &policy);
+        sync->VideoProcess(mediaTimeUs, mLastFrameMediaTimeUs, MEDIASYNC_UNIT_US, &policy);
         RENDERER_LOGD(kLogDetail, "[%s] mediaTimeUs:%ld videopolicy:%d\n", "onVideoSyncProcess",
                       mediaTimeUs, policy.videopolicy);
         switch (policy.videopolicy) {
-            case kPolicyRender:
+            case MEDIASYNC_VIDEO_NORMAL_OUTPUT:
                 *show = true;
                 break;
-            case kPolicyHold:
+            case MEDIASYNC_VIDEO_HOLD:
                 holdFrame(mediaTimeUs);
                 return;
-            case kPolicyDrop:
+            case MEDIASYNC_VIDEO_DROP:
                 RENDERER_LOGI(kLogInfo, "MEDIASYNC_VIDEO_DROP mediaTimeUs:%ld\n", mediaTimeUs);
                 *show = false;
                 break;
-            case kPolicyExit:
+            case MEDIASYNC_VIDEO_EXIT:
                 RENDERER_LOGI(kLogInfo, "MEDIASYNC_VIDEO_EXIT mediaTimeUs:%ld\n", mediaTimeUs);
                 mVideoSyncExited = true;
                 return;

@@ -34,7 +34,6 @@ constexpr std::chrono::milliseconds kInputWait(100);
 constexpr int32_t kFramesPerVsyncQuery = 10;
 // The tracker's detectors that are used: [3:2], [2:2] and [1:1].
 constexpr int kUsedPatterns = 11;
-constexpr auto kAudioLeadsMode = static_cast<sync_mode>(1);
 // Start-up is late by nature: before this frame number a late frame is no sign of trouble.
 constexpr int32_t kFirstFrameNoToReport = 21;
 
@@ -151,7 +150,7 @@ int VideoTunnelRenderer::drainVideoFrame(videoframe* frame) {
         if (awaitAudioClock(&pass) == Stage::Consumed) {
             return 1;
         }
-        if (pass.syncMode == kAudioLeadsMode) {
+        if (pass.syncMode == MEDIA_SYNC_AMASTER) {
             if (VideoSyncFRAC* tracker = requireVideoSyncFRAC("drainVideoFrame")) {
                 tracker->setEnablePattern(kUsedPatterns);
             }

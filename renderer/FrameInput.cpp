@@ -1,10 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // Leg 1, player's threads: frames come in and wait in the input queue.
-//
-// Beside it, the operations by which a player reaches the media-sync instance that this renderer is
-// bound to.
 #include "VideoTunnelRenderer.h"
-#include "mediasync/VideoSyncWraper.h"
 #include "platform/Trace.h"
 #include "renderer/RendererLog.h"
 
@@ -37,36 +33,4 @@ int VideoTunnelRenderer::peekFirstFrame() {
         mVideoFrameInputQueue.markFrontPeek();
     }
     return 1;
-}
-
-int VideoTunnelRenderer::onVideoSyncQueueVideoFrame(long timestampUs, unsigned int size) {
-    VideoSyncWraper* sync = mVideoSync;
-    return sync != nullptr && sync->queueVideoFrame(timestampUs, static_cast<int>(size), 0,
-                                                    static_cast<mediasync_time_unit>(2))
-               ? 1
-               : 0;
-}
-
-bool VideoTunnelRenderer::updateVideoTime(long mediaTimeUs) {
-    VideoSyncWraper* sync = mVideoSync;
-    if (sync == nullptr) {
-        return false;
-    }
-    mAnchorMediaTimeUs = mediaTimeUs;
-    return sync->updateAnchor(mediaTimeUs, 0, 0);
-}
-
-bool VideoTunnelRenderer::getRealTimeFor(long mediaTimeUs, long* realTimeUs) {
-    VideoSyncWraper* sync = mVideoSync;
-    return sync != nullptr && sync->getRealTimeFor(mediaTimeUs, realTimeUs);
-}
-
-bool VideoTunnelRenderer::getTrackMediaTime(long* mediaTimeUs) {
-    VideoSyncWraper* sync = mVideoSync;
-    return sync != nullptr && sync->getTrackMediaTime(mediaTimeUs);
-}
-
-bool VideoTunnelRenderer::getStartingTimeMedia(long* mediaTimeUs) {
-    VideoSyncWraper* sync = mVideoSync;
-    return sync != nullptr && sync->getStartingTimeMedia(mediaTimeUs);
 }

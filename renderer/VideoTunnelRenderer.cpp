@@ -31,13 +31,6 @@ constexpr uint32_t kModeMask = 0xffff0000;
 constexpr uint32_t kPassthroughMode = 0x00010000;
 constexpr int kPlayerNumberMask = 0xff;
 
-constexpr auto kVideoStream = static_cast<sync_stream_type>(0);
-constexpr auto kNoLeaderMode = static_cast<sync_mode>(0);
-constexpr auto kPassthroughSyncMode = static_cast<sync_mode>(2);
-constexpr auto kVideoSyncModeParameter = static_cast<mediasync_parameter>(5);
-constexpr auto kParameter7 = static_cast<mediasync_parameter>(7);
-constexpr auto kParameter9 = static_cast<mediasync_parameter>(9);
-
 constexpr int32_t kPeriod60HzNs = 16666666;
 
 // Bits of mMissingReported.
@@ -100,7 +93,7 @@ void VideoTunnelRenderer::bindSyncInstance() {
     auto* sync = new VideoSyncWraper;
     if (mTunerPassthrough) {
         sync->setPlayerInsNumber(mHwSyncId & kPlayerNumberMask);
-        sync->setParameter(kVideoSyncModeParameter, &mVideoSyncMode);
+        sync->setParameter(MEDIASYNC_KEY_VIDEOSYNCMODE, &mVideoSyncMode);
     }
 
     bool bound = false;
@@ -108,7 +101,7 @@ void VideoTunnelRenderer::bindSyncInstance() {
         if (!mTunerPassthrough) {
             mHaveAudio = true;  // stays, even when the id turns out not to be bindable
         }
-        bound = sync->bindInstance(static_cast<unsigned>(mHwSyncId), kVideoStream);
+        bound = sync->bindInstance(static_cast<unsigned>(mHwSyncId), MEDIA_VIDEO);
         if (!bound) {
             RENDERER_LOGI(kLogInfo,
                           "[%s] alloc mediasync instance should error in audio, create in video",
@@ -118,21 +111,21 @@ void VideoTunnelRenderer::bindSyncInstance() {
     if (!bound) {
         int syncId = -1;
         sync->getSyncId(&syncId);
-        sync->bindInstance(static_cast<unsigned>(syncId), kVideoStream);
+        sync->bindInstance(static_cast<unsigned>(syncId), MEDIA_VIDEO);
     }
 
     if (mTunerPassthrough) {
         configurePassthrough(*sync);
     } else {
-        sync->setSyncMode(kNoLeaderMode);
+        sync->setSyncMode(MEDIA_SYNC_VMASTER);
     }
     mVideoSync = sync;
 }
 
 void VideoTunnelRenderer::configurePassthrough(VideoSyncWraper& sync) {
-    sync.setSyncMode(kPassthroughSyncMode);
-    sync.setParameter(kParameter7, &mParam7Value);
-    sync.setParameter(kParameter9, &mParam9Value);
+    sync.setSyncMode(MEDIA_SYNC_PCRMASTER);
+    sync.setParameter(MEDIASYNC_KEY_PARAM7, &mParam7Value);
+    sync.setParameter(MEDIASYNC_KEY_PARAM9, &mParam9Value);
     mVideoHolding = false;
     mVideoSyncExited = false;
 }
@@ -240,7 +233,7 @@ int VideoTunnelRenderer::flush() {
     mInputCond.notify_all();
     mShowCond.notify_all();
     if (VideoSyncWraper* sync = requireVideoSync("flush")) {
-        sync->setSyncMode(kNoLeaderMode);
+        sync->setSyncMode(MEDIA_SYNC_VMASTER);
         anchorClock(0);
     }
     mFirstFramePeeked = false;

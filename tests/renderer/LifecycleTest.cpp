@@ -93,7 +93,7 @@ TEST_F(LifecycleTest, FlushHandsQueuedFramesBackInOrderAndResetsTheClock) {
     EXPECT_EQ(3u, peer().queued()) << "before start it changes nothing";
     EXPECT_FALSE(peer().flushed());
     peer().pretendStarted();
-    clock->setMode(kAudioLeads);
+    clock->setMode(MEDIA_SYNC_AMASTER);
     peer().setAudioSynced();
     EXPECT_EQ(1, renderer->flush());
     EXPECT_EQ(returned, (Returned{{1, 0}, {2, 0}, {3, 0}}));

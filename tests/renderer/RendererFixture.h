@@ -67,7 +67,6 @@ namespace korvane::test {
 class RendererTest : public TvFixture {
 protected:
     static constexpr int kFd = 10'000;  // no open descriptor: a buffer without a picture
-    static constexpr auto kAudioLeads = static_cast<sync_mode>(1);
 
     ~RendererTest() override {
         drop();

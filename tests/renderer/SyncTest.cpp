@@ -15,7 +15,7 @@ protected:
     void audioStarts(int64_t mediaUs) {
         clock->setTrackMediaTime(mediaUs);
         clock->anchorFromAudio(mediaUs, mClock.nowUs());
-        clock->setMode(kAudioLeads);
+        clock->setMode(MEDIA_SYNC_AMASTER);
         clock->setPause(false, mClock.nowUs());
     }
 };
@@ -68,14 +68,14 @@ TEST_F(SyncTest, NobodyLeadsTheClockEveryFrameIsDroppedAndReanchors) {
 
 TEST_F(SyncTest, FrameWaitsForAnAnchorUnlessItsTimeIsZero) {
     makeSynced(1);
-    clock->setMode(kAudioLeads);
+    clock->setMode(MEDIA_SYNC_AMASTER);
     mClock.after(3'000, [&] { audioStarts(80'000); });
     peer().drain({1, 90'000, 0, false});
     EXPECT_EQ(6, mClock.sleeps());
     EXPECT_EQ(1u, queuedBuffers().size());
     EXPECT_EQ(90'000, peer().anchorMediaTimeUs());
     makeSynced(1);
-    clock->setMode(kAudioLeads);
+    clock->setMode(MEDIA_SYNC_AMASTER);
     clock->setTrackMediaTime(5);
     peer().drain({1, 0, 0, false});
     EXPECT_EQ(6, mClock.sleeps());
@@ -94,7 +94,7 @@ TEST_F(SyncTest, FlushEndsTheWaitForAnAnchorOrTheAudioClockWithADrop) {
             EXPECT_EQ(50'000, peer().pauseMediaTimeUs());
             peer().setAudioSynced();
         } else {
-            clock->setMode(kAudioLeads);
+            clock->setMode(MEDIA_SYNC_AMASTER);
         }
         mClock.after(2'000, [&] { renderer->flush(); });
         peer().drain({1, 90'000, 0, false});
@@ -132,7 +132,7 @@ TEST_F(SyncTest, UnderflowNeedsAudioLeadingPausedAndNothingQueued) {
         audioStarts(50'000);
         clock->setPause(c.paused, mClock.nowUs());
         if (!c.leads) {
-            clock->setMode(static_cast<sync_mode>(0));
+            clock->setMode(MEDIA_SYNC_VMASTER);
         }
         if (c.queued) {
             renderer->sendVideoFrame(kFd, 0, false);
