@@ -48,7 +48,8 @@ using VideoTunnelCallback = int (*)(void* userData, void* info);
 
 /// Values of regCallBack's `type`.
 enum VideoTunnelCallbackType : int {
-    kFrameReturnCallback = 0,  ///< info: `int`, the returned buffer's descriptor
+    kFrameReturnCallback = 0,  ///< info: `int`, the returned buffer's descriptor; what the callback
+                               ///< writes there is the descriptor that type 2 reports
     kRenderTimeCallback = 1,   ///< info: `rendertime`
     kFrameStatusCallback = 2   ///< info: `framestatus`; called after type 0 for the same buffer
 };
@@ -181,7 +182,7 @@ private:
     int waitShowTime(int64_t waitUs) KORVANE_EXCLUDES(mShowLock);
     /// Takes mRenderTimeLock, but for a peek frame, whose caller holds it.
     int showFrame(videoframe* frame, int64_t presentationTimeUs);
-    KORVANE_INTERNAL void showPeekFrame(videoframe* frame) KORVANE_EXCLUDES(mRenderTimeLock);
+    KORVANE_INTERNAL void showPeekFrame(videoframe* frame) KORVANE_REQUIRES(mRenderTimeLock);
 
     // drain thread: audio/video decisions
     int syncWithAudio(videoframe* frame);
@@ -200,7 +201,7 @@ private:
     static void* fillVideoFrameThread(void* renderer);
     /// The one way in which a buffer goes back to the player.
     /// @return the callbacks' result, -1 without any
-    KORVANE_INTERNAL int returnFrame(int32_t fd, bool rendered) KORVANE_EXCLUDES(mCallbackLock);
+    KORVANE_INTERNAL int returnFrame(int32_t* fd, bool rendered) KORVANE_EXCLUDES(mCallbackLock);
 
     // Where threads share a member, it is an atomic of the plain type's size: flags are polled,
     // never waited for under a lock.

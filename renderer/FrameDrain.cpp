@@ -109,10 +109,12 @@ int VideoTunnelRenderer::firstFrameVpeekCheck() {
     if (mVideoFrameInputQueue.size() != 1 || mFirstFramePeeked) {
         return 1;
     }
-    const std::lock_guard<std::mutex> guard(mInputLock);
+    const std::lock_guard<std::mutex> inputGuard(mInputLock);
     videoframe frame{};
     if (mVideoFrameInputQueue.popFrontPeek(&frame)) {
+        const std::lock_guard<std::mutex> renderTimeGuard(mRenderTimeLock);
         showPeekFrame(&frame);
+        // Before the lock goes: the frame's render-time callback may flush, which clears this.
         mFirstFramePeeked = true;
     }
     return 1;
@@ -121,7 +123,6 @@ int VideoTunnelRenderer::firstFrameVpeekCheck() {
 // Kept on purpose: the tunnel is given nanoseconds here, where it expects microseconds, and shows
 // the frame at once for it.
 void VideoTunnelRenderer::showPeekFrame(videoframe* frame) {
-    const std::lock_guard<std::mutex> guard(mRenderTimeLock);
     showFrame(frame, monotonicNowNs());
     mRenderTimeList.push_back({frame->timestampUs, monotonicNowUs()});
 }
@@ -129,6 +130,7 @@ void VideoTunnelRenderer::showPeekFrame(videoframe* frame) {
 int VideoTunnelRenderer::drainVideoFrame(videoframe* frame) {
     if (!mAudioSynced && mHaveAudio) {
         if (!mFirstFramePeeked && frame->peek) {
+            const std::lock_guard<std::mutex> guard(mRenderTimeLock);
             showPeekFrame(frame);
             return 1;
         }

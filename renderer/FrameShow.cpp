@@ -32,7 +32,7 @@ int VideoTunnelRenderer::showFrame(videoframe* frame, int64_t presentationTimeUs
     const TraceSection section("showFrame");
     if (mFlushed || !mQueueRunning) {
         RENDERER_LOGD(kLogFrame, "[%s]do not show, need return frame\n", "showFrame");
-        returnFrame(frame->fd, true);
+        returnFrame(&frame->fd, true);
         return 1;
     }
     // A buffer that the tunnel refuses is lost to the player: the tunnel client cannot tell, so the

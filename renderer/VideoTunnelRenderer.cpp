@@ -225,7 +225,7 @@ int VideoTunnelRenderer::flush() {
     }
     videoframe frame{};
     while (mVideoFrameInputQueue.popFront(&frame)) {
-        returnFrame(frame.fd, false);
+        returnFrame(&frame.fd, false);
         RENDERER_LOGD(kLogFrame, "[%s]queue:%d\n", "flush",
                       static_cast<int>(mVideoFrameInputQueue.size()));
     }

@@ -120,19 +120,20 @@ TEST_F(LifecycleTest, FramesAreNumberedOnlyWhileTheFrameLogIsOn) {
 }
 
 TEST_F(LifecycleTest, StatusCallbackThatAReturnCallbackRegistersHearsOfThatFrame) {
-    make(0, false);
+    make(4, false);
     renderer->regCallBack(2, nullptr, nullptr);
     std::function<void()> registerAnother = [this] {
         renderer->regCallBack(2, &RendererTest::onStatus, this);
     };
     const auto onReturn = [](void* userData, void* info) {
-        *static_cast<int*>(info) = -1;  // a copy, its own
+        *static_cast<int*>(info) = 8;  // the frame's own descriptor
         (*static_cast<std::function<void()>*>(userData))();
         return 0;
     };
     renderer->regCallBack(0, onReturn, &registerAnother);
     EXPECT_EQ(1, renderer->onFillVideoFrame(7, true));
-    EXPECT_EQ(returned, (Returned{{7, 1}}));
+    EXPECT_EQ(returned, (Returned{{8, 1}}));
+    EXPECT_EQ(1, count("[onFillVideoFrame]==out== [1], fd:8, "));
 }
 
 TEST_F(LifecycleTest, MissingCollaboratorsCostOneErrorEachAndNoFrame) {

@@ -52,12 +52,15 @@ protected:
         return timesReturned.size();
     }
 
+public:
     const std::unique_ptr<tv::VirtualTime> time;  ///< null: real time
     LogCapture log;
     std::shared_ptr<tv::Tv> mTv = tv::Tv::powerOn({});
     std::unique_ptr<VideoTunnelRenderer> renderer;
     std::mutex lock;
     std::map<int, int> timesReturned;
+    std::atomic<int> olderCalls{0};
+    std::atomic<int> newerCalls{0};
 };
 
 TEST_F(ThreadsTest, StartAndStopDoNothingTheSecondTimeAndTheIdIsKept) {
@@ -146,6 +149,60 @@ TEST_F(ThreadsTest, FlushWhileDrainingReturnsEachFrameOnce) {
     renderer->stop();
     for (const auto& [fd, times] : timesReturned) {
         EXPECT_EQ(1, times) << fd;
+    }
+}
+
+TEST_F(ThreadsTest, ThreadThatWaitsToReportARenderTimeCallsTheCallbackRegisteredMeanwhile) {
+    make(0);
+    renderer->updateVideoTime(0);
+    static constexpr auto replacement = [](void* self, void*) {
+        return ++static_cast<ThreadsTest*>(self)->newerCalls;
+    };
+    // Sleeps under the render-time lock; the other thread waits for the lock meanwhile.
+    const auto replacesItself = [](void* self, void*) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        auto* test = static_cast<ThreadsTest*>(self);
+        ++test->olderCalls;
+        return test->renderer->regCallBack(1, replacement, self);
+    };
+    renderer->regCallBack(1, replacesItself, this);
+    renderer->start();
+    std::thread second([&] {
+        EXPECT_TRUE(eventually([&] {
+            renderer->nodifyRenderTime();
+            return newerCalls > 0;
+        }));
+    });
+    send(2, 1, 0);
+    second.join();
+    renderer->stop();
+    EXPECT_EQ(1, olderCalls);
+    EXPECT_EQ(1, newerCalls);
+}
+
+/// Now and then a thread loses the processor for 20 ms at most: the fill thread polls meanwhile.
+class LongPreemptionTest : public ThreadsTest {
+protected:
+    LongPreemptionTest() : ThreadsTest(virtualTimeIfAvailable(4096, 20'000'000)) {}
+};
+
+TEST_F(LongPreemptionTest, FlushFromARenderTimeCallbackAllowsAnotherPeek) {
+    const int audio = mTv->mediaSync().create()->id();
+    const auto flushes = [](void* self, void*) {
+        auto* test = static_cast<ThreadsTest*>(self);
+        test->renderer->flush();
+        return ++test->olderCalls;
+    };
+    for (int i = 0; i < 100; ++i) {
+        make(audio);
+        olderCalls = 0;
+        renderer->regCallBack(1, flushes, this);
+        renderer->start();
+        for (int peek = 1; peek <= 3; ++peek) {
+            renderer->sendVideoFrame(kFirstFd + peek, 40'000, true);
+            ASSERT_TRUE(eventually([&] { return olderCalls == peek; })) << "round " << i;
+        }
+        renderer->stop();
     }
 }
 

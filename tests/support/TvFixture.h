@@ -19,13 +19,14 @@ namespace korvane::test {
 /// Virtual time for tests whose threads run by themselves: they take no time, wait for no machine,
 /// and lose the processor in each other's way as the seed has it. Null in builds with a sanitizer,
 /// which are there to watch real threads.
-inline std::unique_ptr<tv::VirtualTime> virtualTimeIfAvailable() {
+inline std::unique_ptr<tv::VirtualTime> virtualTimeIfAvailable(
+    uint32_t preemptions = 4096, int64_t longestPreemptionNs = 100'000) {
     if (!tv::VirtualTime::available()) {
         return nullptr;
     }
     tv::VirtualTimeOptions options;
-    options.preemptions = 4096;
-    options.longestPreemptionNs = 100'000;
+    options.preemptions = preemptions;
+    options.longestPreemptionNs = longestPreemptionNs;
     constexpr uint64_t kSeed = 1;
     return std::make_unique<tv::VirtualTime>(kSeed, options);
 }
