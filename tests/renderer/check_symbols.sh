@@ -1,7 +1,8 @@
 #!/bin/sh
 # SPDX-License-Identifier: Apache-2.0
-# What the renderer library exports, imports by name and is called, and for which processor (as uname
-# calls it) it is made: check_symbols.sh LIBRARY [PROCESSOR]
+# What the renderer library exports, imports by name and is called, that it reaches its own functions
+# directly, and for which processor (as uname calls it) it is made:
+# check_symbols.sh LIBRARY [PROCESSOR]
 # The lists beside this script are pinned; a difference is printed and fails. They hold what comes
 # after a common beginning (none for "(whole)").
 set -eu
@@ -35,6 +36,13 @@ compare exports "$(nm -D --defined-only --format=posix "$library" | awk '{print 
 compare imports "$(nm -D --undefined-only "$library" |
     awk '$1 == "U" && $2 !~ /@|^_ZNK?St|^_ZSt|^_Zn[aw]|^_Zd[al]|^__cxa_/ {print $2}' |
     LC_ALL=C sort)"
+
+# Its calls of these are bound inside it: the dynamic linker is asked for none of its own functions.
+functions=$(nm -D --defined-only "$library" | awk '$2 ~ /[TW]/ {print $3}')
+if readelf --relocs --wide "$library" | awk '{print $5}' | grep -Fx "$functions"; then
+    echo "the functions above are called through a table, where a process can replace them" >&2
+    status=1
+fi
 
 if nm -C --defined-only "$library" | grep -E 'typeinfo (for|name for) (VideoTunnel|VideoSync)'; then
     echo "run-time type information is emitted for the classes above" >&2
