@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Leg 1, player's threads: frames come in and wait in the input queue.
+// Step 1 of a frame's path, on the player's threads: frames enter the input queue.
 #include "VideoTunnelRenderer.h"
 #include "platform/Trace.h"
 #include "renderer/RendererLog.h"
@@ -7,7 +7,7 @@
 using namespace korvane;
 
 int VideoTunnelRenderer::sendVideoFrame(int fd, long timestampUs, bool peek) {
-    // Frames are numbered only while somebody reads the numbers: they serve log lines alone.
+    // Frames are numbered only while this log bit is on: only log lines use the numbers.
     if (gRendererLog.has(kLogFrame)) {
         const int32_t count = ++mFrameInCount;
         RENDERER_LOGD(kLogFrame, "[%s] ==in== [%d] fd:%d, timestampUs:%ld\n", "sendVideoFrame",
@@ -15,7 +15,7 @@ int VideoTunnelRenderer::sendVideoFrame(int fd, long timestampUs, bool peek) {
     }
     if (mFlushed) {
         mFlushed = false;
-        mAudioSynced = false;  // the first frame after a flush meets audio afresh
+        mAudioSynced = false;  // the first frame after a flush waits for audio again
     }
 
     const std::lock_guard<std::mutex> guard(mInputLock);

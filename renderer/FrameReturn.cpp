@@ -1,9 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-// Leg 4, fill thread: released buffers and render times go back to the player.
+// Step 4 of a frame's path, on the fill thread: released buffers and render times go to the player.
 //
-// The fill thread polls: one buffer from the tunnel, one render time, 500 us of sleep. The routine
-// by which a buffer reaches the player is the same for buffers that were shown, dropped, flushed or
-// refused, on whichever thread that happens.
+// The fill thread polls: it takes one buffer from the tunnel, reports one render time, then sleeps
+// 500 us. `returnFrame` hands every buffer back, shown, dropped or flushed, on any thread.
 #include <unistd.h>
 
 #include "VideoTunnelRenderer.h"

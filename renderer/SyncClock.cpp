@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The clock of the media-sync instance that the renderer is bound to, for the player.
+// The player's access to the clock of the renderer's media-sync instance.
 //
 // Any thread may call these. They forward to the instance and keep only the last anchor, which the
 // drain thread compares with audio's track time.

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The binary interface, as a player built years ago sees it: a table of operations by slot, records
-// by offset, a factory by name.
+// The binary interface of players built years ago: a table of operations by slot, records by
+// offset, a factory by name.
 #include <dlfcn.h>
 
 #include "frac/VideoSyncFRAC.h"

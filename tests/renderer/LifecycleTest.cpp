@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The renderer's life as a player drives it: binding, ids, callbacks, flush, misuse.
+// The renderer's lifecycle as a player drives it: binding, ids, callbacks, flush, misuse.
 #include <functional>
 
 #include "tests/renderer/RendererFixture.h"
@@ -54,14 +54,14 @@ TEST_F(LifecycleTest, ReturnedBufferGoesToTypeZeroThenTypeTwoWhoseResultCounts) 
     static int results[3];
     make(4, false);
     renderer.reset(VideoTunnelRenderer_create());
-    EXPECT_EQ(0, renderer->onFillVideoFrame(kFd, true)) << "without callbacks nobody took it";
+    EXPECT_EQ(0, renderer->onFillVideoFrame(kFd, true)) << "without a callback nobody takes it";
     const auto take = +[](void*, void* fd) {
         calls.push_back("0:" + std::to_string(*static_cast<int*>(fd)));
         return results[0];
     };
     EXPECT_EQ(-1, renderer->regCallBack(3, take, this));
     EXPECT_EQ(-1, renderer->regCallBack(0, nullptr, this));
-    EXPECT_EQ(0, renderer->regCallBack(-1, take, this)) << "types are checked only upwards";
+    EXPECT_EQ(0, renderer->regCallBack(-1, take, this)) << "only types above 2 are refused";
     EXPECT_EQ(0, renderer->regCallBack(0, take, this));
     EXPECT_EQ(1, renderer->onFillVideoFrame(7, true));
     renderer->regCallBack(
@@ -119,7 +119,7 @@ TEST_F(LifecycleTest, FramesAreNumberedOnlyWhileTheFrameLogIsOn) {
     }
 }
 
-TEST_F(LifecycleTest, StatusCallbackThatAReturnCallbackRegistersHearsOfThatFrame) {
+TEST_F(LifecycleTest, StatusCallbackRegisteredByAReturnCallbackGetsThatFrameAndItsNewDescriptor) {
     make(4, false);
     renderer->regCallBack(2, nullptr, nullptr);
     std::function<void()> registerAnother = [this] {

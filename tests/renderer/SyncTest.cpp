@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// How a frame meets sound: audio start, resume, underflow and catch-up, pass-through policies.
+// Synchronisation with audio: start, resume, underflow and catch-up, pass-through policies.
 #include "tests/renderer/RendererFixture.h"
 
 namespace korvane::test {
@@ -11,7 +11,7 @@ protected:
         make(logMask, true);
         peer().setAudioSynced();
     }
-    /// Audio takes the clock at a media time, from now.
+    /// Audio leads the clock from now on, starting at a media time.
     void audioStarts(int64_t mediaUs) {
         clock->setTrackMediaTime(mediaUs);
         clock->anchorFromAudio(mediaUs, mClock.nowUs());
@@ -38,7 +38,8 @@ TEST_F(SyncTest, FirstFrameHoldsTheClockUntilAudioReleasesIt) {
     clock->setStatus(-7);
     const int64_t before = mClock.sleeps();
     EXPECT_EQ(1, peer().syncWithAudio({kFd, 90'000, 0, false}));
-    EXPECT_EQ(before + 1, mClock.sleeps()) << "a pause state that cannot be read counts as running";
+    EXPECT_EQ(before + 1, mClock.sleeps())
+        << "a clock whose pause state cannot be read counts as running";
 }
 
 TEST_F(SyncTest, FlushAndStopEndTheWaitForAudio) {
@@ -162,7 +163,7 @@ TEST_F(SyncTest, CatchUpDropsFramesFifteenMillisecondsBehindAudio) {
         EXPECT_EQ(dropped, count("to catch up audio after underflow"));
         EXPECT_EQ(1 - dropped, count("video have catch up wih audio after underflow"));
         EXPECT_EQ(dropped, peer().catchUpPending());
-        // The frame that ends the catch-up is on time, not early: it goes as well.
+        // The frame that ends the catch-up is on time, not early: it is dropped too.
         EXPECT_EQ(returned, (Returned{{1, 0}}));
         EXPECT_EQ(dropped, peer().anchorMediaTimeUs() == kTrackUs - behindUs);
     }
