@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 // Cost of the cadence tracker per frame and per vsync report, with the log switched off.
 //
-// Content whose repeat counts go through a cycle of four is presented frame by frame. Before the
-// clock starts the pattern named must be in force, so that the path measured is the one named.
-// Aim: below 50 ns per frame, lock and record copy included.
+// Presents content whose repeat counts have a cycle of four. The pattern in a benchmark's name must
+// be in force before the timing starts. Aim: below 50 ns per frame, with the lock and the record's
+// copy.
 #include <benchmark/benchmark.h>
 
 #include <array>
@@ -64,7 +64,8 @@ BENCHMARK_CAPTURE(getRealTime, no_pattern, {3, 2, 2, 3}, kRendererMask, "-");
 BENCHMARK_CAPTURE(getRealTime, pattern_3_2, {3, 2, 3, 2}, kRendererMask, "[3:2]");
 BENCHMARK_CAPTURE(getRealTime, pattern_2_2, {2, 2, 2, 2}, kRendererMask, "[2:2]");
 BENCHMARK_CAPTURE(getRealTime, pattern_1_1, {1, 1, 1, 1}, kRendererMask, "[1:1]");
-// In force [4:1] expects no count and so breaks itself at the next frame: found, applied, lost.
+// [4:1] expects no count, so it breaks at the next frame: detected, applied, broken, again and
+// again.
 BENCHMARK_CAPTURE(getRealTime, pattern_4_1, {2, 1, 1, 1}, kFourOneMask, "[4:1]");
 
 void updateHWCVsyncInfo(benchmark::State& state) {

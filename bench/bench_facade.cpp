@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What one call through the simulated device libraries costs: the calls that a renderer's threads
+// Cost of one call through the simulated device libraries, for the calls that a renderer's threads
 // poll. Runs in virtual time make hundreds of millions of them, so nanoseconds count.
 #include <benchmark/benchmark.h>
 

@@ -1,13 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 // The renderer's per-frame path as the player sees it, on the simulated TV, log mask 0:
 //
-//   sendVideoFrame            the call alone: nobody running; the drain thread waiting for a show
-//                             time, as it mostly does; the drain thread waiting for just this frame
-//   send to callback          one frame's whole way: queue, drain thread, tunnel, display, fence,
-//   fill
-//                             thread, callback; bounded below by the display's vsync
-//   CPU per second            an idle renderer and one at 60 fps, beside bare threads with the same
-//                             sleeps: what the polling itself costs on this machine
+//   sendVideoFrame     the call alone: before start; while the drain thread waits for a show time,
+//                      as it mostly does; while it waits for this frame
+//   send to callback   one frame's whole path: queue, drain thread, tunnel, display, fence, fill
+//                      thread, callback; the display's vsync is its lower bound
+//   CPU per second     an idle renderer and one at 60 fps, beside bare threads with the same
+//   sleeps:
+//                      the cost of polling on this machine
 #include <benchmark/benchmark.h>
 #include <sys/resource.h>
 #include <unistd.h>
@@ -85,7 +85,7 @@ void BM_SendVideoFrameNotStarted(benchmark::State& state) {
 }
 BENCHMARK(BM_SendVideoFrameNotStarted)->Unit(benchmark::kMicrosecond)->UseRealTime();
 
-// The drain thread holds a frame that is due in an hour.
+// The drain thread waits with a frame that is due in an hour.
 void BM_SendVideoFrameWhileOneIsDue(benchmark::State& state) {
     Player player(60.0, false);
     player.renderer->updateVideoTime(0);
@@ -98,8 +98,8 @@ void BM_SendVideoFrameWhileOneIsDue(benchmark::State& state) {
 }
 BENCHMARK(BM_SendVideoFrameWhileOneIsDue)->Iterations(500'000)->UseRealTime();
 
-// Frames from long ago: the drain thread takes and drops each, so the queue stays short and most
-// calls find it waiting to be woken.
+// Frames that are an hour late: the drain thread drops each at once, so the queue stays short and
+// most calls wake the thread.
 void BM_SendVideoFrameWhileDraining(benchmark::State& state) {
     Player player(60.0, false);
     player.renderer->updateVideoTime(0);
@@ -110,7 +110,7 @@ void BM_SendVideoFrameWhileDraining(benchmark::State& state) {
 }
 BENCHMARK(BM_SendVideoFrameWhileDraining)->Iterations(200'000)->UseRealTime();
 
-// A display of 1000 Hz, so that the round trip is not mostly waiting for a vsync.
+// A display of 1000 Hz, so that waiting for a vsync is a small part of the round trip.
 void BM_SendToCallback(benchmark::State& state) {
     Player player(1000.0);
     player.renderer->updateVideoTime(0);
@@ -123,7 +123,7 @@ void BM_SendToCallback(benchmark::State& state) {
         player.renderer->sendVideoFrame(kFd, mediaUs, false);
     };
     for (int i = 0; i < 3; ++i) {
-        send();  // two buffers always stay in the tunnel, the third waits for this loop's first
+        send();  // two buffers always stay in the tunnel; the third comes back with the next one
         usleep(2000);
     }
     for (auto _ : state) {
@@ -143,7 +143,7 @@ double processCpuSeconds() {
            static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) * 1e-6;
 }
 
-/// CPU milliseconds that the process spends per second of wall time while `during` runs.
+/// The process's CPU milliseconds per second of wall time while `during` runs.
 template <typename Action>
 void measureCpu(benchmark::State& state, Action during) {
     for (auto _ : state) {
@@ -175,7 +175,7 @@ void BM_CpuRendererAt60Fps(benchmark::State& state) {
 }
 BENCHMARK(BM_CpuRendererAt60Fps)->Iterations(1)->UseRealTime()->Unit(benchmark::kSecond);
 
-// What an idle renderer's threads do at the least: one sleeps 500 us at a time, one waits.
+// The least that an idle renderer's threads do: one sleeps 500 us at a time, one waits.
 void BM_CpuBareLoops(benchmark::State& state) {
     std::atomic<bool> running{true};
     std::mutex lock;

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Opening the library and looking up its two entry points; a failure ends the attempt with one
-// error line and leaves what was found so far.
+// Opens the library and resolves its two entry points; stops at the first failure with one error
+// line and keeps what was resolved before.
 #include "display/DisplayAdapterOps.h"
 
 #include "display/Log.h"

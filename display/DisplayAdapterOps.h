@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 // Loader of the display adapter library.
 //
-// The library is opened by name, and its two entry points are resolved, once per process while this
-// library is being loaded. What could not be resolved stays null and is tested before each use;
-// there is no second attempt. Written at load and unload only; any thread reads it in between.
+// Opens the library by name and resolves its two entry points, once per process while this library
+// is being loaded, without a second attempt. An entry point that is missing stays null and is
+// tested before each use. Written only at load and unload; any thread may read it in between.
 #pragma once
 
 #include "platform/DisplayAdapterRemote.h"

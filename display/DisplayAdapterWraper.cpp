@@ -11,14 +11,14 @@ using korvane::display::kLogTag;
 
 namespace {
 
-// Numbers that people who read the logs of this client know its lines by.
+// Line numbers that this client's log lines have always carried.
 constexpr int kConstructorLine = 109;
 constexpr int kDestructorLine = 119;
 
 }  // namespace
 
 DisplayAdapterWraper::DisplayAdapterWraper() {
-    // Under the mask of the wrapper before this one, which the refresh below may replace.
+    // Logged under the previous wrapper's mask, which the refresh below may replace.
     KORVANE_LOGI(gLogMask, kLogInfo, kLogTag, "[%s:%d]", __func__, kConstructorLine);
     if (gDisplayAdapterOps.mCreate != nullptr) {
         mDisplayAdapterRemote = gDisplayAdapterOps.mCreate();

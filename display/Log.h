@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// The display adapter client's one log tag and mask, shared by loader and wrapper; a wrapper's
-// constructor refreshes the mask for both. Constant-initialised, because the loader logs while the
-// library is being loaded.
+// The display adapter client's log tag and mask, shared by the loader and the wrapper; a wrapper's
+// constructor refreshes the mask. Constant-initialised, because the loader logs while the library
+// is being loaded.
 #pragma once
 
 #include "platform/LogMask.h"

@@ -1,17 +1,17 @@
 // SPDX-License-Identifier: Apache-2.0
-// Pattern detection: which cadence the last frames' repeat counts have.
+// Pattern detection: the cadence of the last frames' repeat counts.
 //
-// In: the corrected repeat counts of the current and the previous frame. Out: the pattern in force,
-// which is applied from the next frame on, and statistics. Once per frame per enabled detector, on
-// the drain thread with the tracker's lock held.
+// Input: the corrected repeat counts of the current and the previous frame. Output: the pattern in
+// force, which applies from the next frame on, and statistics. Runs once per frame and enabled
+// detector, on the drain thread under the tracker's lock.
 //
 //   pair pattern   counting 0..9 --(10th fitting frame in a row)--> declared --(misfit)--> 0
 //                  counting 0..9 --(misfit)--> 0, silently
 //   [4:1]          0 --> 1 --(second whole cycle 2 1 1 1, seen at the next 2)--> declared
 //                  any --(a count that breaks the cycle)--> 0, silently unless declared
 //
-// Each detector keeps its own run. The pattern in force is the one declared last; when any declared
-// detector breaks, none is in force, even if another one's run goes on.
+// Each detector counts its own run. The pattern declared last is in force; when any declared
+// pattern breaks, none is in force, even if another detector's run goes on.
 #include <algorithm>
 #include <iterator>
 
@@ -29,8 +29,8 @@ using korvane::frac::patternName;
 
 constexpr char kOperation[] = "detectPattern";
 
-// Fitting frames that declare a pair pattern: at 24 fps a little over 0.4 s, long enough that no
-// other cadence (25 fps in 60 Hz: 3 2 3 2 2) looks like one of the pairs by chance.
+// Fitting frames that declare a pair pattern: at 24 fps a little over 0.4 s, so long that no other
+// cadence (25 fps on 60 Hz: 3 2 3 2 2) can pass for one of the pairs.
 constexpr int32_t kFramesToDeclare = 10;
 constexpr int32_t kCyclesToDeclare = 2;
 constexpr int32_t kCycleLength = 4;
@@ -87,8 +87,8 @@ void detectPair(videoSyncFrac_priv& priv, int pattern) KORVANE_REQUIRES(priv.loc
     }
 }
 
-/// A 2 ends a cycle and starts the next. Only the entries 1 to 3 are looked at, and only a reset
-/// clears them: a cycle that is cut short still counts on the strength of an earlier whole one.
+/// A 2 ends a cycle and starts the next. Only entries 1 to 3 are checked, and only a reset clears
+/// them: after one whole cycle, a cycle that is cut short counts as whole too.
 void startFourOneCycle(videoSyncFrac_priv& priv) KORVANE_REQUIRES(priv.lock) {
     const bool wholeCycle =
         std::all_of(std::begin(priv.fourOneHistory) + 1, std::end(priv.fourOneHistory),
@@ -127,7 +127,7 @@ const char* korvane::frac::patternName(int32_t pattern) {
     return pattern >= 0 && pattern < kPatternCount ? kPatterns[pattern].name : "unknown pattern";
 }
 
-// getRealTime, which holds the lock, is the caller.
+// Called by getRealTime, which holds the lock.
 KORVANE_LOCKS_UNCHECKED bool VideoSyncFRAC::detectPattern(int pattern) {
     if (isMissing(mPriv, __func__)) {
         return false;

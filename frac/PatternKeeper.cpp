@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
-// Pattern keeping: one frame's way from its real time to its presentation time.
+// Pattern keeping: from a frame's real time to its presentation time.
 //
-// In: the frame's real time; kept: its record and the one of the frame before. First the frame is
-// put on the vsync grid (updateSyncFrame): interval, vsync number, repeat count. Then its time is
-// corrected (checkPattern) so that its repeat count is the one that the pattern in force expects,
-// or, with none in force, only kept off the edges of its interval. Then the detectors see the
-// corrected count. On the drain thread, with the tracker's lock held throughout.
+// Input: the frame's real time. State: its record and the previous frame's. First the frame is put
+// on the vsync grid (updateSyncFrame): interval, vsync number, repeat count. Then its time is
+// corrected (checkPattern) so that its repeat count is the one that the pattern in force expects;
+// with no pattern in force it is only kept off the edges of its interval. Then the detectors get
+// the corrected count. Runs on the drain thread under the tracker's lock.
 //
 //   count against expected   correction                          new time
 //   equal                    none; off the edges                 within the margins
@@ -18,7 +18,7 @@
 //   after a pull
 //   anything else            none; reported                      as it is
 //
-// Real times come from the caller unchecked, so sums of them saturate.
+// Sums saturate, because the caller's real times are not checked.
 #include "frac/CadenceState.h"
 #include "frac/VideoSyncFRAC.h"
 #include "platform/Clock.h"
@@ -37,22 +37,22 @@ using korvane::frac::patternName;
 constexpr char kUpdateSyncFrame[] = "updateSyncFrame";
 constexpr char kCheckPattern[] = "checkPattern";
 
-// Distance that a presentation time keeps from both edges of its vsync interval: about a quarter of
-// a period at 60 Hz, more than vsync reports and the tunnel's hand-over jitter.
+// Distance of a presentation time from both edges of its vsync interval: about a quarter of a
+// period at 60 Hz, more than the jitter of vsync reports and of the tunnel.
 constexpr int64_t kMarginUs = 4000;
 
-// 60 fps on 59.94 Hz has 1000 frames for 999 vsyncs, so one short frame in so many. An error of two
-// vsyncs this soon after the last short frame has another cause and is made up for in full.
+// 60 fps on 59.94 Hz has 1000 frames for 999 vsyncs, so one short frame in 1000. An error of two
+// vsyncs sooner than this after a short frame has another cause and is corrected in full.
 constexpr int32_t kSixtyFps = 6000;
 constexpr int64_t kLittleDifferVsyncs = 994;
 
 /// Where a time lies on the grid.
 struct GridPosition {
-    int64_t vsyncs;      ///< whole periods from the last vsync, cut towards zero
+    int64_t vsyncs;      ///< whole periods from the last vsync, truncated towards zero
     int64_t intervalUs;  ///< that many periods from the last vsync: start of the interval
 };
 
-/// @param vsync  a known one: its period is 1 or above
+/// @param vsync  a known one: its period is at least 1
 GridPosition positionOnGrid(const VsyncInfo& vsync, int64_t timeUs) {
     // The product is no larger than the difference, and the vsync's time is positive: neither the
     // product nor the sum can overflow.
@@ -73,7 +73,7 @@ void fillRecord(videoSyncFrac_priv& priv, int64_t mediaTimeUs, int64_t realTimeU
     frame.vsync = priv.lastVsync;
 }
 
-/// The first frame after a reset fixes the offset between real time and grid: it goes to a quarter
+/// The first frame after a reset sets the offset between real time and grid: it is placed a quarter
 /// of a period after the start of its interval.
 void placeFirstFrame(videoSyncFrac_priv& priv) KORVANE_REQUIRES(priv.lock) {
     SyncFrame& frame = priv.curFrame;
@@ -113,7 +113,7 @@ void placeNextFrame(videoSyncFrac_priv& priv) KORVANE_REQUIRES(priv.lock) {
                  frame.repeatVsyncCnt);
 }
 
-/// What the pattern in force expects of this frame, given the frame before.
+/// Repeat counts that the pattern in force expects, given the previous frame's count.
 struct ExpectedCounts {
     int32_t should;      ///< this frame's repeat count
     int32_t prevShould;  ///< the previous frame's
@@ -134,13 +134,13 @@ ExpectedCounts expectedCounts(int32_t pattern, int32_t prevRepeatVsyncCnt) {
         case kPattern11:
             return {1, 1};
         default:
-            // [4:1] has no expected count: in force, it takes a count of 0 as fitting, every
-            // count above as staying too long, every count below as too early.
+            // [4:1] has no expected count: in force, a count of 0 fits, a higher one is too long, a
+            // lower one too early.
             return {0, 0};
     }
 }
 
-/// Start and end of the part of the frame's own interval that keeps the margin.
+/// The part of the frame's interval that keeps the margin to both edges.
 struct SafeRange {
     int64_t earliestUs;
     int64_t latestUs;
@@ -152,7 +152,7 @@ SafeRange safeRange(const videoSyncFrac_priv& priv) KORVANE_REQUIRES(priv.lock) 
             saturatingAdd(startUs, priv.lastVsync.vsyncInc - kMarginUs)};
 }
 
-/// No pattern: a time near either edge goes to the start of its interval plus the margin.
+/// No pattern: moves a time near either edge to the start of its interval plus the margin.
 void keepOffEdges(videoSyncFrac_priv& priv) KORVANE_REQUIRES(priv.lock) {
     SyncFrame& frame = priv.curFrame;
     const auto [earliestUs, latestUs] = safeRange(priv);
@@ -166,7 +166,7 @@ void keepOffEdges(videoSyncFrac_priv& priv) KORVANE_REQUIRES(priv.lock) {
     frame.syncRealTimeUs = newTimeUs;
 }
 
-/// In pattern: a time near an edge goes to the margin at that edge.
+/// Pattern in force: moves a time near an edge to the margin at that edge.
 void clampOffEdges(videoSyncFrac_priv& priv) KORVANE_REQUIRES(priv.lock) {
     SyncFrame& frame = priv.curFrame;
     const auto [earliestUs, latestUs] = safeRange(priv);
@@ -197,8 +197,8 @@ void holdOneVsync(videoSyncFrac_priv& priv, int32_t should) KORVANE_REQUIRES(pri
                  patternName(priv.curPattern));
 }
 
-/// Two vsyncs too early right after a held frame, on 59.94 Hz: the content is faster than the
-/// display by a whole vsync now. One vsync is made up for; the short frame takes up the other.
+/// Two vsyncs too early right after a held frame, on 59.94 Hz: the content is now ahead of the
+/// display by a whole vsync. Corrects one vsync; the other makes this a short frame.
 void makeShortFrame(videoSyncFrac_priv& priv, int32_t should) KORVANE_REQUIRES(priv.lock) {
     SyncFrame& frame = priv.curFrame;
     const char* name = patternName(priv.curPattern);
@@ -254,8 +254,8 @@ void pullOneVsync(videoSyncFrac_priv& priv, int32_t should) KORVANE_REQUIRES(pri
                  patternName(priv.curPattern));
 }
 
-/// Two or more vsyncs too long. On 60 Hz, after a pulled frame, two are the content being slower
-/// than the display by a whole vsync now: one is made up for, the freeze frame takes the other.
+/// Two or more vsyncs too long. Two, on 60 Hz after a pulled frame: the content is now behind the
+/// display by a whole vsync. Corrects one vsync; the other makes this a freeze frame.
 void freeze(videoSyncFrac_priv& priv, ExpectedCounts expected) KORVANE_REQUIRES(priv.lock) {
     const int32_t repeatVsyncCnt = priv.curFrame.repeatVsyncCnt;
     const char* name = patternName(priv.curPattern);
@@ -312,7 +312,7 @@ bool VideoSyncFRAC::getRealTime(long mediaTimeUs, long realTimeUs, int frameNo,
     updateSyncFrame(mediaTimeUs, realTimeUs, frameNo);
     checkPattern(outRealTimeUs);
     if (mPriv->patternCheckSupported) {
-        // After the correction: what a detector finds is in force from the next frame on.
+        // After the correction: a pattern found now is in force from the next frame on.
         for (int pattern = 0; pattern < kPatternCount; ++pattern) {
             if ((mPriv->enablePattern.load(std::memory_order_relaxed) & (1 << pattern)) != 0) {
                 detectPattern(pattern);
@@ -323,13 +323,13 @@ bool VideoSyncFRAC::getRealTime(long mediaTimeUs, long realTimeUs, int frameNo,
     return true;
 }
 
-// As is detectPattern: getRealTime, which holds the lock, is the caller.
+// Called by getRealTime, which holds the lock.
 KORVANE_LOCKS_UNCHECKED bool VideoSyncFRAC::updateSyncFrame(long mediaTimeUs, long realTimeUs,
                                                             int frameNo) {
     if (isMissing(mPriv, __func__)) {
         return false;
     }
-    // A previous frame was placed after the last reset, hence with a vsync known.
+    // If there is a previous frame, it was placed after the last reset, when a vsync was known.
     const bool isFirst = mPriv->prevFrame.realTimeUs < 1;
     if (isFirst && mPriv->lastVsync.vsyncTime < 1) {
         KORVANE_LOGD(gLogMask, kLogFrame, kTag,
@@ -347,7 +347,7 @@ KORVANE_LOCKS_UNCHECKED bool VideoSyncFRAC::updateSyncFrame(long mediaTimeUs, lo
     return true;
 }
 
-// As updateSyncFrame.
+// Called by getRealTime, which holds the lock.
 KORVANE_LOCKS_UNCHECKED bool VideoSyncFRAC::checkPattern(long* outRealTimeUs) {
     if (isMissing(mPriv, __func__)) {
         return false;

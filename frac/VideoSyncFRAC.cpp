@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
-// The tracker's object: its life, its configuration, and the display's vsync grid.
+// The tracker's lifecycle, its configuration, and the display's vsync grid.
 //
-// The grid is two vsyncs, the first since the last reset and the last reported. A report with the
-// known period moves the last one on by whole periods; a report with another period starts over.
-// Reports come from the drain thread every tenth frame, and after each reset.
+// The grid keeps two vsyncs: the first since the last reset and the last reported. A report with
+// the same period advances the last one by whole periods; a report with another period starts over.
+// Reports come from the drain thread every tenth frame and after each reset.
 #include "frac/VideoSyncFRAC.h"
 
 #include <algorithm>
@@ -33,12 +33,12 @@ constexpr int kConstructorLine = 172;
 constexpr int kDestructorLine = 184;
 
 constexpr int kLowestFrameRate = 1;
-constexpr int kHighestFrameRate = 6000;  // 60 fps: displays of these modes show no more
+constexpr int kHighestFrameRate = 6000;  // 60 fps, the most that these display modes show
 constexpr uint32_t kHundredthsUsPerSecond = 100'000'000;
 constexpr int32_t kAnyPatternMask = (1 << kPatternCount) - 1;
 
-/// The display modes in which content has a known cadence. The period is the key: what the display
-/// reports, cut to microseconds, must match it exactly.
+/// The display modes in which content has a known cadence. A mode is found by its period: the
+/// display's, truncated to microseconds, must match exactly.
 struct DispModeRow {
     int32_t mode;
     const char* name;
@@ -53,7 +53,7 @@ int64_t wholeHertz(int32_t periodUs) {
     return periodUs == 0 ? 0 : 1'000'000 / periodUs;
 }
 
-/// Makes a vsync the grid's first one and looks up the display's mode.
+/// Starts the grid at a vsync and looks up the display mode.
 /// @param dispModeRow  index into the display-mode table, or below 0
 void startGrid(videoSyncFrac_priv& priv, int64_t vsyncTimeUs, int32_t vsyncIncUs, int dispModeRow)
     KORVANE_REQUIRES(priv.lock) {
@@ -73,12 +73,12 @@ void startGrid(videoSyncFrac_priv& priv, int64_t vsyncTimeUs, int32_t vsyncIncUs
     }
 }
 
-/// Moves the last vsync on to a later one with the same period.
+/// Advances the last vsync to a later one with the same period.
 /// @param vsyncTimeUs  not before the last vsync
 void advanceGrid(videoSyncFrac_priv& priv, int64_t vsyncTimeUs) KORVANE_REQUIRES(priv.lock) {
     VsyncInfo& last = priv.lastVsync;
     const int64_t elapsedUs = vsyncTimeUs - last.vsyncTime;
-    // To the nearest: half a period counts as a whole one.
+    // Rounded to the nearest: half a period counts as one.
     const int64_t elapsedVsyncs = saturatingAdd(elapsedUs, last.vsyncInc >> 1) / last.vsyncInc;
     last.vsyncCnt = saturatingAdd(last.vsyncCnt, elapsedVsyncs);
     KORVANE_LOGD(gLogMask, kLogFrame, kTag,
@@ -108,7 +108,7 @@ VideoSyncFRAC::~VideoSyncFRAC() {
     mPriv = nullptr;
 }
 
-// Without the lock: it is not recursive and updateHWCVsyncInfo, which holds it, resets too.
+// Does not take the lock, which is not recursive: updateHWCVsyncInfo calls this under it.
 KORVANE_LOCKS_UNCHECKED bool VideoSyncFRAC::resetFRC() {
     if (isMissing(mPriv, __func__)) {
         return false;

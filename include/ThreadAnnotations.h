@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
-// Which lock guards what, for the compiler to hold: clang refuses a use without the lock, and the
-// taking of locks in the wrong order, where the C++ library's locks are annotated too, as libc++'s
-// are on demand. Elsewhere the macros are nothing. They change neither code nor layout.
+// Thread-safety annotations: which lock guards what. clang reports a use without the lock and locks
+// taken in the wrong order, provided that the C++ library's locks are annotated too; libc++'s are
+// on request. Other compilers see empty macros. They change neither code nor layout.
 //
-// What the analysis cannot see is left out of it by name and with the reason beside it. It does not
-// look into constructors and destructors: nobody else has the object then.
+// A function that the analysis cannot follow is excluded by KORVANE_LOCKS_UNCHECKED, with the
+// reason beside it. Constructors and destructors are not analysed: no other thread has the object.
 #pragma once
 
 #if defined(__clang__) && defined(_LIBCPP_ENABLE_THREAD_SAFETY_ANNOTATIONS)
@@ -13,17 +13,17 @@
 #define KORVANE_THREAD_ANNOTATION(annotation)
 #endif
 
-// Members: the lock to hold for the member itself, or for what a pointer points to.
+// Members: the lock that guards the member itself, or what a pointer points to.
 #define KORVANE_GUARDED_BY(lock) KORVANE_THREAD_ANNOTATION(guarded_by(lock))
 #define KORVANE_PT_GUARDED_BY(lock) KORVANE_THREAD_ANNOTATION(pt_guarded_by(lock))
-// Locks: this one first where both are held.
+// Locks: this one is taken first where both are held.
 #define KORVANE_ACQUIRED_BEFORE(...) KORVANE_THREAD_ANNOTATION(acquired_before(__VA_ARGS__))
-// Functions: locks that the caller holds, or that it must not hold because they are taken inside.
+// Functions: locks that the caller must hold, or must not hold because the function takes them.
 #define KORVANE_REQUIRES(...) KORVANE_THREAD_ANNOTATION(requires_capability(__VA_ARGS__))
 #define KORVANE_EXCLUDES(...) KORVANE_THREAD_ANNOTATION(locks_excluded(__VA_ARGS__))
-// Functions that the analysis leaves out; the reason stands beside each.
+// Functions excluded from the analysis; the reason stands beside each.
 #define KORVANE_LOCKS_UNCHECKED KORVANE_THREAD_ANNOTATION(no_thread_safety_analysis)
-// Locks, scoped locks and their operations.
+// Lock types, scoped locks and their operations.
 #define KORVANE_LOCK KORVANE_THREAD_ANNOTATION(capability("mutex"))
 #define KORVANE_SCOPED_LOCK KORVANE_THREAD_ANNOTATION(scoped_lockable)
 #define KORVANE_ACQUIRE(...) KORVANE_THREAD_ANNOTATION(acquire_capability(__VA_ARGS__))

@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
-// The renderer's list of frames handed in and not yet taken.
+// The renderer's input queue: frames received and not yet taken.
 //
-// New frames go to the back, takers (drain thread, flush, first-frame peek) take from the front.
-// The renderer orders these with its input lock, but `flush` and the peek checks read or empty the
-// queue without it, by design. So each operation here is one step under a leaf lock of the queue's
-// own, held for a few pointer moves and never across a call out: whatever the interleaving, every
-// frame leaves the queue exactly once. One list entry is allocated per frame, outside that lock.
+// New frames go to the back; the drain thread, `flush` and the first-frame peek take from the
+// front. The renderer orders these with its input lock, but by design `flush` and the peek checks
+// read or empty the queue without it. So each operation here is atomic under the queue's own leaf
+// lock, held for a few pointer moves and never across a call out: every frame leaves the queue
+// exactly once. One list entry is allocated per frame, outside that lock.
 #pragma once
 
 #include <atomic>
@@ -34,12 +34,12 @@ public:
         return popFrontIf(frame, [](const videoframe&) { return true; });
     }
 
-    /// Takes the front frame if it is marked to be shown at once.
+    /// Takes the front frame if it is marked as a peek frame.
     bool popFrontPeek(videoframe* frame) {
         return popFrontIf(frame, [](const videoframe& front) { return front.peek; });
     }
 
-    /// Marks the front frame to be shown at once; nothing happens on an empty queue.
+    /// Marks the front frame as a peek frame; does nothing on an empty queue.
     void markFrontPeek() {
         const std::lock_guard<std::mutex> guard(mLeafLock);
         if (!mFrames.empty()) {
@@ -47,7 +47,7 @@ public:
         }
     }
 
-    /// Forgets every frame without handing any back.
+    /// Discards every frame; none is handed back.
     void clear() {
         std::list<videoframe> discarded;
         const std::lock_guard<std::mutex> guard(mLeafLock);
@@ -55,7 +55,7 @@ public:
         publishSize();
     }
 
-    /// The size at this moment; another thread may change it right after.
+    /// The size now; another thread may change it right after.
     size_t size() const { return mSize.load(std::memory_order_acquire); }
     bool empty() const { return size() == 0; }
 

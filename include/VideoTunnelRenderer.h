@@ -1,21 +1,21 @@
 // SPDX-License-Identifier: Apache-2.0
-// Tunnel-mode video renderer: what a media player compiles against.
+// Tunnel-mode video renderer: the interface that a media player compiles against.
 //
-// The player hands in decoded frames as a buffer descriptor with a media time. The renderer decides
-// for each whether it is shown, held or dropped and when, in step with audio and on the display's
-// vsync grid, and queues it into the platform's video tunnel. Every buffer comes back through a
-// callback: after the tunnel has released it, or at once when it was dropped or flushed.
+// The player sends decoded frames, each a buffer descriptor with a media time. For each frame the
+// renderer decides whether and when it is shown, in sync with audio and on the display's vsync
+// grid, and queues it into the platform's video tunnel. Every buffer comes back through a callback:
+// after the tunnel has released it, or at once when it was dropped or flushed.
 //
 // Calling order: VideoTunnelRenderer_create, init, regCallBack, getTunnelId, start, then
 // sendVideoFrame for each frame with flush and peekFirstFrame as needed, stop, delete. One renderer
-// plays one stream once; for the next playback take a new one (after `stop` the tunnel id is gone,
-// and a restarted renderer's buffers do not come back).
+// plays one stream once; make a new one for the next playback (`stop` frees the tunnel id, and the
+// buffers of a restarted renderer do not come back).
 //
 // Two worker threads run between `start` and `stop`: the drain thread (frames to the tunnel) and
 // the fill thread (released buffers and render times to the player). Callbacks run on them, and
 // inside `flush` and `onFillVideoFrame` on the caller's thread. A callback must not call `stop` or
-// delete the renderer; one that runs under a lock (type 1 always, types 0 and 2 when the first
-// frame is refused while shown at once) must not call `sendVideoFrame`, `peekFirstFrame` or
+// delete the renderer. Callbacks of type 1, and those of types 0 and 2 when a flush or stop returns
+// a peek frame, run under a lock: they must not call `sendVideoFrame`, `peekFirstFrame` or
 // `nodifyRenderTime` either.
 //
 // The table of virtual operations and the order of members are a binary interface: neither changes.
@@ -33,7 +33,7 @@
 #include "VideoFrame.h"
 #include "VideoFrameQueue.h"
 
-/// Marks names of the class below that are no part of its binary interface.
+/// Marks private members that are not part of the binary interface.
 #define KORVANE_INTERNAL __attribute__((visibility("hidden")))
 
 class DisplayAdapterWraper;
@@ -41,14 +41,15 @@ class VideoSyncFRAC;
 class VideoSyncWraper;
 class VideoTunnelWraper;
 
-/// A player's callback. `info` points to what the slot's type says and is valid during the call.
-/// For types 0 and 2, 0 means that the player took the buffer; any other result leaves it uncounted
-/// and nothing is retried. The result of type 1 is ignored.
+/// A player's callback. `info` points to the record of the callback's type and is valid during the
+/// call. For types 0 and 2, 0 means that the player took the buffer; with any other result the
+/// buffer is not counted as returned, and nothing is retried. The result of type 1 is ignored.
 using VideoTunnelCallback = int (*)(void* userData, void* info);
 
 /// Values of regCallBack's `type`.
 enum VideoTunnelCallbackType : int {
-    kFrameReturnCallback = 0,  ///< info: `int`, the returned buffer's descriptor
+    kFrameReturnCallback = 0,  ///< info: `int`, the returned buffer's descriptor; what the callback
+                               ///< writes there is the descriptor that type 2 reports
     kRenderTimeCallback = 1,   ///< info: `rendertime`
     kFrameStatusCallback = 2   ///< info: `framestatus`; called after type 0 for the same buffer
 };
@@ -57,89 +58,89 @@ class __attribute__((visibility("default"))) VideoTunnelRenderer {
 public:
     VideoTunnelRenderer();
 
-    /// Frees what the renderer owns; frames still queued are not handed back. `stop` first: a
-    /// renderer deleted while it runs is stopped here, with an error in the log.
+    /// Frees what the renderer owns; frames still queued are not handed back. Call `stop` first: a
+    /// renderer that still runs is stopped here, with an error in the log.
     virtual ~VideoTunnelRenderer();
 
     VideoTunnelRenderer(const VideoTunnelRenderer&) = delete;
     VideoTunnelRenderer& operator=(const VideoTunnelRenderer&) = delete;
 
-    /// Binds a media-sync instance and makes the objects that playback needs. Call once.
+    /// Binds a media-sync instance and creates the objects that playback needs. Call once.
     /// @param hwSyncId  lower 16 bits: the hardware sync id shared with audio (0 or less: none, an
-    ///                  instance of its own is allocated); upper 16 bits equal to 0x0001 select
-    ///                  tuner pass-through mode, where the sync instance decides for each frame
+    ///                  instance is allocated); upper 16 bits equal to 0x0001 select tuner
+    ///                  pass-through mode, where the sync instance decides about each frame
     /// @return 1
     virtual int init(int hwSyncId);
 
-    /// The id under which the display side finds this tunnel; allocated on the first call. After
-    /// `stop` it is still the same number although the tunnel has been given up.
-    /// @return the id, or a negative value when none can be had
+    /// The id by which the display side finds this tunnel; allocated on the first call. After
+    /// `stop` the number stays the same, although the id has been freed.
+    /// @return the id, or a negative value when none can be allocated
     virtual int getTunnelId();
 
     /// Connects the tunnel and starts the worker threads; does nothing when already started.
     /// @return 1, also when connecting or starting a thread failed (the log says so)
     virtual int start();
 
-    /// Stops and joins the worker threads and gives up the tunnel. Frames still queued are
-    /// discarded without a callback; so are buffers still inside the tunnel: after `stop` returns
-    /// every buffer is the player's again. Ends any wait of the worker threads at once but that for
+    /// Stops and joins the worker threads and releases the tunnel. Frames still queued and buffers
+    /// still inside the tunnel are discarded without a callback: after `stop` returns every buffer
+    /// belongs to the player again. Ends every wait of the worker threads at once, except that for
     /// a release fence, which lasts 1000 ms at most.
     /// @return 1
     virtual int stop() KORVANE_EXCLUDES(mInputLock, mShowLock, mRenderTimeLock);
 
     /// Queues one frame; never blocks on playback and never refuses. May be called before `start`.
-    /// @param fd  the buffer; stays the player's, but must not be written until it comes back
+    /// @param fd  the buffer; the player keeps owning it, but must not write it until it comes back
     /// @param timestampUs  media time, microseconds
-    /// @param peek  show this frame at once, before audio starts
+    /// @param peek  show this frame at once, without waiting for audio
     /// @return 1
     virtual int sendVideoFrame(int fd, long timestampUs, bool peek) KORVANE_EXCLUDES(mInputLock);
 
-    /// Stores a callback in the slot of its type, replacing an earlier one. Callbacks cannot be
-    /// removed.
-    /// @return 0 when stored; -1 for a type above 2 or no callback. A negative type stores nothing
-    ///         and returns 0.
+    /// Registers the callback of a type, replacing an earlier one. Callbacks cannot be removed. A
+    /// call of the earlier one that has begun may still run when this returns.
+    /// @return 0 when registered; -1 for a type above 2 or a null callback. A negative type
+    ///         registers nothing and returns 0.
     virtual int regCallBack(int type, VideoTunnelCallback callback, void* userData)
         KORVANE_EXCLUDES(mCallbackLock);
 
     /// Hands every queued frame back (rendered = 0) on the caller's thread and makes the next frame
-    /// synchronise with audio afresh. Buffers already in the tunnel come back as usual. A wait of
-    /// the drain thread that is just beginning can miss the wake-up; it then ends at its own time,
-    /// at the latest when its frame is due. Does nothing unless started.
+    /// wait for audio again, as the first one did. Buffers already in the tunnel come back as
+    /// usual. If the drain thread is just about to wait, it can miss the wake-up; its wait then
+    /// times out, at the latest when its frame is due. Does nothing unless started.
     /// @return 1
     virtual int flush();
 
-    /// The content's frame rate in hundredths of a frame per second (2997), 1 to 6000; anything
-    /// else is refused in the log.
+    /// The content's frame rate in hundredths of a frame per second (2997), 1 to 6000; any other
+    /// value is ignored, with an error in the log.
     /// @return 1
     virtual int setFrameRate(int frameRate);
 
-    /// Marks the only queued frame to be shown at once, before audio starts; does nothing when not
-    /// exactly one frame is queued.
+    /// Makes the only queued frame a peek frame: it is shown at once, without waiting for audio.
+    /// Does nothing unless exactly one frame is queued.
     /// @return 1
     virtual int peekFirstFrame() KORVANE_EXCLUDES(mInputLock);
 
-    /// Tells the media-sync instance of a frame that is on its way (tuner pass-through).
+    /// Announces a frame to the media-sync instance (tuner pass-through).
     /// @param timestampUs  media time, in the unit that the instance expects
-    /// @param size  bytes of the frame
+    /// @param size  the frame's size in bytes
     /// @return 1 when accepted, 0 when not or before `init`
     virtual int onVideoSyncQueueVideoFrame(long timestampUs, unsigned int size);
 
-    /// Hands a buffer to the player's callbacks as every returned buffer is.
+    /// Hands a buffer back through the player's callbacks, like any other returned buffer.
     /// @return 1 when the player took it, else 0
     int onFillVideoFrame(int fd, bool rendered);
 
-    /// Sets the clock's anchor: this media time is due now.
+    /// Anchors the clock: this media time is due now.
     /// @return false before `init` or when the service refuses
     bool updateVideoTime(long mediaTimeUs);
 
-    /// The media-sync instance's clock; times in microseconds, real times monotonic. Each is false
-    /// before `init` or when the service fails, with the output then untouched or as the service
-    /// left it.
+    /// The media-sync instance's clock; times in microseconds, real times monotonic. Each returns
+    /// false before `init`, with the output untouched, and when the service fails, with the output
+    /// as the service left it.
     bool getRealTimeFor(long mediaTimeUs, long* realTimeUs);
     bool getTrackMediaTime(long* mediaTimeUs);
     bool getStartingTimeMedia(long* mediaTimeUs);
 
-    /// Takes one released buffer out of the tunnel, for a player that fetches buffers itself.
+    /// Dequeues one released buffer from the tunnel, for a player that fetches buffers itself.
     bool getNeedFillVideoFrame(int* fd);
 
     /// Reports the oldest pending render time if it has passed, at most one per call. The fill
@@ -158,8 +159,8 @@ private:
     int startFillVideo();
     KORVANE_INTERNAL void bindSyncInstance();
     KORVANE_INTERNAL void configurePassthrough(VideoSyncWraper& sync);
-    /// An owned object that the step at hand needs. When a wrong calling order left it out, that is
-    /// logged once per renderer and null returned; the caller skips the step.
+    /// An owned object. If it is missing because the player called out of order, logs that once per
+    /// renderer and returns null; the caller then skips its step.
     KORVANE_INTERNAL VideoSyncWraper* requireVideoSync(const char* operation);
     KORVANE_INTERNAL VideoSyncFRAC* requireVideoSyncFRAC(const char* operation);
     KORVANE_INTERNAL DisplayAdapterWraper* requireDisplayAdapter(const char* operation);
@@ -179,9 +180,9 @@ private:
     KORVANE_INTERNAL void showDueFrame(FramePass* pass, int64_t earlyUs);
     KORVANE_INTERNAL static void logFrameTiming(const FramePass& pass);
     int waitShowTime(int64_t waitUs) KORVANE_EXCLUDES(mShowLock);
-    /// Takes mRenderTimeLock, but for a peek frame, whose caller holds it.
+    /// Takes mRenderTimeLock, except for a peek frame, whose caller holds it.
     int showFrame(videoframe* frame, int64_t presentationTimeUs);
-    KORVANE_INTERNAL void showPeekFrame(videoframe* frame) KORVANE_EXCLUDES(mRenderTimeLock);
+    KORVANE_INTERNAL void showPeekFrame(videoframe* frame) KORVANE_REQUIRES(mRenderTimeLock);
 
     // drain thread: audio/video decisions
     int syncWithAudio(videoframe* frame);
@@ -198,12 +199,13 @@ private:
 
     // fill thread: released buffers and render times to the player
     static void* fillVideoFrameThread(void* renderer);
-    /// The one way in which a buffer goes back to the player.
-    /// @return the callbacks' result, -1 without any
-    KORVANE_INTERNAL int returnFrame(int32_t fd, bool rendered) KORVANE_EXCLUDES(mCallbackLock);
+    /// Hands a buffer back to the player; every path that returns one ends here.
+    /// @param fd  passed to the callback of type 0, which may write another descriptor
+    /// @return the last callback's result; -1 without a callback
+    KORVANE_INTERNAL int returnFrame(int32_t* fd, bool rendered) KORVANE_EXCLUDES(mCallbackLock);
 
-    // Where threads share a member, it is an atomic of the plain type's size: flags are polled,
-    // never waited for under a lock.
+    // Members that threads share without a lock are atomics of the plain type's size: threads poll
+    // flags and never wait for one under a lock.
     VideoTunnelCallback mFrameReturnCb KORVANE_GUARDED_BY(mCallbackLock) = nullptr;
     void* mFrameReturnUserData KORVANE_GUARDED_BY(mCallbackLock) = nullptr;
     VideoTunnelCallback mRenderTimeCb KORVANE_GUARDED_BY(mCallbackLock) = nullptr;
@@ -211,17 +213,17 @@ private:
     VideoTunnelCallback mFrameStatusCb KORVANE_GUARDED_BY(mCallbackLock) = nullptr;
     void* mFrameStatusUserData KORVANE_GUARDED_BY(mCallbackLock) = nullptr;
 
-    // Owned. Null before `init`, except the tunnel, which the constructor makes.
+    // Owned. Null before `init`, except the tunnel, which the constructor creates.
     std::atomic<VideoSyncWraper*> mVideoSync{nullptr};
     std::atomic<VideoTunnelWraper*> mTunnel{nullptr};
     std::atomic<VideoSyncFRAC*> mVideoSyncFRAC{nullptr};
     std::atomic<DisplayAdapterWraper*> mDisplayAdapter{nullptr};
 
     std::atomic<int32_t> mVsyncQueryCount{0};
-    std::atomic<int32_t> mVsyncPeriodNs{16666666};  // 60 Hz until the display has been asked
+    std::atomic<int32_t> mVsyncPeriodNs{16666666};  // 60 Hz until the first query
 
     VideoFrameQueue mVideoFrameInputQueue;
-    // These two guard no member: they order waking and waiting. See `flush` for who does without.
+    // These two guard no member: they order notifications and waits. `flush` notifies without them.
     std::mutex mInputLock KORVANE_ACQUIRED_BEFORE(mRenderTimeLock, mCallbackLock);
     std::condition_variable mInputCond;
     std::mutex mShowLock;
@@ -256,15 +258,15 @@ private:
     int64_t mLastSyncSystemTimeUs = 0;
     int32_t mVideoSyncMode = 0;
     int32_t mParam7Value = 0;
-    // The sync instance is given mParam9Value's address only and may look at, or set, the word
-    // behind it: the two stay together, in this order.
+    // The sync instance gets the address of mParam9Value only and may read or set the word after
+    // it: the two stay adjacent, in this order.
     int32_t mParam9Value = 1;
     std::atomic<int32_t> mParam9Extra{0};
     int32_t mFreeRun = 0;
     int32_t mTunnelId = -1;
     int32_t mHwSyncId = -1;
 
-    std::mutex mCallbackLock;  // leaf; never held across a callback
+    std::mutex mCallbackLock;  // a leaf lock, never held across a callback
     std::atomic<uint32_t> mMissingReported{0};
     bool mDrainThreadCreated = false;
     bool mFillThreadCreated = false;
@@ -272,5 +274,5 @@ private:
     KORVANE_INTERNAL static void checkLayout();
 };
 
-/// Makes a renderer; the caller deletes it. Null when memory is short.
+/// Creates a renderer; the caller deletes it. Null when there is no memory.
 extern "C" __attribute__((visibility("default"))) VideoTunnelRenderer* VideoTunnelRenderer_create();

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Each operation: the call, its trace line, the verdict on the status. A trace after the call is
-// written whether or not the call succeeded, with the outputs as they then stand.
+// Each operation calls the service, logs the call and checks the status. A line logged after the
+// call shows the outputs, whether or not the call succeeded.
 #include "mediasync/VideoSyncWraper.h"
 
 #include "platform/LogMask.h"
@@ -15,7 +15,7 @@ constexpr char kLogTag[] = "VideoSyncWraper";
 
 korvane::LogMask gLogMask;
 
-/// Turns a status of the service into a result; a failure is logged under the operation's name.
+/// Converts a status of the service into a result and logs a failure under the operation's name.
 bool succeeded(const char* operation, int status) {
     if (status == 0) {
         return true;
@@ -104,7 +104,7 @@ bool VideoSyncWraper::reset() {
 }
 
 bool VideoSyncWraper::getSyncId(int* syncId) {
-    // No demultiplexer and no clock stream of a broadcast go with the instance.
+    // The instance has no demultiplexer and no broadcast clock (PCR).
     constexpr int kDemuxId = 0;
     constexpr int kPcrPid = 0;
     KORVANE_LOGI(gLogMask, kLogInfo, kLogTag, "[%s] \n", __func__);

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
-// The renderer's only door to the media-sync service.
+// The renderer's access to the media-sync service.
 //
-// Owns one MediaSync client, passes every call on to it unchanged, turns the service's status into
-// a bool and logs by its own mask. It keeps no state and no lock: any thread may call any
-// operation, as far as the service allows it.
+// Owns one MediaSync client, forwards every call to it unchanged, turns the service's status into a
+// bool and logs under its own mask. It keeps no state and no lock: any thread may call any
+// operation that the service allows it to call.
 //
 //   status 0      true
 //   other status  false, and one error line "[operation]err:status"
@@ -11,12 +11,12 @@
 
 #include "platform/MediaSync.h"
 
-/// `long` times are microseconds: of media where the name says Media, else of the monotonic clock.
+/// `long` times are microseconds: media times where the name says Media, else monotonic times.
 class __attribute__((visibility("default"))) VideoSyncWraper {
 public:
-    /// Makes the client, bound to no instance yet, and refreshes this file's log mask.
+    /// Creates the client, not bound to an instance yet, and refreshes this file's log mask.
     VideoSyncWraper();
-    /// Gives the client up, which also unbinds it.
+    /// Deletes the client, which also unbinds it.
     ~VideoSyncWraper();
     VideoSyncWraper(const VideoSyncWraper&) = delete;
     VideoSyncWraper& operator=(const VideoSyncWraper&) = delete;
@@ -28,7 +28,7 @@ public:
     bool getSyncMode(sync_mode* mode);
     bool setPause(bool pause);
     bool getPause(bool* paused);
-    /// Offers the instance video's anchor (never audio's).
+    /// Gives the instance video's anchor (never audio's).
     bool updateAnchor(long anchorTimeMediaUs, long anchorTimeRealUs, long maxTimeMediaUs);
     bool getMediaTime(long realUs, long* outMediaUs, bool allowPastMaxTime);
     bool getRealTimeFor(long targetMediaUs, long* outRealUs);
@@ -41,8 +41,7 @@ public:
     bool getStartingTimeMedia(long* outMediaUs);
     bool setUpdateTimeThreshold(long threshold);
     bool getUpdateTimeThreshold(long* threshold);
-    /// @param arg  points to an int32 that the caller keeps alive and unchanged as long as this
-    /// object
+    /// @param arg  points to an int32 that lives, unchanged, as long as this object
     bool setParameter(mediasync_parameter type, void* arg);
     bool getParameter(mediasync_parameter type, void* arg);
     bool queueVideoFrame(long timestampUs, int size, int extra, mediasync_time_unit unit);
@@ -51,8 +50,8 @@ public:
     bool VideoProcess(long mediaTimeUs, long lastMediaTimeUs, mediasync_time_unit unit,
                       mediasync_video_policy* policy);
 
-    // For clients that expect them: the service has nothing of the kind. They do nothing, leave
-    // outputs as they are and answer true.
+    // For clients that expect these operations; the service does not have them. They do nothing,
+    // write no output and return true.
     bool setStartingTimeMedia(long startingTimeMediaUs);
     bool clearAnchor();
     bool setPlaybackRate(float rate);

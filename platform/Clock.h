@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Time as the renderer reads it: the platform's monotonic clock, in nanoseconds or microseconds,
-// and arithmetic on times that saturates where a sum or product would overflow.
+// The platform's monotonic clock, in nanoseconds or microseconds, and arithmetic on times that
+// saturates instead of overflowing.
 #pragma once
 
 #include <utils/Timers.h>
@@ -17,7 +17,7 @@ inline int64_t monotonicNowUs() {
     return monotonicNowNs() / 1000;
 }
 
-/// a + b, held at the ends of the range.
+/// a + b, saturated.
 inline int64_t saturatingAdd(int64_t a, int64_t b) {
     int64_t sum = 0;
     if (!__builtin_add_overflow(a, b, &sum)) {
@@ -26,7 +26,7 @@ inline int64_t saturatingAdd(int64_t a, int64_t b) {
     return a > 0 ? std::numeric_limits<int64_t>::max() : std::numeric_limits<int64_t>::min();
 }
 
-/// a - b, held at the ends of the range.
+/// a - b, saturated.
 inline int64_t saturatingSub(int64_t a, int64_t b) {
     int64_t difference = 0;
     if (!__builtin_sub_overflow(a, b, &difference)) {
@@ -35,7 +35,7 @@ inline int64_t saturatingSub(int64_t a, int64_t b) {
     return a >= 0 ? std::numeric_limits<int64_t>::max() : std::numeric_limits<int64_t>::min();
 }
 
-/// a * b, held at the ends of the range.
+/// a * b, saturated.
 inline int64_t saturatingMul(int64_t a, int64_t b) {
     int64_t product = 0;
     if (!__builtin_mul_overflow(a, b, &product)) {

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
-// The display adapter's remote object, as far as this library calls it.
+// The display adapter's remote object, with the one operation that this library calls.
 //
-// A closed polymorphic object, made and destroyed by two entry points of
-// libtovak_display_adapter_remote.so. Only its twelfth virtual function is ours to call; the
-// eleven before it are named here by their place, so that the compiler finds the right one.
+// A closed polymorphic object, created and destroyed by two entry points of
+// libtovak_display_adapter_remote.so. This library calls only its twelfth virtual function; the
+// eleven placeholders before it put that function in its slot.
 #pragma once
 
 #include <cstdint>
@@ -22,16 +22,16 @@ public:
     virtual void slot9() = 0;
     virtual void slot10() = 0;
 
-    /// Time of the display's last vsync and its period, both in nanoseconds, written through the
-    /// pointers when the display is known; the result says nothing that callers use.
+    /// Writes the time of the display's last vsync and its period, both in nanoseconds, when the
+    /// display is known. Callers ignore the result.
     virtual bool getDisplayVsyncAndPeriod(int64_t* timestampNs, int32_t* periodNs) = 0;
 
 protected:
-    // Destroyed through its library's own entry point only.
+    // Only its library's entry point destroys it.
     ~DisplayAdapterRemote() = default;
 };
 
-// The entry points, resolved by name at run time. What the first makes, the second takes back.
+// The entry points, resolved by name at run time: the second destroys what the first created.
 extern "C" {
 DisplayAdapterRemote* createDisplayAdatperRemote();
 void destroyDisplayAdapterRemote(DisplayAdapterRemote* remote);

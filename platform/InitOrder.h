@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
-// Order in which the library's process-wide objects are built when it is loaded.
+// The order in which the library's process-wide objects are constructed when it is loaded.
 //
-// The order of initialisers in different source files otherwise follows the link order. These are
-// init_priority values: lower is built first and destroyed last; both are built before every object
-// without a priority (65535).
+// Without it the order across source files follows the link order. These are init_priority values:
+// the lower one is constructed first and destroyed last, both before every object without a
+// priority (65535).
 #pragma once
 
 namespace korvane {

@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 // The log mask: which of a source file's messages are written.
 //
-// Each source file that logs owns one LogMask, constant-initialised to 1, so that messages written
-// while the library is being loaded already have a rule. A class's constructor refreshes its own
-// file's mask from a system property. Off costs one load and one branch: arguments are not
-// evaluated, nothing is formatted. Errors are written whatever the mask says.
+// Each source file that logs owns one LogMask, constant-initialised to 1, so that it also works
+// while the library is being loaded. A class's constructor refreshes its file's mask from a system
+// property. A message that is off costs one load and one branch: its arguments are not evaluated.
+// Errors are always written.
 #pragma once
 
 #include <android/log.h>
@@ -24,8 +24,8 @@ enum LogBit : int32_t {
     kLogCounter = 0x10  ///< trace counters (no text)
 };
 
-/// One source file's copy of the mask. Any thread may test it; constructors on player threads
-/// refresh it, so it is an atomic integer read without ordering.
+/// One source file's mask. Any thread may test it while a constructor on a player's thread
+/// refreshes it, so it is an atomic integer with relaxed order.
 class LogMask {
 public:
     constexpr LogMask() = default;
@@ -41,8 +41,8 @@ private:
 /// System property that holds the mask.
 inline constexpr char kLogLevelProperty[] = "vendor.korvane.loglevels";
 
-/// Reads an integer system property as `atoi` reads text: a value that is no number gives 0, of one
-/// that does not fit the low 32 bits count.
+/// Reads an integer system property like `atoi`: text that is no number gives 0; a number that does
+/// not fit is cut to its low 32 bits.
 /// @param value  written only when the property is set and not empty
 /// @return true when the property is set
 inline bool readIntProperty(const char* name, int32_t* value) {
@@ -56,8 +56,8 @@ inline bool readIntProperty(const char* name, int32_t* value) {
 
 }  // namespace korvane
 
-// The four priorities' messages. `mask` and `tag` are the file's own; the bit stands at the call.
-// They are macros so that the arguments of a message that is off are never evaluated.
+// One macro per priority. `mask` and `tag` belong to the file, `bit` to the message. They are
+// macros so that the arguments of a message that is off are not evaluated.
 #define KORVANE_LOG_AT(mask, bit, priority, tag, ...)            \
     do {                                                         \
         if ((mask).has(bit)) {                                   \
@@ -72,8 +72,8 @@ inline bool readIntProperty(const char* name, int32_t* value) {
 
 namespace korvane {
 
-/// Refreshes a file's mask from the property and says at info priority what it found, under the
-/// mask that is then in force.
+/// Refreshes a file's mask from the property and logs the result at info priority, under the new
+/// mask.
 inline void refreshLogMask(LogMask& mask, const char* tag) {
     int32_t bits = 0;
     if (readIntProperty(kLogLevelProperty, &bits)) {

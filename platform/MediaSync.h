@@ -1,30 +1,30 @@
 // SPDX-License-Identifier: Apache-2.0
-// The closed media-sync class, as far as this library calls it.
+// The closed media-sync class, with the operations that this library calls.
 //
 // One MediaSync object is one client of the process's media-sync service; bound to an instance, it
-// reads and steers that instance's audio/video clock. The library that implements it
-// (libkorvane_mediasync.so) is not ours: class, enumerations and record stay in the global
-// namespace with these signatures, so that they mangle as its exports do. Every operation returns
-// 0 for success and any other value for failure. `long` is 64 bits on the systems we run on.
+// reads and controls that instance's audio/video clock. The library that implements it
+// (libkorvane_mediasync.so) is closed: class, enumerations and record are in the global namespace
+// with these signatures, so that they mangle like its exports. Every operation returns 0 for
+// success and any other value for failure. `long` has 64 bits on all supported systems.
 #pragma once
 
 #include <cstdint>
 
-/// What a client is to its instance. The renderer's only value is 0.
+/// A client's stream. The renderer uses 0 only.
 enum sync_stream_type : int32_t {
     MEDIA_VIDEO = 0,
     MEDIA_AUDIO = 1,
 };
 
-/// Who leads the instance's clock. The names are ours, the numbers are the service's.
+/// Who leads the instance's clock. The names are this library's, the numbers the service's.
 enum sync_mode : int32_t {
-    MEDIA_SYNC_VMASTER = 0,   ///< nobody but video has set it; audio has not taken it yet
+    MEDIA_SYNC_VMASTER = 0,   ///< nobody leads yet; only video has anchored the clock
     MEDIA_SYNC_AMASTER = 1,   ///< audio leads
-    MEDIA_SYNC_PCRMASTER = 2  ///< the broadcast's own clock leads (tuner pass-through)
+    MEDIA_SYNC_PCRMASTER = 2  ///< the broadcast's clock leads (tuner pass-through)
 };
 
-/// Parameters of an instance, each a pointer to an int32 that the caller keeps alive. The names
-/// are ours, the numbers are the service's.
+/// Parameters of an instance, each a pointer to an int32 that the caller keeps alive. The names are
+/// this library's, the numbers the service's.
 enum mediasync_parameter : int32_t {
     MEDIASYNC_KEY_VIDEOSYNCMODE = 5,
     MEDIASYNC_KEY_PARAM7 = 7,
@@ -33,7 +33,7 @@ enum mediasync_parameter : int32_t {
 
 enum mediasync_time_unit : int32_t {
     MEDIASYNC_UNIT_US = 1,   ///< microseconds of media time
-    MEDIASYNC_UNIT_PTS = 2,  ///< the unit that queueVideoFrame is called with
+    MEDIASYNC_UNIT_PTS = 2,  ///< the unit of queueVideoFrame
 };
 
 /// Decision for one video frame, filled by MediaSync::VideoProcess.
@@ -46,7 +46,7 @@ enum video_policy : int32_t {
 
 /// 24 bytes, zeroed by the caller before each query.
 struct mediasync_video_policy {
-    int32_t videopolicy;    ///< one of video_policy; any other value is no decision
+    int32_t videopolicy;    ///< one of video_policy; any other value: no decision
     int32_t reserved;       ///< zero
     int64_t realtimeUs;     ///< monotonic time at which the frame is to be shown
     int64_t reservedParam;  ///< not used by this library
@@ -87,7 +87,7 @@ public:
                      mediasync_video_policy* policy);
 
 private:
-    // The object's true size is its library's secret, while we allocate it: more room than any
-    // implementation has needed, so that its constructor never writes past ours.
+    // The renderer allocates the object, but its size is not known: this is larger than that of any
+    // implementation, so that the closed constructor never writes past the end.
     [[maybe_unused]] alignas(16) unsigned char mOpaque[1024];
 };

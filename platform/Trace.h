@@ -1,9 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // Trace points under the platform's video tag.
 //
-// A section needs the tag alone. A counter needs the tag and the file's log mask bit 0x10, which
-// is tested first because it is the cheaper of the two. Names and values are not looked at while
-// a point is off.
+// A section needs only the tag. A counter needs the tag and the file's log mask bit 0x10, which is
+// tested first because it is cheaper.
 #pragma once
 
 #define ATRACE_TAG ATRACE_TAG_VIDEO
@@ -13,8 +12,7 @@
 
 #include "platform/LogMask.h"
 
-// The platform's header declares these inside its inline functions only. Testing the tag and naming
-// the point are separate steps here, so they are declared once more.
+// The platform's header declares these only inside its inline functions, which test the tag again.
 // NOLINTBEGIN(readability-redundant-declaration)
 extern "C" {
 void atrace_begin_body(const char* name);
@@ -29,8 +27,8 @@ inline bool videoTraceEnabled() {
     return (atrace_get_enabled_tags() & ATRACE_TAG_VIDEO) != 0;
 }
 
-/// Opens a trace section for its own lifetime. A section that was not opened is not closed, even
-/// when the tag is switched on in between.
+/// A trace section for the object's lifetime. If the tag is off at the start, the section is not
+/// closed either, even if the tag is switched on in between.
 class TraceSection {
 public:
     explicit TraceSection(const char* name) : mOpen(videoTraceEnabled()) {
@@ -50,7 +48,7 @@ private:
     const bool mOpen;
 };
 
-/// Sets a trace counter; the value is cut to 32 bits, which is what the platform call carries.
+/// Sets a trace counter; the value is cut to the 32 bits that the platform's call takes.
 inline void traceCounter(const LogMask& mask, const char* name, int64_t value) {
     if (mask.has(kLogCounter) && videoTraceEnabled()) {
         atrace_int_body(name, static_cast<int32_t>(value));

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
-// The video tunnel library's entry points, as far as this library calls them.
+// The video tunnel library's entry points that this library calls.
 //
-// libvideotunnel.so is opened by name at run time, so these declarations are never linked against:
-// they say what the resolved pointers point to. `device` is the handle that tovak_vt_open gave.
-// Results below 0 are failures; those of open, alloc_id and free_id leave the reason in errno.
+// libvideotunnel.so is opened by name at run time: these declarations give the resolved pointers
+// their types and are never linked against. `device` is the handle from tovak_vt_open. A result
+// below 0 is a failure; open, alloc_id and free_id leave the reason in errno.
 #pragma once
 
 #include <cstdint>
@@ -23,7 +23,7 @@ int tovak_vt_disconnect(int device, int tunnelId, int role);
 int tovak_vt_queue_buffer(int device, int tunnelId, int bufferFd, int acquireFenceFd,
                           int64_t presentationTime);
 /// Fails when no buffer can be given now.
-/// @param fenceFd  receives the release fence, owned by the caller from then on
+/// @param fenceFd  receives the release fence, which the caller then owns
 int tovak_vt_dequeue_buffer(int device, int tunnelId, int* bufferFd, int* fenceFd);
 int tovak_vt_send_cmd(int device, int tunnelId, int command, int argument);
 /// Time of the last vsync and its period, nanoseconds.

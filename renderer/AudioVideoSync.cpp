@@ -1,18 +1,17 @@
 // SPDX-License-Identifier: Apache-2.0
-// The audio/video decisions of leg 2, drain thread: when does a frame meet sound?
+// The audio/video stages of step 2, on the drain thread: keeps video in sync with audio.
 //
-// Audio plays elsewhere in the process against the same media-sync instance; it is only observed
-// here: is the clock paused, where is the track, who leads, when is a media time due.
+// Audio plays elsewhere in the process against the same media-sync instance. The renderer only
+// reads the instance: whether the clock is paused, audio's track time, who leads the clock, when a
+// media time is due.
 //
-//   first frame     anchors the clock and holds it paused until audio releases it
-//   every frame     waits while the clock has no anchor; restarts the cadence on a resume; is
-//   dropped
-//                   while nobody leads the clock; waits while the audio clock stands still
-//   underflow       audio paused and no frame queued: frames 15 ms or more behind audio are given
-//   up
-//                   until video has caught up, then those that are not early until one is
+//   first frame   anchors the clock and pauses it until audio starts
+//   every frame   waits while the clock has no anchor; restarts the cadence after a resume; is
+//                 dropped while nobody leads the clock; waits while the audio clock stands still
+//   underflow     audio paused and no frame queued: frames 15 ms or more behind audio are dropped
+//                 until video has caught up, then on-time frames until one is early
 //
-// In pass-through mode the instance's own policy (render, hold, drop, exit) takes all that over.
+// In pass-through mode the instance's policy (render, hold, drop, exit) decides instead.
 #include <unistd.h>
 
 #include "frac/VideoSyncFRAC.h"
@@ -29,27 +28,20 @@ namespace {
 constexpr useconds_t kAudioStartPollUs = 500;
 constexpr useconds_t kAudioClockPollUs = 1000;
 
-constexpr auto kNoLeaderMode = static_cast<sync_mode>(0);
-constexpr auto kAudioLeadsMode = static_cast<sync_mode>(1);
-constexpr auto kMicroseconds = static_cast<mediasync_time_unit>(1);
-
-constexpr int32_t kPolicyRender = 1;
-constexpr int32_t kPolicyHold = 2;
-constexpr int32_t kPolicyDrop = 3;
-constexpr int32_t kPolicyExit = 4;
-
 const char* policyLabel(int32_t policy) {
-    return policy == kPolicyRender ? "rend" : policy == kPolicyDrop ? "drop" : "??";
+    return policy == MEDIASYNC_VIDEO_NORMAL_OUTPUT ? "rend"
+           : policy == MEDIASYNC_VIDEO_DROP        ? "drop"
+                                                   : "??";
 }
 
 }  // namespace
 
-// The first frame holds the shared clock at its own time until audio lets it go.
+// The first frame anchors the shared clock at its time and pauses it until audio starts.
 int VideoTunnelRenderer::syncWithAudio(videoframe* frame) {
     if (!mHaveAudio) {
         return 1;
     }
-    anchorClock(frame->timestampUs == 0 ? 1 : frame->timestampUs);  // 0 would mean no anchor
+    anchorClock(frame->timestampUs == 0 ? 1 : frame->timestampUs);  // 0 means no anchor
     VideoSyncWraper* sync = requireVideoSync("syncWithAudio");
     if (sync != nullptr) {
         sync->setPause(true);
@@ -64,7 +56,7 @@ int VideoTunnelRenderer::syncWithAudio(videoframe* frame) {
         usleep(kAudioStartPollUs);
         paused = false;
         if (sync == nullptr || !sync->getPause(&paused)) {
-            paused = false;  // a clock that cannot be asked is not waited for
+            paused = false;  // do not wait for a clock that cannot be read
         }
     }
     RENDERER_LOGI(kLogInfo, "[%s]audio have started\n", "syncWithAudio");
@@ -99,7 +91,8 @@ VideoTunnelRenderer::Stage VideoTunnelRenderer::awaitAudioStart(FramePass* pass)
     return Stage::Continue;
 }
 
-// A new starting media time means that audio has resumed somewhere: the old vsync relation is void.
+// A new starting media time means that audio has resumed elsewhere: media time and vsyncs are
+// related anew.
 void VideoTunnelRenderer::checkResume(FramePass* pass) {
     VideoSyncWraper* sync = mVideoSync;
     long startingUs = -1;
@@ -113,8 +106,8 @@ void VideoTunnelRenderer::checkResume(FramePass* pass) {
     mStartingTimeMediaUs = startingUs;
 }
 
-// The relation between media time and real time is new: the tracker forgets, and is told of a fresh
-// vsync before the next frame.
+// Media time and real time are related anew: resets the tracker and gives it a new vsync before its
+// next frame.
 void VideoTunnelRenderer::restartCadence(FramePass* pass) {
     if (VideoSyncFRAC* tracker = requireVideoSyncFRAC("drainVideoFrame")) {
         tracker->resetFRC();
@@ -126,9 +119,8 @@ void VideoTunnelRenderer::restartCadence(FramePass* pass) {
 VideoTunnelRenderer::Stage VideoTunnelRenderer::awaitAudioClock(FramePass* pass) {
     VideoSyncWraper* sync = mVideoSync;
     videoframe* frame = pass->frame;
-    if (pass->syncMode == kNoLeaderMode && mHaveAudio) {
-        // Audio is there and has not taken the clock yet: every frame goes, and re-anchors the
-        // clock.
+    if (pass->syncMode == MEDIA_SYNC_VMASTER && mHaveAudio) {
+        // Audio does not lead the clock yet: every frame is dropped and re-anchors the clock.
         RENDERER_LOGD(kLogDetail, "[%s]drop frame for sync audio:%ld\n", "drainVideoFrame",
                       frame->timestampUs);
         anchorClock(frame->timestampUs);
@@ -196,15 +188,15 @@ void VideoTunnelRenderer::anchorClock(int64_t mediaTimeUs) {
     }
 }
 
-// Audio paused while it leads and no frame waiting is an underflow. The queue is looked at without
-// its lock: a frame that comes at this moment can at worst cause one underflow too many.
+// Audio leads and is paused, and no frame is queued: an underflow. The queue is read without
+// mInputLock: a frame that arrives now can at worst cause one underflow too many.
 int VideoTunnelRenderer::checkPauseTrackMediaTime() {
     if (!mQueueRunning || !mHaveAudio) {
         return 1;
     }
     VideoSyncWraper* sync = requireVideoSync("checkPauseTrackMediaTime");
     auto mode = FramePass::kUnknownSyncMode;
-    if (sync == nullptr || !sync->getSyncMode(&mode) || mode != kAudioLeadsMode) {
+    if (sync == nullptr || !sync->getSyncMode(&mode) || mode != MEDIA_SYNC_AMASTER) {
         return 1;
     }
     bool paused = false;
@@ -237,28 +229,28 @@ void VideoTunnelRenderer::onVideoSyncProcess(int64_t mediaTimeUs, bool* show, in
         return;
     }
     if (mFreeRun != 0 || mParam9Extra != 0) {
-        *show = true;  // at once: the record's real time is 0
+        *show = true;  // at once: the policy's real time is 0
     } else if (VideoSyncWraper* sync = mVideoSync) {
-        sync->VideoProcess(mediaTimeUs, mLastFrameMediaTimeUs, kMicroseconds, &policy);
+        sync->VideoProcess(mediaTimeUs, mLastFrameMediaTimeUs, MEDIASYNC_UNIT_US, &policy);
         RENDERER_LOGD(kLogDetail, "[%s] mediaTimeUs:%ld videopolicy:%d\n", "onVideoSyncProcess",
                       mediaTimeUs, policy.videopolicy);
         switch (policy.videopolicy) {
-            case kPolicyRender:
+            case MEDIASYNC_VIDEO_NORMAL_OUTPUT:
                 *show = true;
                 break;
-            case kPolicyHold:
+            case MEDIASYNC_VIDEO_HOLD:
                 holdFrame(mediaTimeUs);
                 return;
-            case kPolicyDrop:
+            case MEDIASYNC_VIDEO_DROP:
                 RENDERER_LOGI(kLogInfo, "MEDIASYNC_VIDEO_DROP mediaTimeUs:%ld\n", mediaTimeUs);
                 *show = false;
                 break;
-            case kPolicyExit:
+            case MEDIASYNC_VIDEO_EXIT:
                 RENDERER_LOGI(kLogInfo, "MEDIASYNC_VIDEO_EXIT mediaTimeUs:%ld\n", mediaTimeUs);
                 mVideoSyncExited = true;
                 return;
             default:
-                break;  // no decision: the caller's flag stands
+                break;  // no decision: the caller's flag stays
         }
     }
 

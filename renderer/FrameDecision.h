@@ -8,9 +8,8 @@
 //   -40000 us to 2 vsyncs + 5000 us    show now (drop while an underflow is being made up for)
 //   less than -40000 us                drop
 //
-// Two vsyncs and 5 ms are what the tunnel needs to have a buffer on screen at its time; 40 ms is
-// what a viewer bears between sound and a late picture. Both ends are inclusive on the side of
-// showing at once.
+// The tunnel needs two vsyncs and 5 ms to have a buffer on screen at its time; viewers tolerate a
+// picture 40 ms behind the sound. A frame exactly at either limit is shown now.
 #pragma once
 
 #include <cstdint>
@@ -19,7 +18,7 @@
 
 namespace korvane {
 
-/// How long before its presentation time a frame is handed to the tunnel, beside two vsyncs.
+/// How long before its presentation time a frame is queued to the tunnel, on top of two vsyncs.
 inline constexpr int64_t kShowAheadUs = 5000;
 /// A frame later than this is dropped.
 inline constexpr int64_t kLateLimitUs = 40000;
@@ -47,29 +46,29 @@ inline FrameDecision decideFrame(int64_t finalRealTimeUs, int64_t nowUs, int32_t
     return {FrameVerdict::ShowNow, earlyUs, 0};
 }
 
-/// The time that the tracker corrected, or, when it had nothing usable to say (less than one vsync
-/// period, as the 0 that it was given), the time of the media-sync clock.
+/// The tracker's corrected time, or the media-sync clock's time when the tracker gave none: its
+/// result is then below one vsync period.
 inline int64_t usableRealTimeUs(int64_t trackerUs, int64_t mediaSyncUs, int32_t vsyncPeriodNs) {
     return trackerUs < vsyncPeriodNs / 1000 ? mediaSyncUs : trackerUs;
 }
 
-/// Where the audio clock stands as the renderer last saw or set it.
+/// Track times at which audio was last known to stand still.
 struct AudioClockMarks {
-    int64_t anchorUs;  ///< media time that this renderer last anchored the clock at
+    int64_t anchorUs;  ///< media time at which this renderer last anchored the clock
     int64_t pauseUs;   ///< track time read while the clock was paused
 };
 
-/// Audio's track time says something new only once it differs from both marks.
+/// Audio plays once its track time differs from both marks.
 inline bool audioClockMoves(int64_t trackUs, const AudioClockMarks& marks) {
     return trackUs != marks.anchorUs && trackUs != marks.pauseUs;
 }
 
-/// After an underflow: is this frame still to be given up for the sake of sound?
+/// After an underflow: is this frame still too far behind audio to be shown?
 inline bool behindAudio(int64_t trackUs, const AudioClockMarks& marks, int64_t frameUs) {
     return !audioClockMoves(trackUs, marks) || saturatingSub(trackUs, kCatchUpLimitUs) >= frameUs;
 }
 
-/// A hold that goes on is reported from the 110th question on, every tenth.
+/// A long hold is logged at the 110th query and at every tenth after that.
 inline bool reportsHold(int32_t holdCount) {
     return holdCount > 100 && holdCount % 10 == 0;
 }

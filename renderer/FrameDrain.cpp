@@ -1,10 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
-// Leg 2, drain thread: takes one frame at a time off the input queue and brings it to a verdict.
+// Step 2 of a frame's path, on the drain thread: take one frame from the input queue and decide
+// about it.
 //
-// Normal mode: first frame (shown at once as a peek, or synchronised with audio), audio stages
-// (AudioVideoSync.cpp), display vsync every tenth frame, corrected time from the cadence tracker,
-// then wait, show or drop (FrameDecision.h). Pass-through mode: the media-sync instance decides.
-// Every frame taken is either handed to the tunnel or given back to the player.
+// Normal mode: the first frame (shown at once as a peek frame, or synchronised with audio), the
+// audio stages (AudioVideoSync.cpp), a query of the display's vsync every tenth frame, the
+// corrected time from the cadence tracker, then wait, show or drop (FrameDecision.h). Pass-through
+// mode: the media-sync instance decides. Every frame taken is either queued to the tunnel or
+// returned to the player.
 #include <sched.h>
 #include <unistd.h>
 
@@ -24,18 +26,17 @@ using namespace korvane;
 
 namespace {
 
-// High enough that the presentation deadline, two vsyncs ahead, holds on a loaded TV.
+// High enough to queue frames two vsyncs ahead on a loaded TV.
 constexpr int kDrainThreadPriority = 50;
 constexpr useconds_t kIdlePollUs = 2000;
 constexpr useconds_t kHoldPollUs = 5000;
-// Bounds how long an underflow can go unseen while no frame comes.
+// The longest time for which an underflow goes unnoticed while no frame comes.
 constexpr std::chrono::milliseconds kInputWait(100);
 
 constexpr int32_t kFramesPerVsyncQuery = 10;
-// The tracker's detectors that are used: [3:2], [2:2] and [1:1].
+// The detectors in use: [3:2], [2:2] and [1:1].
 constexpr int kUsedPatterns = 11;
-constexpr auto kAudioLeadsMode = static_cast<sync_mode>(1);
-// Start-up is late by nature: before this frame number a late frame is no sign of trouble.
+// The first frames after the start are often late, so they are not reported.
 constexpr int32_t kFirstFrameNoToReport = 21;
 
 }  // namespace
@@ -51,7 +52,7 @@ void* VideoTunnelRenderer::drainVideoFrameThread(void* renderer) {
     while (self->mQueueRunning) {
         videoframe frame{};
         self->checkPauseTrackMediaTime();
-        // With audio the first frame is not taken until a second one is there, unless it is a peek.
+        // With audio, the first frame waits for a second one, unless it is a peek frame.
         if (!self->mAudioSynced && self->mHaveAudio && self->mVideoFrameInputQueue.size() <= 1) {
             self->firstFrameVpeekCheck();
             usleep(kIdlePollUs);
@@ -75,8 +76,8 @@ bool VideoTunnelRenderer::getNeedShowVideoFrame(videoframe* frame) {
                   826, static_cast<int>(mVideoFrameInputQueue.size()));
     std::unique_lock<std::mutex> lock(mInputLock);
     if (mFirstFrameQueued) {
-        // One wait, not a loop: the caller looks for an underflow between waits. After a stop,
-        // whose notification may have come before this lock, there is nothing to wait for.
+        // One wait, not a loop: the caller checks for an underflow between waits. A stop may have
+        // notified before this thread took the lock, so the flag is checked first.
         if (mVideoFrameInputQueue.empty() && mQueueRunning) {
             const auto start = std::chrono::steady_clock::now();
             mInputCond.wait_for(lock, kInputWait);
@@ -103,26 +104,26 @@ bool VideoTunnelRenderer::getNeedShowVideoFrame(videoframe* frame) {
     return true;
 }
 
-// A lone queued frame that is marked to be shown at once is shown before audio starts, so that the
-// screen is not black meanwhile; one until the next flush. Kept on purpose: it is shown under both
-// locks, and so a refusal calls the player back under them.
+// Shows a peek frame that is alone in the queue before audio starts, so that the screen is not
+// black meanwhile; only one until the next flush. Deliberate: the frame is shown under both locks,
+// so if it is returned instead, the player's callbacks run under them.
 int VideoTunnelRenderer::firstFrameVpeekCheck() {
     if (mVideoFrameInputQueue.size() != 1 || mFirstFramePeeked) {
         return 1;
     }
-    const std::lock_guard<std::mutex> guard(mInputLock);
+    const std::lock_guard<std::mutex> inputGuard(mInputLock);
     videoframe frame{};
     if (mVideoFrameInputQueue.popFrontPeek(&frame)) {
+        const std::lock_guard<std::mutex> renderTimeGuard(mRenderTimeLock);
         showPeekFrame(&frame);
+        // Before the lock is released: the frame's render-time callback may flush, which clears it.
         mFirstFramePeeked = true;
     }
     return 1;
 }
 
-// Kept on purpose: the tunnel is given nanoseconds here, where it expects microseconds, and shows
-// the frame at once for it.
+// Deliberate: here the tunnel gets nanoseconds although it expects microseconds.
 void VideoTunnelRenderer::showPeekFrame(videoframe* frame) {
-    const std::lock_guard<std::mutex> guard(mRenderTimeLock);
     showFrame(frame, monotonicNowNs());
     mRenderTimeList.push_back({frame->timestampUs, monotonicNowUs()});
 }
@@ -130,10 +131,11 @@ void VideoTunnelRenderer::showPeekFrame(videoframe* frame) {
 int VideoTunnelRenderer::drainVideoFrame(videoframe* frame) {
     if (!mAudioSynced && mHaveAudio) {
         if (!mFirstFramePeeked && frame->peek) {
+            const std::lock_guard<std::mutex> guard(mRenderTimeLock);
             showPeekFrame(frame);
             return 1;
         }
-        // Kept on purpose: a frame that a flush made syncWithAudio drop goes on like any other.
+        // Deliberate: a frame that syncWithAudio dropped because of a flush goes on nevertheless.
         syncWithAudio(frame);
         mAudioSynced = true;
         mFirstFrameQueued = true;
@@ -151,7 +153,7 @@ int VideoTunnelRenderer::drainVideoFrame(videoframe* frame) {
         if (awaitAudioClock(&pass) == Stage::Consumed) {
             return 1;
         }
-        if (pass.syncMode == kAudioLeadsMode) {
+        if (pass.syncMode == MEDIA_SYNC_AMASTER) {
             if (VideoSyncFRAC* tracker = requireVideoSyncFRAC("drainVideoFrame")) {
                 tracker->setEnablePattern(kUsedPatterns);
             }
@@ -159,7 +161,7 @@ int VideoTunnelRenderer::drainVideoFrame(videoframe* frame) {
         const int32_t count = ++mVsyncQueryCount;
         if (count % kFramesPerVsyncQuery == 1) {
             queryDisplayVsync(&pass);
-            // Never true for a count that leaves 1; kept, the count simply goes on.
+            // Deliberate: never true here, since 10000 leaves 0; the count keeps rising.
             if (count == 10000) {
                 mVsyncQueryCount = 0;
             }
@@ -170,9 +172,8 @@ int VideoTunnelRenderer::drainVideoFrame(videoframe* frame) {
     return 1;
 }
 
-// The display's last vsync and period: from the tunnel, else from the display adapter. What a query
-// that failed may have written does not count, nor a period that is none, since everything divides
-// by it.
+// Asks the tunnel, then the display adapter, for the display's last vsync and period. Ignores what
+// a failed query wrote, and a period below 1, because periods are divisors.
 void VideoTunnelRenderer::queryDisplayVsync(FramePass* pass) {
     long timestampNs = pass->vsyncTimestampNs;
     int periodNs = mVsyncPeriodNs;
@@ -229,7 +230,7 @@ void VideoTunnelRenderer::correctRealTime(FramePass* pass) {
     pass->finalRealTimeUs = usableRealTimeUs(trackerUs, pass->realTimeUs, periodNs);
 }
 
-// The wait may end early because of a stop or flush; showFrame then hands the buffer back.
+// A stop or flush may end the wait early; showFrame then hands the buffer back.
 void VideoTunnelRenderer::showEarlyFrame(FramePass* pass, int64_t waitUs) {
     mUnderflow = false;
     waitShowTime(waitUs);
@@ -256,8 +257,8 @@ void VideoTunnelRenderer::dropLateFrame(FramePass* pass) {
     traceCounter(gRendererLog, "queueDiffNowMsTunnel", 0);
 }
 
-// After an underflow a frame that is merely on time is given up: only an early one proves that
-// video runs ahead of sound again.
+// After an underflow an on-time frame is dropped: only an early one shows that video is ahead of
+// audio again.
 void VideoTunnelRenderer::showDueFrame(FramePass* pass, int64_t earlyUs) {
     videoframe* frame = pass->frame;
     logFrameTiming(*pass);
@@ -278,7 +279,8 @@ void VideoTunnelRenderer::showDueFrame(FramePass* pass, int64_t earlyUs) {
     traceCounter(gRendererLog, "queueDiffNowMsTunnel", earlyUs > 0 ? earlyUs / 1000 : 0);
 }
 
-// In pass-through mode the media-sync instance decides; a frame on hold is asked for again.
+// In pass-through mode the media-sync instance decides; while it holds the frame, it is asked
+// again.
 void VideoTunnelRenderer::drainPassthroughFrame(videoframe* frame) {
     bool show = true;
     int64_t realTimeUs = 0;

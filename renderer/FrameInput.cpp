@@ -1,17 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
-// Leg 1, player's threads: frames come in and wait in the input queue.
-//
-// Beside it, the operations by which a player reaches the media-sync instance that this renderer is
-// bound to.
+// Step 1 of a frame's path, on the player's threads: frames enter the input queue.
 #include "VideoTunnelRenderer.h"
-#include "mediasync/VideoSyncWraper.h"
 #include "platform/Trace.h"
 #include "renderer/RendererLog.h"
 
 using namespace korvane;
 
 int VideoTunnelRenderer::sendVideoFrame(int fd, long timestampUs, bool peek) {
-    // Frames are numbered only while somebody reads the numbers: they serve log lines alone.
+    // Frames are numbered only while this log bit is on: only log lines use the numbers.
     if (gRendererLog.has(kLogFrame)) {
         const int32_t count = ++mFrameInCount;
         RENDERER_LOGD(kLogFrame, "[%s] ==in== [%d] fd:%d, timestampUs:%ld\n", "sendVideoFrame",
@@ -19,7 +15,7 @@ int VideoTunnelRenderer::sendVideoFrame(int fd, long timestampUs, bool peek) {
     }
     if (mFlushed) {
         mFlushed = false;
-        mAudioSynced = false;  // the first frame after a flush meets audio afresh
+        mAudioSynced = false;  // the first frame after a flush waits for audio again
     }
 
     const std::lock_guard<std::mutex> guard(mInputLock);
@@ -37,36 +33,4 @@ int VideoTunnelRenderer::peekFirstFrame() {
         mVideoFrameInputQueue.markFrontPeek();
     }
     return 1;
-}
-
-int VideoTunnelRenderer::onVideoSyncQueueVideoFrame(long timestampUs, unsigned int size) {
-    VideoSyncWraper* sync = mVideoSync;
-    return sync != nullptr && sync->queueVideoFrame(timestampUs, static_cast<int>(size), 0,
-                                                    static_cast<mediasync_time_unit>(2))
-               ? 1
-               : 0;
-}
-
-bool VideoTunnelRenderer::updateVideoTime(long mediaTimeUs) {
-    VideoSyncWraper* sync = mVideoSync;
-    if (sync == nullptr) {
-        return false;
-    }
-    mAnchorMediaTimeUs = mediaTimeUs;
-    return sync->updateAnchor(mediaTimeUs, 0, 0);
-}
-
-bool VideoTunnelRenderer::getRealTimeFor(long mediaTimeUs, long* realTimeUs) {
-    VideoSyncWraper* sync = mVideoSync;
-    return sync != nullptr && sync->getRealTimeFor(mediaTimeUs, realTimeUs);
-}
-
-bool VideoTunnelRenderer::getTrackMediaTime(long* mediaTimeUs) {
-    VideoSyncWraper* sync = mVideoSync;
-    return sync != nullptr && sync->getTrackMediaTime(mediaTimeUs);
-}
-
-bool VideoTunnelRenderer::getStartingTimeMedia(long* mediaTimeUs) {
-    VideoSyncWraper* sync = mVideoSync;
-    return sync != nullptr && sync->getStartingTimeMedia(mediaTimeUs);
 }

@@ -1,9 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-// Leg 4, fill thread: released buffers and render times go back to the player.
+// Step 4 of a frame's path, on the fill thread: released buffers and render times go to the player.
 //
-// The fill thread polls: one buffer from the tunnel, one render time, 500 us of sleep. The routine
-// by which a buffer reaches the player is the same for buffers that were shown, dropped, flushed or
-// refused, on whichever thread that happens.
+// The fill thread polls: it takes one buffer from the tunnel, reports one render time, then sleeps
+// 500 us. `returnFrame` hands every buffer back, shown, dropped or flushed, on any thread.
 #include <unistd.h>
 
 #include "VideoTunnelRenderer.h"
@@ -24,7 +23,7 @@ void* VideoTunnelRenderer::fillVideoFrameThread(void* renderer) {
     while (self->mFillRunning) {
         int fd = 0;
         if (self->getNeedFillVideoFrame(&fd)) {
-            self->returnFrame(fd, true);
+            self->returnFrame(&fd, true);
         }
         self->nodifyRenderTime();
         usleep(kFillPollUs);
@@ -35,26 +34,30 @@ void* VideoTunnelRenderer::fillVideoFrameThread(void* renderer) {
 int VideoTunnelRenderer::nodifyRenderTime() {
     VideoTunnelCallback callback = nullptr;
     void* userData = nullptr;
-    {
+    const auto readCallback = [&] {
         const std::lock_guard<std::mutex> guard(mCallbackLock);
         callback = mRenderTimeCb;
         userData = mRenderTimeUserData;
-    }
+    };
+    readCallback();
     if (callback == nullptr) {
         return 1;
     }
-    // Kept on purpose: the player is called under the lock, and showing waits for it meanwhile.
+    // Deliberate: the player is called under the lock; the drain thread waits for it meanwhile.
     const std::lock_guard<std::mutex> guard(mRenderTimeLock);
-    if (!mRenderTimeList.empty()) {
-        rendertime& oldest = mRenderTimeList.front();
-        if (usToNs(oldest.renderTimeUs) < monotonicNowNs()) {
-            const int64_t mediaTimeUs = oldest.mediaTimeUs;
-            callback(userData, &oldest);
-            mRenderTimeList.pop_front();
-            RENDERER_LOGD(kLogDetail, "[%s] notify rendertime:%ld\n", "nodifyRenderTime",
-                          mediaTimeUs);
-        }
+    if (mRenderTimeList.empty()) {
+        return 1;
     }
+    rendertime& oldest = mRenderTimeList.front();
+    if (usToNs(oldest.renderTimeUs) >= monotonicNowNs()) {
+        return 1;
+    }
+    // Read again: another callback may have been registered while this thread waited for the lock.
+    readCallback();
+    const int64_t mediaTimeUs = oldest.mediaTimeUs;
+    callback(userData, &oldest);
+    mRenderTimeList.pop_front();
+    RENDERER_LOGD(kLogDetail, "[%s] notify rendertime:%ld\n", "nodifyRenderTime", mediaTimeUs);
     return 1;
 }
 
@@ -64,17 +67,18 @@ bool VideoTunnelRenderer::getNeedFillVideoFrame(int* fd) {
 }
 
 int VideoTunnelRenderer::onFillVideoFrame(int fd, bool rendered) {
-    return returnFrame(fd, rendered) == 0 ? 1 : 0;
+    return returnFrame(&fd, rendered) == 0 ? 1 : 0;
 }
 
 int VideoTunnelRenderer::dropFrame(videoframe* frame) {
     RENDERER_LOGD(kLogFrame, "[%s] drop pts:%ld\n", "dropFrame", frame->timestampUs);
-    returnFrame(frame->fd, false);
+    returnFrame(&frame->fd, false);
     return 1;
 }
 
-// Each pair is read just before its call: a callback of type 0 may register one of type 2.
-int VideoTunnelRenderer::returnFrame(int32_t fd, bool rendered) {
+// Each pair is read just before its call: a callback of type 0 may register one of type 2. It may
+// also write another descriptor; type 2 and the log then report that one.
+int VideoTunnelRenderer::returnFrame(int32_t* fd, bool rendered) {
     VideoTunnelCallback callback = nullptr;
     void* userData = nullptr;
     int result = -1;
@@ -84,8 +88,7 @@ int VideoTunnelRenderer::returnFrame(int32_t fd, bool rendered) {
         userData = mFrameReturnUserData;
     }
     if (callback != nullptr) {
-        int returnedFd = fd;
-        result = callback(userData, &returnedFd);
+        result = callback(userData, fd);
     }
     {
         const std::lock_guard<std::mutex> guard(mCallbackLock);
@@ -93,13 +96,13 @@ int VideoTunnelRenderer::returnFrame(int32_t fd, bool rendered) {
         userData = mFrameStatusUserData;
     }
     if (callback != nullptr) {
-        framestatus status{fd, static_cast<uint8_t>(rendered ? 1 : 0), {}};
+        framestatus status{*fd, static_cast<uint8_t>(rendered ? 1 : 0), {}};
         result = callback(userData, &status);
     }
     if (result == 0) {
         const int32_t returned = ++mFrameOutCount;
         RENDERER_LOGD(kLogDetail, "[%s]==out== [%d], fd:%d, inRenderer[%d]\n", "onFillVideoFrame",
-                      returned, fd, mFrameInCount - returned);
+                      returned, *fd, mFrameInCount - returned);
     }
     return result;
 }

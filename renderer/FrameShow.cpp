@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
-// Leg 3, drain thread: waits for a frame's hand-over time and gives the buffer to the tunnel.
+// Step 3 of a frame's path, on the drain thread: wait until shortly before the frame is due, then
+// queue its buffer to the tunnel.
 //
-// The wait ends early when the renderer is stopped or flushed; a frame that comes to be shown then
-// goes back to the player instead. For each frame shown an entry is kept that the fill thread
-// reports to the player once its time has passed.
+// A stop or flush ends the wait early, and the frame goes back to the player instead. Each frame
+// shown gets an entry that the fill thread reports to the player once its time has passed.
 #include <chrono>
 
 #include "VideoTunnelRenderer.h"
@@ -32,15 +32,15 @@ int VideoTunnelRenderer::showFrame(videoframe* frame, int64_t presentationTimeUs
     const TraceSection section("showFrame");
     if (mFlushed || !mQueueRunning) {
         RENDERER_LOGD(kLogFrame, "[%s]do not show, need return frame\n", "showFrame");
-        returnFrame(frame->fd, true);
+        returnFrame(&frame->fd, true);
         return 1;
     }
-    // A buffer that the tunnel refuses is lost to the player: the tunnel client cannot tell, so the
-    // frame counts as shown.
+    // A buffer that the tunnel refuses never comes back to the player: the tunnel client does not
+    // report the refusal, so the frame counts as shown.
     if (VideoTunnelWraper* tunnel = mTunnel) {
         tunnel->queueBuffer(frame->fd, presentationTimeUs);
     }
-    // Who shows a peek frame holds mRenderTimeLock and makes the entry itself.
+    // For a peek frame the caller holds mRenderTimeLock and adds the entry.
     if (!frame->peek) {
         const std::lock_guard<std::mutex> guard(mRenderTimeLock);
         mRenderTimeList.push_back({frame->timestampUs, presentationTimeUs});

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The renderer's log tag and mask, shared by the files of this folder: they are one class.
+// The renderer's log tag and mask, shared by this folder's files because they are one class.
 #pragma once
 
 #include "platform/LogMask.h"
@@ -8,7 +8,7 @@ namespace korvane {
 
 inline constexpr char kRendererTag[] = "Korvane_VideoTunnelRenderer";
 
-/// Outlives every renderer: the first messages of one are under the mask that the last one left.
+/// Outlives every renderer: a new one logs its first messages under the mask of the one before.
 extern LogMask gRendererLog;
 
 }  // namespace korvane

@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
-// The renderer's life: made, bound to a media-sync instance, started, flushed, stopped, deleted.
+// The renderer's lifecycle: create, bind to a media-sync instance, start, flush, stop, delete.
 //
 //   created --init--> initialised --start--> running --stop--> stopped --start--> running ...
 //
-// All operations here run on the player's threads. Two worker threads live between `start` and
-// `stop`: the drain thread (FrameDrain.cpp) and the fill thread (FrameReturn.cpp). A frame's way, a
-// file per leg: FrameInput.cpp, FrameDrain.cpp with the decisions of AudioVideoSync.cpp,
+// All operations here run on the player's threads. Two worker threads run between `start` and
+// `stop`: the drain thread (FrameDrain.cpp) and the fill thread (FrameReturn.cpp). A frame's path,
+// one file per step: FrameInput.cpp, FrameDrain.cpp with the decisions of AudioVideoSync.cpp,
 // FrameShow.cpp, FrameReturn.cpp.
 #include "VideoTunnelRenderer.h"
 
@@ -26,17 +26,10 @@ namespace {
 
 constexpr char kFreeRunProperty[] = "vendor.tunerpassthrough.renderfreeRun";
 
-// `hwSyncId` as players hand it in: the upper half selects the mode, the lower half is the id.
+// The player's `hwSyncId`: the upper half selects the mode, the lower half is the id.
 constexpr uint32_t kModeMask = 0xffff0000;
 constexpr uint32_t kPassthroughMode = 0x00010000;
 constexpr int kPlayerNumberMask = 0xff;
-
-constexpr auto kVideoStream = static_cast<sync_stream_type>(0);
-constexpr auto kNoLeaderMode = static_cast<sync_mode>(0);
-constexpr auto kPassthroughSyncMode = static_cast<sync_mode>(2);
-constexpr auto kVideoSyncModeParameter = static_cast<mediasync_parameter>(5);
-constexpr auto kParameter7 = static_cast<mediasync_parameter>(7);
-constexpr auto kParameter9 = static_cast<mediasync_parameter>(9);
 
 constexpr int32_t kPeriod60HzNs = 16666666;
 
@@ -85,8 +78,8 @@ int VideoTunnelRenderer::init(int hwSyncId) {
     RENDERER_LOGI(kLogInfo, "[%s]mHwSyncId:0x%x tunerpassthrough:%d\n", "init",
                   static_cast<unsigned>(mHwSyncId), mTunerPassthrough ? 1 : 0);
 
-    // A second call is no reset: it makes new objects beside those of the first, which are not
-    // freed, since a running drain thread may be inside them.
+    // A second call does not reset: it creates new objects and does not free the old ones, because
+    // a running drain thread may be using them.
     bindSyncInstance();
     mVideoSyncFRAC = new VideoSyncFRAC;
     mDisplayAdapter = new DisplayAdapterWraper;
@@ -95,20 +88,20 @@ int VideoTunnelRenderer::init(int hwSyncId) {
     return 1;
 }
 
-// The adapter is published to the worker threads only once it is bound.
+// The worker threads see the object only once it is bound.
 void VideoTunnelRenderer::bindSyncInstance() {
     auto* sync = new VideoSyncWraper;
     if (mTunerPassthrough) {
         sync->setPlayerInsNumber(mHwSyncId & kPlayerNumberMask);
-        sync->setParameter(kVideoSyncModeParameter, &mVideoSyncMode);
+        sync->setParameter(MEDIASYNC_KEY_VIDEOSYNCMODE, &mVideoSyncMode);
     }
 
     bool bound = false;
     if (mHwSyncId > 0) {
         if (!mTunerPassthrough) {
-            mHaveAudio = true;  // stays, even when the id turns out not to be bindable
+            mHaveAudio = true;  // stays set even if binding fails
         }
-        bound = sync->bindInstance(static_cast<unsigned>(mHwSyncId), kVideoStream);
+        bound = sync->bindInstance(static_cast<unsigned>(mHwSyncId), MEDIA_VIDEO);
         if (!bound) {
             RENDERER_LOGI(kLogInfo,
                           "[%s] alloc mediasync instance should error in audio, create in video",
@@ -118,21 +111,21 @@ void VideoTunnelRenderer::bindSyncInstance() {
     if (!bound) {
         int syncId = -1;
         sync->getSyncId(&syncId);
-        sync->bindInstance(static_cast<unsigned>(syncId), kVideoStream);
+        sync->bindInstance(static_cast<unsigned>(syncId), MEDIA_VIDEO);
     }
 
     if (mTunerPassthrough) {
         configurePassthrough(*sync);
     } else {
-        sync->setSyncMode(kNoLeaderMode);
+        sync->setSyncMode(MEDIA_SYNC_VMASTER);
     }
     mVideoSync = sync;
 }
 
 void VideoTunnelRenderer::configurePassthrough(VideoSyncWraper& sync) {
-    sync.setSyncMode(kPassthroughSyncMode);
-    sync.setParameter(kParameter7, &mParam7Value);
-    sync.setParameter(kParameter9, &mParam9Value);
+    sync.setSyncMode(MEDIA_SYNC_PCRMASTER);
+    sync.setParameter(MEDIASYNC_KEY_PARAM7, &mParam7Value);
+    sync.setParameter(MEDIASYNC_KEY_PARAM9, &mParam9Value);
     mVideoHolding = false;
     mVideoSyncExited = false;
 }
@@ -167,8 +160,8 @@ int VideoTunnelRenderer::start() {
     return 1;
 }
 
-// A thread that cannot be created is done without: frames then wait in the queue, or stay in the
-// tunnel, until `stop`.
+// If a thread cannot be created, the renderer runs without it: frames then stay in the queue, or in
+// the tunnel, until `stop`.
 int VideoTunnelRenderer::startDrainVideo() {
     mDrainThreadCreated = pthread_create(&mDrainThread, nullptr, drainVideoFrameThread, this) == 0;
     return 1;
@@ -179,8 +172,8 @@ int VideoTunnelRenderer::startFillVideo() {
     return 1;
 }
 
-// The order is part of the contract: first nothing new is taken, then every wait of the drain
-// thread ends, then the threads are joined, and only then the tunnel goes.
+// The order is part of the contract: take no new frames, end every wait of the drain thread, join
+// the threads, release the tunnel.
 int VideoTunnelRenderer::stop() {
     RENDERER_LOGI(kLogInfo, "[%s:%d]\n", "stop", 233);
     {
@@ -211,7 +204,7 @@ int VideoTunnelRenderer::stop() {
     }
     if (VideoTunnelWraper* tunnel = mTunnel) {
         tunnel->disconnect();
-        tunnel->freeTunnelId();  // mTunnelId keeps the number, so a later getTunnelId repeats it
+        tunnel->freeTunnelId();  // mTunnelId stays, so a later getTunnelId returns it again
     }
     mLastSyncMediaTimeUs = -1;
     mLastFrameMediaTimeUs = -1;
@@ -220,9 +213,9 @@ int VideoTunnelRenderer::stop() {
 }
 
 // Deliberately takes neither mInputLock nor mShowLock, so that it never waits for a drain thread
-// that shows a first frame under them. The queue is sound by itself; a wait that is just beginning
-// can miss the notification and then ends at its own time: within 100 ms on the input queue, when
-// its frame is due on the show time. In pass-through mode the sync mode is left at 0 afterwards.
+// that shows a peek frame under a lock. The queue has its own lock. A wait that is just beginning
+// can miss the notification and then times out: within 100 ms on the input queue, at its frame's
+// time in `waitShowTime`. In pass-through mode the sync mode stays 0 afterwards.
 int VideoTunnelRenderer::flush() {
     RENDERER_LOGI(kLogInfo, "[%s]\n", "flush");
     RENDERER_LOGI(kLogInfo, "[%s]mQueueRunning:%d mVideoFrameInputQueue.size():%d\n", "flush",
@@ -232,7 +225,7 @@ int VideoTunnelRenderer::flush() {
     }
     videoframe frame{};
     while (mVideoFrameInputQueue.popFront(&frame)) {
-        returnFrame(frame.fd, false);
+        returnFrame(&frame.fd, false);
         RENDERER_LOGD(kLogFrame, "[%s]queue:%d\n", "flush",
                       static_cast<int>(mVideoFrameInputQueue.size()));
     }
@@ -240,7 +233,7 @@ int VideoTunnelRenderer::flush() {
     mInputCond.notify_all();
     mShowCond.notify_all();
     if (VideoSyncWraper* sync = requireVideoSync("flush")) {
-        sync->setSyncMode(kNoLeaderMode);
+        sync->setSyncMode(MEDIA_SYNC_VMASTER);
         anchorClock(0);
     }
     mFirstFramePeeked = false;
@@ -266,7 +259,7 @@ int VideoTunnelRenderer::regCallBack(int type, VideoTunnelCallback callback, voi
             mFrameStatusUserData = userData;
             break;
         default:
-            break;  // a negative type is accepted and stored nowhere
+            break;  // a negative type is accepted and ignored
     }
     return 0;
 }
@@ -309,11 +302,12 @@ void VideoTunnelRenderer::reportMissing(uint32_t bit, const char* operation, con
 void VideoTunnelRenderer::checkLayout() {
     static_assert(sizeof(std::atomic<bool>) == 1 && sizeof(std::atomic<int32_t>) == 4 &&
                       sizeof(std::atomic<int64_t>) == 8,
-                  "shared members keep the size of the plain type");
+                  "a shared member has the size of the plain type");
 #pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Winvalid-offsetof"  // both compilers lay this class out plainly
+#pragma GCC diagnostic ignored \
+    "-Winvalid-offsetof"  // both compilers give this class a plain layout
     static_assert(offsetof(VideoTunnelRenderer, mParam9Extra) ==
                       offsetof(VideoTunnelRenderer, mParam9Value) + sizeof(int32_t),
-                  "the sync instance reaches mParam9Extra through mParam9Value's address");
+                  "the sync instance finds mParam9Extra right after mParam9Value");
 #pragma GCC diagnostic pop
 }

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// The video tunnel client's one log tag and mask: the loader and the connection share them, and a
-// connection's constructor refreshes them for both. Constant-initialised, because the loader logs
-// while the library is being loaded.
+// The video tunnel client's log tag and mask, shared by the loader and the connection; a
+// connection's constructor refreshes the mask. Constant-initialised, because the loader logs while
+// the library is being loaded.
 #pragma once
 
 #include "platform/LogMask.h"

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Opening the library and looking up its entry points, in order; the message of each stands at it.
+// Opens the library and resolves its entry points in order, each with its own error message.
 #include "videotunnel/VideoTunnelOps.h"
 
 #include "platform/DynamicLibrary.h"
@@ -14,7 +14,7 @@ using korvane::videotunnel::kLogTag;
 
 namespace {
 
-/// The six that make and end a connection, all needed.
+/// The six that open and close a connection, all required.
 bool resolveConnection(videotunnel_ops* ops) {
     if (!resolve(ops->mLibHandle, "tovak_vt_open", &ops->mOpen)) {
         KORVANE_LOGE(kLogTag, " dlsym tovak_vt_open failed, err=%s \n", loadError());
@@ -43,9 +43,9 @@ bool resolveConnection(videotunnel_ops* ops) {
     return true;
 }
 
-/// The four that use a connection. Only taking buffers back is needed: devices without one of the
-/// others exist, and whoever meets the null pointer reports it there. The missing command is
-/// mentioned; queueing and the vsync query stay silent here.
+/// The four that use a connection. Only dequeueing is required: some devices lack one of the
+/// others, and its caller reports the null pointer. Of those only a missing send_cmd is logged
+/// here.
 bool resolveExchange(videotunnel_ops* ops) {
     if (!resolve(ops->mLibHandle, "tovak_vt_send_cmd", &ops->mSendCmd)) {
         KORVANE_LOGE(kLogTag, " dlsym tovak_vt_send_cmd failed, err=%s \n", loadError());

@@ -1,36 +1,36 @@
 // SPDX-License-Identifier: Apache-2.0
 // Loader of the video tunnel library.
 //
-// The library is opened by name, and its entry points are resolved, once per process while this
-// library is being loaded. Whoever calls the tunnel does so through `gVideoTunnelOps` and tests the
-// pointer first: a null pointer is an entry point that the device lacks.
+// Opens the library by name and resolves its entry points, once per process while this library is
+// being loaded. Calls to the tunnel go through `gVideoTunnelOps` and test the pointer first: it is
+// null for an entry point that the device lacks.
 //
 //   unloaded    no handle                                 the library could not be opened
 //   incomplete  handle, some pointers, not inited         a needed entry point is missing
 //   ready       handle, inited                            tovak_vt_send_cmd, _queue_buffer and
 //                                                         _getDisplayVsyncAndPeroid may be missing
 //
-// Written while the library is loaded and unloaded only; in between any thread reads it.
+// Written only while the library is loaded and unloaded; any thread may read it in between.
 #pragma once
 
 #include "platform/VideoTunnelLibrary.h"
 
 class __attribute__((visibility("default"))) videotunnel_ops {
 public:
-    /// Tries to become ready; the members tell how far that went.
+    /// Opens the library; the members show which state was reached.
     videotunnel_ops();
     /// Closes the library.
     ~videotunnel_ops();
     videotunnel_ops(const videotunnel_ops&) = delete;
     videotunnel_ops& operator=(const videotunnel_ops&) = delete;
 
-    /// Opens the library, unless an earlier attempt left it open, and resolves the entry points in
-    /// order; the first needed one that is missing ends the attempt, and what was resolved stays.
-    /// @return true when ready, now or already
+    /// Opens the library, unless it is still open, and resolves the entry points in order. Stops at
+    /// the first required one that is missing; those resolved before stay.
+    /// @return true when ready
     bool videoTunnelLibInit();
 
-    /// Closes the library and leaves everything else as it is: still inited, the pointers dangling.
-    /// For a caller that will not use the tunnel again. Not safe beside other users.
+    /// Closes the library and changes nothing else: inited stays true and the pointers dangle. For
+    /// a caller that will not use the tunnel again, while nobody else uses it.
     /// @return true
     bool videoTunnelLibRelease();
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// A buffer's way through the tunnel: device, id, connection, then queue and dequeue with the fence.
+// The connection, in order: device, id, connect, then queue and dequeue with the release fence.
 #include "videotunnel/VideoTunnelWraper.h"
 
 #include <fcntl.h>
@@ -23,26 +23,27 @@ namespace {
 
 constexpr int32_t kNone = -1;
 
-/// A release fence signals within a vsync or two; a second means that the display hangs.
+/// A release fence signals within a vsync or two; after a second the display hangs.
 constexpr int32_t kFenceTimeoutMs = 1000;
 
-/// Taking a buffer back needs this many inside: one on screen, one behind it, one to spare.
+/// Fewest queued buffers to dequeue one: one is on screen, one is next, one can be released.
 constexpr int32_t kMinQueuedToDequeue = 3;
 
-// Arguments of the tunnel that this client always passes.
+// Arguments that this client always passes to the tunnel.
 constexpr int kRoleProducer = 0;
 constexpr int kNoAcquireFence = -1;
 constexpr int kCommandBeforeDisconnect = 0;
 constexpr int kCommandArgument = 1;
 
-// Numbers that people who read the logs of this client know its lines by: two lines' places, and
-// what stands for the result in the messages of a refused call.
+// Numbers that this client's log lines have always carried: two line numbers, and the value printed
+// as the result of a refused call.
 constexpr int kDisconnectLine = 331;
 constexpr int kDequeueLine = 373;
 constexpr int kConnectFailure = 0;
 constexpr int kCallFailure = 1;
 
-/// An error number in words; holds its own text, as threads of both sides may ask at a time.
+/// The text of an error number; each object has its own buffer, because several threads may fail at
+/// the same time.
 class ErrorText {
 public:
     explicit ErrorText(int error) : mText(strerror_r(error, mBuffer, sizeof(mBuffer))) {}
@@ -56,7 +57,7 @@ private:
     const char* mText;
 };
 
-/// As the other files refresh theirs, but under the bit and priority of the per-buffer lines.
+/// Like refreshLogMask, but logs with the bit and priority of the per-buffer lines.
 void refreshLogMaskAtDebug() {
     int32_t bits = 0;
     if (korvane::readIntProperty(korvane::kLogLevelProperty, &bits)) {
@@ -69,12 +70,12 @@ void refreshLogMaskAtDebug() {
     }
 }
 
-/// Whether there is a tunnel to call.
+/// Whether there is a device and an id to call the tunnel with.
 bool reaches(int device, int tunnelId) {
     return device >= 0 && tunnelId >= 0;
 }
 
-/// Whether the tunnel is to be asked for a buffer: the display keeps the last two.
+/// Whether a buffer may be dequeued: the display keeps the last two.
 bool mayDequeue(int device, int tunnelId, int32_t queuedCount) {
     constexpr char kOperation[] = "dequeueBuffer";
     if (!reaches(device, tunnelId) || gVideoTunnelOps.mDequeueBuffer == nullptr) {
@@ -98,7 +99,7 @@ void closeDevice(int device) {
 }
 
 /// Whether a descriptor looks like a release fence: open for reading, without flags, and not
-/// deleted. The texts are those of the negated error number beside the number itself.
+/// deleted. The messages carry the text of the negated error number and the number itself.
 bool looksLikeFence(int fenceFd) {
     if (fcntl(fenceFd, F_GETFL) != 0) {
         const int error = errno;
@@ -120,8 +121,8 @@ bool looksLikeFence(int fenceFd) {
     return true;
 }
 
-/// Waits until the display is done with a buffer. The fence owns its descriptor and closes it, but
-/// a descriptor that is none is left open.
+/// Waits until the display has released a buffer. The fence owns and closes its descriptor; a
+/// descriptor that is no fence stays open.
 bool waitForRelease(int bufferFd, int fenceFd, int timeoutMs) {
     if (!looksLikeFence(fenceFd)) {
         return false;
@@ -129,7 +130,7 @@ bool waitForRelease(int bufferFd, int fenceFd, int timeoutMs) {
     const android::sp<android::Fence> fence = new android::Fence(fenceFd);
     const int result = fence->wait(timeoutMs);
     if (result != 0) {
-        // android::UNKNOWN_ERROR is the smallest int, which has no negative
+        // unsigned: android::UNKNOWN_ERROR is the smallest int, which cannot be negated
         const int error = static_cast<int>(0U - static_cast<unsigned>(result));
         KORVANE_LOGI(gLogMask, kLogInfo, kLogTag,
                      "Failed to wait for fence: fd: %d fence_fd %d err : %s (%d)", bufferFd,

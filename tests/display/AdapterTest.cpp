@@ -23,7 +23,7 @@ using Peer = DisplayAdapterWraperPeer;
 
 class DisplayAdapter : public TvFixture {
 protected:
-    /// Sets the mask by way of a wrapper's constructor and forgets what that logged.
+    /// Sets the mask through a wrapper's constructor and clears the log.
     void setMask(int mask) {
         setLogMask(mask);
         { const DisplayAdapterWraper wrapper; }
@@ -103,7 +103,8 @@ TEST_F(DisplayAdapter, GivesEachRemoteObjectBackOnceIfItCan) {
     }
     int64_t timestampNs = -1;
     int32_t periodNs = -1;
-    EXPECT_TRUE(left->getDisplayVsyncAndPeriod(&timestampNs, &periodNs)) << "still alive";
+    EXPECT_TRUE(left->getDisplayVsyncAndPeriod(&timestampNs, &periodNs))
+        << "the other wrapper's remote object still answers";
     destroy(left);
 }
 

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-// Whole streams through the cadence tracker: which pattern holds, for how long, and what the rates
-// cost. A pump drives content of any rate into a display of any rate as the drain loop does: every
-// tenth frame is preceded by a report of the display's last vsync, and times are cut to
-// microseconds. It checks every frame against what must hold whatever the rates are.
+// Whole streams through the cadence tracker: the pattern, how long it lasts, and the slips that the
+// rates demand. A pump presents content of any rate on a display of any rate as the drain thread
+// does: it reports the display's last vsync before every tenth frame and cuts times to
+// microseconds. It checks on every frame what must hold for all rates.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -20,7 +20,7 @@ namespace {
 
 struct Stream {
     double fps, hz, seconds;
-    uint64_t seed = 1;           ///< of the display's phase and of all jitter
+    uint64_t seed = 1;           ///< for the display's phase and all jitter
     int64_t reportJitterUs = 0;  ///< largest error, either way, of a reported vsync time
     int64_t frameJitterUs = 0;   ///< largest error, either way, of a frame's real time
 };
@@ -32,7 +32,7 @@ double exactRate(double nominal) {
 }
 
 struct CadencePump {
-    /// Presents a whole stream; the first failure ends it.
+    /// Presents a whole stream; stops at the first failure.
     explicit CadencePump(const Stream& s) : stream(s) {
         tracker.setFrameRate(static_cast<int>(std::lround(stream.fps * 100)));
         tracker.setEnablePattern(11);
@@ -54,7 +54,7 @@ struct CadencePump {
     void presentOne() {
         const double dueUs = 1e9 + static_cast<double>(frameNo) * frameUs;
         if (frameNo % 10 == 0) {
-            // A frame is worked on a little more than two vsyncs before it is due.
+            // A frame is processed a little more than two vsyncs before it is due.
             const double vsyncs = std::floor((dueUs - 40'000 - phaseUs) / vsyncUs);
             const auto timeUs = static_cast<int64_t>(vsyncs * vsyncUs + phaseUs);
             EXPECT_TRUE(tracker.updateHWCVsyncInfo(timeUs + jitter(stream.reportJitterUs),
@@ -73,8 +73,8 @@ struct CadencePump {
         lockedAt = lockedAt < 0 && state.curPattern != kNoPattern ? frameNo : lockedAt;
     }
 
-    /// A result has the margin to both edges of its interval; only a frame that a pattern in force
-    /// could not correct keeps its time. Its vsync number says the same as its interval.
+    /// A result keeps the margin to both edges of its interval, except a frame that the pattern in
+    /// force could not correct. Its vsync number and its interval agree.
     void checkPlace(const SyncFrame& frame, int32_t pattern) {
         const int64_t intoUs = frame.syncRealTimeUs - frame.targetVsyncTime;
         const int64_t movedVsyncs = frame.targetVsyncCnt - frame.vsyncCnt;
@@ -86,8 +86,8 @@ struct CadencePump {
         EXPECT_LE(std::abs(movedVsyncs), 2);
     }
 
-    /// Frames go to the screen in order. A report moves the grid by what the period lost when it
-    /// was cut to microseconds, so two frames for one vsync may differ by that.
+    /// Frames are shown in order. A report moves the grid by what the period lost when it was cut
+    /// to microseconds, so two frames of one vsync may differ by that.
     void checkOrder(const SyncFrame& previous, const SyncFrame& frame) {
         const int64_t vsyncs = frame.targetVsyncCnt - previous.targetVsyncCnt;
         EXPECT_GE(vsyncs, 0);
@@ -105,9 +105,9 @@ struct CadencePump {
     VideoSyncFRAC tracker;
     videoSyncFrac_priv& state = stateOf(tracker);
     int64_t frameNo = 0;
-    int64_t lockedAt = -1;  ///< frame that first put a pattern in force
-    int64_t slips = 0;      ///< frames that stayed longer or shorter than their repeat count says
-    std::string dwell;      ///< how many vsyncs each of the last frames really stayed
+    int64_t lockedAt = -1;  ///< first frame with a pattern in force
+    int64_t slips = 0;      ///< frames that were on screen for another time than their repeat count
+    std::string dwell;      ///< vsyncs for which each of the last frames was on screen
 };
 
 class Cadence : public testing::Test {
@@ -129,7 +129,7 @@ TEST_F(Cadence, LocksAtOnceAndHoldsForHoursWithOnlyTheSlipsThatTheRatesDemand) {
             EXPECT_EQ(inForce(pump.tracker), content.pattern);
             // Two frames until counts are known, then ten that fit.
             EXPECT_EQ(pump.lockedAt, 12);
-            // The first vsync of difference is taken up by holding or pulling; the others show.
+            // A hold or pull corrects the first vsync of difference; the others are visible.
             const double perFrame = exactRate(hz) / exactRate(content.fps) - content.vsyncsPerFrame;
             const double demanded = std::abs(perFrame) * static_cast<double>(pump.frameNo);
             EXPECT_NEAR(static_cast<double>(pump.slips), demanded, 2.0);
@@ -155,8 +155,8 @@ TEST_F(Cadence, LeavesContentWithoutAKnownPatternAsItIs) {
     }
 }
 
-// The first frame stands a quarter of a period from the edge: jitter that adds up to less (its
-// own, another frame's, a report's) costs no vsync where the rates fit.
+// The first frame is a quarter of a period from the edge: where the rates fit, jitter that adds up
+// to less (its own, another frame's, a report's) costs no vsync.
 TEST_F(Cadence, AnyRatePhaseAndJitterKeepsOrderAndMarginsAndAFittingPattern) {
     std::mt19937_64 random(20240607);
     for (uint64_t seed = 1; seed <= 100; ++seed) {
@@ -171,13 +171,13 @@ TEST_F(Cadence, AnyRatePhaseAndJitterKeepsOrderAndMarginsAndAFittingPattern) {
     }
 }
 
-// A broken caller: nothing is promised but that calls come back. Sanitizers watch the arithmetic.
+// Invalid arguments: the calls must return, and sanitizers check the arithmetic.
 TEST_F(Cadence, AbsurdTimesNeitherOverflowNorDivideByZero) {
     using Time = std::numeric_limits<int64_t>;
     using Period = std::numeric_limits<int>;
     constexpr int64_t kTimes[] = {Time::min(), -1, 0, 1, 4000, 1'000'000, Time::max()};
     constexpr int kPeriods[] = {Period::min(), -1, 0, 1, 7999, 16666, 16683, Period::max()};
-    const FracLog log;  // a stream of errors that nobody needs to see
+    const FracLog log;  // captures the many errors
     VideoSyncFRAC tracker;
     std::mt19937_64 random(7);
     for (int step = 0; step < 100'000; ++step) {

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the cadence tracker's tests share: a look at its state, and its log.
+// Shared by the cadence tracker's tests: access to its state, and its log.
 #pragma once
 
 #include <string>
@@ -18,7 +18,7 @@ inline videoSyncFrac_priv& stateOf(VideoSyncFRAC& tracker) {
     return VideoSyncFRACPeer::state(tracker);
 }
 
-/// The pattern in force in the usual notation; "-" for none.
+/// The pattern in force, such as "[3:2]"; "-" for none.
 inline std::string inForce(VideoSyncFRAC& tracker) {
     static constexpr const char* kNames[] = {"-", "[3:2]", "[2:2]", "[4:1]", "[1:1]"};
     return kNames[stateOf(tracker).curPattern + 1];

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Pattern detection from repeat counts alone. A case is a string of counts, one per frame, and the
+// Pattern detection from repeat counts. A case is a string of counts, one per frame, and the
 // pattern in force after each: '3' [3:2], '2' [2:2], '4' [4:1], '1' [1:1], '.' none.
 #include <gtest/gtest.h>
 
@@ -8,7 +8,7 @@
 namespace korvane::test {
 namespace {
 
-/// Feeds a detector as getRealTime does, frame by frame.
+/// Calls a detector frame by frame, as getRealTime does.
 std::string feed(VideoSyncFRAC& tracker, int pattern, const std::string& counts) {
     videoSyncFrac_priv& state = stateOf(tracker);
     std::string inForce;

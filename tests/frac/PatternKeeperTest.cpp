@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Pattern keeping frame by frame: one grid, one frame, what becomes of it and what is logged.
+// Pattern keeping, frame by frame: the corrected time and count of one frame, and what is logged.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -16,7 +16,7 @@ using testing::ElementsAre;
 constexpr int64_t kVsyncUs = 1'000'000'000;  // the grid's last vsync
 constexpr int64_t kVsyncNo = 5000;           // and its number
 
-/// A frame as the keeper meets it, one interval after the last vsync.
+/// A frame before correction, one interval after the last vsync.
 struct Situation {
     int period = 16666;
     int32_t inForce = kNoPattern;
@@ -31,9 +31,9 @@ struct Situation {
 
 class PatternKeeper : public testing::Test {
 protected:
-    /// Presents one frame in a situation to a fresh tracker.
-    /// @return its time from the start of its interval before correction, its count, and what else
-    ///         became of it: "20666 3 moved 1 held"
+    /// Presents one frame in a situation to a new tracker.
+    /// @return its corrected time from the start of its uncorrected interval, its count, and how it
+    ///         was corrected: "20666 3 moved 1 held"
     std::string present(const Situation& s) {
         setLogMask(2);
         mTracker.emplace();
@@ -66,7 +66,7 @@ protected:
         return outcome;
     }
 
-    /// Presents a further frame.
+    /// Presents another frame.
     int64_t next(int64_t realTimeUs) {
         long resultUs = 0;
         EXPECT_TRUE(mTracker->getRealTime(33, realTimeUs, 7, &resultUs));
@@ -210,7 +210,7 @@ TEST_F(PatternKeeper, TheFirstFrameAlignsTheGridAndTheSecondCountsFromTheFirstVs
     EXPECT_EQ(next(startUs + 33332 + 5000), startUs + 33332 + 4166);
     EXPECT_EQ(frame.repeatVsyncCnt, 6);
     EXPECT_EQ(frame.vsync.vsyncTime, kVsyncUs);
-    // A first frame from before the last vsync: the division cuts towards zero.
+    // A first frame before the last vsync: the division truncates towards zero.
     mTracker->resetFRC();
     mTracker->updateHWCVsyncInfo(kVsyncUs, 16666);
     EXPECT_EQ(next(kVsyncUs - 16666 - 5000), kVsyncUs - 16666 + 4166);

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The tracker's object and its vsync grid.
+// The tracker's lifecycle, configuration and vsync grid.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -15,7 +15,7 @@ bool gAllocationFails = false;
 
 }  // namespace
 
-// Stands in for the C++ runtime's in the whole process, so that a test can let it fail.
+// Replaces the C++ runtime's in the whole process, so that a test can make it fail.
 __attribute__((visibility("default"))) void* operator new(std::size_t bytes,
                                                           const std::nothrow_t&) noexcept {
     return gAllocationFails ? nullptr : ::operator new(bytes);
@@ -28,7 +28,7 @@ using testing::Each;
 
 class VideoSyncFRACTest : public testing::Test {
 protected:
-    /// A tracker whose every message is seen, after its construction.
+    /// A tracker that logs every message, after its construction.
     VideoSyncFRACTest() {
         setLogMask(3);
         tracker.emplace();
@@ -64,7 +64,7 @@ TEST_F(VideoSyncFRACTest, WithoutItsStateEveryOperationSaysSoAndRefuses) {
 TEST_F(VideoSyncFRACTest, TakesItsLogMaskFromTheProperty) {
     for (const auto& [mask, lines] : {std::pair{1, 3U}, {2, 2U}, {0, 1U}}) {
         setLogMask(1);
-        tracker.emplace();  // its birth is logged under the mask before
+        tracker.emplace();  // the constructor logs under the mask before
         log.take();
         setLogMask(mask);
         { const VideoSyncFRAC another; }
@@ -92,7 +92,7 @@ TEST_F(VideoSyncFRACTest, RefusesFrameRatesAndEnableMasksThatItDoesNotKnow) {
     }
 }
 
-// One display's life, report by report.
+// One display, report by report.
 TEST_F(VideoSyncFRACTest, FollowsTheDisplaysVsyncs) {
     const std::string changed = "I [updateHWCVsyncInfo]hdmi frequency changed from ";
     const std::string invalid = "E [updateHWCVsyncInfo]invalid hwc vsync info, vsynctime:";

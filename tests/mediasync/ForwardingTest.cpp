@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// VideoSyncWraper as a pipe: what goes in comes out at the service unchanged, and each operation
-// logs and answers as it should. The test supplies the MediaSync class itself, as a process may,
-// and so sees every call in its place among the log lines.
+// VideoSyncWraper forwards every call to the service unchanged, logs it and converts the status.
+// The test has its own MediaSync class, as any process may, and so records the calls among the log
+// lines.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -22,7 +22,7 @@ LogCapture* gCapture = nullptr;
 int gStatus = 0;
 int gClients = 0;
 
-/// Records a call of the service and gives the status that the test chose.
+/// Records a call of the service and returns the status that the test chose.
 template <typename... Arguments>
 int called(const char* operation, Arguments... arguments) {
     std::ostringstream text;
@@ -32,7 +32,7 @@ int called(const char* operation, Arguments... arguments) {
     return gStatus;
 }
 
-/// As a service does: an output is written on success only.
+/// Like a service: writes an output on success only.
 template <typename Value>
 int answered(int status, Value* out, Value value) {
     if (status == 0) {
@@ -43,7 +43,7 @@ int answered(int status, Value* out, Value value) {
 
 }  // namespace
 
-/// An operation of the service that only takes, and one that answers through `out`.
+/// An operation of the service with inputs only, and one that writes to `out`.
 #define TAKES(name, parameters, ...)         \
     int MediaSync::name parameters {         \
         return called(#name, ##__VA_ARGS__); \
@@ -88,7 +88,7 @@ namespace {
 
 enum class Trace { None, Before, After };
 
-/// The outputs that operations write, preset so that an unwritten one is recognised.
+/// The operations' outputs, preset so that an unwritten one is recognised.
 struct Outputs {
     sync_mode mode = static_cast<sync_mode>(255);
     long time = -7;
@@ -100,11 +100,11 @@ struct Outputs {
 struct Operation {
     std::string name;
     std::function<bool(VideoSyncWraper&, Outputs&)> run;
-    std::string call;  ///< as the service sees it
+    std::string call;  ///< as the service gets it
     Trace when = Trace::None;
     int bit = 0;
     std::string trace = {};
-    std::string traceOnFailure = {};  ///< where an output is part of it
+    std::string traceOnFailure = {};  ///< if an output is part of it
 };
 
 int gParameter = 41;
@@ -167,7 +167,7 @@ const std::vector<Operation> kOperations = {
      "VideoProcess 30 20 1"},
 };
 
-/// What an operation is to leave behind, in order.
+/// Calls and log lines expected of an operation, in order.
 Lines expected(const Operation& operation, int mask, int status) {
     Lines events = {"call " + operation.call};
     const bool ownText = status != 0 && !operation.traceOnFailure.empty();
@@ -237,7 +237,8 @@ TEST_F(Forwarding, HandsOutWhatTheServiceAnsweredAndStubsDoNothing) {
 }
 
 TEST_F(Forwarding, ConstructorReadsTheLogMask) {
-    // As atoi reads text: leading blanks and sign, then digits; no number is 0, which is silent.
+    // Like atoi: leading blanks and a sign, then digits; text that is no number gives 0, which
+    // turns all messages off.
     const std::pair<const char*, const char*> kCases[] = {
         {"1", "set = 1"},          {"", "is not set used def = 1"},
         {" 23 bits", "set = 23"},  {"-1", "set = -1"},

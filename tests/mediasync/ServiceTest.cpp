@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The device's media-sync library on the simulated TV, and VideoSyncWraper's way in: binding,
-// failing, and what passes through to an instance. What an instance does is its own tests' matter.
+// The device's media-sync library on the simulated TV, called directly and through VideoSyncWraper:
+// binding, failures, and what reaches an instance. The instance itself has its own tests.
 #include <functional>
 #include <thread>
 
@@ -23,7 +23,7 @@ protected:
         EXPECT_EQ(mSync.bindInstance(number(instance), MEDIA_VIDEO), 0);
         return instance;
     }
-    /// Makes calls of each kind; those in the second group need no instance.
+    /// Makes calls of each kind; those of the second group need no instance.
     void expectResults(int onInstance, int onClient) {
         const std::function<int()> kOnInstance[] = {
             [&] { return mSync.setSyncMode(MEDIA_SYNC_AMASTER); },
@@ -46,7 +46,7 @@ protected:
         for (const auto& call : kOnClient) {
             EXPECT_EQ(call(), onClient);
         }
-        EXPECT_EQ(mTime, -7) << "no output was touched";
+        EXPECT_EQ(mTime, -7) << "an output was written";
         EXPECT_EQ(mMode, 255);
     }
 
@@ -67,10 +67,10 @@ TEST_F(MediaSyncLibrary, WithoutInstanceWithAFailingOneOrWithoutTvCallsFail) {
     MediaSync other;
     EXPECT_EQ(other.bindInstance(number(instance), MEDIA_VIDEO), -5);
     instance->setStatus(0);
-    EXPECT_EQ(instance->mode(), MEDIA_SYNC_VMASTER) << "and had no effect";
+    EXPECT_EQ(instance->mode(), MEDIA_SYNC_VMASTER) << "the failed call had an effect";
     EXPECT_FALSE(instance->paused());
     EXPECT_EQ(instance->counters().anchorsTaken + instance->counters().queuedVideoFrames, 0);
-    EXPECT_EQ(other.getSyncMode(&mMode), -1) << "the refused bind bound nothing";
+    EXPECT_EQ(other.getSyncMode(&mMode), -1) << "the refused client is bound";
     mTv->powerOff();
     expectResults(-1, -1);
     EXPECT_EQ(mSync.allocInstance(0, 0, &mNumber), -1);
@@ -131,7 +131,7 @@ TEST_F(MediaSyncLibrary, ThreadsMayShareAClient) {
     rebinding.join();
 }
 
-// The renderer's own way in: an id that the service does not know, then one of its own.
+// As the renderer binds: an id that the service does not know, then a new instance.
 TEST_F(MediaSyncLibrary, WrapperBindsAnInstanceOfItsOwnWhereNoneIsGiven) {
     VideoSyncWraper sync;
     EXPECT_FALSE(sync.bindInstance(4711, MEDIA_VIDEO));

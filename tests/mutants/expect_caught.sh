@@ -10,19 +10,19 @@ scenario=$3
 shift 3
 
 if ! "$tv" run "$scenario" >/dev/null 2>&1; then
-    echo "the scenario fails on the whole library already" >&2
+    echo "the scenario fails on the intact library too" >&2
     exit 1
 fi
 output=$(LD_LIBRARY_PATH="$library_dir" timeout 120 "$tv" run "$scenario" 2>&1)
 status=$?
 printf '%s\n' "$output"
 if [ "$status" -eq 0 ] || [ "$status" -eq 124 ]; then
-    echo "not caught (exit status $status)" >&2
+    echo "the broken library is not caught (exit status $status)" >&2
     exit 1
 fi
 for text in "$@"; do
     if ! printf '%s\n' "$output" | grep -qE "$text"; then
-        echo "caught, but nothing says '$text'" >&2
+        echo "caught, but the output has no '$text'" >&2
         exit 1
     fi
 done

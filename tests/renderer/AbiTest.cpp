@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The binary interface, as a player built years ago sees it: a table of operations by slot, records
-// by offset, a factory by name.
+// The binary interface of players built years ago: a table of operations by slot, records by
+// offset, a factory by name.
 #include <dlfcn.h>
 
 #include "frac/VideoSyncFRAC.h"
@@ -10,6 +10,13 @@ static_assert(sizeof(rendertime) == 16 && sizeof(framestatus) == 8 &&
               offsetof(framestatus, rendered) == 4 && sizeof(videoframe) == 24 &&
               sizeof(VideoSyncFRAC) == 16 && sizeof(VideoSyncWraper) == 8 &&
               sizeof(VideoTunnelWraper) == 20);
+
+/// A process's own function under the name of one that the library exports.
+extern "C" __attribute__((visibility("default"))) int interposedDropFrame(
+    void*, videoframe*) __asm__("_ZN19VideoTunnelRenderer9dropFrameEP10videoframe");
+int interposedDropFrame(void* /*renderer*/, videoframe* /*frame*/) {
+    return 0;
+}
 
 namespace korvane::test {
 namespace {
@@ -70,6 +77,15 @@ TEST_F(AbiTest, EveryOperationAnswersInItsSlot) {
     EXPECT_EQ(1, player.call(kStop));
     player.call(kDelete);
     EXPECT_EQ(0, mTv->tunnel().openDevices());
+}
+
+TEST_F(AbiTest, FunctionOfTheProcessDoesNotReplaceTheLibrarysOwn) {
+    auto* const found = dlsym(RTLD_DEFAULT, "_ZN19VideoTunnelRenderer9dropFrameEP10videoframe");
+    ASSERT_EQ(reinterpret_cast<void*>(&interposedDropFrame), found);
+    makeAnchored(0);
+    peer().drain({kFd, kNowMediaUs - 50'000, 0, false});
+    EXPECT_EQ(returned, (Returned{{kFd, 0}}))
+        << "a late frame is dropped by the library's function";
 }
 
 TEST(AbiThreadsTest, StartStopAndDestroyAnswerInTheirSlots) {

@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// One frame through the drain thread's operations: early, on time, late; peeks; render times;
-// vsync.
+// One frame through the drain thread's operations: early, on time, late, peek, render time, vsync.
 #include <limits>
 
 #include "tests/renderer/RendererFixture.h"
@@ -121,10 +120,11 @@ TEST_F(DrainTest, TakenPeekFrameIsShownAtOnceAndLeavesAudioUnsynced) {
     make(0, true);
     peer().drain({1, 70, 0, true});
     peer().drain({2, 80, 0, true});
-    EXPECT_EQ(2u, queuedBuffers().size()) << "only the lone-frame path remembers that it peeked";
+    EXPECT_EQ(2u, queuedBuffers().size())
+        << "only the path for a lone frame remembers that it showed a peek frame";
     EXPECT_EQ(mClock.nowNs(), queuedBuffers().back().presentationTimeUs);
     EXPECT_FALSE(peer().audioSynced());
-    // A peek frame on the normal way is shown without a render time.
+    // A peek frame on the normal path gets no render time.
     const size_t before = peer().pendingRenderTimes();
     peer().show({3, 90, 0, true}, mClock.nowUs());
     EXPECT_EQ(before, peer().pendingRenderTimes());
@@ -150,17 +150,17 @@ TEST_F(DrainTest, RenderTimesAreReportedOneByOneAfterTheirTime) {
     EXPECT_THAT(reported, ElementsAre(111));
     renderer->nodifyRenderTime();
     renderer->nodifyRenderTime();
-    EXPECT_THAT(reported, ElementsAre(111, 222)) << "a time beyond the clock's range never comes";
+    EXPECT_THAT(reported, ElementsAre(111, 222)) << "the clock never reaches the largest time";
     EXPECT_EQ(1, count("[nodifyRenderTime] notify rendertime:222"));
 }
 
-TEST_F(DrainTest, DisplayIsAskedEveryTenthFrameAndNonsenseKeepsThePeriodKnownBefore) {
+TEST_F(DrainTest, DisplayIsQueriedEveryTenthFrameAndAnInvalidPeriodIsIgnored) {
     const struct {
         const char* what;
         bool tunnelFails, reportFails;
         int32_t periodNs, kept;
-    } kCases[] = {{"tunnel answers", false, false, 20'000'000, 20'000'000},
-                  {"adapter answers", true, false, 20'000'000, 20'000'000},
+    } kCases[] = {{"the tunnel answers", false, false, 20'000'000, 20'000'000},
+                  {"the adapter answers", true, false, 20'000'000, 20'000'000},
                   {"nobody answers", true, true, 20'000'000, 16'666'666},
                   {"period 0", false, false, 0, 16'666'666},
                   {"negative period from the adapter", true, false, -5, 16'666'666}};

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The renderer's life as a player drives it: binding, ids, callbacks, flush, misuse.
+// The renderer's lifecycle as a player drives it: binding, ids, callbacks, flush, misuse.
 #include <functional>
 
 #include "tests/renderer/RendererFixture.h"
@@ -54,14 +54,14 @@ TEST_F(LifecycleTest, ReturnedBufferGoesToTypeZeroThenTypeTwoWhoseResultCounts) 
     static int results[3];
     make(4, false);
     renderer.reset(VideoTunnelRenderer_create());
-    EXPECT_EQ(0, renderer->onFillVideoFrame(kFd, true)) << "without callbacks nobody took it";
+    EXPECT_EQ(0, renderer->onFillVideoFrame(kFd, true)) << "without a callback nobody takes it";
     const auto take = +[](void*, void* fd) {
         calls.push_back("0:" + std::to_string(*static_cast<int*>(fd)));
         return results[0];
     };
     EXPECT_EQ(-1, renderer->regCallBack(3, take, this));
     EXPECT_EQ(-1, renderer->regCallBack(0, nullptr, this));
-    EXPECT_EQ(0, renderer->regCallBack(-1, take, this)) << "types are checked only upwards";
+    EXPECT_EQ(0, renderer->regCallBack(-1, take, this)) << "only types above 2 are refused";
     EXPECT_EQ(0, renderer->regCallBack(0, take, this));
     EXPECT_EQ(1, renderer->onFillVideoFrame(7, true));
     renderer->regCallBack(
@@ -93,7 +93,7 @@ TEST_F(LifecycleTest, FlushHandsQueuedFramesBackInOrderAndResetsTheClock) {
     EXPECT_EQ(3u, peer().queued()) << "before start it changes nothing";
     EXPECT_FALSE(peer().flushed());
     peer().pretendStarted();
-    clock->setMode(kAudioLeads);
+    clock->setMode(MEDIA_SYNC_AMASTER);
     peer().setAudioSynced();
     EXPECT_EQ(1, renderer->flush());
     EXPECT_EQ(returned, (Returned{{1, 0}, {2, 0}, {3, 0}}));
@@ -119,20 +119,21 @@ TEST_F(LifecycleTest, FramesAreNumberedOnlyWhileTheFrameLogIsOn) {
     }
 }
 
-TEST_F(LifecycleTest, StatusCallbackThatAReturnCallbackRegistersHearsOfThatFrame) {
-    make(0, false);
+TEST_F(LifecycleTest, StatusCallbackRegisteredByAReturnCallbackGetsThatFrameAndItsNewDescriptor) {
+    make(4, false);
     renderer->regCallBack(2, nullptr, nullptr);
     std::function<void()> registerAnother = [this] {
         renderer->regCallBack(2, &RendererTest::onStatus, this);
     };
     const auto onReturn = [](void* userData, void* info) {
-        *static_cast<int*>(info) = -1;  // a copy, its own
+        *static_cast<int*>(info) = 8;  // the frame's own descriptor
         (*static_cast<std::function<void()>*>(userData))();
         return 0;
     };
     renderer->regCallBack(0, onReturn, &registerAnother);
     EXPECT_EQ(1, renderer->onFillVideoFrame(7, true));
-    EXPECT_EQ(returned, (Returned{{7, 1}}));
+    EXPECT_EQ(returned, (Returned{{8, 1}}));
+    EXPECT_EQ(1, count("[onFillVideoFrame]==out== [1], fd:8, "));
 }
 
 TEST_F(LifecycleTest, MissingCollaboratorsCostOneErrorEachAndNoFrame) {

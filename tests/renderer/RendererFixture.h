@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-// A renderer on the simulated TV, stepped by the test.
+// A renderer on the simulated TV that the test steps.
 //
-// The clock is the test's own and no thread runs: the test calls the drain thread's operations one
-// by one and reads what the tunnel was given, what came back and what was logged.
+// The test sets the clock and no thread runs: the test calls the drain thread's operations one by
+// one and reads what the tunnel got, what came back and what was logged.
 #pragma once
 
 #include "VideoTunnelRenderer.h"
@@ -11,11 +11,11 @@
 #include "tests/support/TvFixture.h"
 #include "videotunnel/VideoTunnelWraper.h"
 
-/// Reaches what the renderer keeps to itself.
+/// Access to the renderer's private members.
 struct VideoTunnelRendererPeer {
     VideoTunnelRenderer& r;
 
-    /// The state that `start` makes, without its threads.
+    /// The state after `start`, without the threads.
     void pretendStarted() {
         r.mQueueRunning = true;
         r.mAudioSynced = false;
@@ -67,11 +67,10 @@ namespace korvane::test {
 class RendererTest : public TvFixture {
 protected:
     static constexpr int kFd = 10'000;  // no open descriptor: a buffer without a picture
-    static constexpr auto kAudioLeads = static_cast<sync_mode>(1);
 
     ~RendererTest() override {
         drop();
-        // The mask outlives a renderer: leave the next test the one it starts with.
+        // The mask outlives a renderer: restore the one with which the next test starts.
         setLogMask(1);
         delete VideoTunnelRenderer_create();
     }
@@ -82,8 +81,8 @@ protected:
         }
     }
 
-    /// A renderer with a type-2 callback, bound to `clock` and ready to be stepped, in the place of
-    /// an earlier one.
+    /// Replaces the renderer by one with a type-2 callback, bound to `clock` and ready to be
+    /// stepped.
     void make(int logMask, bool audio, bool passthrough = false) {
         drop();
         setLogMask(logMask);
@@ -99,7 +98,7 @@ protected:
         returned.clear();
         log.take();
     }
-    /// Without audio, at media time 1 s now.
+    /// Without audio; media time 1 s is due now.
     void makeAnchored(int logMask) {
         make(logMask, false);
         renderer->updateVideoTime(kNowMediaUs);
@@ -119,7 +118,7 @@ protected:
     std::shared_ptr<tv::SyncInstance> clock;
     std::unique_ptr<VideoTunnelRenderer> renderer;
     int tunnelId = -1;
-    /// Buffers that came back: descriptor, and whether they were rendered.
+    /// Returned buffers: descriptor and `rendered`.
     std::vector<std::pair<int, int>> returned;
     LogCapture log;
 };

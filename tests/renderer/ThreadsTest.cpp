@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The renderer's threads against the TV's: nothing here depends on how long a step takes, only on
-// what must have happened at its end.
+// The renderer's threads beside the TV's. No test depends on how long a step takes, only on its
+// result.
 #include <pthread.h>
 
 #include <atomic>
@@ -21,8 +21,8 @@ constexpr int kFirstFd = 10'000;
 
 class ThreadsTest : public testing::Test {
 protected:
-    explicit ThreadsTest(std::unique_ptr<tv::VirtualTime> gear = virtualTimeIfAvailable())
-        : time(std::move(gear)) {
+    explicit ThreadsTest(std::unique_ptr<tv::VirtualTime> virtualTime = virtualTimeIfAvailable())
+        : time(std::move(virtualTime)) {
         setLogMask(0);
     }
     ~ThreadsTest() override {
@@ -52,12 +52,15 @@ protected:
         return timesReturned.size();
     }
 
+public:
     const std::unique_ptr<tv::VirtualTime> time;  ///< null: real time
     LogCapture log;
     std::shared_ptr<tv::Tv> mTv = tv::Tv::powerOn({});
     std::unique_ptr<VideoTunnelRenderer> renderer;
     std::mutex lock;
     std::map<int, int> timesReturned;
+    std::atomic<int> olderCalls{0};
+    std::atomic<int> newerCalls{0};
 };
 
 TEST_F(ThreadsTest, StartAndStopDoNothingTheSecondTimeAndTheIdIsKept) {
@@ -92,7 +95,7 @@ TEST_F(ThreadsTest, ReleasedBuffersAndRenderTimesReachThePlayer) {
     renderer->updateVideoTime(0);
     constexpr int kFrames = 20;
     send(kFrames, 0, 40'000);
-    // The last two stay in the tunnel: fewer than three are never taken back.
+    // The last two stay in the tunnel, which is dequeued only while it has three or more.
     EXPECT_TRUE(eventually([&] { return returnedBuffers() >= kFrames - 2; }));
     EXPECT_TRUE(eventually(
         [&] { return renderTimes + static_cast<int>(returnedBuffers()) >= 2 * kFrames - 2; }));
@@ -135,7 +138,7 @@ TEST_F(ThreadsTest, FlushWhileDrainingReturnsEachFrameOnce) {
         }
     });
     for (int i = 0; i < kFrames; ++i) {
-        // Far in the past: dropped by the drain thread unless the flush gets it first.
+        // Very late: dropped by the drain thread unless a flush takes it first.
         renderer->sendVideoFrame(kFirstFd + i, -1'000'000'000L - i, (i % 2) != 0);
     }
     flusher.join();
@@ -149,6 +152,60 @@ TEST_F(ThreadsTest, FlushWhileDrainingReturnsEachFrameOnce) {
     }
 }
 
+TEST_F(ThreadsTest, ThreadThatWaitsToReportARenderTimeCallsTheCallbackRegisteredMeanwhile) {
+    make(0);
+    renderer->updateVideoTime(0);
+    static constexpr auto replacement = [](void* self, void*) {
+        return ++static_cast<ThreadsTest*>(self)->newerCalls;
+    };
+    // Sleeps under the render-time lock; the other thread waits for the lock meanwhile.
+    const auto replacesItself = [](void* self, void*) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        auto* test = static_cast<ThreadsTest*>(self);
+        ++test->olderCalls;
+        return test->renderer->regCallBack(1, replacement, self);
+    };
+    renderer->regCallBack(1, replacesItself, this);
+    renderer->start();
+    std::thread second([&] {
+        EXPECT_TRUE(eventually([&] {
+            renderer->nodifyRenderTime();
+            return newerCalls > 0;
+        }));
+    });
+    send(2, 1, 0);
+    second.join();
+    renderer->stop();
+    EXPECT_EQ(1, olderCalls);
+    EXPECT_EQ(1, newerCalls);
+}
+
+/// Now and then a thread loses the processor for 20 ms at most: the fill thread polls meanwhile.
+class LongPreemptionTest : public ThreadsTest {
+protected:
+    LongPreemptionTest() : ThreadsTest(virtualTimeIfAvailable(4096, 20'000'000)) {}
+};
+
+TEST_F(LongPreemptionTest, FlushFromARenderTimeCallbackAllowsAnotherPeek) {
+    const int audio = mTv->mediaSync().create()->id();
+    const auto flushes = [](void* self, void*) {
+        auto* test = static_cast<ThreadsTest*>(self);
+        test->renderer->flush();
+        return ++test->olderCalls;
+    };
+    for (int i = 0; i < 100; ++i) {
+        make(audio);
+        olderCalls = 0;
+        renderer->regCallBack(1, flushes, this);
+        renderer->start();
+        for (int peek = 1; peek <= 3; ++peek) {
+            renderer->sendVideoFrame(kFirstFd + peek, 40'000, true);
+            ASSERT_TRUE(eventually([&] { return olderCalls == peek; })) << "round " << i;
+        }
+        renderer->stop();
+    }
+}
+
 TEST_F(ThreadsTest, WrongCallingOrderCostsNoCrash) {
     renderer.reset(VideoTunnelRenderer_create());
     renderer->regCallBack(2, &ThreadsTest::onStatus, this);
@@ -156,7 +213,7 @@ TEST_F(ThreadsTest, WrongCallingOrderCostsNoCrash) {
     renderer->sendVideoFrame(kFirstFd, 0, false);
     EXPECT_TRUE(eventually([&] { return returnedBuffers() == 1; }));
     renderer->flush();
-    renderer->init(mTv->mediaSync().create()->id());  // late, under the running threads
+    renderer->init(mTv->mediaSync().create()->id());  // late, while the threads run
     renderer->sendVideoFrame(kFirstFd + 1, 40'000, false);
     renderer->sendVideoFrame(kFirstFd + 2, 80'000, false);
     renderer->flush();
@@ -170,14 +227,14 @@ TEST_F(ThreadsTest, DeletingARunningRendererStopsItWithAnError) {
     EXPECT_EQ(1, log.count("[~VideoTunnelRenderer] deleted while running, stopping first\n"));
 }
 
-/// Only the real gear asks the machine for room.
+/// In real time, where a thread's stack comes from the system.
 class RealThreadsTest : public ThreadsTest {
 protected:
     RealThreadsTest() : ThreadsTest(nullptr) {}
 };
 
-TEST_F(RealThreadsTest, RefusedThreadsAreDoneWithout) {
-    // No address space has room for a stack of this size, so creating a thread by default fails.
+TEST_F(RealThreadsTest, RendererRunsWithoutThreadsThatCannotBeCreated) {
+    // A stack that does not fit into the address space: creating a thread with the defaults fails.
     pthread_attr_t usual;
     pthread_attr_t enormous;
     ASSERT_EQ(0, pthread_getattr_default_np(&usual));

@@ -1,9 +1,10 @@
 #!/bin/sh
 # SPDX-License-Identifier: Apache-2.0
-# What the renderer library exports, imports by name and is called, and for which processor (as uname
-# calls it) it is made: check_symbols.sh LIBRARY [PROCESSOR]
-# The lists beside this script are pinned; a difference is printed and fails. They hold what comes
-# after a common beginning (none for "(whole)").
+# What the renderer library exports, imports by name and is called, that it reaches its own functions
+# directly, and for which processor (as uname calls it) it is made:
+# check_symbols.sh LIBRARY [PROCESSOR]
+# Fails and prints the difference when the built symbols are not those of the lists beside this
+# script. A list gives a common prefix and what follows it; "(whole)" stands for no prefix.
 set -eu
 
 library=$1
@@ -30,14 +31,21 @@ END
 
 compare exports "$(nm -D --defined-only --format=posix "$library" | awk '{print $1}' |
     LC_ALL=C sort)"
-# The platform's alone: names of the C library and of libstdc++ carry versions; libc++'s are known
-# by their spelling.
+# Only the platform's: the C library's and libstdc++'s names have versions, libc++'s are recognised by
+# their spelling.
 compare imports "$(nm -D --undefined-only "$library" |
     awk '$1 == "U" && $2 !~ /@|^_ZNK?St|^_ZSt|^_Zn[aw]|^_Zd[al]|^__cxa_/ {print $2}' |
     LC_ALL=C sort)"
 
+# Its calls of its own functions are bound: no relocation names one of them.
+functions=$(nm -D --defined-only "$library" | awk '$2 ~ /[TW]/ {print $3}')
+if readelf --relocs --wide "$library" | awk '{print $5}' | grep -Fx "$functions"; then
+    echo "the calls of the functions above are not bound inside the library" >&2
+    status=1
+fi
+
 if nm -C --defined-only "$library" | grep -E 'typeinfo (for|name for) (VideoTunnel|VideoSync)'; then
-    echo "run-time type information is emitted for the classes above" >&2
+    echo "the classes above have run-time type information" >&2
     status=1
 fi
 
@@ -51,7 +59,7 @@ machine=$(readelf -h "$library" | sed -n 's/ *Machine: *//p')
 case $(echo "$machine" | tr 'A-Z-' 'a-z_') in
 *"$processor") ;;
 *)
-    echo "made for $machine, not $processor" >&2
+    echo "built for $machine, not $processor" >&2
     status=1
     ;;
 esac

@@ -19,13 +19,14 @@ namespace korvane::test {
 
 /// Virtual time for tests with threads of their own: they wait without delay, and the seed decides
 /// where a thread is preempted. Null in sanitizer builds, which check real threads.
-inline std::unique_ptr<tv::VirtualTime> virtualTimeIfAvailable() {
+inline std::unique_ptr<tv::VirtualTime> virtualTimeIfAvailable(
+    uint32_t preemptions = 4096, int64_t longestPreemptionNs = 100'000) {
     if (!tv::VirtualTime::available()) {
         return nullptr;
     }
     tv::VirtualTimeOptions options;
-    options.preemptions = 4096;
-    options.longestPreemptionNs = 100'000;
+    options.preemptions = preemptions;
+    options.longestPreemptionNs = longestPreemptionNs;
     constexpr uint64_t kSeed = 1;
     return std::make_unique<tv::VirtualTime>(kSeed, options);
 }

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// VideoTunnelWraper on the simulated TV: device, id, connection, buffers and their fences, and what
-// it says of each.
+// VideoTunnelWraper on the simulated TV: device, id, connection, buffers and their fences, with the
+// log of each.
 #include <fcntl.h>
 #include <mqueue.h>
 #include <unistd.h>
@@ -46,7 +46,7 @@ class VideoTunnel : public TvFixture {
 protected:
     VideoTunnel() { setLogMask(1); }
 
-    /// A wrapper with an id and a connection, under a log mask; the log begins after that.
+    /// A wrapper with an id and a connection, under a log mask; the log starts after that.
     std::unique_ptr<VideoTunnelWraper> connected(int mask) {
         setLogMask(mask);
         auto wrapper = std::make_unique<VideoTunnelWraper>();
@@ -56,8 +56,8 @@ protected:
         return wrapper;
     }
 
-    /// Three buffers, 100 to 102, of which the first has been replaced on screen by the second: it
-    /// can be taken back, with a fence that signals one vsync later.
+    /// Three buffers, 100 to 102. The second has replaced the first on screen: the first can be
+    /// dequeued, with a fence that signals one vsync later.
     std::unique_ptr<VideoTunnelWraper> withReleasedBuffer(int mask) {
         auto wrapper = connected(mask);
         EXPECT_TRUE(wrapper->queueBuffer(100, 0));
@@ -173,7 +173,7 @@ TEST_F(VideoTunnel, HoldsOneIdAndOneConnectionWhateverTheTunnelRefuses) {
     EXPECT_TRUE(wrapper.connect());
     EXPECT_TRUE(Peer::connected(wrapper));
     setFault(&TunnelFaults::disconnectFails);
-    EXPECT_TRUE(wrapper.disconnect()) << "a refusal looks like success";
+    EXPECT_TRUE(wrapper.disconnect()) << "a refusal is reported as success";
     EXPECT_TRUE(Peer::connected(wrapper));
     setFault(&TunnelFaults::disconnectFails, false);
     {
@@ -202,7 +202,7 @@ TEST_F(VideoTunnel, HoldsOneIdAndOneConnectionWhateverTheTunnelRefuses) {
                     "E tovak_vt_free_id failed, mVideoTunnelFd:0, mTunnelId:-1"));
 }
 
-// The constants that go with each call, seen by entry points in the library's place.
+// The constant arguments of each call, recorded by entry points that replace the library's.
 TEST_F(VideoTunnel, PassesItsConstantsToTheTunnel) {
     static std::vector<std::vector<long>> calls;
     auto wrapper = connected(0);
@@ -234,11 +234,11 @@ TEST_F(VideoTunnel, QueueCountsWhatTheTunnelTook) {
     connected(0x10)->queueBuffer(1, 2);
     tv::setTraceTagEnabled(true);
     connected(0x07)->queueBuffer(1, 2);
-    EXPECT_THAT(counters, IsEmpty()) << "it needs the tag and its own bit";
+    EXPECT_THAT(counters, IsEmpty()) << "a counter needs the tag and its bit";
     auto wrapper = connected(0x12);
     EXPECT_TRUE(wrapper->queueBuffer(100, 5));
     setFault(&TunnelFaults::queueFails);
-    EXPECT_TRUE(wrapper->queueBuffer(101, 6)) << "a refusal looks like success";
+    EXPECT_TRUE(wrapper->queueBuffer(101, 6)) << "a refusal is reported as success";
     EXPECT_EQ(Peer::queuedCount(*wrapper), 1);
     EXPECT_THAT(mLog.take(), ElementsAre("D queueBuffer 100 5", "D queueBuffer 100 5, count:1",
                                          "E tovak_vt_queue_buffer failed with 1"));
@@ -262,15 +262,15 @@ TEST_F(VideoTunnel, TakesNothingBackBelowThree) {
 
 int gFence = -1;
 
-/// A tunnel that hands out buffer 100 with the fence that the test chose.
+/// A tunnel that returns buffer 100 with the fence that the test chose.
 int dequeueWithFence(int /*device*/, int /*tunnelId*/, int* bufferFd, int* fenceFd) {
     *bufferFd = 100;
     *fenceFd = gFence;
     return 0;
 }
 
-/// A descriptor open for reading, without flags, of a file that is deleted: a message queue, as
-/// files proper carry a flag for large files.
+/// A descriptor of a deleted file, open for reading and without flags: a message queue, because
+/// regular files have the large-file flag.
 int deletedFile() {
     const std::string name = "/korvane-fence-" + std::to_string(getpid());
     const int fd = mq_open(name.c_str(), O_RDONLY | O_CREAT | O_EXCL, 0600, nullptr);
@@ -282,9 +282,9 @@ TEST_F(VideoTunnel, TakesAReleasedBufferBackOnceItsFenceHasSignalled) {
     const struct {
         const char* what;
         bool TunnelFaults::*fault;
-        int fence;  ///< handed out in the tunnel's place; -1: the tunnel's own
+        int fence;  ///< replaces the tunnel's; -1: the tunnel's own
         bool taken;
-        int leftOpen;  ///< descriptors: the TV's end of a fence, and what is no fence
+        int leftOpen;  ///< open descriptors: the TV's end of a fence, and one that is no fence
         std::string lastLine;
     } kCases[] = {
         {"signalled", nullptr, -1, true, 0, "D dequeueBuffer count:2"},
@@ -313,7 +313,8 @@ TEST_F(VideoTunnel, TakesAReleasedBufferBackOnceItsFenceHasSignalled) {
         int fd = -1;
         EXPECT_EQ(wrapper->dequeueBuffer(&fd), c.taken);
         EXPECT_EQ(fd, 100);
-        EXPECT_EQ(Peer::queuedCount(*wrapper), c.taken ? 2 : 3) << "one not taken stays counted";
+        EXPECT_EQ(Peer::queuedCount(*wrapper), c.taken ? 2 : 3)
+            << "a buffer that is not returned stays counted";
         EXPECT_EQ(openDescriptors(), before + c.leftOpen);
         const Lines log = mLog.take();
         EXPECT_THAT(log, ElementsAre(MatchesRegex("D dequeueBuffer 100 -?[0-9]+"),
@@ -321,7 +322,8 @@ TEST_F(VideoTunnel, TakesAReleasedBufferBackOnceItsFenceHasSignalled) {
         const int fence = std::stoi(log.at(0).substr(log[0].rfind(' ')));
         EXPECT_EQ(fence == -1, c.fault == &TunnelFaults::noFences);
         if (c.fault == &TunnelFaults::fenceWrongMode || c.fence >= 0) {
-            EXPECT_EQ(close(fence) == 0, c.fence != 9999) << "what is no fence stays open";
+            EXPECT_EQ(close(fence) == 0, c.fence != 9999)
+                << "a descriptor that is no fence stays open";
         }
     }
 }

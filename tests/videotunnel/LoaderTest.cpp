@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The loaders of both libraries that are opened by name, before devices that lack a library or one
-// of its entry points: one process each.
+// The loaders of both libraries that are opened by name, on devices that lack a library or one of
+// its entry points: one process each.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -52,9 +53,32 @@ Lines linesOf(const Lines& lines, const std::string& prefix) {
     return kept;
 }
 
-std::string variantDir(const std::string& symbol) {
-    return LIBRARY_DIR "/variants/without_" + symbol;
-}
+/// A directory for one device's libraries; it goes with the object.
+class DeviceDir {
+public:
+    DeviceDir() { EXPECT_NE(mkdtemp(mPath.data()), nullptr); }
+    /// Holds a copy of a library in which the dynamic linker finds one entry point no longer: its
+    /// name in the symbol table has another first letter.
+    DeviceDir(const std::string& file, const std::string& missing) : DeviceDir() {
+        std::ifstream whole(LIBRARY_DIR "/" + file, std::ios::binary);
+        std::string bytes(std::istreambuf_iterator<char>(whole), {});
+        const std::string name = '\0' + missing + '\0';
+        size_t renamed = 0;
+        for (size_t at = 0; (at = bytes.find(name, at)) != std::string::npos; ++renamed) {
+            bytes[at + 1] = '_';
+        }
+        EXPECT_GT(renamed, 0u) << missing << " is not in " << file;
+        std::ofstream(mPath + "/" + file, std::ios::binary) << bytes;
+    }
+    ~DeviceDir() { std::filesystem::remove_all(mPath); }
+    DeviceDir(const DeviceDir&) = delete;
+    DeviceDir& operator=(const DeviceDir&) = delete;
+
+    const std::string& path() const { return mPath; }
+
+private:
+    std::string mPath = std::filesystem::temp_directory_path() / "korvane-loader-XXXXXX";
+};
 
 TEST(TunnelLoader, ResolvesWhatIsThereAndNamesWhatIsMissing) {
     const struct {
@@ -71,11 +95,12 @@ TEST(TunnelLoader, ResolvesWhatIsThereAndNamesWhatIsMissing) {
     for (const auto& c : kInOrder) {
         const std::string symbol = std::string("tovak_vt_") + c.without;
         SCOPED_TRACE(symbol);
-        const std::string dir = variantDir(symbol);
+        const DeviceDir dir("libvideotunnel.so", symbol);
         const std::string error =
-            c.error == nullptr ? ""
-                               : std::string("E ") + c.error + symbol + " failed, err=" + dir +
-                                     "/libvideotunnel.so: undefined symbol: " + symbol + " \\n";
+            c.error == nullptr
+                ? ""
+                : std::string("E ") + c.error + symbol + " failed, err=" + dir.path() +
+                      "/libvideotunnel.so: undefined symbol: " + symbol + " \\n";
         // At load, then asked once more: an incomplete library is tried again from the first entry
         // point, on the handle that stayed open.
         Lines log = c.stops ? Lines{error, kConstructed, error}
@@ -87,7 +112,7 @@ TEST(TunnelLoader, ResolvesWhatIsThereAndNamesWhatIsMissing) {
         std::string has(10, '1');
         has.replace(index, c.stops ? 10 - index : 1, c.stops ? 10 - index : 1, '0');
         ++index;
-        const Lines lines = probe(dir, "init");
+        const Lines lines = probe(dir.path(), "init");
         EXPECT_THAT(linesOf(lines, kTunnel), ElementsAreArray(log));
         const std::string state = (c.stops ? "inited=0" : "inited=1") + (" handle=1 has=" + has);
         EXPECT_THAT(linesOf(lines, "tunnel "), ElementsAre(state, state));
@@ -118,29 +143,27 @@ TEST(AdapterLoader, NamesTheMissingEntryPointAndKeepsWhatItHas) {
     for (const auto& [without, has] :
          {std::pair<std::string, const char*>{"createDisplayAdatperRemote", "00"},
           {"destroyDisplayAdapterRemote", "10"}}) {
-        const std::string dir = variantDir(without);
-        const Lines lines = probe(dir, "");
+        const DeviceDir dir("libtovak_display_adapter_remote.so", without);
+        const Lines lines = probe(dir.path(), "");
         EXPECT_THAT(linesOf(lines, "adapter "),
                     ElementsAre(std::string("inited=0 handle=1 has=") + has));
         EXPECT_THAT(
             linesOf(lines, kAdapter),
-            ElementsAre("E unable to find " + without + ":" + dir +
+            ElementsAre("E unable to find " + without + ":" + dir.path() +
                             "/libtovak_display_adapter_remote.so: undefined symbol: " + without,
                         kAdapterLeft));
     }
 }
 
 TEST(Loaders, WithoutALibraryReportAndHaveNothing) {
-    char dir[] = "/tmp/korvane-loader-XXXXXX";
-    ASSERT_NE(mkdtemp(dir), nullptr);
+    const DeviceDir dir;
     for (const char* name : {"/libvideotunnel.so", "/libtovak_display_adapter_remote.so"}) {
-        std::ofstream(std::string(dir) + name).close();  // no library, but in its place
+        std::ofstream(dir.path() + name).close();  // an empty file is no library
     }
-    const Lines lines = probe(dir, "init");
-    std::filesystem::remove_all(dir);
+    const Lines lines = probe(dir.path(), "init");
 
     const auto error = [&](const char* name, const std::string& file) {
-        return std::string("E unable to dlopen ") + name + ": " + dir + "/" + file +
+        return std::string("E unable to dlopen ") + name + ": " + dir.path() + "/" + file +
                ": file too short";
     };
     const std::string tunnel = error("libvideotunnel.so", "libvideotunnel.so");
