@@ -62,12 +62,4 @@ Spread SpreadCounter::spread() const {
     return spread;
 }
 
-Spread spreadOf(const std::vector<int64_t>& values) {
-    SpreadCounter counter;
-    for (const int64_t value : values) {
-        counter.add(value);
-    }
-    return counter.spread();
-}
-
 }  // namespace korvane::player

@@ -35,7 +35,4 @@ private:
     std::map<int64_t, int64_t> mCounted;  ///< once they are many: how many per step
 };
 
-/// The same for values at hand.
-Spread spreadOf(const std::vector<int64_t>& values);
-
 }  // namespace korvane::player
