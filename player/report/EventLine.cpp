@@ -4,11 +4,14 @@
 #include <fmt/compile.h>
 #include <fmt/format.h>
 
+#include <cstddef>
 #include <cstdlib>
-#include <iterator>
 
 namespace korvane::player {
 namespace {
+
+/// Room for a line's time, kind and three numbers with their names.
+constexpr size_t kLongestNumbers = 256;
 
 /// What a kind is called, and what its numbers are; null: it has none.
 struct KindNames {
@@ -69,11 +72,11 @@ void appendLine(const Event& event, int64_t startNs, std::string* to) {
     constexpr int64_t kSecond = 1'000'000'000;
     const KindNames names = namesOf(event.kind);
     const int64_t timeNs = event.timeNs - startNs;
-    const auto out = std::back_inserter(*to);
-    fmt::format_to(out, FMT_COMPILE("{}{}.{:09} {}"), timeNs < 0 ? "-" : "",
-                   std::abs(timeNs) / kSecond, std::abs(timeNs) % kSecond, names.name);
-    const auto add = [out](const char* name, int64_t number) {
-        fmt::format_to(out, FMT_COMPILE(" {}={}"), name, number);
+    char numbers[kLongestNumbers];
+    char* end = fmt::format_to(numbers, FMT_COMPILE("{}{}.{:09} {}"), timeNs < 0 ? "-" : "",
+                               std::abs(timeNs) / kSecond, std::abs(timeNs) % kSecond, names.name);
+    const auto add = [&end](const char* name, int64_t number) {
+        end = fmt::format_to(end, FMT_COMPILE(" {}={}"), name, number);
     };
     if (event.frameNo >= 0) {
         add("frame", event.frameNo);
@@ -84,6 +87,7 @@ void appendLine(const Event& event, int64_t startNs, std::string* to) {
     if (names.second != nullptr) {
         add(names.second, event.second);
     }
+    to->append(numbers, end);
     if (!event.text.empty()) {
         to->append(" ").append(event.text);
     }
