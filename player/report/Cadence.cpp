@@ -35,7 +35,7 @@ std::vector<int> evenPattern(int vsyncs, size_t frames) {
     return pattern;
 }
 
-/// Nine of ten dwells are what the one a cycle before them was.
+/// Nine of ten dwells equal the one a cycle earlier.
 bool repeatsEvery(size_t frames, const std::vector<int>& dwells) {
     size_t repeats = 0;
     for (size_t i = 0; i + frames < dwells.size(); ++i) {
@@ -44,8 +44,8 @@ bool repeatsEvery(size_t frames, const std::vector<int>& dwells) {
     return repeats * 10 >= (dwells.size() - frames) * 9;
 }
 
-/// The cycle of so many frames, of those that dwells begin with, that fits the most dwells: not one
-/// that happens to hold a break.
+/// Of the cycles of so many frames among the first dwells, the one that fits the most dwells, so
+/// that none with a break in it is taken.
 std::vector<int> commonestCycle(size_t frames, const std::vector<int>& dwells) {
     std::vector<int> best;
     size_t bestCount = 0;

@@ -88,7 +88,7 @@ void CadenceTracker::hold() {
     mSlipsSince = mRunStart;
 }
 
-/// Vsyncs by which the end of a phase's frame comes later than its share of the cycle.
+/// Vsyncs by which a phase's frame ends later than in a cycle of equally long frames.
 double CadenceTracker::endLead(size_t phase) const {
     const auto& pattern = mExpected.pattern;
     const auto end = pattern.begin() + static_cast<std::ptrdiff_t>(phase) + 1;
@@ -98,8 +98,8 @@ double CadenceTracker::endLead(size_t phase) const {
                                                           static_cast<double>(pattern.size());
 }
 
-/// Vsyncs by which frames come later on average once a dwell of the phase in step was this one, and
-/// the pattern went on from `phase`.
+/// Vsyncs by which frames come later on average after a break: this dwell instead of that of the
+/// phase in step, and the pattern going on from `phase`.
 double CadenceTracker::movedBy(int dwell, size_t inStep, size_t phase) const {
     return dwell - mExpected.pattern[inStep] + endLead(inStep) - endLead(phase);
 }
@@ -109,7 +109,7 @@ DwellBreak CadenceTracker::judge(DwellBreak found, double movedVsyncs) {
     const bool slips = mExpected.secondsPerSlip() > 0.0;
     const double direction = mExpected.slipPerFrame > 0.0 ? 1.0 : -1.0;
     const double moved = movedVsyncs * direction;
-    // Where in the slip's own cycle the frames began is not known, so the first may come at once.
+    // Playback may begin anywhere between two slips, so the first one may come at once.
     const double due =
         1.0 + static_cast<double>(found.index - mSlipsSince) * std::abs(mExpected.slipPerFrame);
     found.atStart = found.index == 0 && std::abs(found.dwell - found.expected) == 1;

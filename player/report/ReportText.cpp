@@ -80,6 +80,7 @@ void printPatterns(std::ostream& out, const Summary& summary) {
 
 std::string describeDwells(const std::map<int, int64_t>& dwells) {
     std::vector<std::string> texts;
+    texts.reserve(dwells.size());
     for (const auto& [vsyncs, frames] : dwells) {
         texts.push_back(fmt::format("{} for {}", counted(frames, "frame"), vsyncs));
     }
