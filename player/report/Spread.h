@@ -7,9 +7,9 @@
 //   p99      of the magnitudes: the smallest that 99 per cent of the values do not exceed
 //   worst    the value with the largest magnitude, with its sign; of several the first
 //
-// The first `kExact` values are kept as they are and the percentiles are exact. Beyond that, values
-// are counted in steps of at most 1/64 of their size, which bounds the error of a percentile to
-// less than one per cent; the worst value stays exact. Same values, same result.
+// Up to `kExact` values are kept and the percentiles are exact. Beyond that, values are counted in
+// bins of at most 1/64 of their size, so a percentile is off by less than one per cent; the worst
+// value stays exact.
 #pragma once
 
 #include <cstddef>
@@ -39,10 +39,7 @@ private:
     int64_t mSamples = 0;
     int64_t mWorst = 0;
     std::vector<int64_t> mValues;         ///< while they are few
-    std::map<int64_t, int64_t> mCounted;  ///< once they are many: how many per step
+    std::map<int64_t, int64_t> mCounted;  ///< once they are many: how many per bin
 };
-
-/// The same for values at hand.
-Spread spreadOf(const std::vector<int64_t>& values);
 
 }  // namespace korvane::player
