@@ -3,6 +3,13 @@
 
 namespace korvane::player {
 
+std::optional<int64_t> lipSyncUs(const FrameEntry& frame) {
+    if (frame.outcome != Outcome::Shown || !frame.heardRealUs) {
+        return std::nullopt;
+    }
+    return frame.record->firstVsync.timeNs / 1000 - *frame.heardRealUs;
+}
+
 void LipSyncCounter::add(int64_t lipSyncUs, int64_t heardForUs, const FrameAt& frame) {
     if (mSpread.add(lipSyncUs)) {
         mWorst = frame;

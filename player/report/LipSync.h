@@ -8,11 +8,15 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 
 #include "player/playback/Playback.h"
 #include "player/report/Spread.h"
 
 namespace korvane::player {
+
+/// Empty for a frame that is not judged.
+std::optional<int64_t> lipSyncUs(const FrameEntry& frame);
 
 /// A range of lip-sync that a recommendation allows, its ends included.
 struct LipSyncBand {
