@@ -22,6 +22,7 @@
 #include "player/media/MediaSource.h"
 #include "player/playback/Playback.h"
 #include "player/report/EventRecorder.h"
+#include "player/report/Report.h"
 #include "player/report/ReportBuilder.h"
 #include "tv/Properties.h"
 #include "tv/clock/VirtualTime.h"

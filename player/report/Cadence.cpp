@@ -8,8 +8,6 @@
 #include <numeric>
 #include <utility>
 
-#include "player/report/CadenceTracker.h"
-
 namespace korvane::player {
 namespace {
 
@@ -37,7 +35,7 @@ std::vector<int> evenPattern(int vsyncs, size_t frames) {
     return pattern;
 }
 
-/// Nine of ten dwells are what the one a cycle before them was.
+/// Nine of ten dwells equal the one a cycle earlier.
 bool repeatsEvery(size_t frames, const std::vector<int>& dwells) {
     size_t repeats = 0;
     for (size_t i = 0; i + frames < dwells.size(); ++i) {
@@ -46,8 +44,8 @@ bool repeatsEvery(size_t frames, const std::vector<int>& dwells) {
     return repeats * 10 >= (dwells.size() - frames) * 9;
 }
 
-/// The cycle of so many frames, of those that dwells begin with, that fits the most dwells: not one
-/// that happens to hold a break.
+/// Of the cycles of so many frames among the first dwells, the one that fits the most dwells, so
+/// that none with a break in it is taken.
 std::vector<int> commonestCycle(size_t frames, const std::vector<int>& dwells) {
     std::vector<int> best;
     size_t bestCount = 0;
@@ -119,22 +117,6 @@ ExpectedCadence expectedCadence(double contentHz, double displayHz) {
     return best;
 }
 
-CadenceResult analyseCadence(const std::vector<int>& dwells, const ExpectedCadence& expected) {
-    CadenceResult result;
-    CadenceTracker tracker(expected,
-                           [&result](const DwellBreak& found) { result.breaks.push_back(found); });
-    for (const int dwell : dwells) {
-        tracker.add(dwell);
-    }
-    tracker.finish();
-    result.held = tracker.held();
-    result.heldFrom = tracker.heldFrom();
-    result.byArithmetic = tracker.byArithmetic();
-    result.unexpected = tracker.unexpected();
-    result.unexpectedBefore = tracker.unexpectedBefore();
-    return result;
-}
-
 std::vector<int> seenPattern(const std::vector<int>& dwells) {
     for (size_t frames = 1; frames <= kMaxCycleFrames; ++frames) {
         if (dwells.size() < frames + kSteadyRunFrames) {
@@ -151,12 +133,12 @@ bool samePattern(const std::vector<int>& left, const std::vector<int>& right) {
     if (left.size() != right.size() || left.empty()) {
         return false;
     }
-    std::vector<int> turned = left;
+    std::vector<int> rotated = left;
     for (size_t i = 0; i < left.size(); ++i) {
-        if (turned == right) {
+        if (rotated == right) {
             return true;
         }
-        std::rotate(turned.begin(), turned.begin() + 1, turned.end());
+        std::rotate(rotated.begin(), rotated.begin() + 1, rotated.end());
     }
     return false;
 }

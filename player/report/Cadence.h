@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
-// Cadence: for how many vsyncs each frame stays on screen, what arithmetic demands, what was seen.
+// Cadence: for how many vsyncs each frame stays on screen, as the two rates demand it. Pure
+// functions.
 //
 // Content of f frames a second on a display of R vsyncs a second needs r = R/f vsyncs a frame. The
 // nearest short fraction p/q gives the pattern, q frames on p vsyncs; what is left over, r - p/q,
-// adds up to one vsync more or less ("a slip") every 1/|r - p/q| frames, which no renderer can
-// avoid.
+// adds up to a slip, one vsync more or less every 1/|r - p/q| frames, which no renderer can avoid.
 //
 //   content  display   r        pattern         slip that arithmetic demands
 //   24       60        2.5      [3:2]           none
@@ -17,17 +17,17 @@
 //   25       60        2.4      [2:3:2:3:2]     none
 //   50       60        1.2      [1:1:2:1:1]     none
 //
-// The dwells that were seen are laid along the pattern with the fewest breaks. A break is a dwell
-// other than the one that the pattern so far wanted next; from there on the pattern goes on in step
-// or at another of its frames. The latter is how a slip comes in a pattern of q frames: in q steps,
-// each of which moves the frames by 1/q vsync on average and shows as one dwell that is off by one.
+// The dwells that were seen are compared with the pattern so that the fewest breaks remain
+// (CadenceTracker). A break is a dwell other than the one that the pattern wanted next; after it
+// the pattern goes on in step or at another of its frames. The latter is how a slip comes in a
+// pattern of q frames: in q steps, each of which moves the frames by 1/q vsync on average and shows
+// as one dwell that is off by one.
 //
 //   25 fps on 59.94 Hz   2:3:2:3:2 2:3:2:2:3 2:3:2:2:3   every 3.3 s: "2 instead of 3"
 //
 // A break of one vsync in the direction of the slip is by arithmetic as long as it moves the frames
-// no further than was due, and the first dwell of all may be off by one, as playback begins
-// somewhere between two vsyncs; everything else is unexpected. Pure functions: dwells in, verdict
-// out.
+// no further than was due. The first dwell of all may be off by one, as playback begins somewhere
+// between two vsyncs. Everything else is unexpected.
 #pragma once
 
 #include <cstddef>
@@ -53,7 +53,7 @@ struct ExpectedCadence {
 /// The cadence of a content rate on a display rate, both in Hz and above 0.
 ExpectedCadence expectedCadence(double contentHz, double displayHz);
 
-/// A pattern in notation: one dwell n is "[n:n]", as people write it.
+/// "[3:2]"; a pattern of one dwell n is written "[n:n]".
 std::string patternName(const std::vector<int>& pattern);
 
 struct DwellBreak {
@@ -68,8 +68,7 @@ struct CadenceResult {
     /// A steady run was found; `heldFrom` is the index of its first dwell.
     bool held = false;
     size_t heldFrom = 0;
-    /// In order, from the first dwell on.
-    std::vector<DwellBreak> breaks;
+    size_t inStep = 0;  ///< dwells from there on that were no break
     size_t byArithmetic = 0;
     size_t unexpected = 0;
     /// Of these, those from before the pattern held; all, if it never did.
@@ -81,12 +80,8 @@ struct CadenceResult {
 /// Frames in step that count as a steady run.
 constexpr size_t kSteadyRunFrames = 10;
 
-/// Lays dwells (vsyncs of each frame in order of display; 0: superseded before it was shown) along
-/// the expected pattern.
-CadenceResult analyseCadence(const std::vector<int>& dwells, const ExpectedCadence& expected);
-
-/// The pattern of the dwells themselves, whatever was expected: the shortest cycle, of at most 12
-/// frames, that nine of ten dwells follow; empty when there is none.
+/// The pattern that the dwells themselves follow, whatever was expected: the shortest cycle, of at
+/// most 12 frames, that fits nine of ten dwells; empty when there is none.
 std::vector<int> seenPattern(const std::vector<int>& dwells);
 
 /// True when one pattern is the other started at a different frame.

@@ -4,19 +4,14 @@
 #include <algorithm>
 #include <cmath>
 #include <numeric>
-#include <utility>
 
 namespace korvane::player {
 
-CadenceTracker::CadenceTracker(const ExpectedCadence& expected,
-                               std::function<void(const DwellBreak&)> onBreak)
-    : mExpected(expected), mOnBreak(std::move(onBreak)) {}
-
-void CadenceTracker::add(int dwell) {
+std::vector<DwellBreak> CadenceTracker::add(int dwell) {
     const auto& pattern = mExpected.pattern;
     if (pattern.empty()) {
         ++mDecided;
-        return;
+        return {};
     }
     const size_t phases = pattern.size();
     const auto* cheapest = std::min_element(mCost.data(), mCost.data() + phases);
@@ -34,61 +29,66 @@ void CadenceTracker::add(int dwell) {
     }
     mCost = next;
     mWaiting.push_back(step);
-    if (mWaiting.size() == 2 * kUndecided) {
-        decide(kUndecided);
-    }
+    return mWaiting.size() == 2 * kUndecided ? decide(kUndecided) : std::vector<DwellBreak>{};
 }
 
-void CadenceTracker::finish() {
-    decide(mWaiting.size());
+std::vector<DwellBreak> CadenceTracker::finish() {
+    return decide(mWaiting.size());
 }
 
-/// Goes back along the way that is cheapest now and takes its first dwells as decided.
-void CadenceTracker::decide(size_t count) {
+/// Goes back along the path that is shortest now and takes its first dwells as decided.
+std::vector<DwellBreak> CadenceTracker::decide(size_t count) {
+    std::vector<DwellBreak> breaks;
     if (mWaiting.empty()) {
-        return;
+        return breaks;
     }
-    std::vector<size_t> way(mWaiting.size());
+    std::vector<size_t> path(mWaiting.size());
     const int64_t* costs = mCost.data();
     auto phase =
         static_cast<size_t>(std::min_element(costs, costs + mExpected.pattern.size()) - costs);
     for (size_t i = mWaiting.size(); i-- > 0;) {
-        way[i] = phase;
+        path[i] = phase;
         phase = mWaiting[i].cameFrom[phase];
     }
     for (size_t i = 0; i < count; ++i) {
-        take(mWaiting[i].dwell, way[i]);
+        if (const auto found = take(mWaiting[i].dwell, path[i])) {
+            breaks.push_back(*found);
+        }
     }
     mWaiting.erase(mWaiting.begin(), mWaiting.begin() + static_cast<std::ptrdiff_t>(count));
+    return breaks;
 }
 
-/// Where the cheapest way goes over to another phase, dwells before and after may fit both. The one
-/// that shows the difference is the first that no longer fits the phase so far.
-void CadenceTracker::take(int dwell, size_t phase) {
+/// Where the shortest path changes its phase, dwells before and after may fit both. The one that
+/// shows the difference is the first that no longer fits the phase so far.
+std::optional<DwellBreak> CadenceTracker::take(int dwell, size_t phase) {
     const auto& pattern = mExpected.pattern;
     const size_t index = mDecided++;
     const size_t inStep = index == 0 ? phase : (mPhase + 1) % pattern.size();
+    std::optional<DwellBreak> found;
     if (dwell == pattern[inStep]) {
         mPhase = inStep;
+        mResult.inStep += mResult.held ? 1 : 0;
     } else {
         mPhase = phase;
         mRunStart = dwell == pattern[phase] ? index : index + 1;
-        judge({index, dwell, pattern[inStep]}, movedBy(dwell, inStep, phase));
+        found = judge({index, dwell, pattern[inStep]}, movedBy(dwell, inStep, phase));
     }
-    if (!mHeld && index + 1 - mRunStart >= kSteadyRunFrames) {
+    if (!mResult.held && index + 1 - mRunStart >= kSteadyRunFrames) {
         hold();
     }
+    return found;
 }
 
 void CadenceTracker::hold() {
-    mHeld = true;
-    mHeldFrom = mRunStart;
-    mUnexpectedBefore = mUnexpected;
+    mResult.held = true;
+    mResult.heldFrom = mRunStart;
+    mResult.inStep = mDecided - mRunStart;
     mSlipped = 0.0;
-    mSlipsSince = mHeldFrom;
+    mSlipsSince = mRunStart;
 }
 
-/// Vsyncs by which the end of a phase's frame comes later than its share of the cycle.
+/// Vsyncs by which a phase's frame ends later than in a cycle of equally long frames.
 double CadenceTracker::endLead(size_t phase) const {
     const auto& pattern = mExpected.pattern;
     const auto end = pattern.begin() + static_cast<std::ptrdiff_t>(phase) + 1;
@@ -98,18 +98,18 @@ double CadenceTracker::endLead(size_t phase) const {
                                                           static_cast<double>(pattern.size());
 }
 
-/// Vsyncs by which frames come later on average once a dwell of the phase in step was this one, and
-/// the pattern went on from `phase`.
+/// Vsyncs by which frames come later on average after a break: this dwell instead of that of the
+/// phase in step, and the pattern going on from `phase`.
 double CadenceTracker::movedBy(int dwell, size_t inStep, size_t phase) const {
     return dwell - mExpected.pattern[inStep] + endLead(inStep) - endLead(phase);
 }
 
-void CadenceTracker::judge(DwellBreak found, double movedVsyncs) {
+DwellBreak CadenceTracker::judge(DwellBreak found, double movedVsyncs) {
     constexpr double kRounding = 1e-9;
     const bool slips = mExpected.secondsPerSlip() > 0.0;
     const double direction = mExpected.slipPerFrame > 0.0 ? 1.0 : -1.0;
     const double moved = movedVsyncs * direction;
-    // Where in the slip's own cycle the frames began is not known, so the first may come at once.
+    // Playback may begin anywhere between two slips, so the first one may come at once.
     const double due =
         1.0 + static_cast<double>(found.index - mSlipsSince) * std::abs(mExpected.slipPerFrame);
     found.atStart = found.index == 0 && std::abs(found.dwell - found.expected) == 1;
@@ -117,11 +117,12 @@ void CadenceTracker::judge(DwellBreak found, double movedVsyncs) {
                          (found.dwell - found.expected) * direction == 1.0 && moved > kRounding &&
                          moved <= 1.0 + kRounding && mSlipped + moved <= due + kRounding;
     mSlipped += found.byArithmetic ? moved : 0.0;
-    mByArithmetic += found.byArithmetic ? 1 : 0;
-    mUnexpected += found.atStart || found.byArithmetic ? 0 : 1;
-    if (mOnBreak) {
-        mOnBreak(found);
+    mResult.byArithmetic += found.byArithmetic ? 1 : 0;
+    mResult.unexpected += found.atStart || found.byArithmetic ? 0 : 1;
+    if (!mResult.held) {
+        mResult.unexpectedBefore = mResult.unexpected;
     }
+    return found;
 }
 
 }  // namespace korvane::player

@@ -2,15 +2,9 @@
 // The event log: one line per event, in the order of the playback's time, the same to the byte for
 // the same input, options and seed.
 //
-//   0.050000000 sent frame=12 media_us=500000 buffer=3
-//   0.391262166 shown frame=12 vsync=23 offset_us=12262
-//
-// A line is the time since the library's `start` in seconds, what happened, and its numbers.
-// Nothing in it depends on the machine: no wall time, address, process or descriptor number.
-//
-// Events of one moment are ordered by kind and frame. What is known of a frame is known only when
-// it is settled, so events wait until no earlier one can come any more (`release`), and are then
-// written and hashed. Any thread may add.
+// Events of one moment are ordered by kind and frame. A frame's events become known only with its
+// outcome, so events wait until no earlier one can come any more (`release`), and are then written
+// and hashed. Any thread may add.
 #pragma once
 
 #include <cstdint>
@@ -53,9 +47,5 @@ private:
     int64_t mLines KORVANE_GUARDED_BY(mLock) = 0;
     uint64_t mHash KORVANE_GUARDED_BY(mLock);
 };
-
-/// A line of the library's log as it may stand in the event log: its numbers, which may be
-/// descriptors or times, are left out.
-std::string withoutNumbers(const std::string& text);
 
 }  // namespace korvane::player

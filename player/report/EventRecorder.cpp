@@ -39,7 +39,8 @@ void EventRecorder::addTunnelEvents(const FrameEntry& frame, const PlaybackRecor
     }
 }
 
-/// How the frame left the library. Only a buffer that was in the tunnel comes back apart from that.
+/// How the frame left the library. Only for a frame that was in the tunnel is the buffer's return
+/// an event of its own.
 void EventRecorder::addEnd(const FrameEntry& frame) {
     const int64_t backNs = frame.returns > 0 ? frame.returnedNs : frame.sentNs;
     const std::string times = frame.returns > 1 ? "times=" + std::to_string(frame.returns) : "";

@@ -7,7 +7,8 @@
 
 namespace korvane::player {
 
-/// Turns each settled frame into its events; what the player does goes in as it comes.
+/// Turns each frame, once its outcome is final, into its events. The player's own actions come as
+/// events already.
 class EventRecorder final : public PlaybackListener {
 public:
     explicit EventRecorder(EventLog* log) : mLog(log) {}

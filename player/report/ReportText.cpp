@@ -1,11 +1,18 @@
 // SPDX-License-Identifier: Apache-2.0
 // The report as text: the verdict, then a labelled line or two for each question.
-#include <algorithm>
+#include <fmt/format.h>
+
+#include <cmath>
+#include <map>
 #include <ostream>
 #include <string>
+#include <vector>
 
+#include "player/base/FrameRate.h"
+#include "player/base/Text.h"
 #include "player/base/Units.h"
 #include "player/report/Report.h"
+#include "player/report/Words.h"
 
 namespace korvane::player {
 namespace {
@@ -13,66 +20,71 @@ namespace {
 /// Breaks listed one by one; the CSV has them all.
 constexpr size_t kListedBreaks = 20;
 
-std::string number(int64_t value) {
-    return std::to_string(value);
-}
-
 void line(std::ostream& out, const std::string& label, const std::string& text) {
-    std::string padded = label;
-    padded.resize(10, ' ');
-    out << padded << text << "\n";
+    out << fmt::format("{:<9} {}\n", label, text);
 }
 
 std::string describeMedia(const PlaybackRecord& record) {
     const MediaInfo& media = record.media;
-    std::string text = media.videoCodec + " " + number(media.width) + "x" + number(media.height);
-    if (record.withAudio) {
-        text += ", " + media.audioCodec;
-    } else {
-        text += media.hasAudio ? ", audio left out" : ", no audio";
-    }
-    return text + (record.passthrough ? ", pass-through" : "");
+    const std::string audio = record.withAudio ? media.audioCodec
+                              : media.hasAudio ? "audio left out"
+                                               : "no audio";
+    return fmt::format("{} {}x{}, {}{}", media.videoCodec, media.width, media.height, audio,
+                       record.passthrough ? ", pass-through" : "");
+}
+
+/// "23.976 fps = 24000/1001", where the decimals mean that fraction; else "24 fps".
+std::string describeRate(double hz, const char* unit) {
+    constexpr double kRounding = 1e-9;
+    const FrameRate taken = nominalRate(hz);
+    const std::string decimals = fmt::format("{} {}", rate(hz), unit);
+    const bool exact = std::abs(taken.hz() - hz) <= kRounding * hz;
+    return exact && toString(taken) != rate(hz) ? decimals + " = " + toString(taken) : decimals;
 }
 
 void printRates(std::ostream& out, const PlaybackRecord& record, const Summary& summary) {
-    const std::string content = rate(summary.contentHz);
     const std::string played = rate(summary.expected.contentHz);
-    const bool drifts = !summary.expected.pattern.empty() && played != content;
+    const bool drifts = !summary.expected.pattern.empty() && played != rate(summary.contentHz);
     line(out, "rates",
-         "content " + content + " fps" + (summary.variableRate ? " on average, varying" : "") +
-             " (" + describeMedia(record) + ")" + (drifts ? ", " + played + " with audio" : "") +
-             ", display " + rate(summary.displayHz) + " Hz");
+         fmt::format("content {}{} ({}){}, display {}", describeRate(summary.contentHz, "fps"),
+                     summary.variableRate ? " on average, varying" : "", describeMedia(record),
+                     drifts ? ", " + played + " with audio" : "",
+                     describeRate(summary.displayHz, "Hz")));
 }
 
-void printPattern(std::ostream& out, const Summary& summary) {
-    for (size_t i = 0; i < summary.sections.size(); ++i) {
-        const StretchReport& section = summary.sections[i];
-        std::string text = !section.judged()      ? "too few frames to tell"
-                           : section.seen.empty() ? "none seen"
-                                                  : section.seen + " seen";
-        if (!section.expected.pattern.empty()) {
-            text += ", " + section.expected.name() + " expected";
-        }
-        if (section.cadence.held) {
-            text += "; held " + seconds(section.heldAfterUs, 2) +
-                    (section.afterAudio ? " after audio start" : " after the first frame") +
-                    (section.cadence.stayed() ? ", stayed" : ", broke") + "; " +
-                    counted(section.framesInStep, "frame") + " in step";
-        }
+std::string describePattern(const StretchReport& stretch) {
+    std::string text = !stretch.judged()      ? "too few frames to tell"
+                       : stretch.seen.empty() ? "none seen"
+                                              : stretch.seen + " seen";
+    if (!stretch.expected.pattern.empty()) {
+        text += ", " + stretch.expected.name() + " expected";
+    }
+    if (stretch.cadence.held) {
+        text += fmt::format("; {}, {}; {} in step", whenHeld(stretch),
+                            stretch.cadence.stayed() ? "stayed" : "broke",
+                            counted(static_cast<int64_t>(stretch.cadence.inStep), "frame"));
+    }
+    return text;
+}
+
+void printPatterns(std::ostream& out, const Summary& summary) {
+    for (size_t i = 0; i < summary.stretches.size(); ++i) {
+        const StretchReport& stretch = summary.stretches[i];
         line(out,
-             i == 0               ? std::string("pattern")
-             : section.modeChange ? "  at " + rate(section.displayHz)
-                                  : std::string("  flushed"),
-             text);
+             i == 0               ? "pattern"
+             : stretch.modeChange ? "  at " + rate(stretch.displayHz)
+                                  : "  flushed",
+             describePattern(stretch));
     }
 }
 
 std::string describeDwells(const std::map<int, int64_t>& dwells) {
-    std::string text;
+    std::vector<std::string> texts;
+    texts.reserve(dwells.size());
     for (const auto& [vsyncs, frames] : dwells) {
-        text += (text.empty() ? "" : ", ") + counted(frames, "frame") + " for " + number(vsyncs);
+        texts.push_back(fmt::format("{} for {}", counted(frames, "frame"), vsyncs));
     }
-    return text;
+    return fmt::format("{}", fmt::join(texts, ", "));
 }
 
 /// "one vsync less every 16.7 s, in up to 5 steps"
@@ -82,17 +94,17 @@ std::string describeSlips(const ExpectedCadence& expected) {
         return "none";
     }
     const size_t steps = expected.pattern.size();
-    return "one vsync " + std::string(expected.slipPerFrame > 0 ? "more" : "less") + " every " +
-           seconds(static_cast<int64_t>(perSlip * 1e6), 1) +
-           (steps > 1 ? " in up to " + number(static_cast<int64_t>(steps)) + " steps" : "");
+    return fmt::format("one vsync {} every {}{}", expected.slipPerFrame > 0 ? "more" : "less",
+                       seconds(static_cast<int64_t>(perSlip * 1e6), 1),
+                       steps > 1 ? fmt::format(" in up to {} steps", steps) : "");
 }
 
 void printDwell(std::ostream& out, const Summary& summary) {
     const std::string text = describeDwells(summary.dwells);
     line(out, "dwell", (text.empty() ? "nothing shown" : text + " (vsyncs)"));
     line(out, "",
-         "by arithmetic: " + describeSlips(summary.expected) + ", " + number(summary.byArithmetic) +
-             " seen; unexpected: " + number(summary.unexpected));
+         fmt::format("by arithmetic: {}, {} seen; unexpected: {}", describeSlips(summary.expected),
+                     summary.byArithmetic, summary.unexpected));
     if (!summary.unjudged.empty()) {
         line(out, "",
              "not judged (waited for audio, a flush or the end, or too few): " +
@@ -102,33 +114,35 @@ void printDwell(std::ostream& out, const Summary& summary) {
 
 void printBreaks(std::ostream& out, const Summary& summary) {
     size_t listed = 0;
-    for (const auto& section : summary.sections) {
-        for (const auto& found : section.breaks) {
-            if (found.byArithmetic || listed == kListedBreaks) {
-                continue;
+    for (const auto& stretch : summary.stretches) {
+        for (const auto& found : stretch.breaks) {
+            if (listed == kListedBreaks) {
+                break;
             }
             ++listed;
-            out << "            frame " << found.frameNo << " at " << seconds(found.mediaTimeUs)
-                << ": " << found.dwell << " instead of " << found.expected
-                << (found.cause.empty() ? "" : " (" + found.cause + ")") << "\n";
+            line(out, "",
+                 fmt::format("  frame {} at {}: {} instead of {}{}", found.frameNo,
+                             seconds(found.mediaTimeUs), found.dwell, found.expected,
+                             found.cause.empty() ? "" : " (" + found.cause + ")"));
         }
     }
     if (static_cast<int64_t>(listed) < summary.unexpected) {
-        out << "            and " << summary.unexpected - static_cast<int64_t>(listed)
-            << " more; --csv FILE has every frame\n";
+        line(out, "",
+             fmt::format("  and {} more; --csv FILE has every frame",
+                         summary.unexpected - static_cast<int64_t>(listed)));
     }
 }
 
 void printStart(std::ostream& out, const Summary& summary) {
-    for (size_t i = 0; i < summary.sections.size(); ++i) {
-        const StretchReport& section = summary.sections[i];
-        if (section.modeChange) {
+    for (size_t i = 0; i < summary.stretches.size(); ++i) {
+        const StretchReport& stretch = summary.stretches[i];
+        if (stretch.modeChange) {
             continue;
         }
-        std::string text = "first frame " + seconds(section.firstFrameUs) +
-                           (i == 0 ? " after start" : " after the flush");
-        if (section.secondFrameUs >= 0) {
-            text += ", second " + seconds(section.secondFrameUs) + " later";
+        std::string text = fmt::format("first frame {} after {}", seconds(stretch.firstFrameUs),
+                                       i == 0 ? "start" : "the flush");
+        if (stretch.secondFrameUs >= 0) {
+            text += fmt::format(", second {} later", seconds(stretch.secondFrameUs));
         }
         line(out, i == 0 ? "start" : "  flushed", text);
     }
@@ -136,14 +150,15 @@ void printStart(std::ostream& out, const Summary& summary) {
 
 void printOffset(std::ostream& out, const PlaybackRecord& record, const Summary& summary) {
     const char* what = record.withAudio ? "audio" : "clock";
-    if (summary.offsetUs.samples == 0) {
+    const Spread& offset = summary.offset.us;
+    if (offset.samples == 0) {
         line(out, what, "no frame could be compared with the clock");
         return;
     }
     line(out, what,
-         "picture against the sync clock: median " + signedMilliseconds(summary.offsetUs.median) +
-             ", p99 " + signedMilliseconds(summary.offsetUs.p99) + ", worst " +
-             signedMilliseconds(summary.offsetUs.worst));
+         fmt::format("picture against the sync clock: median {}, p99 {}, worst {}",
+                     signedMilliseconds(offset.median), signedMilliseconds(offset.p99),
+                     signedMilliseconds(offset.worst)));
     line(out, "", "(positive: sound early; broadcasters allow +40 to -60 ms, EBU R37)");
     if (record.audioUnderflows > 0 || record.audioReanchors > 0) {
         line(out, "",
@@ -152,75 +167,69 @@ void printOffset(std::ostream& out, const PlaybackRecord& record, const Summary&
     }
 }
 
+std::string describeDrops(DropReason reason, const DropGroup& group) {
+    return fmt::format("dropped, {}: {} in {}, longest {} (reason from {})",
+                       inWords(toString(reason)), group.runs.frames,
+                       counted(group.runs.runs, "run"), group.runs.longest,
+                       group.fromLog == group.runs.frames ? "the library's log"
+                       : group.fromLog == 0               ? "the clock's values"
+                                                          : "its log or the clock's values");
+}
+
 void printFrames(std::ostream& out, const Summary& summary) {
-    std::string text = number(summary.framesIn) + " in =";
-    bool first = true;
+    std::vector<std::string> counts;
     for (int i = 0; i < kOutcomes; ++i) {
         const auto outcome = static_cast<Outcome>(i);
         const bool always = outcome == Outcome::Shown || outcome == Outcome::Superseded ||
                             outcome == Outcome::Dropped;
-        if (!always && summary.count(outcome) == 0) {
-            continue;
+        if (always || summary.count(outcome) > 0) {
+            counts.push_back(
+                fmt::format("{} {}", summary.count(outcome), inWords(toString(outcome))));
         }
-        std::string name = toString(outcome);
-        std::replace(name.begin(), name.end(), '_', ' ');
-        text += std::string(first ? " " : " + ") + number(summary.count(outcome)) + " " + name;
-        first = false;
     }
-    line(out, "frames", text);
+    line(out, "frames", fmt::format("{} in = {}", summary.framesIn, fmt::join(counts, " + ")));
     for (const auto& [reason, group] : summary.drops) {
-        std::string name = toString(reason);
-        std::replace(name.begin(), name.end(), '_', ' ');
-        line(out, "",
-             "dropped, " + name + ": " + number(group.runs.frames) + " in " +
-                 counted(group.runs.runs, "run") + ", longest " + number(group.runs.longest) +
-                 " (reason from " +
-                 (group.fromLog == group.runs.frames ? "the library's log)"
-                  : group.fromLog == 0               ? "the clock's values)"
-                                                     : "its log or the clock's values)"));
+        line(out, "", describeDrops(reason, group));
     }
 }
 
 void printBuffers(std::ostream& out, const PlaybackRecord& record, const Summary& summary) {
     const PoolReport& pool = record.pool;
     line(out, "buffers",
-         number(pool.buffers) + "; " + number(pool.returnedByCallback) + " returned by callback, " +
-             number(pool.takenBackAtStop) + " taken back at stop, " + number(pool.returnedAgain) +
-             " handed back twice" + (summary.buffersBack ? "; all back" : "; NOT ALL BACK"));
+         fmt::format("{}; {} returned by callback, {} taken back at stop, {} handed back twice; {}",
+                     pool.buffers, pool.returnedByCallback, pool.takenBackAtStop,
+                     pool.returnedAgain, summary.buffersBack ? "all back" : "NOT ALL BACK"));
     line(out, "",
-         counted(summary.fences, "release fence") + "; back with the player " +
-             milliseconds(summary.backToPlayerNs.median / 1000) +
-             " after leaving the screen (median), p99 " +
-             milliseconds(summary.backToPlayerNs.p99 / 1000));
+         fmt::format("{}; back with the player {} after leaving the screen (median), p99 {}",
+                     counted(summary.fences, "release fence"),
+                     milliseconds(summary.backToPlayerNs.median / 1000),
+                     milliseconds(summary.backToPlayerNs.p99 / 1000)));
     line(out, "",
-         "player waited " + counted(pool.waits, "time") + " for a free buffer, longest " +
-             milliseconds(pool.longestWaitNs / 1000) + "; " + number(summary.sentLate) +
-             " handed in too late");
+         fmt::format("player waited {} for a free buffer, longest {}; {} handed in too late",
+                     counted(pool.waits, "time"), milliseconds(pool.longestWaitNs / 1000),
+                     summary.sentLate));
+}
+
+std::string describeEnd(const PlaybackRecord& record) {
+    switch (record.end) {
+        case EndCause::Complete:
+            return "played to the end";
+        case EndCause::BrokenOff:
+            return fmt::format(
+                "the file breaks off at {}{}; played up to there", seconds(record.brokeOffAtUs),
+                record.media.durationUs > 0 ? " of " + seconds(record.media.durationUs) : "");
+        case EndCause::Interrupted:
+            return "interrupted; this is what was played until then";
+        case EndCause::Stopped:
+            return "stopped at the time asked for";
+        case EndCause::Stalled:
+            break;
+    }
+    return "stopped because nothing moved any more";
 }
 
 void printEnd(std::ostream& out, const PlaybackRecord& record, const tv::TraceReport& trace) {
-    const std::string took = "; stop took " + milliseconds(record.stopTookNs / 1000);
-    switch (record.end) {
-        case EndCause::Complete:
-            line(out, "end", "played to the end" + took);
-            break;
-        case EndCause::BrokenOff:
-            line(out, "end",
-                 "the file breaks off at " + seconds(record.brokeOffAtUs) +
-                     (record.media.durationUs > 0 ? " of " + seconds(record.media.durationUs)
-                                                  : std::string()) +
-                     "; played up to there" + took);
-            break;
-        case EndCause::Interrupted:
-            line(out, "end", "interrupted; this is what was played until then" + took);
-            break;
-        case EndCause::Stopped:
-            line(out, "end", "stopped at the time asked for" + took);
-            break;
-        case EndCause::Stalled:
-            line(out, "end", "stopped because nothing moved any more" + took);
-            break;
-    }
+    line(out, "end", describeEnd(record) + "; stop took " + milliseconds(record.stopTookNs / 1000));
     if (record.decodeErrors > 0) {
         line(out, "",
              counted(record.decodeErrors, "packet") + " came damaged or could not be decoded");
@@ -230,8 +239,8 @@ void printEnd(std::ostream& out, const PlaybackRecord& record, const tv::TraceRe
     }
     if (!trace.path.empty()) {
         line(out, "trace",
-             number(trace.written) + " events in " + trace.path + ", " + number(trace.lost) +
-                 " lost");
+             fmt::format("{} events in {}, {} lost", trace.written, printable(trace.path),
+                         trace.lost));
     }
 }
 
@@ -244,7 +253,7 @@ void printReport(std::ostream& out, const PlaybackRecord& record, const Summary&
         return;
     }
     printRates(out, record, summary);
-    printPattern(out, summary);
+    printPatterns(out, summary);
     printDwell(out, summary);
     printBreaks(out, summary);
     printStart(out, summary);

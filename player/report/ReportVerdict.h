@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-// The verdict of a summary: is all accounted for, and one sentence.
+// The verdict: whether all frames and buffers are accounted for, and one sentence on the cadence.
 #pragma once
 
-#include "player/report/Report.h"
+#include "player/report/Summary.h"
 
 namespace korvane::player {
 

@@ -7,13 +7,13 @@
 namespace korvane::player {
 namespace {
 
-/// The middle of a value's step: values below 128 are steps of their own, then every power of two
-/// has 64 steps.
-int64_t stepOf(int64_t value) {
-    constexpr int64_t kStepsPerPower = 64;
+/// The middle of a value's bin: each value below 128 is a bin of its own, then every power of two
+/// has 64 bins.
+int64_t binOf(int64_t value) {
+    constexpr int64_t kBinsPerPower = 64;
     const int64_t size = std::llabs(value);
     int shift = 0;
-    while ((size >> shift) >= 2 * kStepsPerPower) {
+    while ((size >> shift) >= 2 * kBinsPerPower) {
         ++shift;
     }
     const int64_t middle = ((size >> shift) << shift) + ((int64_t{1} << shift) / 2);
@@ -30,11 +30,11 @@ void SpreadCounter::add(int64_t value) {
         return;
     }
     for (const int64_t kept : mValues) {
-        ++mCounted[stepOf(kept)];
+        ++mCounted[binOf(kept)];
     }
     mValues.clear();
     mValues.shrink_to_fit();
-    ++mCounted[stepOf(value)];
+    ++mCounted[binOf(value)];
 }
 
 Spread SpreadCounter::spread() const {
@@ -60,14 +60,6 @@ Spread SpreadCounter::spread() const {
     spread.p99 = rank(99);
     spread.worst = mWorst;
     return spread;
-}
-
-Spread spreadOf(const std::vector<int64_t>& values) {
-    SpreadCounter counter;
-    for (const int64_t value : values) {
-        counter.add(value);
-    }
-    return counter.spread();
 }
 
 }  // namespace korvane::player

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 // Median, 99th percentile and worst of any number of values, in bounded memory.
 //
-// The first `kExact` values are kept as they are and the percentiles are exact. Beyond that, values
-// are counted in steps of at most 1/64 of their size, which bounds the error of a percentile to
-// less than one per cent; the worst value stays exact. Same values, same result.
+// Up to `kExact` values are kept and the percentiles are exact. Beyond that, values are counted in
+// bins of at most 1/64 of their size, so a percentile is off by less than one per cent; the worst
+// value stays exact.
 #pragma once
 
 #include <cstddef>
@@ -32,10 +32,7 @@ private:
     int64_t mSamples = 0;
     int64_t mWorst = 0;
     std::vector<int64_t> mValues;         ///< while they are few
-    std::map<int64_t, int64_t> mCounted;  ///< once they are many: how many per step
+    std::map<int64_t, int64_t> mCounted;  ///< once they are many: how many per bin
 };
-
-/// The same for values at hand.
-Spread spreadOf(const std::vector<int64_t>& values);
 
 }  // namespace korvane::player

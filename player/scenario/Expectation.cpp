@@ -169,7 +169,7 @@ void Checker::checkDrops() {
 
 void Checker::checkCadence() {
     const auto& wanted = mExpect.patterns;
-    const size_t stretches = mSummary.sections.size();
+    const size_t stretches = mSummary.stretches.size();
     if (wanted.size() > 1 && wanted.size() != stretches) {
         fail("patterns", std::to_string(wanted.size()) + " stretches", std::to_string(stretches));
         return;
@@ -181,9 +181,9 @@ void Checker::checkCadence() {
         checkPattern(i, wanted.size() == 1 ? wanted.front() : wanted[i]);
     }
     FrameAt firstBreak;
-    for (const auto& section : mSummary.sections) {
-        if (firstBreak.frameNo < 0 && !section.breaks.empty()) {
-            firstBreak = {section.breaks.front().frameNo, section.breaks.front().shownUs};
+    for (const auto& stretch : mSummary.stretches) {
+        if (firstBreak.frameNo < 0 && !stretch.breaks.empty()) {
+            firstBreak = {stretch.breaks.front().frameNo, stretch.breaks.front().shownUs};
         }
     }
     count("slips", mExpect.slips, mSummary.byArithmetic);
@@ -192,23 +192,23 @@ void Checker::checkCadence() {
 }
 
 void Checker::checkPattern(size_t index, const std::string& wanted) {
-    const StretchReport& section = mSummary.sections[index];
+    const StretchReport& stretch = mSummary.stretches[index];
     const std::string key =
-        mSummary.sections.size() == 1 ? "pattern" : "pattern " + std::to_string(index + 1);
+        mSummary.stretches.size() == 1 ? "pattern" : "pattern " + std::to_string(index + 1);
     if (wanted == "none") {
-        if (section.cadence.held) {
-            fail(key, "none", section.seen);
+        if (stretch.cadence.held) {
+            fail(key, "none", stretch.seen);
         }
         return;
     }
-    const bool same = section.seen == wanted;
-    if (!same || !section.cadence.held) {
+    const bool same = stretch.seen == wanted;
+    if (!same || !stretch.cadence.held) {
         fail(key, wanted + " held",
-             section.seen.empty() ? "none" : section.seen + (same ? ", not held" : ""),
-             section.firstOut);
+             stretch.seen.empty() ? "none" : stretch.seen + (same ? ", not held" : ""),
+             stretch.firstOut);
         return;
     }
-    time(key + "_within", mExpect.patternWithinUs, section.heldAfterUs, section.firstOut);
+    time(key + "_within", mExpect.patternWithinUs, stretch.heldAfterUs, stretch.firstOut);
 }
 
 void Checker::checkDwell() {
@@ -233,7 +233,7 @@ void Checker::checkDwell() {
 
 void Checker::checkOffset(const std::string& key, const Range& range, int64_t us,
                           const FrameAt& seen) {
-    if (mSummary.offsetUs.samples == 0) {
+    if (mSummary.offset.us.samples == 0) {
         fail(key, times(range), "no frame that could be compared");
     } else if (!range.holds(us)) {
         fail(key, times(range), milliseconds(us), seen);
@@ -242,32 +242,32 @@ void Checker::checkOffset(const std::string& key, const Range& range, int64_t us
 
 void Checker::checkOffsets() {
     if (mExpect.offsetMedianUs) {
-        checkOffset("offset_median", *mExpect.offsetMedianUs, mSummary.offsetUs.median, {});
+        checkOffset("offset_median", *mExpect.offsetMedianUs, mSummary.offset.us.median, {});
     }
     if (!mExpect.offsetWorstUs) {
         return;
     }
-    const bool early = mSummary.offsetLeastUs < mExpect.offsetWorstUs->least;
-    checkOffset("offset_worst", *mExpect.offsetWorstUs,
-                early ? mSummary.offsetLeastUs : mSummary.offsetMostUs,
-                early ? mSummary.offsetLeast : mSummary.offsetMost);
+    const bool early = mSummary.offset.least.us < mExpect.offsetWorstUs->least;
+    const MeasuredAt& worst = early ? mSummary.offset.least : mSummary.offset.most;
+    checkOffset("offset_worst", *mExpect.offsetWorstUs, worst.us, worst.frame);
 }
 
 void Checker::checkLatencies() {
     int64_t seekUs = -1;
     const StretchReport* first = nullptr;
-    for (const auto& section : mSummary.sections) {
-        if (section.section == 0 && !section.modeChange) {
-            first = &section;
-        } else if (!section.modeChange) {
-            seekUs = std::max(seekUs, section.firstFrameUs);
+    for (const auto& stretch : mSummary.stretches) {
+        if (stretch.section == 0 && !stretch.modeChange) {
+            first = &stretch;
+        } else if (!stretch.modeChange) {
+            seekUs = std::max(seekUs, stretch.firstFrameUs);
         }
     }
     time("first_frame_within", mExpect.firstFrameUs, first == nullptr ? -1 : first->firstFrameUs);
     time("second_frame_within", mExpect.secondFrameUs,
          first == nullptr ? -1 : first->secondFrameUs);
     time("seek_within", mExpect.seekUs, seekUs);
-    time("resume_within", mExpect.resumeUs, mSummary.longestResumeUs, mSummary.longestResume);
+    time("resume_within", mExpect.resumeUs, mSummary.longestResume.us,
+         mSummary.longestResume.frame);
 }
 
 void Checker::checkLog() {

@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "player/playback/Playback.h"
-#include "player/report/Report.h"
+#include "player/report/Summary.h"
 #include "player/scenario/Scenario.h"
 
 namespace korvane::player {

@@ -13,8 +13,10 @@
 #include "player/media/MediaSource.h"
 #include "player/media/SyntheticContent.h"
 #include "player/playback/Playback.h"
+#include "player/report/EventLine.h"
 #include "player/report/EventLog.h"
 #include "player/report/EventRecorder.h"
+#include "player/report/Report.h"
 #include "player/report/ReportBuilder.h"
 #include "player/scenario/Expectation.h"
 #include "player/scenario/FaultSchedule.h"
@@ -208,9 +210,9 @@ ScenarioResult resultOf(const PlaybackRecord& record, const Summary& summary) {
     result.shown = summary.count(Outcome::Shown);
     result.dropped = summary.count(Outcome::Dropped);
     result.playedUs = (record.stopNs - record.startNs) / 1000;
-    for (const auto& section : summary.sections) {
+    for (const auto& stretch : summary.stretches) {
         result.pattern += (result.pattern.empty() ? "" : " ") +
-                          (section.cadence.held ? section.seen : std::string("-"));
+                          (stretch.cadence.held ? stretch.seen : std::string("-"));
     }
     return result;
 }

@@ -2,6 +2,7 @@
 # SPDX-License-Identifier: Apache-2.0
 # A broken library must make a scenario fail with a message that leads to the fault:
 # expect_caught.sh KORVANE_TV LIBRARY_DIR SCENARIO TEXT...
+# So must a broken player, the program KORVANE_BROKEN_TV; LIBRARY_DIR is then empty.
 set -u
 
 tv=$1
@@ -13,7 +14,7 @@ if ! "$tv" run "$scenario" >/dev/null 2>&1; then
     echo "the scenario fails on the intact library too" >&2
     exit 1
 fi
-output=$(LD_LIBRARY_PATH="$library_dir" timeout 120 "$tv" run "$scenario" 2>&1)
+output=$(LD_LIBRARY_PATH="$library_dir" timeout 120 "${KORVANE_BROKEN_TV:-$tv}" run "$scenario" 2>&1)
 status=$?
 printf '%s\n' "$output"
 if [ "$status" -eq 0 ] || [ "$status" -eq 124 ]; then

@@ -1,13 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
-// The event log, and what keeps reports of any length small.
+// The event log, and percentiles in bounded memory.
 #include "player/report/EventLog.h"
 
 #include <gmock/gmock.h>
 
+#include <algorithm>
 #include <random>
 #include <sstream>
 
-#include "player/report/CadenceTracker.h"
+#include "player/report/EventLine.h"
 #include "player/report/Spread.h"
 
 namespace korvane::player {
@@ -35,7 +36,7 @@ TEST(EventLog, LinesComeInTheOrderOfTimeHoweverTheyWereAdded) {
     EXPECT_NE(log.hash(), other.hash());
 }
 
-TEST(EventLog, NumbersOfTheLogAreLeftOut) {
+TEST(EventLine, NumbersOfTheLogAreLeftOut) {
     EXPECT_EQ(withoutNumbers("fd: 17 err 0x1f (-22)\n"), "fd: # err #x#f (-#)");
 }
 
@@ -53,21 +54,6 @@ TEST(Spread, StaysWithinOnePerCentOfTheTruthForManyValues) {
     EXPECT_NEAR(static_cast<double>(spread.median), static_cast<double>(values[49'999]), 160);
     EXPECT_NEAR(static_cast<double>(spread.p99), static_cast<double>(values[98'999]), 350);
     EXPECT_EQ(spread.worst, values.back());
-}
-
-TEST(CadenceTracker, AStretchOfAnyLengthIsJudgedAsAShortOne) {
-    const auto expected = expectedCadence(24, 60);
-    std::vector<size_t> breaks;
-    CadenceTracker tracker(expected,
-                           [&](const DwellBreak& found) { breaks.push_back(found.index); });
-    for (size_t i = 0; i < 100'000; ++i) {
-        tracker.add(i == 70'000 ? 9 : i % 2 == 0 ? 3 : 2);
-        ASSERT_LE(tracker.dwells() - tracker.decided(), 2 * CadenceTracker::kUndecided);
-    }
-    tracker.finish();
-    EXPECT_TRUE(tracker.held());
-    EXPECT_THAT(breaks, ::testing::ElementsAre(70'000U));
-    EXPECT_EQ(tracker.unexpected(), 1U);
 }
 
 }  // namespace

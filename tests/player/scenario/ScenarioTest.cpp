@@ -206,12 +206,12 @@ protected:
         mSummary.drops[DropReason::Late].runs.frames = 2;
         mSummary.drops[DropReason::Late].first = {40, 1'700'000};
         mSummary.cadenceDwells = {{2, {1, 40'000}}, {3, {0, 0}}, {8, {39, 1'650'000}}};
-        StretchReport section;
-        section.seen = "[3:2]";
-        section.cadence.held = true;
-        section.heldAfterUs = 1'500'000;
-        section.firstFrameUs = 66'000;
-        mSummary.sections = {section};
+        StretchReport stretch;
+        stretch.seen = "[3:2]";
+        stretch.cadence.held = true;
+        stretch.heldAfterUs = 1'500'000;
+        stretch.firstFrameUs = 66'000;
+        mSummary.stretches = {stretch};
     }
     void count(Outcome outcome, int64_t frames, const FrameAt& first) {
         mSummary.outcomes[static_cast<size_t>(outcome)] = frames;

@@ -1,0 +1,106 @@
+// SPDX-License-Identifier: Apache-2.0
+// The summary as flat JSON, for scripts. Keys stay as they are once published.
+#include <fmt/core.h>
+
+#include <nlohmann/json.hpp>
+#include <ostream>
+#include <string>
+
+#include "player/report/Report.h"
+
+namespace korvane::player {
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+/// With nine digits: what a rate has beyond them is rounding.
+Json rounded(double value) {
+    return Json::parse(fmt::format("{:.9g}", value));
+}
+
+void addStretch(Json* json, const std::string& prefix, const StretchReport& stretch) {
+    Json& to = *json;
+    to[prefix + "pattern"] = stretch.seen;
+    to[prefix + "held"] = stretch.cadence.held;
+    to[prefix + "held_after_us"] = stretch.heldAfterUs;
+    to[prefix + "stayed"] = stretch.cadence.stayed();
+    to[prefix + "frames_in_step"] = stretch.cadence.inStep;
+    to[prefix + "first_frame_us"] = stretch.firstFrameUs;
+    to[prefix + "second_frame_us"] = stretch.secondFrameUs;
+}
+
+void addPlayback(Json* json, const PlaybackRecord& record, const Summary& summary) {
+    Json& to = *json;
+    to["verdict"] = summary.verdict;
+    to["ok"] = summary.ok();
+    to["end"] = toString(record.end);
+    to["file"] = record.media.path;
+    to["content_hz"] = rounded(summary.contentHz);
+    to["display_hz"] = rounded(summary.displayHz);
+    to["with_audio"] = record.withAudio;
+    to["passthrough"] = record.passthrough;
+}
+
+void addCadence(Json* json, const Summary& summary) {
+    Json& to = *json;
+    to["expected_pattern"] = summary.expected.name();
+    to["seconds_per_slip"] = rounded(summary.expected.secondsPerSlip());
+    to["dwells_by_arithmetic"] = summary.byArithmetic;
+    to["dwells_unexpected"] = summary.unexpected;
+    to["dwells_unexpected_explained"] = summary.explained;
+    // Published as "sections", for flushes were all that ended a stretch.
+    to["sections"] = summary.stretches.size();
+    for (size_t i = 0; i < summary.stretches.size(); ++i) {
+        addStretch(json, i == 0 ? "" : fmt::format("section{}_", i), summary.stretches[i]);
+    }
+}
+
+void addFrames(Json* json, const Summary& summary) {
+    Json& to = *json;
+    to["frames_in"] = summary.framesIn;
+    for (int i = 0; i < kOutcomes; ++i) {
+        const auto outcome = static_cast<Outcome>(i);
+        to[fmt::format("frames_{}", toString(outcome))] = summary.count(outcome);
+    }
+    for (const auto& [reason, group] : summary.drops) {
+        const std::string key = fmt::format("dropped_{}", toString(reason));
+        to[key] = group.runs.frames;
+        to[key + "_longest_run"] = group.runs.longest;
+        to[key + "_from_log"] = group.fromLog;
+    }
+}
+
+void addAudioAndBuffers(Json* json, const PlaybackRecord& record, const Summary& summary) {
+    Json& to = *json;
+    to["av_offset_samples"] = summary.offset.us.samples;
+    to["av_offset_median_us"] = summary.offset.us.median;
+    to["av_offset_p99_us"] = summary.offset.us.p99;
+    to["av_offset_worst_us"] = summary.offset.us.worst;
+    to["audio_underflows"] = record.audioUnderflows;
+    to["audio_reanchors"] = record.audioReanchors;
+    to["passthrough_holds"] = record.sync.holds;
+    to["buffers"] = record.pool.buffers;
+    to["buffers_returned"] = record.pool.returnedByCallback;
+    to["buffers_taken_back_at_stop"] = record.pool.takenBackAtStop;
+    to["buffers_returned_again"] = record.pool.returnedAgain;
+    to["buffers_kept"] = record.buffersKept;
+    to["pictures_overwritten_on_screen"] = record.overwrittenOnScreen;
+    to["frames_handed_in_late"] = summary.sentLate;
+    to["stop_us"] = record.stopTookNs / 1000;
+}
+
+}  // namespace
+
+void writeJson(std::ostream& out, const PlaybackRecord& record, const Summary& summary,
+               const tv::TraceReport& trace) {
+    Json json = Json::object();
+    addPlayback(&json, record, summary);
+    addCadence(&json, summary);
+    addFrames(&json, summary);
+    addAudioAndBuffers(&json, record, summary);
+    json["trace_events"] = trace.written;
+    json["trace_lost"] = trace.lost;
+    out << json.dump(2, ' ', false, Json::error_handler_t::replace) << "\n";
+}
+
+}  // namespace korvane::player

@@ -1,0 +1,63 @@
+// SPDX-License-Identifier: Apache-2.0
+// From the frames of one stretch, told in order, to its report: when it began, which pattern its
+// frames followed, and where they left it.
+//
+// A frame's dwell counts for the cadence but for two kinds of frames, whose dwell says nothing
+// about it: one that was shown at once stays until audio comes, and the last one on screen stays
+// until the flush, the change of the display's rate or stop. So the last frame waits here, with
+// those superseded after it, until a next one is shown.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <optional>
+#include <vector>
+
+#include "player/report/BreakCause.h"
+#include "player/report/CadenceTracker.h"
+#include "player/report/Summary.h"
+
+namespace korvane::player {
+
+class StretchBuilder {
+public:
+    /// A stretch that begins with its section.
+    StretchBuilder(int section, double displayHz, const ExpectedCadence& expected);
+    /// A stretch that begins where the display changes its rate, at this monotonic time.
+    StretchBuilder(int section, double displayHz, const ExpectedCadence& expected,
+                   int64_t modeChangedUs);
+
+    int section() const { return mReport.section; }
+    double displayHz() const { return mReport.displayHz; }
+
+    /// @param next  the frame handed in after it; null: there is none
+    void add(const FrameEntry& frame, const FrameEntry* next, const PlaybackRecord& soFar);
+    /// Call once, after the last frame.
+    /// @return nothing for a stretch in which no frame was shown
+    std::optional<StretchReport> finish(const PlaybackRecord& soFar);
+
+private:
+    void noteStart(int64_t shownUs, const PlaybackRecord& soFar);
+    void addToCadence(const DwellFacts& facts, const PlaybackRecord& soFar);
+    void takeBreaks(const std::vector<DwellBreak>& breaks, const PlaybackRecord& soFar);
+    void noteWhenHeld();
+    void reportCadence();
+    void reportHeldAfter(const PlaybackRecord& soFar);
+    void countUnjudged();
+
+    StretchReport mReport;
+    CadenceTracker mTracker;
+    int64_t mModeChangedUs = -1;  ///< times here are monotonic; -1: not so, or not yet
+    int64_t mFirstShownUs = -1;
+    int64_t mHeldShownUs = -1;
+    std::vector<int> mFirstDwells;
+    std::optional<int> mOffAtStart;  ///< the first dwell, where it does not fit for being the first
+    std::map<int, int64_t> mOutside;   ///< dwells that the cadence leaves out, and how many
+    std::vector<DwellFacts> mPending;  ///< the last frame on screen and those superseded after it
+    std::deque<DwellFacts> mFacts;     ///< of the dwells not yet decided, and a few before
+    size_t mFactsFrom = 0;             ///< index of the first of them
+};
+
+}  // namespace korvane::player

@@ -1,0 +1,115 @@
+// SPDX-License-Identifier: Apache-2.0
+// The summary: what a playback's record says, as numbers with a verdict.
+//
+// Made by ReportBuilder from the TV's record (what was on screen at which vsync), the ledger's
+// outcomes and the sync clock's times; nothing is guessed. Texts, files and expectations read it.
+//
+// A section, which playback counts, lies between two flushes. A stretch lies inside a section and
+// also ends where the display changes its rate: each stretch has one expected pattern.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "player/playback/Playback.h"
+#include "player/report/Cadence.h"
+#include "player/report/Runs.h"
+#include "player/report/Spread.h"
+
+namespace korvane::player {
+
+struct DropGroup {
+    Runs runs;
+    int64_t fromLog = 0;  ///< of these, how many reasons come from the library's own line
+    FrameAt first;
+};
+
+/// An unexpected dwell, with the frame it belongs to.
+struct ReportedBreak {
+    int64_t frameNo = 0;
+    int64_t mediaTimeUs = 0;
+    int64_t shownUs = 0;  ///< since `start`
+    int dwell = 0;
+    int expected = 0;
+    std::string cause;  ///< what happened there as far as the record tells; may be empty
+};
+
+/// Playback without a flush and without a change of the display's rate.
+struct StretchReport {
+    int section = 0;          ///< index into the record's sections
+    bool modeChange = false;  ///< begins with a change of the display's rate
+    double displayHz = 0.0;
+    ExpectedCadence expected;
+    FrameAt firstOut;            ///< first frame off the pattern
+    int64_t firstFrameUs = -1;   ///< from the section's beginning to the first frame's vsync
+    int64_t secondFrameUs = -1;  ///< from the first frame's vsync to the second's
+    /// From audio start, else from the first frame, else from the change of the display's rate,
+    /// until the pattern held; -1: it did not.
+    int64_t heldAfterUs = -1;
+    bool afterAudio = false;              ///< `heldAfterUs` counts from audio start
+    std::string seen;                     ///< pattern that the first dwells follow; empty: none
+    CadenceResult cadence;                ///< all 0 unless `judged`
+    std::vector<ReportedBreak> breaks;    ///< the first unexpected ones
+    int64_t explained = 0;                ///< unexpected dwells with a cause that the record tells
+    size_t dwells = 0;                    ///< frames that took part in the cadence
+    std::map<int, FrameAt> firstByDwell;  ///< the first of those frames of each dwell
+    /// Frames off the pattern that took no part in it, by vsyncs on screen.
+    std::map<int, int64_t> unjudged;
+
+    /// False: too few frames to tell a pattern.
+    bool judged() const { return dwells >= kSteadyRunFrames; }
+};
+
+/// A measured time and the frame it was measured at.
+struct MeasuredAt {
+    int64_t us = 0;
+    FrameAt frame;
+};
+
+/// Audio/video offsets of all frames shown; positive: the picture was late, sound early.
+struct OffsetReport {
+    Spread us;
+    MeasuredAt least;
+    MeasuredAt most;
+};
+
+struct Summary {
+    double contentHz = 0.0;
+    double displayHz = 0.0;  ///< at the start, with its drift
+    bool variableRate = false;
+    ExpectedCadence expected;              ///< on the display as it was at the start
+    std::vector<StretchReport> stretches;  ///< those in which frames were shown
+
+    int64_t framesIn = 0;
+    std::array<int64_t, kOutcomes> outcomes{};
+    std::map<DropReason, DropGroup> drops;
+    std::array<FrameAt, kOutcomes> firstOf;
+    std::map<int, int64_t> dwells;  ///< frames by vsyncs on screen
+
+    // Sums over the stretches.
+    std::map<int, FrameAt>
+        cadenceDwells;  ///< the first frame of each dwell that counts for cadence
+    int64_t byArithmetic = 0;
+    int64_t unexpected = 0;
+    int64_t explained = 0;  ///< of these, how many with a cause
+    std::map<int, int64_t> unjudged;
+
+    OffsetReport offset;
+    MeasuredAt longestResume{-1, {}};  ///< from the end of a clock stop to the next frame; -1: none
+    Spread backToPlayerNs;  ///< from replaced on screen until the player had the buffer again
+    int64_t fences = 0;
+    int64_t sentLate = 0;
+
+    bool sumHolds = false;  ///< the outcomes add up to the frames handed in
+    bool framesAccounted = false;
+    bool buffersBack = false;
+    std::string verdict;
+
+    bool ok() const { return framesAccounted && buffersBack; }
+    int64_t count(Outcome outcome) const { return outcomes[static_cast<size_t>(outcome)]; }
+};
+
+}  // namespace korvane::player
