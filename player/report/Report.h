@@ -6,7 +6,7 @@
 
 #include "player/playback/Playback.h"
 #include "player/report/Summary.h"
-#include "tv/Platform.h"
+#include "tv/Trace.h"
 
 namespace korvane::player {
 
