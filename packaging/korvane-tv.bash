@@ -1,8 +1,8 @@
 # SPDX-License-Identifier: Apache-2.0
 # bash completion for korvane-tv.
 #
-# Options, and which of them take a value, come from the program's own help: they are those of the
-# program at hand. Only the values that can be guessed stand here.
+# Options, and which of them take a value, are read from the program's help, so that they are those
+# of the installed version. Only suggestions for values are listed here.
 
 # Files by pattern, whatever the case of their letters; readline adds folders.
 _korvane_tv_files() {
@@ -13,7 +13,7 @@ _korvane_tv_files() {
     )
 }
 
-# Names of installed scenarios, which stand beside the program's folder.
+# Names of installed scenarios: share/korvane-tv/scenarios beside the program's folder.
 _korvane_tv_scenarios() {
     local program
     program=$(readlink -f "$(type -P "$1")")

@@ -2,6 +2,7 @@
 #include "player/command/OutputFile.h"
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -15,7 +16,7 @@ namespace {
 
 constexpr mode_t kNewFileMode = 0666;
 
-/// Pipes and devices take what several write; a file would be written over.
+/// Whether both are one regular file: its writers would overwrite each other.
 bool sameFile(const struct stat& left, const struct stat& right) {
     return S_ISREG(left.st_mode) && left.st_dev == right.st_dev && left.st_ino == right.st_ino;
 }
@@ -34,7 +35,7 @@ OutputFile::OutputFile(std::string option, std::string path)
     mFd = tv::UniqueFd(open(mPath.c_str(), O_WRONLY | O_CLOEXEC));
     if (mFd.get() < 0 && errno == ENOENT) {
         mFd = tv::UniqueFd(open(mPath.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, kNewFileMode));
-        mMade = mFd.get() >= 0;
+        mCreated = mFd.get() >= 0;
     }
     if (mFd.get() < 0 || fstat(mFd.get(), &mStatus) != 0) {
         refuse(reasonNow());
@@ -42,7 +43,7 @@ OutputFile::OutputFile(std::string option, std::string path)
 }
 
 OutputFile::~OutputFile() {
-    if (mMade) {
+    if (mCreated) {
         unlink(mPath.c_str());
     }
 }
@@ -51,9 +52,12 @@ void OutputFile::refuse(const std::string& why) const {
     throw UsageError(mOption + " " + mPath + ": " + why);
 }
 
-void OutputFile::release() {
-    mMade = false;
-    mFd.reset();
+void OutputFile::keep() {
+    mCreated = false;
+    // Who reads a pipe waits until its last writer has closed it.
+    if (!S_ISREG(mStatus.st_mode)) {
+        mFd.reset();
+    }
 }
 
 void OutputFile::begin() {
@@ -64,7 +68,7 @@ void OutputFile::begin() {
     if (!mStream) {
         refuse(reasonNow());
     }
-    release();
+    keep();
 }
 
 std::string OutputFile::finish() {
@@ -72,30 +76,45 @@ std::string OutputFile::finish() {
         return {};
     }
     mStream.close();
-    return mStream ? std::string()
+    return mStream ? ""
                    : mOption + " " + mPath +
                          ": could not be written whole; free some space and play again";
 }
 
-void checkApart(const std::string& input, const std::vector<const OutputFile*>& outputs) {
-    struct stat film {};
-    const bool haveFilm = stat(input.c_str(), &film) == 0;
-    struct stat screen {};
-    const bool haveScreen = fstat(STDOUT_FILENO, &screen) == 0;
-    for (size_t i = 0; i < outputs.size(); ++i) {
-        const OutputFile& output = *outputs[i];
-        if (haveFilm && sameFile(output.mStatus, film)) {
-            output.refuse("is the film that is to be played; give another file");
-        }
-        if (haveScreen && sameFile(output.mStatus, screen)) {
-            output.refuse("standard output, with the summary, goes there; give another file");
-        }
-        for (size_t j = 0; j < i; ++j) {
-            if (sameFile(output.mStatus, outputs[j]->mStatus)) {
-                output.refuse("is the file of " + outputs[j]->mOption + ", too; give another one");
-            }
+void OutputFile::checkIsNot(const std::string& input,
+                            const std::vector<const OutputFile*>& others) const {
+    struct stat other {};
+    if (stat(input.c_str(), &other) == 0 && sameFile(mStatus, other)) {
+        refuse("is the film that is to be played; give another file");
+    }
+    if (fstat(STDOUT_FILENO, &other) == 0 && sameFile(mStatus, other)) {
+        refuse("is standard output, which gets the report; give another file");
+    }
+    for (const OutputFile* output : others) {
+        if (sameFile(mStatus, output->mStatus)) {
+            refuse("is also the file of " + output->mOption + "; give another file");
         }
     }
+}
+
+void OutputFile::lock() const {
+    if (S_ISREG(mStatus.st_mode) && !lockForThisRun(mFd.get())) {
+        refuse("another run is writing it; wait until that has ended, or give another file");
+    }
+}
+
+void claim(const std::string& input, const std::vector<const OutputFile*>& outputs) {
+    for (auto output = outputs.begin(); output != outputs.end(); ++output) {
+        (*output)->checkIsNot(input, {outputs.begin(), output});
+    }
+    for (const OutputFile* output : outputs) {
+        output->lock();
+    }
+}
+
+bool lockForThisRun(int fd) {
+    // A file system without locks refuses nothing.
+    return flock(fd, LOCK_EX | LOCK_NB) == 0 || errno != EWOULDBLOCK;
 }
 
 }  // namespace korvane::player

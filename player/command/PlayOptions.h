@@ -1,8 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The command line: what can be asked for, with its defaults, and how it is read.
-//
-// Whatever is wrong with a command line is told in one line that says which value it is and what to
-// do instead (UsageError).
+// The options of `play` with their defaults, and the playback that follows from them and the file.
 #pragma once
 
 #include <cstdint>
@@ -11,9 +8,7 @@
 #include <utility>
 #include <vector>
 
-#include "player/base/Errors.h"
 #include "player/base/FrameRate.h"
-#include "player/command/RunCommand.h"
 #include "player/media/FrameSource.h"
 #include "player/playback/PlaybackPlan.h"
 #include "tv/AudioOutput.h"
@@ -37,7 +32,7 @@ struct PlayOptions {
     std::vector<SeekAction> seeks;        ///< by `atUs`
     std::vector<VideoStall> videoStalls;  ///< by `atUs`
     std::optional<int64_t> limitUs;
-    /// Enough for the renderer's lead, the tunnel's own two and the panel's, with a reserve.
+    /// Those in the renderer, two in the tunnel, one on the panel, and a reserve.
     int buffers = 16;
 
     std::optional<int32_t> logMask;
@@ -51,32 +46,13 @@ struct PlayOptions {
 
     std::optional<bool> virtualClock;  ///< empty: virtual where this build has it
     uint64_t seed = 1;
-    std::string repeat;  ///< the command line that repeats this
+    std::string repeat;  ///< the command line that repeats this playback
 };
 
-enum class Command { Play, Run, List };
-
-/// The command line that repeats a run, for people to copy: words that need it are quoted, and the
-/// seed is there.
-std::string repeatLine(int argc, const char* const* argv, uint64_t seed);
-
-struct CommandLine {
-    /// Text to print instead of playing (help, version); empty when there is something to play.
-    std::string text;
-    Command command = Command::Play;
-    PlayOptions play;
-    RunOptions run;
-    ListOptions list;
-};
-
-/// The playback that the options ask for of a file.
+/// The playback of a file with these options.
 PlaybackPlan planOf(const PlayOptions& options, const MediaInfo& media);
 
-/// One line for each thing that was asked for and cannot happen with this file.
+/// One line for each option that has no effect with this file.
 std::vector<std::string> withoutEffect(const PlayOptions& options, const MediaInfo& media);
-
-/// Reads a command line.
-/// @throws UsageError
-CommandLine parseCommandLine(int argc, const char* const* argv, const std::string& version);
 
 }  // namespace korvane::player

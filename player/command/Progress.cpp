@@ -16,15 +16,15 @@ namespace {
 
 constexpr int64_t kTerminalIntervalNs = 100'000'000;
 constexpr int64_t kPlainIntervalNs = 5'000'000'000;
-/// In virtual time seconds go by in milliseconds.
+/// In virtual time a second takes milliseconds.
 constexpr int64_t kVirtualIntervalNs = 30'000'000'000;
 constexpr size_t kLongestBar = 30;
-/// A shorter bar says nothing; the text then stands alone.
+/// Below this there is only the text.
 constexpr size_t kShortestBar = 5;
-/// What a terminal has that does not say.
+/// Of a terminal that does not report its size.
 constexpr size_t kUsualColumns = 80;
 
-/// There is one standard error, and what else is written to it comes from any thread.
+/// Process-wide, as standard error is; any thread may clear the bar.
 std::atomic<bool> gBarOnScreen{false};
 
 size_t terminalColumns() {
@@ -58,7 +58,7 @@ std::string progressBar(double share, size_t width) {
 
 std::string progressLine(const PlaybackProgress& state, size_t columns) {
     const std::string text = describe(state);
-    // A text that fills the last column makes some terminals begin the next line.
+    // Some terminals wrap when the last column is filled.
     const size_t room = std::max<size_t>(columns, 1) - 1;
     const size_t besideBar = text.size() + std::string("[] ").size();
     if (room < besideBar + kShortestBar) {
@@ -97,7 +97,7 @@ void Progress::update(const PlaybackProgress& state, int64_t nowNs) {
         }
         return;
     }
-    // Back to the start of the line, and clear what an earlier, longer text left behind it.
+    // To the start of the line; clear the rest of an earlier, longer text.
     std::fprintf(stderr, "\r%s\033[K", progressLine(state, terminalColumns()).c_str());
     gBarOnScreen = true;
 }

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// Progress on stderr: one line that redraws itself on a terminal, a plain line every few seconds
-// elsewhere, nothing when switched off. One thread draws; whoever else writes to standard error
-// clears the redrawn line first, and it comes back below.
+// Progress on standard error: on a terminal a line that is redrawn in place, elsewhere a new line
+// every few seconds. One thread draws. Whatever else writes to standard error clears the line
+// first; the next update draws it again below.
 #pragma once
 
 #include <cstddef>
@@ -19,7 +19,7 @@ public:
     Progress(const Progress&) = delete;
     Progress& operator=(const Progress&) = delete;
 
-    /// Draws if it is time to.
+    /// Draws if the interval since the last line is over.
     void update(const PlaybackProgress& state, int64_t nowNs);
 
 private:
@@ -28,11 +28,10 @@ private:
     int64_t mNextNs = 0;
 };
 
-/// Clears the redrawn line, if there is one, so that what is written next has a line of its own.
-/// Any thread.
+/// Clears the redrawn line, if there is one, before something else is written. Any thread.
 void clearProgress();
 
-/// What is drawn, in fewer columns than the terminal has: the bar gives way before the text does.
+/// The line to draw, shorter than `columns`: the bar is left out before text is cut off.
 std::string progressLine(const PlaybackProgress& state, size_t columns);
 
 }  // namespace korvane::player

@@ -1,34 +1,40 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "player/command/RunCommand.h"
 
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <fmt/ostream.h>
+
 #include <algorithm>
-#include <cstdio>
 #include <filesystem>
-#include <iomanip>
 #include <ostream>
+#include <set>
 #include <system_error>
 
+#include "player/base/Errors.h"
+#include "player/base/Text.h"
 #include "player/base/Units.h"
+#include "player/command/ExitStatus.h"
+#include "player/command/Message.h"
+#include "player/command/OutputFile.h"
 #include "player/scenario/ScenarioFile.h"
 #include "player/scenario/ScenarioProcess.h"
+#include "tv/UniqueFd.h"
+#include "tv/clock/VirtualTime.h"
 
 namespace korvane::player {
 namespace {
 
-constexpr int kAllHeld = 0;
-constexpr int kSomeFailed = 1;
-constexpr int kWrongInput = 2;
-
 namespace fs = std::filesystem;
 
-/// Where an installed program has its scenarios, seen from the program, wherever it was moved to.
+/// The folder of the installed scenarios, relative to the program: the tree may have been moved.
 fs::path installedScenarios() {
     std::error_code error;
     const fs::path program = fs::read_symlink("/proc/self/exe", error);
     return program.parent_path().parent_path() / "share/korvane-tv/scenarios";
 }
 
-/// A plain name that is no file here stands for an installed scenario, where there is one.
+/// A name without a slash that is no file here means the installed scenario of that name, if any.
 std::string fileOrInstalled(const std::string& path) {
     std::error_code error;
     if (path.find('/') == std::string::npos && !fs::exists(path, error)) {
@@ -40,7 +46,7 @@ std::string fileOrInstalled(const std::string& path) {
     return path;
 }
 
-/// The scenarios at hand, else those that are installed.
+/// The folder "scenarios" here, else the installed one.
 std::string usualScenarios() {
     const std::string here = "scenarios";
     const fs::path installed = installedScenarios();
@@ -48,75 +54,102 @@ std::string usualScenarios() {
     return !fs::exists(here, error) && fs::exists(installed, error) ? installed.string() : here;
 }
 
+/// Makes names distinct, and so their event logs: the second "seek" becomes "seek-2".
+void numberEqualNames(std::vector<Scenario>* scenarios) {
+    std::set<std::string> names;
+    for (const auto& scenario : *scenarios) {
+        names.insert(scenario.name);
+    }
+    std::set<std::string> taken;
+    for (auto& scenario : *scenarios) {
+        const std::string name = scenario.name;
+        for (int number = 2; !taken.insert(scenario.name).second; ++number) {
+            const std::string next = fmt::format("{}-{}", name, number);
+            scenario.name = names.count(next) == 0 ? next : scenario.name;
+        }
+    }
+}
+
 std::vector<Scenario> readAll(const RunOptions& options) {
     std::vector<Scenario> scenarios;
     for (const auto& file : scenarioFiles(options.paths)) {
         scenarios.push_back(readScenario(file));
-        if (options.seed) {
-            scenarios.back().seed = *options.seed;
-        }
+        scenarios.back().seed = options.seed.value_or(scenarios.back().seed);
     }
+    numberEqualNames(&scenarios);
     return scenarios;
 }
 
 size_t longestName(const std::vector<Scenario>& scenarios) {
     size_t longest = 0;
     for (const auto& scenario : scenarios) {
-        longest = std::max(longest, scenario.name.size());
+        longest = std::max(longest, printable(scenario.name).size());
     }
     return longest;
 }
 
-std::string commandLine(const Scenario& scenario, bool virtualClock) {
-    return "korvane-tv run " + scenario.path + " --seed " + std::to_string(scenario.seed) +
-           (virtualClock ? "" : " --clock real");
+std::string repeatLine(const Scenario& scenario, bool virtualClock) {
+    return fmt::format("korvane-tv run {} --seed {}{}", shellWord(scenario.path), scenario.seed,
+                       virtualClock ? "" : " --clock real");
 }
 
 void printVerdict(std::ostream& out, const Scenario& scenario, const ProcessResult& result,
-                  const RunOptions& options, size_t nameWidth) {
-    out << (result.ok() ? "ok      " : "FAILED  ") << std::left
-        << std::setw(static_cast<int>(nameWidth)) << scenario.name << "  ";
+                  bool virtualClock, size_t nameWidth) {
+    fmt::print(out, "{:<6}  {:<{}}  ", result.ok() ? "ok" : "FAILED", printable(scenario.name),
+               nameWidth);
     if (!result.verdict.empty()) {
-        out << result.verdict << " in " << seconds(result.wallUs) << ", seed " << scenario.seed
-            << ", events " << result.eventsHash << "  ";
+        fmt::print(out, "{} in {}, seed {}, events {}  ", result.verdict, seconds(result.wallUs),
+                   scenario.seed, result.eventsHash);
     }
-    out << "# " << commandLine(scenario, options.virtualClock) << "\n";
+    fmt::print(out, "# {}\n", repeatLine(scenario, virtualClock));
     for (const auto& failure : result.failures) {
-        out << "        " << failure << "\n";
+        fmt::print(out, "        {}\n", printable(failure));
     }
     out.flush();
 }
 
-void printSum(std::ostream& out, size_t scenarios, size_t failed) {
-    out << counted(static_cast<int64_t>(scenarios), "scenario") << ", " << scenarios - failed
-        << " ok, " << failed << " failed\n";
+int statusOf(const ProcessResult& result) {
+    return result.wrongInput ? kExitUsage : result.ok() ? kExitOk : kExitFailed;
 }
 
-int refuse(const std::exception& error) {
-    std::fprintf(stderr, "korvane-tv: %s\n", error.what());
-    return kWrongInput;
-}
-
-int playAll(const std::vector<Scenario>& scenarios, const RunOptions& options, std::ostream& out) {
+int playAll(const std::vector<Scenario>& scenarios, const ProcessOptions& options,
+            std::ostream& out) {
     const size_t width = longestName(scenarios);
     size_t failed = 0;
-    int status = kAllHeld;
-    ProcessOptions processOptions;
-    processOptions.jobs = options.jobs;
-    processOptions.virtualClock = options.virtualClock;
-    processOptions.verbose = options.verbose;
-    processOptions.eventsFolder = options.eventsFolder;
-    playInProcesses(scenarios, processOptions, [&](size_t index, const ProcessResult& result) {
-        printVerdict(out, scenarios[index], result, options, width);
+    int status = kExitOk;
+    playInProcesses(scenarios, options, [&](size_t index, const ProcessResult& result) {
+        printVerdict(out, scenarios[index], result, options.virtualClock, width);
         failed += result.ok() ? 0 : 1;
-        status = std::max(status, result.wrongInput ? kWrongInput
-                                  : result.ok()     ? kAllHeld
-                                                    : kSomeFailed);
+        status = std::max(status, statusOf(result));
     });
     if (scenarios.size() > 1) {
-        printSum(out, scenarios.size(), failed);
+        fmt::print(out, "{}, {} ok, {} failed\n",
+                   counted(static_cast<int64_t>(scenarios.size()), "scenario"),
+                   scenarios.size() - failed, failed);
     }
     return status;
+}
+
+/// Creates the folder of the event logs and locks it against other runs.
+/// @return holds the lock; empty without a folder
+tv::UniqueFd claimFolder(const std::string& folder) {
+    if (folder.empty()) {
+        return {};
+    }
+    std::error_code error;
+    fs::create_directories(folder, error);
+    tv::UniqueFd held(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (held.get() < 0) {
+        error = error ? error : std::error_code(errno, std::generic_category());
+        throw UsageError("--events " + folder + ": " + error.message() +
+                         "; give a folder that can be written");
+    }
+    if (!lockForThisRun(held.get())) {
+        throw UsageError("--events " + folder +
+                         ": another run is writing into it; wait until that has ended, or give "
+                         "another folder");
+    }
+    return held;
 }
 
 }  // namespace
@@ -147,32 +180,28 @@ std::vector<std::string> scenarioFiles(const std::vector<std::string>& paths) {
 }
 
 int runScenarios(const RunOptions& options, std::ostream& out) {
-    try {
-        // All are read before the first is played: a typing error is told at once.
-        const auto scenarios = readAll(options);
-        if (!options.eventsFolder.empty()) {
-            std::filesystem::create_directories(options.eventsFolder);
-        }
-        return playAll(scenarios, options, out);
-    } catch (const ScenarioError& error) {
-        return refuse(error);
-    } catch (const std::filesystem::filesystem_error& error) {
-        return refuse(error);
+    // All are read before the first one plays: a mistake in any is told at once.
+    const auto scenarios = readAll(options);
+    const tv::UniqueFd lock = claimFolder(options.eventsFolder);
+    ProcessOptions processOptions;
+    processOptions.jobs = options.jobs;
+    processOptions.virtualClock = options.virtualClock && tv::VirtualTime::available();
+    processOptions.verbose = options.verbose;
+    processOptions.eventsFolder = options.eventsFolder;
+    if (processOptions.virtualClock != options.virtualClock) {
+        say("this build has no virtual clock; scenarios are played in real time");
     }
+    return playAll(scenarios, processOptions, out);
 }
 
 int listScenarios(const ListOptions& options, std::ostream& out) {
-    try {
-        const std::string path = options.path.empty() ? usualScenarios() : options.path;
-        for (const auto& file : scenarioFiles({path})) {
-            const Scenario scenario = readScenario(file);
-            out << scenario.name << "\n    shows  " << scenario.title << "\n    holds  "
-                << scenario.holds << "\n";
-        }
-        return kAllHeld;
-    } catch (const ScenarioError& error) {
-        return refuse(error);
+    for (const auto& file :
+         scenarioFiles({options.path.empty() ? usualScenarios() : options.path})) {
+        const Scenario scenario = readScenario(file);
+        fmt::print(out, "{}\n    shows  {}\n    holds  {}\n", printable(scenario.name),
+                   printable(scenario.title), printable(scenario.holds));
     }
+    return kExitOk;
 }
 
 }  // namespace korvane::player

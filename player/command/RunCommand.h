@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 // The commands `run` and `list`: scenario files and folders, one verdict line each.
 //
-// Each scenario plays in a process of its own, several at a time when asked: a scenario that hangs
-// or crashes fails alone, and none sees what another left behind. The verdicts come in the order of
-// the files, whichever ends first.
+// Each scenario plays in a process of its own, several at a time if asked: one that hangs or
+// crashes fails alone, and no state passes from one to the next. Verdicts are printed in the order
+// of the files.
 #pragma once
 
 #include <cstdint>
@@ -17,27 +17,29 @@ namespace korvane::player {
 struct RunOptions {
     std::vector<std::string> paths;  ///< scenario files, folders of them, names of installed ones
     int jobs = 1;
-    std::optional<uint64_t> seed;  ///< instead of the scenario's own
-    std::string eventsFolder;      ///< one event log for each scenario; empty: none are kept
-    bool virtualClock = true;
-    bool verbose = false;  ///< with each playback's report and the library's log
+    std::optional<uint64_t> seed;  ///< instead of the scenarios' own
+    std::string eventsFolder;      ///< gets an event log per scenario; empty: none are kept
+    bool virtualClock = true;      ///< if this build has it
+    bool verbose = false;          ///< print each report and the library's log
 };
 
 /// Plays.
-/// @return 0: all held; 1: one did not; 2: a file cannot be read or is no scenario
+/// @return an exit status: kExitFailed when an expectation failed, kExitUsage when content cannot
+/// be played
+/// @throws ScenarioError, UsageError
 int runScenarios(const RunOptions& options, std::ostream& out);
 
 struct ListOptions {
     std::string path;  ///< as in RunOptions; empty: "scenarios" here, else those installed
 };
 
-/// Says of each scenario what it shows and what must hold.
-/// @return 0, or 2 when one cannot be read
+/// Prints of each scenario what it shows and what it expects.
+/// @throws ScenarioError
 int listScenarios(const ListOptions& options, std::ostream& out);
 
-/// The files that paths stand for: a folder's own *.toml files by name, an installed scenario for
-/// its name, other paths as they are.
-/// @throws ScenarioError for a path that is not there or a folder without scenarios
+/// Expands paths to files: a folder to its *.toml files in order, the name of an installed scenario
+/// to its file. Other paths stay as they are.
+/// @throws ScenarioError for a folder without scenarios
 std::vector<std::string> scenarioFiles(const std::vector<std::string>& paths);
 
 }  // namespace korvane::player

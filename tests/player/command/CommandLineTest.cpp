@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Durations, rates and the command line.
+// What the command line is read as, and what is said of a wrong one.
 #include <gmock/gmock.h>
 
 #include <algorithm>
@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "player/command/PlayOptions.h"
+#include "player/command/CommandLine.h"
 
 namespace korvane::player {
 namespace {
@@ -55,6 +55,10 @@ TEST(CommandLine, ReadsEveryOption) {
     const PlaybackPlan plan = planOf(play, MediaInfo{});
     EXPECT_FALSE(plan.withAudio) << "the media has none";
     EXPECT_TRUE(plan.seeks.at(1).atPosition);
+    EXPECT_EQ(plan.tv.display.seed, 7U) << "of the vsync jitter";
+    const auto fraction = parse({"play", "x", "--rate", "60000/1001", "--seconds", "1h"}).play;
+    EXPECT_DOUBLE_EQ(fraction.rate.hz(), play.rate.hz());
+    EXPECT_EQ(fraction.limitUs, 3'600'000'000);
 }
 
 TEST(CommandLine, ReadsScenariosAndTellsHowToRepeatARun) {
@@ -66,6 +70,8 @@ TEST(CommandLine, ReadsScenariosAndTellsHowToRepeatARun) {
     EXPECT_EQ(parse({"list", "d"}).list.path, "d");
     EXPECT_EQ(parse({"play", "it's.mp4", "--rate", "50"}).play.repeat,
               "korvane-tv play 'it'\\''s.mp4' --rate 50 --seed 1");
+    EXPECT_EQ(parse({"play", "\x1b'\xff", "--seed=2"}).play.repeat,
+              "korvane-tv play $'\\x1b\\'\\xff' --seed=2");
 }
 
 TEST(CommandLine, WhatCannotHappenWithAFileIsNoted) {
@@ -94,10 +100,15 @@ TEST(CommandLine, WhatIsWrongIsToldInOneLine) {
     const std::vector<std::pair<std::vector<const char*>, const char*>> wrongs = {
         {{}, "no command given"},
         {{"paly", "x"}, "'paly' is no command"},
+        {{"-x"}, "unknown option '-x'"},
         {{"play"}, "no file given"},
-        {{"play", "x", "y"}, "too many: y"},
-        {{"play", "x", "--rate"}, "--rate takes one value"},
-        {{"play", "x", "--rate", "60", "--rate", "50"}, "may be given once"},
+        {{"play", "--rtae=60"}, "unknown option '--rtae=60'"},
+        {{"play", "x", "--rtae", "60"}, "unknown option '--rtae'"},
+        {{"play", "x", "-qz"}, "unknown option '-qz'"},
+        {{"play", "x", "y", "z"}, "too many: 'y'"},
+        {{"play", "x", "--rate"}, "--rate needs a value"},
+        {{"play", "x", "--seek="}, "--seek needs a value"},
+        {{"play", "x", "--rate", "60", "--rate", "50"}, "--rate may be given once"},
         {{"play", "x", "--rate", "0"}, "--rate: '0' is not between 10 and 500"},
         {{"play", "x", "--audio-delay", "2x"}, "'2x' is not a duration"},
         {{"play", "x", "--seek", "3"}, "'3' is not a pair"},
@@ -106,14 +117,15 @@ TEST(CommandLine, WhatIsWrongIsToldInOneLine) {
         {{"play", "x", "--vsync-jitter", "1s"}, "at most 5ms"},
         {{"play", "x", "--rate", "0x3c"}, "'0x3c' is not between"},
         {{"play", "x", "--rate", " 60"}, "' 60' is not between"},
-        {{"play", "x", "--buffers", "4"}, "between 5 and 64"},
+        {{"play", "x", "--buffers", "4"}, "'4' is not a whole number of buffers between 5 and 64"},
         {{"play", "x", "--buffers", "5.7"}, "'5.7' is not a whole number"},
         {{"play", "x", "--log", "-1"}, "log mask"},
         {{"play", "x", "--prop", "=b"}, "NAME=VALUE"},
-        {{"play", "x", "--peek=2"}, "--peek"},
+        {{"play", "x", "--peek=2"}, "--peek takes no value"},
         {{"play", "x", "--clock", "sun"}, "'sun' is not a clock"},
         {{"play", "x", "--seed", "-1"}, "'-1' is not a seed"},
         {{"play", "x", "--seed", " -1"}, "' -1' is not a seed"},
+        {{"play", "x", "--seed", "18446744073709551616"}, "is not a seed"},
         {{"play", "x", "--csv", ""}, "'' is not a file"},
         {{"play", "x", "--trace", "-"}, "'-' is not a file"},
         {{"run"}, "no scenario given"},

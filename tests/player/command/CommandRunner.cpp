@@ -69,11 +69,14 @@ CommandResult runCommand(const Command& command) {
         spawn(command, command.outputPath.empty() ? std::string(output.path) : command.outputPath,
               error.path);
     for (const auto& signal : command.signals) {
-        const auto said = [&] {
-            return signal.file.empty() ? readFile(output.path) + readFile(error.path)
-                                       : readFile(signal.file);
+        const auto isTime = [&] {
+            const std::string said = signal.file.empty()
+                                         ? readFile(output.path) + readFile(error.path)
+                                         : readFile(signal.file);
+            return signal.text.empty() ? access(signal.file.c_str(), F_OK) == 0
+                                       : said.find(signal.text) != std::string::npos;
         };
-        while (!hasEnded(child) && said().find(signal.text) == std::string::npos) {
+        while (!hasEnded(child) && !isTime()) {
             std::this_thread::sleep_for(std::chrono::milliseconds(2));
         }
         kill(child, signal.number);

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Runs a command as a person would and keeps what it said: exit status, standard output and error,
-// and, for the player, its summary as read from --json.
+// Runs a command as a user would and keeps its exit status, standard output and standard error; for
+// the player also the summary, as read from --json.
 #pragma once
 
 #include <map>
@@ -12,8 +12,8 @@ namespace korvane::test {
 struct Command {
     struct Signal {
         int number = 0;
-        std::string text;  ///< sent once this stands in the file
-        std::string file;  ///< empty: in what the command has said so far
+        std::string text;  ///< sent once the file has this text; empty: once the file exists
+        std::string file;  ///< empty: standard output and error
     };
     std::vector<std::string> arguments;  ///< program first
     std::vector<Signal> signals;         ///< one after the other

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 // Plays small clips through the command line and checks status and summary.
 //
-// In virtual time, where each play is the same every time; those that a signal ends are played in
-// real time. Builds with a sanitizer have the real clock only: there, what depends on threads being
-// woken in time is not looked at.
+// In virtual time, where every run is the same; those that a signal ends run in real time. Builds
+// with a sanitizer have the real clock only: there, nothing is checked that depends on threads
+// being woken in time.
 #include <gmock/gmock.h>
 
 #include <fcntl.h>
@@ -19,6 +19,7 @@
 #include <ostream>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -52,7 +53,7 @@ std::vector<std::string> words(const std::string& text) {
     return {std::istream_iterator<std::string>(split), {}};
 }
 
-/// What keys of the summary must say, as "key=text" or a range of numbers: "key=1..5", "key=1..".
+/// Checks values of the summary: "key=text", or a range of numbers, "key=1..5" or "key=1..".
 void expectFacts(const Facts& facts, const std::string& wanted) {
     for (const auto& fact : words(wanted)) {
         const size_t equals = fact.find('=');
@@ -74,10 +75,10 @@ void expectFacts(const Facts& facts, const std::string& wanted) {
 struct Scenario {
     const char* name;
     const char* arguments;  ///< clip first
-    const char* always;     ///< what must hold in every run, beside the accounts
-    const char* inTime;     ///< what a busy machine may spoil in real time
-    int signal = 0;         ///< ends it
-    const char* said = "";  ///< as soon as it has said this
+    const char* always;     ///< expected in every run
+    const char* inTime;     ///< expected in virtual time: a busy machine is late in real time
+    int signal = 0;         ///< is sent
+    const char* said = "";  ///< once the player has printed this
 };
 
 void PrintTo(const Scenario& scenario, std::ostream* out) {
@@ -86,8 +87,8 @@ void PrintTo(const Scenario& scenario, std::ostream* out) {
 
 constexpr char kLocks[] = "pattern=[3:2] held_after_us=0..1000000 stayed=true";
 
-/// What the scenarios cannot show: files, options, signals; and one of each kind of fault, as a
-/// build with a sanitizer has nothing else that plays.
+/// What scenarios cannot test: files, options, signals. And one of each kind of fault for builds
+/// with a sanitizer, which do not run scenarios.
 const Scenario kScenarios[] = {
     {"24on60", "24.mp4 --rate 60", "frames_in=72", kLocks},
     {"30on60", "30.mp4 --rate 60", "", "pattern=[2:2] held_after_us=0..1000000 stayed=true"},
@@ -158,7 +159,7 @@ TEST_P(PlayTest, IsAccountedForAndInTime) {
     EXPECT_EQ(sum("frames_shown frames_superseded frames_dropped frames_flushed frames_refused "
                   "frames_discarded_by_stop frames_in_tunnel_at_stop"),
               framesIn);
-    // Each frame has its buffer back once: by callback, or at stop.
+    // Each buffer is returned once: by callback or at stop.
     EXPECT_EQ(sum("buffers_returned buffers_taken_back_at_stop"), framesIn);
     expectFacts(facts, scenario.always);
     if (kVirtualClock) {
@@ -201,6 +202,7 @@ TEST(BadInputTest, IsToldInOneLineWithStatus2) {
         {{"play", pipe}, "is a pipe"},
         {{"play", pictureless, "--trace", scratch("untouched.json")}, "no mpeg4 picture"},
         {{"play", clip("24.mp4"), "--bogus"}, "--bogus"},
+        {{"play", "no\x1b[31m\n\x9b.mp4"}, "'no\\x1b[31m\\x0a\\x9b.mp4': No such file"},
         {{"play", clip("24.mp4"), "--prop", "a=" + std::string(92, 'x')}, "91 bytes"},
         {{"play", clip("24.mp4"), "--csv", "/nonexistent/frames.csv"}, "No such file"},
         {{"play", clip("24.mp4"), "--trace", "/nonexistent/trace.json"}, "No such file"},
@@ -230,8 +232,8 @@ TEST(RefusedOutputTest, LeavesEveryFileAsItWas) {
         {{"--csv", film}, "is the film"},
         {{"--json", link}, "is the film"},
         {{"--events", kept, "--trace", film}, "is the film"},
-        {{"--csv", fresh, "--json", fresh}, "--json " + fresh + ": is the file of --csv, too"},
-        {{"--events", kept, "--trace", kept}, "is the file of --events, too"},
+        {{"--csv", fresh, "--json", fresh}, "--json " + fresh + ": is also the file of --csv"},
+        {{"--events", kept, "--trace", kept}, "is also the file of --events"},
         {{"--csv", kept, "--json", "/nonexistent/x"}, "No such file"},
         {{"--csv", kept, "--events", fresh, "--trace", "/nonexistent/x"}, "No such file"},
         {{"--csv", kept, "--prop", "a=" + std::string(92, 'x')}, "91 bytes"},
@@ -248,6 +250,43 @@ TEST(RefusedOutputTest, LeavesEveryFileAsItWas) {
     for (const auto& file : {film, link, kept}) {
         unlink(file.c_str());
     }
+}
+
+TEST(TwoRunsTest, IntoOneFileAreRefusedWhileTheFirstPlays) {
+    const std::string csv = scratch("shared.csv");
+    const std::string trace = scratch("shared.json");
+    CommandResult first;
+    std::thread playing([&] {
+        first =
+            korvaneTv({"play", clip("24.mp4"), "--csv", csv, "--trace", trace, "--clock", "real"});
+    });
+    while (readFile(trace).find("showFrame") == std::string::npos) {
+        usleep(1000);
+    }
+    const std::string refusal = ": another run is writing it";
+    expectRefused({"play", clip("24.mp4"), "--json", csv}, csv + refusal);
+    expectRefused({"play", clip("24.mp4"), "--trace", trace}, trace + refusal);
+    playing.join();
+    EXPECT_EQ(first.status, 0) << first.error;
+    const std::string lines = readFile(csv);
+    EXPECT_EQ(std::count(lines.begin(), lines.end(), '\n'), 73) << "a header and 72 frames";
+    EXPECT_EQ(korvaneTv({"play", clip("24.mp4"), "--csv", csv, "--trace", trace}).status, 0);
+    unlink(csv.c_str());
+    unlink(trace.c_str());
+}
+
+TEST(SeedTest, ReachesTheVsyncJitter) {
+    if (!kVirtualClock) {
+        GTEST_SKIP() << "real time is another each time";
+    }
+    std::vector<std::string> hashes;
+    for (const char* seed : {"1", "2", "2"}) {
+        const std::string output =
+            korvaneTv({"play", clip("24.mp4"), "--vsync-jitter", "5ms", "--seed", seed}).output;
+        hashes.push_back(output.substr(output.find("events "), 23));
+    }
+    EXPECT_NE(hashes[0], hashes[1]);
+    EXPECT_EQ(hashes[1], hashes[2]);
 }
 
 TEST(NoteTest, WhatCannotHappenIsSaidAndPlayedAllTheSame) {
@@ -341,8 +380,20 @@ TEST(KillTest, LeavesAReadableTraceAndNothingInTheWayOfTheNextPlay) {
     EXPECT_EQ(korvaneTv({"play", clip("24.mp4"), "--seconds", "0.5"}).status, 0);
 }
 
+TEST(FirstSignalTest, KillsAPlayerThatWaitsForAnOutputToOpen) {
+    const std::string pipe = scratch("pipe");
+    const std::string csv = scratch("first.csv");
+    ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+    Command command;
+    command.arguments = {KORVANE_TV, "play", clip("24.mp4"), "--csv", csv, "--json", pipe};
+    command.signals = {{SIGINT, "", csv}};
+    EXPECT_EQ(runCommand(command).status, 128 + SIGINT);
+    unlink(csv.c_str());
+    unlink(pipe.c_str());
+}
+
 TEST(SecondSignalTest, KillsAPlayerThatTheFirstDidNotEnd) {
-    // The summary goes into a pipe that is full: after the first signal the player waits for good.
+    // The pipe for the summary is full: after the first signal the player blocks in writing.
     const std::string pipe = scratch("pipe");
     ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
     const int end = open(pipe.c_str(), O_RDWR | O_NONBLOCK);

@@ -1,0 +1,418 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "player/command/CommandLine.h"
+
+#include <fmt/format.h>
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <charconv>
+#include <cstdlib>
+#include <functional>
+#include <optional>
+#include <string_view>
+
+#include "player/base/Limits.h"
+#include "player/base/Text.h"
+#include "player/base/Units.h"
+
+namespace korvane::player {
+namespace {
+
+using Words = std::vector<std::string>;
+
+bool startsWith(const std::string& text, std::string_view start) {
+    return text.compare(0, start.size(), start) == 0;
+}
+
+/// A kind of value: its name in the help, its parser, and the end of the message about a text that
+/// the parser does not accept: "'5x' is not " + wanted.
+template <typename Value>
+struct Kind {
+    std::string name;
+    std::function<std::optional<Value>(const std::string&)> parse;
+    std::string wanted;
+};
+
+template <typename Parse>
+auto bounded(Parse parse, double least, double most) {
+    return [=](const std::string& text) {
+        auto value = parse(text);
+        return value && *value >= least && *value <= most ? value : std::nullopt;
+    };
+}
+
+const Kind<int64_t> kDuration{"TIME", bounded(parseDuration, 0, kLongestUs),
+                              "a duration; write for example 2s or 200ms"};
+const Kind<int64_t> kLength{"TIME", bounded(parseDuration, 1, kLongestUs),
+                            "a duration of more than 0; say how long to play, such as 10s"};
+const Kind<int64_t> kJitter{"TIME", bounded(parseDuration, 0, kMostVsyncJitterUs),
+                            "a duration of at most 5ms; write for example 500us"};
+
+Kind<DurationPair> durationPair(const std::string& name) {
+    return {name, parseDurationPair, "a pair of durations; write for example 5s:800ms"};
+}
+
+const Kind<FrameRate> kDisplayRate{
+    "HZ",
+    [](const std::string& text) {
+        const auto rate = parseRate(text);
+        const bool taken =
+            rate && rate->hz() >= kLowestDisplayHz && rate->hz() <= kHighestDisplayHz;
+        return taken ? rate : std::nullopt;
+    },
+    fmt::format("between {} and {} Hz; write for example 60, 59.94 or 60000/1001", kLowestDisplayHz,
+                kHighestDisplayHz)};
+
+std::optional<double> parseSigned(const std::string& text) {
+    const bool negative = startsWith(text, "-");
+    const auto value = parseDecimal(text.substr(negative || startsWith(text, "+") ? 1 : 0));
+    return value && negative ? -*value : value;
+}
+const Kind<double> kDrift{"PPM", bounded(parseSigned, -kMostDriftPpm, kMostDriftPpm),
+                          fmt::format("between -{0} and {0} parts per million", kMostDriftPpm)};
+
+Kind<int64_t> count(int64_t least, int64_t most, const std::string& unit) {
+    return {"N", bounded(parseCount, static_cast<double>(least), static_cast<double>(most)),
+            fmt::format("a whole number of {} between {} and {}", unit, least, most)};
+}
+
+const Kind<uint64_t> kSeed{"N",
+                           [](const std::string& text) {
+                               uint64_t value = 0;
+                               const char* end = text.data() + text.size();
+                               const auto result = std::from_chars(text.data(), end, value);
+                               const bool whole = result.ec == std::errc() && result.ptr == end;
+                               return whole ? std::optional(value) : std::nullopt;
+                           },
+                           "a seed; write a whole number of 0 or more"};
+
+const Kind<int32_t> kLogMask{
+    "MASK",
+    [](const std::string& text) {
+        char* end = nullptr;
+        const long value = std::strtol(text.c_str(), &end, 0);
+        const bool number = text[0] >= '0' && text[0] <= '9' && *end == '\0';
+        return number && value <= INT32_MAX ? std::optional(static_cast<int32_t>(value))
+                                            : std::nullopt;
+    },
+    "a log mask; add up 1 (lifecycle), 2 (frames), 4 (detail), 16 (trace counters), for example 3"};
+
+using Property = std::pair<std::string, std::string>;
+const Kind<Property> kProperty{
+    "NAME=VALUE",
+    [](const std::string& text) {
+        const size_t equals = text.find('=');
+        return equals == text.npos || equals == 0
+                   ? std::nullopt
+                   : std::optional(Property(text.substr(0, equals), text.substr(equals + 1)));
+    },
+    "a property; write NAME=VALUE"};
+
+/// Whether the clock is virtual.
+const Kind<bool> kClock{"MODE",
+                        [](const std::string& text) {
+                            const bool known = text == "virtual" || text == "real";
+                            return known ? std::optional(text == "virtual") : std::nullopt;
+                        },
+                        "a clock; write virtual or real"};
+
+const Kind<std::string> kOutputFile{
+    "FILE",
+    [](const std::string& text) {
+        return text.empty() || text == "-" ? std::nullopt : std::optional(text);
+    },
+    "a file; standard output gets the report, write the name of a file"};
+
+/// Adds an option that may be repeated; `take` gets each value.
+template <typename Value, typename Take>
+CLI::Option* addEach(CLI::App* app, const std::string& name, const Kind<Value>& kind,
+                     const std::string& help, Take take) {
+    const auto check = [kind](const std::string& text) {
+        return kind.parse(text) ? "" : fmt::format("'{}' is not {}", text, kind.wanted);
+    };
+    const auto takeAll = [kind, take](const Words& texts) {
+        for (const auto& text : texts) {
+            take(*kind.parse(text));
+        }
+    };
+    return app->add_option_function<Words>(name, takeAll, help)
+        ->check(check)
+        ->type_name(kind.name)
+        ->type_size(1)
+        ->allow_extra_args(false)
+        ->take_all();
+}
+
+/// Adds an option that is given at most once.
+template <typename Value, typename Target>
+CLI::Option* add(CLI::App* app, const std::string& name, const Kind<Value>& kind,
+                 const std::string& help, Target* target) {
+    const auto take = [target](const Value& value) { *target = static_cast<Target>(value); };
+    return addEach(app, name, kind, help, take)
+        ->expected(1)
+        ->multi_option_policy(CLI::MultiOptionPolicy::Throw);
+}
+
+CLI::Option* addFlag(CLI::App* app, const std::string& name, bool* value, const std::string& help) {
+    return app->add_flag(name, *value, help)->disable_flag_override();
+}
+
+void addDisplayOptions(CLI::App* app, PlayOptions* options) {
+    add(app, "--rate", kDisplayRate,
+        "Refresh rate [60]; broadcast rates mean exact fractions: 59.94 is 60000/1001",
+        &options->rate);
+    add(app, "--display-drift", kDrift,
+        "How much faster than its nominal rate the display runs [0]", &options->displayDriftPpm);
+    add(app, "--vsync-jitter", kJitter,
+        "Largest error of the vsync times that the display reports, at most 5ms [0]",
+        &options->vsyncJitterUs);
+}
+
+void addAudioOptions(CLI::App* app, PlayOptions* options) {
+    add(app, "--audio-delay", kDuration,
+        "Time from the first audio packet to the first sound [50ms]", &options->audioDelayUs);
+    add(app, "--audio-drift", kDrift, "How much faster than the monotonic clock audio plays [0]",
+        &options->audioDriftPpm);
+    addEach(app, "--audio-underflow", durationPair("AT:TIME"),
+            "At media time AT audio underflows for TIME (5s:800ms); may be repeated",
+            [options](const DurationPair& pair) {
+                options->underflows.push_back({pair.firstUs, pair.secondUs});
+            });
+    addFlag(app, "--no-audio", &options->noAudio, "Play the video only");
+}
+
+void addPlaybackOptions(CLI::App* app, PlayOptions* options) {
+    add(app, "--seconds", kLength, "Play only this much of the file", &options->limitUs);
+    addFlag(app, "--passthrough", &options->passthrough,
+            "Tuner pass-through: the media-sync instance decides about each frame");
+    addFlag(app, "--peek", &options->peek, "Show the first frame at once, before audio starts");
+    addEach(app, "--flush-at", Kind<int64_t>{"AT", kDuration.parse, kDuration.wanted},
+            "Flush audio and video once AT has been shown, then go on; may be repeated",
+            [options](int64_t atUs) {
+                options->seeks.push_back({atUs, 0, true, true});
+            });
+    addEach(app, "--seek", durationPair("AT:TO"),
+            "Seek to TO once AT has been shown (2s:10s); may be repeated",
+            [options](const DurationPair& pair) {
+                options->seeks.push_back({pair.firstUs, pair.secondUs, false, true});
+            });
+    addEach(app, "--video-stall", durationPair("AT:TIME"),
+            "At media time AT send no frame for TIME (2s:300ms); may be repeated",
+            [options](const DurationPair& pair) {
+                options->videoStalls.push_back({pair.firstUs, pair.secondUs});
+            });
+    add(app, "--buffers", count(kFewestBuffers, kMostBuffers, "buffers"),
+        "Frame buffers of the player, 5 to 64 [16]", &options->buffers);
+}
+
+void addPlatformOptions(CLI::App* app, PlayOptions* options) {
+    add(app, "--log", kLogMask,
+        "Print the library's log; add up 1 lifecycle, 2 frames, 4 detail, 16 trace counters (sets "
+        "vendor.korvane.loglevels). Without it only warnings and errors are printed",
+        &options->logMask);
+    addEach(app, "--prop", kProperty, "Set a system property; may be repeated",
+            [options](const Property& property) { options->properties.push_back(property); });
+}
+
+void addClockOptions(CLI::App* app, PlayOptions* options) {
+    add(app, "--clock", kClock,
+        "virtual: simulated time, as fast as the machine can; real: real time [virtual]",
+        &options->virtualClock);
+    add(app, "--seed", kSeed,
+        "Seed of all that is random: the order of threads and the vsync jitter. The same seed "
+        "gives the same playback [1]",
+        &options->seed);
+}
+
+void addOutputOptions(CLI::App* app, PlayOptions* options) {
+    add(app, "--trace", kOutputFile,
+        "Record a trace (Chrome trace-event JSON, for the Perfetto UI)", &options->traceFile);
+    add(app, "--csv", kOutputFile, "Write one line per frame, after a header line",
+        &options->csvFile);
+    add(app, "--json", kOutputFile, "Write the summary as one flat JSON object, one key per line",
+        &options->jsonFile);
+    add(app, "--events", kOutputFile,
+        "Write one line per event: sent, queued, shown, returned, dropped, ...",
+        &options->eventsFile);
+    addFlag(app, "-q,--quiet", &options->quiet,
+            "Print no progress, and only the verdict of the report");
+}
+
+CLI::App* addPlayCommand(CLI::App* app, PlayOptions* options) {
+    CLI::App* play = app->add_subcommand(
+        "play",
+        "Play a media file on the simulated TV and report what was on screen. Durations are "
+        "written 2s, 200ms, 1h30m or 1.5 (seconds).");
+    play->add_option("FILE", options->file, "Media file: anything that FFmpeg reads")
+        ->type_name("")
+        ->required();
+    const std::pair<const char*, void (*)(CLI::App*, PlayOptions*)> groups[] = {
+        {"Display", addDisplayOptions},   {"Audio", addAudioOptions},
+        {"Playback", addPlaybackOptions}, {"Platform", addPlatformOptions},
+        {"Clock", addClockOptions},       {"Output", addOutputOptions}};
+    for (const auto& [group, addOptions] : groups) {
+        play->option_defaults()->group(group);
+        addOptions(play, options);
+    }
+    play->footer(
+        "Exit status: 0 every frame is accounted for and every buffer was returned; 1 otherwise, "
+        "or if an output could not be written; 2 wrong usage or input, no output is touched; 3 the "
+        "threads hang.");
+    return play;
+}
+
+CLI::App* addRunCommand(CLI::App* app, RunOptions* options) {
+    CLI::App* run =
+        app->add_subcommand("run", "Play scenarios, check what they expect, print a verdict each.");
+    run->add_option("SCENARIO", options->paths,
+                    "Scenario files (*.toml), folders of them, or names of installed ones")
+        ->type_name("")
+        ->required();
+    add(run, "-j,--jobs", count(1, kMostJobs, "scenarios"),
+        "Scenarios that play at a time, 1 to 256 [1]", &options->jobs);
+    add(run, "--seed", kSeed, "Seed of all scenarios, instead of their own", &options->seed);
+    add(run, "--clock", kClock, "virtual or real [virtual]", &options->virtualClock);
+    add(run, "--events", Kind<std::string>{"DIR", kOutputFile.parse, "a folder; write its name"},
+        "Keep the event logs in this folder, as NAME.events; a second scenario of the same name "
+        "is NAME-2",
+        &options->eventsFolder);
+    addFlag(run, "-v,--verbose", &options->verbose, "Print each report and the library's log");
+    run->footer(
+        "A scenario says what is played, on which TV with which faults, and what is expected; "
+        "docs/scenarios.md describes every key.\n"
+        "Exit status: 0 all as expected; 1 not all; 2 wrong usage, or a file that is no scenario.");
+    return run;
+}
+
+CLI::App* addListCommand(CLI::App* app, ListOptions* options) {
+    CLI::App* list = app->add_subcommand("list", "Print what each scenario shows and expects.");
+    list->add_option("DIR", options->path,
+                     "A folder of scenarios, or one scenario [scenarios, else the installed ones]")
+        ->type_name("");
+    return list;
+}
+
+/// What CLI11 did not take, option first, as it was typed: of "-qz" CLI11 leaves "-z".
+/// @return empty if there is none
+std::string leftOver(const CLI::App& app, const Words& words) {
+    const Words left = app.remaining(true);
+    if (left.empty()) {
+        return "";
+    }
+    auto first = std::find_if(left.begin(), left.end(),
+                              [](const auto& word) { return startsWith(word, "-"); });
+    first = first != left.end() ? first : left.begin();
+    if (!startsWith(*first, "-") || std::count(words.begin(), words.end(), *first) > 0) {
+        return *first;
+    }
+    const std::string tail = first->substr(1);
+    const auto typed = std::find_if(words.begin(), words.end(), [&tail](const auto& word) {
+        return startsWith(word, "-") && word.size() > tail.size() &&
+               word.compare(word.size() - tail.size(), tail.size(), tail) == 0;
+    });
+    return typed != words.end() ? *typed : *first;
+}
+
+/// An option that has a value too many or too few, which CLI11 says in its text only.
+std::string explainMismatch(const CLI::App& command, const Words& words) {
+    for (const CLI::Option* option : command.get_options()) {
+        const std::string name = option->get_name();
+        const bool withValue = std::any_of(words.begin(), words.end(), [&name](const auto& word) {
+            return startsWith(word, name + "=");
+        });
+        if (option->get_items_expected_max() == 0 && withValue) {
+            return name + " takes no value";
+        }
+        if (option->get_items_expected_max() == 1 && option->count() > 1) {
+            return name + " may be given once";
+        }
+    }
+    // Options take the next word whatever it is: only the last one can lack it.
+    return words.back().substr(0, words.back().find('=')) + " needs a value";
+}
+
+/// @param command  the one that was given; null: none
+std::string explain(const CLI::ParseError& error, const CLI::App& app, const CLI::App* command,
+                    const Words& words) {
+    const std::string left = leftOver(app, words);
+    const bool unknownOption = startsWith(left, "-");
+    const std::string where =
+        fmt::format(" (see korvane-tv {}--help)", command ? command->get_name() + " " : "");
+    if (unknownOption) {
+        return "unknown option '" + left + "'" + where;
+    }
+    if (command == nullptr) {
+        return (left.empty() ? "no command given" : "'" + left + "' is no command") +
+               "; write korvane-tv play FILE, run SCENARIO or list";
+    }
+    if (!left.empty()) {
+        return "one argument too many: '" + left + "'" + where;
+    }
+    if (dynamic_cast<const CLI::RequiredError*>(&error) != nullptr) {
+        return (command->get_name() == "run" ? "no scenario given; write korvane-tv run FILE"
+                                             : "no file given; write korvane-tv play FILE") +
+               where;
+    }
+    if (dynamic_cast<const CLI::ArgumentMismatch*>(&error) != nullptr) {
+        return explainMismatch(*command, words) + where;
+    }
+    return error.what() + where;
+}
+
+/// The command line that repeats this playback, for people to copy.
+std::string repeatLine(const Words& words, uint64_t seed) {
+    std::string text = "korvane-tv";
+    bool seedGiven = false;
+    for (const auto& word : words) {
+        seedGiven = seedGiven || word == "--seed" || startsWith(word, "--seed=");
+        text += " " + shellWord(word);
+    }
+    return seedGiven ? text : fmt::format("{} --seed {}", text, seed);
+}
+
+void sortByTime(PlayOptions* options) {
+    const auto byTime = [](const auto& left, const auto& right) { return left.atUs < right.atUs; };
+    std::stable_sort(options->seeks.begin(), options->seeks.end(), byTime);
+    std::stable_sort(options->videoStalls.begin(), options->videoStalls.end(), byTime);
+}
+
+}  // namespace
+
+CommandLine parseCommandLine(int argc, const char* const* argv, const std::string& version) {
+    CommandLine line;
+    CLI::App app{"korvane-tv: plays media through the tunnel renderer on a simulated TV.",
+                 "korvane-tv"};
+    app.set_version_flag("--version", version, "Print versions and exit");
+    app.require_subcommand(1);
+    app.footer(
+        "Examples: korvane-tv play film.mp4 --rate 59.94 --csv frames.csv\n"
+        "          korvane-tv run scenarios/ --jobs 2");
+    const std::pair<CLI::App*, Command> commands[] = {
+        {addPlayCommand(&app, &line.play), Command::Play},
+        {addRunCommand(&app, &line.run), Command::Run},
+        {addListCommand(&app, &line.list), Command::List}};
+    const auto given = [&app] {
+        const auto parsed = app.get_subcommands();
+        return parsed.empty() ? nullptr : parsed.front();
+    };
+    const Words words(argv + std::min(argc, 1), argv + argc);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::CallForHelp&) {
+        line.text = given() != nullptr ? given()->help("korvane-tv") : app.help();
+        return line;
+    } catch (const CLI::CallForVersion&) {
+        line.text = version + "\n";
+        return line;
+    } catch (const CLI::ParseError& error) {
+        throw UsageError(explain(error, app, given(), words));
+    }
+    line.command = std::find_if(std::begin(commands), std::end(commands), [](const auto& command) {
+                       return command.first->parsed();
+                   })->second;
+    sortByTime(&line.play);
+    line.play.repeat = repeatLine(words, line.play.seed);
+    return line;
+}
+
+}  // namespace korvane::player

@@ -1,0 +1,205 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "player/command/PlayCommand.h"
+
+#include <android/log.h>
+#include <fmt/format.h>
+
+#include <iostream>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+
+#include "player/base/Errors.h"
+#include "player/command/ExitStatus.h"
+#include "player/command/Interrupt.h"
+#include "player/command/Message.h"
+#include "player/command/OutputFile.h"
+#include "player/command/Progress.h"
+#include "player/media/MediaSource.h"
+#include "player/playback/Playback.h"
+#include "player/report/EventRecorder.h"
+#include "player/report/Report.h"
+#include "player/report/ReportBuilder.h"
+#include "tv/Platform.h"
+#include "tv/clock/VirtualTime.h"
+
+namespace korvane::player {
+namespace {
+
+/// The system property from which the library takes its log mask.
+constexpr char kLogMaskProperty[] = "vendor.korvane.loglevels";
+
+/// The files of --csv, --json, --events and --trace.
+struct Outputs {
+    explicit Outputs(const PlayOptions& options)
+        : csv("--csv", options.csvFile),
+          json("--json", options.jsonFile),
+          events("--events", options.eventsFile),
+          trace("--trace", options.traceFile) {
+        claim(options.file, {&csv, &json, &events, &trace});
+    }
+
+    /// Empties the files; the trace's recorder does so itself.
+    void begin() {
+        csv.begin();
+        json.begin();
+        events.begin();
+        trace.keep();
+    }
+
+    /// @return whether all are whole; says which is not
+    bool finish() {
+        bool whole = true;
+        for (OutputFile* output : {&csv, &json, &events}) {
+            if (const std::string failure = output->finish(); !failure.empty()) {
+                say(failure);
+                whole = false;
+            }
+        }
+        return whole;
+    }
+
+    OutputFile csv;
+    OutputFile json;
+    OutputFile events;
+    OutputFile trace;
+};
+
+/// Records a trace while it lives. Its thread must end with playback, however that ends: virtual
+/// time waits for every thread.
+class Trace {
+public:
+    explicit Trace(const std::string& path) {
+        std::string error;
+        if (!path.empty() && !tv::startTrace(path, &error)) {
+            throw UsageError("--trace: " + error + "; give a file that can be written");
+        }
+    }
+    ~Trace() { tv::stopTrace(); }
+    Trace(const Trace&) = delete;
+    Trace& operator=(const Trace&) = delete;
+
+    tv::TraceReport stop() { return tv::stopTrace(); }
+};
+
+/// @return null for real time
+std::unique_ptr<tv::VirtualTime> startClock(const PlayOptions& options) {
+    const bool available = tv::VirtualTime::available();
+    if (!options.virtualClock.value_or(available)) {
+        return nullptr;
+    }
+    if (!available) {
+        throw UsageError("--clock virtual: this build has no virtual clock; use --clock real");
+    }
+    tv::VirtualTimeOptions virtualTime;
+    virtualTime.onHang = [](const std::string&) { clearProgress(); };
+    return std::make_unique<tv::VirtualTime>(options.seed, virtualTime);
+}
+
+void setProperties(const PlayOptions& options) {
+    auto properties = options.properties;
+    if (options.logMask) {
+        properties.emplace_back(kLogMaskProperty, std::to_string(*options.logMask));
+    }
+    for (const auto& [name, value] : properties) {
+        if (!tv::setProperty(name, value)) {
+            throw UsageError(fmt::format(
+                "property {}: a value has at most 91 bytes, this one has {}; give a shorter one",
+                name, value.size()));
+        }
+    }
+}
+
+void sayNotes(const PlayOptions& options, const MediaInfo& media) {
+    for (const auto& note : withoutEffect(options, media)) {
+        say(note);
+    }
+    if (!options.virtualClock && !tv::VirtualTime::available()) {
+        say("this build has no virtual clock; playing in real time");
+    }
+}
+
+/// What listens to a playback: the report, and those outputs that are written while it plays.
+struct Listeners {
+    Listeners(const PlayOptions& options, const MediaInfo& media, const PlaybackPlan& plan,
+              Outputs* outputs)
+        : report(media.frameRateHz, plan),
+          events(outputs->events.wanted() ? &outputs->events.stream() : nullptr),
+          recorder(&events),
+          progress(!options.quiet) {
+        ports.listeners = {&report, &recorder};
+        if (outputs->csv.wanted()) {
+            ports.listeners.push_back(&frames.emplace(outputs->csv.stream()));
+        }
+        ports.interrupted = interrupted;
+        ports.onLogLine = [lowest = lowestLogPriority(options)](const tv::LogLine& line) {
+            if (line.priority >= lowest) {
+                clearProgress();
+            }
+        };
+        ports.onProgress = [this](const PlaybackProgress& state, int64_t nowNs) {
+            progress.update(state, nowNs);
+        };
+    }
+
+    ReportBuilder report;
+    EventLog events;
+    EventRecorder recorder;
+    std::optional<CsvWriter> frames;
+    Progress progress;
+    PlaybackPorts ports;
+};
+
+/// Writes everything that is known only after playback.
+/// @return whether all outputs are whole
+bool writeResults(const PlayOptions& options, const PlaybackRecord& record, const Summary& summary,
+                  const tv::TraceReport& trace, const std::string& repeat, Outputs* outputs) {
+    if (record.end == EndCause::BrokenOff) {
+        say("'" + options.file + "' breaks off in the middle; it was played up to there");
+    }
+    printReport(std::cout, record, summary, trace, options.quiet);
+    std::cout << repeat << std::flush;
+    if (outputs->json.wanted()) {
+        writeJson(outputs->json.stream(), record, summary, trace);
+    }
+    if (!trace.failure.empty()) {
+        say("--trace: " + trace.failure + "; the trace is not whole, playback and summary are");
+    }
+    return outputs->finish() && trace.failure.empty();
+}
+
+}  // namespace
+
+int lowestLogPriority(const PlayOptions& options) {
+    return options.logMask ? ANDROID_LOG_DEBUG : ANDROID_LOG_WARN;
+}
+
+int playFile(const PlayOptions& options) {
+    // Virtual time has to begin before anything starts a thread.
+    const auto clock = startClock(options);
+    VideoReader video(options.file);
+    const PlaybackPlan plan = planOf(options, video.info());
+    auto audio = plan.withAudio ? std::make_unique<AudioReader>(options.file) : nullptr;
+    Outputs outputs(options);
+    setProperties(options);
+    outputs.begin();
+    Trace trace(options.traceFile);
+    catchInterrupts();
+    sayNotes(options, video.info());
+
+    Listeners listeners(options, video.info(), plan, &outputs);
+    const PlaybackRecord record = play(plan, video, std::move(audio), listeners.ports);
+    clearProgress();
+    const tv::TraceReport traceReport = trace.stop();
+    const Summary summary = listeners.report.finish(record);
+    listeners.events.finish();
+    const std::string repeat =
+        clock && !options.quiet
+            ? fmt::format("repeat    events {} from {}\n", listeners.events.hash(), options.repeat)
+            : "";
+    const bool written = writeResults(options, record, summary, traceReport, repeat, &outputs);
+    return summary.ok() && written ? kExitOk : kExitFailed;
+}
+
+}  // namespace korvane::player
