@@ -121,6 +121,14 @@ int64_t ContentTimes::endUs() const {
     return times.back() + std::max<int64_t>(step, 0);
 }
 
+int64_t ContentTimes::latestUs() const {
+    int64_t latestUs = endUs() + jumpedUs(endUs());
+    for (const auto& jump : mPlan.jumps) {
+        latestUs = std::max(latestUs, deliveredUs(jump.atFrame) - jump.byUs);
+    }
+    return latestUs;
+}
+
 SyntheticVideo::SyntheticVideo(const ContentPlan& plan, bool withAudio) : mTimes(plan) {
     mInfo.path = "synthetic";
     mInfo.container = "synthetic";

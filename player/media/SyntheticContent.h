@@ -33,6 +33,9 @@ public:
     int64_t frameAt(int64_t mediaTimeUs) const;
     /// Where the last frame's time ends, without jumps.
     int64_t endUs() const;
+    /// The latest media time that is reached, jumps included: the end, or the frame before a jump
+    /// back.
+    int64_t latestUs() const;
     /// How far a stored time has been moved by jumps.
     int64_t jumpedUs(int64_t storedUs) const;
 

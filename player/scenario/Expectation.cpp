@@ -87,8 +87,8 @@ private:
 };
 
 void Checker::checkEnd() {
-    if (mExpect.end != toString(mRecord.end)) {
-        fail("end", mExpect.end, toString(mRecord.end));
+    if (mExpect.end != mRecord.end) {
+        fail("end", toString(mExpect.end), toString(mRecord.end));
     }
     if (mExpect.buffersReturned && !mSummary.buffersBack) {
         fail("buffers_returned", "every buffer back",

@@ -113,6 +113,16 @@ TEST_F(RunTest, WhatIsNoScenarioIsRefusedBeforeAnythingIsPlayed) {
     EXPECT_THAT(input.output, HasSubstr("none.mkv': No such file"));
 }
 
+TEST_F(RunTest, LongWaitsAreNoHang) {
+    scenario("pause",
+             "[audio]\npause = [{ at = \"5s\", for = \"2h\" }]\n[expect]\nshown = \"all\"\n");
+    scenario("list",
+             "[content]\nlist = [\"0s\", \"1h\", \"2h\", \"3h\"]\n[expect]\nshown = \"all\"\n");
+    scenario("slides", "[content]\nfps = 0.1\nduration = \"1m\"\n[expect]\nshown = \"all\"\n");
+    const CommandResult result = korvaneTv({"run", mFolder});
+    EXPECT_EQ(result.status, 0) << result.output << result.error;
+}
+
 TEST_F(RunTest, KilledItLeavesNoScenarioPlaying) {
     const std::string path =
         scenario("long", "[content]\nfps = 24\nduration = \"60s\"\n[expect]\n");
