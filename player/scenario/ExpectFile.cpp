@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The table of expectations in a scenario file.
+// Reads the table [expect] of a scenario file.
 #include "player/scenario/ScenarioFile.h"
 
 namespace korvane::player {

@@ -50,7 +50,7 @@ private:
     void count(const std::string& key, const std::optional<Range>& range, int64_t seen,
                const FrameAt& first = {}) {
         if (range && !range->holds(seen)) {
-            // Where too few were seen, the first of those few is no place to look at.
+            // The first frame of too many explains the failure; the first of too few does not.
             fail(key, describe(*range), std::to_string(seen),
                  seen > range->most ? first : FrameAt{});
         }
