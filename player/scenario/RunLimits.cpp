@@ -4,10 +4,12 @@
 #include <algorithm>
 #include <cstdlib>
 
+#include "player/media/SyntheticContent.h"
+
 namespace korvane::player {
 namespace {
 
-/// For what the player and the library take themselves, and to tell a long run from an endless one.
+/// For the time that player and library take themselves.
 constexpr int64_t kReserveUs = int64_t{3600} * 1'000'000;
 /// Callbacks for one frame, with one to spare.
 constexpr int64_t kCallbacks = 4;
@@ -41,11 +43,11 @@ int64_t gapUs(const ContentPlan& content) {
     for (const auto& bunch : content.bunches) {
         frames += bunch.frames;
     }
-    return content.times.empty() ? frames * 1'000'000 * content.rate.seconds / content.rate.frames
-                                 : listUs(content.times);
+    const int64_t frameUs = 1'000'000 * content.rate.seconds / content.rate.frames + 1;
+    return content.times.empty() ? frames * frameUs : listUs(content.times);
 }
 
-/// Crystals and displays are at most 5 % off (kMostDriftPpm).
+/// Media time on a clock that is up to 5 % slow (kMostDriftPpm), with a reserve.
 int64_t withDrift(int64_t us) {
     return us + us / 10;
 }
@@ -85,10 +87,7 @@ int64_t longestRunUs(const ContentPlan& content, const PlaybackPlan& plan) {
     const bool list = !content.times.empty();
     const int64_t mediaUs =
         (list ? listUs(content.times) : content.durationUs) + jumpsUs(content, plan);
-    const auto frames =
-        list ? static_cast<int64_t>(content.times.size())
-             : content.durationUs / 1'000'000 * content.rate.frames / content.rate.seconds +
-                   content.rate.frames;
+    const int64_t frames = ContentTimes(content).frames();
     // The last action can play all of the content once more, with a start of audio of its own.
     int64_t lastActionUs = plan.restartAtUs.value_or(0);
     for (const auto& seek : plan.seeks) {
