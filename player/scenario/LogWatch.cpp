@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "player/scenario/LogWatch.h"
 
+#include "player/report/EventLine.h"
+
 #include "tv/Tv.h"
 
 namespace korvane::player {
