@@ -1,12 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// The TV's switch and its display thread. The thread sleeps until the next vsync or fence,
+// Power on and off, and the display thread. The thread sleeps until the next vsync or fence,
 // whichever is first; what it then does depends on the grid and on when each buffer was queued, not
 // on when it woke up.
-//
-// Which TV is current has a generation that counts up with every change. Each thread keeps the TV
-// of the last generation it saw, so that asking again is one comparison. What it kept before is let
-// go only when no look of that thread is left: fibers share a thread, and one may have been
-// suspended within its look.
 #include "tv/Tv.h"
 
 #include <utils/Timers.h>
@@ -19,7 +14,7 @@
 #include <limits>
 #include <mutex>
 #include <thread>
-#include <vector>
+#include <utility>
 
 #include "tv/ScopedLock.h"
 
@@ -29,66 +24,19 @@ namespace {
 struct CurrentTv {
     std::mutex lock;
     std::shared_ptr<Tv> tv KORVANE_GUARDED_BY(lock);
+    std::atomic<bool> isOn{false};
 
-    void set(std::shared_ptr<Tv> next) KORVANE_REQUIRES(lock);
+    /// @return the previous one, to be released without the lock
+    std::shared_ptr<Tv> set(std::shared_ptr<Tv> next) KORVANE_REQUIRES(lock) {
+        isOn.store(next != nullptr, std::memory_order_release);
+        return std::exchange(tv, std::move(next));
+    }
 };
-
-/// Counts the changes of the current TV; odd while there is one.
-std::atomic<uint64_t> gGeneration{0};
 
 /// Never destroyed: libraries may ask while the process ends.
 CurrentTv& currentTv() {
     static CurrentTv& instance = *new CurrentTv;
     return instance;
-}
-
-/// An earlier one is kept by its owner.
-void CurrentTv::set(std::shared_ptr<Tv> next) {
-    const uint64_t generation = gGeneration.load(std::memory_order_relaxed);
-    const uint64_t odd = next != nullptr ? 1 : 0;
-    tv.swap(next);
-    gGeneration.store(generation + 1 + ((generation + 1) % 2 != odd ? 1 : 0),
-                      std::memory_order_release);
-}
-
-/// What one thread knows of the current TV. Of trivial type, so that reading it is a plain read.
-struct Seen {
-    uint64_t generation;
-    Tv* tv;  ///< the last one that is kept
-    int looks;
-    bool keepsEarlier;
-    bool ended;  ///< the thread ends and keeps nothing any more, so it sees no TV
-};
-
-struct Kept {
-    std::vector<std::shared_ptr<Tv>> tvs;
-    ~Kept();
-};
-
-[[gnu::tls_model("initial-exec")]] thread_local Seen tSeen{};
-thread_local Kept tKept;
-
-Kept::~Kept() {
-    tSeen.tv = nullptr;
-    tSeen.ended = true;
-}
-
-void refresh(Seen& seen) {
-    const std::lock_guard<std::mutex> guard(currentTv().lock);
-    seen.generation = gGeneration.load(std::memory_order_relaxed);
-    if (seen.ended) {
-        return;
-    }
-    seen.tv = currentTv().tv.get();
-    seen.keepsEarlier = !tKept.tvs.empty();
-    tKept.tvs.push_back(currentTv().tv);
-}
-
-void letEarlierGo(Seen& seen) {
-    std::vector<std::shared_ptr<Tv>> earlier;
-    earlier.swap(tKept.tvs);
-    tKept.tvs.push_back(earlier.back());
-    seen.keepsEarlier = false;
 }
 
 /// Where in a period a TV is when it is switched on (see `Tv::powerOn`).
@@ -139,38 +87,29 @@ Tv::~Tv() {
 
 std::shared_ptr<Tv> Tv::powerOn(const TvConfig& config) {
     const std::shared_ptr<Tv> tv(new Tv(config));
+    std::shared_ptr<Tv> previous;
     {
         const std::lock_guard<std::mutex> guard(currentTv().lock);
-        currentTv().set(tv);
+        previous = currentTv().set(tv);
     }
     return {tv.get(), [tv](Tv* owned) { owned->powerOff(); }};
 }
 
-Tv::Current Tv::current() {
-    Seen& seen = tSeen;
-    ++seen.looks;
-    if (seen.generation != gGeneration.load(std::memory_order_acquire)) {
-        refresh(seen);
-    }
-    return Current(seen.tv);
-}
-
-Tv::Current::~Current() {
-    Seen& seen = tSeen;
-    if (--seen.looks == 0 && seen.keepsEarlier) {
-        letEarlierGo(seen);
-    }
+std::shared_ptr<Tv> Tv::current() {
+    const std::lock_guard<std::mutex> guard(currentTv().lock);
+    return currentTv().tv;
 }
 
 bool Tv::isAnyOn() {
-    return gGeneration.load(std::memory_order_acquire) % 2 == 1;
+    return currentTv().isOn.load(std::memory_order_acquire);
 }
 
 void Tv::powerOff() {
+    std::shared_ptr<Tv> self;  // kept until this is done
     {
         const std::lock_guard<std::mutex> guard(currentTv().lock);
         if (currentTv().tv.get() == this) {
-            currentTv().set(nullptr);
+            self = currentTv().set(nullptr);
         }
     }
     {

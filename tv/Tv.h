@@ -38,29 +38,9 @@ public:
     /// 0.35 on none of them comes nearer than 0.05 periods to a vsync or to the middle of two.
     static std::shared_ptr<Tv> powerOn(const TvConfig& config = {});
 
-    /// A look at the TV that is on, for one call: it stays valid as long as the look lasts, even if
-    /// it is switched off and let go meanwhile. Belongs to the thread that took it.
-    class Current {
-    public:
-        ~Current();
-        Current(const Current&) = delete;
-        Current& operator=(const Current&) = delete;
-
-        Tv* get() const { return mTv; }
-        Tv& operator*() const { return *mTv; }
-        Tv* operator->() const { return mTv; }
-        explicit operator bool() const { return mTv != nullptr; }
-
-    private:
-        friend class Tv;
-        explicit Current(Tv* tv) : mTv(tv) {}
-        Tv* const mTv;
-    };
-
-    /// The TV that is on, or none. Any thread; costs neither a lock nor a shared write, because
-    /// device libraries are polled. A thread keeps the memory of a TV that is off until it asks
-    /// again or ends.
-    static Current current();
+    /// The TV that is on, or null. Hold the pointer for one call only: it keeps the TV alive. Any
+    /// thread.
+    static std::shared_ptr<Tv> current();
     /// Whether any TV is on.
     static bool isAnyOn();
 
