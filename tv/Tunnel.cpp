@@ -23,7 +23,7 @@
 #include "platform/Clock.h"
 #include "tv/HeldBuffer.h"
 #include "tv/Platform.h"
-#include "tv/clock/Signal.h"
+#include "tv/clock/FencePipe.h"
 
 namespace korvane::tv {
 namespace {
@@ -31,12 +31,12 @@ namespace {
 constexpr int64_t kNever = std::numeric_limits<int64_t>::max();
 
 /// What the producer gets with a released buffer.
-enum class FenceKind { None, Signal, WrongMode };
+enum class FenceKind { None, Pipe, WrongMode };
 
 /// A fence whose time has not come. The signal is there once the producer has the descriptor.
 struct PendingFence {
     int64_t signalNs;
-    Signal signal;
+    FencePipe pipe;
 };
 
 struct Returned {
@@ -107,12 +107,12 @@ void checkPicture(const TunnelState& tunnel, int64_t number) {
 
 /// Closing one end of a socket pair wakes the other as closing a pipe does, but a socket is open
 /// for reading and writing.
-int makeSocketPair(Signal* signal, int* taken) {
+int makeSocketPair(FencePipe* pipe, int* taken) {
     int ends[2];
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) {
         return -errno;
     }
-    *signal = Signal(UniqueFd(ends[1]));
+    *pipe = FencePipe(UniqueFd(ends[1]));
     *taken = ends[0];
     return 0;
 }
@@ -180,7 +180,7 @@ struct Tunnel::Impl {
     TunnelFaults faults KORVANE_GUARDED_BY(lock);
     int nextDevice KORVANE_GUARDED_BY(lock) = 0;
     std::set<int> devices KORVANE_GUARDED_BY(lock);
-    SignalPipes signalPipes KORVANE_GUARDED_BY(lock);  ///< outlives the fences
+    FencePipes fencePipes KORVANE_GUARDED_BY(lock);  ///< outlives the fences
     std::map<int, TunnelState> tunnels KORVANE_GUARDED_BY(lock);
     /// The map's, by id, as every poll asks for one; null where the id has been freed.
     std::vector<TunnelState*> tunnelOfId KORVANE_GUARDED_BY(lock);
@@ -379,14 +379,14 @@ int Tunnel::Impl::makeFence(TunnelState& tunnel, const Returned& buffer, int* fe
     if (buffer.fence == FenceKind::None) {
         return 0;
     }
-    Signal signal;
-    const int result = buffer.fence == FenceKind::WrongMode ? makeSocketPair(&signal, fenceFd)
-                                                            : signalPipes.make(&signal, fenceFd);
+    FencePipe pipe;
+    const int result = buffer.fence == FenceKind::WrongMode ? makeSocketPair(&pipe, fenceFd)
+                                                            : fencePipes.make(&pipe, fenceFd);
     if (result < 0) {
         return result;
     }
     if (const auto pending = tunnel.fences.find(buffer.number); pending != tunnel.fences.end()) {
-        pending->second.signal = std::move(signal);
+        pending->second.pipe = std::move(pipe);
     }
     return 0;
 }
@@ -444,9 +444,9 @@ void Tunnel::Impl::replace(TunnelState& tunnel, int64_t number, const Vsync& vsy
     const int64_t signalNs =
         faults.fenceNeverSignals ? kNever : saturatingAdd(next.timeNs, faults.fenceDelayNs);
     tunnel.at(old).fenceSignalNs = signalNs;
-    tunnel.fences.emplace(old, PendingFence{signalNs, Signal()});
+    tunnel.fences.emplace(old, PendingFence{signalNs, FencePipe()});
     tunnel.returned.push_back(
-        {old, faults.fenceWrongMode ? FenceKind::WrongMode : FenceKind::Signal});
+        {old, faults.fenceWrongMode ? FenceKind::WrongMode : FenceKind::Pipe});
 }
 
 void Tunnel::Impl::traceShown(const BufferRecord& buffer, int64_t endNs) const {
