@@ -58,6 +58,27 @@ std::optional<double> takePart(const std::string& text, size_t* position) {
     return *number * *us;
 }
 
+/// A duration of any length, in microseconds.
+std::optional<double> durationUs(const std::string& text) {
+    const bool negative = !text.empty() && text[0] == '-';
+    const bool sign = negative || (!text.empty() && text[0] == '+');
+    const std::string digits = text.substr(sign ? 1 : 0);
+    double us = 0.0;
+    if (const auto bareSeconds = parseDecimal(digits)) {
+        us = *bareSeconds * kSecondUs;
+    } else {
+        size_t position = 0;
+        do {
+            const auto part = takePart(digits, &position);
+            if (!part) {
+                return std::nullopt;
+            }
+            us += *part;
+        } while (position < digits.size());
+    }
+    return negative ? -us : us;
+}
+
 }  // namespace
 
 std::optional<int64_t> parseCount(const std::string& text) {
@@ -80,26 +101,14 @@ std::optional<double> parseDecimal(const std::string& text) {
 }
 
 std::optional<int64_t> parseDuration(const std::string& text) {
-    const bool negative = !text.empty() && text[0] == '-';
-    const bool sign = negative || (!text.empty() && text[0] == '+');
-    const std::string digits = text.substr(sign ? 1 : 0);
-    double us = 0.0;
-    if (const auto bareSeconds = parseDecimal(digits)) {
-        us = *bareSeconds * kSecondUs;
-    } else {
-        size_t position = 0;
-        do {
-            const auto part = takePart(digits, &position);
-            if (!part) {
-                return std::nullopt;
-            }
-            us += *part;
-        } while (position < digits.size());
-    }
-    if (us > static_cast<double>(kLongestUs)) {
-        return std::nullopt;
-    }
-    return std::llround(negative ? -us : us);
+    const auto us = durationUs(text);
+    return us && std::fabs(*us) <= static_cast<double>(kLongestUs)
+               ? std::optional<int64_t>(std::llround(*us))
+               : std::nullopt;
+}
+
+bool isTooLong(const std::string& text) {
+    return durationUs(text) && !parseDuration(text);
 }
 
 std::optional<DurationPair> parseDurationPair(const std::string& text) {

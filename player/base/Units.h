@@ -20,6 +20,8 @@ std::optional<double> parseDecimal(const std::string& text);
 /// seconds, "1.5".
 /// @return microseconds, or nothing when the text is none or beyond `kLongestUs`
 std::optional<int64_t> parseDuration(const std::string& text);
+/// Whether a text is a duration that `parseDuration` refuses for its length alone.
+bool isTooLong(const std::string& text);
 
 /// Two durations of 0 or more joined by a colon, such as "5s:800ms".
 struct DurationPair {

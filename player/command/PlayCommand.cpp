@@ -21,7 +21,9 @@
 #include "player/report/EventRecorder.h"
 #include "player/report/Report.h"
 #include "player/report/ReportBuilder.h"
-#include "tv/Platform.h"
+#include "tv/Log.h"
+#include "tv/Properties.h"
+#include "tv/Trace.h"
 #include "tv/clock/VirtualTime.h"
 
 namespace korvane::player {

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// Synthetic content as a scenario describes it: frames by rate or one by one, the container's
-// rounding, and what is wrong with the stream. Times are microseconds of media time.
+// Content as a scenario describes it: a media file, or synthetic frames at a rate or at listed
+// times, with the rounding of a container and faults of the stream. Times are microseconds of media
+// time; frames are counted from 0.
 #pragma once
 
 #include <cstdint>
@@ -11,11 +12,11 @@
 
 namespace korvane::player {
 
-/// What a container makes of a frame's exact time.
+/// How a container rounds media times.
 enum class Rounding {
     Exact,     ///< to the microsecond
-    Matroska,  ///< to the millisecond
-    MpegTs     ///< to the tick of 90 kHz
+    Matroska,  ///< to 1 ms
+    MpegTs     ///< to 1/90000 s
 };
 
 struct ContentPlan {
@@ -23,21 +24,21 @@ struct ContentPlan {
     int64_t durationUs = 10'000'000;
     Rounding rounding = Rounding::Exact;
     int64_t startUs = 0;         ///< media time of frame 0
-    std::vector<int64_t> times;  ///< media times one by one, instead of a rate and a duration
-    std::string file;            ///< a real file, instead of all the others
+    std::vector<int64_t> times;  ///< of each frame, instead of rate and duration
+    std::string file;            ///< a media file, instead of all other fields
 
-    std::vector<int64_t> missing;    ///< frame numbers that are not delivered
-    std::vector<int64_t> duplicate;  ///< delivered twice with the same time
+    std::vector<int64_t> missing;    ///< frames that are not delivered
+    std::vector<int64_t> duplicate;  ///< frames that are delivered twice
     struct Bunch {
         int64_t atFrame = 0;
         int64_t frames = 0;
     };
-    std::vector<Bunch> bunches;  ///< these frames carry the time of the first of them
+    std::vector<Bunch> bunches;  ///< these frames have the media time of the first of them
     struct Jump {
         int64_t atFrame = 0;
         int64_t byUs = 0;
     };
-    std::vector<Jump> jumps;  ///< from this frame on, media time is this much further
+    std::vector<Jump> jumps;  ///< from this frame on, media times are shifted by this much
 };
 
 }  // namespace korvane::player

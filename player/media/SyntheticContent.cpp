@@ -6,15 +6,15 @@
 namespace korvane::player {
 namespace {
 
-/// One packet of the common audio codecs at the common rate.
+/// A packet of AAC at the usual sample rate.
 constexpr int64_t kPacketSamples = 1024;
 constexpr int64_t kSampleRate = 48'000;
 constexpr int64_t kSecondUs = 1'000'000;
-/// Ticks of an MPEG transport stream's clock.
+/// Ticks per second of an MPEG transport stream.
 constexpr int64_t kMpegTicks = 90'000;
 constexpr int64_t kMatroskaTicks = 1'000;
 
-// GCC's and clang's wide integer: a day in microseconds times a rate's parts does not fit 64 bits.
+// An extension of GCC and clang: a day in microseconds times the terms of a rate exceeds 64 bits.
 __extension__ using Wide = __int128;
 
 int64_t divideRounding(Wide dividend, Wide divisor) {
@@ -23,7 +23,7 @@ int64_t divideRounding(Wide dividend, Wide divisor) {
     return static_cast<int64_t>(shifted / divisor);
 }
 
-/// A time in parts of a microsecond (`parts` of them make one), stored in ticks and read back.
+/// Stores a time in ticks and reads it back; `parts` units of the time make a microsecond.
 int64_t throughTicks(Wide time, int64_t parts, int64_t ticksPerSecond) {
     const int64_t ticks = divideRounding(time * ticksPerSecond, Wide{parts} * kSecondUs);
     return divideRounding(Wide{ticks} * kSecondUs, ticksPerSecond);
@@ -119,6 +119,14 @@ int64_t ContentTimes::endUs() const {
     const auto& times = mPlan.times;
     const int64_t step = times.size() > 1 ? times.back() - times[times.size() - 2] : 0;
     return times.back() + std::max<int64_t>(step, 0);
+}
+
+int64_t ContentTimes::latestUs() const {
+    int64_t latestUs = endUs() + jumpedUs(endUs());
+    for (const auto& jump : mPlan.jumps) {
+        latestUs = std::max(latestUs, deliveredUs(jump.atFrame) - jump.byUs);
+    }
+    return latestUs;
 }
 
 SyntheticVideo::SyntheticVideo(const ContentPlan& plan, bool withAudio) : mTimes(plan) {

@@ -1,14 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
-// Content made up from a plan: frames with media times and no pictures, and audio packets.
+// Synthetic content from a plan: frames with media times but without pictures, and audio packets.
 //
-//   frame i   exact time     start + i * seconds / frames, or the list's i-th time
-//             as stored      rounded as the container does it: to 1 us, 1 ms or 1/90000 s, and
-//                            back to microseconds
-//             as delivered   not at all if missing; twice if duplicate; with the time of a bunch's
-//                            first frame; moved by the jumps before it
+//   time of frame i   is
+//   exact             start + i * seconds / frames, or the i-th time of the list
+//   stored            the exact time, rounded by the container to 1 us, 1 ms or 1/90000 s
+//   delivered         the stored time of the frame, or of the first frame of its bunch, shifted by
+//                     the jumps before it
 //
-// Audio comes in packets of 1024 samples at 48 kHz from media time `start` to the content's end,
-// and jumps where the video does.
+// A missing frame is not delivered, a duplicate one twice. Audio comes in packets of 1024 samples
+// at 48 kHz from media time `start` to the end of the content, and jumps where video does.
 #pragma once
 
 #include <memory>
@@ -25,15 +25,18 @@ public:
     explicit ContentTimes(const ContentPlan& plan);
 
     int64_t frames() const { return mFrames; }
-    /// Media time of a frame as delivered.
+    /// Delivered media time of a frame.
     int64_t deliveredUs(int64_t frame) const;
     /// How often a frame is delivered: 0, 1 or 2.
     int deliveries(int64_t frame) const;
-    /// The first frame at or after a media time.
+    /// The first frame whose stored time is at or after a media time; `frames()` if there is none.
     int64_t frameAt(int64_t mediaTimeUs) const;
-    /// Where the last frame's time ends, without jumps.
+    /// Stored time at which the last frame ends.
     int64_t endUs() const;
-    /// How far a stored time has been moved by jumps.
+    /// The latest media time that is reached, jumps included: the end, or the frame before a jump
+    /// back.
+    int64_t latestUs() const;
+    /// How far jumps shift a stored time.
     int64_t jumpedUs(int64_t storedUs) const;
 
 private:
@@ -61,7 +64,7 @@ private:
     const ContentTimes mTimes;
     MediaInfo mInfo;
     int64_t mNext = 0;   ///< the frame to deliver next
-    int mDelivered = 0;  ///< times that it has been
+    int mDelivered = 0;  ///< times that it has been delivered
     int64_t mMediaTimeUs = 0;
 };
 

@@ -79,7 +79,8 @@ struct PlaybackPlan {
     /// the rest is a reserve for a slow start of the decoder.
     int prebufferFrames = 8;
     Peek peek = Peek::None;
-    /// What `setFrameRate` is told, in hundredths; empty: it is not called.
+    /// What `setFrameRate` is told, in hundredths. It is not called without a rate, or with one that
+    /// the library does not take, such as 0.
     std::optional<int> toldFrameRate;
 
     std::vector<SeekAction> seeks;   ///< by time

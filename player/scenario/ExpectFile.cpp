@@ -1,14 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
-// The table of expectations in a scenario file.
-#include <utility>
-
+// Reads the table [expect] of a scenario file.
 #include "player/scenario/ScenarioFile.h"
 
 namespace korvane::player {
 namespace {
-
-constexpr std::pair<const char*, int> kPriorities[] = {
-    {"debug", 3}, {"info", 4}, {"warn", 5}, {"error", 6}};
 
 constexpr Outcome kCounted[] = {Outcome::Shown,   Outcome::Superseded,      Outcome::Flushed,
                                 Outcome::Refused, Outcome::DiscardedByStop, Outcome::InTunnelAtStop,
@@ -33,81 +28,56 @@ bool isPattern(const std::string& text) {
 }
 
 void readPatterns(TomlTable& table, Expectations* expect) {
-    const auto take = [&](const std::string& text) {
+    const auto take = [&](const std::string& key, const std::string& text) {
         if (!isPattern(text) && text != "none") {
-            table.fail("pattern", "'" + text +
-                                      "' is not a pattern, such as \"[3:2]\", or "
-                                      "\"none\"");
+            table.fail(key, "'" + text + "' is not a pattern, such as \"[3:2]\", or \"none\"");
         }
         expect->patterns.push_back(text);
     };
-    if (table.has("patterns")) {
-        table.texts("patterns", [&](const toml::node&, const std::string& text) { take(text); });
-    }
+    table.texts("patterns",
+                [&](const toml::node&, const std::string& text) { take("patterns", text); });
     if (table.has("pattern")) {
-        if (!expect->patterns.empty()) {
+        if (table.has("patterns")) {
             table.fail("pattern", "does not go together with patterns");
         }
         std::string text;
         table.text("pattern", &text);
-        take(text);
+        take("pattern", text);
     }
 }
 
 void readCounts(TomlTable& table, Expectations* expect) {
+    expect->shownAll = table.is(toString(Outcome::Shown), "all");
     for (const Outcome outcome : kCounted) {
-        const std::string key = toString(outcome);
-        std::optional<Range> range;
-        std::string text;
-        if (outcome == Outcome::Shown && table.has(key)) {
-            try {
-                table.text(key, &text);
-            } catch (const ScenarioError&) {
-                text.clear();  // a number; read below
-            }
-            expect->shownAll = text == "all";
+        if (outcome == Outcome::Shown && expect->shownAll) {
+            continue;
         }
-        if (text != "all") {
-            table.range(key, &range);
-        }
-        if (range) {
+        if (const auto range = table.range(toString(outcome))) {
             expect->outcomes[outcome] = *range;
         }
     }
-    table.range("dropped", &expect->dropped);
+    expect->dropped = table.range("dropped");
     for (const DropReason reason : kReasons) {
-        std::optional<Range> range;
-        table.range(std::string("dropped_") + toString(reason), &range);
-        if (range) {
+        if (const auto range = table.range(std::string("dropped_") + toString(reason))) {
             expect->drops[reason] = *range;
         }
     }
-    table.range("longest_drop_run", &expect->longestDropRun);
+    expect->longestDropRun = table.range("longest_drop_run");
 }
 
 void readLog(TomlTable& table, Expectations* expect) {
     table.tables("log", [&](TomlTable& entry) {
         LogExpectation log;
+        int priority = 0;
         entry.text("text", &log.text);
+        entry.choice("priority", &priority, {{"debug", 3}, {"info", 4}, {"warn", 5}, {"error", 6}});
+        log.count = entry.range("count").value_or(log.count);
+        entry.finish({"count"});
         if (entry.has("priority")) {
-            std::string name;
-            entry.text("priority", &name);
-            for (const auto& [known, priority] : kPriorities) {
-                if (name == known) {
-                    log.minimum = priority;
-                }
-            }
-            if (!log.minimum) {
-                entry.fail("priority", "'" + name + "' is none of debug, info, warn, error");
-            }
-        }
-        if (log.text.empty() && !log.minimum) {
+            log.minimum = priority;
+        } else if (log.text.empty()) {
             entry.fail("", "wants a text, a priority or both");
         }
-        std::optional<Range> count;
-        entry.require("count");
-        entry.range("count", &count);
-        log.count = *count;
         expect->log.push_back(log);
     });
 }
@@ -115,36 +85,35 @@ void readLog(TomlTable& table, Expectations* expect) {
 }  // namespace
 
 void readExpectations(TomlTable& table, Expectations* expect) {
-    table.text("end", &expect->end);
-    const std::string& end = expect->end;
-    if (end != "complete" && end != "stopped" && end != "stalled" && end != "broken_off") {
-        table.fail("end", "'" + end + "' is none of complete, stopped, stalled, broken_off");
-    }
+    table.choice("end", &expect->end,
+                 {{"complete", EndCause::Complete},
+                  {"stopped", EndCause::Stopped},
+                  {"stalled", EndCause::Stalled},
+                  {"broken_off", EndCause::BrokenOff}});
     table.flag("buffers_returned", &expect->buffersReturned);
-    table.range("buffers_kept", &expect->buffersKept);
+    expect->buffersKept = table.range("buffers_kept");
     expect->buffersReturned = expect->buffersReturned && !expect->buffersKept;
     readPatterns(table, expect);
-    table.timeRange("pattern_within", &expect->patternWithinUs);
-    table.range("slips", &expect->slips);
-    table.range("unexpected", &expect->unexpected);
-    table.range("dwell", &expect->dwell);
-    table.range("frames", &expect->framesIn);
+    expect->patternWithinUs = table.timeRange("pattern_within");
+    expect->slips = table.range("slips");
+    expect->unexpected = table.range("unexpected");
+    expect->dwell = table.range("dwell");
+    expect->framesIn = table.range("frames");
     readCounts(table, expect);
-    table.timeRange("offset_median", &expect->offsetMedianUs);
-    table.timeRange("offset_worst", &expect->offsetWorstUs);
-    table.timeRange("first_frame_within", &expect->firstFrameUs);
-    table.timeRange("second_frame_within", &expect->secondFrameUs);
-    table.timeRange("seek_within", &expect->seekUs);
-    table.timeRange("resume_within", &expect->resumeUs);
-    table.timeRange("playback", &expect->playbackUs);
-    table.timeRange("stop_within", &expect->stopUs);
-    table.range("underflows", &expect->underflows);
-    table.range("reanchors", &expect->reanchors);
-    table.range("holds", &expect->holds);
-    std::optional<Range> overwritten;
-    table.range("overwritten", &overwritten);
-    expect->overwritten = overwritten.value_or(expect->overwritten);
+    expect->offsetMedianUs = table.timeRange("offset_median");
+    expect->offsetWorstUs = table.timeRange("offset_worst");
+    expect->firstFrameUs = table.timeRange("first_frame_within");
+    expect->secondFrameUs = table.timeRange("second_frame_within");
+    expect->seekUs = table.timeRange("seek_within");
+    expect->resumeUs = table.timeRange("resume_within");
+    expect->playbackUs = table.timeRange("playback");
+    expect->stopUs = table.timeRange("stop_within");
+    expect->underflows = table.range("underflows");
+    expect->reanchors = table.range("reanchors");
+    expect->holds = table.range("holds");
+    expect->overwritten = table.range("overwritten").value_or(expect->overwritten);
     readLog(table, expect);
+    table.finish();
 }
 
 }  // namespace korvane::player

@@ -50,7 +50,7 @@ private:
     void count(const std::string& key, const std::optional<Range>& range, int64_t seen,
                const FrameAt& first = {}) {
         if (range && !range->holds(seen)) {
-            // Where too few were seen, the first of those few is no place to look at.
+            // The first frame of too many explains the failure; the first of too few does not.
             fail(key, describe(*range), std::to_string(seen),
                  seen > range->most ? first : FrameAt{});
         }
@@ -87,8 +87,8 @@ private:
 };
 
 void Checker::checkEnd() {
-    if (mExpect.end != toString(mRecord.end)) {
-        fail("end", mExpect.end, toString(mRecord.end));
+    if (mExpect.end != mRecord.end) {
+        fail("end", toString(mExpect.end), toString(mRecord.end));
     }
     if (mExpect.buffersReturned && !mSummary.buffersBack) {
         fail("buffers_returned", "every buffer back",

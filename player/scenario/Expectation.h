@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-// Compares what came of a playback with what the scenario says must hold. Pure.
+// Compares a playback with the expectations of a scenario. Pure.
 //
-// A failure reads "key: expected X, seen Y, first at frame N (t = 12.345 s)"; the frame is the
-// first one at which expected and seen part, and is left out where no single frame is at fault.
+// A failure reads "key: expected X, seen Y, first at frame N (t = 12.345 s)". The frame is the
+// first one at which expected and seen differ; without such a frame that part is left out.
 #pragma once
 
 #include <string>
@@ -14,7 +14,7 @@
 
 namespace korvane::player {
 
-/// Lines of the log that an expectation counts.
+/// The lines of the log that match an expectation.
 struct LogCount {
     int64_t lines = 0;
     int64_t firstAtUs = -1;  ///< since the library's `start`; -1: none

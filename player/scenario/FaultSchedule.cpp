@@ -14,47 +14,44 @@ bool anyCovers(const std::vector<Span>& spans, int64_t timeUs) {
 
 }  // namespace
 
-TvFaults faultsAt(const Scenario& scenario, int64_t timeUs) {
-    const DisplayPlan& display = scenario.display;
-    const TunnelPlan& tunnel = scenario.tunnel;
+TvFaults faultsAt(const FaultSpans& spans, int64_t timeUs) {
     TvFaults faults;
-    faults.tunnel.queueFails = anyCovers(tunnel.refuse, timeUs);
-    faults.tunnel.fenceNeverSignals = anyCovers(tunnel.fenceNever, timeUs);
-    faults.tunnel.fenceDelayNs = tunnel.fenceDelayUs * 1000;
-    faults.tunnel.noFences = tunnel.noFences;
-    faults.reportFails = anyCovers(display.reportFails, timeUs);
-    faults.tunnel.vsyncQueryFails = anyCovers(display.queryFails, timeUs);
-    faults.audioPaused = anyCovers(scenario.audio.pauses, timeUs);
-    for (const auto& period : display.falsePeriods) {
+    faults.tunnel.queueFails = anyCovers(spans.refuse, timeUs);
+    faults.tunnel.fenceNeverSignals = anyCovers(spans.fenceNever, timeUs);
+    faults.tunnel.fenceDelayNs = spans.fenceDelayUs * 1000;
+    faults.tunnel.noFences = spans.noFences;
+    faults.tunnel.vsyncQueryFails = anyCovers(spans.queryFails, timeUs);
+    faults.reportFails = anyCovers(spans.reportFails, timeUs);
+    faults.audioPaused = anyCovers(spans.pauses, timeUs);
+    for (const auto& period : spans.falsePeriods) {
         if (period.span.covers(timeUs)) {
-            faults.reportedPeriodNs = static_cast<int32_t>(period.periodNs);
+            faults.reportedPeriodNs = period.periodNs;
         }
     }
     return faults;
 }
 
-std::vector<TimedFaults> faultSchedule(const Scenario& scenario) {
+std::vector<TimedFaults> faultSchedule(const FaultSpans& spans) {
     std::set<int64_t> changes;
-    const auto note = [&changes](const std::vector<Span>& spans) {
-        for (const auto& span : spans) {
+    const auto note = [&changes](const std::vector<Span>& fault) {
+        for (const auto& span : fault) {
             changes.insert({span.atUs, span.atUs + span.forUs});
         }
     };
-    note(scenario.display.queryFails);
-    note(scenario.display.reportFails);
-    note(scenario.tunnel.refuse);
-    note(scenario.tunnel.fenceNever);
-    note(scenario.audio.pauses);
-    for (const auto& period : scenario.display.falsePeriods) {
+    for (const auto* fault :
+         {&spans.queryFails, &spans.reportFails, &spans.refuse, &spans.fenceNever, &spans.pauses}) {
+        note(*fault);
+    }
+    for (const auto& period : spans.falsePeriods) {
         note({period.span});
     }
-    if (scenario.tunnel.fenceDelayUs > 0 || scenario.tunnel.noFences) {
+    if (spans.fenceDelayUs > 0 || spans.noFences) {
         changes.insert(0);
     }
     std::vector<TimedFaults> schedule;
     schedule.reserve(changes.size());
     for (const int64_t timeUs : changes) {
-        schedule.push_back({timeUs, faultsAt(scenario, timeUs)});
+        schedule.push_back({timeUs, faultsAt(spans, timeUs)});
     }
     return schedule;
 }

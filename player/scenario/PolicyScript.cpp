@@ -2,10 +2,10 @@
 #include "player/scenario/PolicyScript.h"
 
 #include <algorithm>
-#include <charconv>
 #include <sstream>
 #include <utility>
 
+#include "player/base/Limits.h"
 #include "player/base/Units.h"
 
 namespace korvane::player {
@@ -17,13 +17,8 @@ constexpr std::pair<const char*, PolicyStep::Kind> kKinds[] = {{"auto", PolicySt
                                                                {"drop", PolicyStep::Kind::Drop},
                                                                {"exit", PolicyStep::Kind::Exit}};
 
-std::optional<int64_t> parseDurations(const std::string& word) {
-    int64_t times = 0;
-    const char* end = word.data() + word.size();
-    const auto result = std::from_chars(word.data(), end, times);
-    return result.ec == std::errc() && result.ptr == end && times >= 1 ? std::optional(times)
-                                                                       : std::nullopt;
-}
+/// How long the renderer waits before it asks again about a frame on hold, with a reserve.
+constexpr int64_t kHoldPollUs = 10'000;
 
 }  // namespace
 
@@ -39,22 +34,35 @@ std::optional<PolicyStep> parsePolicyStep(const std::string& text) {
     }
     PolicyStep step;
     step.kind = kind->second;
+    bool counted = false;
+    bool placed = false;
     while (words >> word) {
-        if (word == "at" && step.kind == PolicyStep::Kind::Render && words >> word) {
+        if (word == "at" && step.kind == PolicyStep::Kind::Render && !placed && words >> word) {
             const auto offset = parseDuration(word);
             if (!offset) {
                 return std::nullopt;
             }
             step.offsetUs = *offset;
+            placed = true;
             continue;
         }
-        const auto times = parseDurations(word);
-        if (!times) {
+        const auto times = parseCount(word);
+        if (counted || !times || *times < 1 || *times > kMostFrames) {
             return std::nullopt;
         }
         step.times = *times;
+        counted = true;
     }
     return step;
+}
+
+int64_t policyWaitUs(const std::vector<PolicyStep>& steps) {
+    int64_t us = 0;
+    for (const auto& step : steps) {
+        us += std::max<int64_t>(step.offsetUs, 0) +
+              (step.kind == PolicyStep::Kind::Hold ? step.times * kHoldPollUs : 0);
+    }
+    return us;
 }
 
 PolicyScript::PolicyScript(std::vector<PolicyStep> steps, PolicyClock clock)
@@ -88,6 +96,29 @@ mediasync_video_policy PolicyScript::decide(int64_t mediaTimeUs, int64_t nowUs) 
             break;
     }
     return policy;
+}
+
+void installPolicy(const std::vector<PolicyStep>& steps,
+                   const std::shared_ptr<tv::SyncInstance>& clock) {
+    const auto isAuto = [](const PolicyStep& step) { return step.kind == PolicyStep::Kind::Auto; };
+    if (std::all_of(steps.begin(), steps.end(), isAuto)) {
+        return;
+    }
+    // The instance owns the policy: a strong reference back would keep both for ever.
+    const std::weak_ptr<tv::SyncInstance> instance = clock;
+    PolicyClock policyClock;
+    policyClock.realTimeFor = [instance](int64_t mediaTimeUs, int64_t nowUs) {
+        const auto strong = instance.lock();
+        return strong ? strong->realTimeFor(mediaTimeUs, nowUs) : -1;
+    };
+    policyClock.automatic = [instance](int64_t mediaTimeUs, int64_t nowUs) {
+        const auto strong = instance.lock();
+        return strong ? strong->automaticPolicy(mediaTimeUs, nowUs) : mediasync_video_policy{};
+    };
+    const auto script = std::make_shared<PolicyScript>(steps, policyClock);
+    clock->setVideoPolicy([script](int64_t mediaTimeUs, int64_t, int64_t nowUs) {
+        return script->decide(mediaTimeUs, nowUs);
+    });
 }
 
 }  // namespace korvane::player

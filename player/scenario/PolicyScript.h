@@ -1,22 +1,35 @@
 // SPDX-License-Identifier: Apache-2.0
 // A script of pass-through decisions: "hold 20", "render", "drop 3", "render at +30ms", "exit",
-// "auto". Each entry answers once, or as often as its number says; the last one answers for ever.
+// "auto". Each entry answers once, or as often as its number says; the last one answers all further
+// questions.
 #pragma once
 
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "platform/MediaSync.h"
-#include "player/scenario/Scenario.h"
+#include "tv/MediaSyncService.h"
 
 namespace korvane::player {
 
-/// Reads one entry. @return nothing for a text that is none
+/// One entry of a script.
+struct PolicyStep {
+    enum class Kind { Auto, Render, Hold, Drop, Exit };
+    Kind kind = Kind::Auto;
+    int64_t times = 1;
+    int64_t offsetUs = 0;  ///< Render: added to the clock's time for the frame
+};
+
+/// Reads one entry. @return nothing for any other text
 std::optional<PolicyStep> parsePolicyStep(const std::string& text);
 
-/// What the script needs to know of the clock.
+/// The longest time for which a script keeps a frame off the screen.
+int64_t policyWaitUs(const std::vector<PolicyStep>& steps);
+
+/// What the script asks the clock.
 struct PolicyClock {
     /// Monotonic microseconds at which a media time is due; negative without an anchor.
     std::function<int64_t(int64_t mediaTimeUs, int64_t nowUs)> realTimeFor;
@@ -36,5 +49,9 @@ private:
     size_t mStep = 0;
     int64_t mAnswered = 0;  ///< by the current step
 };
+
+/// Lets a script decide for a clock. The TV's own policy stays where the script is "auto" alone.
+void installPolicy(const std::vector<PolicyStep>& steps,
+                   const std::shared_ptr<tv::SyncInstance>& clock);
 
 }  // namespace korvane::player

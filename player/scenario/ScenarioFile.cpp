@@ -7,11 +7,17 @@
 #include <sstream>
 #include <system_error>
 
+#include "player/base/Units.h"
+#include "player/media/SyntheticContent.h"
+#include "player/scenario/FaultSchedule.h"
 #include "player/scenario/PolicyScript.h"
-#include "tv/Display.h"
+#include "player/scenario/RunLimits.h"
 
 namespace korvane::player {
 namespace {
+
+constexpr char kLogMaskProperty[] = "vendor.korvane.loglevels";
+constexpr char kFreeRunProperty[] = "vendor.tunerpassthrough.renderfreeRun";
 
 template <typename T>
 void sortByTime(std::vector<T>* values) {
@@ -19,40 +25,7 @@ void sortByTime(std::vector<T>* values) {
                      [](const T& left, const T& right) { return left.atUs < right.atUs; });
 }
 
-void readRounding(TomlTable& table, Rounding* rounding) {
-    std::string name = "exact";
-    table.text("timestamps", &name);
-    if (name == "exact") {
-        *rounding = Rounding::Exact;
-    } else if (name == "matroska") {
-        *rounding = Rounding::Matroska;
-    } else if (name == "mpegts") {
-        *rounding = Rounding::MpegTs;
-    } else {
-        table.fail("timestamps", "'" + name + "' is none of exact, matroska, mpegts");
-    }
-}
-
-void readBunches(TomlTable& table, ContentPlan* content) {
-    table.tables("bunch", [&](TomlTable& entry) {
-        ContentPlan::Bunch bunch;
-        entry.require("at");
-        entry.require("frames");
-        entry.integer("at", &bunch.atFrame, {0, kMostFrames});
-        entry.integer("frames", &bunch.frames, {2, kMostFrames});
-        content->bunches.push_back(bunch);
-    });
-    table.tables("jump", [&](TomlTable& entry) {
-        ContentPlan::Jump jump;
-        entry.require("at");
-        entry.require("by");
-        entry.integer("at", &jump.atFrame, {1, kMostFrames});
-        entry.time("by", &jump.byUs, {-kLongestUs, kLongestUs});
-        content->jumps.push_back(jump);
-    });
-}
-
-/// A real file, a list of times, or a rate: each leaves out what the others need.
+/// A media file, a list of times and a rate exclude each other, and what goes with them.
 void refuseTogether(TomlTable& table, const std::string& key,
                     std::initializer_list<const char*> others) {
     for (const char* other : others) {
@@ -62,164 +35,241 @@ void refuseTogether(TomlTable& table, const std::string& key,
     }
 }
 
+/// What is wrong with the stream; frames are counted from 0.
+void readStreamFaults(TomlTable& table, ContentPlan* content) {
+    const int64_t frames = ContentTimes(*content).frames();
+    const std::string has = "; the content has " + counted(frames, "frame");
+    table.integers("missing", &content->missing, {0, frames - 1}, has);
+    table.integers("duplicate", &content->duplicate, {0, frames - 1}, has);
+    table.tables("bunch", [&](TomlTable& entry) {
+        ContentPlan::Bunch bunch;
+        entry.integer("at", &bunch.atFrame, {0, frames - 2}, has);
+        entry.integer("frames", &bunch.frames, {2, frames - bunch.atFrame}, has);
+        entry.finish({"at", "frames"});
+        content->bunches.push_back(bunch);
+    });
+    table.tables("jump", [&](TomlTable& entry) {
+        ContentPlan::Jump jump;
+        entry.integer("at", &jump.atFrame, {1, frames - 1}, has);
+        entry.time("by", &jump.byUs, {-kLongestUs, kLongestUs});
+        entry.finish({"at", "by"});
+        content->jumps.push_back(jump);
+    });
+}
+
 void readContent(TomlTable& table, ContentPlan* content) {
-    refuseTogether(table, "file", {"fps", "list", "duration", "timestamps", "start"});
+    refuseTogether(table, "file",
+                   {"fps", "list", "duration", "timestamps", "start", "missing", "duplicate",
+                    "bunch", "jump"});
     refuseTogether(table, "list", {"fps", "duration", "start"});
     table.text("file", &content->file);
     table.times("list", &content->times);
-    table.rate("fps", &content->rate, kLowestContentHz, kHighestContentHz);
-    table.time("duration", &content->durationUs, kContentDurationUs);
-    table.time("start", &content->startUs);
-    readRounding(table, &content->rounding);
-    table.integers("missing", &content->missing, {0, kMostFrames});
-    table.integers("duplicate", &content->duplicate, {0, kMostFrames});
-    readBunches(table, content);
-    const bool shaped = !content->missing.empty() || !content->duplicate.empty() ||
-                        !content->bunches.empty() || !content->jumps.empty();
-    if (!content->file.empty() && shaped) {
-        table.fail("file",
-                   "a real file is played as it is; leave out missing, duplicate, bunch, "
-                   "jump");
-    }
     if (table.has("list") && content->times.size() < 2) {
         table.fail("list", "wants at least two times");
     }
+    table.rate("fps", &content->rate, kLowestContentHz, kHighestContentHz);
+    table.time("duration", &content->durationUs, kContentDurationUs);
+    table.time("start", &content->startUs);
+    table.choice("timestamps", &content->rounding,
+                 {{"exact", Rounding::Exact},
+                  {"matroska", Rounding::Matroska},
+                  {"mpegts", Rounding::MpegTs}});
+    readStreamFaults(table, content);
+    table.finish();
 }
 
-void readDisplay(TomlTable& table, DisplayPlan* display) {
-    table.rate("rate", &display->rate, kLowestDisplayHz, kHighestDisplayHz);
-    table.ppm("drift", &display->driftPpm);
-    table.time("jitter", &display->jitterUs, {0, kMostVsyncJitterUs});
+void readDisplay(TomlTable& table, PlaybackPlan* plan, FaultSpans* faults) {
+    tv::DisplayConfig& display = plan->tv.display;
+    int64_t jitterUs = 0;
+    table.rate("rate", &display.rateHz, kLowestDisplayHz, kHighestDisplayHz);
+    table.ppm("drift", &display.driftPpm);
+    table.time("jitter", &jitterUs, {0, kMostVsyncJitterUs});
+    display.reportJitterNs = jitterUs * 1000;
     table.tables("mode_change", [&](TomlTable& entry) {
-        DisplayPlan::ModeChange change;
-        entry.require("at");
-        entry.require("rate");
+        ModeChange change;
         entry.time("at", &change.atUs);
-        entry.rate("rate", &change.rate, kLowestDisplayHz, kHighestDisplayHz);
-        display->modeChanges.push_back(change);
+        entry.rate("rate", &change.rateHz, kLowestDisplayHz, kHighestDisplayHz);
+        entry.finish({"at", "rate"});
+        plan->modeChanges.push_back(change);
     });
-    sortByTime(&display->modeChanges);
-    table.spans("query_fails", &display->queryFails);
-    table.spans("report_fails", &display->reportFails);
+    sortByTime(&plan->modeChanges);
+    faults->queryFails = table.spans("query_fails");
+    faults->reportFails = table.spans("report_fails");
     table.tables("report_period", [&](TomlTable& entry) {
-        DisplayPlan::FalsePeriod period;
-        for (const char* key : {"at", "for", "period"}) {
-            entry.require(key);
-        }
+        FaultSpans::FalsePeriod period;
         entry.time("at", &period.span.atUs);
         entry.time("for", &period.span.forUs, {1, kLongestUs});
         entry.nanoseconds("period", &period.periodNs);
-        display->falsePeriods.push_back(period);
+        entry.finish({"at", "for", "period"});
+        faults->falsePeriods.push_back(period);
+    });
+    table.finish();
+}
+
+/// What audio is to do at a media time that it never reaches would be left out in silence.
+void refusePastEnd(TomlTable& entry, const ContentPlan& content, int64_t atUs) {
+    if (!content.file.empty()) {
+        return;
+    }
+    const int64_t endUs = ContentTimes(content).latestUs();
+    if (atUs >= endUs) {
+        entry.fail("at", "is past the end of the content, " + seconds(endUs));
+    }
+}
+
+void readAudioFaults(TomlTable& table, const ContentPlan& content, tv::AudioConfig* audio) {
+    table.tables("underflow", [&](TomlTable& entry) {
+        Span span;
+        entry.time("at", &span.atUs);
+        entry.time("for", &span.forUs, {1, kLongestUs});
+        entry.finish({"at", "for"});
+        refusePastEnd(entry, content, span.atUs);
+        audio->underflows.push_back({span.atUs, span.forUs});
+    });
+    table.tables("step_back", [&](TomlTable& entry) {
+        Span step;
+        entry.time("at", &step.atUs);
+        entry.time("by", &step.forUs, {1, kLongestUs});
+        entry.finish({"at", "by"});
+        refusePastEnd(entry, content, step.atUs);
+        audio->stepBacks.push_back({step.atUs, step.forUs});
     });
 }
 
-void readAudio(TomlTable& table, AudioPlan* audio) {
-    audio->enabled = true;
-    table.flag("enabled", &audio->enabled);
-    table.time("start_delay", &audio->startDelayUs);
-    table.time("step", &audio->stepUs, {100, 1'000'000});
-    table.ppm("drift", &audio->driftPpm);
-    table.flag("never_starts", &audio->neverStarts);
-    table.spans("underflow", &audio->underflows);
-    table.spans("pause", &audio->pauses);
-    table.tables("step_back", [&](TomlTable& entry) {
-        AudioPlan::StepBack step;
-        entry.require("at");
-        entry.require("by");
-        entry.time("at", &step.atUs);
-        entry.time("by", &step.byUs, {1, kLongestUs});
-        audio->stepBacks.push_back(step);
-    });
-    sortByTime(&audio->stepBacks);
-    table.time("latency_jump", &audio->latencyJumpUs, {-5'000'000, 5'000'000});
-    table.time("latency_jump_for", &audio->latencyJumpForUs);
-    table.time("drain", &audio->drainUs, {0, 5'000'000});
+void readAudio(TomlTable& table, const ContentPlan& content, PlaybackPlan* plan,
+               FaultSpans* faults) {
+    tv::AudioConfig& audio = plan->audio;
+    plan->withAudio = true;
+    table.flag("enabled", &plan->withAudio);
+    table.time("start_delay", &audio.startDelayUs);
+    table.time("step", &audio.stepUs, {100, 1'000'000});
+    table.ppm("drift", &audio.driftPpm);
+    table.flag("never_starts", &audio.neverStarts);
+    faults->pauses = table.spans("pause");
+    readAudioFaults(table, content, &audio);
+    table.time("latency_jump", &audio.latencyJumpUs, {-5'000'000, 5'000'000});
+    table.time("latency_jump_for", &audio.latencyJumpForUs);
+    table.time("drain", &audio.drainUs, {0, 5'000'000});
+    table.finish();
     if (table.has("latency_jump") != table.has("latency_jump_for")) {
         table.fail(table.has("latency_jump") ? "latency_jump" : "latency_jump_for",
                    "latency_jump and latency_jump_for go together");
     }
+    const auto& times = content.times;
+    if (plan->withAudio && !std::is_sorted(times.begin(), times.end())) {
+        table.fail("", "needs content times that do not go back");
+    }
 }
 
-void readSeeks(TomlTable& table, PlayerPlan* player) {
+void readSeeks(TomlTable& table, const ContentPlan& content, PlaybackPlan* plan) {
     std::vector<int64_t> flushes;
     table.times("flush", &flushes);
     for (const int64_t atUs : flushes) {
-        player->seeks.push_back({atUs, 0, true});
+        plan->seeks.push_back({atUs, 0, true, false});
     }
     table.tables("seek", [&](TomlTable& entry) {
-        SeekPlan seek;
-        entry.require("at");
-        entry.require("to");
+        SeekAction seek;
         entry.time("at", &seek.atUs);
         entry.time("to", &seek.toUs);
-        player->seeks.push_back(seek);
+        entry.finish({"at", "to"});
+        const ContentTimes times(content);
+        if (content.file.empty() && times.frameAt(seek.toUs) >= times.frames()) {
+            entry.fail("to",
+                       "no frame is left there; the content ends at " + seconds(times.endUs()));
+        }
+        plan->seeks.push_back(seek);
     });
-    sortByTime(&player->seeks);
+    sortByTime(&plan->seeks);
 }
 
-void readPlayer(TomlTable& table, PlayerPlan* player) {
-    int64_t buffers = player->buffers;
-    int64_t prebuffer = player->prebufferFrames;
-    int64_t answers = 0;
-    table.integer("buffers", &buffers, {kFewestBuffers, kMostBuffers});
-    table.integer("prebuffer", &prebuffer, {0, buffers});
-    table.integer("callback_answers", &answers, {INT32_MIN, INT32_MAX});
-    player->buffers = static_cast<int>(buffers);
-    player->prebufferFrames = static_cast<int>(std::min(prebuffer, buffers));
-    player->callbackAnswers = static_cast<int>(answers);
-    table.spans("late", &player->late);
-    table.time("slow", &player->slowUs, {0, 10'000'000});
-    readSeeks(table, player);
-    table.flag("peek", &player->peek);
-    table.flag("peek_call", &player->peekCall);
-    table.flag("set_frame_rate", &player->setFrameRate);
-    if (table.has("told_fps")) {
-        double fps = 0.0;
-        table.number("told_fps", &fps, 0.0, 1000.0);
-        player->toldFps = fps;
+void readToldRate(TomlTable& table, PlaybackPlan* plan) {
+    constexpr int kNotCalled = 0;
+    bool called = true;
+    double fps = 0.0;
+    table.flag("set_frame_rate", &called);
+    table.number("told_fps", &fps, 0.0, 1000.0);
+    if (!called) {
+        plan->toldFrameRate = kNotCalled;
+    } else if (table.has("told_fps")) {
+        plan->toldFrameRate = rateInHundredths(fps);
     }
-    table.time("restart_at", &player->restartAtUs);
-    table.flag("reuse", &player->reuse);
-    if (player->reuse && !player->restartAtUs) {
+}
+
+void readPlayer(TomlTable& table, const ContentPlan& content, PlaybackPlan* plan) {
+    bool marked = false;
+    bool called = false;
+    table.integer("buffers", &plan->buffers, {kFewestBuffers, kMostBuffers});
+    table.integer("prebuffer", &plan->prebufferFrames, {0, plan->buffers});
+    plan->prebufferFrames = std::min(plan->prebufferFrames, plan->buffers);
+    for (const auto& span : table.spans("late")) {
+        plan->gaps.push_back({span.atUs, span.atUs + span.forUs});
+    }
+    table.time("slow", &plan->decodeUs, {0, 10'000'000});
+    readSeeks(table, content, plan);
+    table.flag("peek", &marked);
+    table.flag("peek_call", &called);
+    plan->peek = called ? Peek::Called : marked ? Peek::Marked : Peek::None;
+    readToldRate(table, plan);
+    table.time("restart_at", &plan->restartAtUs);
+    table.flag("reuse", &plan->reuseRenderer);
+    table.time("callback_takes", &plan->callbackTakesUs, {0, 10'000'000});
+    table.integer("callback_answers", &plan->callbackAnswers, {INT32_MIN, INT32_MAX});
+    table.time("stop_at", &plan->stopAtUs);
+    table.finish();
+    if (plan->reuseRenderer && !plan->restartAtUs) {
         table.fail("reuse", "says how to restart; restart_at is missing");
     }
-    table.time("callback_takes", &player->callbackTakesUs, {0, 10'000'000});
-    table.time("stop_at", &player->stopAtUs);
 }
 
-void readTunnel(TomlTable& table, TunnelPlan* tunnel) {
-    int64_t capacity = tunnel->capacity;
-    table.integer("capacity", &capacity, {1, 1024});
-    tunnel->capacity = static_cast<int>(capacity);
-    table.spans("refuse", &tunnel->refuse);
-    table.spans("fence_never", &tunnel->fenceNever);
-    table.time("fence_delay", &tunnel->fenceDelayUs);
-    table.flag("no_fences", &tunnel->noFences);
+void readTunnel(TomlTable& table, PlaybackPlan* plan, FaultSpans* faults) {
+    table.integer("capacity", &plan->tv.tunnel.capacity, {1, 1024});
+    faults->refuse = table.spans("refuse");
+    faults->fenceNever = table.spans("fence_never");
+    table.time("fence_delay", &faults->fenceDelayUs);
+    table.flag("no_fences", &faults->noFences);
+    table.finish();
 }
 
-void readPassthrough(TomlTable& table, PassthroughPlan* passthrough) {
-    passthrough->enabled = true;
+void readPassthrough(TomlTable& table, Scenario* scenario) {
+    std::vector<PolicyStep> steps;
+    bool freeRun = false;
     table.texts("policy", [&](const toml::node& node, const std::string& text) {
         const auto step = parsePolicyStep(text);
         if (!step) {
             table.failAt(node, "policy",
                          "'" + text +
-                             "' is not \"auto\", \"render\", \"render at +30ms\", "
-                             "\"hold\", \"drop\" or \"exit\", with a count as in \"hold 20\"");
+                             "' is not \"auto\", \"render\", \"render at +30ms\", \"hold\", "
+                             "\"drop\" or \"exit\", with one count at most, as in \"hold 20\"");
         }
-        passthrough->policy.push_back(*step);
+        steps.push_back(*step);
     });
-    table.flag("free_run", &passthrough->freeRun);
+    table.flag("free_run", &freeRun);
+    table.finish();
+    if (freeRun) {
+        scenario->properties[kFreeRunProperty] = "1";
+    }
+    PlaybackPlan& plan = scenario->plan;
+    plan.passthrough = true;
+    plan.longestWaitUs = policyWaitUs(steps);
+    plan.prepareClock = [steps](const auto& clock) { installPolicy(steps, clock); };
 }
 
 void readRun(TomlTable& table, Scenario* scenario) {
-    int64_t seed = 1;
-    table.integer("seed", &seed, {0, INT64_MAX});
-    scenario->seed = static_cast<uint64_t>(seed);
+    int32_t mask = 0;
+    table.integer("seed", &scenario->seed, {0, INT64_MAX});
+    table.integer("log_mask", &mask, {0, INT32_MAX});
     if (table.has("log_mask")) {
-        int64_t mask = 0;
-        table.integer("log_mask", &mask, {0, INT32_MAX});
-        scenario->logMask = static_cast<int32_t>(mask);
+        scenario->properties[kLogMaskProperty] = std::to_string(mask);
+    }
+    table.finish();
+}
+
+/// A text for people that fits a line.
+void readLine(TomlTable& table, const std::string& key, std::string* line) {
+    table.text(key, line);
+    const auto isControl = [](unsigned char c) { return c < 0x20 || c == 0x7f; };
+    if (std::any_of(line->begin(), line->end(), isControl)) {
+        table.fail(key, "wants one line");
     }
 }
 
@@ -242,17 +292,7 @@ toml::table parseToml(const std::string& text, const std::string& path) {
         std::string what(error.description());
         std::replace(what.begin(), what.end(), '\n', ' ');
         throw ScenarioError(path + ":" + std::to_string(error.source().begin.line) +
-                            ": no TOML: " + what);
-    }
-}
-
-void checkTogether(TomlTable& root, const Scenario& scenario) {
-    if (scenario.passthrough.enabled && scenario.player.peek) {
-        root.fail("passthrough", "does not go together with player.peek");
-    }
-    if (scenario.audio.enabled && !scenario.content.times.empty() &&
-        !std::is_sorted(scenario.content.times.begin(), scenario.content.times.end())) {
-        root.fail("audio", "needs content times that do not go back");
+                            ": not TOML: " + what);
     }
 }
 
@@ -263,25 +303,30 @@ Scenario parseScenario(const std::string& text, const std::string& path) {
     Scenario scenario;
     scenario.path = path;
     scenario.name = nameOf(path);
+    ContentPlan& content = scenario.content;
+    PlaybackPlan& plan = scenario.plan;
+    FaultSpans faults;
     TomlTable root(scenario.path, "", parsed);
-    root.require("title");
-    root.require("holds");
-    root.require("expect");
-    root.text("title", &scenario.title);
-    root.text("holds", &scenario.holds);
-    root.table("content", [&](TomlTable& table) { readContent(table, &scenario.content); });
-    root.table("display", [&](TomlTable& table) { readDisplay(table, &scenario.display); });
-    root.table("audio", [&](TomlTable& table) { readAudio(table, &scenario.audio); });
-    root.table("player", [&](TomlTable& table) { readPlayer(table, &scenario.player); });
-    root.table("tunnel", [&](TomlTable& table) { readTunnel(table, &scenario.tunnel); });
-    root.table("passthrough",
-               [&](TomlTable& table) { readPassthrough(table, &scenario.passthrough); });
+    // A misspelt table would leave its defaults to the checks of the others.
+    root.finish({"title", "holds", "expect"},
+                {"content", "display", "audio", "player", "tunnel", "passthrough", "run"});
+    readLine(root, "title", &scenario.title);
+    readLine(root, "holds", &scenario.holds);
+    root.table("content", [&](TomlTable& table) { readContent(table, &content); });
+    root.table("display", [&](TomlTable& table) { readDisplay(table, &plan, &faults); });
+    root.table("audio", [&](TomlTable& table) { readAudio(table, content, &plan, &faults); });
+    root.table("player", [&](TomlTable& table) { readPlayer(table, content, &plan); });
+    root.table("tunnel", [&](TomlTable& table) { readTunnel(table, &plan, &faults); });
+    root.table("passthrough", [&](TomlTable& table) { readPassthrough(table, &scenario); });
     root.table("run", [&](TomlTable& table) { readRun(table, &scenario); });
     root.table("expect", [&](TomlTable& table) { readExpectations(table, &scenario.expect); });
-    root.done();
-    checkTogether(root, scenario);
-    if (!scenario.content.file.empty() && scenario.content.file[0] != '/') {
-        scenario.content.file = folderOf(path) + scenario.content.file;
+    if (plan.passthrough && plan.peek == Peek::Marked) {
+        root.fail("passthrough", "does not go together with player.peek");
+    }
+    plan.faults = faultSchedule(faults);
+    plan.longestWaitUs += longestWaitUs(content, plan);
+    if (!content.file.empty() && content.file[0] != '/') {
+        content.file = folderOf(path) + content.file;
     }
     return scenario;
 }

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // Scenario files: TOML in, a Scenario out, or one line that says what is wrong and where.
 //
-// docs/scenarios.md describes every key.
+// docs/scenarios.md describes every key. Values go straight into the plan of the playback; what a
+// plan states otherwise, such as the spans of faults, is converted once the table is read.
 #pragma once
 
 #include <string>
@@ -11,11 +12,11 @@
 
 namespace korvane::player {
 
-/// Reads a scenario file. A real file named as content is looked up beside it.
+/// Reads a scenario file. The path of a media file counts from the scenario's folder.
 /// @throws ScenarioError
 Scenario readScenario(const std::string& path);
 
-/// Reads a scenario from text; `path` stands in messages and gives the scenario its name.
+/// Reads a scenario from text; messages and the scenario's name come from `path`.
 /// @throws ScenarioError
 Scenario parseScenario(const std::string& text, const std::string& path);
 

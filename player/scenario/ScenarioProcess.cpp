@@ -53,21 +53,21 @@ void writeAll(int fd, const std::string& text) {
     while (written < text.size()) {
         const ssize_t count = write(fd, text.data() + written, text.size() - written);
         if (count < 0 && errno != EINTR) {
-            return;  // the parent is gone, nobody wants it
+            return;  // the parent is gone
         }
         written += count > 0 ? static_cast<size_t>(count) : 0;
     }
 }
 
-/// Nobody waits for a scenario whose parent was killed, by a signal that none can catch or not.
+/// Ends the child with its parent, even if the parent gets SIGKILL.
 void endWithParent(pid_t parent) {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
-    if (getppid() != parent) {  // killed before it could be told
+    if (getppid() != parent) {  // it ended before prctl
         _exit(kPlayed);
     }
 }
 
-/// The child's whole life. Verdict and hash are the first two lines, failures the rest.
+/// Plays in the child process and writes the result (see ScenarioProcess.h).
 [[noreturn]] void playInChild(const Scenario& scenario, const ProcessOptions& options, int pipe) {
     if (options.virtualClock) {
         alarm(kLongestSeconds);
@@ -94,7 +94,7 @@ void endWithParent(pid_t parent) {
         text = std::string("\n\n") + error.what() + "\n";
     }
     writeAll(pipe, text);
-    // No destructor of the parent's may run here, and no buffer of its be written twice.
+    // Run no destructors and flush no buffers that belong to the parent.
     _exit(status);
 }
 
@@ -125,7 +125,7 @@ std::string explainExit(int status) {
                                  : std::string("crashed: ") + sigdescr_np(signal);
     }
     if (WEXITSTATUS(status) == tv::kHangStatus) {
-        return "hangs: see who waits for what on standard error";
+        return "hangs: standard error says which thread waits for what";
     }
     return "ended with status " + std::to_string(WEXITSTATUS(status));
 }
@@ -152,8 +152,8 @@ ProcessResult resultOf(const Child& child, int status) {
     return result;
 }
 
-/// Waits until a child has written or ended, and takes what it wrote.
-/// @return the one that ended, with its result
+/// Waits until a child has written or ended, and reads what it wrote.
+/// @return index and result of a scenario that ended
 std::optional<std::pair<size_t, ProcessResult>> waitForOne(std::vector<Child>* children) {
     std::vector<pollfd> fds;
     for (const auto& child : *children) {

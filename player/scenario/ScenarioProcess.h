@@ -1,8 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
-// Scenarios in processes of their own: started a few at a time, results in the scenarios' order.
+// Plays each scenario in its own process, a few at a time, and reports results in order.
 //
-// A child plays one scenario and writes its result into a pipe. What it cannot write any more (it
-// was killed, or the virtual clock ended it because its threads hang) is told from its exit.
+// A child process plays one scenario and writes its result into a pipe:
+//
+//   line 1   verdict, empty when playback did not end
+//   line 2   hash of the event log
+//   others   one failure each
+//
+// If it was killed, or the virtual clock ended it because its threads hang, its exit status says
+// so.
 #pragma once
 
 #include <cstdint>
@@ -22,7 +28,7 @@ struct ProcessOptions {
 };
 
 struct ProcessResult {
-    std::string verdict;  ///< empty when the scenario did not come to its end
+    std::string verdict;  ///< empty when playback did not end
     std::string eventsHash;
     std::vector<std::string> failures;
     bool wrongInput = false;  ///< its content cannot be played

@@ -1,12 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
-// Plays one scenario in this process and says whether what must hold held.
+// Plays one scenario in this process and compares what came of it with its expectations.
 #pragma once
 
 #include <cstdint>
 #include <string>
 #include <vector>
 
-#include "player/playback/PlaybackPlan.h"
 #include "player/scenario/Scenario.h"
 
 namespace korvane::player {
@@ -18,7 +17,7 @@ struct ScenarioRunOptions {
 };
 
 struct ScenarioResult {
-    std::vector<std::string> failures;  ///< empty: everything held
+    std::vector<std::string> failures;  ///< empty: every expectation held
     int64_t shown = 0;
     int64_t dropped = 0;
     std::string pattern;  ///< of the first stretch; empty: none
@@ -26,11 +25,8 @@ struct ScenarioResult {
     std::string eventsHash;
 };
 
-/// What playback is asked for. Pure.
-PlaybackPlan planOf(const Scenario& scenario);
-
-/// Plays. The process should be young and single-threaded: in virtual time all its threads become
-/// fibers. Properties and log observer are the scenario's afterwards.
+/// Plays in a process that has one thread: in virtual time all its threads become fibers. Leaves
+/// the scenario's properties and log observer set.
 /// @throws InputError for a content file that cannot be played
 ScenarioResult runScenario(const Scenario& scenario, const ScenarioRunOptions& options);
 

@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "player/scenario/TomlTable.h"
 
+#include <fmt/ranges.h>
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
 
-#include "player/base/Limits.h"
 #include "player/base/Units.h"
 
 namespace korvane::player {
@@ -13,36 +13,35 @@ namespace {
 
 constexpr char kTimeWanted[] = "a time with its unit, such as \"2s\", \"40ms\", \"16us\"";
 
-}  // namespace
-
-std::optional<Range> parseRange(
-    const std::string& text,
-    const std::function<std::optional<int64_t>(const std::string&)>& readEnd) {
-    const size_t dots = text.find("..");
-    if (dots == std::string::npos) {
-        const auto value = readEnd(text);
-        return value ? std::optional(Range{*value, *value}) : std::nullopt;
-    }
-    const std::string first = text.substr(0, dots);
-    const std::string last = text.substr(dots + 2);
-    Range range;
-    if (!first.empty()) {
-        const auto value = readEnd(first);
-        if (!value) {
-            return std::nullopt;
+/// A time as scenarios write it, in the largest unit without a fraction: "25h", "21333us".
+std::string duration(int64_t us) {
+    constexpr std::pair<int64_t, const char*> kUnits[] = {
+        {3'600'000'000, "h"}, {60'000'000, "m"}, {1'000'000, "s"}, {1'000, "ms"}};
+    for (const auto& [unitUs, name] : kUnits) {
+        if (us != 0 && us % unitUs == 0) {
+            return std::to_string(us / unitUs) + name;
         }
-        range.least = *value;
+    }
+    return us == 0 ? "0s" : std::to_string(us) + "us";
+}
+
+/// "3", "1..", "..3", "2..3" through a reader of one end.
+Range parseRange(const std::string& text,
+                 const std::function<int64_t(const std::string&)>& readEnd) {
+    const size_t dots = text.find("..");
+    const std::string first = text.substr(0, dots);
+    const std::string last = dots == std::string::npos ? first : text.substr(dots + 2);
+    Range range;
+    if (!first.empty() || last.empty()) {
+        range.least = readEnd(first);
     }
     if (!last.empty()) {
-        const auto value = readEnd(last);
-        if (!value) {
-            return std::nullopt;
-        }
-        range.most = *value;
+        range.most = readEnd(last);
     }
-    const bool open = first.empty() && last.empty();
-    return open || range.least > range.most ? std::nullopt : std::optional(range);
+    return range;
 }
+
+}  // namespace
 
 TomlTable::TomlTable(const std::string& file, std::string name, const toml::table& table)
     : mFile(file), mName(std::move(name)), mTable(table) {}
@@ -56,10 +55,14 @@ bool TomlTable::has(const std::string& key) {
     return find(key) != nullptr;
 }
 
+bool TomlTable::is(const std::string& key, const std::string& text) {
+    const auto* node = find(key);
+    return node != nullptr && node->value<std::string>() == text;
+}
+
 void TomlTable::failAtLine(uint32_t line, const std::string& key, const std::string& message) {
-    const std::string dot = mName.empty() || key.empty() ? "" : ".";
-    throw ScenarioError(mFile + ":" + std::to_string(line) + ": " + mName + dot + key + ": " +
-                        message);
+    const char* dot = mName.empty() || key.empty() ? "" : ".";
+    throw ScenarioError(fmt::format("{}:{}: {}{}{}: {}", mFile, line, mName, dot, key, message));
 }
 
 void TomlTable::failAt(const toml::node& node, const std::string& key, const std::string& message) {
@@ -71,7 +74,7 @@ void TomlTable::fail(const std::string& key, const std::string& message) {
     failAt(node != nullptr ? *node : mTable, key, message);
 }
 
-std::string TomlTable::string(const toml::node& node, const std::string& key,
+std::string TomlTable::textAt(const toml::node& node, const std::string& key,
                               const std::string& wanted) {
     const auto value = node.value<std::string>();
     if (!node.is_string() || !value) {
@@ -80,8 +83,33 @@ std::string TomlTable::string(const toml::node& node, const std::string& key,
     return *value;
 }
 
-const toml::array& TomlTable::array(const toml::node& node, const std::string& key,
-                                    const std::string& wanted) {
+int64_t TomlTable::integerAt(const toml::node& node, const std::string& key, Range range,
+                             const std::string& because) {
+    const auto number = node.value<int64_t>();
+    if (!node.is_integer() || !range.holds(*number)) {
+        failAt(
+            node, key,
+            fmt::format("wants a whole number from {} to {}{}", range.least, range.most, because));
+    }
+    return *number;
+}
+
+int64_t TomlTable::timeAt(const toml::node& node, const std::string& key, const std::string& text,
+                          Range range) {
+    const auto us = parseDuration(text);
+    if (!us && !isTooLong(text)) {
+        failAt(node, key, fmt::format("'{}' is not {}", text, kTimeWanted));
+    }
+    if (!us || !range.holds(*us)) {
+        failAt(node, key,
+               fmt::format("'{}' is not from {} to {}", text, duration(range.least),
+                           duration(range.most)));
+    }
+    return *us;
+}
+
+const toml::array& TomlTable::arrayAt(const toml::node& node, const std::string& key,
+                                      const std::string& wanted) {
     if (!node.is_array()) {
         failAt(node, key, "wants a list of " + wanted);
     }
@@ -90,7 +118,10 @@ const toml::array& TomlTable::array(const toml::node& node, const std::string& k
 
 void TomlTable::text(const std::string& key, std::string* value) {
     if (const auto* node = find(key)) {
-        *value = string(*node, key, "a text in quotes");
+        *value = textAt(*node, key, "a text in quotes");
+        if (value->empty()) {
+            failAt(*node, key, "is empty");
+        }
     }
 }
 
@@ -103,70 +134,41 @@ void TomlTable::flag(const std::string& key, bool* value) {
     }
 }
 
-void TomlTable::integer(const std::string& key, int64_t* value, Range range) {
-    if (const auto* node = find(key)) {
-        const auto number = node->value<int64_t>();
-        if (!node->is_integer() || !range.holds(*number)) {
-            failAt(*node, key,
-                   "wants a whole number from " + std::to_string(range.least) + " to " +
-                       std::to_string(range.most));
-        }
-        *value = *number;
-    }
-}
-
 void TomlTable::number(const std::string& key, double* value, double least, double most) {
     if (const auto* node = find(key)) {
         const auto number = node->value<double>();
         if (!node->is_number() || !(*number >= least && *number <= most)) {
-            failAt(*node, key,
-                   "wants a number from " + player::rate(least) + " to " + player::rate(most));
+            failAt(*node, key, fmt::format("wants a number from {} to {}", least, most));
         }
         *value = *number;
     }
 }
 
 void TomlTable::time(const std::string& key, int64_t* value, Range range) {
-    const auto* node = find(key);
-    if (node == nullptr) {
-        return;
+    if (const auto* node = find(key)) {
+        const bool zero = node->is_integer() && *node->value<int64_t>() == 0;
+        *value = timeAt(*node, key, zero ? "0s" : textAt(*node, key, kTimeWanted), range);
     }
-    if (node->is_integer() && *node->value<int64_t>() == 0 && range.holds(0)) {
-        *value = 0;
-        return;
-    }
-    const auto us = parseDuration(string(*node, key, kTimeWanted));
-    if (!us) {
-        failAt(*node, key, "'" + *node->value<std::string>() + "' is not " + kTimeWanted);
-    }
-    if (!range.holds(*us)) {
-        failAt(*node, key,
-               "'" + *node->value<std::string>() + "' is not from " + seconds(range.least) +
-                   " to " + seconds(range.most));
-    }
-    *value = *us;
 }
 
 void TomlTable::time(const std::string& key, std::optional<int64_t>* value) {
     if (has(key)) {
-        int64_t us = 0;
-        time(key, &us);
-        *value = us;
+        time(key, &value->emplace());
     }
 }
 
-void TomlTable::nanoseconds(const std::string& key, int64_t* value) {
+void TomlTable::nanoseconds(const std::string& key, int32_t* value) {
     const auto* node = find(key);
     if (node == nullptr) {
         return;
     }
-    const std::string text = string(*node, key, "nanoseconds, such as \"16683333ns\"");
+    const std::string text = textAt(*node, key, "nanoseconds, such as \"16683333ns\"");
     const bool unit = text.size() > 2 && text.substr(text.size() - 2) == "ns";
     const auto count = unit ? parseCount(text.substr(0, text.size() - 2)) : std::nullopt;
-    if (!count || *count < INT32_MIN || *count > INT32_MAX) {
+    if (!count || *count > INT32_MAX) {
         failAt(*node, key, "'" + text + "' is not nanoseconds, such as \"16683333ns\"");
     }
-    *value = *count;
+    *value = static_cast<int32_t>(*count);
 }
 
 void TomlTable::ppm(const std::string& key, double* value) {
@@ -175,12 +177,12 @@ void TomlTable::ppm(const std::string& key, double* value) {
         return;
     }
     const std::string wanted =
-        "parts per million up to " + player::rate(kMostDriftPpm) + ", such as \"50ppm\"";
-    const std::string text = string(*node, key, wanted);
+        fmt::format("parts per million up to {}, such as \"50ppm\"", kMostDriftPpm);
+    const std::string text = textAt(*node, key, wanted);
     char* end = nullptr;
     const double number = std::strtod(text.c_str(), &end);
     if (end == text.c_str() || std::string(end) != "ppm" || !(std::abs(number) <= kMostDriftPpm)) {
-        failAt(*node, key, "'" + text + "' is not " + wanted);
+        failAt(*node, key, fmt::format("'{}' is not {}", text, wanted));
     }
     *value = number;
 }
@@ -195,22 +197,26 @@ void TomlTable::rate(const std::string& key, FrameRate* value, double lowestHz, 
                                            : std::nullopt;
     if (!taken || !(taken->hz() >= lowestHz && taken->hz() <= highestHz)) {
         failAt(*node, key,
-               "wants a rate from " + player::rate(lowestHz) + " to " + player::rate(highestHz) +
-                   " a second, such as 24, 23.976 or \"24000/1001\"");
+               fmt::format("wants a rate from {} to {} a second, such as 24, 23.976 or "
+                           "\"24000/1001\"",
+                           lowestHz, highestHz));
     }
     *value = *taken;
 }
 
-void TomlTable::integers(const std::string& key, std::vector<int64_t>* values, Range range) {
+void TomlTable::rate(const std::string& key, double* hz, double lowestHz, double highestHz) {
+    if (has(key)) {
+        FrameRate taken;
+        rate(key, &taken, lowestHz, highestHz);
+        *hz = taken.hz();
+    }
+}
+
+void TomlTable::integers(const std::string& key, std::vector<int64_t>* values, Range range,
+                         const std::string& because) {
     if (const auto* node = find(key)) {
-        for (const auto& element : array(*node, key, "whole numbers")) {
-            const auto number = element.value<int64_t>();
-            if (!element.is_integer() || !range.holds(*number)) {
-                failAt(element, key,
-                       "wants whole numbers from " + std::to_string(range.least) + " to " +
-                           std::to_string(range.most));
-            }
-            values->push_back(*number);
+        for (const auto& element : arrayAt(*node, key, "whole numbers")) {
+            values->push_back(integerAt(element, key, range, because));
         }
     }
 }
@@ -218,52 +224,58 @@ void TomlTable::integers(const std::string& key, std::vector<int64_t>* values, R
 void TomlTable::texts(const std::string& key,
                       const std::function<void(const toml::node&, const std::string&)>& take) {
     if (const auto* node = find(key)) {
-        for (const auto& element : array(*node, key, "texts in quotes")) {
-            take(element, string(element, key, "texts in quotes"));
+        for (const auto& element : arrayAt(*node, key, "texts in quotes")) {
+            take(element, textAt(element, key, "texts in quotes"));
         }
     }
 }
 
 void TomlTable::times(const std::string& key, std::vector<int64_t>* values) {
     texts(key, [&](const toml::node& node, const std::string& text) {
-        const auto us = parseDuration(text);
-        if (!us || *us < 0) {
-            failAt(node, key, "'" + text + "' is not " + kTimeWanted);
-        }
-        values->push_back(*us);
+        values->push_back(timeAt(node, key, text, {0, kLongestUs}));
     });
 }
 
-void TomlTable::range(const std::string& key, std::optional<Range>* value) {
-    const auto* node = find(key);
-    if (node == nullptr) {
-        return;
+void TomlTable::refuseReversed(const toml::node& node, const std::string& key,
+                               const std::string& text, const Range& range) {
+    if (range.least > range.most) {
+        failAt(node, key, fmt::format("'{}' is reversed; write the smaller end first", text));
     }
-    const auto parsed = node->is_integer()
-                            ? std::optional(Range{*node->value<int64_t>(), *node->value<int64_t>()})
-                        : node->is_string() ? parseRange(*node->value<std::string>(), parseCount)
-                                            : std::nullopt;
-    if (!parsed || (parsed->least < 0 && parsed->least != INT64_MIN)) {
-        failAt(*node, key, "wants a count or a range, such as 3, \"1..\", \"..3\" or \"2..3\"");
-    }
-    *value = *parsed;
 }
 
-void TomlTable::timeRange(const std::string& key, std::optional<Range>* value) {
+std::optional<Range> TomlTable::range(const std::string& key) {
     const auto* node = find(key);
     if (node == nullptr) {
-        return;
+        return std::nullopt;
     }
-    const std::string text = string(*node, key, kTimeWanted);
-    auto parsed = parseRange(text, parseDuration);
-    if (!parsed) {
-        failAt(*node, key,
-               "'" + text + "' is not " + kTimeWanted + ", or a range, such as \"-20ms..40ms\"");
+    const auto text = node->is_integer() ? std::to_string(*node->value<int64_t>())
+                                         : node->value<std::string>().value_or("");
+    const auto readEnd = [&](const std::string& end) {
+        const auto count = parseCount(end);
+        if (!count) {
+            failAt(*node, key, "wants a count or a range, such as 3, \"1..\", \"..3\" or \"2..3\"");
+        }
+        return *count;
+    };
+    const Range range = parseRange(text, readEnd);
+    refuseReversed(*node, key, text, range);
+    return range;
+}
+
+std::optional<Range> TomlTable::timeRange(const std::string& key) {
+    const auto* node = find(key);
+    if (node == nullptr) {
+        return std::nullopt;
     }
-    if (text.find("..") == std::string::npos) {
-        parsed->least = 0;
-    }
-    *value = *parsed;
+    const std::string wanted = std::string(kTimeWanted) + ", or a range, such as \"-20ms..40ms\"";
+    const std::string text = textAt(*node, key, wanted);
+    const bool single = text.find("..") == std::string::npos;
+    Range range = parseRange(text, [&](const std::string& end) {
+        return timeAt(*node, key, end, {single ? 0 : -kLongestUs, kLongestUs});
+    });
+    range.least = single ? 0 : range.least;
+    refuseReversed(*node, key, text, range);
+    return range;
 }
 
 void TomlTable::tables(const std::string& key, const std::function<void(TomlTable&)>& take) {
@@ -271,60 +283,55 @@ void TomlTable::tables(const std::string& key, const std::function<void(TomlTabl
     if (node == nullptr) {
         return;
     }
-    for (const auto& element : array(*node, key, "tables")) {
+    for (const auto& element : arrayAt(*node, key, "tables")) {
         if (!element.is_table()) {
             failAt(element, key, "wants tables, such as { at = \"2s\", for = \"100ms\" }");
         }
         TomlTable entry(mFile, mName.empty() ? key : mName + "." + key, *element.as_table());
         take(entry);
-        entry.done();
     }
 }
 
-bool TomlTable::table(const std::string& key, const std::function<void(TomlTable&)>& take) {
+void TomlTable::table(const std::string& key, const std::function<void(TomlTable&)>& take) {
     const auto* node = find(key);
     if (node == nullptr) {
-        return false;
+        return;
     }
     if (!node->is_table()) {
         failAt(*node, key, "is a table; write [" + key + "]");
     }
     TomlTable entry(mFile, mName.empty() ? key : mName + "." + key, *node->as_table());
     take(entry);
-    entry.done();
-    return true;
 }
 
-void TomlTable::spans(const std::string& key, std::vector<Span>* values) {
+std::vector<Span> TomlTable::spans(const std::string& key) {
+    std::vector<Span> spans;
     tables(key, [&](TomlTable& entry) {
         Span span;
-        entry.require("at");
-        entry.require("for");
         entry.time("at", &span.atUs);
         entry.time("for", &span.forUs, {1, kLongestUs});
-        values->push_back(span);
+        entry.finish({"at", "for"});
+        spans.push_back(span);
     });
-    std::stable_sort(values->begin(), values->end(),
+    std::stable_sort(spans.begin(), spans.end(),
                      [](const Span& left, const Span& right) { return left.atUs < right.atUs; });
+    return spans;
 }
 
-void TomlTable::require(const std::string& key) {
-    if (!has(key)) {
-        fail(key, "is missing");
-    }
-}
-
-void TomlTable::done() {
+void TomlTable::finish(std::initializer_list<const char*> required,
+                       std::initializer_list<const char*> optional) {
+    mKnown.insert(required.begin(), required.end());
+    mKnown.insert(optional.begin(), optional.end());
     for (const auto& [key, node] : mTable) {
-        if (mKnown.count(std::string(key.str())) != 0) {
-            continue;
+        if (mKnown.count(std::string(key.str())) == 0) {
+            failAtLine(key.source().begin.line, std::string(key.str()),
+                       fmt::format("unknown key; there are: {}", fmt::join(mKnown, ", ")));
         }
-        std::string known;
-        for (const auto& name : mKnown) {
-            known += (known.empty() ? "" : ", ") + name;
+    }
+    for (const char* key : required) {
+        if (mTable.get(key) == nullptr) {
+            fail(key, "is missing");
         }
-        failAtLine(key.source().begin.line, std::string(key.str()),
-                   "unknown key; there are: " + known);
     }
 }
 

@@ -172,6 +172,15 @@ TEST_F(RunTest, WhatIsNoScenarioIsRefusedBeforeAnythingIsPlayed) {
     EXPECT_THAT(input.output, HasSubstr("none.mkv': No such file"));
 }
 
+TEST_F(RunTest, LongWaitsAreNoHang) {
+    scenario("pause",
+             "[audio]\npause = [{ at = \"5s\", for = \"70m\" }]\n[expect]\nshown = \"all\"\n");
+    scenario("list", "[content]\nlist = [\"0s\", \"70m\"]\n[expect]\nshown = \"all\"\n");
+    scenario("slides", "[content]\nfps = 0.1\nduration = \"1m\"\n[expect]\nshown = \"all\"\n");
+    const CommandResult result = korvaneTv({"run", mFolder});
+    EXPECT_EQ(result.status, 0) << result.output << result.error;
+}
+
 TEST_F(RunTest, KilledItLeavesNoScenarioPlaying) {
     const std::string path =
         scenario("long", "[content]\nfps = 24\nduration = \"60s\"\n[expect]\n");

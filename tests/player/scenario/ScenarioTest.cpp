@@ -7,8 +7,8 @@
 #include "player/scenario/Expectation.h"
 #include "player/scenario/FaultSchedule.h"
 #include "player/scenario/PolicyScript.h"
+#include "player/scenario/RunLimits.h"
 #include "player/scenario/ScenarioFile.h"
-#include "player/scenario/ScenarioRun.h"
 
 namespace korvane::player {
 namespace {
@@ -53,18 +53,19 @@ log = [{ text = "x", count = 0 }]
     EXPECT_EQ(scenario.content.rate.seconds, 1'001);
     EXPECT_EQ(scenario.content.durationUs, int64_t{5400} * 1'000'000);
     EXPECT_EQ(scenario.content.jumps.at(0).byUs, -10'000'000);
-    EXPECT_EQ(scenario.display.driftPpm, -50);
-    EXPECT_EQ(scenario.display.modeChanges.at(0).rate.frames, 60) << "by time";
-    EXPECT_TRUE(scenario.audio.enabled);
-    EXPECT_EQ(scenario.audio.underflows.at(0).forUs, 500'000);
-    EXPECT_FALSE(scenario.player.seeks.at(0).inPlace);
-    EXPECT_TRUE(scenario.player.seeks.at(1).inPlace);
+    EXPECT_EQ(scenario.plan.tv.display.driftPpm, -50);
+    EXPECT_DOUBLE_EQ(scenario.plan.tv.display.rateHz, 60'000.0 / 1'001.0);
+    EXPECT_EQ(scenario.plan.modeChanges.at(0).rateHz, 60) << "by time";
+    EXPECT_TRUE(scenario.plan.withAudio);
+    EXPECT_EQ(scenario.plan.audio.underflows.at(0).durationUs, 500'000);
+    EXPECT_FALSE(scenario.plan.seeks.at(0).inPlace);
+    EXPECT_TRUE(scenario.plan.seeks.at(1).inPlace);
     EXPECT_TRUE(scenario.expect.shownAll);
     EXPECT_EQ(scenario.expect.dwell->most, 3);
     EXPECT_EQ(scenario.expect.offsetWorstUs->least, -40'000);
     EXPECT_EQ(scenario.expect.firstFrameUs->least, 0);
     EXPECT_EQ(scenario.expect.drops.at(DropReason::Late).most, INT64_MAX);
-    EXPECT_FALSE(parse("[expect]").audio.enabled);
+    EXPECT_FALSE(parse("[expect]").plan.withAudio);
 }
 
 TEST(ScenarioFile, RefusesInOneLineWithPlaceAndKey) {
@@ -74,7 +75,11 @@ TEST(ScenarioFile, RefusesInOneLineWithPlaceAndKey) {
         {"", ": expect: is missing"},
         {"[expect]\n[audio]\nstart_delay = 50",
          ":5: audio.start_delay: wants a time with its unit"},
-        {"[expect]\n[audio]\nstart_delay = \"-1s\"", "'-1s' is not from 0.000 s"},
+        {"[expct]\n[player]\nseek = [{ at = \"1s\", to = \"40s\" }]",
+         ":3: expct: unknown key; there are: audio, "},
+        {"[expect]\n[player]\nreuse = true\nrestart = \"1s\"", "player.restart: unknown key"},
+        {"[expect]\n[audio]\nstart_delay = \"-1s\"", "'-1s' is not from 0s to "},
+        {"[expect]\n[content]\nduration = \"1000h\"", "'1000h' is not from 1us to 25h"},
         {"[expect]\n[audio]\ndrift = \"50\"", "'50' is not parts per million"},
         {"[expect]\n[audio]\nunderflow = [{ at = \"1s\" }]", ":5: audio.underflow.for: is missing"},
         {"[expect]\n[audio]\nlatency_jump = \"1ms\"", "latency_jump_for go together"},
@@ -87,8 +92,24 @@ TEST(ScenarioFile, RefusesInOneLineWithPlaceAndKey) {
         {"[expect]\n[passthrough]\npolicy = [\"hold\", \"wait\"]",
          ":5: passthrough.policy: 'wait'"},
         {"[expect]\npattern = \"3:2\"", "is not a pattern"},
-        {"[expect]\ndwell = \"3..2\"", "wants a count or a range"},
-        {"[expect", ":3: no TOML: "},
+        {"[expect]\ndwell = \"3..x\"", "wants a count or a range"},
+        {"[expect]\ndwell = \"3..2\"", "dwell: '3..2' is reversed"},
+        {"[expect]\noffset_worst = \"40ms..-20ms\"", "'40ms..-20ms' is reversed"},
+        {"[expect]\n[passthrough]\npolicy = [\"hold 20 20\"]",
+         "'hold 20 20' is not \"auto\", \"render\", \"render at +30ms\", \"hold\", \"drop\" or "
+         "\"exit\", with one count at most"},
+        {"[expect]\nlog = [{ text = \"\", count = 1 }]", "expect.log.text: is empty"},
+        // What cannot come true: the content has 240 frames in 10 s.
+        {"[expect]\n[content]\nmissing = [240]", "from 0 to 239; the content has 240 frames"},
+        {"[expect]\n[content]\nduplicate = [240]", "content.duplicate: wants"},
+        {"[expect]\n[content]\nbunch = [{ at = 238, frames = 3 }]", "content.bunch.frames: wants"},
+        {"[expect]\n[content]\njump = [{ at = 240, by = \"1s\" }]", "content.jump.at: wants"},
+        {"[expect]\n[player]\nseek = [{ at = \"1s\", to = \"9990ms\" }]",
+         "seek.to: no frame is left there; the content ends at 10.000 s"},
+        {"[expect]\n[audio]\nunderflow = [{ at = \"10s\", for = \"1s\" }]",
+         "underflow.at: is past the end of the content, 10.000 s"},
+        {"[expect]\n[audio]\nstep_back = [{ at = \"10s\", by = \"1s\" }]", "step_back.at: is past"},
+        {"[expect", ":3: not TOML: "},
     };
     for (const auto& [body, says] : refusals) {
         try {
@@ -101,6 +122,14 @@ TEST(ScenarioFile, RefusesInOneLineWithPlaceAndKey) {
         }
     }
     EXPECT_THROW(readScenario("/nonexistent/x.toml"), ScenarioError);
+    for (const char* title : {"''", "'a\x01b'", "\"a\\nb\""}) {
+        EXPECT_THROW(
+            parseScenario("holds = 'h'\n[expect]\ntitle = " + std::string(title), "x.toml"),
+            ScenarioError);
+    }
+    EXPECT_NO_THROW(
+        parse("[expect]\n[content]\njump = [{ at = 9, by = \"1s\" }]\n"
+              "[audio]\nunderflow = [{ at = \"10s\", for = \"1s\" }]"));
 }
 
 /// Media times of the first frames as a source delivers them.
@@ -158,19 +187,46 @@ TEST(SyntheticContent, SoundJumpsWithTheContentAndSeeks) {
 }
 
 TEST(FaultSchedule, HoldsEachFaultForItsTime) {
-    Scenario scenario;
-    scenario.tunnel.refuse = {{100, 50}};
-    scenario.display.reportFails = {{120, 100}};
-    scenario.audio.pauses = {{0, 100}};
+    FaultSpans spans;
+    spans.refuse = {{100, 50}};
+    spans.reportFails = {{120, 100}};
+    spans.pauses = {{0, 100}};
     std::vector<int64_t> changes;
-    for (const auto& timed : faultSchedule(scenario)) {
+    for (const auto& timed : faultSchedule(spans)) {
         const int64_t at = timed.atUs;
         changes.push_back(at);
-        EXPECT_EQ(faultsAt(scenario, at).audioPaused, at < 100);
-        EXPECT_EQ(faultsAt(scenario, at).tunnel.queueFails, at >= 100 && at < 150);
-        EXPECT_EQ(faultsAt(scenario, at).reportFails, at >= 120 && at < 220);
+        EXPECT_EQ(faultsAt(spans, at).audioPaused, at < 100);
+        EXPECT_EQ(faultsAt(spans, at).tunnel.queueFails, at >= 100 && at < 150);
+        EXPECT_EQ(faultsAt(spans, at).reportFails, at >= 120 && at < 220);
     }
     EXPECT_THAT(changes, ElementsAre(0, 100, 120, 150, 220));
+}
+
+TEST(RunLimits, GrowWithEverythingThatAScenarioWaitsFor) {
+    constexpr int64_t kMinuteUs = 60'000'000;
+    // Each waits for two hours, once or in all.
+    for (const char* body : {
+             "[audio]\npause = [{ at = \"5s\", for = \"2h\" }]",
+             "[audio]\nunderflow = [{ at = \"5s\", for = \"2h\" }]",
+             "[audio]\nunderflow = [{ at = \"5s\", for = \"1h\" }]\n"
+             "pause = [{ at = \"1h\", for = \"1h\" }]",
+             "[audio]\nstart_delay = \"2h\"",
+             "[audio]\nstep_back = [{ at = \"5s\", by = \"2h\" }]",
+             "[player]\nlate = [{ at = \"5s\", for = \"2h\" }]",
+             "[content]\njump = [{ at = 5, by = \"2h\" }]",
+             "[content]\nlist = [\"0s\", \"2h\"]",
+             "[content]\nfps = 0.1\nduration = \"3h\"\nbunch = [{ at = 9, frames = 720 }]",
+             "[passthrough]\npolicy = [\"hold 1440000\"]",
+             "[passthrough]\npolicy = [\"render at 2h\"]",
+         }) {
+        const Scenario scenario = parse(std::string("[expect]\n") + body);
+        EXPECT_GE(scenario.plan.longestWaitUs, 120 * kMinuteUs) << body;
+        EXPECT_GE(longestRunUs(scenario.content, scenario.plan), 121 * kMinuteUs) << body;
+    }
+    const Scenario seek = parse("[expect]\n[player]\nseek = [{ at = \"2h\", to = \"0s\" }]");
+    EXPECT_LT(seek.plan.longestWaitUs, kMinuteUs) << "a player that waits to act is not stalled";
+    EXPECT_GE(longestRunUs(seek.content, seek.plan), 121 * kMinuteUs);
+    EXPECT_LT(longestRunUs(ContentPlan(), PlaybackPlan()), 62 * kMinuteUs) << "soon enough";
 }
 
 TEST(PolicyScript, AnswersEntryByEntryAndTheLastForEver) {
@@ -192,7 +248,10 @@ TEST(PolicyScript, AnswersEntryByEntryAndTheLastForEver) {
     }
     EXPECT_THAT(answers, ElementsAre(2, 2, 4, 3, 1, 1));
     EXPECT_EQ(script.decide(7, 0).realtimeUs, 995'007);
-    EXPECT_FALSE(parsePolicyStep("hold 0") || parsePolicyStep("drop at 5ms"));
+    for (const char* text : {"", "hold 0", "hold 20 20", "drop at 5ms", "render at",
+                             "render 2 at x", "render at 1ms at 2ms", "hold 999999999999999999"}) {
+        EXPECT_FALSE(parsePolicyStep(text)) << text;
+    }
 }
 
 class ExpectationTest : public ::testing::Test {
