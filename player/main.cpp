@@ -149,14 +149,14 @@ int playAndReport(const PlayOptions& options) {
     ReportBuilder report(reader.info().frameRateHz, plan);
     EventLog events(eventsFile.wanted() ? &eventsFile.stream() : nullptr);
     EventRecorder recorder(&events);
-    PlaybackPorts ports;
-    ports.listeners = {&report, &recorder};
+    PlaybackHooks hooks;
+    hooks.listeners = {&report, &recorder};
     std::optional<CsvWriter> frames;
     if (csv.wanted()) {
-        ports.listeners.push_back(&frames.emplace(csv.stream()));
+        hooks.listeners.push_back(&frames.emplace(csv.stream()));
     }
-    ports.interrupted = [] { return gInterrupted.load(); };
-    ports.onLogLine = [lowest = lowestPriority(options)](const tv::LogLine& line) {
+    hooks.interrupted = [] { return gInterrupted.load(); };
+    hooks.onLogLine = [lowest = lowestPriority(options)](const tv::LogLine& line) {
         if (line.priority >= lowest) {
             clearProgress();
         }
@@ -168,10 +168,10 @@ int playAndReport(const PlayOptions& options) {
         say("this build has no virtual clock; playing in real time");
     }
     Progress progress(!options.quiet);
-    ports.onProgress = [&progress](const PlaybackProgress& state, int64_t nowNs) {
+    hooks.onProgress = [&progress](const PlaybackProgress& state, int64_t nowNs) {
         progress.update(state, nowNs);
     };
-    const PlaybackRecord record = play(plan, reader, std::move(audio), ports);
+    const PlaybackRecord record = play(plan, reader, std::move(audio), hooks);
     clearProgress();
     const tv::TraceReport traceReport = trace.stop();
     const Summary summary = report.finish(record);

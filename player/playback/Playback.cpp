@@ -56,10 +56,10 @@ const char* toString(EndCause cause) {
 }
 
 PlaybackSession::PlaybackSession(const PlaybackPlan& plan, FrameSource& video,
-                                 std::unique_ptr<PacketSource> audio, const PlaybackPorts& ports)
+                                 std::unique_ptr<PacketSource> audio, const PlaybackHooks& hooks)
     : mPlan(plan),
       mVideo(video),
-      mPorts(ports),
+      mHooks(hooks),
       mPool(plan.buffers),
       mAudioSource(std::move(audio)),
       mSeeks(plan.seeks.begin(), plan.seeks.end()),
@@ -75,8 +75,8 @@ PlaybackSession::PlaybackSession(const PlaybackPlan& plan, FrameSource& video,
     mRecord.displayHz = plan.tv.display.rateHz;
     tv::observeLog([this](const tv::LogLine& line) {
         noteDropLine(line);
-        if (mPorts.onLogLine) {
-            mPorts.onLogLine(line);
+        if (mHooks.onLogLine) {
+            mHooks.onLogLine(line);
         }
     });
 }
@@ -219,7 +219,7 @@ void PlaybackSession::start() {
     for (const auto& change : mPlan.modeChanges) {
         mTv->display().changeMode(atPlaybackTime(change.atUs), change.rateHz);
     }
-    for (auto* listener : mPorts.listeners) {
+    for (auto* listener : mHooks.listeners) {
         listener->onStart(mRecord);
     }
     mFaults->start(mRecord.startNs);
@@ -251,7 +251,7 @@ void PlaybackSession::flushRenderer() {
 
 void PlaybackSession::act(EventKind kind, int64_t number, const std::string& text) {
     const Event event{tv::nowNs(), kind, -1, number, 0, text};
-    for (auto* listener : mPorts.listeners) {
+    for (auto* listener : mHooks.listeners) {
         listener->onAction(event);
     }
 }
@@ -261,7 +261,7 @@ void PlaybackSession::tellListeners(const std::vector<FrameEntry>& frames) {
         if (frame.bufferKept && mRecord.buffersKept++ == 0) {
             mRecord.firstKept = {frame.frameNo, (frame.sentNs - mRecord.startNs) / 1000};
         }
-        for (auto* listener : mPorts.listeners) {
+        for (auto* listener : mHooks.listeners) {
             listener->onFrame(frame, mRecord);
         }
     }
@@ -283,7 +283,7 @@ void PlaybackSession::collect() {
     }
     tellListeners(mLedger.takeSettled(firstInTunnel));
     const int64_t oldestNs = mLedger.oldestSentNs();
-    for (auto* listener : mPorts.listeners) {
+    for (auto* listener : mHooks.listeners) {
         listener->onSettledUpTo(oldestNs);
     }
 }
@@ -337,8 +337,8 @@ PlaybackRecord PlaybackSession::finish() {
 }
 
 PlaybackRecord play(const PlaybackPlan& plan, FrameSource& video,
-                    std::unique_ptr<PacketSource> audio, const PlaybackPorts& ports) {
-    return PlaybackSession(plan, video, std::move(audio), ports).run();
+                    std::unique_ptr<PacketSource> audio, const PlaybackHooks& hooks) {
+    return PlaybackSession(plan, video, std::move(audio), hooks).run();
 }
 
 }  // namespace korvane::player

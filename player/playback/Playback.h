@@ -101,7 +101,7 @@ struct PlaybackProgress {
 };
 
 /// Who takes part in a playback from outside.
-struct PlaybackPorts {
+struct PlaybackHooks {
     std::vector<PlaybackListener*> listeners;
     /// Each line that anything logs, on the thread that does; may be empty.
     std::function<void(const tv::LogLine&)> onLogLine;
@@ -115,6 +115,6 @@ struct PlaybackPorts {
 /// @throws InputError when not one picture can be decoded
 /// @throws std::system_error when the TV or buffers cannot be had
 PlaybackRecord play(const PlaybackPlan& plan, FrameSource& video,
-                    std::unique_ptr<PacketSource> audio, const PlaybackPorts& ports);
+                    std::unique_ptr<PacketSource> audio, const PlaybackHooks& hooks);
 
 }  // namespace korvane::player

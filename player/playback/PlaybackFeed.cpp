@@ -48,7 +48,7 @@ void PlaybackSession::feedAndWatch() {
 }
 
 bool PlaybackSession::stopAsked() {
-    if (mPorts.interrupted && mPorts.interrupted()) {
+    if (mHooks.interrupted && mHooks.interrupted()) {
         mRecord.end = EndCause::Interrupted;
         return true;
     }
@@ -252,7 +252,7 @@ void PlaybackSession::tick() {
         mCollectedNs = nowNs;
         collect();
     }
-    if (mPorts.onProgress) {
+    if (mHooks.onProgress) {
         showProgress(nowNs);
     }
 }
@@ -292,7 +292,7 @@ void PlaybackSession::showProgress(int64_t nowNs) {
     if (mAudio && mAudioState != tv::AudioState::Playing && mAudioState != tv::AudioState::Ended) {
         state.note = std::string("audio: ") + tv::toString(mAudioState);
     }
-    mPorts.onProgress(state, nowNs);
+    mHooks.onProgress(state, nowNs);
 }
 
 /// When the next action is due that is planned for a time; INT64_MAX: none.

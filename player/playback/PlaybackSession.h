@@ -36,7 +36,7 @@ struct DeleteRenderer {
 class PlaybackSession {
 public:
     PlaybackSession(const PlaybackPlan& plan, FrameSource& video,
-                    std::unique_ptr<PacketSource> audio, const PlaybackPorts& ports);
+                    std::unique_ptr<PacketSource> audio, const PlaybackHooks& hooks);
     ~PlaybackSession();
     PlaybackSession(const PlaybackSession&) = delete;
     PlaybackSession& operator=(const PlaybackSession&) = delete;
@@ -95,7 +95,7 @@ private:
 
     const PlaybackPlan& mPlan;
     FrameSource& mVideo;
-    const PlaybackPorts& mPorts;
+    const PlaybackHooks& mHooks;
     PlaybackRecord mRecord;
 
     std::shared_ptr<tv::Tv> mTv;
