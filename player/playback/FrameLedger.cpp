@@ -95,9 +95,9 @@ FrameEntry* FrameLedger::find(int64_t frameNo) {
                : nullptr;
 }
 
-void FrameLedger::markSettled(FrameEntry& entry) {
+void FrameLedger::markLeft(FrameEntry& entry) {
     if (entry.returns == 0 && entry.renderTimeUs < 0 && !entry.stoppedBefore) {
-        ++mSettled;
+        ++mLeft;
     }
     mLastEventNs = tv::nowNs();
 }
@@ -109,7 +109,7 @@ void FrameLedger::returned(const ReturnedBuffer& buffer) {
         return;  // long settled; the pool counts a buffer that comes back again
     }
     FrameEntry& entry = *found;
-    markSettled(entry);
+    markLeft(entry);
     // The first return tells what happened to the frame; a second one only that it came again.
     if (entry.returns++ == 0) {
         entry.returnedNs = buffer.nowNs;
@@ -133,7 +133,7 @@ void FrameLedger::renderTime(int64_t mediaTimeUs, int64_t renderTimeUs,
         return;
     }
     FrameEntry& entry = *find(found->second);
-    markSettled(entry);
+    markLeft(entry);
     entry.renderTimeUs = renderTimeUs;
     if (entry.section == mSection) {
         entry.clockRealUs = clockRealUs;
@@ -146,9 +146,9 @@ int64_t FrameLedger::frames() const {
     return mFirst + static_cast<int64_t>(mEntries.size());
 }
 
-int64_t FrameLedger::unsettled() const {
+int64_t FrameLedger::inLibrary() const {
     const std::lock_guard<std::mutex> guard(mLock);
-    return mFirst + static_cast<int64_t>(mEntries.size()) - mSettled;
+    return mFirst + static_cast<int64_t>(mEntries.size()) - mLeft;
 }
 
 int64_t FrameLedger::positionUs() const {
@@ -205,7 +205,7 @@ void FrameLedger::stopped() {
         frame->outcome = lost ? Outcome::Lost : Outcome::DiscardedByStop;
     }
     for (auto& frame : mEntries) {
-        markSettled(frame);
+        markLeft(frame);
         frame.stoppedBefore = true;
     }
 }
@@ -225,7 +225,7 @@ FrameEntry FrameLedger::takeFront() {
         frame.outcome = known;
     } else if (frame.outcome == Outcome::Pending) {
         frame.outcome = Outcome::Lost;
-        mSettled += frame.renderTimeUs < 0 ? 1 : 0;
+        mLeft += frame.renderTimeUs < 0 ? 1 : 0;
     }
     if (frame.outcome != Outcome::Dropped) {
         frame.dropReason = DropReason::None;
@@ -241,7 +241,7 @@ FrameEntry FrameLedger::takeFront() {
     return frame;
 }
 
-std::vector<FrameEntry> FrameLedger::takeSettled(int64_t firstInTunnel) {
+std::vector<FrameEntry> FrameLedger::takeFinal(int64_t firstInTunnel) {
     const std::lock_guard<std::mutex> guard(mLock);
     std::vector<FrameEntry> frames;
     while (!mEntries.empty() && isFinal(0, firstInTunnel)) {

@@ -18,7 +18,7 @@
 // Filled during playback by the player's thread and the library's callbacks (any thread). Frames
 // are settled in the order of their numbers while playback goes on: the tunnel hands over its
 // finished records, and a frame is taken out with its outcome once so many later ones are there
-// that nothing can change it any more (`takeSettled`). So the ledger holds a few hundred frames
+// that nothing can change it any more (`takeFinal`). So the ledger holds a few hundred frames
 // however long playback lasts.
 #pragma once
 
@@ -104,7 +104,7 @@ public:
     /// -1 for a frame that is no longer in the ledger.
     int64_t mediaTimeUs(int64_t frameNo);
     /// Frames that neither came back nor reached their render time.
-    int64_t unsettled() const;
+    int64_t inLibrary() const;
     /// Media time of the frame whose render time came last; -1 before the first.
     int64_t positionUs() const;
     /// When the library last gave a sign of life; 0 before the first.
@@ -118,7 +118,7 @@ public:
     void stopped();
     /// Takes out the frames, from the oldest on, whose outcome is final.
     /// @param firstInTunnel  the first frame that the tunnel has not finished with; INT64_MAX: none
-    std::vector<FrameEntry> takeSettled(int64_t firstInTunnel);
+    std::vector<FrameEntry> takeFinal(int64_t firstInTunnel);
     /// Takes out all that is left. Call after `stopped`.
     std::vector<FrameEntry> takeRest();
     /// When the oldest frame still in the ledger was handed in; INT64_MAX when there is none.
@@ -129,7 +129,7 @@ public:
     static constexpr size_t kWindow = 256;
 
 private:
-    void markSettled(FrameEntry& entry) KORVANE_REQUIRES(mLock);
+    void markLeft(FrameEntry& entry) KORVANE_REQUIRES(mLock);
     FrameEntry* find(int64_t frameNo) KORVANE_REQUIRES(mLock);
     bool laterHasAccount(size_t index) const KORVANE_REQUIRES(mLock);
     bool isFinal(size_t index, int64_t firstInTunnel) const KORVANE_REQUIRES(mLock);
@@ -140,7 +140,7 @@ private:
     int64_t mFirst KORVANE_GUARDED_BY(mLock) = 0;  ///< number of the first entry
     std::map<int64_t, int64_t> mFrameByMediaTime KORVANE_GUARDED_BY(mLock);
     int mSection KORVANE_GUARDED_BY(mLock) = 0;
-    int64_t mSettled KORVANE_GUARDED_BY(mLock) = 0;  ///< of all frames ever
+    int64_t mLeft KORVANE_GUARDED_BY(mLock) = 0;  ///< of all frames ever
     int64_t mPositionUs KORVANE_GUARDED_BY(mLock) = -1;
     int64_t mLastEventNs KORVANE_GUARDED_BY(mLock) = 0;
 };

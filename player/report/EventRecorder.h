@@ -15,7 +15,7 @@ public:
     void onStart(const PlaybackRecord& soFar) override;
     void onFrame(const FrameEntry& frame, const PlaybackRecord& soFar) override;
     void onAction(const Event& action) override { mLog->add(action); }
-    void onSettledUpTo(int64_t timeNs) override { mLog->release(timeNs); }
+    void onFinalUpTo(int64_t timeNs) override { mLog->release(timeNs); }
 
 private:
     void addTunnelEvents(const FrameEntry& frame, const PlaybackRecord& soFar);

@@ -88,13 +88,13 @@ TEST_F(LedgerTest, HandedBackTwiceAndShownAfterAllCountsOnceAsShown) {
 TEST_F(LedgerTest, SettledMeansBackOrRendered) {
     send();
     send();
-    EXPECT_EQ(mLedger.unsettled(), 2);
+    EXPECT_EQ(mLedger.inLibrary(), 2);
     mLedger.renderTime(0, 123, 456);
     back(0, true);
-    EXPECT_EQ(mLedger.unsettled(), 1);
+    EXPECT_EQ(mLedger.inLibrary(), 1);
     EXPECT_EQ(mLedger.positionUs(), 0);
     back(1, false);
-    EXPECT_EQ(mLedger.unsettled(), 0);
+    EXPECT_EQ(mLedger.inLibrary(), 0);
 }
 
 TEST_F(LedgerTest, TheClockSaysNothingOfFramesFromBeforeAFlush) {
@@ -108,21 +108,21 @@ TEST_F(LedgerTest, FramesLeaveInOrderOnceNothingCanChangeThemAnyMore) {
     for (size_t i = 0; i <= FrameLedger::kWindow; ++i) {
         back(send(), false, false, DropReason::Late);
     }
-    EXPECT_EQ(mLedger.takeSettled(0).size(), 0U) << "the tunnel still has the first";
-    const auto frames = mLedger.takeSettled(INT64_MAX);
+    EXPECT_EQ(mLedger.takeFinal(0).size(), 0U) << "the tunnel still has the first";
+    const auto frames = mLedger.takeFinal(INT64_MAX);
     ASSERT_EQ(frames.size(), 1U);
     EXPECT_EQ(frames[0].frameNo, 0);
     EXPECT_EQ(frames[0].outcome, Outcome::Dropped);
     EXPECT_EQ(mLedger.oldestSentNs(), 1001);
     back(0, true);  // comes back again, long after
-    EXPECT_EQ(mLedger.unsettled(), 0);
+    EXPECT_EQ(mLedger.inLibrary(), 0);
     EXPECT_EQ(settle().size(), FrameLedger::kWindow);
 }
 
 TEST_F(LedgerTest, AStopEndsTheAccountsOfItsOwnFramesOnly) {
     send();
     mLedger.stopped();
-    EXPECT_EQ(mLedger.unsettled(), 0);
+    EXPECT_EQ(mLedger.inLibrary(), 0);
     send();
     back(1, false, false, DropReason::Late);
     const auto frames = settle();
