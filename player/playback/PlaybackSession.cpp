@@ -66,7 +66,7 @@ PlaybackSession::PlaybackSession(const PlaybackPlan& plan, FrameSource& video,
     tv::observeLog([this](const tv::LogLine& line) {
         LibraryCallbacks::onLogLine(line);
         if (mHooks.onLogLine) {
-            mHooks.onLogLine(line);
+            mFailure.guard([&] { mHooks.onLogLine(line); });
         }
     });
 }
@@ -101,12 +101,18 @@ PlaybackRecord PlaybackSession::run() {
 void PlaybackSession::switchOn() {
     mTv = tv::Tv::powerOn(mPlan.tv);
     mClock = mTv->mediaSync().create();
-    mFaults = std::make_unique<FaultPlayer>(
-        mPlan.faults, [this](const TvFaults& faults) { applyFaults(faults); });
+    mFaults = std::make_unique<FaultPlayer>(mPlan.faults, [this](const TvFaults& faults) {
+        mFailure.guard([&] { applyFaults(faults); });
+    });
 }
 
 void PlaybackSession::makeRenderer() {
     mRenderer.reset(VideoTunnelRenderer_create());
+    if (!mRenderer) {
+        throw std::runtime_error(
+            "the library gives no renderer: VideoTunnelRenderer_create returned null; see the log "
+            "with --log 1");
+    }
     const bool bindClock = mPlan.withAudio || mPlan.passthrough;
     mRenderer->init((bindClock ? mClock->id() : 0) | (mPlan.passthrough ? kPassthroughInit : 0));
     if (!bindClock) {
@@ -418,6 +424,7 @@ PlaybackRecord PlaybackSession::finish() {
     mRenderer.reset();
     mTv->powerOff();
     mCollector.finish();
+    mFailure.rethrow();
     mRecord.pool = mPool.report();
     mRecord.sync = mClock->counters();
     mRecord.decodeErrors = mVideo.decodeErrors();
