@@ -15,8 +15,14 @@ constexpr int64_t kFineTickNs = 5'000'000;
 constexpr int64_t kStallNs = 5'000'000'000;
 /// Longest wait for the last frame to come on screen after it has left the library.
 constexpr int64_t kLastFrameNs = 1'000'000'000;
+/// The library's lead when it hands a frame to the tunnel, beside two vsyncs.
+constexpr int64_t kLibraryLeadUs = 5000;
 
 }  // namespace
+
+bool isTooLate(int64_t realUs, int64_t nowUs, double vsyncPeriodNs) {
+    return realUs - nowUs < static_cast<int64_t>(2 * vsyncPeriodNs / 1000) + kLibraryLeadUs;
+}
 
 FeedSchedule::FeedSchedule(const PlaybackPlan& plan, int64_t frameUs)
     : mPlan(plan),

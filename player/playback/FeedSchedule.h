@@ -60,6 +60,11 @@ struct SectionFeed {
     int64_t lastUs = 0;
 };
 
+/// Whether a frame is sent too late: nearer to its presentation time than the two vsyncs and 5 ms
+/// that the library takes to hand it to the tunnel. It may miss its vsync, although the simulated
+/// tunnel needs less.
+bool isTooLate(int64_t realUs, int64_t nowUs, double vsyncPeriodNs);
+
 class FeedSchedule {
 public:
     /// @param plan     must outlive the schedule

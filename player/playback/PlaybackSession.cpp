@@ -292,11 +292,12 @@ void PlaybackSession::send(int64_t longestWaitNs) {
     mHavePicture = false;
 }
 
-/// A frame due sooner than the library hands frames to the tunnel comes late for its vsync.
+/// Only once the section shows frames: before, the clock is still to be anchored at its first one.
 bool PlaybackSession::isLate(int64_t mediaTimeUs) const {
-    const int64_t nowUs = tv::nowNs() / 1000;
-    const int64_t realUs = mClock->realTimeFor(mediaTimeUs, nowUs);
-    return mLedger.positionUs() >= 0 && realUs >= 0 && !mClock->paused() && realUs < nowUs;
+    const int64_t nowNs = tv::nowNs();
+    const int64_t realUs = mClock->realTimeFor(mediaTimeUs, nowNs / 1000);
+    return mLedger.sectionShows() && realUs >= 0 && !mClock->paused() &&
+           isTooLate(realUs, nowNs / 1000, mTv->display().periodNsAt(nowNs));
 }
 
 /// What is to be done now and then beside feeding.

@@ -7,7 +7,7 @@
 
 namespace korvane::player {
 
-/// Turns each settled frame into its events; what the player does goes in as it comes.
+/// Turns each finished frame into its events; adds what the player does as it comes.
 class EventRecorder final : public PlaybackListener {
 public:
     explicit EventRecorder(EventLog* log) : mLog(log) {}

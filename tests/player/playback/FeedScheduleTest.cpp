@@ -243,6 +243,13 @@ TEST(FeedSchedule, ALastFrameThatIsNeverShownIsWaitedForOneSecond) {
     EXPECT_EQ(schedule.next(state).action, FeedAction::End);
 }
 
+TEST(FeedSchedule, AFrameIsTooLateWithinTheLibrarysLead) {
+    constexpr double kPeriodNs = 1e9 / 60;  // two of them are 33333 us
+    EXPECT_FALSE(isTooLate(1'038'333, 1'000'000, kPeriodNs));
+    EXPECT_TRUE(isTooLate(1'038'332, 1'000'000, kPeriodNs));
+    EXPECT_TRUE(isTooLate(999'999, 1'000'000, kPeriodNs));
+}
+
 TEST(ClockWatch, NotesStopsWithTheirCause) {
     using tv::AudioState;
     PlaybackRecord record;

@@ -49,7 +49,7 @@ TEST_F(LedgerTest, EachFrameGetsOneOutcome) {
     back(1, false, false, DropReason::Late);
     inTunnel(2, BufferFate::Superseded, 7000);
     back(2, true);
-    // Nothing is said of frame 3, although a later one is accounted for.
+    // Nothing is said of frame 3, although a later one has an outcome.
     back(4, true);  // never in the tunnel: refused at show time
     inTunnel(5, BufferFate::OnScreen);
     inTunnel(6, BufferFate::DiscardedByDisconnect);
@@ -85,7 +85,7 @@ TEST_F(LedgerTest, HandedBackTwiceAndShownAfterAllCountsOnceAsShown) {
     EXPECT_EQ(frames[0].tunnelEntries, 2);
 }
 
-TEST_F(LedgerTest, SettledMeansBackOrRendered) {
+TEST_F(LedgerTest, FramesLeaveTheLibraryWhenTheyAreBackOrRendered) {
     send();
     send();
     EXPECT_EQ(mLedger.inLibrary(), 2);
@@ -93,6 +93,7 @@ TEST_F(LedgerTest, SettledMeansBackOrRendered) {
     back(0, true);
     EXPECT_EQ(mLedger.inLibrary(), 1);
     EXPECT_EQ(mLedger.positionUs(), 0);
+    EXPECT_TRUE(mLedger.sectionShows());
     back(1, false);
     EXPECT_EQ(mLedger.inLibrary(), 0);
 }
@@ -101,6 +102,7 @@ TEST_F(LedgerTest, TheClockSaysNothingOfFramesFromBeforeAFlush) {
     send();
     mLedger.beginSection(1);
     mLedger.renderTime(0, 123, 456);
+    EXPECT_FALSE(mLedger.sectionShows());
     EXPECT_FALSE(settle()[0].clockRealUs.has_value());
 }
 
@@ -126,7 +128,7 @@ TEST_F(LedgerTest, AStopEndsTheAccountsOfItsOwnFramesOnly) {
     send();
     back(1, false, false, DropReason::Late);
     const auto frames = settle();
-    EXPECT_EQ(frames[0].outcome, Outcome::DiscardedByStop) << "in spite of the later account";
+    EXPECT_EQ(frames[0].outcome, Outcome::DiscardedByStop) << "in spite of the later outcome";
     EXPECT_EQ(frames[1].outcome, Outcome::Dropped);
 }
 
