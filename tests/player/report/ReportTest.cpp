@@ -285,6 +285,8 @@ TEST(Report, TheRateIsMeasuredWhateverTheFileSays) {
         record.frames[i].mediaTimeUs += i % 3 == 0 ? 15'000 : 0;
     }
     EXPECT_THAT(summarise(record).verdict, HasSubstr("rate varies")) << "no pattern to keep";
+    EXPECT_EQ(jsonOf(record).at("held_after_us"), -1);
+    EXPECT_EQ(jsonOf(record).at("frames_in_step"), 0);
     EXPECT_THAT(summarise(playbackOf({-1, -1})).verdict,
                 HasSubstr("Nothing was shown of 2 frames"));
 }
