@@ -5,7 +5,6 @@
 #include <limits>
 
 namespace korvane::player {
-
 namespace {
 
 /// Of a frame shown, when its sound was heard, and for how long something was heard meanwhile.

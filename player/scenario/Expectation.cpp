@@ -256,11 +256,11 @@ void Checker::checkLipSync() {
     const LipSyncBand& band = ebu ? kEbuBand : kItuAcceptableBand;
     const double outside = ebu ? sync.secondsOutsideEbu : sync.secondsOutsideItuAcceptable;
     if (sync.samples == 0 || outside > 1.0 / mSummary.displayHz) {
+        const std::string worst =
+            signedMilliseconds(sync.worstUs) + " at frame " + std::to_string(sync.worst.frameNo);
         fail("lip_sync", times({band.leastUs, band.mostUs}),
              sync.samples == 0 ? "no frame that could be compared"
-                               : seconds(std::llround(outside * 1e6)) + " outside, worst " +
-                                     signedMilliseconds(sync.worstUs),
-             sync.worst);
+                               : seconds(std::llround(outside * 1e6)) + " outside, worst " + worst);
     }
 }
 
