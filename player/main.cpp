@@ -19,7 +19,7 @@
 #include "player/command/PlayOptions.h"
 #include "player/command/Progress.h"
 #include "player/command/RunCommand.h"
-#include "player/media/MediaSource.h"
+#include "player/media/VideoReader.h"
 #include "player/playback/Playback.h"
 #include "player/report/EventRecorder.h"
 #include "player/report/ReportBuilder.h"
@@ -123,16 +123,14 @@ std::unique_ptr<tv::VirtualTime> startClock(const PlayOptions& options) {
     return std::make_unique<tv::VirtualTime>(options.seed, virtualTime);
 }
 
-std::unique_ptr<PacketSource> openAudio(const PlaybackPlan& plan, const std::string& file) {
-    return plan.withAudio ? std::make_unique<AudioReader>(file) : nullptr;
-}
-
 int playAndReport(const PlayOptions& options) {
     // Before anything makes a thread.
     const auto clock = startClock(options);
-    VideoReader reader(options.file);
+    MediaRequest request = requestOf(options);
+    request.interrupted = [] { return gInterrupted.load(); };
+    VideoReader reader(request);
     const PlaybackPlan plan = planOf(options, reader.info());
-    auto audio = openAudio(plan, options.file);
+    auto audio = reader.openAudio();
     OutputFile csv("--csv", options.csvFile);
     OutputFile json("--json", options.jsonFile);
     OutputFile eventsFile("--events", options.eventsFile);
@@ -162,6 +160,9 @@ int playAndReport(const PlayOptions& options) {
         }
     };
     for (const auto& note : withoutEffect(options, reader.info())) {
+        say(note);
+    }
+    for (const auto& note : inputNotes(options, reader.info())) {
         say(note);
     }
     if (!clock && !options.virtualClock) {

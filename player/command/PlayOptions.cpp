@@ -9,6 +9,7 @@
 
 #include "player/base/Limits.h"
 #include "player/base/Units.h"
+#include "player/playback/BufferPool.h"
 
 namespace korvane::player {
 namespace {
@@ -217,7 +218,8 @@ void addPlaybackOptions(CLI::App* app, PlayOptions* options) {
                  options->videoStalls.push_back({pair.firstUs, pair.secondUs});
              })
         ->group("Playback");
-    addText(app, "--buffers", "N", "Frame buffers of the player, 5 to 64 [16]",
+    addText(app, "--buffers", "N",
+            "Frame buffers of the player, 5 to 64 [16, or down to 8 beyond 512 MB]",
             [options](const std::string& name, const std::string& text) {
                 options->buffers =
                     readCount(name, text, kFewestBuffers, kMostBuffers, " buffers; try 16");
@@ -289,14 +291,43 @@ void addOutputOptions(CLI::App* app, PlayOptions* options) {
         ->group("Output");
 }
 
+/// Which streams of the input are played.
+void addStreamOptions(CLI::App* app, PlayOptions* options) {
+    const auto readIndex = [](const std::string& name, const std::string& text) {
+        return readCount(name, text, 0, kMostStreams, "; the report lists them");
+    };
+    addText(app, "--video", "N", "Index of the video stream, as FFmpeg counts them [the best one]",
+            [options, readIndex](const std::string& name, const std::string& text) {
+                options->videoStream = readIndex(name, text);
+            })
+        ->group("Streams");
+    addText(app, "--audio", "N", "Index of the audio stream, or none [the best one]",
+            [options, readIndex](const std::string& name, const std::string& text) {
+                options->noAudio = options->noAudio || text == "none";
+                if (text != "none") {
+                    options->audioStream = readIndex(name, text);
+                }
+            })
+        ->group("Streams");
+    addText(app, "--program", "N", "Number of the program, as the report lists them [the video's]",
+            [options, readIndex](const std::string& name, const std::string& text) {
+                options->program = readIndex(name, text);
+            })
+        ->group("Streams");
+}
+
 CLI::App* addPlayCommand(CLI::App* app, PlayOptions* options) {
     CLI::App* play = app->add_subcommand(
         "play",
         std::string("Play a media file on the simulated TV and report what was on screen. ") +
             kDurationHelp);
-    play->add_option("FILE", options->file, "Media file: anything that FFmpeg reads")
+    play->add_option("FILE", options->file,
+                     "What to play: a media file; - for standard input; pictures img%03d.png; a "
+                     "playlist concat:LIST or hls:LIST; a generator lavfi:GRAPH; any address that "
+                     "FFmpeg reads")
         ->type_name("")
         ->required();
+    addStreamOptions(play, options);
     addDisplayOptions(play, options);
     addAudioOptions(play, options);
     addPlaybackOptions(play, options);
@@ -486,6 +517,37 @@ std::vector<std::string> withoutEffect(const PlayOptions& options, const MediaIn
     return notes;
 }
 
+MediaRequest requestOf(const PlayOptions& options) {
+    MediaRequest request;
+    request.name = options.file;
+    request.video = options.videoStream;
+    request.audio = options.audioStream;
+    request.program = options.program;
+    request.withoutAudio = options.noAudio;
+    return request;
+}
+
+std::vector<std::string> inputNotes(const PlayOptions& options, const MediaInfo& media) {
+    /// A TV's player takes about as much for its largest ordinary pictures.
+    constexpr int64_t kOrdinaryBytes = 256 * 1000 * 1000;
+    std::vector<std::string> notes;
+    for (const auto& seek : options.seeks) {
+        if (!seek.inPlace && !media.canSeek) {
+            notes.push_back("--seek " + seconds(seek.atUs) +
+                            " only flushes: the input cannot seek");
+        }
+    }
+    const int buffers = planOf(options, media).buffers;
+    const int64_t bytes = buffers * media.pictureBytes;
+    if (bytes > kOrdinaryBytes) {
+        notes.push_back(std::to_string(buffers) + " frame buffers of " +
+                        std::to_string(media.width) + "x" + std::to_string(media.height) +
+                        " will take " + std::to_string(bytes / 1'000'000) +
+                        " MB; give --buffers for more or fewer");
+    }
+    return notes;
+}
+
 PlaybackPlan planOf(const PlayOptions& options, const MediaInfo& media) {
     PlaybackPlan plan;
     plan.tv.display.rateHz = options.rate.hz();
@@ -496,7 +558,7 @@ PlaybackPlan planOf(const PlayOptions& options, const MediaInfo& media) {
     plan.audio.driftPpm = options.audioDriftPpm;
     plan.audio.underflows = options.underflows;
     plan.passthrough = options.passthrough;
-    plan.buffers = options.buffers;
+    plan.buffers = options.buffers.value_or(usualBuffers(media.pictureBytes));
     plan.peek = options.peek ? Peek::Marked : Peek::None;
     plan.toldFrameRate = rateInHundredths(media.frameRateHz);
     plan.seeks = options.seeks;

@@ -15,6 +15,7 @@
 #include "player/base/FrameRate.h"
 #include "player/command/RunCommand.h"
 #include "player/media/FrameSource.h"
+#include "player/media/MediaRequest.h"
 #include "player/playback/PlaybackPlan.h"
 #include "tv/AudioOutput.h"
 
@@ -22,6 +23,9 @@ namespace korvane::player {
 
 struct PlayOptions {
     std::string file;
+    std::optional<int> videoStream;
+    std::optional<int> audioStream;
+    std::optional<int> program;
 
     FrameRate rate{60, 1};
     double displayDriftPpm = 0.0;
@@ -37,8 +41,7 @@ struct PlayOptions {
     std::vector<SeekAction> seeks;        ///< by `atUs`
     std::vector<VideoStall> videoStalls;  ///< by `atUs`
     std::optional<int64_t> limitUs;
-    /// Enough for the renderer's lead, the tunnel's own two and the panel's, with a reserve.
-    int buffers = 16;
+    std::optional<int> buffers;  ///< empty: as many as usual for pictures of this size
 
     std::optional<int32_t> logMask;
     std::vector<std::pair<std::string, std::string>> properties;
@@ -68,6 +71,13 @@ struct CommandLine {
     RunOptions run;
     ListOptions list;
 };
+
+/// The streams that the options ask for.
+MediaRequest requestOf(const PlayOptions& options);
+
+/// One line for each thing about the input that is to be known before it is played: what it cannot
+/// do that was asked for, and memory beyond the ordinary.
+std::vector<std::string> inputNotes(const PlayOptions& options, const MediaInfo& media);
 
 /// The playback that the options ask for of a file.
 PlaybackPlan planOf(const PlayOptions& options, const MediaInfo& media);

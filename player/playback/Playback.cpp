@@ -6,8 +6,7 @@
 #include <thread>
 #include <utility>
 
-#include "player/media/MediaSource.h"
-
+#include "player/base/Errors.h"
 #include "player/playback/PlaybackSession.h"
 #include "tv/clock/FiberLocal.h"
 
@@ -333,6 +332,7 @@ PlaybackRecord PlaybackSession::finish() {
     mRecord.pool = mPool.report();
     mRecord.sync = mClock->counters();
     mRecord.decodeErrors = mVideo.decodeErrors();
+    mRecord.media = mVideo.info();
     return mRecord;
 }
 

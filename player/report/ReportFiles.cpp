@@ -60,6 +60,21 @@ void addSection(JsonObject& json, const std::string& prefix, const StretchReport
     json.add(prefix + "second_frame_us", section.secondFrameUs);
 }
 
+void addStreams(JsonObject& json, const MediaInfo& media) {
+    json.add("streams", static_cast<int64_t>(media.streams.size()));
+    json.add("programs", static_cast<int64_t>(media.programs.size()));
+    json.add("video_stream", int64_t{media.videoStream});
+    json.add("audio_stream", int64_t{media.audioStream});
+    json.add("can_seek", media.canSeek);
+    json.add("field_order", media.fieldOrder);
+    json.add("bit_depth", int64_t{media.bitDepth});
+    json.add("hdr_transfer", media.transfer);
+    json.add("rotation_degrees", int64_t{media.rotationDegrees});
+    json.add("interlaced_pictures", media.interlacedPictures);
+    json.add("repeated_fields", media.repeatedFields);
+    json.add("stream_changes", static_cast<int64_t>(media.changes.size()));
+}
+
 /// A CSV field that may be unknown, as microseconds since the start.
 std::string sinceStart(const PlaybackRecord& record, int64_t ns) {
     return ns > 0 ? std::to_string((ns - record.startNs) / 1000) : "";
@@ -110,6 +125,7 @@ void writeJson(std::ostream& out, const PlaybackRecord& record, const Summary& s
     json.add("ok", summary.ok());
     json.add("end", std::string(toString(record.end)));
     json.add("file", record.media.path);
+    addStreams(json, record.media);
     json.add("content_hz", summary.contentHz);
     json.add("display_hz", summary.displayHz);
     json.add("with_audio", record.withAudio);

@@ -6,6 +6,7 @@
 
 #include "player/base/Units.h"
 #include "player/report/Report.h"
+#include "player/report/StreamText.h"
 
 namespace korvane::player {
 namespace {
@@ -42,6 +43,14 @@ void printRates(std::ostream& out, const PlaybackRecord& record, const Summary& 
          "content " + content + " fps" + (summary.variableRate ? " on average, varying" : "") +
              " (" + describeMedia(record) + ")" + (drifts ? ", " + played + " with audio" : "") +
              ", display " + rate(summary.displayHz) + " Hz");
+}
+
+void printStreams(std::ostream& out, const MediaInfo& media) {
+    std::string label = "streams";
+    for (const auto& text : streamLines(media)) {
+        line(out, label, text);
+        label.clear();
+    }
 }
 
 void printPattern(std::ostream& out, const Summary& summary) {
@@ -226,7 +235,7 @@ void printEnd(std::ostream& out, const PlaybackRecord& record, const tv::TraceRe
              counted(record.decodeErrors, "packet") + " came damaged or could not be decoded");
     }
     if (record.failedSeeks > 0) {
-        line(out, "", counted(record.failedSeeks, "seek") + " failed: the file cannot seek");
+        line(out, "", counted(record.failedSeeks, "seek") + " failed: the input cannot seek");
     }
     if (!trace.path.empty()) {
         line(out, "trace",
@@ -244,6 +253,7 @@ void printReport(std::ostream& out, const PlaybackRecord& record, const Summary&
         return;
     }
     printRates(out, record, summary);
+    printStreams(out, record.media);
     printPattern(out, summary);
     printDwell(out, summary);
     printBreaks(out, summary);
