@@ -25,6 +25,9 @@ namespace {
 /// durations, and streams of one file end apart by less than this.
 constexpr int64_t kBreakOffToleranceUs = 500'000;
 
+/// By how much a stream may overlap the one that it goes on from: a few reordered pictures.
+constexpr int64_t kOverlapUs = 200'000;
+
 /// What FFmpeg would report in its own words, or not at all, is said here plainly.
 void checkIsFile(const std::string& path) {
     struct stat status {};
@@ -218,25 +221,36 @@ int Demuxer::streams() const {
 }
 
 ReadStatus Demuxer::read(int stream, AVPacket* packet) {
-    const std::lock_guard<std::mutex> guard(mLock);
-    Queue& queue = mQueues[stream];
-    av_packet_unref(packet);
-    while (queue.packets.empty()) {
-        if (othersAreFull(stream)) {
-            return ReadStatus::End;
+    for (;;) {
+        if (const auto status = take(stream, packet)) {
+            return *status;
         }
-        if (!mEnded) {
-            const ReadStatus status = readOne();
-            mEnded = status == ReadStatus::Ready ? std::nullopt : std::optional(status);
-        }
-        if (mEnded && queue.packets.empty()) {
-            return *mEnded;
+        // The lock for reading alone: what waits in the other's queue can be taken meanwhile.
+        const std::lock_guard<std::mutex> guard(mReading);
+        if (nothingCameFor(stream)) {
+            readOne();
         }
     }
+}
+
+/// @return nothing when more has to be read
+std::optional<ReadStatus> Demuxer::take(int stream, AVPacket* packet) {
+    const std::lock_guard<std::mutex> guard(mLock);
+    Queue& queue = mQueues[stream];
+    if (queue.packets.empty()) {
+        return othersAreFull(stream) ? std::optional(ReadStatus::End) : mEnded;
+    }
+    av_packet_unref(packet);
     queue.bytes -= costOf(*queue.packets.front());
     av_packet_move_ref(packet, queue.packets.front().get());
     queue.packets.pop_front();
     return ReadStatus::Ready;
+}
+
+/// Between looking and reading the other reader may have brought something.
+bool Demuxer::nothingCameFor(int stream) const {
+    const std::lock_guard<std::mutex> guard(mLock);
+    return mQueues.at(stream).packets.empty() && !mEnded;
 }
 
 bool Demuxer::othersAreFull(int stream) const {
@@ -246,30 +260,34 @@ bool Demuxer::othersAreFull(int stream) const {
 }
 
 /// Reads the next packet of any stream and puts it where it is wanted.
-ReadStatus Demuxer::readOne() {
+void Demuxer::readOne() {
     PacketPtr packet(av_packet_alloc());
     const int result = av_read_frame(mFormat.get(), packet.get());
+    const std::lock_guard<std::mutex> guard(mLock);
     mStreams = static_cast<int>(mFormat->nb_streams);
-    if (result == AVERROR_EOF) {
-        return endsEarly() ? ReadStatus::BrokenOff : ReadStatus::End;
-    }
     if (result < 0) {
-        return ReadStatus::BrokenOff;
+        const bool whole = result == AVERROR_EOF && !endsEarly();
+        mEnded = whole ? ReadStatus::End : ReadStatus::BrokenOff;
+        return;
     }
     if (packet->pts != AV_NOPTS_VALUE) {
         const AVRational timeBase = stream(packet->stream_index).time_base;
-        mReachedUs = std::max(mReachedUs, toMediaUs(packet->pts + packet->duration, timeBase));
+        const int64_t fromUs = toMediaUs(packet->pts, timeBase);
+        const int64_t toUs = toMediaUs(packet->pts + packet->duration, timeBase);
+        Reach& reach = mReach.try_emplace(packet->stream_index, Reach{fromUs, toUs}).first->second;
+        reach.toUs = std::max(reach.toUs, toUs);
+        mReachedUs = std::max(mReachedUs, toUs);
     }
     const auto wanted = mQueues.find(packet->stream_index);
-    if (wanted != mQueues.end()) {
-        Queue& queue = wanted->second;
-        if (queue.timesOnly) {
-            dropData(packet.get());
-        }
-        queue.bytes += costOf(*packet);
-        queue.packets.push_back(std::move(packet));
+    if (wanted == mQueues.end()) {
+        return;
     }
-    return ReadStatus::Ready;
+    Queue& queue = wanted->second;
+    if (queue.timesOnly) {
+        dropData(packet.get());
+    }
+    queue.bytes += costOf(*packet);
+    queue.packets.push_back(std::move(packet));
 }
 
 bool Demuxer::endsEarly() const {
@@ -295,15 +313,29 @@ bool Demuxer::indexGoesOn() const {
     return false;
 }
 
+Demuxer::Successor Demuxer::successorOf(int index) const {
+    const std::lock_guard<std::mutex> guard(mLock);
+    const auto own = mReach.find(index);
+    for (const auto& [other, reach] : mReach) {
+        if (own != mReach.end() && other != index &&
+            stream(other).codecpar->codec_type == stream(index).codecpar->codec_type &&
+            reach.fromUs + kOverlapUs >= own->second.toUs) {
+            return {other, reach.fromUs};
+        }
+    }
+    return {};
+}
+
 bool Demuxer::seek(int index, int64_t mediaUs) {
     if (!mCanSeek) {
         return false;
     }
-    const std::lock_guard<std::mutex> guard(mLock);
+    const std::lock_guard<std::mutex> reading(mReading);
     const int64_t target = av_rescale_q(mediaUs + mStartUs, kMicroseconds, stream(index).time_base);
     if (av_seek_frame(mFormat.get(), index, target, AVSEEK_FLAG_BACKWARD) < 0) {
         return false;
     }
+    const std::lock_guard<std::mutex> guard(mLock);
     for (auto& [number, queue] : mQueues) {
         queue.packets.clear();
         queue.bytes = 0;

@@ -63,6 +63,13 @@ public:
     int64_t reachedUs() const;
     /// Streams that are known by now: some containers bring new ones on the way.
     int streams() const;
+    /// The stream in which one of the same kind goes on after its end, as where a broadcaster
+    /// changes the number of its packets. After the input's end.
+    struct Successor {
+        int stream = -1;  ///< -1: there is none
+        int64_t fromUs = 0;
+    };
+    Successor successorOf(int stream) const;
     /// Goes to a packet at or before a media time, as far as the container can tell.
     /// @return false when it cannot
     bool seek(int stream, int64_t mediaUs);
@@ -73,11 +80,17 @@ private:
         std::deque<PacketPtr> packets;
         size_t bytes = 0;
     };
+    struct Reach {
+        int64_t fromUs = 0;
+        int64_t toUs = 0;
+    };
     void open(const MediaRequest& request);
     AVIOContext* openData();
     const AVInputFormat* findFormat(AVIOContext* data, const std::string& name) const;
     int openFormat(AVIOContext* data, const AVInputFormat* found);
-    ReadStatus readOne() KORVANE_REQUIRES(mLock);
+    std::optional<ReadStatus> take(int stream, AVPacket* packet);
+    bool nothingCameFor(int stream) const;
+    void readOne() KORVANE_REQUIRES(mReading);
     bool othersAreFull(int stream) const KORVANE_REQUIRES(mLock);
     bool endsEarly() const KORVANE_REQUIRES(mLock);
     bool indexGoesOn() const;
@@ -91,8 +104,10 @@ private:
     bool mCanSeek = true;
     int64_t mStartUs = 0;
 
+    std::mutex mReading;  ///< held while FFmpeg reads, which may wait for data; before mLock
     mutable std::mutex mLock;
     std::map<int, Queue> mQueues KORVANE_GUARDED_BY(mLock);
+    std::map<int, Reach> mReach KORVANE_GUARDED_BY(mLock);  ///< of each stream, as far as read
     std::optional<ReadStatus> mEnded KORVANE_GUARDED_BY(mLock);
     int64_t mReachedUs KORVANE_GUARDED_BY(mLock) = 0;
     int mStreams KORVANE_GUARDED_BY(mLock) = 0;

@@ -100,6 +100,7 @@ struct VideoReader::Impl {
                 reachedUs + kStreamToleranceUs < toldEndUs(stream) - demuxer->startUs();
             ended = early ? ReadStatus::BrokenOff : status;
             avcodec_send_packet(codec.get(), nullptr);
+            noteSuccessors();
             return;
         }
         if (packet->pts != AV_NOPTS_VALUE) {
@@ -194,23 +195,35 @@ struct VideoReader::Impl {
         info.repeatedFields += picture->repeat_pict > 0 ? 1 : 0;
         if (picture->width != width || picture->height != height) {
             if (width != 0) {
-                noteChange(sizeOf(width, height) + " becomes " +
-                           sizeOf(picture->width, picture->height));
+                noteChange(lastUs, sizeOf(width, height) + " becomes " +
+                                       sizeOf(picture->width, picture->height));
             }
             width = picture->width;
             height = picture->height;
         }
         const int streams = demuxer->streams();
         if (streams > knownStreams) {
-            noteChange("the input brings " + std::to_string(streams - knownStreams) +
-                       " more streams, not taken");
+            noteChange(lastUs, "the input brings " + std::to_string(streams - knownStreams) +
+                                   " more streams, not taken");
             knownStreams = streams;
         }
     }
 
-    void noteChange(const std::string& what) {
+    /// What is not followed is at least told.
+    void noteSuccessors() {
+        for (const int taken : {info.videoStream, info.audioStream}) {
+            const auto successor = demuxer->successorOf(taken);
+            if (successor.stream >= 0) {
+                noteChange(successor.fromUs, "stream #" + std::to_string(taken) + " goes on as #" +
+                                                 std::to_string(successor.stream) +
+                                                 ", which was not taken");
+            }
+        }
+    }
+
+    void noteChange(int64_t mediaTimeUs, const std::string& what) {
         if (info.changes.size() < kKeptChanges) {
-            info.changes.push_back({lastUs, what});
+            info.changes.push_back({mediaTimeUs, what});
         }
     }
 

@@ -51,6 +51,8 @@ mpeg2() { # name, source options, encoder options, seconds into the programme
 mpeg2 first.ts size=320x180:rate=25 "" 0
 mpeg2 second.ts size=640x360:rate=25 "" 1
 cat first.ts second.ts >resized.ts
+mpeg2 other.ts size=640x360:rate=25 "-streamid 0:512" 1
+cat first.ts other.ts >renumbered.ts
 mpeg2 interlaced.ts size=320x180:rate=25 "-flags +ilme+ildct -top 1" 0
 mpeg2 plain.m2v size=320x180:rate=30000/1001 "" 0
 # Every picture asks for its first field again.

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <ostream>
 #include <sstream>
 #include <string>
 
@@ -44,6 +45,10 @@ struct Input {
     const char* says;   ///< the report or the notes
 };
 
+void PrintTo(const Input& input, std::ostream* out) {
+    *out << input.name;
+}
+
 const Input kInputs[] = {
     {"Pictures", "$TV play img%03d.png", "frames_shown=24", "#0 video png"},
     {"Playlist", "$TV play concat:list.txt", "end=complete audio_stream=1", "[3:2] seen"},
@@ -65,6 +70,8 @@ const Input kInputs[] = {
      "audio left out"},
     {"Resized", "$TV play resized.ts", "stream_changes=1 end=complete",
      "at 0.960 s: 320x180 becomes 640x360"},
+    {"GoesOnInAnotherStream", "$TV play renumbered.ts", "frames_shown=25 stream_changes=1",
+     "at 0.960 s: stream #0 goes on as #1, which was not taken"},
     {"Interlaced", "$TV play interlaced.ts", "interlaced_pictures=25",
      "interlaced (top field first)"},
     {"Telecine", "$TV play telecine.m2v", "repeated_fields=30", "a field to be repeated"},
