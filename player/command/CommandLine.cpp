@@ -157,6 +157,30 @@ CLI::Option* addFlag(CLI::App* app, const std::string& name, bool* value, const 
     return app->add_flag(name, *value, help)->disable_flag_override();
 }
 
+/// Which streams of the input are played.
+void addStreamOptions(CLI::App* app, PlayOptions* options) {
+    const Kind<int64_t> index = count(0, kMostStreams, "the streams that the report lists");
+    add(app, "--video", index, "Index of the video stream, as FFmpeg counts them [the best one]",
+        &options->videoStream);
+    const Kind<std::string> indexOrNone{
+        "N",
+        [parse = index.parse](const std::string& text) {
+            return text == "none" || parse(text) ? std::optional(text) : std::nullopt;
+        },
+        "none or " + index.wanted};
+    addEach(app, "--audio", indexOrNone, "Index of the audio stream, or none [the best one]",
+            [options, parse = index.parse](const std::string& text) {
+                options->noAudio = options->noAudio || text == "none";
+                if (const auto stream = parse(text)) {
+                    options->audioStream = static_cast<int>(*stream);
+                }
+            })
+        ->expected(1)
+        ->multi_option_policy(CLI::MultiOptionPolicy::Throw);
+    add(app, "--program", index, "Number of the program, as the report lists them [the video's]",
+        &options->program);
+}
+
 void addDisplayOptions(CLI::App* app, PlayOptions* options) {
     add(app, "--rate", kDisplayRate,
         "Refresh rate [60]; broadcast rates mean exact fractions: 59.94 is 60000/1001",
@@ -202,7 +226,7 @@ void addPlaybackOptions(CLI::App* app, PlayOptions* options) {
                 options->videoStalls.push_back({pair.firstUs, pair.secondUs});
             });
     add(app, "--buffers", count(kFewestBuffers, kMostBuffers, "buffers"),
-        "Frame buffers of the player, 5 to 64 [16]", &options->buffers);
+        "Frame buffers of the player, 5 to 64 [16, or down to 8 beyond 512 MB]", &options->buffers);
 }
 
 void addPlatformOptions(CLI::App* app, PlayOptions* options) {
@@ -243,13 +267,17 @@ CLI::App* addPlayCommand(CLI::App* app, PlayOptions* options) {
         "play",
         "Play a media file on the simulated TV and report what was on screen. Durations are "
         "written 2s, 200ms, 1h30m or 1.5 (seconds).");
-    play->add_option("FILE", options->file, "Media file: anything that FFmpeg reads")
+    play->add_option("FILE", options->file,
+                     "What to play: a media file; - for standard input; pictures img%03d.png; a "
+                     "playlist concat:LIST or hls:LIST; a generator lavfi:GRAPH; any address that "
+                     "FFmpeg reads")
         ->type_name("")
         ->required();
     const std::pair<const char*, void (*)(CLI::App*, PlayOptions*)> groups[] = {
-        {"Display", addDisplayOptions},   {"Audio", addAudioOptions},
-        {"Playback", addPlaybackOptions}, {"Platform", addPlatformOptions},
-        {"Clock", addClockOptions},       {"Output", addOutputOptions}};
+        {"Streams", addStreamOptions},   {"Display", addDisplayOptions},
+        {"Audio", addAudioOptions},       {"Playback", addPlaybackOptions},
+        {"Platform", addPlatformOptions}, {"Clock", addClockOptions},
+        {"Output", addOutputOptions}};
     for (const auto& [group, addOptions] : groups) {
         play->option_defaults()->group(group);
         addOptions(play, options);

@@ -13,6 +13,7 @@
 #include "player/base/Units.h"
 #include "player/report/LipSync.h"
 #include "player/report/Report.h"
+#include "player/report/StreamText.h"
 #include "player/report/Words.h"
 
 namespace korvane::player {
@@ -51,6 +52,14 @@ void printRates(std::ostream& out, const PlaybackRecord& record, const Summary& 
                      summary.variableRate ? " on average, varying" : "", describeMedia(record),
                      drifts ? ", " + played + " with audio" : "",
                      describeRate(summary.displayHz, "Hz")));
+}
+
+void printStreams(std::ostream& out, const MediaInfo& media) {
+    std::string label = "streams";
+    for (const auto& text : streamLines(media)) {
+        line(out, label, text);
+        label.clear();
+    }
 }
 
 std::string describePattern(const StretchReport& stretch) {
@@ -269,7 +278,7 @@ void printEnd(std::ostream& out, const PlaybackRecord& record, const tv::TraceRe
              counted(record.decodeErrors, "packet") + " came damaged or could not be decoded");
     }
     if (record.failedSeeks > 0) {
-        line(out, "", counted(record.failedSeeks, "seek") + " failed: the file cannot seek");
+        line(out, "", counted(record.failedSeeks, "seek") + " failed: the input cannot seek");
     }
     if (!trace.path.empty()) {
         line(out, "trace",
@@ -287,6 +296,7 @@ void printReport(std::ostream& out, const PlaybackRecord& record, const Summary&
         return;
     }
     printRates(out, record, summary);
+    printStreams(out, record.media);
     printPatterns(out, summary);
     printDwell(out, summary);
     printBreaks(out, summary);
