@@ -274,7 +274,7 @@ CLI::App* addPlayCommand(CLI::App* app, PlayOptions* options) {
         ->type_name("")
         ->required();
     const std::pair<const char*, void (*)(CLI::App*, PlayOptions*)> groups[] = {
-        {"Streams", addStreamOptions},   {"Display", addDisplayOptions},
+        {"Streams", addStreamOptions},    {"Display", addDisplayOptions},
         {"Audio", addAudioOptions},       {"Playback", addPlaybackOptions},
         {"Platform", addPlatformOptions}, {"Clock", addClockOptions},
         {"Output", addOutputOptions}};

@@ -65,9 +65,9 @@ std::vector<std::string> inputNotes(const PlayOptions& options, const MediaInfo&
     const int buffers = planOf(options, media).buffers;
     const int64_t bytes = buffers * media.pictureBytes;
     if (bytes > kOrdinaryBytes) {
-        notes.push_back(
-            fmt::format("{} frame buffers of {}x{} will take {} MB; give --buffers for more or fewer",
-                        buffers, media.width, media.height, bytes / 1'000'000));
+        notes.push_back(fmt::format(
+            "{} frame buffers of {}x{} will take {} MB; give --buffers for more or fewer", buffers,
+            media.width, media.height, bytes / 1'000'000));
     }
     return notes;
 }
