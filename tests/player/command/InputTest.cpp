@@ -116,10 +116,11 @@ TEST(GeneratorTest, PlaysPicturesAndSound) {
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
 TEST(PipeTest, IsPlayedAsTheFileIs) {
     for (const std::string file : {"24.ts", "late-sound.mkv", "24.mp4"}) {
-        for (const std::string options : {"", " --flush-at 1s", " --passthrough"}) {
-            const std::string named = eventsOf(shell("$TV play " + file + options));
-            EXPECT_EQ(eventsOf(shell("cat " + file + " | $TV play -" + options)), named)
-                << file << options;
+        for (const char* options : {"", " --flush-at 1s", " --passthrough"}) {
+            const std::string named =
+                eventsOf(shell("FILE=" + file + "; $TV play $FILE" + options));
+            const std::string piped = "FILE=" + file + "; cat $FILE | $TV play -";
+            EXPECT_EQ(eventsOf(shell(piped + options)), named) << file << options;
             EXPECT_THAT(named, MatchesRegex("repeat    events [0-9a-f]+")) << file << options;
         }
     }
