@@ -255,9 +255,11 @@ CLI::App* addPlayCommand(CLI::App* app, PlayOptions* options) {
         addOptions(play, options);
     }
     play->footer(
-        "Exit status: 0 every frame is accounted for and every buffer was returned; 1 otherwise, "
-        "or if an output could not be written; 2 wrong usage or input, no output is touched; 3 the "
-        "threads hang.");
+        "Exit status: 0 played to its end, every frame is accounted for and every buffer was "
+        "returned; 1 a frame or buffer is not, or an output could not be written; 2 wrong usage or "
+        "input, no output is touched; 3 the threads hang; 4 playback stalled or the film breaks "
+        "off; 130 or 143 ended by SIGINT (Ctrl-C) or SIGTERM, the report and the outputs are "
+        "whole.");
     return play;
 }
 

@@ -171,6 +171,22 @@ bool writeResults(const PlayOptions& options, const PlaybackRecord& record, cons
     return outputs->finish() && trace.failure.empty();
 }
 
+/// A fault outweighs the reason for which playback ended: whoever interrupts is told of it, too.
+int statusOf(const PlaybackRecord& record, const Summary& summary, bool written) {
+    const bool accounted =
+        summary.framesAccounted && summary.buffersBack && record.overwrittenOnScreen == 0;
+    if (!accounted || !written) {
+        return kExitFailed;
+    }
+    if (record.end == EndCause::Interrupted) {
+        return 128 + interruptingSignal();
+    }
+    if (record.end != EndCause::Complete) {
+        return kExitCutShort;
+    }
+    return summary.count(Outcome::Shown) > 0 ? kExitOk : kExitFailed;
+}
+
 }  // namespace
 
 int lowestLogPriority(const PlayOptions& options) {
@@ -201,7 +217,7 @@ int playFile(const PlayOptions& options) {
             ? fmt::format("repeat    events {} from {}\n", listeners.events.hash(), options.repeat)
             : "";
     const bool written = writeResults(options, record, summary, traceReport, repeat, &outputs);
-    return summary.ok() && written ? kExitOk : kExitFailed;
+    return statusOf(record, summary, written);
 }
 
 }  // namespace korvane::player
