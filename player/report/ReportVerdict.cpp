@@ -90,24 +90,37 @@ std::string whatHeld(const StretchReport& stretch) {
                : stretch.seen + " seen where " + name + " was due";
 }
 
-/// Even: every stretch that is long enough to tell held its pattern, every break from the first
-/// frame to the last was by arithmetic, and no frame was dropped that could have been shown.
+const StretchReport& longestStretch(const Summary& summary) {
+    return *std::max_element(
+        summary.stretches.begin(), summary.stretches.end(),
+        [](const auto& left, const auto& right) { return left.dwells < right.dwells; });
+}
+
+/// Every stretch that is long enough to tell held its pattern, every break from the first frame to
+/// the last was by arithmetic, and no frame was dropped that could have been shown.
+bool isEven(const Summary& summary) {
+    if (summary.stretches.empty() || summary.variableRate || summary.expected.pattern.empty()) {
+        return false;
+    }
+    const StretchReport& longest = longestStretch(summary);
+    return longest.judged() && longest.cadence.held &&
+           (unexpectedDwells(summary) + othersNeverHeld(summary, longest)).empty() &&
+           avoidableDrops(summary).empty();
+}
+
 std::string patternVerdict(const Summary& summary) {
     if (summary.variableRate || summary.expected.pattern.empty()) {
         return "Played; the content's rate varies, so there is no pattern to keep";
     }
-    const StretchReport& longest = *std::max_element(
-        summary.stretches.begin(), summary.stretches.end(),
-        [](const auto& left, const auto& right) { return left.dwells < right.dwells; });
+    const StretchReport& longest = longestStretch(summary);
     if (!longest.judged()) {
         return "Played; too short to tell a pattern";
     }
     const std::string broken = unexpectedDwells(summary) + othersNeverHeld(summary, longest);
     const bool stayed = longest.cadence.held && broken.empty();
-    const bool even = stayed && avoidableDrops(summary).empty();
     const bool explained = summary.unexpected > 0 && summary.explained == summary.unexpected;
-    return (even ? "Even: " : "Uneven: ") + whatHeld(longest) + (stayed ? " and stayed" : broken) +
-           (explained ? ", with a cause" : "");
+    return (summary.even ? "Even: " : "Uneven: ") + whatHeld(longest) +
+           (stayed ? " and stayed" : broken) + (explained ? ", with a cause" : "");
 }
 
 /// ", 3 frames not shown (late: 2)"; empty when all were.
@@ -140,6 +153,7 @@ void giveVerdict(const PlaybackRecord& record, Summary* summary) {
     summary->sumHolds = sum == summary->framesIn && summary->count(Outcome::Pending) == 0;
     summary->framesAccounted = summary->sumHolds && summary->count(Outcome::Lost) == 0;
     summary->buffersBack = record.buffersKept == 0 && record.pool.unknownReturned == 0;
+    summary->even = isEven(*summary);
     summary->verdict = verdictOf(record, *summary);
 }
 

@@ -106,6 +106,7 @@ struct Summary {
     bool sumHolds = false;  ///< the outcomes add up to the frames handed in
     bool framesAccounted = false;
     bool buffersBack = false;
+    bool even = false;  ///< even, or as even as the rates allow
     std::string verdict;
 
     bool ok() const { return framesAccounted && buffersBack; }
