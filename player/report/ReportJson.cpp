@@ -70,6 +70,20 @@ void addFrames(Json* json, const Summary& summary) {
     }
 }
 
+void addLipSync(Json* json, const LipSync& lipSync) {
+    Json& to = *json;
+    to["lip_sync_samples"] = lipSync.samples;
+    to["lip_sync_median_us"] = lipSync.medianUs;
+    to["lip_sync_p99_us"] = lipSync.p99MagnitudeUs;
+    to["lip_sync_worst_us"] = lipSync.worstUs;
+    to["lip_sync_worst_frame"] = lipSync.worst.frameNo;
+    to["lip_sync_display_median_us"] = lipSync.displayMedianUs;
+    to["lip_sync_seconds_judged"] = rounded(lipSync.secondsJudged);
+    to["lip_sync_seconds_outside_ebu"] = rounded(lipSync.secondsOutsideEbu);
+    to["lip_sync_seconds_outside_itu_detectable"] = rounded(lipSync.secondsOutsideItuDetectable);
+    to["lip_sync_seconds_outside_itu_acceptable"] = rounded(lipSync.secondsOutsideItuAcceptable);
+}
+
 void addAudioAndBuffers(Json* json, const PlaybackRecord& record, const Summary& summary) {
     Json& to = *json;
     to["av_offset_samples"] = summary.offset.us.samples;
@@ -97,6 +111,7 @@ void writeJson(std::ostream& out, const PlaybackRecord& record, const Summary& s
     addPlayback(&json, record, summary);
     addCadence(&json, summary);
     addFrames(&json, summary);
+    addLipSync(&json, summary.lipSync);
     addAudioAndBuffers(&json, record, summary);
     json["trace_events"] = trace.written;
     json["trace_lost"] = trace.lost;

@@ -16,6 +16,7 @@
 
 #include "player/playback/Playback.h"
 #include "player/report/Cadence.h"
+#include "player/report/LipSync.h"
 #include "player/report/Runs.h"
 #include "player/report/Spread.h"
 
@@ -69,7 +70,7 @@ struct MeasuredAt {
     FrameAt frame;
 };
 
-/// Audio/video offsets of all frames shown; positive: the picture was late, sound early.
+/// Offsets of all frames shown from the sync clock; positive: the picture was late.
 struct OffsetReport {
     Spread us;
     MeasuredAt least;
@@ -97,7 +98,8 @@ struct Summary {
     int64_t explained = 0;  ///< of these, how many with a cause
     std::map<int, int64_t> unjudged;
 
-    OffsetReport offset;
+    LipSync lipSync;                   ///< against the sound that was heard
+    OffsetReport offset;               ///< against the sync clock
     MeasuredAt longestResume{-1, {}};  ///< from the end of a clock stop to the next frame; -1: none
     Spread backToPlayerNs;  ///< from replaced on screen until the player had the buffer again
     int64_t fences = 0;
