@@ -201,7 +201,7 @@ int playFile(const PlayOptions& options) {
             ? fmt::format("repeat    events {} from {}\n", listeners.events.hash(), options.repeat)
             : "";
     const bool written = writeResults(options, record, summary, traceReport, repeat, &outputs);
-    return summary.ok() && written ? kExitOk : kExitFailed;
+    return summary.accounted() && written ? kExitOk : kExitFailed;
 }
 
 }  // namespace korvane::player
