@@ -72,7 +72,9 @@ void AudioModel::resume(int64_t nowUs) {
     mPaused = false;
 }
 
-void AudioModel::flush() {
+void AudioModel::flush(int64_t nowUs) {
+    recordSilence(nowUs);
+    mSoundAheadUs = 0;
     mState = AudioState::Waiting;
     mHasPackets = false;
     mEndOfStream = false;
@@ -166,6 +168,7 @@ int64_t AudioModel::stepDraining(int64_t nowUs) {
     mDraining = false;
     mCorrectionRealUs = kNever;
     mReport.positionUs = mStoppedMediaUs;
+    recordSilence(mSilentRealUs);
     mInstance->pauseFromAudio(mStoppedMediaUs, mSilentRealUs);
     return kNever;
 }
@@ -178,6 +181,7 @@ int64_t AudioModel::stepPlaying(int64_t nowUs) {
         nextUs = std::min(nextUs, stopUs);
         if (nowUs >= stopUs) {
             if (mEndOfStream && nextFault() == nullptr) {
+                recordSilence(stopUs);
                 mState = AudioState::Ended;
             } else {
                 underflow(limit, stopUs);
@@ -204,6 +208,7 @@ int64_t AudioModel::stepBack(int64_t nowUs) {
         }
         mReferenceMediaUs = next->atMediaUs - next->byUs;
         mReferenceRealUs = atRealUs;
+        mSoundAheadUs += next->byUs;
         mSteps = 0;
         mConfig.stepBacks.erase(next);
         reportTrack(mReferenceMediaUs, nowUs);
@@ -248,6 +253,7 @@ void AudioModel::reanchor(int64_t nowUs) {
         mReferenceMediaUs = clockUs;  // video leads: skip or wait to follow it
         mReferenceRealUs = nowUs;
         mSteps = 0;
+        recordSound(nowUs);
     }
 }
 
@@ -272,6 +278,20 @@ void AudioModel::begin(int64_t mediaUs, int64_t nowUs, int64_t clockOffUs) {
     mReferenceRealUs = nowUs;
     mSteps = 0;
     mReport.positionUs = mReferenceMediaUs;
+    recordSound(nowUs);
+}
+
+/// The sound goes on from the reference.
+void AudioModel::recordSound(int64_t nowUs) {
+    const int64_t mediaUs = mReferenceMediaUs + mSoundAheadUs;
+    if (mState != AudioState::Ended && mediaUs < mBufferedEndUs) {
+        mSound.begin(nowUs, mediaUs, 1.0 + mConfig.driftPpm * 1e-6);
+    }
+}
+
+/// The sound stops, or has done so before at the end of what is buffered.
+void AudioModel::recordSilence(int64_t fromRealUs) {
+    mSound.end(std::min(fromRealUs, realAt(mBufferedEndUs - mSoundAheadUs)));
 }
 
 void AudioModel::underflow(int64_t atMediaUs, int64_t atRealUs) {

@@ -28,6 +28,12 @@
 // later, if a renderer's flush set mode 0 or its first frame paused the clock. So flush audio
 // before the renderer when seeking: audio that still plays would release the renderer's new first
 // frame at the old position. Pause freezes any state. Flush leads to waiting and leaves the clock.
+//
+// What is audible is recorded apart from what is reported of it. A latency jump moves the clock and
+// not the sound. Nor does a step back: what steps back is the reported position, as when a device
+// corrects its count of samples, and the samples that it has queued come out as before. So from
+// then until a flush the sound is ahead of the position, and reaches the end of the stream before
+// it.
 #pragma once
 
 #include <cstdint>
@@ -36,6 +42,7 @@
 #include <vector>
 
 #include "tv/MediaSyncService.h"
+#include "tv/SoundRecord.h"
 
 namespace korvane::tv {
 
@@ -96,13 +103,15 @@ public:
     void endOfStream();
     void pause(int64_t nowUs);
     void resume(int64_t nowUs);
-    void flush();
+    void flush(int64_t nowUs);
 
     /// Does what is due. Call it after every other operation, too.
     /// @return when to call it next; INT64_MAX: after the next operation
     int64_t step(int64_t nowUs);
 
     AudioReport report() const;
+    /// What was audible, up to the last step.
+    const SoundRecord& sound() const { return mSound; }
     /// State in words, for people.
     std::string dump() const;
 
@@ -122,6 +131,8 @@ private:
     void goOn(int64_t nowUs);
     void underflow(int64_t atMediaUs, int64_t atRealUs);
     void stopSound(int64_t mediaUs, int64_t realUs);
+    void recordSound(int64_t nowUs);
+    void recordSilence(int64_t fromRealUs);
     int64_t stepDraining(int64_t nowUs);
     int64_t stepBack(int64_t nowUs);
     int64_t advanceTrack(int64_t nowUs);
@@ -148,6 +159,8 @@ private:
     int64_t mStoppedMediaUs = 0;  ///< where the sound stops in underflow or pause
     int64_t mCorrectionRealUs;    ///< when a latency jump ends; INT64_MAX without one
     int64_t mFaultEndsUs = 0;
+    int64_t mSoundAheadUs = 0;  ///< of the position: the steps back since the last flush
+    SoundRecord mSound;
     AudioReport mReport;
 };
 

@@ -76,7 +76,7 @@ void AudioOutput::resume() {
 }
 
 void AudioOutput::flush() {
-    mImpl->change([](AudioModel& model, int64_t) { model.flush(); });
+    mImpl->change([](AudioModel& model, int64_t nowUs) { model.flush(nowUs); });
 }
 
 void AudioOutput::stop() {
@@ -93,6 +93,11 @@ void AudioOutput::stop() {
 AudioReport AudioOutput::report() const {
     const std::lock_guard<std::mutex> guard(mImpl->lock);
     return mImpl->model.report();
+}
+
+SoundRecord AudioOutput::sound() const {
+    const std::lock_guard<std::mutex> guard(mImpl->lock);
+    return mImpl->model.sound();
 }
 
 std::string AudioOutput::dump() const {

@@ -31,6 +31,8 @@ public:
     void stop();
 
     AudioReport report() const;
+    /// What was audible until now.
+    SoundRecord sound() const;
     /// State in words, for people.
     std::string dump() const;
 

@@ -198,9 +198,7 @@ bool writeResults(const PlayOptions& options, const PlaybackRecord& record, cons
 /// where playback was cut short, that is why they fail.
 int statusOf(const PlayOptions& options, const PlaybackRecord& record, const Summary& summary,
              bool expected, bool written) {
-    const bool accounted =
-        summary.framesAccounted && summary.buffersBack && record.overwrittenOnScreen == 0;
-    if (!accounted || !written) {
+    if (!summary.accounted() || record.overwrittenOnScreen > 0 || !written) {
         return kExitFailed;
     }
     if (record.end == EndCause::Interrupted) {

@@ -48,6 +48,8 @@ public:
     void stop();
 
     tv::AudioReport report() const;
+    /// What was audible until now.
+    tv::SoundRecord sound() const { return mOutput.sound(); }
 
 private:
     void run();

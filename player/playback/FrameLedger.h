@@ -71,6 +71,11 @@ struct FrameEntry {
     /// The clock's real time for this frame when its render time came; empty: clock not running.
     std::optional<int64_t> clockRealUs;
 
+    /// When the sound of its media time was heard, or would have been; empty: it came on screen
+    /// while nothing was heard, or not at all. Set with the outcome, as `heardForUs`.
+    std::optional<int64_t> heardRealUs;
+    int64_t heardForUs = 0;  ///< of its time on screen, how long something was heard
+
     Outcome outcome = Outcome::Pending;
     int tunnelEntries = 0;  ///< how often it was queued into the tunnel
     std::optional<tv::BufferRecord> record;

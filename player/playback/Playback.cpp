@@ -256,8 +256,14 @@ void PlaybackSession::act(EventKind kind, int64_t number, const std::string& tex
     }
 }
 
-void PlaybackSession::tellListeners(const std::vector<FrameEntry>& frames) {
-    for (const auto& frame : frames) {
+void PlaybackSession::tellListeners(const std::vector<FrameEntry>& settled) {
+    const tv::SoundRecord sound = mAudio ? mAudio->sound() : tv::SoundRecord();
+    for (FrameEntry frame : settled) {
+        if (frame.outcome == Outcome::Shown) {
+            const int64_t shownUs = frame.record->firstVsync.timeNs / 1000;
+            frame.heardRealUs = sound.realTimeOf(frame.mediaTimeUs, shownUs);
+            frame.heardForUs = sound.audibleUs(shownUs, frame.record->releasedNs / 1000);
+        }
         if (frame.bufferKept && mRecord.buffersKept++ == 0) {
             mRecord.firstKept = {frame.frameNo, (frame.sentNs - mRecord.startNs) / 1000};
         }

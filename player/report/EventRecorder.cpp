@@ -3,6 +3,8 @@
 
 #include <string>
 
+#include "player/report/LipSync.h"
+
 namespace korvane::player {
 
 void EventRecorder::onStart(const PlaybackRecord& soFar) {
@@ -28,8 +30,10 @@ void EventRecorder::addTunnelEvents(const FrameEntry& frame, const PlaybackRecor
     if (frame.outcome == Outcome::Shown) {
         const int64_t offsetUs =
             frame.clockRealUs ? record.firstVsync.timeNs / 1000 - *frame.clockRealUs : 0;
+        const auto lipSync = lipSyncUs(frame);
         mLog->add({record.firstVsync.timeNs, EventKind::Shown, frame.frameNo,
-                   record.firstVsync.index, offsetUs, ""});
+                   record.firstVsync.index, offsetUs,
+                   lipSync ? "lip_sync_us=" + std::to_string(*lipSync) : ""});
         mLog->add(
             {record.releasedNs, EventKind::Replaced, frame.frameNo, record.dwellVsyncs, 0, ""});
     } else if (frame.outcome == Outcome::Superseded) {

@@ -48,6 +48,7 @@ Summary ReportBuilder::finish(const PlaybackRecord& record) {
     mSummary.contentHz = mRate.hz();
     mSummary.variableRate = mRate.varies();
     mSummary.expected = mRate.varies() ? ExpectedCadence{} : expectedOn(mSummary.displayHz);
+    mSummary.lipSync = mLipSync.result();
     mSummary.offset = mOffsets.report();
     mSummary.longestResume = mResumes.longest();
     mSummary.backToPlayerNs = mBackToPlayer.spread();
@@ -112,6 +113,7 @@ void ReportBuilder::countShown(const FrameEntry& frame, const PlaybackRecord& so
     const FrameAt shown = frameAt(frame, record.firstVsync.timeNs, soFar);
     ++mSummary.dwells[static_cast<int>(record.dwellVsyncs)];
     mSummary.fences += record.fenceSignalNs != 0 ? 1 : 0;
+    countLipSync(frame, shown);
     if (frame.clockRealUs && !record.atOnce) {
         mOffsets.add(shownUs - *frame.clockRealUs, shown);
     }
@@ -119,6 +121,18 @@ void ReportBuilder::countShown(const FrameEntry& frame, const PlaybackRecord& so
         mBackToPlayer.add(frame.returnedNs - record.releasedNs);
     }
     mResumes.add(shownUs, shown, soFar.clockStops);
+}
+
+void ReportBuilder::countLipSync(const FrameEntry& frame, const FrameAt& shown) {
+    const auto lipSync = lipSyncUs(frame);
+    if (!lipSync) {
+        return;
+    }
+    mLipSync.add(*lipSync, frame.heardForUs, shown);
+    if (!frame.record->atOnce) {
+        mLipSync.addDisplayWait(frame.record->firstVsync.timeNs / 1000 -
+                                frame.record->presentationTimeUs);
+    }
 }
 
 /// Adds up what the stretches say of the cadence; where the rate varies there is none.
@@ -129,12 +143,17 @@ void ReportBuilder::sumUpStretches() {
             stretch.cadence = CadenceResult{};
             stretch.heldAfterUs = -1;
             stretch.breaks.clear();
-            stretch.explained = 0;
+            stretch.causes.clear();
+            stretch.disturbances = 0;
             stretch.unjudged.clear();
         }
         mSummary.byArithmetic += static_cast<int64_t>(stretch.cadence.byArithmetic);
         mSummary.unexpected += static_cast<int64_t>(stretch.cadence.unexpected);
-        mSummary.explained += stretch.explained;
+        mSummary.disturbances += stretch.disturbances;
+        for (const auto& [cause, dwells] : stretch.causes) {
+            mSummary.causes[cause] += dwells;
+            mSummary.askedFor += askedFor(cause) ? dwells : 0;
+        }
         mSummary.cadenceDwells.insert(stretch.firstByDwell.begin(), stretch.firstByDwell.end());
         for (const auto& [dwell, frames] : stretch.unjudged) {
             mSummary.unjudged[dwell] += frames;

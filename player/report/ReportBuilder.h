@@ -3,6 +3,7 @@
 //
 //   frame -> ContentRate       held back until the content's rate is known
 //         -> StretchBuilder    one for each stretch: cadence, start, breaks with their causes
+//         -> LipSyncCounter    frames on screen against the sound that was heard
 //         -> OffsetCounter,    frames on screen against the sync clock
 //            ResumeTimer
 //         -> counts            outcomes, drops, dwells, buffers
@@ -17,6 +18,7 @@
 
 #include "player/report/ClockTimes.h"
 #include "player/report/ContentRate.h"
+#include "player/report/LipSync.h"
 #include "player/report/StretchBuilder.h"
 #include "player/report/Summary.h"
 
@@ -39,6 +41,7 @@ private:
     void endStretch(const PlaybackRecord& soFar);
     void count(const FrameEntry& frame, const PlaybackRecord& soFar);
     void countShown(const FrameEntry& frame, const PlaybackRecord& soFar);
+    void countLipSync(const FrameEntry& frame, const FrameAt& shown);
     void sumUpStretches();
 
     const PlaybackPlan& mPlan;
@@ -47,6 +50,7 @@ private:
     std::deque<FrameEntry> mWaiting;  ///< until the rate is known; then the last frame alone
     std::optional<StretchBuilder> mStretch;
     size_t mModeChanges = 0;  ///< of the plan's, that have come
+    LipSyncCounter mLipSync;
     OffsetCounter mOffsets;
     ResumeTimer mResumes;
     SpreadCounter mBackToPlayer;

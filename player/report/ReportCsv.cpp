@@ -59,6 +59,11 @@ constexpr Column kColumns[] = {
      [](const Frame& f, const Record&) {
          return f.record ? std::to_string(f.record->dwellVsyncs) : "";
      }},
+    {"lip_sync_us",
+     [](const Frame& f, const Record&) {
+         const auto lipSync = lipSyncUs(f);
+         return lipSync ? std::to_string(*lipSync) : "";
+     }},
     {"av_offset_us",
      [](const Frame& f, const Record&) {
          return hadVsync(f) && f.clockRealUs

@@ -32,7 +32,11 @@ void addStretch(Json* json, const std::string& prefix, const StretchReport& stre
 void addPlayback(Json* json, const PlaybackRecord& record, const Summary& summary) {
     Json& to = *json;
     to["verdict"] = summary.verdict;
+    to["grade"] = toString(summary.grade);
     to["ok"] = summary.ok();
+    to["even"] = summary.even;
+    to["in_sync"] = summary.inSync;
+    to["complete"] = summary.complete;
     to["end"] = toString(record.end);
     to["file"] = record.media.path;
     to["content_hz"] = rounded(summary.contentHz);
@@ -47,7 +51,8 @@ void addCadence(Json* json, const Summary& summary) {
     to["seconds_per_slip"] = rounded(summary.expected.secondsPerSlip());
     to["dwells_by_arithmetic"] = summary.byArithmetic;
     to["dwells_unexpected"] = summary.unexpected;
-    to["dwells_unexpected_explained"] = summary.explained;
+    to["dwells_unexpected_explained"] = summary.explained();
+    to["disturbances"] = summary.disturbances;
     // Published as "sections", for flushes were all that ended a stretch.
     to["sections"] = summary.stretches.size();
     for (size_t i = 0; i < summary.stretches.size(); ++i) {
@@ -68,6 +73,20 @@ void addFrames(Json* json, const Summary& summary) {
         to[key + "_longest_run"] = group.runs.longest;
         to[key + "_from_log"] = group.fromLog;
     }
+}
+
+void addLipSync(Json* json, const LipSync& lipSync) {
+    Json& to = *json;
+    to["lip_sync_samples"] = lipSync.samples;
+    to["lip_sync_median_us"] = lipSync.medianUs;
+    to["lip_sync_p99_us"] = lipSync.p99MagnitudeUs;
+    to["lip_sync_worst_us"] = lipSync.worstUs;
+    to["lip_sync_worst_frame"] = lipSync.worst.frameNo;
+    to["lip_sync_display_median_us"] = lipSync.displayMedianUs;
+    to["lip_sync_seconds_judged"] = rounded(lipSync.secondsJudged);
+    to["lip_sync_seconds_outside_ebu"] = rounded(lipSync.secondsOutsideEbu);
+    to["lip_sync_seconds_outside_itu_detectable"] = rounded(lipSync.secondsOutsideItuDetectable);
+    to["lip_sync_seconds_outside_itu_acceptable"] = rounded(lipSync.secondsOutsideItuAcceptable);
 }
 
 void addAudioAndBuffers(Json* json, const PlaybackRecord& record, const Summary& summary) {
@@ -97,6 +116,7 @@ void writeJson(std::ostream& out, const PlaybackRecord& record, const Summary& s
     addPlayback(&json, record, summary);
     addCadence(&json, summary);
     addFrames(&json, summary);
+    addLipSync(&json, summary.lipSync);
     addAudioAndBuffers(&json, record, summary);
     json["trace_events"] = trace.written;
     json["trace_lost"] = trace.lost;

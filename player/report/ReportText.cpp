@@ -11,6 +11,7 @@
 #include "player/base/FrameRate.h"
 #include "player/base/Text.h"
 #include "player/base/Units.h"
+#include "player/report/LipSync.h"
 #include "player/report/Report.h"
 #include "player/report/Words.h"
 
@@ -148,18 +149,51 @@ void printStart(std::ostream& out, const Summary& summary) {
     }
 }
 
-void printOffset(std::ostream& out, const PlaybackRecord& record, const Summary& summary) {
-    const char* what = record.withAudio ? "audio" : "clock";
-    const Spread& offset = summary.offset.us;
-    if (offset.samples == 0) {
-        line(out, what, "no frame could be compared with the clock");
+/// "EBU R37 (+40 to -60 ms) 1.983 s".
+std::string describeBand(const char* name, const LipSyncBand& band, double secondsOutside) {
+    return fmt::format("{} (+{} to {} ms) {:.3f} s", name, band.mostUs / 1000, band.leastUs / 1000,
+                       secondsOutside);
+}
+
+void printLipSync(std::ostream& out, const PlaybackRecord& record, const Summary& summary) {
+    if (!record.withAudio) {
         return;
     }
-    line(out, what,
+    const LipSync& sync = summary.lipSync;
+    if (sync.samples == 0) {
+        line(out, "lip-sync", "no frame came on screen while sound was heard");
+        return;
+    }
+    line(out, "lip-sync",
+         fmt::format("picture against the sound heard: median {}, p99 {}, worst {} at frame {}",
+                     signedMilliseconds(sync.medianUs), milliseconds(sync.p99MagnitudeUs),
+                     signedMilliseconds(sync.worstUs), sync.worst.frameNo));
+    line(out, "",
+         fmt::format("(positive: sound early; {} of it is the picture's wait for a vsync, median)",
+                     milliseconds(sync.displayMedianUs)));
+    line(
+        out, "",
+        fmt::format("{} of {} shown judged, {:.3f} s with sound; of these outside {}", sync.samples,
+                    counted(summary.count(Outcome::Shown), "frame"), sync.secondsJudged,
+                    describeBand("EBU R37", kEbuBand, sync.secondsOutsideEbu)));
+    line(out, "",
+         "  " +
+             describeBand("ITU-R BT.1359-1: detectable", kItuDetectableBand,
+                          sync.secondsOutsideItuDetectable) +
+             ", " +
+             describeBand("acceptable", kItuAcceptableBand, sync.secondsOutsideItuAcceptable));
+}
+
+void printOffset(std::ostream& out, const PlaybackRecord& record, const Summary& summary) {
+    const Spread& offset = summary.offset.us;
+    if (offset.samples == 0) {
+        line(out, "clock", "no frame could be compared with the sync clock");
+        return;
+    }
+    line(out, "clock",
          fmt::format("picture against the sync clock: median {}, p99 {}, worst {}",
-                     signedMilliseconds(offset.median), signedMilliseconds(offset.p99),
+                     signedMilliseconds(offset.median), milliseconds(offset.p99),
                      signedMilliseconds(offset.worst)));
-    line(out, "", "(positive: sound early; broadcasters allow +40 to -60 ms, EBU R37)");
     if (record.audioUnderflows > 0 || record.audioReanchors > 0) {
         line(out, "",
              counted(record.audioUnderflows, "audio underflow") + ", " +
@@ -257,6 +291,7 @@ void printReport(std::ostream& out, const PlaybackRecord& record, const Summary&
     printDwell(out, summary);
     printBreaks(out, summary);
     printStart(out, summary);
+    printLipSync(out, record, summary);
     printOffset(out, record, summary);
     printFrames(out, summary);
     printBuffers(out, record, summary);

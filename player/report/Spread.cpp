@@ -20,14 +20,24 @@ int64_t binOf(int64_t value) {
     return value < 0 ? -middle : middle;
 }
 
+/// The value at a place in the order of size, counting from 1.
+int64_t valueAt(const std::map<int64_t, int64_t>& counts, int64_t place) {
+    auto count = counts.begin();
+    while (place > count->second) {
+        place -= (count++)->second;
+    }
+    return count->first;
+}
+
 }  // namespace
 
-void SpreadCounter::add(int64_t value) {
-    mWorst = mSamples == 0 || std::llabs(value) > std::llabs(mWorst) ? value : mWorst;
+bool SpreadCounter::add(int64_t value) {
+    const bool worst = mSamples == 0 || std::llabs(value) > std::llabs(mWorst);
+    mWorst = worst ? value : mWorst;
     ++mSamples;
     if (mCounted.empty() && mValues.size() < kExact) {
         mValues.push_back(value);
-        return;
+        return worst;
     }
     for (const int64_t kept : mValues) {
         ++mCounted[binOf(kept)];
@@ -35,6 +45,7 @@ void SpreadCounter::add(int64_t value) {
     mValues.clear();
     mValues.shrink_to_fit();
     ++mCounted[binOf(value)];
+    return worst;
 }
 
 Spread SpreadCounter::spread() const {
@@ -46,18 +57,13 @@ Spread SpreadCounter::spread() const {
     for (const int64_t value : mValues) {
         ++counts[value];
     }
-    // Nearest rank: the smallest value that so many per cent do not exceed.
-    const auto rank = [&](int64_t percent) {
-        int64_t left = (mSamples * percent + 99) / 100;
-        auto count = counts.begin();
-        while (left > count->second) {
-            left -= (count++)->second;
-        }
-        return count->first;
-    };
+    std::map<int64_t, int64_t> magnitudes;
+    for (const auto& [value, count] : counts) {
+        magnitudes[std::llabs(value)] += count;
+    }
     spread.samples = mSamples;
-    spread.median = rank(50);
-    spread.p99 = rank(99);
+    spread.median = (valueAt(counts, (mSamples + 1) / 2) + valueAt(counts, mSamples / 2 + 1)) / 2;
+    spread.p99 = valueAt(magnitudes, (mSamples * 99 + 99) / 100);
     spread.worst = mWorst;
     return spread;
 }

@@ -1,5 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
-// Median, 99th percentile and worst of any number of values, in bounded memory.
+// Median, 99th percentile and worst of any number of values, in bounded memory. All that the report
+// says of spreads is defined so:
+//
+//   median   the middle value; of an even number of values the mean of the two in the middle,
+//            towards 0
+//   p99      of the magnitudes: the smallest that 99 per cent of the values do not exceed
+//   worst    the value with the largest magnitude, with its sign; of several the first
 //
 // Up to `kExact` values are kept and the percentiles are exact. Beyond that, values are counted in
 // bins of at most 1/64 of their size, so a percentile is off by less than one per cent; the worst
@@ -13,11 +19,11 @@
 
 namespace korvane::player {
 
-/// Median, p99 and the value farthest from 0; all 0 without samples.
+/// All 0 without samples.
 struct Spread {
     int64_t samples = 0;
     int64_t median = 0;
-    int64_t p99 = 0;
+    int64_t p99 = 0;  ///< a magnitude
     int64_t worst = 0;
 };
 
@@ -25,7 +31,8 @@ class SpreadCounter {
 public:
     static constexpr size_t kExact = 8192;
 
-    void add(int64_t value);
+    /// @return whether it is the worst so far
+    bool add(int64_t value);
     Spread spread() const;
 
 private:

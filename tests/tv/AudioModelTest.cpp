@@ -49,7 +49,7 @@ struct Stage {
         } else if (verb == "resume") {
             model.resume(now);
         } else if (verb == "flush") {
-            model.flush();
+            model.flush(now);
         } else if (verb == "first") {
             clock->updateAnchorFromVideo(from, 0, now);
             clock->setPause(true, now);
@@ -267,6 +267,107 @@ TEST(AudioModel, ReanchorsWhenItsCrystalHasDriftedAway) {
         }
         EXPECT_EQ(stage.model.report().reanchors, 4);
     }
+}
+
+struct HeardCase {
+    const char* what;
+    const char* words;
+    struct Step {
+        int64_t atUs;
+        const char* action;
+    };
+    std::vector<Step> steps;
+    struct Heard {
+        int64_t atUs;
+        int64_t mediaUs;  ///< -1: silence
+    };
+    std::vector<Heard> heard;
+};
+
+const HeardCase kHeardCases[] = {
+    {"between start and end of the stream",
+     "delay 50000",
+     {{0, "feed 1000 301000"}, {0, "end"}, {600'000, ""}},
+     {{49'999, -1}, {50'000, 1'000}, {349'999, 300'999}, {350'000, -1}}},
+    {"an empty stream is silent", "", {{0, "first 0"}, {0, "end"}, {50'000, ""}}, {{20'000, -1}}},
+    {"a pause is silent, and a latency jump after it moves the clock alone",
+     "jump 80000 250000",
+     {{0, "feed 0 2000000"}, {200'000, "pause"}, {500'000, "resume"}, {900'000, ""}},
+     {{199'999, 199'999}, {200'000, -1}, {499'999, -1}, {500'000, 200'000}, {800'000, 500'000}}},
+    {"a step back moves the position alone, so that the sound ends before it",
+     "back 500000 100000",
+     {{0, "feed 0 1000000"}, {0, "end"}, {1'500'000, ""}},
+     {{499'999, 499'999}, {650'000, 650'000}, {999'999, 999'999}, {1'000'000, -1}}},
+    {"a flush ends what a step back began",
+     "back 300000 100000",
+     {{0, "feed 0 1000000"}, {400'000, "flush"}, {500'000, "feed 0 200000"}, {600'000, ""}},
+     {{399'999, 399'999}, {400'000, -1}, {499'999, -1}, {500'000, 0}, {550'000, 50'000}}},
+    {"a receiver drains after a pause",
+     "drain 150000",
+     {{0, "feed 0 2000000"}, {100'000, "pause"}, {400'000, "resume"}, {500'000, ""}},
+     {{249'999, 249'999}, {250'000, -1}, {399'999, -1}, {400'000, 250'000}}},
+    {"a receiver drains through a short underflow, not through a long one",
+     "drain 50000 underflow 200000 40000 underflow 400000 100000",
+     {{0, "feed 0 2000000"}, {700'000, ""}},
+     {{230'000, 230'000},
+      {300'000, 300'000},
+      {449'999, 449'999},
+      {450'000, -1},
+      {500'000, 450'000}}},
+    {"nobody who takes the clock stops the sound",
+     "",
+     {{0, "feed 0 2000000"}, {205'000, "first 0"}, {215'000, "videoFlush"}, {300'000, ""}},
+     {{210'000, 210'000}, {219'000, 219'000}, {290'000, 290'000}}},
+    {"skips to a clock that video leads",
+     "",
+     {{0, "passthrough 400000"}, {100'000, "feed 300000 1000000"}, {200'000, ""}},
+     {{99'999, -1}, {100'000, 500'000}, {150'000, 550'000}}},
+};
+
+TEST(AudioModel, RecordsWhatIsTrulyAudible) {
+    for (const HeardCase& c : kHeardCases) {
+        SCOPED_TRACE(c.what);
+        Stage stage(with(c.words));
+        for (const HeardCase::Step& step : c.steps) {
+            stage.runTo(kStart + step.atUs);
+            stage.act(step.action);
+        }
+        for (const HeardCase::Heard& heard : c.heard) {
+            EXPECT_EQ(stage.model.sound().mediaAt(kStart + heard.atUs).value_or(-1), heard.mediaUs)
+                << "at " << heard.atUs;
+        }
+    }
+}
+
+TEST(SoundRecord, TellsWhenTheSoundOfAPictureIsAudible) {
+    SoundRecord sound;
+    sound.begin(1'000'000, 0, 1.0);
+    sound.begin(1'500'000, 500'001, 1.0);  // goes on, but for rounding
+    sound.end(2'000'000);
+    sound.begin(2'100'000, 1'000'000, 1.001);
+    sound.begin(3'000'000, 5'000'000, 1.001);  // a skip
+    const struct {
+        const char* what;
+        int64_t mediaUs, seenUs, realUs;
+    } cases[] = {{"silence", 500'000, 999'999, -1},
+                 {"sound early", 500'000, 1'580'000, 1'500'000},
+                 {"sound late", 500'000, 1'420'000, 1'500'000},
+                 {"silence between", 999'000, 2'050'000, -1},
+                 {"audible before the gap", 990'000, 2'110'000, 1'990'000},
+                 {"audible too long before the gap", 500'000, 2'110'000, 1'600'500},
+                 {"faster than real time", 1'500'500, 2'700'000, 2'600'000},
+                 {"never audible, as if what is were", 3'999'000, 3'000'000, 2'000'000}};
+    for (const auto& c : cases) {
+        EXPECT_EQ(sound.realTimeOf(c.mediaUs, c.seenUs).value_or(-1), c.realUs) << c.what;
+    }
+    EXPECT_EQ(sound.audibleUs(0, 1'000'000), 0);
+    EXPECT_EQ(sound.audibleUs(1'900'000, 2'200'000), 200'000);
+    EXPECT_EQ(sound.audibleUs(2'900'000, 3'100'000), 200'000);
+    for (int64_t us = 0; us < 3'000'000'000; us += 1'000'000) {
+        sound.begin(4'000'000 + us, 0, 1.0);
+    }
+    EXPECT_FALSE(sound.mediaAt(1'500'000)) << "so far back the record does not go";
+    EXPECT_EQ(sound.mediaAt(3'003'500'000), 500'000);
 }
 
 TEST(AudioOutput, PlaysByItselfAndStopsAtOnce) {
