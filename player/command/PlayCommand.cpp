@@ -134,15 +134,15 @@ struct Listeners {
           events(outputs->events.wanted() ? &outputs->events.stream() : nullptr),
           recorder(&events),
           progress(!options.quiet) {
-        ports.listeners = {&report, &recorder};
+        hooks.listeners = {&report, &recorder};
         if (outputs->csv.wanted()) {
-            ports.listeners.push_back(&frames.emplace(outputs->csv.stream()));
+            hooks.listeners.push_back(&frames.emplace(outputs->csv.stream()));
         }
-        ports.interrupted = interrupted;
+        hooks.interrupted = interrupted;
         if (options.expect) {
             watch.emplace(options.expect->log, nullptr);
         }
-        ports.onLogLine = [this, lowest = lowestLogPriority(options)](const tv::LogLine& line) {
+        hooks.onLogLine = [this, lowest = lowestLogPriority(options)](const tv::LogLine& line) {
             if (line.priority >= lowest) {
                 clearProgress();
             }
@@ -150,7 +150,7 @@ struct Listeners {
                 watch->see(line);
             }
         };
-        ports.onProgress = [this](const PlaybackProgress& state, int64_t nowNs) {
+        hooks.onProgress = [this](const PlaybackProgress& state, int64_t nowNs) {
             progress.update(state, nowNs);
         };
     }
@@ -161,7 +161,7 @@ struct Listeners {
     std::optional<CsvWriter> frames;
     std::optional<LogWatch> watch;  ///< counts the lines that --expect names
     Progress progress;
-    PlaybackPorts ports;
+    PlaybackHooks hooks;
 };
 
 /// What --expect wants and does not hold.
@@ -232,7 +232,7 @@ int playFile(const PlayOptions& options) {
     sayNotes(options, video.info());
 
     Listeners listeners(options, video.info(), plan, &outputs);
-    const PlaybackRecord record = play(plan, video, std::move(audio), listeners.ports);
+    const PlaybackRecord record = play(plan, video, std::move(audio), listeners.hooks);
     clearProgress();
     const tv::TraceReport traceReport = trace.stop();
     const Summary summary = listeners.report.finish(record);

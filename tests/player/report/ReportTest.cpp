@@ -77,6 +77,8 @@ Played playbackOf(const std::vector<int>& dwells) {
         if (dwell > 0) {
             entry.firstVsync = {vsync, vsync * kVsyncNs};
             frame.clockRealUs = entry.firstVsync.timeNs / 1000 - 5'000;
+            frame.heardRealUs = entry.firstVsync.timeNs / 1000 - 7'000;
+            frame.heardForUs = dwell * 10'000;
         }
         frame.outcome = dwell > 0 ? Outcome::Shown : Outcome::Superseded;
         frame.record = entry;
@@ -115,6 +117,8 @@ TEST(Report, AnEvenPlaybackIsSaidToBe) {
                                        EndsWith("every buffer back.")));
     EXPECT_EQ(summary.stretches.at(0).heldAfterUs, 70 * kVsyncNs / 1000 - 1'050'000);
     EXPECT_EQ(summary.offset.us.median, 5'000);
+    EXPECT_EQ(summary.lipSync.medianUs, 7'000);
+    EXPECT_DOUBLE_EQ(summary.lipSync.secondsJudged, 1.2);
     const auto json = jsonOf(record);
     EXPECT_EQ(json.at("verdict"), summary.verdict);
     EXPECT_EQ(json.at("frames_shown"), 48);
@@ -359,6 +363,8 @@ TEST(Report, TheRateIsMeasuredWhateverTheFileSays) {
         record.frames[i].mediaTimeUs += i % 3 == 0 ? 15'000 : 0;
     }
     EXPECT_THAT(summarise(record).verdict, HasSubstr("rate varies")) << "no pattern to keep";
+    EXPECT_EQ(jsonOf(record).at("held_after_us"), -1);
+    EXPECT_EQ(jsonOf(record).at("frames_in_step"), 0);
     EXPECT_THAT(summarise(playbackOf({-1, -1})).verdict,
                 HasSubstr("Nothing was shown of 2 frames"));
 }
@@ -370,10 +376,12 @@ TEST(Report, CsvLeavesEmptyWhatDoesNotApply) {
     for (const auto& frame : record.frames) {
         writer.onFrame(frame, record);
     }
-    EXPECT_THAT(csv.str(), AllOf(HasSubstr(",present_us,vsync,shown_us,dwell_vsyncs,av_offset_us,"),
-                                 HasSubstr("\n0,0,0,shown,,-1,,,-1000000,70,166666,3,5000,216666,"),
-                                 HasSubstr("\n1,41667,0,superseded,,-1,,,-1000000,,,0,,216666,"),
-                                 EndsWith("\n2,83334,0,dropped,late,-1,,,,,,,,,,,1\n")));
+    EXPECT_THAT(
+        csv.str(),
+        AllOf(HasSubstr(",present_us,vsync,shown_us,dwell_vsyncs,lip_sync_us,av_offset_us,"),
+              HasSubstr("\n0,0,0,shown,,-1,,,-1000000,70,166666,3,7000,5000,216666,"),
+              HasSubstr("\n1,41667,0,superseded,,-1,,,-1000000,,,0,,,216666,"),
+              EndsWith("\n2,83334,0,dropped,late,-1,,,,,,,,,,,,1\n")));
 }
 
 class BufferPoolTest : public ::testing::Test {
