@@ -4,7 +4,6 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <exception>
 #include <iostream>
 #include <string>
@@ -66,7 +65,7 @@ int run(int argc, char** argv) {
         const int status = carryOut(readCommandLine(argc, argv));
         if (!std::cout.flush()) {
             say("standard output could not be written whole; free some space and try again");
-            return std::max(status, kExitFailed);
+            return kExitFailed;
         }
         return status;
     } catch (const UsageError& error) {

@@ -14,6 +14,7 @@
 #include "player/base/Limits.h"
 #include "player/base/Text.h"
 #include "player/base/Units.h"
+#include "player/scenario/ScenarioFile.h"
 
 namespace korvane::player {
 namespace {
@@ -107,6 +108,11 @@ const Kind<Property> kProperty{
                    : std::optional(Property(text.substr(0, equals), text.substr(equals + 1)));
     },
     "a property; write NAME=VALUE"};
+
+const Kind<std::string> kExpectation{
+    "KEY[=VALUE]",
+    [](const std::string& text) { return text.empty() ? std::nullopt : std::optional(text); },
+    "an expectation; write for example even or dropped=0"};
 
 /// Whether the clock is virtual.
 const Kind<bool> kClock{"MODE",
@@ -248,6 +254,13 @@ void addClockOptions(CLI::App* app, PlayOptions* options) {
         &options->seed);
 }
 
+void addCheckOptions(CLI::App* app, Words* expectations) {
+    addEach(app, "--expect", kExpectation,
+            "Fail unless this holds; takes what a scenario's [expect] does, such as even, "
+            "pattern=[3:2] or dropped=..3; may be repeated",
+            [expectations](const std::string& text) { expectations->push_back(text); });
+}
+
 void addOutputOptions(CLI::App* app, PlayOptions* options) {
     add(app, "--trace", kOutputFile,
         "Record a trace (Chrome trace-event JSON, for the Perfetto UI)", &options->traceFile);
@@ -262,7 +275,7 @@ void addOutputOptions(CLI::App* app, PlayOptions* options) {
             "Print no progress, and only the verdict of the report");
 }
 
-CLI::App* addPlayCommand(CLI::App* app, PlayOptions* options) {
+CLI::App* addPlayCommand(CLI::App* app, PlayOptions* options, Words* expectations) {
     CLI::App* play = app->add_subcommand(
         "play",
         "Play a media file on the simulated TV and report what was on screen. Durations are "
@@ -282,10 +295,15 @@ CLI::App* addPlayCommand(CLI::App* app, PlayOptions* options) {
         play->option_defaults()->group(group);
         addOptions(play, options);
     }
+    play->option_defaults()->group("Expectations");
+    addCheckOptions(play, expectations);
     play->footer(
-        "Exit status: 0 every frame is accounted for and every buffer was returned; 1 otherwise, "
-        "or if an output could not be written; 2 wrong usage or input, no output is touched; 3 the "
-        "threads hang.");
+        "Exit status: 0 played to its end, every frame is accounted for and every buffer was "
+        "returned; 1 a frame or buffer is not, an expectation failed, or an output could not be "
+        "written; 2 wrong usage or "
+        "input, no output is touched; 3 the threads hang; 4 playback stalled or the film breaks "
+        "off; 130 or 143 ended by SIGINT (Ctrl-C) or SIGTERM, the report and the outputs are "
+        "whole.");
     return play;
 }
 
@@ -398,6 +416,17 @@ std::string repeatLine(const Words& words, uint64_t seed) {
     return seedGiven ? text : fmt::format("{} --seed {}", text, seed);
 }
 
+std::optional<Expectations> readExpectations(const Words& expectations) {
+    if (expectations.empty()) {
+        return std::nullopt;
+    }
+    try {
+        return parseExpectations(expectations);
+    } catch (const ScenarioError& error) {
+        throw UsageError(std::string("--expect: ") + error.what());
+    }
+}
+
 void sortByTime(PlayOptions* options) {
     const auto byTime = [](const auto& left, const auto& right) { return left.atUs < right.atUs; };
     std::stable_sort(options->seeks.begin(), options->seeks.end(), byTime);
@@ -415,8 +444,9 @@ CommandLine parseCommandLine(int argc, const char* const* argv, const std::strin
     app.footer(
         "Examples: korvane-tv play film.mp4 --rate 59.94 --csv frames.csv\n"
         "          korvane-tv run scenarios/ --jobs 2");
+    Words expectations;
     const std::pair<CLI::App*, Command> commands[] = {
-        {addPlayCommand(&app, &line.play), Command::Play},
+        {addPlayCommand(&app, &line.play, &expectations), Command::Play},
         {addRunCommand(&app, &line.run), Command::Run},
         {addListCommand(&app, &line.list), Command::List}};
     const auto given = [&app] {
@@ -438,6 +468,7 @@ CommandLine parseCommandLine(int argc, const char* const* argv, const std::strin
     line.command = std::find_if(std::begin(commands), std::end(commands), [](const auto& command) {
                        return command.first->parsed();
                    })->second;
+    line.play.expect = readExpectations(expectations);
     sortByTime(&line.play);
     line.play.repeat = repeatLine(words, line.play.seed);
     return line;

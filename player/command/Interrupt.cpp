@@ -7,11 +7,11 @@
 namespace korvane::player {
 namespace {
 
-std::atomic<bool> gInterrupted{false};
-static_assert(std::atomic<bool>::is_always_lock_free, "set in a signal handler");
+std::atomic<int> gSignal{0};
+static_assert(std::atomic<int>::is_always_lock_free, "set in a signal handler");
 
-void onSignal(int) {
-    gInterrupted = true;
+void onSignal(int number) {
+    gSignal = number;
     std::signal(SIGINT, SIG_DFL);
     std::signal(SIGTERM, SIG_DFL);
 }
@@ -24,7 +24,11 @@ void catchInterrupts() {
 }
 
 bool interrupted() {
-    return gInterrupted;
+    return gSignal != 0;
+}
+
+int interruptingSignal() {
+    return gSignal;
 }
 
 }  // namespace korvane::player

@@ -8,5 +8,7 @@ namespace korvane::player {
 void catchInterrupts();
 /// Whether a signal has arrived. Any thread.
 bool interrupted();
+/// The number of the signal that arrived; 0: none.
+int interruptingSignal();
 
 }  // namespace korvane::player

@@ -9,8 +9,10 @@
 #include <optional>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "player/base/Errors.h"
+#include "player/base/Text.h"
 #include "player/command/ExitStatus.h"
 #include "player/command/Interrupt.h"
 #include "player/command/Message.h"
@@ -21,6 +23,8 @@
 #include "player/report/EventRecorder.h"
 #include "player/report/Report.h"
 #include "player/report/ReportBuilder.h"
+#include "player/scenario/Expectation.h"
+#include "player/scenario/LogWatch.h"
 #include "tv/Log.h"
 #include "tv/Properties.h"
 #include "tv/Trace.h"
@@ -138,9 +142,15 @@ struct Listeners {
             hooks.listeners.push_back(&frames.emplace(outputs->csv.stream()));
         }
         hooks.interrupted = interrupted;
-        hooks.onLogLine = [lowest = lowestLogPriority(options)](const tv::LogLine& line) {
+        if (options.expect) {
+            watch.emplace(options.expect->log, nullptr);
+        }
+        hooks.onLogLine = [this, lowest = lowestLogPriority(options)](const tv::LogLine& line) {
             if (line.priority >= lowest) {
                 clearProgress();
+            }
+            if (watch) {
+                watch->see(line);
             }
         };
         hooks.onProgress = [this](const PlaybackProgress& state, int64_t nowNs) {
@@ -152,18 +162,31 @@ struct Listeners {
     EventLog events;
     EventRecorder recorder;
     std::optional<CsvWriter> frames;
+    std::optional<LogWatch> watch;  ///< counts the lines that --expect names
     Progress progress;
     PlaybackHooks hooks;
 };
 
+/// What --expect wants and does not hold.
+std::vector<std::string> unmet(const PlayOptions& options, const PlaybackRecord& record,
+                               const Summary& summary, const Listeners& listeners) {
+    return options.expect
+               ? failures(*options.expect, record, summary, listeners.watch->counts(record.startNs))
+               : std::vector<std::string>();
+}
+
 /// Writes everything that is known only after playback.
 /// @return whether all outputs are whole
 bool writeResults(const PlayOptions& options, const PlaybackRecord& record, const Summary& summary,
-                  const tv::TraceReport& trace, const std::string& repeat, Outputs* outputs) {
+                  const tv::TraceReport& trace, const std::vector<std::string>& failed,
+                  const std::string& repeat, Outputs* outputs) {
     if (record.end == EndCause::BrokenOff) {
         say("'" + options.file + "' breaks off in the middle; it was played up to there");
     }
     printReport(std::cout, record, summary, trace, options.quiet);
+    for (const auto& failure : failed) {
+        std::cout << "FAILED    " << printable(failure) << "\n";
+    }
     std::cout << repeat << std::flush;
     if (outputs->json.wanted()) {
         writeJson(outputs->json.stream(), record, summary, trace);
@@ -172,6 +195,24 @@ bool writeResults(const PlayOptions& options, const PlaybackRecord& record, cons
         say("--trace: " + trace.failure + "; the trace is not whole, playback and summary are");
     }
     return outputs->finish() && trace.failure.empty();
+}
+
+/// A fault in the accounts outweighs the reason for which playback ended. Expectations come last:
+/// where playback was cut short, that is why they fail.
+int statusOf(const PlayOptions& options, const PlaybackRecord& record, const Summary& summary,
+             bool expected, bool written) {
+    if (!summary.accounted() || record.overwrittenOnScreen > 0 || !written) {
+        return kExitFailed;
+    }
+    if (record.end == EndCause::Interrupted) {
+        return 128 + interruptingSignal();
+    }
+    const bool complete = record.end == EndCause::Complete;
+    if (!complete && !(options.expect && options.expect->end == record.end)) {
+        return kExitCutShort;
+    }
+    const bool blank = complete && summary.count(Outcome::Shown) == 0;
+    return expected && !blank ? kExitOk : kExitFailed;
 }
 
 }  // namespace
@@ -205,8 +246,10 @@ int playFile(const PlayOptions& options) {
         clock && !options.quiet
             ? fmt::format("repeat    events {} from {}\n", listeners.events.hash(), options.repeat)
             : "";
-    const bool written = writeResults(options, record, summary, traceReport, repeat, &outputs);
-    return summary.ok() && written ? kExitOk : kExitFailed;
+    const auto failed = unmet(options, record, summary, listeners);
+    const bool written =
+        writeResults(options, record, summary, traceReport, failed, repeat, &outputs);
+    return statusOf(options, record, summary, failed.empty(), written);
 }
 
 }  // namespace korvane::player

@@ -14,8 +14,10 @@ namespace korvane::player {
 int lowestLogPriority(const PlayOptions& options);
 
 /// Plays and reports.
-/// @return an exit status: kExitFailed when a frame or a buffer is missing, or when an output could
-/// not be written whole
+/// @return an exit status: kExitFailed when a frame or a buffer is missing, a picture was
+/// overwritten on screen, no picture was shown, an expectation failed, or an output could not be
+/// written whole; otherwise 128 plus a signal's number when that ended playback, kExitCutShort when
+/// playback did not reach the film's end
 /// @throws UsageError, InputError
 int playFile(const PlayOptions& options);
 

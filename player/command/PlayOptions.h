@@ -12,6 +12,7 @@
 #include "player/media/FrameSource.h"
 #include "player/media/MediaRequest.h"
 #include "player/playback/PlaybackPlan.h"
+#include "player/scenario/Scenario.h"
 #include "tv/AudioOutput.h"
 
 namespace korvane::player {
@@ -40,6 +41,8 @@ struct PlayOptions {
 
     std::optional<int32_t> logMask;
     std::vector<std::pair<std::string, std::string>> properties;
+
+    std::optional<Expectations> expect;  ///< of --expect
 
     std::string traceFile;
     std::string csvFile;

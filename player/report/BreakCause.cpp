@@ -11,13 +11,41 @@ namespace {
 /// How long after its end a clock stop may still be the cause: playback has to find its step again.
 constexpr int64_t kAfterStopUs = 500'000;
 
+bool ended(const ClockStop& stop) {
+    return stop.toUs != 0;
+}
+
 bool touches(const ClockStop& stop, const DwellFacts& facts) {
-    const bool ended = stop.toUs != 0;
-    return (!ended || facts.shownUs <= stop.toUs + kAfterStopUs) &&
+    return (!ended(stop) || facts.shownUs <= stop.toUs + kAfterStopUs) &&
            stop.fromUs <= std::max(facts.releasedUs, facts.shownUs);
 }
 
+struct CauseWords {
+    const char* name;
+    const char* description;
+};
+/// In the order of the enumeration.
+constexpr CauseWords kCauseWords[kBreakCauses] = {
+    {"unexplained", "what the record does not tell"},
+    {"pause", "a pause"},
+    {"resume", "the way back into step after a pause"},
+    {"underflow", "audio that ran dry"},
+    {"drop", "dropped frames"},
+    {"late_frame", "frames handed in late"}};
+
 }  // namespace
+
+const char* toString(BreakCause cause) {
+    return kCauseWords[static_cast<size_t>(cause)].name;
+}
+
+const char* describe(BreakCause cause) {
+    return kCauseWords[static_cast<size_t>(cause)].description;
+}
+
+bool askedFor(BreakCause cause) {
+    return cause == BreakCause::Pause;
+}
 
 DwellFacts dwellFacts(const FrameEntry& frame, const FrameEntry* next) {
     DwellFacts facts;
@@ -36,20 +64,37 @@ DwellFacts dwellFacts(const FrameEntry& frame, const FrameEntry* next) {
     return facts;
 }
 
-std::string causeOfBreak(const DwellFacts& facts, const std::vector<ClockStop>& stops) {
+BreakCause causeOfBreak(const DwellFacts& facts, const std::vector<ClockStop>& stops) {
     const auto stop =
         std::find_if(stops.begin(), stops.end(),
                      [&facts](const ClockStop& candidate) { return touches(candidate, facts); });
     if (stop != stops.end()) {
-        return stop->byPlayer ? "the clock stood still: pause"
-                              : "the clock stood still: audio underflow";
+        const bool over = ended(*stop) && facts.shownUs > stop->toUs;
+        return !stop->byPlayer ? BreakCause::Underflow
+               : over          ? BreakCause::Resume
+                               : BreakCause::Pause;
     }
     if (facts.nextDropped) {
-        return fmt::format("the next frame was dropped: {}", toString(*facts.nextDropped));
+        return BreakCause::Drop;
     }
-    if (facts.sentLate || facts.nextSentLate) {
-        return fmt::format("frame {} was handed in late",
-                           facts.sentLate ? facts.frameNo : facts.frameNo + 1);
+    return facts.sentLate || facts.nextSentLate ? BreakCause::LateFrame : BreakCause::Unexplained;
+}
+
+std::string tellCause(BreakCause cause, const DwellFacts& facts) {
+    switch (cause) {
+        case BreakCause::Pause:
+            return "the clock stood still: pause";
+        case BreakCause::Resume:
+            return "the clock had stood still: pause";
+        case BreakCause::Underflow:
+            return "the clock stood still: audio underflow";
+        case BreakCause::Drop:
+            return fmt::format("the next frame was dropped: {}", toString(*facts.nextDropped));
+        case BreakCause::LateFrame:
+            return fmt::format("frame {} was handed in late",
+                               facts.sentLate ? facts.frameNo : facts.frameNo + 1);
+        case BreakCause::Unexplained:
+            break;
     }
     return "";
 }

@@ -143,12 +143,17 @@ void ReportBuilder::sumUpStretches() {
             stretch.cadence = CadenceResult{};
             stretch.heldAfterUs = -1;
             stretch.breaks.clear();
-            stretch.explained = 0;
+            stretch.causes.clear();
+            stretch.disturbances = 0;
             stretch.unjudged.clear();
         }
         mSummary.byArithmetic += static_cast<int64_t>(stretch.cadence.byArithmetic);
         mSummary.unexpected += static_cast<int64_t>(stretch.cadence.unexpected);
-        mSummary.explained += stretch.explained;
+        mSummary.disturbances += stretch.disturbances;
+        for (const auto& [cause, dwells] : stretch.causes) {
+            mSummary.causes[cause] += dwells;
+            mSummary.askedFor += askedFor(cause) ? dwells : 0;
+        }
         mSummary.cadenceDwells.insert(stretch.firstByDwell.begin(), stretch.firstByDwell.end());
         for (const auto& [dwell, frames] : stretch.unjudged) {
             mSummary.unjudged[dwell] += frames;

@@ -48,7 +48,11 @@ void addStreams(Json* json, const MediaInfo& media) {
 void addPlayback(Json* json, const PlaybackRecord& record, const Summary& summary) {
     Json& to = *json;
     to["verdict"] = summary.verdict;
+    to["grade"] = toString(summary.grade);
     to["ok"] = summary.ok();
+    to["even"] = summary.even;
+    to["in_sync"] = summary.inSync;
+    to["complete"] = summary.complete;
     to["end"] = toString(record.end);
     to["file"] = record.media.path;
     addStreams(json, record.media);
@@ -64,7 +68,8 @@ void addCadence(Json* json, const Summary& summary) {
     to["seconds_per_slip"] = rounded(summary.expected.secondsPerSlip());
     to["dwells_by_arithmetic"] = summary.byArithmetic;
     to["dwells_unexpected"] = summary.unexpected;
-    to["dwells_unexpected_explained"] = summary.explained;
+    to["dwells_unexpected_explained"] = summary.explained();
+    to["disturbances"] = summary.disturbances;
     // Published as "sections", for flushes were all that ended a stretch.
     to["sections"] = summary.stretches.size();
     for (size_t i = 0; i < summary.stretches.size(); ++i) {

@@ -4,10 +4,14 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <cmath>
+#include <cstdlib>
 #include <numeric>
+#include <utility>
 #include <vector>
 
 #include "player/base/Units.h"
+#include "player/report/Grade.h"
 #include "player/report/Words.h"
 
 namespace korvane::player {
@@ -28,14 +32,8 @@ std::string faults(const PlaybackRecord& record, const Summary& summary) {
     return fmt::format("{}", fmt::join(found, "; "));
 }
 
-/// Frames dropped before audio, by a flush or by the sync policy are not shown by intention.
-bool avoidable(DropReason reason) {
-    return reason == DropReason::Late || reason == DropReason::UnderflowCatchUp ||
-           reason == DropReason::Unknown;
-}
-
 /// "late: 71", for each reason for which a frame should not have been dropped.
-std::string avoidableDrops(const Summary& summary) {
+std::string describeDrops(const Summary& summary) {
     std::vector<std::string> drops;
     for (const auto& [reason, group] : summary.drops) {
         if (avoidable(reason)) {
@@ -45,7 +43,7 @@ std::string avoidableDrops(const Summary& summary) {
     return fmt::format("{}", fmt::join(drops, ", "));
 }
 
-/// Unexpected dwells of stretches that held, before they did and after.
+/// Unexpected dwells of stretches that held, before they did and after, but for those asked for.
 std::string unexpectedDwells(const Summary& summary) {
     int64_t before = 0;
     int64_t after = 0;
@@ -55,6 +53,8 @@ std::string unexpectedDwells(const Summary& summary) {
         after +=
             static_cast<int64_t>(cadence.held ? cadence.unexpected - cadence.unexpectedBefore : 0);
     }
+    // What the player asked for, it asked for once playback was in step.
+    after = std::max<int64_t>(after - summary.askedFor, 0);
     if (before == 0) {
         return after == 0 ? "" : ", then " + counted(after, "unexpected dwell");
     }
@@ -90,42 +90,138 @@ std::string whatHeld(const StretchReport& stretch) {
                : stretch.seen + " seen where " + name + " was due";
 }
 
-/// Even: every stretch that is long enough to tell held its pattern, every break from the first
-/// frame to the last was by arithmetic, and no frame was dropped that could have been shown.
-std::string patternVerdict(const Summary& summary) {
-    if (summary.variableRate || summary.expected.pattern.empty()) {
-        return "Played; the content's rate varies, so there is no pattern to keep";
+/// "10 frames a second skipped", "a long frame twice a second", "a short frame every 16.7 s"
+std::string describeLimit(const RateLimit& limit) {
+    using Kind = RateLimit::Kind;
+    const auto perSecond = static_cast<int64_t>(std::lround(limit.perSecond));
+    const bool often = limit.perSecond >= 0.95;
+    const std::string every =
+        often ? "" : "every " + seconds(static_cast<int64_t>(1e6 / limit.perSecond), 1);
+    if (limit.kind == Kind::Skipped) {
+        return often ? counted(perSecond, "frame") + " a second skipped"
+                     : "a frame skipped " + every;
     }
-    const StretchReport& longest = *std::max_element(
-        summary.stretches.begin(), summary.stretches.end(),
-        [](const auto& left, const auto& right) { return left.dwells < right.dwells; });
+    const std::string frame = limit.kind == Kind::Long ? "long frame" : "short frame";
+    return !often           ? "a " + frame + " " + every
+           : perSecond == 1 ? "a " + frame + " every second"
+           : perSecond == 2 ? "a " + frame + " twice a second"
+                            : counted(perSecond, frame) + " a second";
+}
+
+/// What the rates of the longest stretch demand, after `before`; empty: nothing to speak of.
+std::string demanded(const Summary& summary, const char* before) {
+    const RateLimit limit = rateLimit(longestStretch(summary).expected);
+    return limit.kind == RateLimit::Kind::None ? "" : before + describeLimit(limit);
+}
+
+/// The pattern of the longest stretch, and what the others add.
+std::string describeCadence(const Summary& summary) {
+    const StretchReport& longest = longestStretch(summary);
     if (!longest.judged()) {
-        return "Played; too short to tell a pattern";
+        return "too short to tell a pattern";
     }
     const std::string broken = unexpectedDwells(summary) + othersNeverHeld(summary, longest);
     const bool stayed = longest.cadence.held && broken.empty();
-    const bool even = stayed && avoidableDrops(summary).empty();
-    const bool explained = summary.unexpected > 0 && summary.explained == summary.unexpected;
-    return (even ? "Even: " : "Uneven: ") + whatHeld(longest) + (stayed ? " and stayed" : broken) +
-           (explained ? ", with a cause" : "");
+    return whatHeld(longest) + (stayed ? " and stayed" : broken);
 }
 
 /// ", 3 frames not shown (late: 2)"; empty when all were.
 std::string notShown(const Summary& summary) {
     const int64_t frames = summary.count(Outcome::Dropped) + summary.count(Outcome::Superseded);
-    const std::string drops = avoidableDrops(summary);
+    const std::string drops = describeDrops(summary);
     return frames == 0 ? ""
                        : ", " + counted(frames, "frame") + " not shown" +
                              (drops.empty() ? "" : " (" + drops + ")");
 }
 
+double secondsShown(const Summary& summary) {
+    double vsyncs = 0.0;
+    for (const auto& [dwell, frames] : summary.dwells) {
+        vsyncs += static_cast<double>(dwell) * static_cast<double>(frames);
+    }
+    return vsyncs / summary.displayHz;
+}
+
+/// " once", " 5 times", " 3 times a minute"; empty: no disturbance of its own.
+std::string howOften(const Summary& summary) {
+    constexpr int64_t kFew = 3;
+    const int64_t count = summary.disturbances;
+    const int64_t dwells = std::accumulate(
+        summary.stretches.begin(), summary.stretches.end(), int64_t{0},
+        [](int64_t sum, const auto& s) { return sum + static_cast<int64_t>(s.dwells); });
+    if (summary.unexpected * 2 > dwells) {
+        return " throughout";
+    }
+    const auto perMinute = static_cast<int64_t>(
+        std::lround(static_cast<double>(count) * 60.0 / std::max(secondsShown(summary), 1.0)));
+    return count == 0   ? ""
+           : count == 1 ? " once"
+           : count == 2 ? " twice"
+           : count > kFew && secondsShown(summary) >= 60.0 && perMinute > 1
+               ? fmt::format(" {} times a minute", perMinute)
+               : fmt::format(" {} times", count);
+}
+
+/// ", because of dropped frames"; "mainly", if there are others; empty: the record does not tell.
+std::string because(const Summary& summary) {
+    const std::pair<const BreakCause, int64_t>* main = nullptr;
+    size_t kinds = 0;
+    for (const auto& cause : summary.causes) {
+        if (!askedFor(cause.first)) {
+            ++kinds;
+            main = main == nullptr || cause.second > main->second ? &cause : main;
+        }
+    }
+    return main == nullptr || main->first == BreakCause::Unexplained
+               ? ""
+               : fmt::format(", {}because of {}", kinds > 1 ? "mainly " : "",
+                             describe(main->first));
+}
+
+std::string describeLipSync(const LipSync& sync) {
+    return fmt::format("sound {} {} at worst, outside EBU R37 for {:.1f} of {:.1f} s",
+                       milliseconds(std::abs(sync.worstUs)), sync.worstUs > 0 ? "early" : "late",
+                       sync.secondsOutsideEbu, sync.secondsJudged);
+}
+
+std::string describePlayback(const PlaybackRecord& record, const Summary& summary) {
+    switch (summary.grade) {
+        case Grade::NothingShown:
+            return "Nothing was shown of " + counted(summary.framesIn, "frame") + " handed in";
+        case Grade::Stalled:
+            return "Stalled: nothing moved any more, so playback was stopped; until then " +
+                   describeCadence(summary);
+        case Grade::BrokenOff:
+            return fmt::format("Broken off: the file ends at {}; until then {}",
+                               seconds(record.brokeOffAtUs), describeCadence(summary));
+        case Grade::Interrupted:
+            return "Interrupted: until then " + describeCadence(summary);
+        case Grade::OutOfSync:
+            return "Out of sync: " + describeLipSync(summary.lipSync) + "; " +
+                   describeCadence(summary);
+        case Grade::Uneven:
+            return "Uneven" + howOften(summary) + because(summary) + ": " +
+                   describeCadence(summary);
+        case Grade::TooShort:
+            return summary.variableRate
+                       ? "Played; the content's rate varies, so there is no pattern to keep"
+                       : "Played; too short to tell a pattern";
+        case Grade::AsRatesAllow:
+            return "As even as the rates allow" + demanded(summary, ", ") + ": " +
+                   describeCadence(summary);
+        case Grade::Even:
+            break;
+    }
+    return "Even: " + describeCadence(summary);
+}
+
 std::string verdictOf(const PlaybackRecord& record, const Summary& summary) {
-    std::string text =
-        summary.stretches.empty()
-            ? "Nothing was shown of " + counted(summary.framesIn, "frame") + " handed in"
-            : patternVerdict(summary) + notShown(summary);
-    if (record.end == EndCause::Stalled) {
-        text = "Stalled: nothing moved any more, so playback was stopped. " + text;
+    std::string text = describePlayback(record, summary);
+    if (summary.grade != Grade::NothingShown) {
+        text += notShown(summary);
+    }
+    if (summary.grade == Grade::NothingShown && !summary.complete) {
+        text += fmt::format(" ({})", inWords(toString(record.end)));
     }
     const std::string wrong = faults(record, summary);
     return wrong.empty() ? text + "; every frame accounted for, every buffer back."
@@ -140,6 +236,10 @@ void giveVerdict(const PlaybackRecord& record, Summary* summary) {
     summary->sumHolds = sum == summary->framesIn && summary->count(Outcome::Pending) == 0;
     summary->framesAccounted = summary->sumHolds && summary->count(Outcome::Lost) == 0;
     summary->buffersBack = record.buffersKept == 0 && record.pool.unknownReturned == 0;
+    summary->even = isEven(*summary);
+    summary->inSync = isInSync(summary->lipSync);
+    summary->complete = isComplete(record.end);
+    summary->grade = gradeOf(record.end, *summary);
     summary->verdict = verdictOf(record, *summary);
 }
 

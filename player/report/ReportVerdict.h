@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The verdict: whether all frames and buffers are accounted for, and one sentence on the cadence.
+// The verdict: the grade with its figures in one sentence, and whether all frames and buffers are
+// accounted for.
 #pragma once
 
 #include "player/report/Summary.h"

@@ -11,6 +11,8 @@ namespace {
 constexpr size_t kKeptBreaks = 100;
 /// Dwells from which the pattern that was seen is read.
 constexpr size_t kPatternDwells = 512;
+/// A viewer sees breaks that follow each other so closely as one.
+constexpr int64_t kOneDisturbanceUs = 1'000'000;
 
 }  // namespace
 
@@ -85,14 +87,25 @@ void StretchBuilder::takeBreaks(const std::vector<DwellBreak>& breaks,
             continue;
         }
         const DwellFacts& facts = mFacts[found.index - mFactsFrom];
-        const std::string cause = causeOfBreak(facts, soFar.clockStops);
-        mReport.explained += cause.empty() ? 0 : 1;
+        const BreakCause cause = causeOfBreak(facts, soFar.clockStops);
+        countCause(cause, facts.shownUs);
         if (mReport.breaks.size() < kKeptBreaks) {
             mReport.breaks.push_back({facts.frameNo, facts.mediaTimeUs,
                                       facts.shownUs - soFar.startNs / 1000, found.dwell,
-                                      found.expected, cause});
+                                      found.expected, tellCause(cause, facts)});
         }
     }
+}
+
+void StretchBuilder::countCause(BreakCause cause, int64_t shownUs) {
+    ++mReport.causes[cause];
+    if (askedFor(cause)) {
+        return;
+    }
+    if (mLastBreakUs < 0 || shownUs - mLastBreakUs > kOneDisturbanceUs) {
+        ++mReport.disturbances;
+    }
+    mLastBreakUs = shownUs;
 }
 
 void StretchBuilder::noteWhenHeld() {
@@ -120,7 +133,8 @@ void StretchBuilder::reportCadence() {
         mReport.cadence = mTracker.result();
     } else {
         mReport.breaks.clear();
-        mReport.explained = 0;
+        mReport.causes.clear();
+        mReport.disturbances = 0;
     }
     const auto seen = seenPattern(mFirstDwells);
     const bool asExpected = mReport.cadence.held || samePattern(seen, mReport.expected.pattern);

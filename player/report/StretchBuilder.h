@@ -42,6 +42,7 @@ private:
     void noteStart(int64_t shownUs, const PlaybackRecord& soFar);
     void addToCadence(const DwellFacts& facts, const PlaybackRecord& soFar);
     void takeBreaks(const std::vector<DwellBreak>& breaks, const PlaybackRecord& soFar);
+    void countCause(BreakCause cause, int64_t shownUs);
     void noteWhenHeld();
     void reportCadence();
     void reportHeldAfter(const PlaybackRecord& soFar);
@@ -52,6 +53,7 @@ private:
     int64_t mModeChangedUs = -1;  ///< times here are monotonic; -1: not so, or not yet
     int64_t mFirstShownUs = -1;
     int64_t mHeldShownUs = -1;
+    int64_t mLastBreakUs = -1;
     std::vector<int> mFirstDwells;
     std::optional<int> mOffAtStart;  ///< the first dwell, where it does not fit for being the first
     std::map<int, int64_t> mOutside;   ///< dwells that the cadence leaves out, and how many

@@ -15,12 +15,28 @@
 #include <vector>
 
 #include "player/playback/Playback.h"
+#include "player/report/BreakCause.h"
 #include "player/report/Cadence.h"
 #include "player/report/LipSync.h"
 #include "player/report/Runs.h"
 #include "player/report/Spread.h"
 
 namespace korvane::player {
+
+/// How good a playback was, from the worst to the best (Grade.h says what each means).
+enum class Grade {
+    NothingShown,
+    Stalled,
+    BrokenOff,
+    Interrupted,
+    OutOfSync,
+    Uneven,
+    TooShort,
+    AsRatesAllow,
+    Even
+};
+/// "as_rates_allow".
+const char* toString(Grade grade);
 
 struct DropGroup {
     Runs runs;
@@ -50,12 +66,13 @@ struct StretchReport {
     /// From audio start, else from the first frame, else from the change of the display's rate,
     /// until the pattern held; -1: it did not.
     int64_t heldAfterUs = -1;
-    bool afterAudio = false;              ///< `heldAfterUs` counts from audio start
-    std::string seen;                     ///< pattern that the first dwells follow; empty: none
-    CadenceResult cadence;                ///< all 0 unless `judged`
-    std::vector<ReportedBreak> breaks;    ///< the first unexpected ones
-    int64_t explained = 0;                ///< unexpected dwells with a cause that the record tells
-    size_t dwells = 0;                    ///< frames that took part in the cadence
+    bool afterAudio = false;               ///< `heldAfterUs` counts from audio start
+    std::string seen;                      ///< pattern that the first dwells follow; empty: none
+    CadenceResult cadence;                 ///< all 0 unless `judged`
+    std::vector<ReportedBreak> breaks;     ///< the first unexpected ones
+    std::map<BreakCause, int64_t> causes;  ///< of all unexpected dwells
+    int64_t disturbances = 0;  ///< those at most a second apart, and not asked for, count as one
+    size_t dwells = 0;         ///< frames that took part in the cadence
     std::map<int, FrameAt> firstByDwell;  ///< the first of those frames of each dwell
     /// Frames off the pattern that took no part in it, by vsyncs on screen.
     std::map<int, int64_t> unjudged;
@@ -95,7 +112,9 @@ struct Summary {
         cadenceDwells;  ///< the first frame of each dwell that counts for cadence
     int64_t byArithmetic = 0;
     int64_t unexpected = 0;
-    int64_t explained = 0;  ///< of these, how many with a cause
+    std::map<BreakCause, int64_t> causes;  ///< of these
+    int64_t askedFor = 0;                  ///< of these, how many because the player asked for it
+    int64_t disturbances = 0;
     std::map<int, int64_t> unjudged;
 
     LipSync lipSync;                   ///< against the sound that was heard
@@ -108,9 +127,22 @@ struct Summary {
     bool sumHolds = false;  ///< the outcomes add up to the frames handed in
     bool framesAccounted = false;
     bool buffersBack = false;
-    std::string verdict;
 
-    bool ok() const { return framesAccounted && buffersBack; }
+    // Independent facts.
+    bool even = false;      ///< even, or as even as the rates allow
+    bool inSync = false;    ///< lip-sync kept its band; also where there was no sound
+    bool complete = false;  ///< played to its end, or to the time asked for
+    Grade grade = Grade::NothingShown;
+    std::string verdict;  ///< the grade in words, with its figures
+
+    /// Every frame and every buffer has an account.
+    bool accounted() const { return framesAccounted && buffersBack; }
+    bool ok() const { return accounted() && complete && grade != Grade::NothingShown; }
+    int64_t unexplained() const { return unexpected - explained(); }
+    int64_t explained() const {
+        const auto found = causes.find(BreakCause::Unexplained);
+        return unexpected - (found == causes.end() ? 0 : found->second);
+    }
     int64_t count(Outcome outcome) const { return outcomes[static_cast<size_t>(outcome)]; }
 };
 

@@ -1,5 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-// Reads the table [expect] of a scenario file.
+// Reads the table [expect] of a scenario file, and the same keys from a command line, of which it
+// makes such a table.
+#include <algorithm>
+
 #include "player/scenario/ScenarioFile.h"
 
 namespace korvane::player {
@@ -82,6 +85,17 @@ void readLog(TomlTable& table, Expectations* expect) {
     });
 }
 
+/// The line of a table: "'lip_sync' = 'ebu'" for "lip-sync=ebu".
+std::string tomlLine(const std::string& argument) {
+    const size_t equals = argument.find('=');
+    std::string key = argument.substr(0, equals);
+    std::replace(key.begin(), key.end(), '-', '_');
+    const std::string value = equals == argument.npos ? "true" : argument.substr(equals + 1);
+    const bool asItStands =
+        value == "true" || value == "false" || value.find_first_of("'\"") != value.npos;
+    return "'" + key + "' = " + (asItStands ? value : "'" + value + "'") + "\n";
+}
+
 }  // namespace
 
 void readExpectations(TomlTable& table, Expectations* expect) {
@@ -95,6 +109,7 @@ void readExpectations(TomlTable& table, Expectations* expect) {
     expect->buffersReturned = expect->buffersReturned && !expect->buffersKept;
     readPatterns(table, expect);
     expect->patternWithinUs = table.timeRange("pattern_within");
+    table.flag("even", &expect->even);
     expect->slips = table.range("slips");
     expect->unexpected = table.range("unexpected");
     expect->dwell = table.range("dwell");
@@ -118,6 +133,19 @@ void readExpectations(TomlTable& table, Expectations* expect) {
     expect->overwritten = table.range("overwritten").value_or(expect->overwritten);
     readLog(table, expect);
     table.finish();
+}
+
+Expectations parseExpectations(const std::vector<std::string>& arguments) {
+    std::string text;
+    for (const auto& argument : arguments) {
+        text += tomlLine(argument);
+    }
+    const std::string noFile;
+    const toml::table parsed = parseToml(text, noFile);
+    TomlTable table(noFile, "", parsed);
+    Expectations expect;
+    readExpectations(table, &expect);
+    return expect;
 }
 
 }  // namespace korvane::player

@@ -57,6 +57,11 @@ private:
                  seen > range->most ? first : FrameAt{});
         }
     }
+    void flag(const std::string& key, const std::optional<bool>& wanted, bool seen) {
+        if (wanted && *wanted != seen) {
+            fail(key, *wanted ? "true" : "false", mSummary.verdict);
+        }
+    }
     void time(const std::string& key, const std::optional<Range>& range, int64_t seenUs,
               const FrameAt& first = {}) {
         if (!range) {
@@ -190,6 +195,7 @@ void Checker::checkCadence() {
             firstBreak = {stretch.breaks.front().frameNo, stretch.breaks.front().shownUs};
         }
     }
+    flag("even", mExpect.even, mSummary.even);
     count("slips", mExpect.slips, mSummary.byArithmetic);
     count("unexpected", mExpect.unexpected, mSummary.unexpected, firstBreak);
     checkDwell();

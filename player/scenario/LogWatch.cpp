@@ -14,7 +14,7 @@ constexpr int kErrorPriority = 6;
 
 void LogWatch::see(const tv::LogLine& line) {
     const int64_t nowNs = tv::nowNs();
-    if (line.priority >= kErrorPriority) {
+    if (mEvents != nullptr && line.priority >= kErrorPriority) {
         mEvents->add({nowNs, EventKind::Log, -1, line.priority, 0, withoutNumbers(line.text)});
     }
     const std::lock_guard<std::mutex> guard(mLock);

@@ -285,17 +285,6 @@ std::string folderOf(const std::string& path) {
     return slash == std::string::npos ? "" : path.substr(0, slash + 1);
 }
 
-toml::table parseToml(const std::string& text, const std::string& path) {
-    try {
-        return toml::parse(text, path);
-    } catch (const toml::parse_error& error) {
-        std::string what(error.description());
-        std::replace(what.begin(), what.end(), '\n', ' ');
-        throw ScenarioError(path + ":" + std::to_string(error.source().begin.line) +
-                            ": not TOML: " + what);
-    }
-}
-
 }  // namespace
 
 Scenario parseScenario(const std::string& text, const std::string& path) {

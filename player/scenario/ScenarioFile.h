@@ -6,6 +6,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "player/scenario/Scenario.h"
 #include "player/scenario/TomlTable.h"
@@ -22,5 +23,11 @@ Scenario parseScenario(const std::string& text, const std::string& path);
 
 /// Reads the table of expectations (ExpectFile.cpp).
 void readExpectations(TomlTable& table, Expectations* expect);
+
+/// Reads expectations as a command line has them: the keys of the table, "KEY=VALUE", or "KEY" for
+/// one that is true. Dashes in a key are underscores. A text needs no quotes; a value that has some
+/// is read as it stands, such as a list.
+/// @throws ScenarioError  "key: what is wrong"
+Expectations parseExpectations(const std::vector<std::string>& arguments);
 
 }  // namespace korvane::player

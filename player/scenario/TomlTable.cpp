@@ -41,7 +41,22 @@ Range parseRange(const std::string& text,
     return range;
 }
 
+/// "file:line: ", or nothing for what comes from no file.
+std::string place(const std::string& file, uint32_t line) {
+    return file.empty() ? "" : fmt::format("{}:{}: ", file, line);
+}
+
 }  // namespace
+
+toml::table parseToml(const std::string& text, const std::string& file) {
+    try {
+        return toml::parse(text, file);
+    } catch (const toml::parse_error& error) {
+        std::string what(error.description());
+        std::replace(what.begin(), what.end(), '\n', ' ');
+        throw ScenarioError(place(file, error.source().begin.line) + "not TOML: " + what);
+    }
+}
 
 TomlTable::TomlTable(const std::string& file, std::string name, const toml::table& table)
     : mFile(file), mName(std::move(name)), mTable(table) {}
@@ -62,7 +77,7 @@ bool TomlTable::is(const std::string& key, const std::string& text) {
 
 void TomlTable::failAtLine(uint32_t line, const std::string& key, const std::string& message) {
     const char* dot = mName.empty() || key.empty() ? "" : ".";
-    throw ScenarioError(fmt::format("{}:{}: {}{}{}: {}", mFile, line, mName, dot, key, message));
+    throw ScenarioError(fmt::format("{}{}{}{}: {}", place(mFile, line), mName, dot, key, message));
 }
 
 void TomlTable::failAt(const toml::node& node, const std::string& key, const std::string& message) {
@@ -131,6 +146,12 @@ void TomlTable::flag(const std::string& key, bool* value) {
             failAt(*node, key, "wants true or false");
         }
         *value = *node->value<bool>();
+    }
+}
+
+void TomlTable::flag(const std::string& key, std::optional<bool>* value) {
+    if (has(key)) {
+        flag(key, &value->emplace());
     }
 }
 

@@ -25,8 +25,13 @@
 
 namespace korvane::player {
 
+/// @param file  named in messages; empty: none
+/// @throws ScenarioError
+toml::table parseToml(const std::string& text, const std::string& file);
+
 class TomlTable {
 public:
+    /// @param file  as above
     /// @param name  path of the table within the file, empty for the file itself
     TomlTable(const std::string& file, std::string name, const toml::table& table);
 
@@ -36,6 +41,7 @@ public:
     /// A text that is not empty.
     void text(const std::string& key, std::string* value);
     void flag(const std::string& key, bool* value);
+    void flag(const std::string& key, std::optional<bool>* value);
     /// @param because  what a message adds on where the range comes from
     template <typename T>
     void integer(const std::string& key, T* value, Range range, const std::string& because = "") {

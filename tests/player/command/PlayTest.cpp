@@ -148,7 +148,9 @@ TEST_P(PlayTest, IsAccountedForAndInTime) {
     const CommandResult result = runCommand(command);
     const Facts facts = readFlatJson(json);
     unlink(json.c_str());
-    ASSERT_EQ(result.status, 0) << result.output << result.error;
+    const bool brokenOff = std::string(scenario.always).find("end=broken_off") != std::string::npos;
+    const int status = scenario.signal != 0 ? 128 + scenario.signal : brokenOff ? 4 : 0;
+    ASSERT_EQ(result.status, status) << result.output << result.error;
     expectFacts(facts, "ok=true frames_lost=0 buffers_kept=0 pictures_overwritten_on_screen=0");
     const auto sum = [&facts](const std::string& keys) {
         int64_t total = 0;
@@ -293,6 +295,46 @@ TEST(NoteTest, WhatCannotHappenIsSaidAndPlayedAllTheSame) {
     EXPECT_EQ(result.status, 0);
     EXPECT_THAT(result.error, AllOf(HasSubstr("--audio-drift has no effect: --no-audio is given\n"),
                                     HasSubstr("--seek 8.000 s has no effect: the film ends at 3")));
+}
+
+TEST(ExpectTest, HoldsOrIsToldWithItsOwnStatus) {
+    if (!kVirtualClock) {
+        GTEST_SKIP() << "real time is another each time";
+    }
+    const std::vector<std::string> met = {"even",       "pattern=[3:2]", "shown=all",
+                                          "dwell=2..3", "dropped=0",     "stop-within=20ms"};
+    const struct {
+        const char* film;
+        std::vector<std::string> expectations;
+        int status;
+        const char* says;
+    } plays[] = {
+        {"24.mp4", met, 0, ""},
+        {"24.mp4", {"patterns=[\"[3:2]\"]", "log=[{ text = \"no such line\", count = 0 }]"}, 0, ""},
+        {"24.mp4", {"even=false"}, 1, "\nFAILED    even: expected false, seen Even: [3:2] held"},
+        {"24.mp4",
+         {"frames=71", "dwell=3"},
+         1,
+         "\nFAILED    frames: expected 71, seen 72\nFAILED    dwell: expected 3 vsyncs, seen 2, "
+         "first"},
+        {"24.mp4",
+         {"log=[{ priority = \"error\", count = 1 }]"},
+         1,
+         "FAILED    log: expected 1 lines of its priority or above, seen 0"},
+        {"half.mp4", {"frames=72"}, 4, "FAILED    end: expected complete, seen broken_off"},
+        {"half.mp4", {"end=broken_off"}, 0, ""},
+        {"half.mp4", {"end=broken_off", "frames=72"}, 1, "FAILED    frames: expected 72, seen "},
+    };
+    for (const auto& play : plays) {
+        std::vector<std::string> arguments = {"play", clip(play.film), "--quiet"};
+        for (const auto& expectation : play.expectations) {
+            arguments.insert(arguments.end(), {"--expect", expectation});
+        }
+        const CommandResult result = korvaneTv(arguments);
+        EXPECT_EQ(result.status, play.status) << play.says << result.output << result.error;
+        EXPECT_THAT(result.output, HasSubstr(play.says));
+        EXPECT_EQ(result.output.find("FAILED") != std::string::npos, play.says[0] != '\0');
+    }
 }
 
 TEST(DamagedFileTest, IsToldInTheReport) {

@@ -7,9 +7,12 @@
 #include <nlohmann/json.hpp>
 #include <sstream>
 
+#include "player/base/FrameRate.h"
 #include "player/playback/BufferPool.h"
 #include "player/report/BreakCause.h"
+#include "player/report/Grade.h"
 #include "player/report/Report.h"
+#include "player/report/ReportVerdict.h"
 
 extern "C" {
 #include <libavutil/frame.h>
@@ -22,6 +25,7 @@ namespace {
 using ::testing::AllOf;
 using ::testing::EndsWith;
 using ::testing::HasSubstr;
+using ::testing::StartsWith;
 
 constexpr int64_t kVsyncNs = 16'666'667;
 
@@ -187,15 +191,17 @@ TEST(Report, TheVerdictSaysWhatWasNotEven) {
     const std::vector<VerdictCase> cases = {
         {join(even, even), 48, 0, "Even: [3:2] held 0.12 s after audio start and stayed; every"},
         {join(even, never), 48, 28,
-         "Uneven: [3:2] held 0.12 s after audio start, a stretch never in step (29 frames);"},
-        {join({9, 9, 9}, even), 0, 3, "after audio start, 3 unexpected dwells before it held;"},
+         "Uneven once: [3:2] held 0.12 s after audio start, a stretch never in step (29 frames);"},
+        {join({9, 9, 9}, even), 0, 3,
+         "Uneven once: [3:2] held 0.57 s after audio start, 3 unexpected dwells before it held;"},
         {join(join({9, 9}, even), join({9}, even)), 0, 3,
-         "after audio start, 2 unexpected dwells before it held and 1 after;"},
+         "Uneven twice: [3:2] held 0.42 s after audio start, 2 unexpected dwells before it held "
+         "and 1 after;"},
         {join({-1, -1, -1}, even), 0, 0,
          "Uneven: [3:2] held 0.12 s after audio start and stayed, 3 frames not shown (late: 3);"},
         {join({1}, even), 0, 0, "Even: "},                  // began in the middle of a frame
         {join(even, {3, 3, 3, 3, 3, 9}), 48, 0, "Even: "},  // too few to tell
-        {never, 0, 28, "Uneven: [4:4] seen where [3:2] was due;"},
+        {never, 0, 28, "Uneven throughout: [4:4] seen where [3:2] was due;"},
         {{3, 2, 9, 2, 1}, 0, 0, "Played; too short to tell a pattern;"}};
     for (const auto& c : cases) {
         auto record = playbackOf(c.dwells);
@@ -206,6 +212,73 @@ TEST(Report, TheVerdictSaysWhatWasNotEven) {
         const Summary summary = summarise(record);
         EXPECT_THAT(summary.verdict, HasSubstr(c.verdict));
         EXPECT_EQ(summary.unexpected, c.unexpected) << c.verdict;
+    }
+}
+
+struct EndCase {
+    EndCause end;
+    double secondsOutsideEbu;  ///< of 20
+    int64_t pauseUs;
+    const char* verdict;
+    const char* grade;
+    bool ok;
+};
+
+TEST(Report, TheGradeIsTheWorstThatApplies) {
+    auto dwells = pulldown(48);
+    dwells[30] = 40;
+    const std::vector<EndCase> cases = {
+        {EndCause::Complete, 0, 100'000, "Even: [3:2] held 0.12 s after audio start and stayed;",
+         "even", true},
+        {EndCause::Stopped, 0, 100'000, "Even: ", "even", true},
+        {EndCause::Complete, 0.9, 0, "Uneven once: ", "uneven", true},
+        {EndCause::Complete, 1.1, 0,
+         "Out of sync: sound 80.0 ms early at worst, outside EBU R37 for 1.1 of 20.0 s; [3:2] held",
+         "out_of_sync", true},
+        {EndCause::Interrupted, 1.1, 0, "Interrupted: until then [3:2] held", "interrupted", false},
+        {EndCause::BrokenOff, 1.1, 0, "Broken off: the file ends at 2.000 s; until then [3:2]",
+         "broken_off", false},
+        {EndCause::Stalled, 1.1, 0, "Stalled: nothing moved any more, ", "stalled", false}};
+    for (const auto& c : cases) {
+        auto record = playbackOf(dwells);
+        record.end = c.end;
+        record.brokeOffAtUs = 2'000'000;
+        const int64_t pausedUs = record.frames[30].record->firstVsync.timeNs / 1000 + 1;
+        record.clockStops = {{pausedUs, pausedUs + c.pauseUs, true}};
+        if (c.pauseUs == 0) {
+            record.clockStops.clear();
+        }
+        Summary summary = summarise(record);
+        summary.lipSync.worstUs = 80'000;
+        summary.lipSync.secondsJudged = 20.0;
+        summary.lipSync.secondsOutsideEbu = c.secondsOutsideEbu;
+        giveVerdict(record, &summary);
+        EXPECT_THAT(summary.verdict, StartsWith(c.verdict));
+        EXPECT_STREQ(toString(summary.grade), c.grade);
+        EXPECT_EQ(summary.ok(), c.ok) << c.verdict;
+        EXPECT_EQ(summary.even, c.pauseUs > 0) << c.verdict;
+        EXPECT_EQ(summary.inSync, c.secondsOutsideEbu < 1) << c.verdict;
+    }
+}
+
+TEST(RateLimit, IsWhatNoRendererCanAvoid) {
+    using Kind = RateLimit::Kind;
+    const struct {
+        double contentHz, displayHz;
+        Kind kind;
+        double perSecond;
+        bool visible;
+    } cases[] = {{24, 60, Kind::None, 0, false},          {60, 50, Kind::Skipped, 10, true},
+                 {25, 24, Kind::Skipped, 1, true},        {24, 50, Kind::Long, 2, true},
+                 {25, 60, Kind::Long, 10, true},          {48, 50, Kind::Long, 2, true},
+                 {25, 144, Kind::Short, 6, true},         {23.976, 60, Kind::Long, 0.06, false},
+                 {60, 59.94, Kind::Skipped, 0.06, false}, {24, 59.94, Kind::Short, 0.06, false}};
+    for (const auto& c : cases) {
+        const RateLimit limit = rateLimit(
+            expectedCadence(nominalRate(c.contentHz).hz(), nominalRate(c.displayHz).hz()));
+        EXPECT_EQ(limit.kind, c.kind) << c.contentHz << " on " << c.displayHz;
+        EXPECT_NEAR(limit.perSecond, c.perSecond, 0.001) << c.contentHz << " on " << c.displayHz;
+        EXPECT_EQ(limit.visible, c.visible) << c.contentHz << " on " << c.displayHz;
     }
 }
 
@@ -238,6 +311,7 @@ TEST(BreakCause, IsTheFirstThatTheRecordTells) {
     };
     const std::vector<Case> cases = {
         {pause, DropReason::Late, true, "the clock stood still: pause"},
+        {{0, kShownUs - kAfterStopUs, true}, {}, true, "the clock had stood still: pause"},
         {{1'100'000, 1'200'000}, {}, false, "the clock stood still: audio underflow"},
         {{kReleasedUs + 1, 0}, DropReason::Late, true, "the next frame was dropped: late"},
         {{0, kShownUs - kAfterStopUs}, {}, true, "the clock stood still: audio underflow"},
@@ -250,7 +324,7 @@ TEST(BreakCause, IsTheFirstThatTheRecordTells) {
         facts.releasedUs = kReleasedUs;
         facts.nextDropped = c.nextDropped;
         facts.nextSentLate = c.nextSentLate;
-        EXPECT_EQ(causeOfBreak(facts, {c.stop}), c.cause);
+        EXPECT_EQ(tellCause(causeOfBreak(facts, {c.stop}), facts), c.cause);
     }
 }
 
