@@ -104,7 +104,8 @@ std::string readFile(const std::string& path) {
 
 std::map<std::string, std::string> readFlatJson(const std::string& path) {
     std::map<std::string, std::string> values;
-    for (const auto& [key, value] : nlohmann::json::parse(readFile(path)).items()) {
+    const nlohmann::json object = nlohmann::json::parse(readFile(path));
+    for (const auto& [key, value] : object.items()) {
         values[key] = value.is_string() ? value.get<std::string>() : value.dump();
     }
     return values;
