@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The summary as flat JSON, for scripts. Keys stay as they are once published.
+// The summary as flat JSON, for scripts. Keys stay as they are once published;
+// docs/summary.schema.json describes them.
 #include <fmt/core.h>
 
 #include <nlohmann/json.hpp>
@@ -27,6 +28,16 @@ void addStretch(Json* json, const std::string& prefix, const StretchReport& stre
     to[prefix + "frames_in_step"] = stretch.cadence.inStep;
     to[prefix + "first_frame_us"] = stretch.firstFrameUs;
     to[prefix + "second_frame_us"] = stretch.secondFrameUs;
+}
+
+void addOrigin(Json* json, const Origin& origin) {
+    Json& to = *json;
+    to["schema_version"] = kSummarySchemaVersion;
+    to["version"] = origin.version;
+    to["command_line"] = origin.commandLine;
+    to["virtual_time"] = origin.virtualTime;
+    to["seed"] = origin.seed;
+    to["event_hash"] = origin.eventHash;
 }
 
 void addPlayback(Json* json, const PlaybackRecord& record, const Summary& summary) {
@@ -110,9 +121,10 @@ void addAudioAndBuffers(Json* json, const PlaybackRecord& record, const Summary&
 
 }  // namespace
 
-void writeJson(std::ostream& out, const PlaybackRecord& record, const Summary& summary,
-               const tv::TraceReport& trace) {
+void writeJson(std::ostream& out, const Origin& origin, const PlaybackRecord& record,
+               const Summary& summary, const tv::TraceReport& trace) {
     Json json = Json::object();
+    addOrigin(&json, origin);
     addPlayback(&json, record, summary);
     addCadence(&json, summary);
     addFrames(&json, summary);
