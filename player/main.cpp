@@ -32,7 +32,9 @@ void holdStandardFiles() {
 
 CommandLine readCommandLine(int argc, char** argv) {
     const std::string version = "korvane-tv " KORVANE_VERSION " (" + ffmpegVersions() + ")";
-    return parseCommandLine(argc, argv, version);
+    CommandLine line = parseCommandLine(argc, argv, version);
+    line.play.version = KORVANE_VERSION;
+    return line;
 }
 
 int carryOut(const CommandLine& line) {

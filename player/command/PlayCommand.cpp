@@ -3,6 +3,7 @@
 
 #include <android/log.h>
 #include <fmt/format.h>
+#include <fmt/ostream.h>
 
 #include <iostream>
 #include <memory>
@@ -179,7 +180,7 @@ std::vector<std::string> unmet(const PlayOptions& options, const PlaybackRecord&
 /// @return whether all outputs are whole
 bool writeResults(const PlayOptions& options, const PlaybackRecord& record, const Summary& summary,
                   const tv::TraceReport& trace, const std::vector<std::string>& failed,
-                  const std::string& repeat, Outputs* outputs) {
+                  const Origin& origin, Outputs* outputs) {
     if (record.end == EndCause::BrokenOff) {
         say("'" + options.file + "' breaks off in the middle; it was played up to there");
     }
@@ -187,9 +188,13 @@ bool writeResults(const PlayOptions& options, const PlaybackRecord& record, cons
     for (const auto& failure : failed) {
         std::cout << "FAILED    " << printable(failure) << "\n";
     }
-    std::cout << repeat << std::flush;
+    if (origin.virtualTime && !options.quiet) {
+        fmt::print(std::cout, "repeat    events {} from {}\n", origin.eventHash,
+                   origin.commandLine);
+    }
+    std::cout << std::flush;
     if (outputs->json.wanted()) {
-        writeJson(outputs->json.stream(), record, summary, trace);
+        writeJson(outputs->json.stream(), origin, record, summary, trace);
     }
     if (!trace.failure.empty()) {
         say("--trace: " + trace.failure + "; the trace is not whole, playback and summary are");
@@ -242,13 +247,11 @@ int playFile(const PlayOptions& options) {
     const tv::TraceReport traceReport = trace.stop();
     const Summary summary = listeners.report.finish(record);
     listeners.events.finish();
-    const std::string repeat =
-        clock && !options.quiet
-            ? fmt::format("repeat    events {} from {}\n", listeners.events.hash(), options.repeat)
-            : "";
+    const Origin origin{options.version, options.repeat, clock != nullptr, options.seed,
+                        listeners.events.hash()};
     const auto failed = unmet(options, record, summary, listeners);
     const bool written =
-        writeResults(options, record, summary, traceReport, failed, repeat, &outputs);
+        writeResults(options, record, summary, traceReport, failed, origin, &outputs);
     return statusOf(options, record, summary, failed.empty(), written);
 }
 

@@ -52,7 +52,8 @@ struct PlayOptions {
 
     std::optional<bool> virtualClock;  ///< empty: virtual where this build has it
     uint64_t seed = 1;
-    std::string repeat;  ///< the command line that repeats this playback
+    std::string repeat;   ///< the command line that repeats this playback
+    std::string version;  ///< of korvane-tv
 };
 
 /// The streams that the options ask for.

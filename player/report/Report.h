@@ -2,7 +2,9 @@
 // The report in its three forms: text for people, JSON and CSV for scripts.
 #pragma once
 
+#include <cstdint>
 #include <iosfwd>
+#include <string>
 
 #include "player/playback/Playback.h"
 #include "player/report/Summary.h"
@@ -15,10 +17,23 @@ namespace korvane::player {
 void printReport(std::ostream& out, const PlaybackRecord& record, const Summary& summary,
                  const tv::TraceReport& trace, bool verdictOnly);
 
+/// Where a summary comes from.
+struct Origin {
+    std::string version;      ///< of korvane-tv
+    std::string commandLine;  ///< plays the same again, in virtual time
+    bool virtualTime = false;
+    uint64_t seed = 0;
+    std::string eventHash;
+};
+
+/// Changes when a key is taken away or means something else; new keys do not change it.
+/// docs/summary.schema.json describes every key.
+constexpr int kSummarySchemaVersion = 1;
+
 /// The summary as one flat JSON object, one key per line. Bytes of a file name that are no UTF-8
 /// become U+FFFD.
-void writeJson(std::ostream& out, const PlaybackRecord& record, const Summary& summary,
-               const tv::TraceReport& trace);
+void writeJson(std::ostream& out, const Origin& origin, const PlaybackRecord& record,
+               const Summary& summary, const tv::TraceReport& trace);
 
 /// Writes a header line, then one line per frame once its outcome is final. Times are microseconds
 /// since the library's `start`, media times as in the file; an empty field is unknown or does not

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The summary as flat JSON, for scripts. Keys stay as they are once published.
+// The summary as flat JSON, for scripts. Keys stay as they are once published;
+// docs/summary.schema.json describes them.
 #include <fmt/core.h>
 
 #include <nlohmann/json.hpp>
@@ -43,6 +44,16 @@ void addStreams(Json* json, const MediaInfo& media) {
     to["interlaced_pictures"] = media.interlacedPictures;
     to["repeated_fields"] = media.repeatedFields;
     to["stream_changes"] = media.changes.size();
+}
+
+void addOrigin(Json* json, const Origin& origin) {
+    Json& to = *json;
+    to["schema_version"] = kSummarySchemaVersion;
+    to["version"] = origin.version;
+    to["command_line"] = origin.commandLine;
+    to["virtual_time"] = origin.virtualTime;
+    to["seed"] = origin.seed;
+    to["event_hash"] = origin.eventHash;
 }
 
 void addPlayback(Json* json, const PlaybackRecord& record, const Summary& summary) {
@@ -127,9 +138,10 @@ void addAudioAndBuffers(Json* json, const PlaybackRecord& record, const Summary&
 
 }  // namespace
 
-void writeJson(std::ostream& out, const PlaybackRecord& record, const Summary& summary,
-               const tv::TraceReport& trace) {
+void writeJson(std::ostream& out, const Origin& origin, const PlaybackRecord& record,
+               const Summary& summary, const tv::TraceReport& trace) {
     Json json = Json::object();
+    addOrigin(&json, origin);
     addPlayback(&json, record, summary);
     addCadence(&json, summary);
     addFrames(&json, summary);

@@ -110,6 +110,7 @@ void readExpectations(TomlTable& table, Expectations* expect) {
     readPatterns(table, expect);
     expect->patternWithinUs = table.timeRange("pattern_within");
     table.flag("even", &expect->even);
+    table.flag("in_sync", &expect->inSync);
     expect->slips = table.range("slips");
     expect->unexpected = table.range("unexpected");
     expect->dwell = table.range("dwell");

@@ -196,6 +196,7 @@ void Checker::checkCadence() {
         }
     }
     flag("even", mExpect.even, mSummary.even);
+    flag("in_sync", mExpect.inSync, mSummary.inSync);
     count("slips", mExpect.slips, mSummary.byArithmetic);
     count("unexpected", mExpect.unexpected, mSummary.unexpected, firstBreak);
     checkDwell();

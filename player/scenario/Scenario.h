@@ -38,7 +38,8 @@ struct Expectations {
     std::optional<Range> buffersKept;   ///< instead: this many never come back
     std::vector<std::string> patterns;  ///< one for all stretches, or one for each
     std::optional<Range> patternWithinUs;
-    std::optional<bool> even;  ///< or as even as the rates allow
+    std::optional<bool> even;    ///< or as even as the rates allow
+    std::optional<bool> inSync;  ///< by the verdict's measure
     std::optional<Range> slips;
     std::optional<Range> unexpected;
     std::optional<Range> dwell;  ///< vsyncs

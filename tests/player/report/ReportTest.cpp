@@ -97,7 +97,7 @@ std::string textOf(const Played& played, const tv::TraceReport& trace = {},
 
 nlohmann::json jsonOf(const Played& played) {
     std::ostringstream json;
-    writeJson(json, played, summarise(played), {});
+    writeJson(json, {}, played, summarise(played), {});
     return nlohmann::json::parse(json.str());
 }
 
