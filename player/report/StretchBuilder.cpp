@@ -9,25 +9,20 @@ namespace {
 
 /// Breaks kept one by one; the rest is only counted.
 constexpr size_t kKeptBreaks = 100;
-/// Dwells from which the pattern that was seen is read.
+/// The last dwells, from which the pattern that was seen is read.
 constexpr size_t kPatternDwells = 512;
 /// A viewer sees breaks that follow each other so closely as one.
 constexpr int64_t kOneDisturbanceUs = 1'000'000;
 
 }  // namespace
 
-StretchBuilder::StretchBuilder(int section, double displayHz, const ExpectedCadence& expected)
-    : mTracker(expected) {
+StretchBuilder::StretchBuilder(int section, StretchBegin begin, const ExpectedCadence& expected,
+                               int64_t beganUs)
+    : mTracker(expected), mBeganUs(beganUs) {
     mReport.section = section;
-    mReport.displayHz = displayHz;
+    mReport.begin = begin;
+    mReport.displayHz = expected.displayHz;
     mReport.expected = expected;
-}
-
-StretchBuilder::StretchBuilder(int section, double displayHz, const ExpectedCadence& expected,
-                               int64_t modeChangedUs)
-    : StretchBuilder(section, displayHz, expected) {
-    mReport.modeChange = true;
-    mModeChangedUs = modeChangedUs;
 }
 
 void StretchBuilder::add(const FrameEntry& frame, const FrameEntry* next,
@@ -64,8 +59,9 @@ void StretchBuilder::noteStart(int64_t shownUs, const PlaybackRecord& soFar) {
 void StretchBuilder::addToCadence(const DwellFacts& facts, const PlaybackRecord& soFar) {
     mReport.firstByDwell.emplace(facts.dwell,
                                  FrameAt{facts.frameNo, facts.shownUs - soFar.startNs / 1000});
-    if (mFirstDwells.size() < kPatternDwells) {
-        mFirstDwells.push_back(facts.dwell);
+    mLastDwells.push_back(facts.dwell);
+    if (mLastDwells.size() > kPatternDwells) {
+        mLastDwells.pop_front();
     }
     mFacts.push_back(facts);
     takeBreaks(mTracker.add(facts.dwell), soFar);
@@ -136,9 +132,14 @@ void StretchBuilder::reportCadence() {
         mReport.causes.clear();
         mReport.disturbances = 0;
     }
-    const auto seen = seenPattern(mFirstDwells);
-    const bool asExpected = mReport.cadence.held || samePattern(seen, mReport.expected.pattern);
-    mReport.seen = asExpected ? mReport.expected.name() : patternName(seen);
+    const std::vector<int> last(mLastDwells.begin(), mLastDwells.end());
+    const CadenceResult& cadence = mReport.cadence;
+    // Ten frames in step, and then none, is not what was seen.
+    const bool mostlyInStep =
+        cadence.held && cadence.inStep * 10 >= (mReport.dwells - cadence.heldFrom) * 9;
+    const bool asExpected =
+        mostlyInStep || samePattern(seenPattern(last), mReport.expected.pattern);
+    mReport.seen = asExpected ? mReport.expected.name() : seenPatternName(last);
     if (!mReport.breaks.empty()) {
         mReport.firstOut = {mReport.breaks.front().frameNo, mReport.breaks.front().shownUs};
     }
@@ -149,8 +150,8 @@ void StretchBuilder::reportHeldAfter(const PlaybackRecord& soFar) {
         return;
     }
     const Section& section = soFar.sections[static_cast<size_t>(mReport.section)];
-    mReport.afterAudio = !mReport.modeChange && section.audioStartedRealUs >= 0;
-    const int64_t sinceUs = mReport.modeChange   ? mModeChangedUs
+    mReport.afterAudio = mReport.begin == StretchBegin::Section && section.audioStartedRealUs >= 0;
+    const int64_t sinceUs = mBeganUs >= 0        ? mBeganUs
                             : mReport.afterAudio ? section.audioStartedRealUs
                                                  : mFirstShownUs;
     mReport.heldAfterUs = std::max<int64_t>(mHeldShownUs - sinceUs, 0);
@@ -162,7 +163,7 @@ void StretchBuilder::countUnjudged() {
         ++mOutside[facts.dwell];
     }
     if (!mReport.judged()) {
-        for (const int dwell : mFirstDwells) {
+        for (const int dwell : mLastDwells) {
             ++mOutside[dwell];
         }
     } else if (mOffAtStart) {
