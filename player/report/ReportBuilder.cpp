@@ -38,10 +38,7 @@ void ReportBuilder::onFrame(const FrameEntry& frame, const PlaybackRecord& soFar
 
 void ReportBuilder::processKnown(const PlaybackRecord& soFar) {
     while (const auto pace = mRate.take()) {
-        if (mLast) {
-            process(*mLast, &mWaiting.front(), soFar);
-        }
-        mLast = {mWaiting.front(), *pace};
+        process({mWaiting.front(), *pace}, soFar);
         mWaiting.pop_front();
     }
 }
@@ -49,9 +46,6 @@ void ReportBuilder::processKnown(const PlaybackRecord& soFar) {
 Summary ReportBuilder::finish(const PlaybackRecord& record) {
     mRate.end();
     processKnown(record);
-    if (mLast) {
-        process(*mLast, nullptr, record);
-    }
     endStretch(record);
     int64_t most = 0;
     for (const auto& [hz, frames] : mFramesByHz) {
@@ -71,11 +65,10 @@ Summary ReportBuilder::finish(const PlaybackRecord& record) {
     return mSummary;
 }
 
-void ReportBuilder::process(const PacedFrame& paced, const FrameEntry* next,
-                            const PlaybackRecord& soFar) {
+void ReportBuilder::process(const PacedFrame& paced, const PlaybackRecord& soFar) {
     ++mFramesByHz[paced.pace.hz];
     followStretches(paced, soFar);
-    mStretch->add(paced.frame, next, soFar);
+    mStretch->add(paced.frame, soFar);
     count(paced.frame, soFar);
 }
 

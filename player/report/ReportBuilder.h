@@ -8,8 +8,8 @@
 //            ResumeTimer
 //         -> counts            outcomes, drops, dwells, buffers
 //
-// Each frame is added up at once, so that a day needs no more memory than a minute. The last frame
-// always waits for the one after it, which may be the cause of its dwell.
+// Each frame is added up as soon as its rate is known, so that a day needs no more memory than a
+// minute.
 #pragma once
 
 #include <cstdint>
@@ -42,7 +42,7 @@ private:
     double trueHz(double nominalHz) const;
     ExpectedCadence expectedFor(double contentHz, double displayHz) const;
     void processKnown(const PlaybackRecord& soFar);
-    void process(const PacedFrame& paced, const FrameEntry* next, const PlaybackRecord& soFar);
+    void process(const PacedFrame& paced, const PlaybackRecord& soFar);
     void followStretches(const PacedFrame& paced, const PlaybackRecord& soFar);
     void beginStretch(const PacedFrame& paced, StretchBegin begin, double displayHz,
                       int64_t beganUs, const PlaybackRecord& soFar);
@@ -56,7 +56,6 @@ private:
     Summary mSummary;
     ContentRate mRate;
     std::deque<FrameEntry> mWaiting;  ///< until their rate is known
-    std::optional<PacedFrame> mLast;  ///< waits for the one after it
     int mSpan = 0;                    ///< of the content's rate, in which the stretch lies
     std::map<double, int64_t> mFramesByHz;
     std::optional<StretchBuilder> mStretch;

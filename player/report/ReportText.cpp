@@ -101,12 +101,22 @@ std::string describeSlips(const ExpectedCadence& expected) {
                        steps > 1 ? fmt::format(" in up to {} steps", steps) : "");
 }
 
+/// " = drop 3 + pause 1", the causes of unexpected dwells.
+std::string describeCauses(const Summary& summary) {
+    std::vector<std::string> texts;
+    for (const auto& [cause, dwells] : summary.causes) {
+        texts.push_back(fmt::format("{} {}", inWords(toString(cause)), dwells));
+    }
+    return texts.empty() ? "" : fmt::format(" = {}", fmt::join(texts, " + "));
+}
+
 void printDwell(std::ostream& out, const Summary& summary) {
     const std::string text = describeDwells(summary.dwells);
     line(out, "dwell", (text.empty() ? "nothing shown" : text + " (vsyncs)"));
-    line(out, "",
-         fmt::format("by arithmetic: {}, {} seen; unexpected: {}", describeSlips(summary.expected),
-                     summary.byArithmetic, summary.unexpected));
+    line(
+        out, "",
+        fmt::format("by arithmetic: {}, {} seen; unexpected: {}{}", describeSlips(summary.expected),
+                    summary.byArithmetic, summary.unexpected, describeCauses(summary)));
     if (!summary.unjudged.empty()) {
         line(out, "",
              "not judged (waited for audio, a flush or the end, or too few): " +

@@ -11,6 +11,9 @@ namespace {
 constexpr size_t kKeptBreaks = 100;
 /// The last dwells, from which the pattern that was seen is read.
 constexpr size_t kPatternDwells = 512;
+/// Frames kept before the first undecided one.
+constexpr size_t kKeptFacts = 16;
+static_assert(kKeptFacts >= kSteadyRunFrames);
 /// A viewer sees breaks that follow each other so closely as one.
 constexpr int64_t kOneDisturbanceUs = 1'000'000;
 
@@ -25,8 +28,10 @@ StretchBuilder::StretchBuilder(int section, StretchBegin begin, const ExpectedCa
     mReport.expected = expected;
 }
 
-void StretchBuilder::add(const FrameEntry& frame, const FrameEntry* next,
-                         const PlaybackRecord& soFar) {
+void StretchBuilder::add(const FrameEntry& frame, const PlaybackRecord& soFar) {
+    if (!mPending.empty()) {
+        addNext(&mPending.back(), frame, mReport.expected.contentHz, mReport.expected.displayHz);
+    }
     const bool shown = frame.outcome == Outcome::Shown;
     if (shown) {
         noteStart(frame.record->firstVsync.timeNs / 1000, soFar);
@@ -43,7 +48,7 @@ void StretchBuilder::add(const FrameEntry& frame, const FrameEntry* next,
         }
         mPending.clear();
     }
-    mPending.push_back(dwellFacts(frame, next));
+    mPending.push_back(dwellFacts(frame));
 }
 
 void StretchBuilder::noteStart(int64_t shownUs, const PlaybackRecord& soFar) {
@@ -66,8 +71,8 @@ void StretchBuilder::addToCadence(const DwellFacts& facts, const PlaybackRecord&
     mFacts.push_back(facts);
     takeBreaks(mTracker.add(facts.dwell), soFar);
     noteWhenHeld();
-    // A run that is not yet long enough to hold began at most so many dwells ago.
-    while (mFactsFrom + kSteadyRunFrames < mTracker.decided()) {
+    // A run that is not yet long enough to hold, or a cause, began at most so many dwells ago.
+    while (mFactsFrom + kKeptFacts < mTracker.decided()) {
         mFacts.pop_front();
         ++mFactsFrom;
     }
@@ -83,14 +88,30 @@ void StretchBuilder::takeBreaks(const std::vector<DwellBreak>& breaks,
             continue;
         }
         const DwellFacts& facts = mFacts[found.index - mFactsFrom];
-        const BreakCause cause = causeOfBreak(facts, soFar.clockStops);
-        countCause(cause, facts.shownUs);
+        const FoundCause cause =
+            causeOfBreak(mFacts, found.index - mFactsFrom, soFar.clockStops, start(soFar));
+        countCause(cause.cause, facts.shownUs);
         if (mReport.breaks.size() < kKeptBreaks) {
             mReport.breaks.push_back({facts.frameNo, facts.mediaTimeUs,
                                       facts.shownUs - soFar.startNs / 1000, found.dwell,
-                                      found.expected, tellCause(cause, facts)});
+                                      found.expected, tellCause(cause)});
         }
     }
+}
+
+/// With audio, the pattern cannot hold before it has started.
+StretchStart StretchBuilder::start(const PlaybackRecord& soFar) const {
+    switch (mReport.begin) {
+        case StretchBegin::ModeChange:
+            return {BreakCause::ModeChange, std::max(mBeganUs, mFirstShownUs)};
+        case StretchBegin::RateChange:
+            return {BreakCause::RateChange, mFirstShownUs};
+        case StretchBegin::Section:
+            break;
+    }
+    const Section& section = soFar.sections[static_cast<size_t>(mReport.section)];
+    return {mReport.section == 0 ? BreakCause::Start : BreakCause::Flush,
+            std::max(mFirstShownUs, section.audioStartedRealUs)};
 }
 
 void StretchBuilder::countCause(BreakCause cause, int64_t shownUs) {
@@ -132,6 +153,7 @@ void StretchBuilder::reportCadence() {
         mReport.causes.clear();
         mReport.disturbances = 0;
     }
+    nameWrongPattern();
     const std::vector<int> last(mLastDwells.begin(), mLastDwells.end());
     const CadenceResult& cadence = mReport.cadence;
     // Ten frames in step, and then none, is not what was seen.
@@ -142,6 +164,17 @@ void StretchBuilder::reportCadence() {
     mReport.seen = asExpected ? mReport.expected.name() : seenPatternName(last);
     if (!mReport.breaks.empty()) {
         mReport.firstOut = {mReport.breaks.front().frameNo, mReport.breaks.front().shownUs};
+    }
+}
+
+/// What the renderer chooses once is a choice; what it chooses all the time is a pattern.
+void StretchBuilder::nameWrongPattern() {
+    constexpr int64_t kDwellsPerChoice = 10;
+    const auto chosen = mReport.causes.find(BreakCause::Renderer);
+    if (chosen != mReport.causes.end() &&
+        chosen->second * kDwellsPerChoice > static_cast<int64_t>(mReport.dwells)) {
+        mReport.causes[BreakCause::WrongPattern] = chosen->second;
+        mReport.causes.erase(chosen);
     }
 }
 

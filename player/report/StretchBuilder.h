@@ -30,8 +30,7 @@ public:
     int section() const { return mReport.section; }
     double displayHz() const { return mReport.expected.displayHz; }
 
-    /// @param next  the frame handed in after it; null: there is none
-    void add(const FrameEntry& frame, const FrameEntry* next, const PlaybackRecord& soFar);
+    void add(const FrameEntry& frame, const PlaybackRecord& soFar);
     /// Call once, after the last frame.
     /// @return nothing for a stretch in which no frame was shown
     std::optional<StretchReport> finish(const PlaybackRecord& soFar);
@@ -39,8 +38,10 @@ public:
 private:
     void noteStart(int64_t shownUs, const PlaybackRecord& soFar);
     void addToCadence(const DwellFacts& facts, const PlaybackRecord& soFar);
+    StretchStart start(const PlaybackRecord& soFar) const;
     void takeBreaks(const std::vector<DwellBreak>& breaks, const PlaybackRecord& soFar);
     void countCause(BreakCause cause, int64_t shownUs);
+    void nameWrongPattern();
     void noteWhenHeld();
     void reportCadence();
     void reportHeldAfter(const PlaybackRecord& soFar);
