@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The virtual gear of the TV's clock:
+// Virtual time:
 //
 //   counter "ns"            one usleep alone at the front, two that need a switch each, switches,
 //                           locks, signals: the primitives that a frame's way is made of
@@ -71,7 +71,7 @@ void BM_SleepAlone(benchmark::State& state) {
 }
 BENCHMARK(BM_SleepAlone)->UseManualTime();
 
-/// Two threads that sleep in turn: each of the two sleeps is an event in the heap and a switch.
+/// Two threads that sleep alternately: each sleep is a timer slot in the heap and a switch.
 void BM_TwoSleepEvents(benchmark::State& state) {
     const VirtualTime time(1, patient());
     bool running = true;
@@ -121,7 +121,7 @@ void BM_ReadClock(benchmark::State& state) {
 }
 BENCHMARK(BM_ReadClock)->UseManualTime();
 
-/// One thread hands a turn to the other and waits until it has it back.
+/// One thread passes a token to the other and waits until it is returned.
 void BM_SignalAndWaitThereAndBack(benchmark::State& state) {
     const VirtualTime time(1, patient());
     std::mutex lock;

@@ -87,6 +87,11 @@ Vsync Display::vsync(int64_t index) const {
     return vsyncLocked(index);
 }
 
+double Display::periodNsAt(int64_t timeNs) const {
+    const std::lock_guard<std::mutex> guard(mLock);
+    return segmentAt(timeNs).periodNs;
+}
+
 double Display::rateHz() const {
     const std::lock_guard<std::mutex> guard(mLock);
     return mSegments.back().rateHz;

@@ -59,6 +59,8 @@ public:
     /// The first vsync after a time.
     Vsync nextVsyncAfter(int64_t timeNs) const;
     Vsync vsync(int64_t index) const;
+    /// The true period in force at a time.
+    double periodNsAt(int64_t timeNs) const;
     /// The rate last requested.
     double rateHz() const;
 

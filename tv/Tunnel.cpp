@@ -15,7 +15,7 @@
 
 #include "include/ThreadAnnotations.h"
 #include "tv/TunnelBuffers.h"
-#include "tv/clock/Signal.h"
+#include "tv/clock/FencePipe.h"
 
 namespace korvane::tv {
 namespace {
@@ -65,7 +65,7 @@ struct Tunnel::Impl {
     TunnelFaults faults KORVANE_GUARDED_BY(lock);
     int nextDevice KORVANE_GUARDED_BY(lock) = 0;
     std::set<int> devices KORVANE_GUARDED_BY(lock);
-    SignalPipes signalPipes KORVANE_GUARDED_BY(lock);  ///< outlives the fences
+    FencePipes fencePipes KORVANE_GUARDED_BY(lock);  ///< outlives the fences
     /// By id; kept after the id is freed while it has records.
     std::map<int, BufferRecords> records KORVANE_GUARDED_BY(lock);
     std::map<int, TunnelState> tunnels KORVANE_GUARDED_BY(lock);
@@ -212,7 +212,7 @@ int Tunnel::dequeueBuffer(int device, int tunnelId, int* bufferFd, int* fenceFd,
         fenceFd == nullptr) {
         return -EINVAL;
     }
-    return tunnel->buffers.takeBack(mImpl->signalPipes, bufferFd, fenceFd, nowNs);
+    return tunnel->buffers.takeBack(mImpl->fencePipes, bufferFd, fenceFd, nowNs);
 }
 
 int Tunnel::displayVsync(int device, int tunnelId, int64_t nowNs, VsyncReport* out) {

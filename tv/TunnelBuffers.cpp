@@ -25,12 +25,12 @@ void release(BufferRecord& buffer, BufferFate fate, int64_t atNs) {
 
 /// The wrong mode: closing one end of a socket pair wakes the other as closing a pipe does, but a
 /// socket is open for reading and writing.
-int makeSocketPair(Signal* signal, int* taken) {
+int makeSocketPair(FencePipe* pipe, int* taken) {
     int ends[2];
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) {
         return -errno;
     }
-    *signal = Signal(UniqueFd(ends[1]));
+    *pipe = FencePipe(UniqueFd(ends[1]));
     *taken = ends[0];
     return 0;
 }
@@ -68,7 +68,7 @@ int TunnelBuffers::queue(BufferRecord buffer) {
     return 0;
 }
 
-int TunnelBuffers::takeBack(SignalPipes& pipes, int* bufferFd, int* fenceFd, int64_t nowNs) {
+int TunnelBuffers::takeBack(FencePipes& pipes, int* bufferFd, int* fenceFd, int64_t nowNs) {
     if (mReturned.empty()) {
         return -EAGAIN;
     }
@@ -82,19 +82,19 @@ int TunnelBuffers::takeBack(SignalPipes& pipes, int* bufferFd, int* fenceFd, int
     return 0;
 }
 
-int TunnelBuffers::makeFence(SignalPipes& pipes, const Returned& buffer, int* fenceFd) {
+int TunnelBuffers::makeFence(FencePipes& pipes, const Returned& buffer, int* fenceFd) {
     *fenceFd = -1;
     if (buffer.fence == FenceKind::None) {
         return 0;
     }
-    Signal signal;
-    const int result = buffer.fence == FenceKind::WrongMode ? makeSocketPair(&signal, fenceFd)
-                                                            : pipes.make(&signal, fenceFd);
+    FencePipe pipe;
+    const int result = buffer.fence == FenceKind::WrongMode ? makeSocketPair(&pipe, fenceFd)
+                                                            : pipes.make(&pipe, fenceFd);
     if (result < 0) {
         return result;
     }
     if (const auto pending = mFences.find(buffer.number); pending != mFences.end()) {
-        pending->second.signal = std::move(signal);
+        pending->second.pipe = std::move(pipe);
     }
     return 0;
 }
@@ -169,8 +169,8 @@ void TunnelBuffers::replace(int64_t number, const Vsync& vsync, const Vsync& nex
     const int64_t signalNs =
         faults.fenceNeverSignals ? kNever : saturatingAdd(next.timeNs, faults.fenceDelayNs);
     at(old).fenceSignalNs = signalNs;
-    mFences.emplace(old, PendingFence{signalNs, Signal()});
-    mReturned.push_back({old, faults.fenceWrongMode ? FenceKind::WrongMode : FenceKind::Signal});
+    mFences.emplace(old, PendingFence{signalNs, FencePipe()});
+    mReturned.push_back({old, faults.fenceWrongMode ? FenceKind::WrongMode : FenceKind::Pipe});
 }
 
 /// Compares a picture that the panel has finished reading with what was queued.

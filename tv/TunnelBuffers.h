@@ -21,7 +21,7 @@
 #include "tv/Display.h"
 #include "tv/HeldBuffer.h"
 #include "tv/Tunnel.h"
-#include "tv/clock/Signal.h"
+#include "tv/clock/FencePipe.h"
 
 namespace korvane::tv {
 
@@ -51,7 +51,7 @@ public:
     int queue(BufferRecord buffer);
     /// Hands the oldest returned buffer to the producer.
     /// @return 0, -EAGAIN without one, or why its fence could not be made
-    int takeBack(SignalPipes& pipes, int* bufferFd, int* fenceFd, int64_t nowNs);
+    int takeBack(FencePipes& pipes, int* bufferFd, int* fenceFd, int64_t nowNs);
     /// Gives up every buffer and signals every fence.
     void disconnect(int64_t nowNs);
 
@@ -69,22 +69,22 @@ public:
 
 private:
     /// What the producer gets with a released buffer.
-    enum class FenceKind { None, Signal, WrongMode };
+    enum class FenceKind { None, Pipe, WrongMode };
     struct Returned {
         int64_t number;
         FenceKind fence;
     };
-    /// A fence whose time has not come. `signal` is set once the producer has the descriptor.
+    /// A fence whose time has not come. `pipe` is set once the producer has the descriptor.
     struct PendingFence {
         int64_t signalNs;
-        Signal signal;
+        FencePipe pipe;
     };
 
     BufferRecord& at(int64_t number) const { return mRecords->at(number); }
     int64_t takeNewestDue(const Vsync& vsync);
     void replace(int64_t number, const Vsync& vsync, const Vsync& next, const TunnelFaults& faults);
     void checkPicture(int64_t number);
-    int makeFence(SignalPipes& pipes, const Returned& buffer, int* fenceFd);
+    int makeFence(FencePipes& pipes, const Returned& buffer, int* fenceFd);
 
     BufferRecords* mRecords;
     std::deque<int64_t> mWaiting;

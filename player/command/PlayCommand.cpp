@@ -130,17 +130,17 @@ struct Listeners {
           events(outputs->events.wanted() ? &outputs->events.stream() : nullptr),
           recorder(&events),
           progress(!options.quiet) {
-        ports.listeners = {&report, &recorder};
+        hooks.listeners = {&report, &recorder};
         if (outputs->csv.wanted()) {
-            ports.listeners.push_back(&frames.emplace(outputs->csv.stream()));
+            hooks.listeners.push_back(&frames.emplace(outputs->csv.stream()));
         }
-        ports.interrupted = interrupted;
-        ports.onLogLine = [lowest = lowestLogPriority(options)](const tv::LogLine& line) {
+        hooks.interrupted = interrupted;
+        hooks.onLogLine = [lowest = lowestLogPriority(options)](const tv::LogLine& line) {
             if (line.priority >= lowest) {
                 clearProgress();
             }
         };
-        ports.onProgress = [this](const PlaybackProgress& state, int64_t nowNs) {
+        hooks.onProgress = [this](const PlaybackProgress& state, int64_t nowNs) {
             progress.update(state, nowNs);
         };
     }
@@ -150,7 +150,7 @@ struct Listeners {
     EventRecorder recorder;
     std::optional<CsvWriter> frames;
     Progress progress;
-    PlaybackPorts ports;
+    PlaybackHooks hooks;
 };
 
 /// Writes everything that is known only after playback.
@@ -191,7 +191,7 @@ int playFile(const PlayOptions& options) {
     sayNotes(options, video.info());
 
     Listeners listeners(options, video.info(), plan, &outputs);
-    const PlaybackRecord record = play(plan, video, std::move(audio), listeners.ports);
+    const PlaybackRecord record = play(plan, video, std::move(audio), listeners.hooks);
     clearProgress();
     const tv::TraceReport traceReport = trace.stop();
     const Summary summary = listeners.report.finish(record);

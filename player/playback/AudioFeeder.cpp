@@ -10,13 +10,13 @@
 namespace korvane::player {
 namespace {
 
-/// Media handed over ahead of what sounds: enough for any start, little to read in vain.
+/// Media queued ahead of what is audible: enough for any start, little to discard on a seek.
 constexpr int64_t kAheadUs = 3'000'000;
-/// How often the feeder looks whether the renderer waits with its first picture.
+/// How often the feeder checks whether the renderer holds its first picture.
 constexpr std::chrono::milliseconds kOpeningPoll{10};
-/// How often it looks whether more is wanted; far below `kAheadUs`.
+/// How often it checks whether to queue more; far below `kAheadUs`.
 constexpr std::chrono::milliseconds kPoll{500};
-/// Longest wait for the renderer to stop the clock at its first picture.
+/// Longest wait for the renderer to pause the clock at its first picture.
 constexpr int64_t kPictureWaitNs = 1'000'000'000;
 
 }  // namespace
@@ -91,7 +91,7 @@ void AudioFeeder::run() {
     tv::WaitLock lock(mLock);
     while (!mStopping) {
         if (!mHeld && !mEnded && readyForMore()) {
-            handOverOne();
+            queueOne();
         } else {
             mWake.wait_for(lock.forWait(), mOpened || mHeld ? kPoll : kOpeningPoll);
         }
@@ -111,7 +111,7 @@ bool AudioFeeder::pictureWaits() {
     return !mWaitForPicture || mInstance->paused() || tv::nowNs() > mOpenBeforeNs;
 }
 
-void AudioFeeder::handOverOne() {
+void AudioFeeder::queueOne() {
     AudioPacket packet;
     if (mSource->next(&packet) != ReadStatus::Ready) {
         mEnded = true;
@@ -119,12 +119,12 @@ void AudioFeeder::handOverOne() {
         return;
     }
     if (mQueuedFromUs < 0 && packet.mediaTimeUs > mPictureUs) {
-        handOver(mPictureUs, packet.mediaTimeUs);
+        queue(mPictureUs, packet.mediaTimeUs);
     }
-    handOver(packet.mediaTimeUs, packet.mediaTimeUs + packet.durationUs);
+    queue(packet.mediaTimeUs, packet.mediaTimeUs + packet.durationUs);
 }
 
-void AudioFeeder::handOver(int64_t fromUs, int64_t toUs) {
+void AudioFeeder::queue(int64_t fromUs, int64_t toUs) {
     mOutput.queue(fromUs, toUs - fromUs);
     mQueuedUpToUs = toUs;
     if (mQueuedFromUs < 0) {

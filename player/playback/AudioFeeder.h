@@ -1,15 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
-// Feeds the TV's audio side with a source's audio packets, as the audio half of a player would.
+// The audio half of the player: queues a source's audio packets to the TV's audio side.
 //
-// One thread reads packets and hands their times over, a few seconds ahead of what sounds. It holds
-// the first ones back until the renderer waits with its first picture (it then has stopped the
-// clock): a player starts its sound when the picture is ready, and a clock that audio had taken
-// before would be stopped by the renderer with nobody left to start it. If the renderer never gets
-// there the audio starts all the same after a while.
+// One thread reads packets and queues their times, 3 s ahead of what is audible. It starts when the
+// renderer holds its first picture and has paused the clock. If audio took the clock before that,
+// the renderer would pause it afterwards, and nobody would resume it. If the renderer does not
+// pause the clock within 1 s, audio starts all the same.
 //
-// Sound begins where the picture does, or before. Where a source's first packet comes later than
-// that, silence is handed over up to it: the clock follows what sounds, and would otherwise begin
-// at that packet, with all pictures before it late.
+// Audio begins at the first picture or before. If the source's first packet is later, silence fills
+// the gap: the clock follows audio and would otherwise begin at that packet, with every picture
+// before it late.
 #pragma once
 
 #include <condition_variable>
@@ -36,12 +35,13 @@ public:
     /// Starts reading. Call after the renderer's `start`.
     /// @param pictureUs  media time of the first picture
     void start(int64_t pictureUs);
-    /// Forgets what is queued and hands nothing more over. Call before the renderer's `flush`:
-    /// audio that still plays would release the renderer's new first picture at the old position.
+    /// Forgets what is queued and queues nothing more. Call before the renderer's `flush`: audio
+    /// that still plays would start the clock at the old position for the new first picture.
     void hold();
-    /// Goes on at a picture's media time, waiting for it again. Call after the renderer's `flush`.
+    /// Goes on at a picture's media time; waits for that picture as `start` does. Call after the
+    /// renderer's `flush`.
     void restart(int64_t pictureUs);
-    /// The player's pause: the sound stops and with it the clock. Any thread.
+    /// The player's pause: audio and the clock stop. Any thread.
     void pause();
     void resume();
     /// Ends the thread and the audio side. Idempotent.
@@ -56,8 +56,8 @@ private:
     void openAt(int64_t pictureUs) KORVANE_REQUIRES(mLock);
     bool readyForMore() KORVANE_REQUIRES(mLock);
     bool pictureWaits() KORVANE_REQUIRES(mLock);
-    void handOverOne() KORVANE_REQUIRES(mLock);
-    void handOver(int64_t fromUs, int64_t toUs) KORVANE_REQUIRES(mLock);
+    void queueOne() KORVANE_REQUIRES(mLock);
+    void queue(int64_t fromUs, int64_t toUs) KORVANE_REQUIRES(mLock);
 
     const bool mWaitForPicture;
     std::shared_ptr<tv::SyncInstance> mInstance;
@@ -69,7 +69,8 @@ private:
     bool mStopping KORVANE_GUARDED_BY(mLock) = false;
     bool mEnded KORVANE_GUARDED_BY(mLock) = false;
     bool mHeld KORVANE_GUARDED_BY(mLock) = false;
-    bool mOpened KORVANE_GUARDED_BY(mLock) = false;  ///< the picture waits; packets may go over
+    bool mOpened KORVANE_GUARDED_BY(mLock) =
+        false;  ///< the picture is ready; packets may be queued
     int64_t mOpenBeforeNs KORVANE_GUARDED_BY(mLock) = 0;
     int64_t mPictureUs KORVANE_GUARDED_BY(mLock) = 0;
     int64_t mQueuedUpToUs KORVANE_GUARDED_BY(mLock) = 0;

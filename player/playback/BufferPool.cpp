@@ -3,12 +3,12 @@
 
 #include <fcntl.h>
 #include <sys/mman.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <system_error>
+#include <utility>
 
 #include "tv/Picture.h"
 #include "tv/ScopedLock.h"
@@ -32,12 +32,13 @@ constexpr int kRowAlignment = 32;
 
 BufferPool::BufferPool(int buffers) : mBuffers(static_cast<size_t>(buffers)) {
     for (size_t i = 0; i < mBuffers.size(); ++i) {
-        mBuffers[i].fd = memfd_create("korvane-frame", MFD_CLOEXEC | MFD_ALLOW_SEALING);
-        if (mBuffers[i].fd < 0) {
-            throwErrno("cannot make a frame buffer");
+        tv::UniqueFd fd(memfd_create("korvane-frame", MFD_CLOEXEC | MFD_ALLOW_SEALING));
+        if (fd.get() < 0) {
+            throwErrno("cannot create a frame buffer");
         }
-        // A display can map what never shrinks; where sealing fails it reads.
-        (void)fcntl(mBuffers[i].fd, F_ADD_SEALS, F_SEAL_SHRINK);
+        // The display maps only files that cannot shrink; it reads the others.
+        (void)fcntl(fd.get(), F_ADD_SEALS, F_SEAL_SHRINK);
+        mBuffers[i].fd = std::move(fd);
         mHoldings.push_back({static_cast<int>(i), false, -1});
         mFree.push_back(static_cast<int>(i));
     }
@@ -45,15 +46,8 @@ BufferPool::BufferPool(int buffers) : mBuffers(static_cast<size_t>(buffers)) {
     mReport.lowestFree = buffers;
 }
 
-BufferPool::~BufferPool() {
-    for (const auto& buffer : mBuffers) {
-        if (buffer.memory != nullptr) {
-            munmap(buffer.memory, buffer.bytes);
-        }
-        if (buffer.fd >= 0) {
-            close(buffer.fd);
-        }
-    }
+void Unmap::operator()(unsigned char* memory) const {
+    munmap(memory, bytes);
 }
 
 int BufferPool::acquire(std::chrono::nanoseconds timeout) {
@@ -66,7 +60,7 @@ int BufferPool::acquire(std::chrono::nanoseconds timeout) {
     const bool freed = mFreed.wait_for(lock.forWait(), timeout,
                                        [this]() KORVANE_REQUIRES(mLock) { return !mFree.empty(); });
     if (mWaiting) {
-        // Also while the wait goes on: playback may end before a buffer comes.
+        // Updated during the wait too: playback may end before a buffer comes.
         const std::chrono::nanoseconds waited = std::chrono::steady_clock::now() - mWaitStart;
         mReport.longestWaitNs = std::max<int64_t>(mReport.longestWaitNs, waited.count());
         mWaiting = !freed;
@@ -81,26 +75,21 @@ int BufferPool::acquire(std::chrono::nanoseconds timeout) {
 }
 
 void BufferPool::grow(Buffer& buffer, size_t bytes) {
-    if (buffer.bytes >= bytes) {
+    if (buffer.memory && buffer.memory.get_deleter().bytes >= bytes) {
         return;
     }
-    if (buffer.memory != nullptr) {
-        munmap(buffer.memory, buffer.bytes);
-        buffer.memory = nullptr;
-        buffer.bytes = 0;
-    }
-    if (ftruncate(buffer.fd, static_cast<off_t>(bytes)) != 0) {
+    buffer.memory.reset();
+    if (ftruncate(buffer.fd.get(), static_cast<off_t>(bytes)) != 0) {
         throwErrno("cannot enlarge a frame buffer");
     }
-    void* memory = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED, buffer.fd, 0);
+    void* memory = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED, buffer.fd.get(), 0);
     if (memory == MAP_FAILED) {
         throwErrno("cannot map a frame buffer");
     }
-    buffer.memory = static_cast<unsigned char*>(memory);
-    buffer.bytes = bytes;
+    buffer.memory = Mapping(static_cast<unsigned char*>(memory), Unmap{bytes});
 }
 
-/// Makes the buffer large enough and copies the planes behind its header's page.
+/// Makes the buffer large enough and copies the planes after the header's page.
 size_t BufferPool::copyPlanes(Buffer& buffer, const AVFrame& picture) {
     const auto format = static_cast<AVPixelFormat>(picture.format);
     const int planes =
@@ -109,7 +98,7 @@ size_t BufferPool::copyPlanes(Buffer& buffer, const AVFrame& picture) {
         throw std::system_error(EINVAL, std::generic_category(), "cannot size a picture");
     }
     grow(buffer, static_cast<size_t>(tv::kPictureHeaderBytes) + static_cast<size_t>(planes));
-    av_image_copy_to_buffer(buffer.memory + tv::kPictureHeaderBytes, planes, picture.data,
+    av_image_copy_to_buffer(buffer.memory.get() + tv::kPictureHeaderBytes, planes, picture.data,
                             picture.linesize, format, picture.width, picture.height, kRowAlignment);
     return static_cast<size_t>(planes);
 }
@@ -123,19 +112,19 @@ size_t BufferPool::fill(int index, const AVFrame* picture, int64_t frameNo, int6
     header.height = picture != nullptr ? static_cast<uint32_t>(picture->height) : 0;
     header.frameNo = frameNo;
     header.mediaTimeUs = mediaTimeUs;
-    std::memcpy(buffer.memory, &header, sizeof header);
+    std::memcpy(buffer.memory.get(), &header, sizeof header);
     const std::lock_guard<std::mutex> guard(mLock);
     mHoldings[static_cast<size_t>(index)] = {index, true, frameNo};
     return bytes;
 }
 
 int BufferPool::fd(int buffer) const {
-    return mBuffers.at(static_cast<size_t>(buffer)).fd;
+    return mBuffers.at(static_cast<size_t>(buffer)).fd.get();
 }
 
 int BufferPool::indexOf(int fd) const {
     const auto found = std::find_if(mBuffers.begin(), mBuffers.end(),
-                                    [fd](const Buffer& buffer) { return buffer.fd == fd; });
+                                    [fd](const Buffer& buffer) { return buffer.fd.get() == fd; });
     return found == mBuffers.end() ? -1 : static_cast<int>(found - mBuffers.begin());
 }
 

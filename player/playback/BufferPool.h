@@ -1,13 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
-// The player's frame buffers: a fixed number of memory files, filled, handed out, taken back.
+// The player's frame buffers: a fixed number of memory files that are filled, handed out and taken
+// back.
 //
-// A buffer is free (the player's, to be written) or out (handed to the library, not to be touched).
-// Buffers are reused in the order in which they came back. The library may hand a buffer back twice
-// after a flush, so giving back a free buffer changes nothing and is only counted; and as the one
-// that came back last is reused last, the second time comes long before it is out again.
+// A buffer is free (the player may write it) or out (the library has it; the player must not touch
+// it). The pool reuses buffers in the order in which they came back. The library may return a
+// buffer twice after a flush: the second return is counted and changes nothing. It comes long
+// before the buffer is out again, because the buffer that came back last is reused last.
 //
-// Each memory file is one page with a tv::PictureHeader and then the picture's planes as FFmpeg
-// packs them; it grows when a larger picture comes.
+// Each memory file starts with one page for a tv::PictureHeader; the picture's planes follow as
+// FFmpeg packs them. The file grows when a larger picture comes.
 #pragma once
 
 #include <chrono>
@@ -15,10 +16,12 @@
 #include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <memory>
 #include <mutex>
 #include <vector>
 
 #include "include/ThreadAnnotations.h"
+#include "tv/UniqueFd.h"
 
 struct AVFrame;
 
@@ -27,52 +30,57 @@ namespace korvane::player {
 struct PoolReport {
     int buffers = 0;
     int lowestFree = 0;
-    int64_t waits = 0;  ///< times that the player found none free
+    int64_t waits = 0;  ///< how often no buffer was free
     int64_t longestWaitNs = 0;
     int64_t returnedByCallback = 0;
-    int64_t returnedAgain = 0;  ///< handed back although the player had it already
+    int64_t returnedAgain = 0;  ///< returned although it was free already
     int64_t unknownReturned = 0;
     int64_t takenBackAtStop = 0;
 };
 
-/// `acquire`, `fill` and `takeBackAll` belong to the player's thread; the rest to any thread.
+/// Unmaps a mapping of so many bytes.
+struct Unmap {
+    size_t bytes = 0;
+    void operator()(unsigned char* memory) const;
+};
+using Mapping = std::unique_ptr<unsigned char, Unmap>;
+
+/// Call `acquire`, `fill` and `takeBackAll` on the player's thread, the rest on any.
 class BufferPool {
 public:
-    /// @throws std::system_error when memory files cannot be had
+    /// @throws std::system_error when a memory file cannot be created
     explicit BufferPool(int buffers);
-    ~BufferPool();
     BufferPool(const BufferPool&) = delete;
     BufferPool& operator=(const BufferPool&) = delete;
 
     /// Waits for a free buffer.
-    /// @return its index, or -1 after the time-out
+    /// @return its index, or -1 after the timeout
     int acquire(std::chrono::nanoseconds timeout);
-    /// Copies a picture into an acquired buffer; without one, only its header is written.
+    /// Writes the header and, unless `picture` is null, the picture into an acquired buffer.
     /// @return bytes of the picture
-    /// @throws std::system_error when memory runs out
+    /// @throws std::system_error when there is no memory left
     size_t fill(int buffer, const AVFrame* picture, int64_t frameNo, int64_t mediaTimeUs);
     int fd(int buffer) const;
 
     struct Holding {
-        int buffer = -1;   ///< -1: no buffer of this pool
-        bool out = false;  ///< false: the player has it already
+        int buffer = -1;  ///< -1: no buffer of this pool
+        bool out = false;
         int64_t frameNo = -1;
     };
-    /// What the buffer behind a descriptor holds.
+    /// What the buffer with this descriptor holds.
     Holding holding(int fd) const;
-    /// Takes a buffer back from a callback; idempotent.
+    /// The library has returned a buffer. Idempotent.
     void giveBack(int fd);
-    /// Takes back every buffer that is still out, after the library has stopped.
+    /// Takes back every buffer that is still out. Call once the library has stopped.
     void takeBackAll();
 
     PoolReport report() const;
 
 private:
-    /// A buffer's memory; its number never changes, the rest is the player's thread's.
+    /// The descriptor never changes; the memory belongs to the player's thread.
     struct Buffer {
-        int fd = -1;
-        unsigned char* memory = nullptr;
-        size_t bytes = 0;
+        tv::UniqueFd fd;
+        Mapping memory;
     };
     static void grow(Buffer& buffer, size_t bytes);
     static size_t copyPlanes(Buffer& buffer, const AVFrame& picture);

@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
-// Why the library handed a frame back unshown.
+// Why the library returned a frame without showing it.
 //
-// The library does not say it with the frame. Two things tell, in this order: the line that it logs
-// on the same thread right before it drops the frame, if the log mask lets that line through; else
-// the values of the clock at that moment, from which its rules can be followed. Each reason carries
-// which of the two it comes from. Pure functions.
+// The callback gives no reason. It comes from the line that the library logs on the same thread
+// right before it drops the frame, if the log mask enables that line; else from the clock's values
+// at that time, by the library's rules. Each reason says which of the two it comes from. Pure
+// functions.
 #pragma once
 
 #include <cstdint>
@@ -15,7 +15,7 @@ namespace korvane::player {
 
 enum class DropReason {
     None,              ///< not dropped
-    BeforeAudio,       ///< the stream has audio and audio has not taken the clock yet
+    BeforeAudio,       ///< audio has not taken the clock yet
     Late,              ///< more than 40 ms behind the clock
     UnderflowCatchUp,  ///< behind audio, or not early, after an underflow
     Policy,            ///< pass-through: the sync instance decided to drop it
@@ -31,15 +31,15 @@ enum class DropEvidence {
 };
 const char* toString(DropEvidence evidence);
 
-/// What is known when a frame comes back dropped.
+/// The values at the time of a drop.
 struct DropValues {
     bool passthrough = false;
     bool hasAudio = false;
-    /// Between a flush and the next frame handed in.
+    /// Between a flush and the next frame sent.
     bool flushing = false;
     /// The sync instance's mode: 0 nobody leads, 1 audio leads.
     int syncMode = 0;
-    /// The clock stood still earlier in this playback, as it does in an underflow.
+    /// There was an audio underflow earlier in this playback.
     bool underflowSeen = false;
     /// How far the frame was behind the clock, microseconds; negative: early.
     int64_t lateUs = 0;
@@ -49,7 +49,7 @@ struct DropValues {
 /// The reason that fits the values.
 DropReason dropReasonFromValues(const DropValues& values);
 
-/// The reason that a line of the library's log announces for the frame dropped next on its thread.
+/// The reason that a line of the library's log gives for the next frame dropped on its thread.
 std::optional<DropReason> dropReasonFromLog(const std::string& text);
 
 }  // namespace korvane::player

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Switches a TV's faults at their playback times, on a thread of its own, so that the player's
-// waits delay none. Without faults there is no thread.
+// Switches a TV's faults at their playback times. It has its own thread, so that a waiting player
+// delays no fault; without faults it has none.
 #pragma once
 
 #include <condition_variable>
@@ -17,16 +17,16 @@ namespace korvane::player {
 
 class FaultPlayer {
 public:
-    /// @param apply  called with each state, on the thread of its own
+    /// @param apply  called with each state, on that thread; must not throw
     FaultPlayer(std::vector<TimedFaults> faults, std::function<void(const TvFaults&)> apply);
     ~FaultPlayer();
     FaultPlayer(const FaultPlayer&) = delete;
     FaultPlayer& operator=(const FaultPlayer&) = delete;
 
-    /// Applies what is due at once, before it returns, and begins.
+    /// Applies the faults of playback time 0 before it returns, and starts the thread.
     /// @param startNs  monotonic time of playback time 0
     void start(int64_t startNs);
-    /// Ends the thread; the faults stay as they are. Idempotent.
+    /// Ends the thread; the faults stay switched as they are. Idempotent.
     void stop();
 
 private:

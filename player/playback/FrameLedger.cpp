@@ -8,7 +8,7 @@
 namespace korvane::player {
 namespace {
 
-/// Of several tunnel entries of one frame, the one nearest to the screen tells its outcome.
+/// Of several tunnel entries of a frame, the one nearest to the screen decides its outcome.
 int nearness(tv::BufferFate fate) {
     switch (fate) {
         case tv::BufferFate::Shown:
@@ -34,7 +34,7 @@ Outcome outcomeInTunnel(tv::BufferFate fate) {
     }
 }
 
-/// The outcome as far as record and callbacks tell it; Pending when neither does.
+/// The outcome by record and callbacks; Pending when neither has one.
 Outcome outcomeOf(const FrameEntry& frame) {
     if (frame.record) {
         return outcomeInTunnel(frame.record->fate);
@@ -95,9 +95,9 @@ FrameEntry* FrameLedger::find(int64_t frameNo) {
                : nullptr;
 }
 
-void FrameLedger::markSettled(FrameEntry& entry) {
+void FrameLedger::markLeft(FrameEntry& entry) {
     if (entry.returns == 0 && entry.renderTimeUs < 0 && !entry.stoppedBefore) {
-        ++mSettled;
+        ++mLeft;
     }
     mLastEventNs = tv::nowNs();
 }
@@ -106,11 +106,11 @@ void FrameLedger::returned(const ReturnedBuffer& buffer) {
     const std::lock_guard<std::mutex> guard(mLock);
     FrameEntry* found = find(buffer.frameNo);
     if (found == nullptr) {
-        return;  // long settled; the pool counts a buffer that comes back again
+        return;  // final long ago; the pool counts a buffer that comes back again
     }
     FrameEntry& entry = *found;
-    markSettled(entry);
-    // The first return tells what happened to the frame; a second one only that it came again.
+    markLeft(entry);
+    // Only the first return tells what happened to the frame.
     if (entry.returns++ == 0) {
         entry.returnedNs = buffer.nowNs;
         entry.returnedAsRendered = buffer.rendered;
@@ -123,6 +123,7 @@ void FrameLedger::returned(const ReturnedBuffer& buffer) {
 void FrameLedger::beginSection(int section) {
     const std::lock_guard<std::mutex> guard(mLock);
     mSection = section;
+    mSectionShows = false;
 }
 
 void FrameLedger::renderTime(int64_t mediaTimeUs, int64_t renderTimeUs,
@@ -133,10 +134,11 @@ void FrameLedger::renderTime(int64_t mediaTimeUs, int64_t renderTimeUs,
         return;
     }
     FrameEntry& entry = *find(found->second);
-    markSettled(entry);
+    markLeft(entry);
     entry.renderTimeUs = renderTimeUs;
     if (entry.section == mSection) {
         entry.clockRealUs = clockRealUs;
+        mSectionShows = true;
     }
     mPositionUs = mediaTimeUs;
 }
@@ -146,14 +148,19 @@ int64_t FrameLedger::frames() const {
     return mFirst + static_cast<int64_t>(mEntries.size());
 }
 
-int64_t FrameLedger::unsettled() const {
+int64_t FrameLedger::inLibrary() const {
     const std::lock_guard<std::mutex> guard(mLock);
-    return mFirst + static_cast<int64_t>(mEntries.size()) - mSettled;
+    return mFirst + static_cast<int64_t>(mEntries.size()) - mLeft;
 }
 
 int64_t FrameLedger::positionUs() const {
     const std::lock_guard<std::mutex> guard(mLock);
     return mPositionUs;
+}
+
+bool FrameLedger::sectionShows() const {
+    const std::lock_guard<std::mutex> guard(mLock);
+    return mSectionShows;
 }
 
 int64_t FrameLedger::mediaTimeUs(int64_t frameNo) {
@@ -181,9 +188,9 @@ void FrameLedger::addRecords(const std::vector<tv::BufferRecord>& records) {
     }
 }
 
-/// Whether a frame behind this one has left the library otherwise than by a flush: a flush hands
-/// back what is queued while an earlier frame may still be held, so it says nothing about that one.
-bool FrameLedger::laterHasAccount(size_t index) const {
+/// Whether a later frame has left the library. A flush does not count: it returns what is queued
+/// while the library may still hold an earlier frame.
+bool FrameLedger::laterHasOutcome(size_t index) const {
     return std::any_of(mEntries.begin() + static_cast<std::ptrdiff_t>(index) + 1, mEntries.end(),
                        [](const FrameEntry& later) {
                            const Outcome outcome = outcomeOf(later);
@@ -205,7 +212,7 @@ void FrameLedger::stopped() {
         frame->outcome = lost ? Outcome::Lost : Outcome::DiscardedByStop;
     }
     for (auto& frame : mEntries) {
-        markSettled(frame);
+        markLeft(frame);
         frame.stoppedBefore = true;
     }
 }
@@ -215,7 +222,7 @@ bool FrameLedger::isFinal(size_t index, int64_t firstInTunnel) const {
     if (frame.frameNo >= firstInTunnel || mEntries.size() <= kWindow) {
         return false;
     }
-    return frame.stoppedBefore || outcomeOf(frame) != Outcome::Pending || laterHasAccount(index);
+    return frame.stoppedBefore || outcomeOf(frame) != Outcome::Pending || laterHasOutcome(index);
 }
 
 FrameEntry FrameLedger::takeFront() {
@@ -225,7 +232,7 @@ FrameEntry FrameLedger::takeFront() {
         frame.outcome = known;
     } else if (frame.outcome == Outcome::Pending) {
         frame.outcome = Outcome::Lost;
-        mSettled += frame.renderTimeUs < 0 ? 1 : 0;
+        mLeft += frame.renderTimeUs < 0 ? 1 : 0;
     }
     if (frame.outcome != Outcome::Dropped) {
         frame.dropReason = DropReason::None;
@@ -241,7 +248,7 @@ FrameEntry FrameLedger::takeFront() {
     return frame;
 }
 
-std::vector<FrameEntry> FrameLedger::takeSettled(int64_t firstInTunnel) {
+std::vector<FrameEntry> FrameLedger::takeFinal(int64_t firstInTunnel) {
     const std::lock_guard<std::mutex> guard(mLock);
     std::vector<FrameEntry> frames;
     while (!mEntries.empty() && isFinal(0, firstInTunnel)) {

@@ -1,25 +1,24 @@
 // SPDX-License-Identifier: Apache-2.0
-// The ledger: every frame handed to the library, counted once into a closed set of outcomes.
+// The ledger: every frame sent to the library, counted once into a closed set of outcomes.
 //
-//   shown             the TV's record has it on screen
+//   shown             on screen, by the TV's record
 //   superseded        in the tunnel, but a newer one was due at the same vsync
-//   dropped           handed back unshown by the library, with a reason
-//   flushed           handed back by the player's own call of flush
-//   refused           handed back at show time, because of a flush or stop, without being shown
+//   dropped           returned by the library without being shown, with a reason
+//   flushed           returned by the player's own call of flush
+//   refused           returned at show time because of a flush or stop, without being shown
 //   discarded_by_stop still in the library's input queue at stop: no callback, as designed
 //   in_tunnel_at_stop still waiting in the tunnel at stop
-//   lost              none of the above: a frame that the library took and never gave an account of
+//   lost              none of the above: the library took the frame and nothing more is known
 //
-// What was shown comes from the TV's record alone, which reads the frame numbers out of the
+// What was shown comes only from the TV's record, which reads the frame numbers out of the
 // pictures; the library's callbacks say only which buffers came back. Frames leave the library in
-// the order in which they came, so a frame without an account is lost, and not discarded by stop,
-// as soon as one that was handed in later has an account.
+// the order in which they were sent. So a frame of which nothing is known is lost, and not
+// discarded by stop, as soon as a later one has an outcome.
 //
-// Filled during playback by the player's thread and the library's callbacks (any thread). Frames
-// are settled in the order of their numbers while playback goes on: the tunnel hands over its
-// finished records, and a frame is taken out with its outcome once so many later ones are there
-// that nothing can change it any more (`takeSettled`). So the ledger holds a few hundred frames
-// however long playback lasts.
+// The player's thread and the library's callbacks fill the ledger. While playback runs, the tunnel
+// passes on its finished records, and `takeFinal` takes frames out, in the order of their numbers,
+// once so many later ones follow that nothing can change their outcome. So the ledger holds a few
+// hundred frames however long playback lasts.
 #pragma once
 
 #include <cstddef>
@@ -51,14 +50,14 @@ enum class Outcome {
 constexpr int kOutcomes = static_cast<int>(Outcome::Lost) + 1;
 const char* toString(Outcome outcome);
 
-/// One frame handed in. Times are nanoseconds on the monotonic clock, 0 or -1 while unset as said.
+/// One frame sent. Times are monotonic; unset ones are 0, or -1 where the member says so.
 struct FrameEntry {
     int64_t frameNo = 0;
     int64_t mediaTimeUs = 0;
     int section = 0;  ///< 0 until the first flush, then counting flushes
     int buffer = -1;
     int64_t sentNs = 0;
-    bool sentLate = false;  ///< handed in too late to be shown on time
+    bool sentLate = false;  ///< sent too late for its vsync (see isTooLate)
 
     int returns = 0;  ///< times that its buffer came back by callback
     int64_t returnedNs = 0;
@@ -79,9 +78,9 @@ struct FrameEntry {
     Outcome outcome = Outcome::Pending;
     int tunnelEntries = 0;  ///< how often it was queued into the tunnel
     std::optional<tv::BufferRecord> record;
-    /// The library was stopped before the frame had an account.
+    /// The library stopped before anything was known of the frame.
     bool stoppedBefore = false;
-    /// Its buffer did not come back: the library kept it after taking it out of the tunnel.
+    /// The library took its buffer out of the tunnel and did not return it.
     bool bufferKept = false;
 };
 
@@ -102,41 +101,42 @@ public:
     void returned(const ReturnedBuffer& buffer);
     /// A flush moves the clock: the clock's times no longer apply to frames of earlier sections.
     void beginSection(int section);
-    /// Render-time callback, told by media time: the last frame handed in with it.
+    /// Render-time callback: it is for the last frame sent with this media time.
     void renderTime(int64_t mediaTimeUs, int64_t renderTimeUs, std::optional<int64_t> clockRealUs);
 
     int64_t frames() const;
     /// -1 for a frame that is no longer in the ledger.
     int64_t mediaTimeUs(int64_t frameNo);
-    /// Frames that neither came back nor reached their render time.
-    int64_t unsettled() const;
+    /// Frames that have neither come back nor reached their render time.
+    int64_t inLibrary() const;
     /// Media time of the frame whose render time came last; -1 before the first.
     int64_t positionUs() const;
-    /// When the library last gave a sign of life; 0 before the first.
+    /// Whether a frame of the present section has reached its render time.
+    bool sectionShows() const;
+    /// When the library last returned a buffer or told a render time; 0: not yet.
     int64_t lastEventNs() const;
 
-    /// Adds what the tunnel did, in any order; entries of pictures that bear no number of a frame
-    /// still in the ledger are left out.
+    /// Adds the tunnel's records, in any order. Ignores pictures whose frame is not in the ledger.
     void addRecords(const std::vector<tv::BufferRecord>& records);
-    /// The library has stopped, and every record has been added: every frame that has no account
-    /// yet gets none any more.
+    /// The library has stopped, and every record has been added: frames without an outcome are
+    /// discarded or lost.
     void stopped();
     /// Takes out the frames, from the oldest on, whose outcome is final.
     /// @param firstInTunnel  the first frame that the tunnel has not finished with; INT64_MAX: none
-    std::vector<FrameEntry> takeSettled(int64_t firstInTunnel);
+    std::vector<FrameEntry> takeFinal(int64_t firstInTunnel);
     /// Takes out all that is left. Call after `stopped`.
     std::vector<FrameEntry> takeRest();
-    /// When the oldest frame still in the ledger was handed in; INT64_MAX when there is none.
+    /// When the oldest frame in the ledger was sent; INT64_MAX: there is none.
     int64_t oldestSentNs() const;
 
-    /// Frames that stay in the ledger at least: more than a player has buffers, twice over, with a
-    /// flush in between.
+    /// Frames that stay in the ledger at least: more than twice the buffers of any player, because
+    /// a flush returns all of them.
     static constexpr size_t kWindow = 256;
 
 private:
-    void markSettled(FrameEntry& entry) KORVANE_REQUIRES(mLock);
+    void markLeft(FrameEntry& entry) KORVANE_REQUIRES(mLock);
     FrameEntry* find(int64_t frameNo) KORVANE_REQUIRES(mLock);
-    bool laterHasAccount(size_t index) const KORVANE_REQUIRES(mLock);
+    bool laterHasOutcome(size_t index) const KORVANE_REQUIRES(mLock);
     bool isFinal(size_t index, int64_t firstInTunnel) const KORVANE_REQUIRES(mLock);
     FrameEntry takeFront() KORVANE_REQUIRES(mLock);
 
@@ -145,7 +145,8 @@ private:
     int64_t mFirst KORVANE_GUARDED_BY(mLock) = 0;  ///< number of the first entry
     std::map<int64_t, int64_t> mFrameByMediaTime KORVANE_GUARDED_BY(mLock);
     int mSection KORVANE_GUARDED_BY(mLock) = 0;
-    int64_t mSettled KORVANE_GUARDED_BY(mLock) = 0;  ///< of all frames ever
+    int64_t mLeft KORVANE_GUARDED_BY(mLock) = 0;  ///< of all frames ever
+    bool mSectionShows KORVANE_GUARDED_BY(mLock) = false;
     int64_t mPositionUs KORVANE_GUARDED_BY(mLock) = -1;
     int64_t mLastEventNs KORVANE_GUARDED_BY(mLock) = 0;
 };

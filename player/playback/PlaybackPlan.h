@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
-// What a playback is to be: the TV, its faults, the audio side, the player's habits and actions.
+// The plan of a playback: the TV and its faults, the audio side, how the player behaves and what it
+// does when.
 //
-// Both commands come down to it: `play` makes one from its options, `run` from a scenario. Times
-// are microseconds; "playback time" counts from the library's `start`.
+// `play` makes it from its options, `run` from a scenario. Times are microseconds; "playback time"
+// counts from the library's `start`.
 #pragma once
 
 #include <cstdint>
@@ -19,28 +20,28 @@ namespace korvane::player {
 /// A jump in the middle of playback.
 struct SeekAction {
     int64_t atUs = 0;         ///< playback time
-    int64_t toUs = 0;         ///< media time at which to go on
-    bool inPlace = false;     ///< flush only: go on with the next picture, `toUs` is not used
-    bool atPosition = false;  ///< `atUs` is the media time that has been shown
+    int64_t toUs = 0;         ///< media time to go to
+    bool inPlace = false;     ///< flush only: go on with the next picture and ignore `toUs`
+    bool atPosition = false;  ///< `atUs` is a media time: seek once it is shown
 };
 
-/// A gap in the supply of pictures, as a bad reception or a slow decoder makes it.
+/// Pictures stop coming, as with bad reception: the library runs out of them.
 struct VideoStall {
     int64_t atUs = 0;  ///< before the first picture at or after this media time
     int64_t durationUs = 0;
 };
 
-/// A stretch of playback time in which the decoder delivers nothing.
+/// A span of playback time in which the decoder delivers nothing.
 struct DecoderGap {
     int64_t atUs = 0;
     int64_t untilUs = 0;
 };
 
-/// Everything about the TV that can be switched while it plays.
+/// What can be switched about the TV while it plays.
 struct TvFaults {
     tv::TunnelFaults tunnel;
     bool reportFails = false;
-    std::optional<int32_t> reportedPeriodNs;  ///< what the display says instead of its period
+    std::optional<int32_t> reportedPeriodNs;  ///< reported instead of the true one
     bool audioPaused = false;
 };
 
@@ -73,14 +74,14 @@ struct PlaybackPlan {
     /// Called with the playback's clock before the renderer starts; may be empty.
     std::function<void(const std::shared_ptr<tv::SyncInstance>&)> prepareClock;
 
-    /// Enough for the renderer's lead, the tunnel's own two and the panel's, with a reserve.
+    /// Enough for the renderer's lead, two in the tunnel and one on screen, with a reserve.
     int buffers = 16;
-    /// Frames that wait in the library's queue at `start`. It waits for its second frame itself;
-    /// the rest is a reserve for a slow start of the decoder.
+    /// Frames in the library's queue at `start`. The library needs two; the rest is a reserve for a
+    /// decoder that starts slowly.
     int prebufferFrames = 8;
     Peek peek = Peek::None;
-    /// What `setFrameRate` is told, in hundredths. It is not called without a rate, or with one that
-    /// the library does not take, such as 0.
+    /// What `setFrameRate` is told, in hundredths. It is not called without a rate, or with one
+    /// that the library does not take, such as 0.
     std::optional<int> toldFrameRate;
 
     std::vector<SeekAction> seeks;   ///< by time
@@ -89,14 +90,14 @@ struct PlaybackPlan {
     int64_t decodeUs = 0;            ///< each frame takes this long
     int64_t callbackTakesUs = 0;
     int callbackAnswers = 0;
-    std::optional<int64_t> limitUs;   ///< media handed in
+    std::optional<int64_t> limitUs;   ///< media sent
     std::optional<int64_t> stopAtUs;  ///< playback time
-    /// Playback time of a stop and a new start; with the same renderer when `reuseRenderer`.
+    /// Playback time of a stop and a new start, with the same renderer if `reuseRenderer`.
     std::optional<int64_t> restartAtUs;
     bool reuseRenderer = false;
 
-    /// The longest time for which nothing moves because it was asked for; beyond that and a few
-    /// seconds more, playback counts as stalled.
+    /// The longest time for which the plan itself keeps everything still. Playback counts as
+    /// stalled when nothing moves for that long and 5 s more.
     int64_t longestWaitUs = 0;
 };
 

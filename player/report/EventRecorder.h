@@ -7,8 +7,7 @@
 
 namespace korvane::player {
 
-/// Turns each frame, once its outcome is final, into its events. The player's own actions come as
-/// events already.
+/// Turns each finished frame into its events; adds what the player does as it comes.
 class EventRecorder final : public PlaybackListener {
 public:
     explicit EventRecorder(EventLog* log) : mLog(log) {}
@@ -16,7 +15,7 @@ public:
     void onStart(const PlaybackRecord& soFar) override;
     void onFrame(const FrameEntry& frame, const PlaybackRecord& soFar) override;
     void onAction(const Event& action) override { mLog->add(action); }
-    void onSettledUpTo(int64_t timeNs) override { mLog->release(timeNs); }
+    void onFinalUpTo(int64_t timeNs) override { mLog->release(timeNs); }
 
 private:
     void addTunnelEvents(const FrameEntry& frame, const PlaybackRecord& soFar);

@@ -180,7 +180,7 @@ void printLipSync(std::ostream& out, const PlaybackRecord& record, const Summary
                      signedMilliseconds(sync.medianUs), milliseconds(sync.p99MagnitudeUs),
                      signedMilliseconds(sync.worstUs), sync.worst.frameNo));
     line(out, "",
-         fmt::format("(positive: sound early; {} of it is the picture's wait for a vsync, median)",
+         fmt::format("(positive: sound early; pictures waited {} for their vsync, median)",
                      milliseconds(sync.displayMedianUs)));
     line(
         out, "",

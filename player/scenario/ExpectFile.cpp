@@ -100,6 +100,10 @@ void readExpectations(TomlTable& table, Expectations* expect) {
     expect->dwell = table.range("dwell");
     expect->framesIn = table.range("frames");
     readCounts(table, expect);
+    expect->lipSyncMedianUs = table.timeRange("lip_sync_median");
+    expect->lipSyncWorstUs = table.timeRange("lip_sync_worst");
+    table.choice("lip_sync", &expect->lipSync,
+                 {{"ebu", LipSyncLimit::Ebu}, {"itu", LipSyncLimit::Itu}});
     expect->offsetMedianUs = table.timeRange("offset_median");
     expect->offsetWorstUs = table.timeRange("offset_worst");
     expect->firstFrameUs = table.timeRange("first_frame_within");

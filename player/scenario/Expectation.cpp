@@ -2,6 +2,7 @@
 #include "player/scenario/Expectation.h"
 
 #include <algorithm>
+#include <cmath>
 
 #include "player/base/Units.h"
 
@@ -36,6 +37,7 @@ public:
         checkFrames();
         checkDrops();
         checkCadence();
+        checkLipSync();
         checkOffsets();
         checkLatencies();
         checkLog();
@@ -74,8 +76,10 @@ private:
     void checkCadence();
     void checkPattern(size_t index, const std::string& wanted);
     void checkDwell();
+    void checkLipSync();
     void checkOffsets();
-    void checkOffset(const std::string& key, const Range& range, int64_t us, const FrameAt& seen);
+    void checkOffset(const std::string& key, const std::optional<Range>& range, int64_t samples,
+                     int64_t us, const FrameAt& seen);
     void checkLatencies();
     void checkLog();
 
@@ -231,25 +235,44 @@ void Checker::checkDwell() {
     }
 }
 
-void Checker::checkOffset(const std::string& key, const Range& range, int64_t us,
-                          const FrameAt& seen) {
-    if (mSummary.offset.us.samples == 0) {
-        fail(key, times(range), "no frame that could be compared");
-    } else if (!range.holds(us)) {
-        fail(key, times(range), milliseconds(us), seen);
+void Checker::checkOffset(const std::string& key, const std::optional<Range>& range,
+                          int64_t samples, int64_t us, const FrameAt& seen) {
+    if (range && samples == 0) {
+        fail(key, times(*range), "no frame that could be compared");
+    } else if (range && !range->holds(us)) {
+        fail(key, times(*range), milliseconds(us), seen);
+    }
+}
+
+/// The band is kept if it is left for one vsync at most: pictures change at vsyncs only.
+void Checker::checkLipSync() {
+    const LipSync& sync = mSummary.lipSync;
+    checkOffset("lip_sync_median", mExpect.lipSyncMedianUs, sync.samples, sync.medianUs, {});
+    checkOffset("lip_sync_worst", mExpect.lipSyncWorstUs, sync.samples, sync.worstUs, sync.worst);
+    if (mExpect.lipSync == LipSyncLimit::None) {
+        return;
+    }
+    const bool ebu = mExpect.lipSync == LipSyncLimit::Ebu;
+    const LipSyncBand& band = ebu ? kEbuBand : kItuAcceptableBand;
+    const double outside = ebu ? sync.secondsOutsideEbu : sync.secondsOutsideItuAcceptable;
+    if (sync.samples == 0 || outside > 1.0 / mSummary.displayHz) {
+        const std::string worst =
+            signedMilliseconds(sync.worstUs) + " at frame " + std::to_string(sync.worst.frameNo);
+        fail("lip_sync", times({band.leastUs, band.mostUs}),
+             sync.samples == 0 ? "no frame that could be compared"
+                               : seconds(std::llround(outside * 1e6)) + " outside, worst " + worst);
     }
 }
 
 void Checker::checkOffsets() {
-    if (mExpect.offsetMedianUs) {
-        checkOffset("offset_median", *mExpect.offsetMedianUs, mSummary.offset.us.median, {});
-    }
+    const OffsetReport& offset = mSummary.offset;
+    checkOffset("offset_median", mExpect.offsetMedianUs, offset.us.samples, offset.us.median, {});
     if (!mExpect.offsetWorstUs) {
         return;
     }
-    const bool early = mSummary.offset.least.us < mExpect.offsetWorstUs->least;
-    const MeasuredAt& worst = early ? mSummary.offset.least : mSummary.offset.most;
-    checkOffset("offset_worst", *mExpect.offsetWorstUs, worst.us, worst.frame);
+    const bool early = offset.least.us < mExpect.offsetWorstUs->least;
+    const MeasuredAt& worst = early ? offset.least : offset.most;
+    checkOffset("offset_worst", mExpect.offsetWorstUs, offset.us.samples, worst.us, worst.frame);
 }
 
 void Checker::checkLatencies() {

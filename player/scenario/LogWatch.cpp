@@ -2,7 +2,6 @@
 #include "player/scenario/LogWatch.h"
 
 #include "player/report/EventLine.h"
-
 #include "tv/Tv.h"
 
 namespace korvane::player {

@@ -28,6 +28,9 @@ struct LogExpectation {
     Range count{1, INT64_MAX};
 };
 
+/// A band of lip-sync (see LipSync.h) that is to be kept: EBU R37, or what BT.1359-1 accepts.
+enum class LipSyncLimit { None, Ebu, Itu };
+
 /// What must hold. An empty expectation is not checked.
 struct Expectations {
     EndCause end = EndCause::Complete;
@@ -44,6 +47,9 @@ struct Expectations {
     std::optional<Range> dropped;       ///< for any reason
     std::map<DropReason, Range> drops;
     std::optional<Range> longestDropRun;
+    std::optional<Range> lipSyncMedianUs;
+    std::optional<Range> lipSyncWorstUs;
+    LipSyncLimit lipSync = LipSyncLimit::None;
     std::optional<Range> offsetMedianUs;
     std::optional<Range> offsetWorstUs;
     std::optional<Range> firstFrameUs;

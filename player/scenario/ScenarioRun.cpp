@@ -83,10 +83,10 @@ ScenarioResult playScenario(const Scenario& scenario, const ScenarioRunOptions& 
 
     ReportBuilder report(sources.video->info().frameRateHz, plan);
     EventRecorder recorder(&events);
-    PlaybackPorts ports;
-    ports.listeners = {&report, &recorder};
-    ports.onLogLine = [&watch](const tv::LogLine& line) { watch.see(line); };
-    const PlaybackRecord record = play(plan, *sources.video, std::move(sources.audio), ports);
+    PlaybackHooks hooks;
+    hooks.listeners = {&report, &recorder};
+    hooks.onLogLine = [&watch](const tv::LogLine& line) { watch.see(line); };
+    const PlaybackRecord record = play(plan, *sources.video, std::move(sources.audio), hooks);
     const Summary summary = report.finish(record);
     if (options.report) {
         printReport(std::cerr, record, summary, {}, false);

@@ -137,7 +137,7 @@ class HangTest : public InVirtualTime {};
 #endif
 
 TEST_F(HangTest, EndsTheProcessWithAReportThatNamesTheFault) {
-    // `\n` in the middle of a pattern: what follows stands in a later line.
+    // `\n` in the middle of a pattern: the rest matches a later line.
     const struct {
         const char* name;
         void (*program)();
@@ -179,9 +179,9 @@ TEST_F(HangTest, WhatComputesLongButGoesOnIsLeftAlone) {
     VirtualTimeOptions options;
     options.callsPerInstant = 100'000;
     VirtualTime time(1, options);
-    for (int turn = 0; turn < 2; ++turn) {
+    for (int round = 0; round < 2; ++round) {
         // The watchdog's timer, up to three quarters of the time that a thread may compute.
-        for (int look = 0; look < 3; ++look) {
+        for (int check = 0; check < 3; ++check) {
             raise(SIGPROF);
         }
         for (int call = 0; call < 90'000; ++call) {

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What tests of the virtual gear share: they skip where a build has none.
+// Shared by the tests of virtual time, which skip in a build without it.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -15,7 +15,7 @@ class InVirtualTime : public ::testing::Test {
 protected:
     void SetUp() override {
         if (!tv::VirtualTime::available()) {
-            GTEST_SKIP() << "this build has no virtual gear";
+            GTEST_SKIP() << "this build has no virtual time";
         }
     }
 };

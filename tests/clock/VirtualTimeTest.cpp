@@ -29,9 +29,9 @@
 #include <vector>
 
 #include "tests/clock/InVirtualTime.h"
+#include "tv/clock/FencePipe.h"
 #include "tv/clock/FiberLocal.h"
 #include "tv/clock/Seed.h"
-#include "tv/clock/Signal.h"
 
 namespace korvane::test {
 namespace {
@@ -49,7 +49,7 @@ std::string orderOfEqualSleepers(uint64_t seed) {
     std::string order;
     Threads threads;
     threads.add(8, [&order](int i) {
-        for (int turn = 0; turn < 2; ++turn) {
+        for (int round = 0; round < 2; ++round) {
             usleep(1000);
             order += "abcdefgh"[i];
         }
@@ -78,7 +78,7 @@ TEST_F(VirtualTimeTest, SleepersWakeAtTheirDeadlines) {
 /// Sleepers of many paces, which often meet, and waits that others end early: each wakes on time.
 TEST_F(VirtualTimeTest, MeetingSleepersAndEndedWaitsKeepEveryDeadline) {
     constexpr int kThreads = 40;
-    constexpr int kTurns = 500;
+    constexpr int kRounds = 500;
     VirtualTime time(1);
     std::mutex lock;
     std::condition_variable wake;
@@ -86,7 +86,7 @@ TEST_F(VirtualTimeTest, MeetingSleepersAndEndedWaitsKeepEveryDeadline) {
     Threads threads;
     threads.add(kThreads, [&](int i) {
         tv::Seed seed(static_cast<uint64_t>(i));
-        for (int turn = 0; turn < kTurns; ++turn) {
+        for (int round = 0; round < kRounds; ++round) {
             const auto us = static_cast<int64_t>(seed.below(8) * 250 + 250);
             const int64_t dueNs = time.nowNs() + us * 1000;
             if (i % 4 != 0) {
@@ -160,7 +160,7 @@ TEST_F(VirtualTimeTest, MutexIsHandedToThoseWhoWait) {
     int inside = 0;
     Threads threads;
     threads.add(5, [&](int) {
-        for (int turn = 0; turn < 20; ++turn) {
+        for (int round = 0; round < 20; ++round) {
             const std::lock_guard<std::mutex> guard(lock);
             EXPECT_EQ(1, ++inside);
             usleep(100);
@@ -177,7 +177,7 @@ TEST_F(VirtualTimeTest, MutexIsHandedToThoseWhoWait) {
 
 TEST_F(VirtualTimeTest, TimedAndRecursiveLocks) {
     std::recursive_timed_mutex lock;
-    lock.lock();  // in real time; stays held while the gear changes
+    lock.lock();  // in real time; stays held while virtual time begins
     {
         VirtualTime time(1);
         lock.lock();
@@ -442,7 +442,7 @@ TEST_F(VirtualTimeTest, FenceWaitsInVirtualTime) {
     display.join();
 }
 
-/// What the kernel says, past the virtual gear and without its notice.
+/// What the kernel says, without virtual time noticing that it is asked.
 bool kernelSaysReady(int descriptor) {
     pollfd poller{descriptor, POLLIN, 0};
     const timespec atOnce{};
@@ -460,41 +460,41 @@ ino_t pipeOf(int descriptor) {
     return file.st_ino;
 }
 
-struct TakenSignal {
-    explicit TakenSignal(tv::SignalPipes& pipes) {
+struct TakenFence {
+    explicit TakenFence(tv::FencePipes& pipes) {
         EXPECT_EQ(0, pipes.make(&sender, &taken));
         EXPECT_EQ(O_RDONLY, fcntl(taken, F_GETFL));
         EXPECT_FALSE(isReady(taken));
     }
-    void raise() { sender = tv::Signal(); }
+    void raise() { sender = tv::FencePipe(); }
 
-    tv::Signal sender;
+    tv::FencePipe sender;
     int taken = -1;
 };
 
-TEST_F(VirtualTimeTest, SignalsPipeServesAgainWhenItsTakerHasClosed) {
+TEST_F(VirtualTimeTest, FencePipeIsUsedAgainWhenItsTakerHasClosed) {
     VirtualTime time(1);
-    tv::SignalPipes pipes;
-    TakenSignal first(pipes);
+    tv::FencePipes pipes;
+    TakenFence first(pipes);
     const ino_t pipe = pipeOf(first.taken);
-    TakenSignal beside(pipes);
+    TakenFence beside(pipes);
     EXPECT_NE(pipe, pipeOf(beside.taken));
     first.raise();
     EXPECT_TRUE(isReady(first.taken));
     EXPECT_FALSE(isReady(beside.taken));
     close(first.taken);
-    TakenSignal early(pipes);
+    TakenFence early(pipes);
     EXPECT_EQ(pipe, pipeOf(early.taken));
     close(early.taken);  // before it comes
     early.raise();
-    TakenSignal last(pipes);
+    TakenFence last(pipes);
     EXPECT_EQ(pipe, pipeOf(last.taken));
     close(last.taken);
     close(beside.taken);
 }
 
 /// However the kernel comes to be asked about a signal, before it comes or after, it shows what is.
-TEST_F(VirtualTimeTest, SignalThatTheKernelWasAskedAboutShowsThere) {
+TEST_F(VirtualTimeTest, FenceThatTheKernelIsAskedAboutShowsThere) {
     constexpr int kTarget = 500;
     const int epoll = epoll_create1(EPOLL_CLOEXEC);
     // each asks, and returns another descriptor of the signal, if it makes one
@@ -510,11 +510,11 @@ TEST_F(VirtualTimeTest, SignalThatTheKernelWasAskedAboutShowsThere) {
              poll(pollers.data(), pollers.size(), 0);
              return -1;
          }},
-        {"ppoll",
+        {"ppoll of two",
          [](int taken) {
-             pollfd poller{taken, POLLIN, 0};
+             std::array<pollfd, 2> pollers{{{taken, POLLIN, 0}, {taken, POLLIN, 0}}};
              const timespec atOnce{};
-             ppoll(&poller, 1, &atOnce, nullptr);
+             ppoll(pollers.data(), pollers.size(), &atOnce, nullptr);
              return -1;
          }},
         {"select",
@@ -537,9 +537,9 @@ TEST_F(VirtualTimeTest, SignalThatTheKernelWasAskedAboutShowsThere) {
     VirtualTime time(1);
     for (const bool raisedFirst : {false, true}) {
         for (const auto& [name, ask] : ways) {
-            SCOPED_TRACE(std::string(name) + (raisedFirst ? ", after the signal" : ""));
-            tv::SignalPipes pipes;
-            TakenSignal first(pipes);
+            SCOPED_TRACE(std::string(name) + (raisedFirst ? ", after the fence signalled" : ""));
+            tv::FencePipes pipes;
+            TakenFence first(pipes);
             if (raisedFirst) {
                 first.raise();
             }
@@ -552,7 +552,7 @@ TEST_F(VirtualTimeTest, SignalThatTheKernelWasAskedAboutShowsThere) {
                 close(first.taken);
                 EXPECT_TRUE(kernelSaysReady(duplicate));
             }
-            TakenSignal second(pipes);
+            TakenFence second(pipes);
             EXPECT_NE(pipeOf(asked), pipeOf(second.taken));
             EXPECT_EQ(second.taken, dup2(asked, second.taken));  // closes what had the number
             EXPECT_TRUE(isReady(second.taken));
@@ -563,34 +563,34 @@ TEST_F(VirtualTimeTest, SignalThatTheKernelWasAskedAboutShowsThere) {
     close(epoll);
 }
 
-TEST_F(VirtualTimeTest, ReadOfASignalThatCameFindsItsEnd) {
+TEST_F(VirtualTimeTest, ReadOfAFenceThatSignalledFindsItsEnd) {
     VirtualTime time(1);
-    tv::SignalPipes pipes;
-    TakenSignal signal(pipes);
-    signal.raise();
+    tv::FencePipes pipes;
+    TakenFence fence(pipes);
+    fence.raise();
     char byte = 0;
-    EXPECT_EQ(0, read(signal.taken, &byte, 1));
-    close(signal.taken);
+    EXPECT_EQ(0, read(fence.taken, &byte, 1));
+    close(fence.taken);
 }
 
-TEST_F(VirtualTimeTest, SignalsOutliveVirtualTimeAndLeaveNothingOpen) {
+TEST_F(VirtualTimeTest, FencesOutliveVirtualTimeAndLeaveNothingOpen) {
     const auto open = [] {
         return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
     };
     const auto before = open();
     {
-        tv::SignalPipes pipes;
+        tv::FencePipes pipes;
         auto time = std::make_unique<VirtualTime>(1);
-        TakenSignal signal(pipes);
-        TakenSignal raised(pipes);
+        TakenFence fence(pipes);
+        TakenFence raised(pipes);
         raised.raise();
         time.reset();
         EXPECT_TRUE(kernelSaysReady(raised.taken));
         close(raised.taken);
-        EXPECT_FALSE(kernelSaysReady(signal.taken));
-        signal.raise();
-        EXPECT_TRUE(kernelSaysReady(signal.taken));
-        close(signal.taken);
+        EXPECT_FALSE(kernelSaysReady(fence.taken));
+        fence.raise();
+        EXPECT_TRUE(kernelSaysReady(fence.taken));
+        close(fence.taken);
     }
     EXPECT_EQ(before, open());
 }
@@ -615,7 +615,7 @@ TEST_F(VirtualTimeTest, RefusesToBeginBesideAnotherThreadOrTwice) {
 
 TEST(VirtualTimeUnavailable, SaysSo) {
     if (VirtualTime::available()) {
-        GTEST_SKIP() << "this build has the virtual gear";
+        GTEST_SKIP() << "this build has virtual time";
     }
     EXPECT_THROW(VirtualTime(1), std::runtime_error);
     EXPECT_FALSE(VirtualTime::active());

@@ -1,9 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
-// One thread of the virtual gear: its context and stack, what it waits for, and what a kernel
-// thread would keep for it (errno, exceptions under way, FiberLocals). Plain data; the Scheduler's.
+// A thread in virtual time: its context and stack, what it waits for, and what a kernel thread
+// would keep for it (errno, exceptions in flight, FiberLocals). Plain data that belongs to the
+// Scheduler.
 #pragma once
 
 #include <boost/context/detail/fcontext.hpp>
+#include <boost/intrusive/list_hook.hpp>
 #include <cstddef>
 #include <cstdint>
 #include <limits>
@@ -25,6 +27,8 @@ enum class WaitFor : uint8_t {
     ReadLock,
     WriteLock,
     Join,
+    Spinlock,
+    Semaphore,
     Futex,
     Descriptor
 };
@@ -32,17 +36,12 @@ enum class WaitFor : uint8_t {
 /// Why a wait ended.
 enum class WokenBy : uint8_t { Other, Deadline };
 
-struct Fiber;
+using FiberHook =
+    boost::intrusive::list_member_hook<boost::intrusive::link_mode<boost::intrusive::normal_link>>;
 
-/// A deadline that some wait for.
-struct Moment {
-    int64_t deadlineNs = 0;
-    Fiber* first = nullptr;
-    Fiber* last = nullptr;
-    size_t place = 0;  ///< in the heap
-};
+struct TimerSlot;
 
-/// What a wait and a switch touch stands first, in as few cache lines as it takes.
+/// The members that a wait and a switch touch come first, in as few cache lines as possible.
 struct alignas(64) Fiber {
     boost::context::detail::fcontext_t context = nullptr;  ///< while it does not run
 
@@ -53,13 +52,11 @@ struct alignas(64) Fiber {
     int ownerWord = 0;                 ///< marks the mutexes that it holds
     const void* waitObject = nullptr;  ///< address of what it waits for
     int64_t sinceNs = 0;
-    Moment* moment = nullptr;  ///< its deadline; see Deadlines
-    Fiber* nextSleeper = nullptr;
-    Fiber* previousSleeper = nullptr;
-    Fiber* nextWaiter = nullptr;  ///< see Waiters
-    Fiber* previousWaiter = nullptr;
+    TimerSlot* slot = nullptr;  ///< of its deadline; see Deadlines
+    FiberHook sleeperHook;
+    FiberHook waiterHook;  ///< see Waiters
 
-    // what a kernel thread has of its own
+    // what a kernel thread would keep
     struct {
         void* caught = nullptr;
         unsigned int uncaught = 0;

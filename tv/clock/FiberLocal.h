@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// A variable per thread in both gears of the clock. In virtual time all threads share one kernel
-// thread and with it every `thread_local`; a FiberLocal stays each thread's own.
+// A variable per thread, in real and in virtual time. In virtual time all threads share one kernel
+// thread and with it every `thread_local`; a FiberLocal has a value for each thread.
 #pragma once
 
 #include <array>
@@ -10,11 +10,11 @@
 
 namespace korvane::tv {
 
-/// Variables that a process can have; a FiberLocal beyond it ends the process with a message.
+/// Variables that a process can have; one more ends the process with a message.
 constexpr int kFiberLocals = 16;
 constexpr int kFiberLocalBytes = 8;
 
-/// One thread's variables, all zero at first.
+/// One thread's variables, initially zero.
 struct alignas(kFiberLocalBytes) FiberSlots {
     std::array<std::array<unsigned char, kFiberLocalBytes>, kFiberLocals> bytes{};
 };
@@ -22,11 +22,11 @@ struct alignas(kFiberLocalBytes) FiberSlots {
 __attribute__((visibility("default"))) int newFiberLocal();
 __attribute__((visibility("default"))) FiberSlots& fiberSlots();
 
-/// The virtual gear's side: the running thread's variables; null: those of its kernel thread.
+/// Set by the scheduler: the running fiber's variables. Null: those of the kernel thread.
 __attribute__((visibility("hidden"))) extern FiberSlots* gFiberSlots;
 
-/// @tparam T  a plain value of at most 8 bytes, for which all bits zero is the first value.
-///         Define it at namespace scope or as a static: it is never given up.
+/// @tparam T  a plain value of at most 8 bytes, whose initial value has all bits zero.
+///         Define it at namespace scope or as a static: its index is never reused.
 template <typename T>
 class FiberLocal {
     static_assert(std::is_trivially_copyable_v<T> && sizeof(T) <= kFiberLocalBytes);
@@ -36,7 +36,7 @@ public:
     FiberLocal(const FiberLocal&) = delete;
     FiberLocal& operator=(const FiberLocal&) = delete;
 
-    /// The calling thread's own. Valid until that thread ends.
+    /// The calling thread's value. Valid until that thread ends.
     T& get() const {
         return *reinterpret_cast<T*>(fiberSlots().bytes[static_cast<size_t>(mIndex)].data());
     }

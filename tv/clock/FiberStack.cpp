@@ -9,20 +9,21 @@
 namespace korvane::tv {
 namespace {
 
-// Stacks begin at different places of their pages. The same place in each would be the same few
-// lines of the processor's cache, which fibers that take turns would fight for.
-constexpr size_t kPlaces = 61;
-constexpr size_t kPlaceBytes = 192;
+// Stacks begin at different offsets in their pages. With equal offsets the fibers' stacks would
+// share the same few cache lines and evict each other at each switch.
+constexpr size_t kOffsets = 61;
+constexpr size_t kOffsetBytes = 192;
 
 size_t pageBytes() {
     static const auto bytes = static_cast<size_t>(sysconf(_SC_PAGESIZE));
     return bytes;
 }
 
-/// In whole pages: what is asked for, and no less than the default, the places, the guard.
+/// The request, at least the default, plus the largest offset and the guard page; whole pages.
 size_t mappedBytes(size_t stackBytes) {
     const size_t page = pageBytes();
-    const size_t wanted = std::max(stackBytes, FiberStacks::kDefaultBytes) + kPlaces * kPlaceBytes;
+    const size_t wanted =
+        std::max(stackBytes, FiberStacks::kDefaultBytes) + kOffsets * kOffsetBytes;
     return (wanted + page - 1) / page * page + page;
 }
 
@@ -50,8 +51,8 @@ FiberStack FiberStacks::take(size_t bytes) {
         munmap(memory, total);
         return {};
     }
-    char* const bottom = static_cast<char*>(memory);
-    return {bottom, total, bottom + total - (mMade++ % kPlaces) * kPlaceBytes};
+    char* const guard = static_cast<char*>(memory);
+    return {guard, total, guard + pageBytes(), guard + total - (mMade++ % kOffsets) * kOffsetBytes};
 }
 
 void FiberStacks::giveBack(const FiberStack& stack) {

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The stacks of the virtual gear's threads: mapped when one is asked for, with a page below that
-// stops an overflow, and kept for the next thread when theirs has ended.
+// The stacks of threads in virtual time. Each is mapped with a guard page below it, which catches
+// an overflow, and is reused for the next thread when its own has ended.
 #pragma once
 
 #include <cstddef>
@@ -8,20 +8,20 @@
 
 namespace korvane::tv {
 
-/// A stack with a page below it that cannot be touched.
+/// A stack with its guard page.
 struct FiberStack {
     char* memory = nullptr;  ///< the guard page
     size_t bytes = 0;        ///< of all that is mapped
-    char* top = nullptr;     ///< where it begins, growing downwards
+    char* bottom = nullptr;  ///< above the guard page
+    char* top = nullptr;     ///< where it begins; it grows downwards
 
-    size_t usable() const { return static_cast<size_t>(top - memory); }
+    size_t usable() const { return static_cast<size_t>(top - bottom); }
 };
 
 /// Maps stacks and keeps those of the default size for reuse.
 class FiberStacks {
 public:
-    /// A decoder's and a renderer's threads need a tenth of it; pages that are not touched cost
-    /// nothing.
+    /// The threads of decoders and renderers use a tenth of it; untouched pages cost nothing.
     static constexpr size_t kDefaultBytes = 1 << 20;
 
     FiberStacks() = default;
@@ -29,7 +29,7 @@ public:
     FiberStacks(const FiberStacks&) = delete;
     FiberStacks& operator=(const FiberStacks&) = delete;
 
-    /// @return a stack of at least so many bytes; memory null when there is none to be had
+    /// @return a stack of at least so many bytes; `memory` is null if mapping failed
     FiberStack take(size_t bytes);
     void giveBack(const FiberStack& stack);
 

@@ -2,10 +2,9 @@
 #include "tv/clock/FiberSwitch.h"
 
 #ifdef __x86_64__
-// jump_fcontext takes the address that it is to come back to from the stack, as a call leaves it,
-// and hands on the arguments in the registers in which they came. The stack is aligned as at a
-// call, for what a report of a hang runs on top of this; the nop stands where its unwinder looks
-// for the call.
+// jump_fcontext expects its return address on the stack, as a call leaves it, and passes on its
+// arguments in their registers. The stack is aligned as at a call, because the report of a hang
+// runs its unwinder on top of it; the unwinder takes the nop for the call.
 asm(R"(
     .text
     .globl korvane_switch_fiber

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-// The report of a program that hangs: each thread, what it waits for, since when, and the calls
-// that led there. A waiting fiber's calls are found by visiting it: it runs the unwinder on its own
-// stack and comes back. Functions that a library does not export are given as a place in the file,
-// which `addr2line -Cfe FILE OFFSET` turns into a line.
+// The report of a program that hangs: each thread, what it waits for, since when, and its call
+// stack. To unwind a waiting fiber the report switches to it for the length of one function, which
+// runs the unwinder on the fiber's stack. Functions that a library does not export are given as an
+// offset in the file, which `addr2line -Cfe FILE OFFSET` turns into a line.
 #include <cxxabi.h>
 #include <dlfcn.h>
 #include <execinfo.h>
@@ -21,6 +21,9 @@ namespace {
 using boost::context::detail::jump_fcontext;
 using boost::context::detail::ontop_fcontext;
 using boost::context::detail::transfer_t;
+
+/// Its address tells which library this is.
+const char kInThisLibrary = 0;
 
 constexpr int kDeepestStack = 48;
 constexpr int kShownCallers = 8;
@@ -87,7 +90,7 @@ struct Calls {
 
     void find() { count = backtrace(addresses.data(), kDeepestStack); }
 
-    /// One back from where it returns to, so that a call at a function's very end is not taken for
+    /// One before the return address, so that a call at the very end of a function is not taken for
     /// the next function.
     const void* at(int index) const {
         return static_cast<char*>(addresses[static_cast<size_t>(index)]) - 1;
@@ -96,11 +99,12 @@ struct Calls {
     /// The first call after the interposed one, or after those of this library without one.
     int ofTheProgram() const {
         Dl_info own{};
-        dladdr(&gScheduler, &own);
+        dladdr(&kInThisLibrary, &own);
         Dl_info info{};
         for (int i = 0; i < count && dladdr(at(i), &info) != 0 && info.dli_fbase == own.dli_fbase;
              ++i) {
-            // C++ names are mangled; of this library's C functions only interposed ones come here.
+            // C++ names are mangled; of this library's C functions only interposed ones appear
+            // here.
             if (info.dli_sname != nullptr && info.dli_sname[0] != '_') {
                 return i + 1;
             }
@@ -109,8 +113,8 @@ struct Calls {
     }
 };
 
-/// What a thread's routine is: its function, or what a std::thread was given. Of the latter libc++
-/// keeps no name; its routine, which carries it, is exported by nobody and given as a place.
+/// The name of a thread's routine: its function, or what a std::thread was constructed with. libc++
+/// keeps no name of the latter; there the routine, which is not exported, is given as an offset.
 std::string routineName(const Fiber& fiber) {
     const auto* address = reinterpret_cast<const void*>(fiber.routine);
 #ifdef __GLIBCXX__
@@ -158,7 +162,7 @@ std::string Scheduler::callers(const Fiber& fiber) const {
     if (&fiber == mCurrent) {
         calls.find();
     } else {
-        // Visiting moves the place at which the fiber goes on, nothing else.
+        // This changes only the saved context, to where the fiber then resumes.
         auto& visited = const_cast<Fiber&>(fiber);
         visited.context = ontop_fcontext(fiber.context, &calls, &findCallsOf).fctx;
     }
@@ -191,6 +195,10 @@ std::string Scheduler::describeWait(const Fiber& fiber) const {
             return "waits to read under lock " + hexadecimal(object);
         case WaitFor::WriteLock:
             return "waits to write under lock " + hexadecimal(object);
+        case WaitFor::Spinlock:
+            return "waits for spinlock " + hexadecimal(object);
+        case WaitFor::Semaphore:
+            return "waits for semaphore " + hexadecimal(object);
         case WaitFor::Join:
             return "waits for the end of " + title(*static_cast<const Fiber*>(object));
         case WaitFor::Futex:
@@ -216,8 +224,7 @@ std::string Scheduler::describe(const Fiber& fiber) const {
         text += "can run";
     } else {
         text += describeWait(fiber) + ", since " + seconds(fiber.sinceNs);
-        const int64_t deadlineNs = mDeadlines.of(&fiber);
-        text += deadlineNs == kNever ? "" : ", until " + seconds(deadlineNs);
+        text += Deadlines::has(fiber) ? ", until " + seconds(Deadlines::of(fiber)) : "";
     }
     return text + "\n" + callers(fiber);
 }
@@ -235,6 +242,10 @@ void Scheduler::failBusy() {
     fail("busy loop: " + title(*mCurrent) +
          " keeps asking for the time, yielding or waking others "
          "while time stands still");
+}
+
+void Scheduler::failNotTaken(const char* call) {
+    fail(std::string(call) + " is not available: called by " + title(*mCurrent));
 }
 
 void Scheduler::failMutex(const pthread_mutex_t* mutex, const char* what) {

@@ -1,53 +1,36 @@
 // SPDX-License-Identifier: Apache-2.0
-// The calls by which threads wait for each other, sleep and read the time, under libc's names. In
-// real time each goes on to libc; in virtual time to the scheduler. Where libc refuses an argument,
-// so does this.
-#include <fcntl.h>
+// The calls by which threads wait for each other, sleep, look at each other and read the time,
+// under libc's names. In real time each goes on to libc; in virtual time to the scheduler. Where
+// libc refuses an argument, so does this.
+#include "tv/clock/Interpose.h"
+
 #include <linux/futex.h>
-#include <sys/epoll.h>
-#include <sys/select.h>
 #include <sys/syscall.h>
 #include <utils/Timers.h>
 
 #include <array>
 #include <cstdarg>
 
-#include "tv/clock/Scheduler.h"
-#include "tv/clock/Signal.h"
-
-#define KORVANE_INTERPOSE extern "C" __attribute__((visibility("default")))
-
+using korvane::tv::epochNs;
 using korvane::tv::Fiber;
 using korvane::tv::gScheduler;
+using korvane::tv::isValid;
 using korvane::tv::kNever;
+using korvane::tv::kNsPerSecond;
+using korvane::tv::realTime;
+using korvane::tv::Scheduler;
+using korvane::tv::showsDate;
+using korvane::tv::toDeadlineNs;
+using korvane::tv::toNs;
+using korvane::tv::WaitFor;
 namespace real = korvane::tv::real;
 
 namespace {
 
-constexpr int64_t kNsPerSecond = 1'000'000'000;
 constexpr int64_t kNsPerUs = 1000;
-constexpr int64_t kLongestSeconds = kNever / kNsPerSecond - 1;
-
-/// Real time: the one branch that every call costs.
-inline bool realTime() {
-    return KORVANE_LIKELY(gScheduler == nullptr);
-}
-
-bool isValid(const timespec& time) {
-    return time.tv_nsec >= 0 && time.tv_nsec < kNsPerSecond;
-}
-
-int64_t toNs(const timespec& time) {
-    return time.tv_sec >= kLongestSeconds ? kNever : time.tv_sec * kNsPerSecond + time.tv_nsec;
-}
 
 timespec toTimespec(int64_t ns) {
     return {ns / kNsPerSecond, ns % kNsPerSecond};
-}
-
-bool showsDate(clockid_t clock) {
-    return clock == CLOCK_REALTIME || clock == CLOCK_REALTIME_COARSE ||
-           clock == CLOCK_REALTIME_ALARM || clock == CLOCK_TAI;
 }
 
 /// Clocks of used CPU time stay real.
@@ -57,14 +40,10 @@ bool isVirtual(clockid_t clock) {
            clock == CLOCK_BOOTTIME_ALARM;
 }
 
-int64_t epochNs(clockid_t clock) {
-    return showsDate(clock) ? korvane::tv::kVirtualEpochNs : 0;
-}
-
-/// A clock's time as the scheduler's.
-int64_t toDeadlineNs(clockid_t clock, const timespec& time) {
-    const int64_t ns = toNs(time);
-    return ns == kNever ? kNever : ns - epochNs(clock);
+/// A wait by one of these would not end: its CPU time stands still while the process waits. Numbers
+/// below 0 are the clocks of given processes and threads.
+bool isOfCpuTime(clockid_t clock) {
+    return clock == CLOCK_PROCESS_CPUTIME_ID || clock < 0;
 }
 
 /// Which clock a condition's timed wait goes by: an attribute, which libc keeps in this bit.
@@ -110,17 +89,6 @@ long futex(const FutexCall& call) {
     return error != 0 ? -1 : 0;
 }
 
-/// The next definition of a function with variable arguments; each is a number or a pointer.
-template <typename Function>
-Function next(std::atomic<Function>& found, const char* name) {
-    Function call = found.load(std::memory_order_relaxed);
-    if (call == nullptr) {
-        call = reinterpret_cast<Function>(korvane::tv::nextDefinition(name));
-        found.store(call, std::memory_order_relaxed);
-    }
-    return call;
-}
-
 using SyscallArguments = std::array<void*, 6>;
 
 int toInt(void* argument) {
@@ -129,20 +97,59 @@ int toInt(void* argument) {
 
 long realSyscall(long number, const SyscallArguments& a) {
     static std::atomic<long (*)(long, ...)> found{nullptr};
-    return next(found, "syscall")(number, a[0], a[1], a[2], a[3], a[4], a[5]);
+    return korvane::tv::nextVariadic(found, "syscall")(number, a[0], a[1], a[2], a[3], a[4], a[5]);
 }
 
-int realFcntl(int descriptor, int command, void* argument) {
-    static std::atomic<int (*)(int, int, ...)> found{nullptr};
-    return next(found, "fcntl")(descriptor, command, argument);
+/// A fiber's id as the kernel knows it: 0, the calling thread.
+pid_t idInKernel(pid_t thread) {
+    return !realTime() && Scheduler::isIdOfFiber(thread) ? 0 : thread;
 }
 
-/// A duplicate takes a number whose descriptor, if there is one, is closed by that.
-void noteReplaced(int descriptor, int target) {
-    korvane::tv::noteKernelAsked(descriptor);
-    korvane::tv::noteKernelAsked(target);
-    korvane::tv::noteClosed(target);
-    gScheduler->descriptorsChanged();
+/// The thread that the kernel knows. Its scheduling is that of every fiber.
+template <typename Call>
+int onKernelThreadOf(pthread_t thread, const Call& call) {
+    if (realTime()) {
+        return call(thread);
+    }
+    return gScheduler->find(thread) != nullptr ? call(gScheduler->kernelThread()) : ESRCH;
+}
+
+int joinUntil(pthread_t thread, void** result, clockid_t clock, const timespec& time) {
+    return !isValid(time) ? EINVAL : gScheduler->join(thread, result, toDeadlineNs(clock, time));
+}
+
+/// @param tryLock  libc's try operation on the lock
+template <typename TryLock>
+int lockUntil(WaitFor what, pthread_rwlock_t* lock, clockid_t clock, const timespec* time,
+              const TryLock& tryLock) {
+    if (time != nullptr && !isValid(*time)) {
+        return EINVAL;
+    }
+    const int64_t deadlineNs = time == nullptr ? kNever : toDeadlineNs(clock, *time);
+    return gScheduler->tryUntil(what, lock, deadlineNs, [=] { return tryLock(lock); });
+}
+
+int lockForReading(pthread_rwlock_t* lock, clockid_t clock, const timespec* time) {
+    return lockUntil(WaitFor::ReadLock, lock, clock, time, real::pthread_rwlock_tryrdlock::call);
+}
+
+int lockForWriting(pthread_rwlock_t* lock, clockid_t clock, const timespec* time) {
+    return lockUntil(WaitFor::WriteLock, lock, clock, time, real::pthread_rwlock_trywrlock::call);
+}
+
+/// @return as sem_wait: 0, or -1 with errno
+int waitForSemaphore(sem_t* semaphore, clockid_t clock, const timespec* time) {
+    const auto tryNow = [semaphore] {
+        const bool taken = real::sem_trywait::call(semaphore) == 0;
+        return taken ? 0 : (errno == EAGAIN ? EBUSY : errno);
+    };
+    const bool valid = time == nullptr || isValid(*time);
+    const int64_t deadlineNs = time == nullptr ? kNever : toDeadlineNs(clock, *time);
+    const int keptErrno = errno;
+    const int error =
+        valid ? gScheduler->tryUntil(WaitFor::Semaphore, semaphore, deadlineNs, tryNow) : EINVAL;
+    errno = error != 0 ? error : keptErrno;
+    return error != 0 ? -1 : 0;
 }
 
 }  // namespace
@@ -170,6 +177,14 @@ KORVANE_INTERPOSE int gettimeofday(timeval* time, void* zone) noexcept {
     const int64_t us = (gScheduler->readNs() + epochNs(CLOCK_REALTIME)) / kNsPerUs;
     *time = {us / 1'000'000, us % 1'000'000};
     return 0;
+}
+
+KORVANE_INTERPOSE int timespec_get(timespec* time, int base) noexcept {
+    if (realTime() || base != TIME_UTC) {
+        return real::timespec_get::call(time, base);
+    }
+    clock_gettime(CLOCK_REALTIME, time);
+    return base;
 }
 
 KORVANE_INTERPOSE time_t time(time_t* seconds) noexcept {
@@ -215,6 +230,9 @@ KORVANE_INTERPOSE int nanosleep(const timespec* length, timespec* left) {
 
 KORVANE_INTERPOSE int clock_nanosleep(clockid_t clock, int flags, const timespec* time,
                                       timespec* left) {
+    if (!realTime() && isOfCpuTime(clock)) {
+        gScheduler->failNotTaken("clock_nanosleep by a clock of CPU time");
+    }
     if (realTime() || !isVirtual(clock)) {
         return real::clock_nanosleep::call(clock, flags, time, left);
     }
@@ -243,7 +261,27 @@ KORVANE_INTERPOSE int pthread_create(pthread_t* thread, const pthread_attr_t* at
 }
 
 KORVANE_INTERPOSE int pthread_join(pthread_t thread, void** result) {
-    return realTime() ? real::pthread_join::call(thread, result) : gScheduler->join(thread, result);
+    return realTime() ? real::pthread_join::call(thread, result)
+                      : gScheduler->join(thread, result, kNever);
+}
+
+KORVANE_INTERPOSE int pthread_tryjoin_np(pthread_t thread, void** result) noexcept {
+    if (realTime()) {
+        return real::pthread_tryjoin_np::call(thread, result);
+    }
+    const int error = gScheduler->join(thread, result, gScheduler->nowNs());
+    return error == ETIMEDOUT ? EBUSY : error;
+}
+
+KORVANE_INTERPOSE int pthread_timedjoin_np(pthread_t thread, void** result, const timespec* time) {
+    return realTime() ? real::pthread_timedjoin_np::call(thread, result, time)
+                      : joinUntil(thread, result, CLOCK_REALTIME, *time);
+}
+
+KORVANE_INTERPOSE int pthread_clockjoin_np(pthread_t thread, void** result, clockid_t clock,
+                                           const timespec* time) {
+    return realTime() ? real::pthread_clockjoin_np::call(thread, result, clock, time)
+                      : joinUntil(thread, result, clock, *time);
 }
 
 KORVANE_INTERPOSE int pthread_detach(pthread_t thread) noexcept {
@@ -280,11 +318,39 @@ KORVANE_INTERPOSE int pthread_getname_np(pthread_t thread, char* name, size_t si
     return 0;
 }
 
-// Whoever asks for a priority gets it; here it means nothing.
+KORVANE_INTERPOSE int pthread_getattr_np(pthread_t thread, pthread_attr_t* attributes) noexcept {
+    const Fiber* const fiber = realTime() ? nullptr : gScheduler->find(thread);
+    if (realTime() || (fiber != nullptr && fiber->routine == nullptr)) {
+        return real::pthread_getattr_np::call(thread, attributes);
+    }
+    if (fiber == nullptr || fiber->finished) {
+        return ESRCH;
+    }
+    pthread_attr_init(attributes);
+    pthread_attr_setdetachstate(
+        attributes, fiber->detached ? PTHREAD_CREATE_DETACHED : PTHREAD_CREATE_JOINABLE);
+    return pthread_attr_setstack(attributes, fiber->stack.bottom, fiber->stack.usable());
+}
+
+KORVANE_INTERPOSE pid_t gettid() noexcept {
+    return realTime() ? real::gettid::call() : gScheduler->threadId();
+}
+
+// ---- scheduling: requests are accepted without effect; the kernel thread's values are returned
+// ----
 
 KORVANE_INTERPOSE int pthread_setschedparam(pthread_t thread, int policy,
                                             const sched_param* parameters) noexcept {
     return realTime() ? real::pthread_setschedparam::call(thread, policy, parameters) : 0;
+}
+
+KORVANE_INTERPOSE int pthread_setschedprio(pthread_t thread, int priority) noexcept {
+    return realTime() ? real::pthread_setschedprio::call(thread, priority) : 0;
+}
+
+KORVANE_INTERPOSE int pthread_setaffinity_np(pthread_t thread, size_t bytes,
+                                             const cpu_set_t* processors) noexcept {
+    return realTime() ? real::pthread_setaffinity_np::call(thread, bytes, processors) : 0;
 }
 
 KORVANE_INTERPOSE int sched_setscheduler(pid_t thread, int policy,
@@ -292,8 +358,49 @@ KORVANE_INTERPOSE int sched_setscheduler(pid_t thread, int policy,
     return realTime() ? real::sched_setscheduler::call(thread, policy, parameters) : 0;
 }
 
+KORVANE_INTERPOSE int sched_setparam(pid_t thread, const sched_param* parameters) noexcept {
+    return realTime() ? real::sched_setparam::call(thread, parameters) : 0;
+}
+
+KORVANE_INTERPOSE int sched_setaffinity(pid_t thread, size_t bytes,
+                                        const cpu_set_t* processors) noexcept {
+    return realTime() ? real::sched_setaffinity::call(thread, bytes, processors) : 0;
+}
+
 KORVANE_INTERPOSE int setpriority(__priority_which_t which, id_t who, int priority) noexcept {
     return realTime() ? real::setpriority::call(which, who, priority) : 0;
+}
+
+KORVANE_INTERPOSE int pthread_getschedparam(pthread_t thread, int* policy,
+                                            sched_param* parameters) noexcept {
+    return onKernelThreadOf(thread, [=](pthread_t known) {
+        return real::pthread_getschedparam::call(known, policy, parameters);
+    });
+}
+
+KORVANE_INTERPOSE int pthread_getaffinity_np(pthread_t thread, size_t bytes,
+                                             cpu_set_t* processors) noexcept {
+    return onKernelThreadOf(thread, [=](pthread_t known) {
+        return real::pthread_getaffinity_np::call(known, bytes, processors);
+    });
+}
+
+KORVANE_INTERPOSE int sched_getscheduler(pid_t thread) noexcept {
+    return real::sched_getscheduler::call(idInKernel(thread));
+}
+
+KORVANE_INTERPOSE int sched_getparam(pid_t thread, sched_param* parameters) noexcept {
+    return real::sched_getparam::call(idInKernel(thread), parameters);
+}
+
+KORVANE_INTERPOSE int sched_getaffinity(pid_t thread, size_t bytes,
+                                        cpu_set_t* processors) noexcept {
+    return real::sched_getaffinity::call(idInKernel(thread), bytes, processors);
+}
+
+KORVANE_INTERPOSE int getpriority(__priority_which_t which, id_t who) noexcept {
+    const auto known = static_cast<id_t>(idInKernel(static_cast<pid_t>(who)));
+    return real::getpriority::call(which, which == PRIO_PROCESS ? known : who);
 }
 
 // ---- mutexes ----
@@ -368,22 +475,90 @@ KORVANE_INTERPOSE int pthread_cond_broadcast(pthread_cond_t* condition) noexcept
     return 0;
 }
 
-// ---- read-write locks; libc's own try operations fit as they are ----
+// ---- read-write locks, spin locks and semaphores; libc's own try operations fit as they are ----
 
 KORVANE_INTERPOSE int pthread_rwlock_rdlock(pthread_rwlock_t* lock) noexcept {
-    return realTime() ? real::pthread_rwlock_rdlock::call(lock) : gScheduler->lockForReading(lock);
+    return realTime() ? real::pthread_rwlock_rdlock::call(lock)
+                      : lockForReading(lock, CLOCK_REALTIME, nullptr);
+}
+
+KORVANE_INTERPOSE int pthread_rwlock_timedrdlock(pthread_rwlock_t* lock,
+                                                 const timespec* time) noexcept {
+    return realTime() ? real::pthread_rwlock_timedrdlock::call(lock, time)
+                      : lockForReading(lock, CLOCK_REALTIME, time);
+}
+
+KORVANE_INTERPOSE int pthread_rwlock_clockrdlock(pthread_rwlock_t* lock, clockid_t clock,
+                                                 const timespec* time) noexcept {
+    return realTime() ? real::pthread_rwlock_clockrdlock::call(lock, clock, time)
+                      : lockForReading(lock, clock, time);
 }
 
 KORVANE_INTERPOSE int pthread_rwlock_wrlock(pthread_rwlock_t* lock) noexcept {
-    return realTime() ? real::pthread_rwlock_wrlock::call(lock) : gScheduler->lockForWriting(lock);
+    return realTime() ? real::pthread_rwlock_wrlock::call(lock)
+                      : lockForWriting(lock, CLOCK_REALTIME, nullptr);
+}
+
+KORVANE_INTERPOSE int pthread_rwlock_timedwrlock(pthread_rwlock_t* lock,
+                                                 const timespec* time) noexcept {
+    return realTime() ? real::pthread_rwlock_timedwrlock::call(lock, time)
+                      : lockForWriting(lock, CLOCK_REALTIME, time);
+}
+
+KORVANE_INTERPOSE int pthread_rwlock_clockwrlock(pthread_rwlock_t* lock, clockid_t clock,
+                                                 const timespec* time) noexcept {
+    return realTime() ? real::pthread_rwlock_clockwrlock::call(lock, clock, time)
+                      : lockForWriting(lock, clock, time);
 }
 
 KORVANE_INTERPOSE int pthread_rwlock_unlock(pthread_rwlock_t* lock) noexcept {
-    return realTime() ? real::pthread_rwlock_unlock::call(lock) : gScheduler->unlock(lock);
+    const int result = real::pthread_rwlock_unlock::call(lock);
+    if (!realTime()) {
+        gScheduler->released(lock);
+    }
+    return result;
 }
 
-// ---- once, and system calls by number: those on futexes and, by which the guards of static
-// variables tell who makes one, the thread's id ----
+KORVANE_INTERPOSE int pthread_spin_lock(pthread_spinlock_t* lock) noexcept {
+    return realTime()
+               ? real::pthread_spin_lock::call(lock)
+               : gScheduler->tryUntil(WaitFor::Spinlock, const_cast<const int*>(lock), kNever,
+                                      [lock] { return real::pthread_spin_trylock::call(lock); });
+}
+
+KORVANE_INTERPOSE int pthread_spin_unlock(pthread_spinlock_t* lock) noexcept {
+    const int result = real::pthread_spin_unlock::call(lock);
+    if (!realTime()) {
+        gScheduler->released(const_cast<const int*>(lock));
+    }
+    return result;
+}
+
+KORVANE_INTERPOSE int sem_wait(sem_t* semaphore) {
+    return realTime() ? real::sem_wait::call(semaphore)
+                      : waitForSemaphore(semaphore, CLOCK_REALTIME, nullptr);
+}
+
+KORVANE_INTERPOSE int sem_timedwait(sem_t* semaphore, const timespec* time) {
+    return realTime() ? real::sem_timedwait::call(semaphore, time)
+                      : waitForSemaphore(semaphore, CLOCK_REALTIME, time);
+}
+
+KORVANE_INTERPOSE int sem_clockwait(sem_t* semaphore, clockid_t clock, const timespec* time) {
+    return realTime() ? real::sem_clockwait::call(semaphore, clock, time)
+                      : waitForSemaphore(semaphore, clock, time);
+}
+
+KORVANE_INTERPOSE int sem_post(sem_t* semaphore) noexcept {
+    const int result = real::sem_post::call(semaphore);
+    if (!realTime()) {
+        gScheduler->released(semaphore);
+    }
+    return result;
+}
+
+// ---- once, and two system calls by number: futexes, and the thread's id, by which the guards of
+// static variables know who constructs one ----
 
 KORVANE_INTERPOSE int pthread_once(pthread_once_t* control, void (*routine)()) {
     return realTime() ? real::pthread_once::call(control, routine)
@@ -408,96 +583,3 @@ KORVANE_INTERPOSE long syscall(long number, ...) noexcept {
     return futex({static_cast<const int*>(a[0]), toInt(a[1]), toInt(a[2]),
                   static_cast<const timespec*>(a[3])});
 }
-
-// ---- descriptors: whoever polls looks again when one is closed or written; pipes of signals serve
-// again when they are closed, unless the kernel was asked about them ----
-
-KORVANE_INTERPOSE int poll(pollfd* descriptors, nfds_t count, int timeoutMs) {
-    return realTime() ? real::poll::call(descriptors, count, timeoutMs)
-                      : gScheduler->poll(descriptors, count, timeoutMs);
-}
-
-KORVANE_INTERPOSE int ppoll(pollfd* descriptors, nfds_t count, const timespec* timeout,
-                            const sigset_t* signals) {
-    if (!realTime()) {
-        korvane::tv::noteKernelAsked(descriptors, count);
-    }
-    return real::ppoll::call(descriptors, count, timeout, signals);
-}
-
-KORVANE_INTERPOSE int select(int end, fd_set* readable, fd_set* writable, fd_set* exceptional,
-                             timeval* timeout) {
-    for (int descriptor = 0; !realTime() && readable != nullptr && descriptor < end; ++descriptor) {
-        if (FD_ISSET(descriptor, readable)) {
-            korvane::tv::noteKernelAsked(descriptor);
-        }
-    }
-    return real::select::call(end, readable, writable, exceptional, timeout);
-}
-
-KORVANE_INTERPOSE int epoll_ctl(int epoll, int operation, int descriptor,
-                                epoll_event* event) noexcept {
-    if (!realTime()) {
-        korvane::tv::noteKernelAsked(descriptor);
-    }
-    return real::epoll_ctl::call(epoll, operation, descriptor, event);
-}
-
-KORVANE_INTERPOSE ssize_t read(int descriptor, void* data, size_t bytes) {
-    if (!realTime()) {
-        korvane::tv::noteKernelAsked(descriptor);
-    }
-    return real::read::call(descriptor, data, bytes);
-}
-
-KORVANE_INTERPOSE int close(int descriptor) {
-    const int result = real::close::call(descriptor);
-    if (!realTime()) {
-        korvane::tv::noteClosed(descriptor);
-        gScheduler->descriptorsChanged();
-    }
-    return result;
-}
-
-KORVANE_INTERPOSE ssize_t write(int descriptor, const void* data, size_t bytes) {
-    const ssize_t result = real::write::call(descriptor, data, bytes);
-    if (!realTime()) {
-        gScheduler->descriptorsChanged();
-    }
-    return result;
-}
-
-KORVANE_INTERPOSE int dup(int descriptor) noexcept {
-    if (!realTime()) {
-        korvane::tv::noteKernelAsked(descriptor);
-    }
-    return real::dup::call(descriptor);
-}
-
-KORVANE_INTERPOSE int dup2(int descriptor, int target) noexcept {
-    if (!realTime()) {
-        noteReplaced(descriptor, target);
-    }
-    return real::dup2::call(descriptor, target);
-}
-
-KORVANE_INTERPOSE int dup3(int descriptor, int target, int flags) noexcept {
-    if (!realTime()) {
-        noteReplaced(descriptor, target);
-    }
-    return real::dup3::call(descriptor, target, flags);
-}
-
-KORVANE_INTERPOSE int fcntl(int descriptor, int command, ...) {
-    va_list list;
-    va_start(list, command);
-    void* const argument = va_arg(list, void*);
-    va_end(list);
-    if (!realTime() && (command == F_DUPFD || command == F_DUPFD_CLOEXEC)) {
-        korvane::tv::noteKernelAsked(descriptor);
-    }
-    return realFcntl(descriptor, command, argument);
-}
-
-/// What callers built with 64-bit file offsets call it.
-KORVANE_INTERPOSE int fcntl64(int descriptor, int command, ...) __attribute__((alias("fcntl")));

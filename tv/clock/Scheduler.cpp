@@ -13,15 +13,12 @@ namespace korvane::tv {
 using boost::context::detail::make_fcontext;
 using boost::context::detail::transfer_t;
 
-Scheduler* gScheduler = nullptr;
+__thread Scheduler* gScheduler = nullptr;
 
 namespace {
 
 /// The C++ ABI's own; not every C++ library declares it.
 extern "C" void* exceptionsOfThisThread() noexcept __asm__("__cxa_get_globals");
-
-/// Kernel thread ids stay below this (they have 22 bits), the bits that libc uses for itself above.
-constexpr int kFirstOwnerWord = 1 << 24;
 
 }  // namespace
 
@@ -42,7 +39,7 @@ Scheduler::Scheduler(uint64_t seed, const VirtualTimeOptions& options)
     mCurrent = first.get();
     mFibers.push_back(std::move(first));
     mDeadlines.reserve(2);
-    mDeadlines.add(&mEnd, after(options.longestRunNs));
+    mDeadlines.add(mEnd, after(options.longestRunNs));
     mStatistics.threads = mStatistics.peakThreads = mLiving = 1;
 }
 
@@ -66,7 +63,7 @@ void Scheduler::preempt() {
     }
     const auto choices = static_cast<size_t>(mOptions.longestPreemptionNs) + 1;
     const auto away = static_cast<int64_t>(mSeed.below(choices));
-    const int error = errno;  // the calls that this stands in may leave it alone
+    const int error = errno;  // calls that preempt may not change it
     sleepUntil(mNowNs + away);
     errno = error;
 }
@@ -74,17 +71,17 @@ void Scheduler::preempt() {
 /// Time moves on to the earliest deadline; everyone whose deadline that is can then run.
 void Scheduler::jumpToDeadline() {
     const int64_t deadlineNs = mDeadlines.firstNs();
-    if (deadlineNs == mDeadlines.of(&mEnd)) {
+    if (deadlineNs == Deadlines::of(mEnd)) {
         fail(mDeadlines.holdsOne()
                  ? "deadlock: every thread waits and none has a deadline"
                  : "virtual time reached the end of the longest run (longestRunNs)");
     }
     moveTo(deadlineNs);
     while (mDeadlines.firstNs() == deadlineNs) {
-        for (Fiber* fiber = mDeadlines.takeFirst(); fiber != nullptr; fiber = fiber->nextSleeper) {
-            fiber->wokenBy = WokenBy::Deadline;
-            makeRunnable(fiber);
-        }
+        mDeadlines.takeFirst([this](Fiber& fiber) {
+            fiber.wokenBy = WokenBy::Deadline;
+            makeRunnable(&fiber);
+        });
     }
 }
 
@@ -98,15 +95,15 @@ WokenBy Scheduler::block(WaitFor what, const void* object, int64_t deadlineNs) {
     self.waitObject = object;
     self.sinceNs = mNowNs;
     if (object != nullptr) {
-        mWaiters.add(&self);
+        mWaiters.add(self);
     }
     if (deadlineNs != kNever) {
-        mDeadlines.add(&self, deadlineNs);
+        mDeadlines.add(self, deadlineNs);
     }
     ++mStatistics.waits;
     runAnother();
     if (self.waitObject != nullptr) {
-        mWaiters.remove(&self);
+        mWaiters.remove(self);
     }
     self.waitFor = WaitFor::Nothing;
     return self.wokenBy;
@@ -158,29 +155,25 @@ void Scheduler::makeRunnable(Fiber* fiber) {
 }
 
 void Scheduler::wake(Fiber* fiber) {
-    mWaiters.remove(fiber);
-    if (mDeadlines.has(fiber)) {
-        mDeadlines.remove(fiber);
+    mWaiters.remove(*fiber);
+    if (Deadlines::has(*fiber)) {
+        mDeadlines.remove(*fiber);
     }
     fiber->wokenBy = WokenBy::Other;
     makeRunnable(fiber);
 }
 
 void Scheduler::wakeAll(const void* object) {
-    while (Fiber* const fiber = mWaiters.first(object)) {
+    while (Fiber* const fiber = mWaiters.find(object)) {
         wake(fiber);
     }
 }
 
 Fiber* Scheduler::chooseWaiter(const void* object) {
-    Fiber* fiber = mWaiters.first(object);
-    if (fiber == nullptr || Waiters::next(fiber) == nullptr) {
-        return fiber;
+    if (mWaiters.find(object, 1) == nullptr) {
+        return mWaiters.find(object);
     }
-    for (size_t skip = mSeed.below(mWaiters.count(object)); skip > 0; --skip) {
-        fiber = Waiters::next(fiber);
-    }
-    return fiber;
+    return mWaiters.find(object, mSeed.below(mWaiters.count(object)));
 }
 
 // ---- threads ----
@@ -233,7 +226,7 @@ void Scheduler::finish() {
     __builtin_unreachable();
 }
 
-int Scheduler::join(pthread_t thread, void** result) {
+int Scheduler::join(pthread_t thread, void** result, int64_t deadlineNs) {
     Fiber* const fiber = find(thread);
     if (fiber == nullptr) {
         return ESRCH;
@@ -245,7 +238,10 @@ int Scheduler::join(pthread_t thread, void** result) {
         return EINVAL;
     }
     while (!fiber->finished) {
-        block(WaitFor::Join, fiber, kNever);
+        if (deadlineNs <= mNowNs) {
+            return ETIMEDOUT;
+        }
+        block(WaitFor::Join, fiber, deadlineNs);
     }
     if (result != nullptr) {
         *result = fiber->result;

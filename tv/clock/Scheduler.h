@@ -1,15 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
-// The virtual gear: who runs, what time it is, who waits for what.
+// The scheduler of virtual time: which fiber runs, what time it is, which fiber waits for what.
 //
-// One fiber runs. When it waits, one of those that can run goes on, chosen by the seed. When none
-// can, time jumps to the earliest deadline and those who wait for it can run. A fiber that sleeps
+// One fiber runs. When it waits, the seed chooses the next of those that can run. When none can,
+// time jumps to the earliest deadline, and the fibers that wait for it can run. A fiber that sleeps
 // while nobody else can run and nobody's deadline is sooner takes the jump itself, without a
 // switch.
 //
 // Mutexes are kept in the mutex itself, in libc's own layout and values, so that one that is locked
-// while the gear changes stays valid. `__owner` holds a word for the fiber, `__lock` is 2 while
-// somebody may wait. Read-write locks are libc's, taken by its try operations. Condition variables
-// are not touched: who waits for one stands in the table of waiters.
+// while virtual time begins or ends stays valid. `__owner` holds the fiber's id, `__lock` is 2
+// while somebody may wait. Read-write locks, spin locks and semaphores are libc's, taken by its try
+// operations. Condition variables are not touched: Waiters has who waits for one.
 //
 // One instance while virtual time is on. Everything here runs on its one kernel thread.
 #pragma once
@@ -65,7 +65,7 @@ public:
     // threads
     int create(pthread_t* thread, const pthread_attr_t* attributes, void* (*routine)(void*),
                void* argument);
-    int join(pthread_t thread, void** result);
+    int join(pthread_t thread, void** result, int64_t deadlineNs);
     int detach(pthread_t thread);
     pthread_t self() const { return handle(*mCurrent); }
     Fiber* find(pthread_t thread) const;
@@ -74,7 +74,7 @@ public:
     // mutexes; results as libc's
     int lock(pthread_mutex_t* mutex, int64_t deadlineNs) {
         const auto& data = mutex->__data;
-        // Nothing is called before this is done: then a lock costs no registers saved.
+        // No call before this, so that the fast path saves no registers.
         if (KORVANE_LIKELY(mOptions.preemptions == 0 && data.__kind == PTHREAD_MUTEX_TIMED_NP &&
                            data.__lock == 0)) {
             take(mutex, *mCurrent);
@@ -108,11 +108,42 @@ public:
     int once(pthread_once_t* control, void (*routine)());
     /// The kernel's for the first thread, a number of its own for each other.
     int threadId() const { return mCurrent->ownerWord; }
-    int lockForReading(pthread_rwlock_t* lock);
-    int lockForWriting(pthread_rwlock_t* lock);
-    int unlock(pthread_rwlock_t* lock);
-    int poll(pollfd* descriptors, nfds_t count, int timeoutMs);
-    /// A descriptor was closed or written: whoever polls looks again.
+    static bool isIdOfFiber(int threadId) { return threadId >= kFirstOwnerWord; }
+    /// The one that runs all fibers.
+    pthread_t kernelThread() const { return mKernelThread; }
+    /// Waits for a lock that libc's own try operation takes.
+    /// @param tryNow  returns EBUSY where it has to be tried again once `object` is released
+    template <typename Try>
+    int tryUntil(WaitFor what, const void* object, int64_t deadlineNs, const Try& tryNow) {
+        int result = tryNow();
+        while (result == EBUSY) {
+            if (deadlineNs <= mNowNs) {
+                return ETIMEDOUT;
+            }
+            block(what, object, deadlineNs);
+            result = tryNow();
+        }
+        return result;
+    }
+    /// Who waits for it tries again.
+    void released(const void* object) { wakeAll(object); }
+    int poll(pollfd* descriptors, nfds_t count, int64_t deadlineNs);
+    /// Looks until something is ready. Descriptors change only by what fibers do, so it looks again
+    /// whenever one is closed or written.
+    /// @param descriptor  the one that a report names
+    /// @param look        returns 0 while nothing is ready
+    template <typename Look>
+    int lookUntil(int descriptor, int64_t deadlineNs, const Look& look) {
+        for (;;) {
+            const int result = look();
+            if (result != 0 || deadlineNs <= mNowNs) {
+                spend();
+                return result;
+            }
+            mCurrent->descriptor = descriptor;
+            block(WaitFor::Descriptor, &mDescriptors, deadlineNs);
+        }
+    }
     void descriptorsChanged() { wakeAll(&mDescriptors); }
 
     // the record
@@ -123,10 +154,16 @@ public:
     Fiber* byNumber(int32_t number) const;
     /// Ends the process with a report.
     [[noreturn]] void fail(const std::string& what);
+    /// The program called what virtual time does not take.
+    [[noreturn]] void failNotTaken(const char* call);
     /// Every other fiber has ended and nobody is to join it.
     bool aloneAgain() const;
 
 private:
+    /// Kernel thread ids stay below this (they have 22 bits), the bits that libc uses for itself
+    /// above.
+    static constexpr int kFirstOwnerWord = 1 << 24;
+
     [[noreturn]] static void run(boost::context::detail::transfer_t from) noexcept;
     void arrive(const boost::context::detail::transfer_t& from);
     [[noreturn]] void finish();
@@ -185,7 +222,7 @@ private:
     std::string describeOwner(const pthread_mutex_t* mutex) const;
     std::string callers(const Fiber& fiber) const;
 
-    // what a sleep alone at the front touches stands first
+    // first what the fast path of a sleep touches
     int64_t mNowNs;
     int64_t mCallsLeft;
     Fiber* mCurrent = nullptr;
@@ -196,19 +233,19 @@ private:
     const uint64_t mSeedNumber;
     Seed mSeed;
     Waiters mWaiters;
-    Fiber mEnd;  ///< stands in the heap for the end of the longest run
+    Fiber mEnd;  ///< sentinel deadline at `longestRunNs`
     std::vector<std::unique_ptr<Fiber>> mFibers;
     FiberStacks mStacks;
-    Fiber* mEnded = nullptr;  ///< has just ended; its stack was in use until now
+    Fiber* mEnded = nullptr;  ///< has just ended; its stack is free after the switch
     int64_t mLiving = 0;
     int& mErrno;              ///< the kernel thread's
     void* const mExceptions;  ///< the kernel thread's, as the C++ ABI lays them out
     const pthread_t mKernelThread;
-    const char mDescriptors = 0;  ///< its address stands for whatever is polled
+    const char mDescriptors = 0;  ///< its address is the object of all waits for descriptors
     bool mFailing = false;
 };
 
-/// Null in real time.
-extern Scheduler* gScheduler;
+/// Null in real time, and on kernel threads that libc made for itself: their calls are libc's.
+extern __thread Scheduler* gScheduler __attribute__((tls_model("initial-exec")));
 
 }  // namespace korvane::tv

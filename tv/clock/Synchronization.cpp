@@ -1,10 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
-// The scheduler's mutexes, conditions, read-write locks and descriptors: the ways that are not
-// taken at full speed.
+// The scheduler's mutexes, conditions, futexes and descriptors: the slow paths.
 #include <poll.h>
 
+#include "tv/clock/FencePipe.h"
 #include "tv/clock/Scheduler.h"
-#include "tv/clock/Signal.h"
 
 namespace korvane::tv {
 namespace {
@@ -18,15 +17,12 @@ constexpr int kKernelKinds = 0x70;
 constexpr int kOnceUnderWay = 1;
 constexpr int kOnceDone = 2;
 
-constexpr int64_t kNsPerMs = 1'000'000;
-
-/// Whether a descriptor is ready: a signal alone says so itself, of all else the kernel has to be
-/// asked.
+/// Whether a descriptor is ready. The pool knows a fence's state; the kernel all else.
 int pollNow(pollfd* descriptors, nfds_t count) {
-    const SignalPipe* signal = count == 1 ? signalTakenAs(descriptors->fd) : nullptr;
-    if (signal != nullptr && (descriptors->events & POLLIN) != 0) {
-        descriptors->revents = signal->toCome ? 0 : POLLIN;
-        return signal->toCome ? 0 : 1;
+    const PooledPipe* fence = count == 1 ? pooledPipeAt(descriptors->fd) : nullptr;
+    if (fence != nullptr && (descriptors->events & POLLIN) != 0) {
+        descriptors->revents = fence->pending ? 0 : POLLIN;
+        return fence->pending ? 0 : 1;
     }
     noteKernelAsked(descriptors, count);
     return real::poll::call(descriptors, count, 0);
@@ -55,7 +51,8 @@ int Scheduler::lockSlowly(pthread_mutex_t* mutex, int64_t deadlineNs) {
         return ETIMEDOUT;
     }
     mutex->__data.__lock = 2;
-    // Whoever unlocks hands the mutex over, so that a loop that locks it again does not starve us.
+    // The thread that unlocks hands the mutex over, so that a loop that locks it again does not
+    // starve this one.
     const WokenBy by = block(WaitFor::Mutex, mutex, deadlineNs);
     return by == WokenBy::Deadline ? ETIMEDOUT : 0;
 }
@@ -117,13 +114,13 @@ int Scheduler::unlockNow(pthread_mutex_t* mutex) {
 void Scheduler::handOver(pthread_mutex_t* mutex) {
     Fiber* const next = chooseWaiter(mutex);
     if (next == nullptr) {
-        mutex->__data.__lock = 0;  // who waited has given up
+        mutex->__data.__lock = 0;  // those who waited have given up
         return;
     }
     wake(next);
     take(mutex, *next);
     mutex->__data.__count = mutexType(mutex) == PTHREAD_MUTEX_RECURSIVE_NP ? 1 : 0;
-    mutex->__data.__lock = mWaiters.first(mutex) != nullptr ? 2 : 1;
+    mutex->__data.__lock = mWaiters.find(mutex) != nullptr ? 2 : 1;
 }
 
 // ---- conditions ----
@@ -157,32 +154,6 @@ void Scheduler::signal(pthread_cond_t* condition) {
 void Scheduler::broadcast(pthread_cond_t* condition) {
     maybePreempt();
     wakeAll(condition);
-}
-
-// ---- read-write locks ----
-
-int Scheduler::lockForReading(pthread_rwlock_t* lock) {
-    int result = real::pthread_rwlock_tryrdlock::call(lock);
-    while (result == EBUSY) {
-        block(WaitFor::ReadLock, lock, kNever);
-        result = real::pthread_rwlock_tryrdlock::call(lock);
-    }
-    return result;
-}
-
-int Scheduler::lockForWriting(pthread_rwlock_t* lock) {
-    int result = real::pthread_rwlock_trywrlock::call(lock);
-    while (result == EBUSY) {
-        block(WaitFor::WriteLock, lock, kNever);
-        result = real::pthread_rwlock_trywrlock::call(lock);
-    }
-    return result;
-}
-
-int Scheduler::unlock(pthread_rwlock_t* lock) {
-    const int result = real::pthread_rwlock_unlock::call(lock);
-    wakeAll(lock);
-    return result;
 }
 
 // ---- futexes ----
@@ -222,7 +193,7 @@ int Scheduler::once(pthread_once_t* control, void (*routine)()) {
     try {
         routine();
     } catch (...) {
-        *control = 0;  // the next one tries
+        *control = 0;  // the next caller tries again
         wakeAll(control);
         throw;
     }
@@ -239,19 +210,9 @@ void wakePollers() {
     }
 }
 
-/// What is polled changes only by what fibers do, and whoever closes or writes a descriptor says
-/// so.
-int Scheduler::poll(pollfd* descriptors, nfds_t count, int timeoutMs) {
-    const int64_t deadlineNs = timeoutMs < 0 ? kNever : after(timeoutMs * kNsPerMs);
-    for (;;) {
-        const int result = pollNow(descriptors, count);
-        if (result != 0 || deadlineNs <= mNowNs) {
-            spend();
-            return result;
-        }
-        mCurrent->descriptor = count > 0 ? descriptors[0].fd : -1;
-        block(WaitFor::Descriptor, &mDescriptors, deadlineNs);
-    }
+int Scheduler::poll(pollfd* descriptors, nfds_t count, int64_t deadlineNs) {
+    return lookUntil(count > 0 ? descriptors[0].fd : -1, deadlineNs,
+                     [=] { return pollNow(descriptors, count); });
 }
 
 }  // namespace korvane::tv

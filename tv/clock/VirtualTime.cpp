@@ -11,8 +11,8 @@
 #include <string>
 #include <vector>
 
+#include "tv/clock/FencePipe.h"
 #include "tv/clock/Scheduler.h"
-#include "tv/clock/Signal.h"
 #include "tv/clock/Watchdog.h"
 
 namespace korvane::tv {
@@ -24,12 +24,13 @@ std::unique_ptr<Watchdog> gWatchdog;
     throw std::runtime_error("virtual time cannot begin: " + reason);
 }
 
-/// Whether a name that the program calls leads here.
-bool standsBeforeLibc() {
+/// Whether the program's calls resolve to this library.
+bool precedesLibc() {
     Dl_info called{};
     Dl_info own{};
+    static const char kInThisLibrary = 0;
     return dladdr(dlsym(RTLD_DEFAULT, "pthread_mutex_lock"), &called) != 0 &&
-           dladdr(&gScheduler, &own) != 0 && called.dli_fbase == own.dli_fbase;
+           dladdr(&kInThisLibrary, &own) != 0 && called.dli_fbase == own.dli_fbase;
 }
 
 std::vector<std::string> namesOfThreads() {
@@ -41,12 +42,12 @@ std::vector<std::string> namesOfThreads() {
     return names;
 }
 
-/// Those of an emulator that runs the program: there before it can make one of its own.
+/// Threads of an emulator that runs the program: they exist before it creates its first one.
 const size_t kForeignThreads = namesOfThreads().size() - 1;
 
 void requireSingleThread() {
     auto names = namesOfThreads();
-    // One that was joined a moment ago may still be leaving.
+    // One that has just been joined may not have left the kernel yet.
     for (int tries = 0; names.size() > kForeignThreads + 1; names = namesOfThreads(), ++tries) {
         if (tries == 100) {
             std::string list;
@@ -82,9 +83,9 @@ VirtualTime::VirtualTime(uint64_t seed, const VirtualTimeOptions& options) {
     if (gScheduler != nullptr) {
         refuse("it is already on");
     }
-    if (!standsBeforeLibc()) {
+    if (!precedesLibc()) {
         refuse(
-            "libkorvane_tv.so must stand before libc and libstdc++ among the libraries that the "
+            "libkorvane_tv.so must precede libc and libstdc++ among the libraries that the "
             "program is linked with");
     }
     requireSingleThread();
@@ -98,7 +99,7 @@ VirtualTime::~VirtualTime() {
         gScheduler->fail("virtual time ends while threads are left");
     }
     gWatchdog.reset();
-    forgetSignalTakers();
+    forgetPooledPipes();
     delete std::exchange(gScheduler, nullptr);
 }
 

@@ -1,18 +1,17 @@
 // SPDX-License-Identifier: Apache-2.0
-// The virtual gear of the TV's clock: while a VirtualTime exists, the process runs in virtual time.
+// The TV's clock in virtual mode: while a VirtualTime exists, the process runs in virtual time.
 //
 // All threads of the process become fibers on one kernel thread. Time stands still while one of
-// them can run; when all wait, it jumps to the earliest deadline. What threads use to make each
-// other wait or to read the time (see docs/tv.md for the list) is defined by libkorvane_tv.so,
-// which stands before libc and libstdc++ when names are looked up; so the same binaries run in both
-// gears.
+// them can run; when all wait, it jumps to the earliest deadline. The calls by which threads wait
+// for each other or read the time (docs/tv.md lists them) are defined by libkorvane_tv.so, which
+// precedes libc and libstdc++ in symbol lookup; so the same binaries run in both modes.
 //
-// Which of several threads goes first, and which of several waiters is woken, follows from the
-// seed: same program, same input, same seed, same run.
+// The seed decides which of several threads goes first and which of several waiters is woken: same
+// program, same input, same seed, same run.
 //
-// A program that hangs ends. When every thread waits and none has a deadline, when threads keep
-// busy without time moving on, or when a mutex is misused, a report names each thread, what it
-// waits for and from where, and the process exits with kHangStatus.
+// A program that hangs ends. When every thread waits and none has a deadline, when threads stay
+// busy while time stands still, when a mutex is misused or a call is not available, a report names
+// each thread, what it waits for and from where, and the process exits with kHangStatus.
 #pragma once
 
 #include <cstdint>
@@ -24,10 +23,11 @@
 
 namespace korvane::tv {
 
-/// Exit status of a process that was ended because its threads hang. Apart from the usual 0, 1, 2.
+/// Exit status of a process that was ended because its threads hang or because it called what
+/// virtual time does not take. Differs from the usual 0, 1, 2.
 constexpr int kHangStatus = 3;
 
-/// Where virtual time starts: a TV that has been up for some hours. Fixed, so that runs are alike.
+/// Where virtual time starts: a TV that has been up for some hours. Fixed, for reproducible runs.
 constexpr int64_t kVirtualStartNs = 12'345'000'000'000;
 
 /// What CLOCK_REALTIME shows when virtual time is 0: 2024-01-01 00:00:00 UTC.
@@ -40,16 +40,16 @@ struct VirtualTimeOptions {
     uint32_t preemptions = 0;
     /// Longest time for which such a thread is away; 0: only those that can run now go first.
     int64_t longestPreemptionNs = 0;
-    /// How often, of 65536 times, a wait on a condition ends without a notification.
+    /// How often, of 65536 times, a wait on a condition wakes spuriously.
     uint32_t spuriousWakeups = 0;
-    /// Clock reads, yields and switches that may happen without time moving on. Three decimal
-    /// orders above what one instant of 64 renderers takes.
+    /// Clock reads, yields and switches that may happen without time moving on. 1000 times
+    /// what one instant of 64 renderers takes.
     int64_t callsPerInstant = 10'000'000;
     /// CPU seconds that a thread may compute without waiting, well above a slow decoder's start;
-    /// 0: as long as it likes.
+    /// 0: no limit.
     int computeSeconds = 30;
-    /// Virtual time after which a run counts as one that does not end: threads that poll for what
-    /// never comes would otherwise go on for good. Far above the longest film.
+    /// Virtual time after which a run is called a hang: threads that poll for something that never
+    /// happens would otherwise go on for ever. Far above the longest film.
     int64_t longestRunNs = int64_t{30} * 24 * 3600 * 1'000'000'000;
     /// Called with the report before the process ends, on the thread that noticed. It must not
     /// wait. A thread that computes without end is reported from a signal handler and not to this.
@@ -66,11 +66,11 @@ struct VirtualTimeStatistics {
 
 class KORVANE_TV_API VirtualTime {
 public:
-    /// Whether this build has the virtual gear. Builds with a sanitizer do not: sanitizers keep
-    /// their own account of threads and locks.
+    /// Whether this build has virtual time. Builds with a sanitizer do not: sanitizers track
+    /// threads and locks themselves.
     static bool available();
 
-    /// Whether virtual time is on. Any thread.
+    /// Whether the calling thread runs in virtual time.
     static bool active();
 
     /// Number of the calling thread, from 1 in the order of making; 0 in real time.

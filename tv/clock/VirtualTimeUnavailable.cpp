@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-// What a build with a sanitizer has in the virtual gear's place: the answer that there is none.
+// VirtualTime in a build with a sanitizer: it is not available.
 #include <stdexcept>
 
-#include "tv/clock/Signal.h"
+#include "tv/clock/FencePipe.h"
 #include "tv/clock/VirtualTime.h"
 
 namespace korvane::tv {

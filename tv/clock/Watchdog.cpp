@@ -15,18 +15,18 @@
 namespace korvane::tv {
 namespace {
 
-/// The timer looks this often until the time is up.
-constexpr int kLooks = 4;
+/// Checks until the time is up.
+constexpr int kChecks = 4;
 
-int64_t gSeenProgress = 0;
-int gLooksWithout = 0;
+int64_t gLastProgress = 0;
+int gChecksWithout = 0;
 
 void put(const char* text) {
-    // Nothing can be done where even this fails.
+    // A failure here has no remedy.
     (void)!real::write::call(STDERR_FILENO, text, std::strlen(text));
 }
 
-/// Nothing here may allocate: the loop may stand inside the allocator.
+/// Must not allocate: the signal may have interrupted the allocator.
 void report() {
     const Fiber& fiber = gScheduler->current();
     char line[512];
@@ -51,15 +51,15 @@ void report() {
     }
 }
 
-void look(int) {
+void check(int) {
     if (gScheduler == nullptr) {
         return;
     }
     const int error = errno;
     const int64_t progress = gScheduler->progress();
-    gLooksWithout = progress == gSeenProgress ? gLooksWithout + 1 : 0;
-    gSeenProgress = progress;
-    if (gLooksWithout >= kLooks) {
+    gChecksWithout = progress == gLastProgress ? gChecksWithout + 1 : 0;
+    gLastProgress = progress;
+    if (gChecksWithout >= kChecks) {
         report();
         _exit(kHangStatus);
     }
@@ -80,14 +80,14 @@ Watchdog::Watchdog(int seconds) : mOn(seconds > 0) {
         return;
     }
     void* unused = nullptr;
-    backtrace(&unused, 1);  // loads what it needs, which a signal handler must not
-    gSeenProgress = -1;
-    gLooksWithout = 0;
+    backtrace(&unused, 1);  // loads its library, which a signal handler must not do
+    gLastProgress = -1;
+    gChecksWithout = 0;
     struct sigaction action {};
-    action.sa_handler = look;
+    action.sa_handler = check;
     action.sa_flags = SA_RESTART;
     sigaction(SIGPROF, &action, &mPrevious);
-    setTimer(int64_t{seconds} * 1'000'000 / kLooks);
+    setTimer(int64_t{seconds} * 1'000'000 / kChecks);
 }
 
 Watchdog::~Watchdog() {

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Notices a fiber that computes without end and without a call that the scheduler would see: a
-// timer of the process's CPU time looks whether anything has happened since it last looked. Time
+// Detects a fiber that computes endlessly without a call that the scheduler would see: a timer of
+// the process's CPU time checks whether the scheduler has made progress since the last check. Time
 // that the process spends suspended or waiting for a disk does not count.
 #pragma once
 
@@ -10,7 +10,7 @@ namespace korvane::tv {
 
 class Watchdog {
 public:
-    /// @param seconds  CPU seconds without any progress after which the process is ended; 0: never
+    /// @param seconds  CPU seconds without progress after which the process is ended; 0: never
     explicit Watchdog(int seconds);
     ~Watchdog();
     Watchdog(const Watchdog&) = delete;

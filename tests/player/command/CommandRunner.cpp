@@ -10,7 +10,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <fstream>
-#include <sstream>
+#include <nlohmann/json.hpp>
 #include <stdexcept>
 #include <thread>
 
@@ -104,20 +104,9 @@ std::string readFile(const std::string& path) {
 
 std::map<std::string, std::string> readFlatJson(const std::string& path) {
     std::map<std::string, std::string> values;
-    std::istringstream lines(readFile(path));
-    for (std::string line; std::getline(lines, line);) {
-        const size_t colon = line.find("\": ");
-        if (line.rfind("  \"", 0) != 0 || colon == std::string::npos) {
-            continue;
-        }
-        std::string value = line.substr(colon + 3);
-        if (value.back() == ',') {
-            value.pop_back();
-        }
-        if (value.front() == '"') {
-            value = value.substr(1, value.size() - 2);
-        }
-        values[line.substr(3, colon - 3)] = value;
+    const nlohmann::json object = nlohmann::json::parse(readFile(path));
+    for (const auto& [key, value] : object.items()) {
+        values[key] = value.is_string() ? value.get<std::string>() : value.dump();
     }
     return values;
 }

@@ -33,7 +33,7 @@ CommandResult runCommand(const Command& command);
 /// Runs the player with these.
 CommandResult korvaneTv(const std::vector<std::string>& arguments);
 
-/// Reads a flat JSON object with one key per line; texts lose their quotes.
+/// Reads a flat JSON object; values that are no texts come as JSON writes them.
 std::map<std::string, std::string> readFlatJson(const std::string& path);
 
 std::string readFile(const std::string& path);

@@ -91,6 +91,8 @@ constexpr char kLocks[] = "pattern=[3:2] held_after_us=0..1000000 stayed=true";
 /// with a sanitizer, which do not run scenarios.
 const Scenario kScenarios[] = {
     {"24on60", "24.mp4 --rate 60", "frames_in=72", kLocks},
+    {"SoundIsHeardWithItsPicture", "24.mp4 --rate 50", "",
+     "lip_sync_samples=70..72 lip_sync_worst_us=-20000..40000 lip_sync_seconds_outside_ebu=0"},
     {"30on60", "30.mp4 --rate 60", "", "pattern=[2:2] held_after_us=0..1000000 stayed=true"},
     {"60on60", "60.mp4 --rate 60", "", "pattern=[1:1] held_after_us=0..1000000 stayed=true"},
     {"25on50", "25.mp4 --rate 50", "", "pattern=[2:2] stayed=true"},
@@ -101,7 +103,7 @@ const Scenario kScenarios[] = {
      "first_frame_us=0..1500000 second_frame_us=400000..", ""},
     {"UnderflowAndCatchUp", "24.mp4 --audio-underflow 1s:400ms --video-stall 1s:700ms --log 7",
      "frames_in=72 audio_underflows=1 frames_dropped=1..", "dropped_underflow_catch_up=1.."},
-    {"NoAudioAsked", "24.mp4 --no-audio", "frames_in=72 with_audio=false",
+    {"NoAudioAsked", "24.mp4 --no-audio", "frames_in=72 with_audio=false lip_sync_samples=0",
      "frames_shown=72 pattern=[3:2] dwells_unexpected=0"},
     {"NoAudioTrack", "silent.mp4 --flush-at 1s", "frames_in=72 sections=2", ""},
     {"Passthrough", "30.mp4 --passthrough", "frames_in=90",

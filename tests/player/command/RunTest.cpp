@@ -10,10 +10,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cmath>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <set>
+#include <sstream>
 
 #include "tests/player/command/CommandRunner.h"
 
@@ -77,6 +80,53 @@ TEST_F(RunTest, TheShippedScenariosPassAndTwoRunsAreTheSameToTheByte) {
         EXPECT_EQ(first, readFile(mFolder + "/second/" + name)) << name;
         EXPECT_THAT(first, HasSubstr("0.000000000 start\n"));
     }
+}
+
+/// The number after "name=" in a line of the event log.
+int64_t numberIn(const std::string& line, const std::string& name) {
+    const size_t at = line.find(" " + name + "=");
+    return at == std::string::npos ? INT64_MIN : std::stoll(line.substr(at + name.size() + 2));
+}
+
+// Until the pause the clock is right and tells where the sound begins. After it the sound goes on
+// from where it stopped, whatever the clock says.
+TEST_F(RunTest, LipSyncTellsAWrongClockFromTheSound) {
+    const std::string jump = KORVANE_SCENARIOS "/audio-latency-jump.toml";
+    ASSERT_EQ(korvaneTv({"run", jump, "--events", mFolder}).status, 0);
+    std::istringstream events(readFile(mFolder + "/audio-latency-jump.events"));
+    std::map<int64_t, int64_t> mediaUs;
+    int64_t soundUs = INT64_MIN;  // media time 0 is heard
+    int64_t pausedUs = 0;
+    int64_t resumedUs = INT64_MAX;
+    std::vector<int64_t> wrongForUs;
+    for (std::string line; std::getline(events, line);) {
+        std::istringstream words(line);
+        double seconds = 0;
+        std::string kind;
+        words >> seconds >> kind;
+        const auto us = static_cast<int64_t>(std::llround(seconds * 1e6));
+        const int64_t frame = numberIn(line, "frame");
+        const int64_t lipSync = numberIn(line, "lip_sync_us");
+        if (kind == "sent") {
+            mediaUs[frame] = numberIn(line, "media_us");
+        } else if (kind == "pause") {
+            pausedUs = us;
+        } else if (kind == "resume") {
+            resumedUs = us;
+            soundUs += resumedUs - pausedUs;
+        } else if (kind == "shown" && lipSync != INT64_MIN) {
+            const int64_t offset = numberIn(line, "offset_us");
+            soundUs = soundUs == INT64_MIN ? us - offset - mediaUs[frame] : soundUs;
+            ASSERT_NEAR(lipSync, us - mediaUs[frame] - soundUs, 5) << line;
+            EXPECT_LE(std::abs(lipSync), resumedUs < us ? 100'000 : 30'000) << line;
+            if (lipSync > 60'000) {
+                wrongForUs.push_back(us - resumedUs);
+            }
+        }
+    }
+    ASSERT_GE(wrongForUs.size(), 40U);
+    EXPECT_NEAR(wrongForUs.front(), 200'000, 100'000);
+    EXPECT_NEAR(wrongForUs.back(), 2'000'000, 100'000);
 }
 
 TEST_F(RunTest, AnotherSeedIsAnotherRunAndStillPasses) {

@@ -49,7 +49,7 @@ TEST_F(LedgerTest, EachFrameGetsOneOutcome) {
     back(1, false, false, DropReason::Late);
     inTunnel(2, BufferFate::Superseded, 7000);
     back(2, true);
-    // Nothing is said of frame 3, although a later one is accounted for.
+    // Nothing is said of frame 3, although a later one has an outcome.
     back(4, true);  // never in the tunnel: refused at show time
     inTunnel(5, BufferFate::OnScreen);
     inTunnel(6, BufferFate::DiscardedByDisconnect);
@@ -85,22 +85,24 @@ TEST_F(LedgerTest, HandedBackTwiceAndShownAfterAllCountsOnceAsShown) {
     EXPECT_EQ(frames[0].tunnelEntries, 2);
 }
 
-TEST_F(LedgerTest, SettledMeansBackOrRendered) {
+TEST_F(LedgerTest, FramesLeaveTheLibraryWhenTheyAreBackOrRendered) {
     send();
     send();
-    EXPECT_EQ(mLedger.unsettled(), 2);
+    EXPECT_EQ(mLedger.inLibrary(), 2);
     mLedger.renderTime(0, 123, 456);
     back(0, true);
-    EXPECT_EQ(mLedger.unsettled(), 1);
+    EXPECT_EQ(mLedger.inLibrary(), 1);
     EXPECT_EQ(mLedger.positionUs(), 0);
+    EXPECT_TRUE(mLedger.sectionShows());
     back(1, false);
-    EXPECT_EQ(mLedger.unsettled(), 0);
+    EXPECT_EQ(mLedger.inLibrary(), 0);
 }
 
 TEST_F(LedgerTest, TheClockSaysNothingOfFramesFromBeforeAFlush) {
     send();
     mLedger.beginSection(1);
     mLedger.renderTime(0, 123, 456);
+    EXPECT_FALSE(mLedger.sectionShows());
     EXPECT_FALSE(settle()[0].clockRealUs.has_value());
 }
 
@@ -108,25 +110,25 @@ TEST_F(LedgerTest, FramesLeaveInOrderOnceNothingCanChangeThemAnyMore) {
     for (size_t i = 0; i <= FrameLedger::kWindow; ++i) {
         back(send(), false, false, DropReason::Late);
     }
-    EXPECT_EQ(mLedger.takeSettled(0).size(), 0U) << "the tunnel still has the first";
-    const auto frames = mLedger.takeSettled(INT64_MAX);
+    EXPECT_EQ(mLedger.takeFinal(0).size(), 0U) << "the tunnel still has the first";
+    const auto frames = mLedger.takeFinal(INT64_MAX);
     ASSERT_EQ(frames.size(), 1U);
     EXPECT_EQ(frames[0].frameNo, 0);
     EXPECT_EQ(frames[0].outcome, Outcome::Dropped);
     EXPECT_EQ(mLedger.oldestSentNs(), 1001);
     back(0, true);  // comes back again, long after
-    EXPECT_EQ(mLedger.unsettled(), 0);
+    EXPECT_EQ(mLedger.inLibrary(), 0);
     EXPECT_EQ(settle().size(), FrameLedger::kWindow);
 }
 
 TEST_F(LedgerTest, AStopEndsTheAccountsOfItsOwnFramesOnly) {
     send();
     mLedger.stopped();
-    EXPECT_EQ(mLedger.unsettled(), 0);
+    EXPECT_EQ(mLedger.inLibrary(), 0);
     send();
     back(1, false, false, DropReason::Late);
     const auto frames = settle();
-    EXPECT_EQ(frames[0].outcome, Outcome::DiscardedByStop) << "in spite of the later account";
+    EXPECT_EQ(frames[0].outcome, Outcome::DiscardedByStop) << "in spite of the later outcome";
     EXPECT_EQ(frames[1].outcome, Outcome::Dropped);
 }
 

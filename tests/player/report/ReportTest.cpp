@@ -78,6 +78,8 @@ Played playbackOf(const std::vector<int>& dwells) {
             entry.firstVsync = {vsync, vsync * kVsyncNs};
             frame.clockRealUs = 70 * kVsyncNs / 1000 + frame.mediaTimeUs - 5'000;
             entry.presentationTimeUs = entry.firstVsync.timeNs / 1000;
+            frame.heardRealUs = entry.firstVsync.timeNs / 1000 - 7'000;
+            frame.heardForUs = dwell * 10'000;
         }
         frame.outcome = dwell > 0 ? Outcome::Shown : Outcome::Superseded;
         frame.record = entry;
@@ -116,6 +118,8 @@ TEST(Report, AnEvenPlaybackIsSaidToBe) {
                                        EndsWith("every buffer back.")));
     EXPECT_EQ(summary.stretches.at(0).heldAfterUs, 70 * kVsyncNs / 1000 - 1'050'000);
     EXPECT_NEAR(static_cast<double>(summary.offset.us.median), 9'166, 10);
+    EXPECT_EQ(summary.lipSync.medianUs, 7'000);
+    EXPECT_DOUBLE_EQ(summary.lipSync.secondsJudged, 1.2);
     const auto json = jsonOf(record);
     EXPECT_EQ(json.at("verdict"), summary.verdict);
     EXPECT_EQ(json.at("frames_shown"), 48);
@@ -424,10 +428,12 @@ TEST(Report, CsvLeavesEmptyWhatDoesNotApply) {
     for (const auto& frame : record.frames) {
         writer.onFrame(frame, record);
     }
-    EXPECT_THAT(csv.str(), AllOf(HasSubstr(",present_us,vsync,shown_us,dwell_vsyncs,av_offset_us,"),
-                                 HasSubstr("\n0,0,0,shown,,-1,,,-1000000,70,166666,3,5000,216666,"),
-                                 HasSubstr("\n1,41667,0,superseded,,-1,,,-1000000,,,0,,216666,"),
-                                 EndsWith("\n2,83334,0,dropped,late,-1,,,,,,,,,,,1\n")));
+    EXPECT_THAT(
+        csv.str(),
+        AllOf(HasSubstr(",present_us,vsync,shown_us,dwell_vsyncs,lip_sync_us,av_offset_us,"),
+              HasSubstr("\n0,0,0,shown,,-1,,,166666,70,166666,3,7000,5000,216666,"),
+              HasSubstr("\n1,41667,0,superseded,,-1,,,-1000000,,,0,,,216666,"),
+              EndsWith("\n2,83334,0,dropped,late,-1,,,,,,,,,,,,1\n")));
 }
 
 class BufferPoolTest : public ::testing::Test {

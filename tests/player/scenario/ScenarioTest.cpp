@@ -271,6 +271,12 @@ protected:
         stretch.heldAfterUs = 1'500'000;
         stretch.firstFrameUs = 66'000;
         mSummary.stretches = {stretch};
+        mSummary.displayHz = 60;
+        mSummary.lipSync.samples = 98;
+        mSummary.lipSync.worstUs = 95'000;
+        mSummary.lipSync.worst = {50, 2'000'000};
+        mSummary.lipSync.secondsOutsideEbu = 1.5;
+        mSummary.lipSync.secondsOutsideItuAcceptable = 0.016;
     }
     void count(Outcome outcome, int64_t frames, const FrameAt& first) {
         mSummary.outcomes[static_cast<size_t>(outcome)] = frames;
@@ -284,7 +290,8 @@ protected:
 };
 
 TEST_F(ExpectationTest, NothingIsSaidOfWhatHolds) {
-    EXPECT_THAT(check("shown = 98\ndropped_late = \"1..2\"\npattern = \"[3:2]\"\nframes = 100"),
+    EXPECT_THAT(check("shown = 98\ndropped_late = \"1..2\"\npattern = \"[3:2]\"\nframes = 100\n"
+                      "lip_sync = \"itu\"\nlip_sync_median = \"0..1ms\""),
                 IsEmpty());
 }
 
@@ -300,6 +307,10 @@ TEST_F(ExpectationTest, AFailureSaysExpectedSeenAndTheFirstFrame) {
         {"first_frame_within = \"50ms\"", "expected 0.0 ms to 50.0 ms, seen 66.0 ms"},
         {"seek_within = \"50ms\"", "seek_within: expected 0.0 ms to 50.0 ms, seen none"},
         {"offset_worst = \"-1ms..1ms\"", "no frame that could be compared"},
+        {"lip_sync = \"ebu\"",
+         "-60.0 ms to 40.0 ms, seen 1.500 s outside, worst +95.0 ms at frame 50"},
+        {"lip_sync_worst = \"80ms\"",
+         "expected 0.0 ms to 80.0 ms, seen 95.0 ms, first at frame 50"},
         {"end = \"stopped\"", "end: expected stopped, seen complete"},
     };
     for (const auto& [body, says] : cases) {

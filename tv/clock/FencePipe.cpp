@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "tv/clock/Signal.h"
+#include "tv/clock/FencePipe.h"
 
 #include <fcntl.h>
 
@@ -12,12 +12,12 @@ namespace korvane::tv {
 namespace {
 
 /// By the taker's descriptor. Never destroyed: descriptors are closed until the process has ended.
-std::vector<SignalPipe*>& takers() {
-    static auto& pipes = *new std::vector<SignalPipe*>;
+std::vector<PooledPipe*>& takers() {
+    static auto& pipes = *new std::vector<PooledPipe*>;
     return pipes;
 }
 
-void setTaker(int descriptor, SignalPipe* pipe) {
+void setTaker(int descriptor, PooledPipe* pipe) {
     const auto index = static_cast<size_t>(descriptor);
     if (index >= takers().size()) {
         takers().resize(index + 1);
@@ -35,29 +35,29 @@ int makePipe(UniqueFd* readEnd, UniqueFd* writeEnd) {
     return 0;
 }
 
-void takeBackIfOver(SignalPipe* pipe) {
-    if (!pipe->toCome && pipe->taken < 0) {
-        pipe->home.takeBack(pipe);
+void takeBackIfFree(PooledPipe* pipe) {
+    if (!pipe->pending && pipe->taken < 0) {
+        pipe->pool.takeBack(pipe);
     }
 }
 
 }  // namespace
 
-Signal::~Signal() {
-    if (mPipe == nullptr) {
-        return;  // the write end, if there is one, is closed
+FencePipe::~FencePipe() {
+    if (mPooled == nullptr) {
+        return;  // the member's destructor closes the write end
     }
-    mPipe->toCome = false;
-    if (mPipe->shown) {
-        mPipe->writeEnd.reset();
+    mPooled->pending = false;
+    if (mPooled->kernelAsked) {
+        mPooled->writeEnd.reset();
     }
-    if (mPipe->taken >= 0) {
+    if (mPooled->taken >= 0) {
         wakePollers();
     }
-    takeBackIfOver(mPipe);
+    takeBackIfFree(mPooled);
 }
 
-SignalPipes::~SignalPipes() {
+FencePipes::~FencePipes() {
     for (const auto& pipe : mPipes) {
         if (pipe->taken >= 0) {
             setTaker(pipe->taken, nullptr);
@@ -65,78 +65,78 @@ SignalPipes::~SignalPipes() {
     }
 }
 
-int SignalPipes::make(Signal* signal, int* taken) {
+int FencePipes::make(FencePipe* pipe, int* taken) {
     if (!VirtualTime::active()) {
         UniqueFd readEnd;
         UniqueFd writeEnd;
         const int result = makePipe(&readEnd, &writeEnd);
-        *signal = Signal(std::move(writeEnd));
+        *pipe = FencePipe(std::move(writeEnd));
         *taken = readEnd.release();
         return result;
     }
     if (mFree.empty()) {
-        auto pipe = std::make_unique<SignalPipe>(SignalPipe{*this, {}, {}});
-        if (const int result = makePipe(&pipe->readEnd, &pipe->writeEnd); result < 0) {
+        auto made = std::make_unique<PooledPipe>(PooledPipe{*this, {}, {}});
+        if (const int result = makePipe(&made->readEnd, &made->writeEnd); result < 0) {
             return result;
         }
-        mFree.push_back(pipe.get());
-        mPipes.push_back(std::move(pipe));
+        mFree.push_back(made.get());
+        mPipes.push_back(std::move(made));
     }
-    SignalPipe* const pipe = mFree.back();
-    const int descriptor = fcntl(pipe->readEnd.get(), F_DUPFD_CLOEXEC, 0);
+    PooledPipe* const pooled = mFree.back();
+    const int descriptor = fcntl(pooled->readEnd.get(), F_DUPFD_CLOEXEC, 0);
     if (descriptor < 0) {
         return -errno;
     }
     noteClosed(descriptor);  // if a taker of this number closed it unseen
     mFree.pop_back();
-    setTaker(descriptor, pipe);
-    pipe->taken = descriptor;
-    pipe->toCome = true;
-    *signal = Signal(pipe);
+    setTaker(descriptor, pooled);
+    pooled->taken = descriptor;
+    pooled->pending = true;
+    *pipe = FencePipe(pooled);
     *taken = descriptor;
     return 0;
 }
 
-void SignalPipes::takeBack(SignalPipe* pipe) {
-    if (!pipe->shown) {
-        mFree.push_back(pipe);
+void FencePipes::takeBack(PooledPipe* pooled) {
+    if (!pooled->kernelAsked) {
+        mFree.push_back(pooled);
         return;
     }
     mPipes.erase(std::find_if(mPipes.begin(), mPipes.end(),
-                              [pipe](const auto& other) { return other.get() == pipe; }));
+                              [pooled](const auto& other) { return other.get() == pooled; }));
 }
 
-SignalPipe* signalTakenAs(int descriptor) {
+PooledPipe* pooledPipeAt(int descriptor) {
     const auto index = static_cast<size_t>(descriptor);
     return index < takers().size() ? takers()[index] : nullptr;
 }
 
 void noteClosed(int descriptor) {
-    if (SignalPipe* const pipe = signalTakenAs(descriptor)) {
+    if (PooledPipe* const pipe = pooledPipeAt(descriptor)) {
         setTaker(descriptor, nullptr);
         pipe->taken = -1;
-        takeBackIfOver(pipe);
+        takeBackIfFree(pipe);
     }
 }
 
 void noteKernelAsked(int descriptor) {
-    SignalPipe* const pipe = signalTakenAs(descriptor);
+    PooledPipe* const pipe = pooledPipeAt(descriptor);
     if (pipe == nullptr) {
         return;
     }
-    pipe->shown = true;
-    if (!pipe->toCome) {
+    pipe->kernelAsked = true;
+    if (!pipe->pending) {
         pipe->writeEnd.reset();
     }
 }
 
-void noteKernelAsked(pollfd* descriptors, nfds_t count) {
+void noteKernelAsked(const pollfd* descriptors, nfds_t count) {
     for (nfds_t i = 0; i < count; ++i) {
         noteKernelAsked(descriptors[i].fd);
     }
 }
 
-void forgetSignalTakers() {
+void forgetPooledPipes() {
     for (size_t i = 0; i < takers().size(); ++i) {
         noteKernelAsked(static_cast<int>(i));
         noteClosed(static_cast<int>(i));
