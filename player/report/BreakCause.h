@@ -1,16 +1,34 @@
 // SPDX-License-Identifier: Apache-2.0
 // Why a frame stayed on screen for a number of vsyncs that its pattern did not want.
 //
-// The first of these that applies, from what the record tells:
+// A picture's time on screen comes from its media time in steps, and each can be looked at:
 //
-//   a pause          while the frame was on screen: asked for, so no fault
-//   a resume         a pause had ended shortly before
+//   media time -> clock's real time -> handed in, or dropped -> presentation time -> vsync
+//
+// The first of these that applies to the frame, else to the nearest one around it (a pattern finds
+// its break some frames before or after it happened):
+//
+//   pause, resume    the player stood still, or had shortly before; the pause itself is no fault
 //   underflow        the clock stood still for want of audio, now or shortly before
-//   a drop           the next frame was dropped, so this one stayed instead
-//   a late frame     this frame or the next was handed in too late
+//   drop, lost       the next frame was dropped, or never accounted for, so this one stayed instead
+//   late_frame       this frame or the next was handed in too late: late decode, no free buffer
+//   late_on_screen   the next one came on screen later than at the first vsync that it was due
+//   source_gap       frames are missing in the source: their media times leave room for more
+//   clock_moved      the clock's real times moved against the media times: a new anchor
+//   timestamps       the media times are irregular by themselves
+//
+// else, if they say nothing:
+//
+//   start, flush, mode_change, rate_change   the stretch had just begun so
+//   renderer         all that came in was regular, and the picture was on screen when the renderer
+//                    said
+//   wrong_pattern    the same, for more than a tenth of a stretch: the renderer keeps a pattern in
+//                    force that the content does not have
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <optional>
 #include <string>
 #include <vector>
@@ -19,8 +37,26 @@
 
 namespace korvane::player {
 
-enum class BreakCause { Unexplained, Pause, Resume, Underflow, Drop, LateFrame };
-constexpr int kBreakCauses = static_cast<int>(BreakCause::LateFrame) + 1;
+enum class BreakCause {
+    Unexplained,
+    Pause,
+    Resume,
+    Underflow,
+    Drop,
+    Lost,
+    LateFrame,
+    LateOnScreen,
+    SourceGap,
+    ClockMoved,
+    Timestamps,
+    Start,
+    Flush,
+    ModeChange,
+    RateChange,
+    Renderer,
+    WrongPattern
+};
+constexpr int kBreakCauses = static_cast<int>(BreakCause::WrongPattern) + 1;
 /// "late_frame".
 const char* toString(BreakCause cause);
 /// "frames handed in late", to be read after "because of".
@@ -34,17 +70,39 @@ struct DwellFacts {
     int64_t mediaTimeUs = 0;
     int64_t shownUs = 0;  ///< first vsync; of a superseded frame, when it was released
     int64_t releasedUs = 0;
-    int dwell = 0;  ///< vsyncs on screen; 0: superseded
+    std::optional<int64_t> clockUs;  ///< the clock's real time for it
+    int dwell = 0;                   ///< vsyncs on screen; 0: superseded
     bool sentLate = false;
+
+    // Of the frames after it, up to the next one that reached the tunnel.
     bool nextSentLate = false;
+    bool nextLost = false;
     std::optional<DropReason> nextDropped;
+    int64_t nextLateUs = 0;      ///< on screen so long after the vsync at which it was due
+    int64_t sourceOffUs = 0;     ///< step of the media times minus that of the content's rate
+    int64_t clockMovedUs = 0;    ///< step of the clock's times minus that of the media times
+    double contentStepUs = 0.0;  ///< of one frame
 };
 
-/// @param next  the frame handed in after it; null: there is none
-DwellFacts dwellFacts(const FrameEntry& frame, const FrameEntry* next);
+DwellFacts dwellFacts(const FrameEntry& frame);
+/// Adds what the frame handed in next tells; call for each, up to one that reached the tunnel.
+void addNext(DwellFacts* facts, const FrameEntry& next, double contentHz, double displayHz);
 
-BreakCause causeOfBreak(const DwellFacts& facts, const std::vector<ClockStop>& stops);
+/// Where a stretch began, and when.
+struct StretchStart {
+    BreakCause cause = BreakCause::Start;
+    int64_t atUs = 0;
+};
+
+struct FoundCause {
+    BreakCause cause = BreakCause::Unexplained;
+    DwellFacts where;  ///< the frame that tells it
+};
+
+/// @param at  index of the frame with the break among its neighbours
+FoundCause causeOfBreak(const std::deque<DwellFacts>& frames, size_t at,
+                        const std::vector<ClockStop>& stops, const StretchStart& start);
 /// The cause in words, with what is known of it; empty: unexplained.
-std::string tellCause(BreakCause cause, const DwellFacts& facts);
+std::string tellCause(const FoundCause& found);
 
 }  // namespace korvane::player

@@ -5,6 +5,7 @@
 #include <cmath>
 #include <cstdint>
 #include <cstdlib>
+#include <map>
 #include <numeric>
 #include <utility>
 
@@ -16,6 +17,16 @@ constexpr size_t kMaxCycleFrames = 12;
 /// A fraction is near enough when it slips at most once in ten seconds: broadcast rates beside
 /// their whole-number relatives do so every 16.7 s.
 constexpr double kMaxSlipsPerSecond = 0.1;
+/// With more slips than this, the pattern is none that a viewer or an engineer would find. Rates of
+/// 119.88 Hz beside 120 Hz slip every 8.3 s.
+constexpr double kMaxSlipsOfPattern = 0.15;
+/// What was seen is told as the shortest ratio that is true to a thousandth.
+constexpr double kRatioPrecision = 10.0;
+/// Longest cycle told as a ratio of two dwells.
+constexpr int kMaxRatioFrames = 60;
+/// A ratio is told that is true but for so many frames a second.
+constexpr double kRatioTolerance = 0.01;
+constexpr double kClearlyBetter = 1.001;
 /// Slips rarer than one a day are rounding errors of the rates.
 constexpr double kNoSlipSeconds = 86'400.0;
 
@@ -35,13 +46,33 @@ std::vector<int> evenPattern(int vsyncs, size_t frames) {
     return pattern;
 }
 
-/// Nine of ten dwells equal the one a cycle earlier.
+/// "1 and 2 vsyncs, 23:1"
+std::string ratioName(int shorter, int64_t frames, int64_t longerFrames) {
+    return std::to_string(shorter) + " and " + std::to_string(shorter + 1) + " vsyncs, " +
+           std::to_string(frames) + ":" + std::to_string(longerFrames);
+}
+
+/// The name of a cadence without a short pattern, from the vsyncs per frame.
+std::string ratioName(double vsyncsPerFrame, double contentHz) {
+    const int shorter = static_cast<int>(std::floor(vsyncsPerFrame));
+    const double longerShare = vsyncsPerFrame - shorter;
+    int frames = 1;
+    while (frames < kMaxRatioFrames &&
+           std::abs(longerShare - std::round(longerShare * frames) / frames) * contentHz >
+               kRatioTolerance) {
+        ++frames;
+    }
+    const auto longer = std::lround(longerShare * frames);
+    return ratioName(shorter, frames - longer, longer);
+}
+
+/// Nineteen of twenty dwells equal the one a cycle earlier.
 bool repeatsEvery(size_t frames, const std::vector<int>& dwells) {
     size_t repeats = 0;
     for (size_t i = 0; i + frames < dwells.size(); ++i) {
         repeats += dwells[i] == dwells[i + frames] ? 1 : 0;
     }
-    return repeats * 10 >= (dwells.size() - frames) * 9;
+    return repeats * 20 >= (dwells.size() - frames) * 19;
 }
 
 /// Of the cycles of so many frames among the first dwells, the one that fits the most dwells, so
@@ -85,7 +116,9 @@ std::string patternName(const std::vector<int>& pattern) {
 }
 
 std::string ExpectedCadence::name() const {
-    return patternName(pattern);
+    const bool shortPattern = std::abs(slipPerFrame) * contentHz <= kMaxSlipsOfPattern;
+    return pattern.empty() || shortPattern ? patternName(pattern)
+                                           : ratioName(displayHz / contentHz, contentHz);
 }
 
 double ExpectedCadence::secondsPerSlip() const {
@@ -106,7 +139,8 @@ ExpectedCadence expectedCadence(double contentHz, double displayHz) {
             continue;  // a shorter cycle, written several times over
         }
         const double slip = (cycle - vsyncs) / static_cast<double>(frames);
-        if (best.pattern.empty() || std::abs(slip) < std::abs(best.slipPerFrame)) {
+        // Of two that fit equally well the shorter one counts.
+        if (best.pattern.empty() || std::abs(slip) * kClearlyBetter < std::abs(best.slipPerFrame)) {
             best.pattern = evenPattern(vsyncs, frames);
             best.slipPerFrame = slip;
         }
@@ -127,6 +161,31 @@ std::vector<int> seenPattern(const std::vector<int>& dwells) {
         }
     }
     return {};
+}
+
+std::string seenPatternName(const std::vector<int>& dwells) {
+    const auto pattern = seenPattern(dwells);
+    if (!pattern.empty() || dwells.size() < 2 * kSteadyRunFrames) {
+        return patternName(pattern);
+    }
+    std::map<int, int64_t> frames;
+    for (const int dwell : dwells) {
+        ++frames[dwell];
+    }
+    for (const auto& [dwell, count] : frames) {
+        const auto longer = frames.find(dwell + 1);
+        if (longer == frames.end() ||
+            (count + longer->second) * 20 < static_cast<int64_t>(dwells.size()) * 19) {
+            continue;
+        }
+        const double share =
+            static_cast<double>(longer->second) / static_cast<double>(count + longer->second);
+        const bool rare =
+            std::min(count, longer->second) * 2 * kMaxRatioFrames < count + longer->second;
+        return rare ? patternName({share < 0.5 ? dwell : dwell + 1})
+                    : ratioName(dwell + share, kRatioPrecision);
+    }
+    return "";
 }
 
 bool samePattern(const std::vector<int>& left, const std::vector<int>& right) {

@@ -5,6 +5,8 @@
 // Content of f frames a second on a display of R vsyncs a second needs r = R/f vsyncs a frame. The
 // nearest short fraction p/q gives the pattern, q frames on p vsyncs; what is left over, r - p/q,
 // adds up to a slip, one vsync more or less every 1/|r - p/q| frames, which no renderer can avoid.
+// Where slips come more often than every 6 s, that pattern is never seen for long, and has no name:
+// what is told then is the two dwells and how often each comes.
 //
 //   content  display   r        pattern         slip that arithmetic demands
 //   24       60        2.5      [3:2]           none
@@ -16,6 +18,7 @@
 //   25       50        2        [2:2]           none
 //   25       60        2.4      [2:3:2:3:2]     none
 //   50       60        1.2      [1:1:2:1:1]     none
+//   48       50        1.0417   (1 and 2, 23:1) one vsync more every 0.5 s
 //
 // The dwells that were seen are compared with the pattern so that the fewest breaks remain
 // (CadenceTracker). A break is a dwell other than the one that the pattern wanted next; after it
@@ -39,12 +42,12 @@ namespace korvane::player {
 struct ExpectedCadence {
     double contentHz = 0.0;
     double displayHz = 0.0;
-    /// Vsyncs of each frame of one cycle; empty when a rate is unknown or the content's varies.
+    /// Vsyncs of each frame of one cycle; empty when a rate is unknown.
     std::vector<int> pattern;
     /// Vsyncs that each frame needs beyond the pattern's mean; negative: fewer.
     double slipPerFrame = 0.0;
 
-    /// "[3:2]", "[2:2]"; empty without a pattern.
+    /// "[3:2]", "[2:2]"; "1 and 2 vsyncs, 23:1" where no short pattern exists; empty without rates.
     std::string name() const;
     /// Seconds from one demanded slip of a whole vsync to the next; 0: none within a day.
     double secondsPerSlip() const;
@@ -81,8 +84,11 @@ struct CadenceResult {
 constexpr size_t kSteadyRunFrames = 10;
 
 /// The pattern that the dwells themselves follow, whatever was expected: the shortest cycle, of at
-/// most 12 frames, that fits nine of ten dwells; empty when there is none.
+/// most 12 frames, after which nineteen of twenty dwells repeat; empty when there is none.
 std::vector<int> seenPattern(const std::vector<int>& dwells);
+/// Its name; where there is none, the two neighbouring dwells that nineteen of twenty frames have,
+/// and their ratio; else empty.
+std::string seenPatternName(const std::vector<int>& dwells);
 
 /// True when one pattern is the other started at a different frame.
 bool samePattern(const std::vector<int>& left, const std::vector<int>& right);

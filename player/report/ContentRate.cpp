@@ -11,69 +11,146 @@ namespace {
 
 /// The file's rate is believed when the timestamps agree with it this well.
 constexpr double kRateAgreement = 0.01;
-/// Timestamps of a constant rate are rounded by at most a millisecond each way.
-constexpr double kTimestampRoundingUs = 2'000;
-/// A lost picture here and there leaves the rate constant; one step in twenty does not.
-constexpr int64_t kStepsPerOff = 20;
+/// Broadcast rates lie 0.1 % from their whole-number relatives: half of it tells them apart.
+constexpr double kBroadcastAgreement = 0.0005;
+constexpr double kBroadcastRates[] = {24 / 1.001, 24, 25,  30 / 1.001,  30, 48 / 1.001, 48, 50,
+                                      60 / 1.001, 60, 100, 120 / 1.001, 120};
+/// Timestamps are rounded to a millisecond at worst.
+constexpr double kRoundingUs = 1'000;
+/// A new rate differs at least so much.
+constexpr double kLeastChange = 0.02;
 
-/// Mean of the steps that are no gap and no repetition: those within half of the median.
-double meanStep(std::vector<int64_t> steps) {
-    std::sort(steps.begin(), steps.end());
-    const auto median = static_cast<double>(steps[steps.size() / 2]);
+double mean(const std::vector<int64_t>& steps) {
     double total = 0.0;
-    int64_t count = 0;
     for (const int64_t step : steps) {
-        if (std::abs(static_cast<double>(step) - median) <= median / 2) {
-            total += static_cast<double>(step);
-            ++count;
-        }
+        total += static_cast<double>(step);
     }
-    return count > 0 ? total / static_cast<double>(count) : 0.0;
+    return steps.empty() ? 0.0 : total / static_cast<double>(steps.size());
+}
+
+/// Steps that are no gap and no repetition: those within three quarters of the median.
+std::vector<int64_t> regular(std::vector<int64_t> steps) {
+    if (steps.empty()) {
+        return steps;
+    }
+    std::vector<int64_t> sorted = steps;
+    const auto middle = sorted.begin() + static_cast<std::ptrdiff_t>(sorted.size() / 2);
+    std::nth_element(sorted.begin(), middle, sorted.end());
+    const int64_t median = *middle;
+    steps.erase(std::remove_if(steps.begin(), steps.end(),
+                               [median](int64_t step) {
+                                   return std::abs(step - median) * 4 > std::abs(median) * 3;
+                               }),
+                steps.end());
+    return steps;
+}
+
+double meanDeviation(const std::vector<int64_t>& steps, double from) {
+    double total = 0.0;
+    for (const int64_t step : steps) {
+        total += std::abs(static_cast<double>(step) - from);
+    }
+    return steps.empty() ? 0.0 : total / static_cast<double>(steps.size());
+}
+
+/// The nearest broadcast rate, if it is near enough.
+double asBroadcast(double hz, double tolerance) {
+    double nearest = kBroadcastRates[0];
+    for (const double rate : kBroadcastRates) {
+        nearest = std::abs(rate - hz) < std::abs(nearest - hz) ? rate : nearest;
+    }
+    return std::abs(nearest - hz) <= tolerance * hz ? nearest : hz;
 }
 
 }  // namespace
 
-void ContentRate::add(int section, int64_t mediaTimeUs) {
-    if (mFrames > 0 && section == mSection) {
-        const int64_t stepUs = mediaTimeUs - mLastUs;
-        if (mDecided) {
-            compare(stepUs);
-        } else {
-            mOpeningSteps.push_back(stepUs);
+std::optional<FramePace> ContentRate::take() {
+    if (mFrames.empty()) {
+        return std::nullopt;
+    }
+    if (mInOpening == 0) {
+        if (mSpan >= 0 && !canLookAhead()) {
+            return std::nullopt;
+        }
+        if ((mSpan < 0 || changesAt(0)) && !beginSpan()) {
+            return std::nullopt;
         }
     }
-    mSection = section;
-    mLastUs = mediaTimeUs;
-    if (++mFrames == kOpeningFrames) {
-        decide();
-    }
+    mInOpening -= mInOpening > 0 ? 1 : 0;
+    mFrames.pop_front();
+    return FramePace{mSpan, mHz};
 }
 
-void ContentRate::decide() {
-    if (mDecided) {
-        return;
+bool ContentRate::beginSpan() {
+    if (!mEnded && mFrames.size() < kOpeningFrames + kLookAheadSteps + 1) {
+        return false;
     }
-    mDecided = true;
-    if (mOpeningSteps.size() >= kSteadyRunFrames) {
-        mStepUs = meanStep(mOpeningSteps);
-        const double measuredHz = mStepUs > 0.0 ? 1e6 / mStepUs : mHz;
-        mHz = std::abs(measuredHz - mHz) > kRateAgreement * measuredHz ? measuredHz : mHz;
+    const size_t most = std::min(kOpeningFrames, mFrames.size());
+    size_t frames = std::min(kLookAheadSteps, most);
+    learnStep(frames);
+    while (frames < most && !changesAt(frames)) {
+        ++frames;
+        if (frames % kLookAheadSteps == 0) {
+            learnStep(frames);
+        }
     }
-    for (const int64_t stepUs : mOpeningSteps) {
-        compare(stepUs);
+    learnStep(frames);
+    mHz = mNominalHz;
+    if (mMeanOf >= kSteadyRunFrames && mStepUs > 0.0) {
+        const double measuredHz = 1e6 / mStepUs;
+        const bool agrees = std::abs(measuredHz - mNominalHz) <= kRateAgreement * measuredHz;
+        const double rounding = kRoundingUs / (mStepUs * static_cast<double>(mMeanOf));
+        mHz =
+            agrees ? mNominalHz : asBroadcast(measuredHz, std::max(kBroadcastAgreement, rounding));
     }
-    mOpeningSteps = {};
+    mInOpening = frames;
+    ++mSpan;
+    return true;
 }
 
-void ContentRate::compare(int64_t stepUs) {
-    if (mStepUs > 0.0) {
-        ++mSteps;
-        mStepsOff += std::abs(static_cast<double>(stepUs) - mStepUs) > kTimestampRoundingUs ? 1 : 0;
-    }
+/// From the first frames that wait.
+void ContentRate::learnStep(size_t frames) {
+    const auto opening = regular(steps(0, frames));
+    mStepUs = mean(opening);
+    mMeanOf = std::max<size_t>(opening.size(), 1);
 }
 
-bool ContentRate::varies() const {
-    return mStepsOff * kStepsPerOff > mSteps;
+/// Whether a span of another rate begins with this frame.
+bool ContentRate::changesAt(size_t frame) const {
+    const auto next = steps(frame, kLookAheadSteps);
+    if (mStepUs <= 0.0 || next.size() < kLookAheadSteps) {
+        return false;
+    }
+    const auto half = next.begin() + kLookAheadSteps / 2;
+    const auto whole = regular(next);
+    const double step = mean(whole);
+    const double first = mean(regular({next.begin(), half}));
+    const double second = mean(regular({half, next.end()}));
+    // Timestamps that are off by up to J move a mean by less than this, in each half and in both.
+    // The span's own mean has the same trouble, the less the more steps it is taken from.
+    const double unrest = 4.0 * meanDeviation(whole, step) *
+                          (1.0 / kLookAheadSteps + 1.0 / static_cast<double>(mMeanOf));
+    const double least = std::max(kLeastChange * mStepUs, unrest);
+    const double direction = step > mStepUs ? 1.0 : -1.0;
+    const auto changed = [&](double by) { return (by - mStepUs) * direction > least; };
+    const auto own = static_cast<double>(next.front());
+    return changed(step) && changed(first) && changed(second) &&
+           std::abs(own - step) < std::abs(own - mStepUs);
+}
+
+bool ContentRate::canLookAhead() const {
+    return mEnded || mFrames.size() > kLookAheadSteps;
+}
+
+/// The steps of so many frames from one on to the next, as far as their section goes.
+std::vector<int64_t> ContentRate::steps(size_t from, size_t count) const {
+    std::vector<int64_t> found;
+    for (size_t i = from; i < from + count && i + 1 < mFrames.size(); ++i) {
+        if (mFrames[i].section == mFrames[i + 1].section) {
+            found.push_back(mFrames[i + 1].mediaTimeUs - mFrames[i].mediaTimeUs);
+        }
+    }
+    return found;
 }
 
 }  // namespace korvane::player

@@ -46,6 +46,8 @@ const char* toString(Grade grade) {
             return "broken_off";
         case Grade::Interrupted:
             return "interrupted";
+        case Grade::Faulty:
+            return "faulty";
         case Grade::OutOfSync:
             return "out_of_sync";
         case Grade::Uneven:
@@ -110,16 +112,17 @@ bool isEven(const Summary& summary) {
 
 bool isInSync(const LipSync& sync) {
     const double share =
-        sync.secondsJudged > 0.0 ? sync.secondsOutsideEbu / sync.secondsJudged : 0.0;
+        sync.secondsJudged > 0.0 ? sync.secondsOutsideItuDetectable / sync.secondsJudged : 0.0;
     return share <= kOutsideShareOfShort &&
-           (sync.secondsOutsideEbu <= kOutsideSeconds || share <= kOutsideShare);
+           (sync.secondsOutsideItuDetectable <= kOutsideSeconds || share <= kOutsideShare);
 }
 
 bool isComplete(EndCause end) {
     return end == EndCause::Complete || end == EndCause::Stopped;
 }
 
-Grade gradeOf(EndCause end, const Summary& summary) {
+Grade gradeOf(const PlaybackRecord& record, const Summary& summary) {
+    const EndCause end = record.end;
     if (summary.stretches.empty()) {
         return Grade::NothingShown;
     }
@@ -131,6 +134,9 @@ Grade gradeOf(EndCause end, const Summary& summary) {
     }
     if (end == EndCause::Interrupted) {
         return Grade::Interrupted;
+    }
+    if (!summary.accounted() || record.overwrittenOnScreen > 0) {
+        return Grade::Faulty;
     }
     if (!isInSync(summary.lipSync)) {
         return Grade::OutOfSync;

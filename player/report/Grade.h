@@ -7,8 +7,10 @@
 //   stalled         nothing moved any more
 //   broken_off      the file breaks off
 //   interrupted     somebody ended it; a stop at a time asked for is none
-//   out_of_sync     lip-sync outside EBU R37 for more than a second and a thousandth of the time,
-//                   or for more than a twentieth of it
+//   faulty          a frame or a buffer without an account, or a picture overwritten on screen
+//   out_of_sync     lip-sync where viewers notice it (ITU-R BT.1359-1: sound more than 45 ms early
+//                   or 125 ms late) for more than a second and a thousandth of the time, or for
+//                   more than a twentieth of it
 //   uneven          a dwell that the rates do not demand, but for those that the player asked for
 //                   (a pause), or a frame dropped that could have been shown
 //   too_short       no stretch of at least ten frames whose rate is known
@@ -44,6 +46,6 @@ bool isInSync(const LipSync& sync);
 bool isComplete(EndCause end);
 
 /// @param summary  with all but the verdict and what belongs to it
-Grade gradeOf(EndCause end, const Summary& summary);
+Grade gradeOf(const PlaybackRecord& record, const Summary& summary);
 
 }  // namespace korvane::player

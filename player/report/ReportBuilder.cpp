@@ -23,31 +23,39 @@ double ReportBuilder::trueHz(double nominalHz) const {
 }
 
 /// Where audio leads the clock, its drift makes pictures come faster or slower.
-ExpectedCadence ReportBuilder::expectedOn(double displayHz) const {
+ExpectedCadence ReportBuilder::expectedFor(double contentHz, double displayHz) const {
     const bool audioLeads = mPlan.withAudio && !mPlan.passthrough;
     const double speed = audioLeads ? 1.0 + mPlan.audio.driftPpm * 1e-6 : 1.0;
-    return expectedCadence(mRate.hz() * speed, displayHz);
+    return expectedCadence(contentHz * speed, displayHz);
 }
 
 void ReportBuilder::onFrame(const FrameEntry& frame, const PlaybackRecord& soFar) {
     ++mSummary.framesIn;
     mRate.add(frame.section, frame.mediaTimeUs);
     mWaiting.push_back(frame);
-    while (mRate.decided() && mWaiting.size() > 1) {
-        process(mWaiting[0], &mWaiting[1], soFar);
+    processKnown(soFar);
+}
+
+void ReportBuilder::processKnown(const PlaybackRecord& soFar) {
+    while (const auto pace = mRate.take()) {
+        process({mWaiting.front(), *pace}, soFar);
         mWaiting.pop_front();
     }
 }
 
 Summary ReportBuilder::finish(const PlaybackRecord& record) {
-    mRate.decide();
-    for (; !mWaiting.empty(); mWaiting.pop_front()) {
-        process(mWaiting[0], mWaiting.size() > 1 ? &mWaiting[1] : nullptr, record);
-    }
+    mRate.end();
+    processKnown(record);
     endStretch(record);
-    mSummary.contentHz = mRate.hz();
-    mSummary.variableRate = mRate.varies();
-    mSummary.expected = mRate.varies() ? ExpectedCadence{} : expectedOn(mSummary.displayHz);
+    int64_t most = 0;
+    for (const auto& [hz, frames] : mFramesByHz) {
+        if (frames > most) {
+            most = frames;
+            mSummary.contentHz = hz;
+        }
+    }
+    mSummary.variableRate = mFramesByHz.size() > 1;
+    mSummary.expected = expectedFor(mSummary.contentHz, mSummary.displayHz);
     mSummary.lipSync = mLipSync.result();
     mSummary.offset = mOffsets.report();
     mSummary.longestResume = mResumes.longest();
@@ -57,28 +65,37 @@ Summary ReportBuilder::finish(const PlaybackRecord& record) {
     return mSummary;
 }
 
-void ReportBuilder::process(const FrameEntry& frame, const FrameEntry* next,
-                            const PlaybackRecord& soFar) {
-    followStretches(frame, soFar);
-    mStretch->add(frame, next, soFar);
-    count(frame, soFar);
+void ReportBuilder::process(const PacedFrame& paced, const PlaybackRecord& soFar) {
+    ++mFramesByHz[paced.pace.hz];
+    followStretches(paced, soFar);
+    mStretch->add(paced.frame, soFar);
+    count(paced.frame, soFar);
 }
 
-/// A frame of a new section, or the first one on screen at a new display rate, begins a stretch.
-void ReportBuilder::followStretches(const FrameEntry& frame, const PlaybackRecord& soFar) {
+/// A frame of a new section, the first one of a new content rate, or the first one on screen at a
+/// new display rate begins a stretch.
+void ReportBuilder::followStretches(const PacedFrame& paced, const PlaybackRecord& soFar) {
+    const FrameEntry& frame = paced.frame;
+    const double displayHz = mStretch ? mStretch->displayHz() : mSummary.displayHz;
     if (!mStretch || frame.section != mStretch->section()) {
-        const double hz = mStretch ? mStretch->displayHz() : mSummary.displayHz;
-        endStretch(soFar);
-        mStretch.emplace(frame.section, hz, expectedOn(hz));
+        beginStretch(paced, StretchBegin::Section, displayHz, -1, soFar);
+    } else if (paced.pace.span != mSpan) {
+        beginStretch(paced, StretchBegin::RateChange, displayHz, -1, soFar);
     }
     const auto& changes = mPlan.modeChanges;
     while (frame.outcome == Outcome::Shown && mModeChanges < changes.size() &&
            frame.record->firstVsync.timeNs >= soFar.startNs + changes[mModeChanges].atUs * 1000) {
         const ModeChange& change = changes[mModeChanges++];
-        const double hz = trueHz(change.rateHz);
-        endStretch(soFar);
-        mStretch.emplace(frame.section, hz, expectedOn(hz), soFar.startNs / 1000 + change.atUs);
+        beginStretch(paced, StretchBegin::ModeChange, trueHz(change.rateHz),
+                     soFar.startNs / 1000 + change.atUs, soFar);
     }
+}
+
+void ReportBuilder::beginStretch(const PacedFrame& paced, StretchBegin begin, double displayHz,
+                                 int64_t beganUs, const PlaybackRecord& soFar) {
+    endStretch(soFar);
+    mSpan = paced.pace.span;
+    mStretch.emplace(paced.frame.section, begin, expectedFor(paced.pace.hz, displayHz), beganUs);
 }
 
 void ReportBuilder::endStretch(const PlaybackRecord& soFar) {
@@ -135,18 +152,8 @@ void ReportBuilder::countLipSync(const FrameEntry& frame, const FrameAt& shown) 
     }
 }
 
-/// Adds up what the stretches say of the cadence; where the rate varies there is none.
 void ReportBuilder::sumUpStretches() {
-    for (auto& stretch : mSummary.stretches) {
-        if (mSummary.variableRate) {
-            stretch.expected = ExpectedCadence{};
-            stretch.cadence = CadenceResult{};
-            stretch.heldAfterUs = -1;
-            stretch.breaks.clear();
-            stretch.causes.clear();
-            stretch.disturbances = 0;
-            stretch.unjudged.clear();
-        }
+    for (const auto& stretch : mSummary.stretches) {
         mSummary.byArithmetic += static_cast<int64_t>(stretch.cadence.byArithmetic);
         mSummary.unexpected += static_cast<int64_t>(stretch.cadence.unexpected);
         mSummary.disturbances += stretch.disturbances;

@@ -8,12 +8,13 @@
 //            ResumeTimer
 //         -> counts            outcomes, drops, dwells, buffers
 //
-// Each frame is added up at once, so that a day needs no more memory than a minute. The last frame
-// always waits for the one after it, which may be the cause of its dwell.
+// Each frame is added up as soon as its rate is known, so that a day needs no more memory than a
+// minute.
 #pragma once
 
 #include <cstdint>
 #include <deque>
+#include <map>
 #include <optional>
 
 #include "player/report/ClockTimes.h"
@@ -34,10 +35,17 @@ public:
     Summary finish(const PlaybackRecord& record);
 
 private:
+    struct PacedFrame {
+        FrameEntry frame;
+        FramePace pace;
+    };
     double trueHz(double nominalHz) const;
-    ExpectedCadence expectedOn(double displayHz) const;
-    void process(const FrameEntry& frame, const FrameEntry* next, const PlaybackRecord& soFar);
-    void followStretches(const FrameEntry& frame, const PlaybackRecord& soFar);
+    ExpectedCadence expectedFor(double contentHz, double displayHz) const;
+    void processKnown(const PlaybackRecord& soFar);
+    void process(const PacedFrame& paced, const PlaybackRecord& soFar);
+    void followStretches(const PacedFrame& paced, const PlaybackRecord& soFar);
+    void beginStretch(const PacedFrame& paced, StretchBegin begin, double displayHz,
+                      int64_t beganUs, const PlaybackRecord& soFar);
     void endStretch(const PlaybackRecord& soFar);
     void count(const FrameEntry& frame, const PlaybackRecord& soFar);
     void countShown(const FrameEntry& frame, const PlaybackRecord& soFar);
@@ -47,7 +55,9 @@ private:
     const PlaybackPlan& mPlan;
     Summary mSummary;
     ContentRate mRate;
-    std::deque<FrameEntry> mWaiting;  ///< until the rate is known; then the last frame alone
+    std::deque<FrameEntry> mWaiting;  ///< until their rate is known
+    int mSpan = 0;                    ///< of the content's rate, in which the stretch lies
+    std::map<double, int64_t> mFramesByHz;
     std::optional<StretchBuilder> mStretch;
     size_t mModeChanges = 0;  ///< of the plan's, that have come
     LipSyncCounter mLipSync;

@@ -63,6 +63,9 @@ void addCadence(Json* json, const Summary& summary) {
     to["dwells_by_arithmetic"] = summary.byArithmetic;
     to["dwells_unexpected"] = summary.unexpected;
     to["dwells_unexpected_explained"] = summary.explained();
+    for (const auto& [cause, dwells] : summary.causes) {
+        to[fmt::format("dwells_unexpected_{}", toString(cause))] = dwells;
+    }
     to["disturbances"] = summary.disturbances;
     // Published as "sections", for flushes were all that ended a stretch.
     to["sections"] = summary.stretches.size();

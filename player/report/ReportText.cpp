@@ -48,7 +48,7 @@ void printRates(std::ostream& out, const PlaybackRecord& record, const Summary& 
     const bool drifts = !summary.expected.pattern.empty() && played != rate(summary.contentHz);
     line(out, "rates",
          fmt::format("content {}{} ({}){}, display {}", describeRate(summary.contentHz, "fps"),
-                     summary.variableRate ? " on average, varying" : "", describeMedia(record),
+                     summary.variableRate ? " and other rates" : "", describeMedia(record),
                      drifts ? ", " + played + " with audio" : "",
                      describeRate(summary.displayHz, "Hz")));
 }
@@ -72,9 +72,10 @@ void printPatterns(std::ostream& out, const Summary& summary) {
     for (size_t i = 0; i < summary.stretches.size(); ++i) {
         const StretchReport& stretch = summary.stretches[i];
         line(out,
-             i == 0               ? "pattern"
-             : stretch.modeChange ? "  at " + rate(stretch.displayHz)
-                                  : "  flushed",
+             i == 0                                      ? "pattern"
+             : stretch.begin == StretchBegin::ModeChange ? "  at " + rate(stretch.displayHz)
+             : stretch.begin == StretchBegin::RateChange ? rate(stretch.expected.contentHz) + " fps"
+                                                         : "  flushed",
              describePattern(stretch));
     }
 }
@@ -100,12 +101,22 @@ std::string describeSlips(const ExpectedCadence& expected) {
                        steps > 1 ? fmt::format(" in up to {} steps", steps) : "");
 }
 
+/// " = drop 3 + pause 1", the causes of unexpected dwells.
+std::string describeCauses(const Summary& summary) {
+    std::vector<std::string> texts;
+    for (const auto& [cause, dwells] : summary.causes) {
+        texts.push_back(fmt::format("{} {}", inWords(toString(cause)), dwells));
+    }
+    return texts.empty() ? "" : fmt::format(" = {}", fmt::join(texts, " + "));
+}
+
 void printDwell(std::ostream& out, const Summary& summary) {
     const std::string text = describeDwells(summary.dwells);
     line(out, "dwell", (text.empty() ? "nothing shown" : text + " (vsyncs)"));
-    line(out, "",
-         fmt::format("by arithmetic: {}, {} seen; unexpected: {}", describeSlips(summary.expected),
-                     summary.byArithmetic, summary.unexpected));
+    line(
+        out, "",
+        fmt::format("by arithmetic: {}, {} seen; unexpected: {}{}", describeSlips(summary.expected),
+                    summary.byArithmetic, summary.unexpected, describeCauses(summary)));
     if (!summary.unjudged.empty()) {
         line(out, "",
              "not judged (waited for audio, a flush or the end, or too few): " +
@@ -137,7 +148,7 @@ void printBreaks(std::ostream& out, const Summary& summary) {
 void printStart(std::ostream& out, const Summary& summary) {
     for (size_t i = 0; i < summary.stretches.size(); ++i) {
         const StretchReport& stretch = summary.stretches[i];
-        if (stretch.modeChange) {
+        if (stretch.begin != StretchBegin::Section) {
             continue;
         }
         std::string text = fmt::format("first frame {} after {}", seconds(stretch.firstFrameUs),

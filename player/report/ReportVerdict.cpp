@@ -149,7 +149,7 @@ std::string howOften(const Summary& summary) {
     const int64_t dwells = std::accumulate(
         summary.stretches.begin(), summary.stretches.end(), int64_t{0},
         [](int64_t sum, const auto& s) { return sum + static_cast<int64_t>(s.dwells); });
-    if (summary.unexpected * 2 > dwells) {
+    if (summary.unexpected * 2 > dwells || avoidableDrops(summary) * 2 > summary.framesIn) {
         return " throughout";
     }
     const auto perMinute = static_cast<int64_t>(
@@ -179,9 +179,9 @@ std::string because(const Summary& summary) {
 }
 
 std::string describeLipSync(const LipSync& sync) {
-    return fmt::format("sound {} {} at worst, outside EBU R37 for {:.1f} of {:.1f} s",
+    return fmt::format("sound {} {} at worst, noticeable (ITU-R BT.1359-1) for {:.1f} of {:.1f} s",
                        milliseconds(std::abs(sync.worstUs)), sync.worstUs > 0 ? "early" : "late",
-                       sync.secondsOutsideEbu, sync.secondsJudged);
+                       sync.secondsOutsideItuDetectable, sync.secondsJudged);
 }
 
 std::string describePlayback(const PlaybackRecord& record, const Summary& summary) {
@@ -196,6 +196,8 @@ std::string describePlayback(const PlaybackRecord& record, const Summary& summar
                                seconds(record.brokeOffAtUs), describeCadence(summary));
         case Grade::Interrupted:
             return "Interrupted: until then " + describeCadence(summary);
+        case Grade::Faulty:
+            return "FAULT: " + faults(record, summary) + "; " + describeCadence(summary);
         case Grade::OutOfSync:
             return "Out of sync: " + describeLipSync(summary.lipSync) + "; " +
                    describeCadence(summary);
@@ -203,16 +205,15 @@ std::string describePlayback(const PlaybackRecord& record, const Summary& summar
             return "Uneven" + howOften(summary) + because(summary) + ": " +
                    describeCadence(summary);
         case Grade::TooShort:
-            return summary.variableRate
-                       ? "Played; the content's rate varies, so there is no pattern to keep"
-                       : "Played; too short to tell a pattern";
+            return "Played; too short to tell a pattern";
         case Grade::AsRatesAllow:
             return "As even as the rates allow" + demanded(summary, ", ") + ": " +
                    describeCadence(summary);
         case Grade::Even:
             break;
     }
-    return "Even: " + describeCadence(summary);
+    return "Even: " + describeCadence(summary) +
+           (summary.byArithmetic > 0 ? demanded(summary, " but for ") : "");
 }
 
 std::string verdictOf(const PlaybackRecord& record, const Summary& summary) {
@@ -223,9 +224,12 @@ std::string verdictOf(const PlaybackRecord& record, const Summary& summary) {
     if (summary.grade == Grade::NothingShown && !summary.complete) {
         text += fmt::format(" ({})", inWords(toString(record.end)));
     }
+    if (summary.grade == Grade::Faulty) {
+        return text + ".";
+    }
     const std::string wrong = faults(record, summary);
     return wrong.empty() ? text + "; every frame accounted for, every buffer back."
-                         : "FAULT: " + wrong + ". " + text + ".";
+                         : text + ". FAULT: " + wrong + ".";
 }
 
 }  // namespace
@@ -239,7 +243,7 @@ void giveVerdict(const PlaybackRecord& record, Summary* summary) {
     summary->even = isEven(*summary);
     summary->inSync = isInSync(summary->lipSync);
     summary->complete = isComplete(record.end);
-    summary->grade = gradeOf(record.end, *summary);
+    summary->grade = gradeOf(record, *summary);
     summary->verdict = verdictOf(record, *summary);
 }
 

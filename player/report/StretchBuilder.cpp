@@ -9,29 +9,29 @@ namespace {
 
 /// Breaks kept one by one; the rest is only counted.
 constexpr size_t kKeptBreaks = 100;
-/// Dwells from which the pattern that was seen is read.
+/// The last dwells, from which the pattern that was seen is read.
 constexpr size_t kPatternDwells = 512;
+/// Frames kept before the first undecided one.
+constexpr size_t kKeptFacts = 16;
+static_assert(kKeptFacts >= kSteadyRunFrames);
 /// A viewer sees breaks that follow each other so closely as one.
 constexpr int64_t kOneDisturbanceUs = 1'000'000;
 
 }  // namespace
 
-StretchBuilder::StretchBuilder(int section, double displayHz, const ExpectedCadence& expected)
-    : mTracker(expected) {
+StretchBuilder::StretchBuilder(int section, StretchBegin begin, const ExpectedCadence& expected,
+                               int64_t beganUs)
+    : mTracker(expected), mBeganUs(beganUs) {
     mReport.section = section;
-    mReport.displayHz = displayHz;
+    mReport.begin = begin;
+    mReport.displayHz = expected.displayHz;
     mReport.expected = expected;
 }
 
-StretchBuilder::StretchBuilder(int section, double displayHz, const ExpectedCadence& expected,
-                               int64_t modeChangedUs)
-    : StretchBuilder(section, displayHz, expected) {
-    mReport.modeChange = true;
-    mModeChangedUs = modeChangedUs;
-}
-
-void StretchBuilder::add(const FrameEntry& frame, const FrameEntry* next,
-                         const PlaybackRecord& soFar) {
+void StretchBuilder::add(const FrameEntry& frame, const PlaybackRecord& soFar) {
+    if (!mPending.empty()) {
+        addNext(&mPending.back(), frame, mReport.expected.contentHz, mReport.expected.displayHz);
+    }
     const bool shown = frame.outcome == Outcome::Shown;
     if (shown) {
         noteStart(frame.record->firstVsync.timeNs / 1000, soFar);
@@ -48,7 +48,7 @@ void StretchBuilder::add(const FrameEntry& frame, const FrameEntry* next,
         }
         mPending.clear();
     }
-    mPending.push_back(dwellFacts(frame, next));
+    mPending.push_back(dwellFacts(frame));
 }
 
 void StretchBuilder::noteStart(int64_t shownUs, const PlaybackRecord& soFar) {
@@ -64,14 +64,15 @@ void StretchBuilder::noteStart(int64_t shownUs, const PlaybackRecord& soFar) {
 void StretchBuilder::addToCadence(const DwellFacts& facts, const PlaybackRecord& soFar) {
     mReport.firstByDwell.emplace(facts.dwell,
                                  FrameAt{facts.frameNo, facts.shownUs - soFar.startNs / 1000});
-    if (mFirstDwells.size() < kPatternDwells) {
-        mFirstDwells.push_back(facts.dwell);
+    mLastDwells.push_back(facts.dwell);
+    if (mLastDwells.size() > kPatternDwells) {
+        mLastDwells.pop_front();
     }
     mFacts.push_back(facts);
     takeBreaks(mTracker.add(facts.dwell), soFar);
     noteWhenHeld();
-    // A run that is not yet long enough to hold began at most so many dwells ago.
-    while (mFactsFrom + kSteadyRunFrames < mTracker.decided()) {
+    // A run that is not yet long enough to hold, or a cause, began at most so many dwells ago.
+    while (mFactsFrom + kKeptFacts < mTracker.decided()) {
         mFacts.pop_front();
         ++mFactsFrom;
     }
@@ -87,14 +88,30 @@ void StretchBuilder::takeBreaks(const std::vector<DwellBreak>& breaks,
             continue;
         }
         const DwellFacts& facts = mFacts[found.index - mFactsFrom];
-        const BreakCause cause = causeOfBreak(facts, soFar.clockStops);
-        countCause(cause, facts.shownUs);
+        const FoundCause cause =
+            causeOfBreak(mFacts, found.index - mFactsFrom, soFar.clockStops, start(soFar));
+        countCause(cause.cause, facts.shownUs);
         if (mReport.breaks.size() < kKeptBreaks) {
             mReport.breaks.push_back({facts.frameNo, facts.mediaTimeUs,
                                       facts.shownUs - soFar.startNs / 1000, found.dwell,
-                                      found.expected, tellCause(cause, facts)});
+                                      found.expected, tellCause(cause)});
         }
     }
+}
+
+/// With audio, the pattern cannot hold before it has started.
+StretchStart StretchBuilder::start(const PlaybackRecord& soFar) const {
+    switch (mReport.begin) {
+        case StretchBegin::ModeChange:
+            return {BreakCause::ModeChange, std::max(mBeganUs, mFirstShownUs)};
+        case StretchBegin::RateChange:
+            return {BreakCause::RateChange, mFirstShownUs};
+        case StretchBegin::Section:
+            break;
+    }
+    const Section& section = soFar.sections[static_cast<size_t>(mReport.section)];
+    return {mReport.section == 0 ? BreakCause::Start : BreakCause::Flush,
+            std::max(mFirstShownUs, section.audioStartedRealUs)};
 }
 
 void StretchBuilder::countCause(BreakCause cause, int64_t shownUs) {
@@ -136,11 +153,28 @@ void StretchBuilder::reportCadence() {
         mReport.causes.clear();
         mReport.disturbances = 0;
     }
-    const auto seen = seenPattern(mFirstDwells);
-    const bool asExpected = mReport.cadence.held || samePattern(seen, mReport.expected.pattern);
-    mReport.seen = asExpected ? mReport.expected.name() : patternName(seen);
+    nameWrongPattern();
+    const std::vector<int> last(mLastDwells.begin(), mLastDwells.end());
+    const CadenceResult& cadence = mReport.cadence;
+    // Ten frames in step, and then none, is not what was seen.
+    const bool mostlyInStep =
+        cadence.held && cadence.inStep * 10 >= (mReport.dwells - cadence.heldFrom) * 9;
+    const bool asExpected =
+        mostlyInStep || samePattern(seenPattern(last), mReport.expected.pattern);
+    mReport.seen = asExpected ? mReport.expected.name() : seenPatternName(last);
     if (!mReport.breaks.empty()) {
         mReport.firstOut = {mReport.breaks.front().frameNo, mReport.breaks.front().shownUs};
+    }
+}
+
+/// What the renderer chooses once is a choice; what it chooses all the time is a pattern.
+void StretchBuilder::nameWrongPattern() {
+    constexpr int64_t kDwellsPerChoice = 10;
+    const auto chosen = mReport.causes.find(BreakCause::Renderer);
+    if (chosen != mReport.causes.end() &&
+        chosen->second * kDwellsPerChoice > static_cast<int64_t>(mReport.dwells)) {
+        mReport.causes[BreakCause::WrongPattern] = chosen->second;
+        mReport.causes.erase(chosen);
     }
 }
 
@@ -149,8 +183,8 @@ void StretchBuilder::reportHeldAfter(const PlaybackRecord& soFar) {
         return;
     }
     const Section& section = soFar.sections[static_cast<size_t>(mReport.section)];
-    mReport.afterAudio = !mReport.modeChange && section.audioStartedRealUs >= 0;
-    const int64_t sinceUs = mReport.modeChange   ? mModeChangedUs
+    mReport.afterAudio = mReport.begin == StretchBegin::Section && section.audioStartedRealUs >= 0;
+    const int64_t sinceUs = mBeganUs >= 0        ? mBeganUs
                             : mReport.afterAudio ? section.audioStartedRealUs
                                                  : mFirstShownUs;
     mReport.heldAfterUs = std::max<int64_t>(mHeldShownUs - sinceUs, 0);
@@ -162,7 +196,7 @@ void StretchBuilder::countUnjudged() {
         ++mOutside[facts.dwell];
     }
     if (!mReport.judged()) {
-        for (const int dwell : mFirstDwells) {
+        for (const int dwell : mLastDwells) {
             ++mOutside[dwell];
         }
     } else if (mOffAtStart) {

@@ -4,7 +4,7 @@
 //
 // A frame's dwell counts for the cadence but for two kinds of frames, whose dwell says nothing
 // about it: one that was shown at once stays until audio comes, and the last one on screen stays
-// until the flush, the change of the display's rate or stop. So the last frame waits here, with
+// until the flush, a change of a rate or stop. So the last frame waits here, with
 // those superseded after it, until a next one is shown.
 #pragma once
 
@@ -23,17 +23,14 @@ namespace korvane::player {
 
 class StretchBuilder {
 public:
-    /// A stretch that begins with its section.
-    StretchBuilder(int section, double displayHz, const ExpectedCadence& expected);
-    /// A stretch that begins where the display changes its rate, at this monotonic time.
-    StretchBuilder(int section, double displayHz, const ExpectedCadence& expected,
-                   int64_t modeChangedUs);
+    /// @param beganUs  the monotonic time of a change of the display's rate; else not used
+    StretchBuilder(int section, StretchBegin begin, const ExpectedCadence& expected,
+                   int64_t beganUs);
 
     int section() const { return mReport.section; }
-    double displayHz() const { return mReport.displayHz; }
+    double displayHz() const { return mReport.expected.displayHz; }
 
-    /// @param next  the frame handed in after it; null: there is none
-    void add(const FrameEntry& frame, const FrameEntry* next, const PlaybackRecord& soFar);
+    void add(const FrameEntry& frame, const PlaybackRecord& soFar);
     /// Call once, after the last frame.
     /// @return nothing for a stretch in which no frame was shown
     std::optional<StretchReport> finish(const PlaybackRecord& soFar);
@@ -41,8 +38,10 @@ public:
 private:
     void noteStart(int64_t shownUs, const PlaybackRecord& soFar);
     void addToCadence(const DwellFacts& facts, const PlaybackRecord& soFar);
+    StretchStart start(const PlaybackRecord& soFar) const;
     void takeBreaks(const std::vector<DwellBreak>& breaks, const PlaybackRecord& soFar);
     void countCause(BreakCause cause, int64_t shownUs);
+    void nameWrongPattern();
     void noteWhenHeld();
     void reportCadence();
     void reportHeldAfter(const PlaybackRecord& soFar);
@@ -50,11 +49,11 @@ private:
 
     StretchReport mReport;
     CadenceTracker mTracker;
-    int64_t mModeChangedUs = -1;  ///< times here are monotonic; -1: not so, or not yet
+    const int64_t mBeganUs;  ///< times here are monotonic; -1: not so, or not yet
     int64_t mFirstShownUs = -1;
     int64_t mHeldShownUs = -1;
     int64_t mLastBreakUs = -1;
-    std::vector<int> mFirstDwells;
+    std::deque<int> mLastDwells;
     std::optional<int> mOffAtStart;  ///< the first dwell, where it does not fit for being the first
     std::map<int, int64_t> mOutside;   ///< dwells that the cadence leaves out, and how many
     std::vector<DwellFacts> mPending;  ///< the last frame on screen and those superseded after it

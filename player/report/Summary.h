@@ -5,7 +5,8 @@
 // outcomes and the sync clock's times; nothing is guessed. Texts, files and expectations read it.
 //
 // A section, which playback counts, lies between two flushes. A stretch lies inside a section and
-// also ends where the display changes its rate: each stretch has one expected pattern.
+// also ends where the display or the content changes its rate: each stretch has one expected
+// pattern.
 #pragma once
 
 #include <array>
@@ -29,6 +30,7 @@ enum class Grade {
     Stalled,
     BrokenOff,
     Interrupted,
+    Faulty,
     OutOfSync,
     Uneven,
     TooShort,
@@ -54,10 +56,17 @@ struct ReportedBreak {
     std::string cause;  ///< what happened there as far as the record tells; may be empty
 };
 
-/// Playback without a flush and without a change of the display's rate.
+/// Where a stretch begins.
+enum class StretchBegin {
+    Section,
+    ModeChange,  ///< the display changes its rate
+    RateChange   ///< the content changes its rate
+};
+
+/// Playback without a flush and without a change of the display's or the content's rate.
 struct StretchReport {
-    int section = 0;          ///< index into the record's sections
-    bool modeChange = false;  ///< begins with a change of the display's rate
+    int section = 0;  ///< index into the record's sections
+    StretchBegin begin = StretchBegin::Section;
     double displayHz = 0.0;
     ExpectedCadence expected;
     FrameAt firstOut;            ///< first frame off the pattern
@@ -66,10 +75,10 @@ struct StretchReport {
     /// From audio start, else from the first frame, else from the change of the display's rate,
     /// until the pattern held; -1: it did not.
     int64_t heldAfterUs = -1;
-    bool afterAudio = false;               ///< `heldAfterUs` counts from audio start
-    std::string seen;                      ///< pattern that the first dwells follow; empty: none
-    CadenceResult cadence;                 ///< all 0 unless `judged`
-    std::vector<ReportedBreak> breaks;     ///< the first unexpected ones
+    bool afterAudio = false;            ///< `heldAfterUs` counts from audio start
+    std::string seen;                   ///< what the dwells follow, as in Cadence.h; empty: nothing
+    CadenceResult cadence;              ///< all 0 unless `judged`
+    std::vector<ReportedBreak> breaks;  ///< the first unexpected ones
     std::map<BreakCause, int64_t> causes;  ///< of all unexpected dwells
     int64_t disturbances = 0;  ///< those at most a second apart, and not asked for, count as one
     size_t dwells = 0;         ///< frames that took part in the cadence
@@ -95,10 +104,10 @@ struct OffsetReport {
 };
 
 struct Summary {
-    double contentHz = 0.0;
-    double displayHz = 0.0;  ///< at the start, with its drift
-    bool variableRate = false;
-    ExpectedCadence expected;              ///< on the display as it was at the start
+    double contentHz = 0.0;     ///< of the most frames
+    double displayHz = 0.0;     ///< at the start, with its drift
+    bool variableRate = false;  ///< the content changes its rate; each stretch has its own
+    ExpectedCadence expected;   ///< for those two
     std::vector<StretchReport> stretches;  ///< those in which frames were shown
 
     int64_t framesIn = 0;
@@ -137,7 +146,9 @@ struct Summary {
 
     /// Every frame and every buffer has an account.
     bool accounted() const { return framesAccounted && buffersBack; }
-    bool ok() const { return accounted() && complete && grade != Grade::NothingShown; }
+    bool ok() const {
+        return accounted() && complete && grade != Grade::NothingShown && grade != Grade::Faulty;
+    }
     int64_t unexplained() const { return unexpected - explained(); }
     int64_t explained() const {
         const auto found = causes.find(BreakCause::Unexplained);

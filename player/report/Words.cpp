@@ -16,9 +16,11 @@ std::string inWords(std::string name) {
 
 std::string whenHeld(const StretchReport& stretch) {
     return fmt::format("held {} after {}", seconds(stretch.heldAfterUs, 2),
-                       stretch.modeChange   ? "the change of the display's rate"
-                       : stretch.afterAudio ? "audio start"
-                                            : "the first frame");
+                       stretch.begin == StretchBegin::ModeChange
+                           ? "the change of the display's rate"
+                       : stretch.begin == StretchBegin::RateChange ? "its first frame"
+                       : stretch.afterAudio                        ? "audio start"
+                                                                   : "the first frame");
 }
 
 }  // namespace korvane::player

@@ -286,9 +286,12 @@ void Checker::checkLatencies() {
     int64_t seekUs = -1;
     const StretchReport* first = nullptr;
     for (const auto& stretch : mSummary.stretches) {
-        if (stretch.section == 0 && !stretch.modeChange) {
+        if (stretch.begin != StretchBegin::Section) {
+            continue;
+        }
+        if (stretch.section == 0) {
             first = &stretch;
-        } else if (!stretch.modeChange) {
+        } else {
             seekUs = std::max(seekUs, stretch.firstFrameUs);
         }
     }

@@ -5,10 +5,13 @@
 #include <gmock/gmock.h>
 
 #include <cmath>
+#include <random>
 #include <string>
+#include <utility>
 
 #include "player/base/FrameRate.h"
 #include "player/report/CadenceTracker.h"
+#include "player/report/ContentRate.h"
 
 namespace korvane::player {
 namespace {
@@ -25,13 +28,22 @@ struct RateCase {
 };
 
 TEST(ExpectedCadence, FollowsFromTheRates) {
-    const std::vector<RateCase> cases = {
-        {24, 60, "[3:2]", 0, 0},         {23.976, 59.94, "[3:2]", 0, 0},
-        {24, 59.94, "[3:2]", 16.68, -1}, {23.976, 60, "[3:2]", 16.68, 1},
-        {29.97, 60, "[2:2]", 16.68, 1},  {60, 59.94, "[1:1]", 16.68, -1},
-        {25, 60, "[2:3:2:3:2]", 0, 0},   {24, 50, "[2:2:2:2:2:3:2:2:2:2:2:2]", 0, 0},
-        {23.976, 24, "[1:1]", 41.71, 1}, {50, 25, "[1:0]", 0, 0},
-        {25, 24, "[1:1]", 1, -1},        {24, 119.88, "[5:5]", 8.34, -1}};
+    const std::vector<RateCase> cases = {{24, 60, "[3:2]", 0, 0},
+                                         {23.976, 59.94, "[3:2]", 0, 0},
+                                         {24, 59.94, "[3:2]", 16.68, -1},
+                                         {23.976, 60, "[3:2]", 16.68, 1},
+                                         {29.97, 60, "[2:2]", 16.68, 1},
+                                         {60, 59.94, "[1:1]", 16.68, -1},
+                                         {25, 60, "[2:3:2:3:2]", 0, 0},
+                                         {24, 50, "[2:2:2:2:2:3:2:2:2:2:2:2]", 0, 0},
+                                         {23.976, 24, "[1:1]", 41.71, 1},
+                                         {50, 25, "[1:0]", 0, 0},
+                                         {24, 119.88, "[5:5]", 8.34, -1},
+                                         {25, 24, "0 and 1 vsyncs, 1:24", 1, -1},
+                                         {48, 50, "1 and 2 vsyncs, 23:1", 0.5, 1},
+                                         {25, 144, "5 and 6 vsyncs, 6:19", 4, 1},
+                                         {50, 144, "2 and 3 vsyncs, 3:22", 4, 1},
+                                         {50, 119.88, "[2:3:2:3:2]", 8.34, -1}};
     for (const auto& c : cases) {
         const auto expected =
             expectedCadence(nominalRate(c.contentHz).hz(), nominalRate(c.displayHz).hz());
@@ -131,8 +143,8 @@ TEST(CadenceTracker, TellsDemandedFromUnexpected) {
 
 /// Each frame at the first vsync at which it is due: what no playback can do better.
 TEST(CadenceTracker, FindsNoFaultWithEachFrameAtItsOwnVsync) {
-    const double contentRates[] = {23.976, 24, 25, 29.97, 30, 47.952, 48, 50, 59.94, 60};
-    const double displayRates[] = {23.976, 24, 25, 50, 59.94, 60, 100, 119.88, 120};
+    const double contentRates[] = {23.976, 24, 25, 29.97, 30, 47.952, 48, 50, 59.94, 60, 120};
+    const double displayRates[] = {23.976, 24, 25, 50, 59.94, 60, 100, 119.88, 120, 144};
     for (const double contentName : contentRates) {
         for (const double displayName : displayRates) {
             SCOPED_TRACE(std::to_string(contentName) + " on " + std::to_string(displayName));
@@ -174,6 +186,70 @@ TEST(SeenPattern, IsReadFromTheDwellsAlone) {
                 IsEmpty());
     EXPECT_THAT(seenPattern({2, 2, 2}), IsEmpty());
     EXPECT_FALSE(samePattern({2, 3}, {2, 2}));
+    const auto ratio = [](int shorter, size_t frames) {
+        std::vector<int> cycle(frames, shorter);
+        cycle.back() = shorter + 1;
+        return seenPatternName(cycles(cycle, 480));
+    };
+    EXPECT_EQ(ratio(1, 24), "1 and 2 vsyncs, 23:1") << "no cycle of twelve ones";
+    EXPECT_EQ(ratio(2, 12), "[2:2:2:2:2:2:2:2:2:2:2:3]");
+    EXPECT_EQ(seenPatternName({1, 4, 2, 2, 3, 1, 1, 5, 2, 4, 3, 3, 1, 2, 5, 1, 4, 4, 2, 1, 3}), "");
+}
+
+struct Span {
+    double hz;
+    size_t frames;
+    int64_t jitterUs;
+    int64_t alternateUs;  ///< every other frame is so much late: soft telecine
+};
+
+struct SpanCase {
+    std::vector<Span> content;
+    size_t gapAt;                                  ///< two frames missing from here; 0: none
+    std::vector<std::pair<size_t, double>> spans;  ///< first frame and rate
+};
+
+TEST(ContentRate, IsToldSpanBySpan) {
+    const std::vector<SpanCase> cases = {
+        {{{24, 900, 0, 0}}, 0, {{0, 24}}},
+        {{{24, 200, 0, 0}, {30, 300, 0, 0}, {60, 700, 0, 0}, {24, 90, 0, 0}},
+         0,
+         {{0, 24}, {200, 30}, {500, 60}, {1200, 24}}},
+        {{{24, 600, 0, 0}, {25, 600, 0, 0}}, 0, {{0, 24}, {600, 25}}},
+        {{{24, 900, 6'000, 0}}, 0, {{0, 24}}},
+        {{{24, 900, 15'000, 0}}, 0, {{0, 24}}},
+        {{{60, 900, 6'000, 0}}, 0, {{0, 60}}},
+        {{{24, 900, 0, 8'342}}, 0, {{0, 24}}},
+        {{{25, 900, 0, 0}}, 700, {{0, 25}}},
+        {{{24, 10, 0, 0}}, 0, {{0, 24}}}};
+    for (const auto& c : cases) {
+        ContentRate rate(c.content[0].hz);
+        std::minstd_rand random(1);
+        double time = 0.0;
+        int64_t frame = 0;
+        for (const auto& span : c.content) {
+            for (size_t i = 0; i < span.frames; ++i, ++frame) {
+                time += frame == static_cast<int64_t>(c.gapAt) && frame > 0 ? 2e6 / span.hz : 0.0;
+                const int64_t off =
+                    span.jitterUs == 0
+                        ? 0
+                        : static_cast<int64_t>(random()) % (2 * span.jitterUs) - span.jitterUs;
+                rate.add(0, static_cast<int64_t>(time) + off +
+                                (i % 2 == 1 ? span.alternateUs : int64_t{0}));
+                time += 1e6 / span.hz;
+            }
+        }
+        rate.end();
+        std::vector<std::pair<size_t, double>> seen;
+        size_t taken = 0;
+        for (auto pace = rate.take(); pace; pace = rate.take(), ++taken) {
+            if (static_cast<size_t>(pace->span) == seen.size()) {
+                seen.emplace_back(taken, pace->hz);
+            }
+        }
+        EXPECT_EQ(taken, static_cast<size_t>(frame));
+        EXPECT_EQ(seen, c.spans);
+    }
 }
 
 }  // namespace
