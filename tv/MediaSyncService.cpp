@@ -146,7 +146,7 @@ int64_t SyncInstance::mediaTimeAt(int64_t realUs) const {
 
 int64_t SyncInstance::trackMediaTime() const {
     const std::lock_guard<std::mutex> guard(mState->lock);
-    const SyncClock& clock = mState->clock;
+    const SyncClock clock = mState->clock;
     if (clock.hasTrack) {
         return clock.trackUs;
     }
@@ -259,8 +259,8 @@ SyncCounters SyncInstance::counters() const {
 
 std::string SyncInstance::dump() const {
     const std::lock_guard<std::mutex> guard(mState->lock);
-    const SyncClock& clock = mState->clock;
-    const SyncCounters& counters = mState->counters;
+    const SyncClock clock = mState->clock;
+    const SyncCounters counters = mState->counters;
     return fmt::format(
         "sync instance {}: mode {}, led by {}, {}; media {} us at real {} us; track {} us, started "
         "at {} us\n"
