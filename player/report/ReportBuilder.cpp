@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "player/report/ReportBuilder.h"
 
+#include <algorithm>
+
 #include "player/report/ReportVerdict.h"
 
 namespace korvane::player {
@@ -56,6 +58,7 @@ Summary ReportBuilder::finish(const PlaybackRecord& record) {
     }
     mSummary.variableRate = mFramesByHz.size() > 1;
     mSummary.expected = expectedFor(mSummary.contentHz, mSummary.displayHz);
+    mSummary.judder = mJudder.report();
     mSummary.lipSync = mLipSync.result();
     mSummary.offset = mOffsets.report();
     mSummary.longestResume = mResumes.longest();
@@ -114,6 +117,7 @@ void ReportBuilder::count(const FrameEntry& frame, const PlaybackRecord& soFar) 
         mSummary.firstOf[outcome] = sent;
     }
     mSummary.sentLate += frame.sentLate ? 1 : 0;
+    countJudder(frame, soFar);
     if (frame.outcome == Outcome::Dropped) {
         DropGroup& group = mSummary.drops[frame.dropReason];
         group.first = group.runs.frames == 0 ? sent : group.first;
@@ -138,6 +142,35 @@ void ReportBuilder::countShown(const FrameEntry& frame, const PlaybackRecord& so
         mBackToPlayer.add(frame.returnedNs - record.releasedNs);
     }
     mResumes.add(shownUs, shown, soFar.clockStops);
+}
+
+/// A flush and a pause of the player end what can be compared; so does a picture shown at once,
+/// which waits for audio.
+void ReportBuilder::countJudder(const FrameEntry& frame, const PlaybackRecord& soFar) {
+    if (frame.outcome == Outcome::Dropped || frame.outcome == Outcome::Superseded) {
+        mJudder.skipped();
+        return;
+    }
+    if (frame.outcome != Outcome::Shown) {
+        mJudder.restart();
+        return;
+    }
+    const int64_t shownUs = frame.record->firstVsync.timeNs / 1000;
+    const auto& stops = soFar.clockStops;
+    const bool paused =
+        std::any_of(stops.rbegin(), stops.rend(), [this, shownUs](const ClockStop& stop) {
+            return stop.byPlayer && stop.fromUs < shownUs &&
+                   (stop.toUs == 0 || stop.toUs > mLastShownUs);
+        });
+    if (paused || frame.section != mJudderSection) {
+        mJudder.restart();
+    }
+    mJudder.shown(frame.frameNo, frame.mediaTimeUs, shownUs);
+    if (frame.record->atOnce) {
+        mJudder.restart();
+    }
+    mLastShownUs = shownUs;
+    mJudderSection = frame.section;
 }
 
 void ReportBuilder::countLipSync(const FrameEntry& frame, const FrameAt& shown) {

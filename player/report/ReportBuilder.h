@@ -3,6 +3,7 @@
 //
 //   frame -> ContentRate       held back until the content's rate is known
 //         -> StretchBuilder    one for each stretch: cadence, start, breaks with their causes
+//         -> JudderMeter       times on screen against content times
 //         -> LipSyncCounter    frames on screen against the sound that was heard
 //         -> OffsetCounter,    frames on screen against the sync clock
 //            ResumeTimer
@@ -19,6 +20,7 @@
 
 #include "player/report/ClockTimes.h"
 #include "player/report/ContentRate.h"
+#include "player/report/JudderMeter.h"
 #include "player/report/LipSync.h"
 #include "player/report/StretchBuilder.h"
 #include "player/report/Summary.h"
@@ -49,6 +51,7 @@ private:
     void endStretch(const PlaybackRecord& soFar);
     void count(const FrameEntry& frame, const PlaybackRecord& soFar);
     void countShown(const FrameEntry& frame, const PlaybackRecord& soFar);
+    void countJudder(const FrameEntry& frame, const PlaybackRecord& soFar);
     void countLipSync(const FrameEntry& frame, const FrameAt& shown);
     void sumUpStretches();
 
@@ -60,6 +63,9 @@ private:
     std::map<double, int64_t> mFramesByHz;
     std::optional<StretchBuilder> mStretch;
     size_t mModeChanges = 0;  ///< of the plan's, that have come
+    JudderMeter mJudder;
+    int64_t mLastShownUs = -1;
+    int mJudderSection = 0;  ///< of the last frame shown
     LipSyncCounter mLipSync;
     OffsetCounter mOffsets;
     ResumeTimer mResumes;

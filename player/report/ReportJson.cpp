@@ -84,6 +84,14 @@ void addCadence(Json* json, const Summary& summary) {
         to[fmt::format("dwells_unexpected_{}", toString(cause))] = dwells;
     }
     to["disturbances"] = summary.disturbances;
+    to["visible_breaks_per_minute"] = rounded(summary.visibleBreaksPerMinute);
+    to["judder_mean_error_us"] = summary.judder.meanErrorUs;
+    to["longest_freeze_us"] = summary.judder.longestFreezeUs;
+    to["longest_freeze_frame"] = summary.judder.longestFreezeFrame;
+    to["freeze_score"] = summary.judder.freezeScore;
+    to["freeze_rate"] = rounded(summary.judder.freezeRate);
+    to["judder_score"] = summary.judder.judderScore;
+    to["judder_rate"] = rounded(summary.judder.judderRate);
     // Published as "sections", for flushes were all that ended a stretch.
     to["sections"] = summary.stretches.size();
     for (size_t i = 0; i < summary.stretches.size(); ++i) {

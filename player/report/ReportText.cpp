@@ -154,6 +154,25 @@ void printBreaks(std::ostream& out, const Summary& summary) {
     }
 }
 
+void printJudder(std::ostream& out, const Summary& summary) {
+    const JudderReport& judder = summary.judder;
+    if (judder.durations == 0) {
+        return;
+    }
+    line(out, "judder",
+         fmt::format(
+             "times on screen are off by {} on average; {:.1f} visible breaks a minute; {}",
+             milliseconds(judder.meanErrorUs), summary.visibleBreaksPerMinute,
+             judder.longestFreezeFrame < 0
+                 ? "no freeze"
+                 : fmt::format("longest freeze {} at frame {}",
+                               milliseconds(judder.longestFreezeUs), judder.longestFreezeFrame)));
+    line(
+        out, "",
+        fmt::format("as Android counts: freeze score {}, rate {:.2g}; judder score {}, rate {:.2g}",
+                    judder.freezeScore, judder.freezeRate, judder.judderScore, judder.judderRate));
+}
+
 void printStart(std::ostream& out, const Summary& summary) {
     for (size_t i = 0; i < summary.stretches.size(); ++i) {
         const StretchReport& stretch = summary.stretches[i];
@@ -311,6 +330,7 @@ void printReport(std::ostream& out, const PlaybackRecord& record, const Summary&
     printPatterns(out, summary);
     printDwell(out, summary);
     printBreaks(out, summary);
+    printJudder(out, summary);
     printStart(out, summary);
     printLipSync(out, record, summary);
     printOffset(out, record, summary);

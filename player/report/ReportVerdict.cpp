@@ -152,8 +152,7 @@ std::string howOften(const Summary& summary) {
     if (summary.unexpected * 2 > dwells || avoidableDrops(summary) * 2 > summary.framesIn) {
         return " throughout";
     }
-    const auto perMinute = static_cast<int64_t>(
-        std::lround(static_cast<double>(count) * 60.0 / std::max(secondsShown(summary), 1.0)));
+    const auto perMinute = static_cast<int64_t>(std::lround(summary.visibleBreaksPerMinute));
     return count == 0   ? ""
            : count == 1 ? " once"
            : count == 2 ? " twice"
@@ -240,6 +239,8 @@ void giveVerdict(const PlaybackRecord& record, Summary* summary) {
     summary->sumHolds = sum == summary->framesIn && summary->count(Outcome::Pending) == 0;
     summary->framesAccounted = summary->sumHolds && summary->count(Outcome::Lost) == 0;
     summary->buffersBack = record.buffersKept == 0 && record.pool.unknownReturned == 0;
+    summary->visibleBreaksPerMinute =
+        static_cast<double>(summary->disturbances) * 60.0 / std::max(secondsShown(*summary), 1.0);
     summary->even = isEven(*summary);
     summary->inSync = isInSync(summary->lipSync);
     summary->complete = isComplete(record.end);

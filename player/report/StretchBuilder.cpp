@@ -14,7 +14,7 @@ constexpr size_t kPatternDwells = 512;
 /// Frames kept before the first undecided one.
 constexpr size_t kKeptFacts = 16;
 static_assert(kKeptFacts >= kSteadyRunFrames);
-/// A viewer sees breaks that follow each other so closely as one.
+/// A viewer sees the breaks of so long a time as one.
 constexpr int64_t kOneDisturbanceUs = 1'000'000;
 
 }  // namespace
@@ -119,10 +119,10 @@ void StretchBuilder::countCause(BreakCause cause, int64_t shownUs) {
     if (askedFor(cause)) {
         return;
     }
-    if (mLastBreakUs < 0 || shownUs - mLastBreakUs > kOneDisturbanceUs) {
+    if (mDisturbedUs < 0 || shownUs - mDisturbedUs > kOneDisturbanceUs) {
         ++mReport.disturbances;
+        mDisturbedUs = shownUs;
     }
-    mLastBreakUs = shownUs;
 }
 
 void StretchBuilder::noteWhenHeld() {

@@ -52,7 +52,7 @@ private:
     const int64_t mBeganUs;  ///< times here are monotonic; -1: not so, or not yet
     int64_t mFirstShownUs = -1;
     int64_t mHeldShownUs = -1;
-    int64_t mLastBreakUs = -1;
+    int64_t mDisturbedUs = -1;  ///< first break of the last disturbance
     std::deque<int> mLastDwells;
     std::optional<int> mOffAtStart;  ///< the first dwell, where it does not fit for being the first
     std::map<int, int64_t> mOutside;   ///< dwells that the cadence leaves out, and how many

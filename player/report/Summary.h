@@ -18,6 +18,7 @@
 #include "player/playback/Playback.h"
 #include "player/report/BreakCause.h"
 #include "player/report/Cadence.h"
+#include "player/report/JudderMeter.h"
 #include "player/report/LipSync.h"
 #include "player/report/Runs.h"
 #include "player/report/Spread.h"
@@ -80,9 +81,9 @@ struct StretchReport {
     CadenceResult cadence;              ///< all 0 unless `judged`
     std::vector<ReportedBreak> breaks;  ///< the first unexpected ones
     std::map<BreakCause, int64_t> causes;  ///< of all unexpected dwells
-    int64_t disturbances = 0;  ///< those at most a second apart, and not asked for, count as one
-    size_t dwells = 0;         ///< frames that took part in the cadence
-    std::map<int, FrameAt> firstByDwell;  ///< the first of those frames of each dwell
+    int64_t disturbances = 0;              ///< those of a second, and not asked for, count as one
+    size_t dwells = 0;                     ///< frames that took part in the cadence
+    std::map<int, FrameAt> firstByDwell;   ///< the first of those frames of each dwell
     /// Frames off the pattern that took no part in it, by vsyncs on screen.
     std::map<int, int64_t> unjudged;
 
@@ -126,8 +127,10 @@ struct Summary {
     int64_t disturbances = 0;
     std::map<int, int64_t> unjudged;
 
-    LipSync lipSync;                   ///< against the sound that was heard
-    OffsetReport offset;               ///< against the sync clock
+    JudderReport judder;
+    double visibleBreaksPerMinute = 0.0;  ///< disturbances in a minute shown
+    LipSync lipSync;                      ///< against the sound that was heard
+    OffsetReport offset;                  ///< against the sync clock
     MeasuredAt longestResume{-1, {}};  ///< from the end of a clock stop to the next frame; -1: none
     Spread backToPlayerNs;  ///< from replaced on screen until the player had the buffer again
     int64_t fences = 0;

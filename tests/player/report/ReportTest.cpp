@@ -194,7 +194,7 @@ TEST(Report, TheVerdictSaysWhatWasNotEven) {
     const std::vector<VerdictCase> cases = {
         {join(even, even), 48, 0, "Even: [3:2] held 0.12 s after audio start and stayed; every"},
         {join(even, never), 48, 28,
-         "Uneven once, mainly because of a pattern in force that the content does not have: [3:2] "
+         "Uneven twice, mainly because of a pattern in force that the content does not have: [3:2] "
          "held 0.12 s after audio start, a stretch never in step (29 frames);"},
         {join({9, 9, 9}, even), 0, 3,
          "Uneven once, because of the start, before the pattern held: [3:2] held 0.57 s after "
