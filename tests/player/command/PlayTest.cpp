@@ -113,6 +113,7 @@ const Scenario kScenarios[] = {
     {"SeekBack", "24.mkv --seek 1s:0s --seek 1.5s:2s --buffers 5", "sections=3", ""},
     {"SoundComesLater", "late-sound.mkv", "frames_in=72",
      "frames_shown=72 first_frame_us=0..200000"},
+    {"SlidesOfSixSeconds", "slides.mkv", "end=complete frames_shown=3", ""},
     {"SeekWithoutIndex", "one-key.ts --seek 500ms:2s", "sections=2", "section1_frames_in_step=23"},
     {"OneFrame", "one-frame.mp4", "end=complete frames_shown=1", ""},
     {"OneFrameOfMany", "24.mp4 --seconds 1us", "end=complete frames_shown=1", ""},
