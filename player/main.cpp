@@ -15,7 +15,7 @@
 #include "player/command/Message.h"
 #include "player/command/PlayCommand.h"
 #include "player/command/RunCommand.h"
-#include "player/media/MediaSource.h"
+#include "player/media/VideoReader.h"
 #include "tv/Log.h"
 
 namespace korvane::player {

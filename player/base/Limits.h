@@ -29,6 +29,8 @@ constexpr int64_t kMostVsyncJitterUs = 5'000;
 constexpr int kFewestBuffers = 5;
 /// What the TV's tunnel holds.
 constexpr int kMostBuffers = 64;
+/// Above any index of a stream and any number of a program.
+constexpr int kMostStreams = 65'535;
 /// Scenarios that `run` plays at a time.
 constexpr int kMostJobs = 256;
 

@@ -18,6 +18,9 @@
 namespace korvane::player {
 namespace {
 
+/// `--audio none`.
+constexpr int kNoStream = -1;
+
 using Words = std::vector<std::string>;
 
 bool startsWith(const std::string& text, std::string_view start) {
@@ -202,7 +205,29 @@ void addPlaybackOptions(CLI::App* app, PlayOptions* options) {
                 options->videoStalls.push_back({pair.firstUs, pair.secondUs});
             });
     add(app, "--buffers", count(kFewestBuffers, kMostBuffers, "buffers"),
-        "Frame buffers of the player, 5 to 64 [16]", &options->buffers);
+        "Frame buffers of the player, 5 to 64 [16, or down to 8 beyond 512 MB]", &options->buffers);
+}
+
+/// Which streams of the input are played.
+void addStreamOptions(CLI::App* app, PlayOptions* options) {
+    const Kind<int64_t> index = count(0, kMostStreams, "a stream, which the report lists,");
+    add(app, "--video", index, "Index of the video stream, as FFmpeg counts them [the best one]",
+        &options->videoStream);
+    const Kind<int> audio{"N|none",
+                          [index](const std::string& text) {
+                              const auto number = index.parse(text);
+                              return text == "none" ? std::optional(kNoStream)
+                                     : number       ? std::optional(static_cast<int>(*number))
+                                                    : std::nullopt;
+                          },
+                          index.wanted + ", or none"};
+    addEach(app, "--audio", audio, "Index of the audio stream, or none [the best one]",
+            [options](int stream) {
+                options->noAudio = options->noAudio || stream == kNoStream;
+                options->audioStream = stream == kNoStream ? std::nullopt : std::optional(stream);
+            });
+    add(app, "--program", index, "Number of the program, as the report lists them [the video's]",
+        &options->program);
 }
 
 void addPlatformOptions(CLI::App* app, PlayOptions* options) {
@@ -243,13 +268,17 @@ CLI::App* addPlayCommand(CLI::App* app, PlayOptions* options) {
         "play",
         "Play a media file on the simulated TV and report what was on screen. Durations are "
         "written 2s, 200ms, 1h30m or 1.5 (seconds).");
-    play->add_option("FILE", options->file, "Media file: anything that FFmpeg reads")
+    play->add_option("FILE", options->file,
+                     "What to play: a media file; - for standard input; pictures img%03d.png; a "
+                     "playlist concat:LIST or hls:LIST; a generator lavfi:GRAPH; any address that "
+                     "FFmpeg reads")
         ->type_name("")
         ->required();
     const std::pair<const char*, void (*)(CLI::App*, PlayOptions*)> groups[] = {
-        {"Display", addDisplayOptions},   {"Audio", addAudioOptions},
-        {"Playback", addPlaybackOptions}, {"Platform", addPlatformOptions},
-        {"Clock", addClockOptions},       {"Output", addOutputOptions}};
+        {"Streams", addStreamOptions},    {"Display", addDisplayOptions},
+        {"Audio", addAudioOptions},       {"Playback", addPlaybackOptions},
+        {"Platform", addPlatformOptions}, {"Clock", addClockOptions},
+        {"Output", addOutputOptions}};
     for (const auto& [group, addOptions] : groups) {
         play->option_defaults()->group(group);
         addOptions(play, options);

@@ -16,7 +16,7 @@
 #include "player/command/Message.h"
 #include "player/command/OutputFile.h"
 #include "player/command/Progress.h"
-#include "player/media/MediaSource.h"
+#include "player/media/VideoReader.h"
 #include "player/playback/Playback.h"
 #include "player/report/EventRecorder.h"
 #include "player/report/Report.h"
@@ -117,6 +117,9 @@ void sayNotes(const PlayOptions& options, const MediaInfo& media) {
     for (const auto& note : withoutEffect(options, media)) {
         say(note);
     }
+    for (const auto& note : inputNotes(options, media)) {
+        say(note);
+    }
     if (!options.virtualClock && !tv::VirtualTime::available()) {
         say("this build has no virtual clock; playing in real time");
     }
@@ -180,9 +183,11 @@ int lowestLogPriority(const PlayOptions& options) {
 int playFile(const PlayOptions& options) {
     // Virtual time has to begin before anything starts a thread.
     const auto clock = startClock(options);
-    VideoReader video(options.file);
+    MediaRequest request = requestOf(options);
+    request.interrupted = interrupted;
+    VideoReader video(request);
     const PlaybackPlan plan = planOf(options, video.info());
-    auto audio = plan.withAudio ? std::make_unique<AudioReader>(options.file) : nullptr;
+    auto audio = video.openAudio();
     Outputs outputs(options);
     setProperties(options);
     outputs.begin();

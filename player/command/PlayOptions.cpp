@@ -4,6 +4,7 @@
 #include <algorithm>
 
 #include "player/base/Units.h"
+#include "player/playback/BufferPool.h"
 
 namespace korvane::player {
 
@@ -39,6 +40,37 @@ std::vector<std::string> withoutEffect(const PlayOptions& options, const MediaIn
     return notes;
 }
 
+MediaRequest requestOf(const PlayOptions& options) {
+    MediaRequest request;
+    request.name = options.file;
+    request.video = options.videoStream;
+    request.audio = options.audioStream;
+    request.program = options.program;
+    request.withoutAudio = options.noAudio;
+    return request;
+}
+
+std::vector<std::string> inputNotes(const PlayOptions& options, const MediaInfo& media) {
+    /// A TV's player takes about as much for its largest ordinary pictures.
+    constexpr int64_t kOrdinaryBytes = 256 * 1000 * 1000;
+    std::vector<std::string> notes;
+    for (const auto& seek : options.seeks) {
+        if (!seek.inPlace && !media.canSeek) {
+            notes.push_back("--seek " + seconds(seek.atUs) +
+                            " only flushes: the input cannot seek");
+        }
+    }
+    const int buffers = planOf(options, media).buffers;
+    const int64_t bytes = buffers * media.pictureBytes;
+    if (bytes > kOrdinaryBytes) {
+        notes.push_back(std::to_string(buffers) + " frame buffers of " +
+                        std::to_string(media.width) + "x" + std::to_string(media.height) +
+                        " will take " + std::to_string(bytes / 1'000'000) +
+                        " MB; give --buffers for more or fewer");
+    }
+    return notes;
+}
+
 PlaybackPlan planOf(const PlayOptions& options, const MediaInfo& media) {
     PlaybackPlan plan;
     plan.tv.display.rateHz = options.rate.hz();
@@ -50,7 +82,7 @@ PlaybackPlan planOf(const PlayOptions& options, const MediaInfo& media) {
     plan.audio.driftPpm = options.audioDriftPpm;
     plan.audio.underflows = options.underflows;
     plan.passthrough = options.passthrough;
-    plan.buffers = options.buffers;
+    plan.buffers = options.buffers.value_or(usualBuffers(media.pictureBytes));
     plan.peek = options.peek ? Peek::Marked : Peek::None;
     plan.toldFrameRate = rateInHundredths(media.frameRateHz);
     plan.seeks = options.seeks;

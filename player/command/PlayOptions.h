@@ -10,6 +10,7 @@
 
 #include "player/base/FrameRate.h"
 #include "player/media/FrameSource.h"
+#include "player/media/MediaRequest.h"
 #include "player/playback/PlaybackPlan.h"
 #include "tv/AudioOutput.h"
 
@@ -17,6 +18,9 @@ namespace korvane::player {
 
 struct PlayOptions {
     std::string file;
+    std::optional<int> videoStream;
+    std::optional<int> audioStream;
+    std::optional<int> program;
 
     FrameRate rate{60, 1};
     double displayDriftPpm = 0.0;
@@ -32,8 +36,7 @@ struct PlayOptions {
     std::vector<SeekAction> seeks;        ///< by `atUs`
     std::vector<VideoStall> videoStalls;  ///< by `atUs`
     std::optional<int64_t> limitUs;
-    /// Those in the renderer, two in the tunnel, one on the panel, and a reserve.
-    int buffers = 16;
+    std::optional<int> buffers;  ///< empty: as many as usual for pictures of this size
 
     std::optional<int32_t> logMask;
     std::vector<std::pair<std::string, std::string>> properties;
@@ -49,8 +52,15 @@ struct PlayOptions {
     std::string repeat;  ///< the command line that repeats this playback
 };
 
+/// The streams that the options ask for.
+MediaRequest requestOf(const PlayOptions& options);
+
 /// The playback of a file with these options.
 PlaybackPlan planOf(const PlayOptions& options, const MediaInfo& media);
+
+/// One line for each thing about the input that is to be known before it is played: what it cannot
+/// do that was asked for, and memory beyond the ordinary.
+std::vector<std::string> inputNotes(const PlayOptions& options, const MediaInfo& media);
 
 /// One line for each option that has no effect with this file.
 std::vector<std::string> withoutEffect(const PlayOptions& options, const MediaInfo& media);

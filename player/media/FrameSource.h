@@ -4,11 +4,24 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 struct AVFrame;
 
 namespace korvane::player {
 
+/// Something in the input that was not so before.
+struct MediaChange {
+    int64_t mediaTimeUs = 0;
+    std::string what;  ///< "320x180 becomes 640x360"
+};
+
+struct MediaProgram {
+    int number = 0;
+    std::vector<int> streams;  ///< their indexes
+};
+
+/// The members from `interlacedPictures` on grow while the input is read.
 struct MediaInfo {
     std::string path;
     std::string container;
@@ -19,6 +32,22 @@ struct MediaInfo {
     double frameRateHz = 0.0;  ///< as the file says; 0: it does not
     int64_t durationUs = -1;   ///< -1: unknown
     bool hasAudio = false;
+    bool canSeek = true;
+
+    std::vector<std::string> streams;  ///< each described, by index
+    std::vector<MediaProgram> programs;
+    int videoStream = -1;
+    int audioStream = -1;  ///< the one that is taken; -1: none
+
+    std::string fieldOrder;    ///< of interlaced video, "top field first"; else empty
+    int bitDepth = 0;          ///< 0: unknown
+    std::string transfer;      ///< of HDR video, "PQ" or "HLG"; else empty
+    int rotationDegrees = 0;   ///< clockwise, to be applied by the display
+    int64_t pictureBytes = 0;  ///< in a frame buffer; 0: has no pictures
+
+    int64_t interlacedPictures = 0;
+    int64_t repeatedFields = 0;        ///< pictures of which a field or more is to be shown again
+    std::vector<MediaChange> changes;  ///< the first ones
 };
 
 enum class ReadStatus { Ready, End, BrokenOff };

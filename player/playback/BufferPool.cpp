@@ -24,11 +24,20 @@ namespace {
 /// Row alignment of the packed planes, as wide vector units want it.
 constexpr int kRowAlignment = 32;
 
+constexpr int kUsualBuffers = 16;
+constexpr int kBuffersWithoutReserve = 8;
+constexpr int64_t kUsualBytes = 512 * 1000 * 1000;
+
 [[noreturn]] void throwErrno(const char* what) {
     throw std::system_error(errno, std::generic_category(), what);
 }
 
 }  // namespace
+
+int usualBuffers(int64_t pictureBytes) {
+    const int64_t fitting = kUsualBytes / std::max<int64_t>(pictureBytes, 1);
+    return static_cast<int>(std::clamp<int64_t>(fitting, kBuffersWithoutReserve, kUsualBuffers));
+}
 
 BufferPool::BufferPool(int buffers) : mBuffers(static_cast<size_t>(buffers)) {
     for (size_t i = 0; i < mBuffers.size(); ++i) {

@@ -27,6 +27,11 @@ struct AVFrame;
 
 namespace korvane::player {
 
+/// How many frame buffers a player has that is not told: as many as the renderer's lead, the
+/// tunnel's own two and the panel's need, with a reserve. Large pictures get no reserve beyond 512
+/// MB, as a TV has it.
+int usualBuffers(int64_t pictureBytes);
+
 struct PoolReport {
     int buffers = 0;
     int lowestFree = 0;

@@ -15,8 +15,9 @@
 //   and no action is planned                                         End
 //   else                                                             Wait
 //
-// Playback is stalled when something has been due for 5 s and nothing has moved. While the clock runs
-// and the library's oldest frame is due later, nothing is due: slides stay as long as they should.
+// Playback is stalled when something has been due for 5 s and nothing has moved. While the clock
+// runs and the library's oldest frame is due later, nothing is due: slides stay as long as they
+// should.
 //
 // A wait ends when the next planned action is due, and after 20 ms at the latest, or 5 ms when
 // something hangs on the position shown or on the last frame; then the caller asks again. Before

@@ -437,6 +437,7 @@ PlaybackRecord PlaybackSession::finish() {
     mRecord.pool = mPool.report();
     mRecord.sync = mClock->counters();
     mRecord.decodeErrors = mVideo.decodeErrors();
+    mRecord.media = mVideo.info();
     return mRecord;
 }
 

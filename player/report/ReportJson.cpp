@@ -29,12 +29,29 @@ void addStretch(Json* json, const std::string& prefix, const StretchReport& stre
     to[prefix + "second_frame_us"] = stretch.secondFrameUs;
 }
 
+void addStreams(Json* json, const MediaInfo& media) {
+    Json& to = *json;
+    to["streams"] = media.streams.size();
+    to["programs"] = media.programs.size();
+    to["video_stream"] = media.videoStream;
+    to["audio_stream"] = media.audioStream;
+    to["can_seek"] = media.canSeek;
+    to["field_order"] = media.fieldOrder;
+    to["bit_depth"] = media.bitDepth;
+    to["hdr_transfer"] = media.transfer;
+    to["rotation_degrees"] = media.rotationDegrees;
+    to["interlaced_pictures"] = media.interlacedPictures;
+    to["repeated_fields"] = media.repeatedFields;
+    to["stream_changes"] = media.changes.size();
+}
+
 void addPlayback(Json* json, const PlaybackRecord& record, const Summary& summary) {
     Json& to = *json;
     to["verdict"] = summary.verdict;
     to["ok"] = summary.ok();
     to["end"] = toString(record.end);
     to["file"] = record.media.path;
+    addStreams(json, record.media);
     to["content_hz"] = rounded(summary.contentHz);
     to["display_hz"] = rounded(summary.displayHz);
     to["with_audio"] = record.withAudio;

@@ -12,6 +12,7 @@
 #include "player/base/Text.h"
 #include "player/base/Units.h"
 #include "player/report/Report.h"
+#include "player/report/StreamText.h"
 #include "player/report/Words.h"
 
 namespace korvane::player {
@@ -50,6 +51,14 @@ void printRates(std::ostream& out, const PlaybackRecord& record, const Summary& 
                      summary.variableRate ? " on average, varying" : "", describeMedia(record),
                      drifts ? ", " + played + " with audio" : "",
                      describeRate(summary.displayHz, "Hz")));
+}
+
+void printStreams(std::ostream& out, const MediaInfo& media) {
+    std::string label = "streams";
+    for (const auto& text : streamLines(media)) {
+        line(out, label, text);
+        label.clear();
+    }
 }
 
 std::string describePattern(const StretchReport& stretch) {
@@ -253,6 +262,7 @@ void printReport(std::ostream& out, const PlaybackRecord& record, const Summary&
         return;
     }
     printRates(out, record, summary);
+    printStreams(out, record.media);
     printPatterns(out, summary);
     printDwell(out, summary);
     printBreaks(out, summary);

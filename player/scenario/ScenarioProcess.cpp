@@ -15,9 +15,9 @@
 #include <sstream>
 #include <system_error>
 
+#include "player/base/Errors.h"
 #include "player/base/Units.h"
 #include "player/media/FrameSource.h"
-#include "player/media/MediaSource.h"
 #include "player/scenario/ScenarioRun.h"
 #include "tv/Log.h"
 #include "tv/clock/VirtualTime.h"

@@ -7,8 +7,8 @@
 #include <optional>
 
 #include "player/base/Units.h"
-#include "player/media/MediaSource.h"
 #include "player/media/SyntheticContent.h"
+#include "player/media/VideoReader.h"
 #include "player/playback/Playback.h"
 #include "player/report/EventLine.h"
 #include "player/report/EventLog.h"
@@ -38,10 +38,12 @@ Sources openSources(const Scenario& scenario) {
         sources.audio = audio ? std::make_unique<SyntheticAudio>(content) : nullptr;
         return sources;
     }
-    sources.video = std::make_unique<VideoReader>(content.file);
-    if (audio && sources.video->info().hasAudio) {
-        sources.audio = std::make_unique<AudioReader>(content.file);
-    }
+    MediaRequest request;
+    request.name = content.file;
+    request.withoutAudio = !audio;
+    auto reader = std::make_unique<VideoReader>(request);
+    sources.audio = reader->openAudio();
+    sources.video = std::move(reader);
     return sources;
 }
 

@@ -42,4 +42,36 @@ head -c "$second" 24.mkv >first.mkv
 head -c 500 24.mp4 >cut.mp4
 head -c 50000 /dev/urandom >noise.mp4
 : >empty.mp4
+
+# Streams and programs; what is to be known of pictures; inputs beside files.
+mpeg2() { # name, source options, encoder options, seconds into the programme
+    # shellcheck disable=SC2086
+    ffmpeg -v error -y -f lavfi -i "testsrc2=$2:duration=1" -c:v mpeg2video -b:v 2M $3 \
+        -output_ts_offset "$4" "$1"
+}
+mpeg2 first.ts size=320x180:rate=25 "" 0
+mpeg2 second.ts size=640x360:rate=25 "" 1
+cat first.ts second.ts >resized.ts
+mpeg2 other.ts size=640x360:rate=25 "-streamid 0:512" 1
+cat first.ts other.ts >renumbered.ts
+mpeg2 interlaced.ts size=320x180:rate=25 "-flags +ilme+ildct -top 1" 0
+mpeg2 plain.m2v size=320x180:rate=30000/1001 "" 0
+# Every picture asks for its first field again.
+perl -0777 -pe 's/(\x00\x00\x01\xb5[\x80-\x8f]..)(.)/$1 . chr(ord($2) | 2)/gse' plain.m2v >telecine.m2v
+ffmpeg -v error -y -i 24.mp4 -i 25.mp4 -map 0 -map 1 -c:v mpeg2video -c:a copy \
+    -program title=one:program_num=1:st=0:st=1 -program title=two:program_num=2:st=2:st=3 two.ts
+ffmpeg -v error -y -i 24.mp4 -c:v mpeg2video -c:a copy 24.ts
+ffmpeg -v error -y -f lavfi -i testsrc2=size=320x180:rate=24:duration=1 -c:v ffv1 \
+    -pix_fmt yuv420p10le -color_trc smpte2084 -colorspace bt2020nc -color_primaries bt2020 hdr.mkv
+ffmpeg -v error -y -i 24.mp4 -c copy -metadata:s:v rotate=90 rotated.mp4
+ffmpeg -v error -y -f lavfi -i color=size=7680x4320:rate=24:duration=0.5 -c:v mjpeg -q:v 20 \
+    -pix_fmt yuvj420p 8k.mkv
+ffmpeg -v error -y -i 24.mp4 -t 1 -start_number 1 img%03d.png
+ffmpeg -v error -y -i tone.wav -i img001.png -map 0 -map 1 -c:a aac -c:v png \
+    -disposition:v attached_pic song.m4a
+printf "file 24.ts\nfile 24.ts\n" >list.txt
+printf 'ffconcat version 1.0\nfile 24.ts\n' >list.ffconcat
+printf '#EXTM3U\n#EXT-X-TARGETDURATION:3\n#EXTINF:3,\n24.ts\n#EXT-X-ENDLIST\n' >list.m3u8
+printf '#EXTM3U\n#EXT-X-TARGETDURATION:3\n#EXTINF:3,\nhttp://127.0.0.1:9/24.ts\n#EXT-X-ENDLIST\n' \
+    >remote.m3u8
 cp "$self" made

@@ -26,7 +26,8 @@ TEST(CommandLine, ReadsEveryOption) {
         "play film.mp4 --rate 59.94 --display-drift -200 --vsync-jitter 1ms --audio-delay 2s "
         "--audio-drift 50 --audio-underflow 1s:500ms --audio-underflow 2s:100ms --passthrough "
         "--peek --seek 3s:10s --flush-at 1s --video-stall 2s:300ms --seconds 5 --buffers 8 "
-        "--log 0x3 --prop a=b=c --trace t --csv c --json j --events e --clock real --seed 7 -q";
+        "--video 2 --audio 3 --program 4 --log 0x3 --prop a=b=c --trace t --csv c --json j "
+        "--events e --clock real --seed 7 -q";
     std::istringstream split(line);
     const std::vector<std::string> words{std::istream_iterator<std::string>(split), {}};
     std::vector<const char*> arguments(words.size());
@@ -48,6 +49,10 @@ TEST(CommandLine, ReadsEveryOption) {
     EXPECT_EQ(play.videoStalls.at(0).durationUs, 300'000);
     EXPECT_EQ(play.limitUs, 5'000'000);
     EXPECT_EQ(play.buffers, 8);
+    const MediaRequest request = requestOf(play);
+    EXPECT_EQ(request.video, 2);
+    EXPECT_EQ(request.audio, 3);
+    EXPECT_EQ(request.program, 4);
     EXPECT_EQ(play.logMask, 3);
     EXPECT_EQ(play.properties.at(0).second, "b=c");
     EXPECT_EQ(play.virtualClock, false);

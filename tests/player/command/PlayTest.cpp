@@ -186,8 +186,6 @@ void expectRefused(const std::vector<std::string>& arguments, const std::string&
 }
 
 TEST(BadInputTest, IsToldInOneLineWithStatus2) {
-    const std::string pipe = scratch("pipe");
-    ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
     // The index comes first, so the file opens; its pictures are missing.
     const std::string pictureless = scratch("pictureless.mp4");
     const std::string whole = readFile(clip("24.mp4"));
@@ -199,8 +197,7 @@ TEST(BadInputTest, IsToldInOneLineWithStatus2) {
         {{"play", clip("cut.mp4")}, "cut off before its index"},
         {{"play", clip("tone.wav")}, "holds no video"},
         {{"play", KORVANE_CLIPS}, "is a directory"},
-        {{"play", "/dev/stdin"}, "is no file"},
-        {{"play", pipe}, "is a pipe"},
+        {{"play", "/dev/stdin"}, "is empty"},
         {{"play", pictureless, "--trace", scratch("untouched.json")}, "no mpeg4 picture"},
         {{"play", clip("24.mp4"), "--bogus"}, "--bogus"},
         {{"play", "no\x1b[31m\n\x9b.mp4"}, "'no\\x1b[31m\\x0a\\x9b.mp4': No such file"},
@@ -211,7 +208,6 @@ TEST(BadInputTest, IsToldInOneLineWithStatus2) {
     for (const auto& [arguments, says] : inputs) {
         expectRefused(arguments, says);
     }
-    unlink(pipe.c_str());
     EXPECT_NE(access(scratch("untouched.json").c_str(), F_OK), 0);
     chmod(pictureless.c_str(), 0);
     if (geteuid() != 0) {

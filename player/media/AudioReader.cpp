@@ -1,0 +1,71 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "player/media/AudioReader.h"
+
+#include <utility>
+
+#include "player/media/Demuxer.h"
+
+namespace korvane::player {
+namespace {
+
+/// Three times what players hand over ahead.
+constexpr int64_t kRecentUs = 10'000'000;
+
+}  // namespace
+
+AudioReader::AudioReader(std::shared_ptr<Demuxer> demuxer, int stream)
+    : mDemuxer(std::move(demuxer)),
+      mStream(stream),
+      mTimeBase(mDemuxer->stream(stream).time_base),
+      mPacket(av_packet_alloc()) {}
+
+AudioReader::~AudioReader() = default;
+
+ReadStatus AudioReader::next(AudioPacket* packet) {
+    for (;;) {
+        const ReadStatus status = take(packet);
+        // What ends before the start is the encoder's run-up, never heard.
+        const bool heard =
+            packet->durationUs > 0 && packet->mediaTimeUs + packet->durationUs > mSkipBeforeUs;
+        if (status != ReadStatus::Ready || heard) {
+            return status;
+        }
+    }
+}
+
+ReadStatus AudioReader::take(AudioPacket* packet) {
+    if (mGiven == mRecent.size()) {
+        const ReadStatus status = readOn(packet);
+        if (status != ReadStatus::Ready) {
+            return status;
+        }
+        mRecent.push_back(*packet);
+    }
+    *packet = mRecent[mGiven++];
+    while (mRecent.front().mediaTimeUs + kRecentUs < packet->mediaTimeUs) {
+        mRecent.pop_front();
+        --mGiven;
+    }
+    return ReadStatus::Ready;
+}
+
+ReadStatus AudioReader::readOn(AudioPacket* packet) {
+    const ReadStatus status = mDemuxer->read(mStream, mPacket.get());
+    if (status == ReadStatus::Ready) {
+        packet->durationUs = av_rescale_q(mPacket->duration, mTimeBase, kMicroseconds);
+        packet->mediaTimeUs =
+            mPacket->pts == AV_NOPTS_VALUE ? mNextUs : mDemuxer->toMediaUs(mPacket->pts, mTimeBase);
+        mNextUs = packet->mediaTimeUs + packet->durationUs;
+    }
+    return status;
+}
+
+void AudioReader::seek(int64_t mediaTimeUs) {
+    if (mDemuxer->seek(mStream, mediaTimeUs)) {
+        mRecent.clear();
+    }
+    mSkipBeforeUs = mediaTimeUs;
+    mGiven = 0;
+}
+
+}  // namespace korvane::player

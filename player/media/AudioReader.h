@@ -1,0 +1,45 @@
+// SPDX-License-Identifier: Apache-2.0
+// Reads the times of the audio packets of an input; nothing is decoded.
+//
+// Where the input cannot seek, a seek goes back among the packets of the last seconds: a player
+// hands audio over ahead of what sounds, and after a flush has to hand over again what was
+// forgotten.
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <memory>
+
+#include "player/media/Ffmpeg.h"
+#include "player/media/FrameSource.h"
+
+namespace korvane::player {
+
+class Demuxer;
+
+/// One thread at a time.
+class AudioReader final : public PacketSource {
+public:
+    AudioReader(std::shared_ptr<Demuxer> demuxer, int stream);
+    ~AudioReader() override;
+    AudioReader(const AudioReader&) = delete;
+    AudioReader& operator=(const AudioReader&) = delete;
+
+    ReadStatus next(AudioPacket* packet) override;
+    void seek(int64_t mediaTimeUs) override;
+
+private:
+    ReadStatus readOn(AudioPacket* packet);
+    ReadStatus take(AudioPacket* packet);
+
+    const std::shared_ptr<Demuxer> mDemuxer;
+    const int mStream;
+    const AVRational mTimeBase;
+    const PacketPtr mPacket;
+    int64_t mNextUs = 0;
+    int64_t mSkipBeforeUs = 0;
+    std::deque<AudioPacket> mRecent;  ///< what was read last
+    size_t mGiven = 0;                ///< of these, how many were handed on
+};
+
+}  // namespace korvane::player

@@ -1,0 +1,347 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "player/media/Demuxer.h"
+
+#include <dlfcn.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <system_error>
+#include <utility>
+
+#include "player/base/Errors.h"
+#include "tv/clock/VirtualTime.h"
+
+extern "C" {
+#include <libavutil/cpu.h>
+}
+
+namespace korvane::player {
+namespace {
+
+/// An input that ends this much before its header's duration breaks off. Containers round their
+/// durations, and streams of one file end apart by less than this.
+constexpr int64_t kBreakOffToleranceUs = 500'000;
+
+/// By how much a stream may overlap the one that it goes on from: a few reordered pictures.
+constexpr int64_t kOverlapUs = 200'000;
+
+/// What FFmpeg would report in its own words, or not at all, is said here plainly.
+void checkIsFile(const std::string& path) {
+    struct stat status {};
+    if (stat(path.c_str(), &status) != 0) {
+        const std::string reason = std::generic_category().message(errno);
+        throw InputError("cannot open '" + path + "': " + reason + "; give an existing media file");
+    }
+    if (S_ISDIR(status.st_mode)) {
+        throw InputError("'" + path + "' is a directory; give a media file");
+    }
+    if (access(path.c_str(), R_OK) != 0) {
+        throw InputError("'" + path + "' may not be read (" +
+                         std::generic_category().message(errno) +
+                         "); give a file that you may read");
+    }
+    if (S_ISREG(status.st_mode) && status.st_size == 0) {
+        throw InputError("'" + path + "' is empty; give a media file, or fetch this one again");
+    }
+}
+
+/// FFmpeg's filters come with its library of devices, which draws in dozens of libraries of the
+/// desktop. So it is loaded only for those who ask for it.
+void loadGenerators() {
+    // FFmpeg's libraries of formats and of devices count their major versions alike.
+    const std::string library =
+        "libavdevice.so." + std::to_string(AV_VERSION_MAJOR(avformat_version()));
+    void* devices = dlopen(library.c_str(), RTLD_NOW);
+    void* start = devices != nullptr ? dlsym(devices, "avdevice_register_all") : nullptr;
+    if (start == nullptr) {
+        throw InputError("lavfi: needs FFmpeg's " + library +
+                         ", which is not here; install the ffmpeg program, it comes with it");
+    }
+    if (tv::VirtualTime::active()) {
+        // Filters would start as many threads as there are cores, and runs would differ by them.
+        av_cpu_force_count(1);
+    }
+    reinterpret_cast<void (*)()>(start)();
+}
+
+int isInterrupted(void* interrupted) {
+    const auto& asked = *static_cast<const std::function<bool()>*>(interrupted);
+    return asked && asked() ? 1 : 0;
+}
+
+/// A packet's cost in memory while it waits.
+size_t costOf(const AVPacket& packet) {
+    return sizeof packet + static_cast<size_t>(packet.size);
+}
+
+/// Keeps times and flags only.
+void dropData(AVPacket* packet) {
+    av_buffer_unref(&packet->buf);
+    packet->data = nullptr;
+    packet->size = 0;
+    av_packet_free_side_data(packet);
+}
+
+/// Formats that open other files or addresses.
+bool isPlaylist(const AVInputFormat& format) {
+    for (const char* name : {"concat", "hls", "dash", "imf"}) {
+        if (std::strcmp(format.name, name) == 0) {
+            return true;
+        }
+    }
+    return false;
+}
+
+}  // namespace
+
+std::string errorText(int error) {
+    char text[AV_ERROR_MAX_STRING_SIZE] = {};
+    av_strerror(error, text, sizeof text);
+    return text;
+}
+
+Demuxer::Demuxer(const MediaRequest& request, size_t mostQueuedBytes)
+    : mInput(inputOf(request.name)),
+      mInterrupted(request.interrupted),
+      mMostQueuedBytes(mostQueuedBytes) {
+    av_log_set_level(AV_LOG_QUIET);
+    open(request);
+    mStartUs = mFormat->start_time == AV_NOPTS_VALUE ? 0 : mFormat->start_time;
+    mStreams = static_cast<int>(mFormat->nb_streams);
+    const bool seekableData =
+        mFormat->pb == nullptr || (mFormat->pb->seekable & AVIO_SEEKABLE_NORMAL) != 0;
+    mCanSeek = seekableData && mInput.kind != InputKind::Generator;
+}
+
+/// Data that is opened here, and not by FFmpeg as part of the format; null: by the format.
+AVIOContext* Demuxer::openData() {
+    if (mInput.kind == InputKind::Pipe) {
+        mPipe = std::make_unique<PipeInput>(mInput.opened, mInterrupted);
+        return mPipe->context();
+    }
+    if (mInput.kind != InputKind::File) {
+        return nullptr;
+    }
+    checkIsFile(mInput.opened);
+    AVIOContext* opened = nullptr;
+    avio_open2(&opened, ("file:" + mInput.opened).c_str(), AVIO_FLAG_READ, nullptr, nullptr);
+    mFile.reset(opened);
+    return opened;
+}
+
+/// What the data is, or has been said to be.
+const AVInputFormat* Demuxer::findFormat(AVIOContext* data, const std::string& name) const {
+    const AVInputFormat* found = nullptr;
+    if (!mInput.demuxer.empty()) {
+        found = av_find_input_format(mInput.demuxer.c_str());
+    } else if (data != nullptr) {
+        av_probe_input_buffer2(data, &found, mInput.opened.c_str(), nullptr, 0, 0);
+    }
+    if (found != nullptr && data != nullptr && isPlaylist(*found)) {
+        throw InputError("'" + name + "' is a playlist, and a file is played alone; to play what " +
+                         "it lists write " + found->name + ":" + name);
+    }
+    return found;
+}
+
+void Demuxer::open(const MediaRequest& request) {
+    if (mInput.kind == InputKind::Generator) {
+        loadGenerators();
+    } else if (mInput.kind == InputKind::Address) {
+        avformat_network_init();
+    }
+    AVIOContext* data = openData();
+    const AVInputFormat* found = findFormat(data, request.name);
+    // FFmpeg's demuxer for text-mode pictures takes any text file by its name.
+    const bool unknown =
+        data != nullptr && (found == nullptr || std::strcmp(found->name, "tty") == 0);
+    int result = unknown ? AVERROR_INVALIDDATA : openFormat(data, found);
+    if (result >= 0) {
+        result = avformat_find_stream_info(mFormat.get(), nullptr);
+    }
+    if (result < 0 && mPipe && mPipe->nothingCame()) {
+        throw InputError("'" + request.name + "' is empty; write a film into it");
+    }
+    if (result < 0 && data != nullptr) {
+        throw InputError("'" + request.name +
+                         "' is no media file that can be played, or is cut off before "
+                         "its index (" +
+                         errorText(result) + "); give a whole media file");
+    }
+    if (result < 0) {
+        throw InputError("cannot open '" + request.name + "' (" + errorText(result) +
+                         "); give a media file, or an input that FFmpeg knows");
+    }
+}
+
+/// @return FFmpeg's error, or 0 and more
+int Demuxer::openFormat(AVIOContext* data, const AVInputFormat* found) {
+    AVDictionary* options = nullptr;
+    if (mInput.kind != InputKind::Address) {
+        // Only files of this machine, and of a file only itself.
+        av_dict_set(&options, "protocol_whitelist", data != nullptr ? "none" : "file", 0);
+    }
+    if (mInput.demuxer == "concat") {
+        av_dict_set(&options, "safe", "0", 0);  // also files above the list's folder
+    }
+    AVFormatContext* context = avformat_alloc_context();
+    context->pb = data;
+    context->interrupt_callback = {isInterrupted, &mInterrupted};
+    const int result = avformat_open_input(&context, mInput.opened.c_str(), found, &options);
+    av_dict_free(&options);
+    mFormat.reset(context);
+    return result;
+}
+
+void Demuxer::keep(int stream, bool timesOnly) {
+    const std::lock_guard<std::mutex> guard(mLock);
+    mQueues[stream].timesOnly = timesOnly;
+}
+
+void Demuxer::keepOnly(int kept) {
+    for (unsigned i = 0; i < mFormat->nb_streams; ++i) {
+        if (static_cast<int>(i) != kept) {
+            mFormat->streams[i]->discard = AVDISCARD_ALL;
+        }
+    }
+    keep(kept, true);
+}
+
+int64_t Demuxer::reachedUs() const {
+    const std::lock_guard<std::mutex> guard(mLock);
+    return mReachedUs;
+}
+
+int Demuxer::streams() const {
+    const std::lock_guard<std::mutex> guard(mLock);
+    return mStreams;
+}
+
+ReadStatus Demuxer::read(int stream, AVPacket* packet) {
+    for (;;) {
+        if (const auto status = take(stream, packet)) {
+            return *status;
+        }
+        // The lock for reading alone: what waits in the other's queue can be taken meanwhile.
+        const std::lock_guard<std::mutex> guard(mReading);
+        if (nothingCameFor(stream)) {
+            readOne();
+        }
+    }
+}
+
+/// @return nothing when more has to be read
+std::optional<ReadStatus> Demuxer::take(int stream, AVPacket* packet) {
+    const std::lock_guard<std::mutex> guard(mLock);
+    Queue& queue = mQueues[stream];
+    if (queue.packets.empty()) {
+        return othersAreFull(stream) ? std::optional(ReadStatus::End) : mEnded;
+    }
+    av_packet_unref(packet);
+    queue.bytes -= costOf(*queue.packets.front());
+    av_packet_move_ref(packet, queue.packets.front().get());
+    queue.packets.pop_front();
+    return ReadStatus::Ready;
+}
+
+/// Between looking and reading the other reader may have brought something.
+bool Demuxer::nothingCameFor(int stream) const {
+    const std::lock_guard<std::mutex> guard(mLock);
+    return mQueues.at(stream).packets.empty() && !mEnded;
+}
+
+bool Demuxer::othersAreFull(int stream) const {
+    return std::any_of(mQueues.begin(), mQueues.end(), [&](const auto& entry) {
+        return entry.first != stream && entry.second.bytes > mMostQueuedBytes;
+    });
+}
+
+/// Reads the next packet of any stream and puts it where it is wanted.
+void Demuxer::readOne() {
+    PacketPtr packet(av_packet_alloc());
+    const int result = av_read_frame(mFormat.get(), packet.get());
+    const std::lock_guard<std::mutex> guard(mLock);
+    mStreams = static_cast<int>(mFormat->nb_streams);
+    if (result < 0) {
+        const bool whole = result == AVERROR_EOF && !endsEarly();
+        mEnded = whole ? ReadStatus::End : ReadStatus::BrokenOff;
+        return;
+    }
+    if (packet->pts != AV_NOPTS_VALUE) {
+        const AVRational timeBase = stream(packet->stream_index).time_base;
+        const int64_t fromUs = toMediaUs(packet->pts, timeBase);
+        const int64_t toUs = toMediaUs(packet->pts + packet->duration, timeBase);
+        Reach& reach = mReach.try_emplace(packet->stream_index, Reach{fromUs, toUs}).first->second;
+        reach.toUs = std::max(reach.toUs, toUs);
+        mReachedUs = std::max(mReachedUs, toUs);
+    }
+    const auto wanted = mQueues.find(packet->stream_index);
+    if (wanted == mQueues.end()) {
+        return;
+    }
+    Queue& queue = wanted->second;
+    if (queue.timesOnly) {
+        dropData(packet.get());
+    }
+    queue.bytes += costOf(*packet);
+    queue.packets.push_back(std::move(packet));
+}
+
+bool Demuxer::endsEarly() const {
+    const bool guessed = mFormat->duration_estimation_method == AVFMT_DURATION_FROM_BITRATE;
+    // Some containers count the duration from 0, others from the file's start.
+    const int64_t endUs = mReachedUs + std::max<int64_t>(mStartUs, 0);
+    const bool early =
+        !guessed && mFormat->duration > 0 && endUs + kBreakOffToleranceUs < mFormat->duration;
+    return early || indexGoesOn();
+}
+
+/// The index tells of data after the file's end.
+bool Demuxer::indexGoesOn() const {
+    const int64_t bytes = mFormat->pb != nullptr ? avio_size(mFormat->pb) : 0;
+    for (unsigned i = 0; bytes > 0 && i < mFormat->nb_streams; ++i) {
+        AVStream* stream = mFormat->streams[i];
+        const AVIndexEntry* last =
+            avformat_index_get_entry(stream, avformat_index_get_entries_count(stream) - 1);
+        if (last != nullptr && last->pos + last->size > bytes) {
+            return true;
+        }
+    }
+    return false;
+}
+
+Demuxer::Successor Demuxer::successorOf(int index) const {
+    const std::lock_guard<std::mutex> guard(mLock);
+    const auto own = mReach.find(index);
+    for (const auto& [other, reach] : mReach) {
+        if (own != mReach.end() && other != index &&
+            stream(other).codecpar->codec_type == stream(index).codecpar->codec_type &&
+            reach.fromUs + kOverlapUs >= own->second.toUs) {
+            return {other, reach.fromUs};
+        }
+    }
+    return {};
+}
+
+bool Demuxer::seek(int index, int64_t mediaUs) {
+    if (!mCanSeek) {
+        return false;
+    }
+    const std::lock_guard<std::mutex> reading(mReading);
+    const int64_t target = av_rescale_q(mediaUs + mStartUs, kMicroseconds, stream(index).time_base);
+    if (av_seek_frame(mFormat.get(), index, target, AVSEEK_FLAG_BACKWARD) < 0) {
+        return false;
+    }
+    const std::lock_guard<std::mutex> guard(mLock);
+    for (auto& [number, queue] : mQueues) {
+        queue.packets.clear();
+        queue.bytes = 0;
+    }
+    mEnded.reset();
+    return true;
+}
+
+}  // namespace korvane::player

@@ -1,0 +1,45 @@
+// SPDX-License-Identifier: Apache-2.0
+// What is to be played: an input and the streams of it.
+//
+//   film.mkv            a file; it opens nothing but itself
+//   -  or a named pipe  read once, as it comes
+//   img%03d.png         pictures by number
+//   concat:list.txt     a playlist, named as one: it may open the local files that it lists; so
+//                       does hls:list.m3u8
+//   lavfi:testsrc       a graph of FFmpeg's filters that makes its own pictures
+//   http://host/film    any other address that FFmpeg knows, concat:a.ts|b.ts among them
+//
+// A file of that very name goes before all the others.
+#pragma once
+
+#include <functional>
+#include <optional>
+#include <string>
+
+namespace korvane::player {
+
+struct MediaRequest {
+    std::string name;
+    std::optional<int> video;    ///< index of a stream; empty: the best
+    std::optional<int> audio;    ///< the same
+    std::optional<int> program;  ///< its number; streams of others are not taken
+    bool withoutAudio = false;
+    std::function<bool()> interrupted = {};  ///< ends a wait for data; may be empty
+};
+
+enum class InputKind { File, Pipe, Sequence, Playlist, Generator, Address };
+
+struct InputName {
+    InputKind kind = InputKind::File;
+    std::string demuxer;  ///< FFmpeg's name of the one that has to be taken; empty: the data tells
+    std::string opened;   ///< what is opened: a path, an address or a graph
+};
+
+/// What a name stands for. Pure.
+/// @param fileMode  `st_mode` of the file of that name, or of standard input; empty: none there
+InputName inputOf(const std::string& name, std::optional<unsigned> fileMode);
+
+/// The same with a look at the file.
+InputName inputOf(const std::string& name);
+
+}  // namespace korvane::player

@@ -1,0 +1,80 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "player/media/PipeInput.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <system_error>
+#include <utility>
+
+#include "player/base/Errors.h"
+
+extern "C" {
+#include <libavformat/avio.h>
+#include <libavutil/error.h>
+#include <libavutil/mem.h>
+}
+
+namespace korvane::player {
+namespace {
+
+constexpr int kBufferBytes = 64 * 1024;
+/// How often a wait for data looks whether playback is interrupted.
+constexpr timespec kLookAgain{0, 50'000'000};
+
+}  // namespace
+
+PipeInput::PipeInput(const std::string& name, std::function<bool()> interrupted)
+    : mInterrupted(std::move(interrupted)) {
+    const bool standardInput = name == "-" || name.rfind("pipe:", 0) == 0;
+    if (standardInput && isatty(STDIN_FILENO) != 0) {
+        throw InputError("standard input is a terminal; write a film into it: cat FILM | ...");
+    }
+    // Without blocking: a named pipe without a writer would keep the player from being interrupted.
+    mFd = standardInput ? STDIN_FILENO : open(name.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    if (mFd < 0) {
+        throw InputError("cannot open '" + name + "': " + std::generic_category().message(errno) +
+                         "; give a file or a pipe that can be read");
+    }
+    mOwned = !standardInput;
+    auto* buffer = static_cast<unsigned char*>(av_malloc(kBufferBytes));
+    mContext = avio_alloc_context(buffer, kBufferBytes, 0, this, read, nullptr, nullptr);
+    mContext->seekable = 0;
+}
+
+PipeInput::~PipeInput() {
+    av_freep(&mContext->buffer);
+    avio_context_free(&mContext);
+    if (mOwned) {
+        close(mFd);
+    }
+}
+
+int PipeInput::read(void* self, uint8_t* data, int bytes) {
+    auto& input = *static_cast<PipeInput*>(self);
+    for (;;) {
+        if (input.mInterrupted && input.mInterrupted()) {
+            return AVERROR_EXIT;
+        }
+        pollfd descriptor{input.mFd, POLLIN, 0};
+        // Not poll: in virtual time that one lets simulated time go by.
+        if (ppoll(&descriptor, 1, &kLookAgain, nullptr) <= 0) {
+            continue;
+        }
+        const ssize_t count = ::read(input.mFd, data, static_cast<size_t>(bytes));
+        if (count > 0) {
+            input.mSomethingCame = true;
+            return static_cast<int>(count);
+        }
+        if (count == 0) {
+            return AVERROR_EOF;
+        }
+        if (errno != EAGAIN && errno != EINTR) {
+            return AVERROR(errno);
+        }
+    }
+}
+
+}  // namespace korvane::player
