@@ -48,6 +48,8 @@ public:
     void stop();
 
     tv::AudioReport report() const;
+    /// Media time of the first packet that came; -1: none did.
+    int64_t soundFromUs();
 
 private:
     void run();
@@ -71,6 +73,7 @@ private:
         false;  ///< the picture is ready; packets may be queued
     int64_t mOpenBeforeNs KORVANE_GUARDED_BY(mLock) = 0;
     int64_t mPictureUs KORVANE_GUARDED_BY(mLock) = 0;
+    int64_t mSoundFromUs KORVANE_GUARDED_BY(mLock) = -1;
     int64_t mQueuedUpToUs KORVANE_GUARDED_BY(mLock) = 0;
     int64_t mQueuedFromUs KORVANE_GUARDED_BY(mLock) = -1;
     std::thread mThread;

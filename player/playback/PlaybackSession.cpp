@@ -426,6 +426,7 @@ PlaybackRecord PlaybackSession::finish() {
     mRecord.stopNs = tv::nowNs();
     if (mAudio) {
         mAudio->stop();
+        mRecord.soundFromUs = mAudio->soundFromUs();
         mRecord.audioUnderflows = mAudio->report().underflows;
         mRecord.audioReanchors = mAudio->report().reanchors;
     }

@@ -157,6 +157,16 @@ void printStart(std::ostream& out, const Summary& summary) {
     }
 }
 
+void printSound(std::ostream& out, const PlaybackRecord& record) {
+    /// Streams of a film begin apart by less than this.
+    constexpr int64_t kAtOnceUs = 500'000;
+    if (record.withAudio && record.soundFromUs < 0) {
+        line(out, "", "no sound: not one packet of the audio stream came");
+    } else if (record.withAudio && record.soundFromUs > kAtOnceUs) {
+        line(out, "", fmt::format("sound begins at {}", seconds(record.soundFromUs)));
+    }
+}
+
 void printOffset(std::ostream& out, const PlaybackRecord& record, const Summary& summary) {
     const char* what = record.withAudio ? "audio" : "clock";
     const Spread& offset = summary.offset.us;
@@ -267,6 +277,7 @@ void printReport(std::ostream& out, const PlaybackRecord& record, const Summary&
     printDwell(out, summary);
     printBreaks(out, summary);
     printStart(out, summary);
+    printSound(out, record);
     printOffset(out, record, summary);
     printFrames(out, summary);
     printBuffers(out, record, summary);
