@@ -88,6 +88,9 @@ struct VideoReader::Impl {
                              " picture that can be decoded; the file may be damaged, try another "
                              "one");
         }
+        // Of pictures that begin late, FFmpeg learns nothing while it opens the input.
+        info.width = picture->width;
+        info.height = picture->height;
         info.pictureBytes = av_image_get_buffer_size(static_cast<AVPixelFormat>(picture->format),
                                                      picture->width, picture->height, 32);
     }

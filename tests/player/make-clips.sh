@@ -22,6 +22,9 @@ clip 60.mp4 60 3
 clip 25.mp4 25 3
 ffmpeg -v error -y -i 24.mp4 -c copy -an silent.mp4
 ffmpeg -v error -y -i 24.mp4 -c copy 24.mkv
+ffmpeg -v error -y -itsoffset 8 -i 24.mp4 -stream_loop 3 -i 24.mp4 -map 0:v -map 1:a \
+    -c copy late-pictures.mkv
+ffmpeg -v error -y -i late-pictures.mkv -c:v mpeg2video -q:v 5 -c:a copy late-pictures.ts
 ffmpeg -v error -y -stream_loop 3 -i 24.mp4 -itsoffset 9 -i 24.mp4 -map 0:v -map 1:a \
     -c copy very-late-sound.mkv
 ffmpeg -v error -y -i very-late-sound.mkv -c:v mpeg2video -q:v 5 -c:a copy very-late-sound.ts
