@@ -80,4 +80,15 @@ printf 'ffconcat version 1.0\nfile 24.ts\n' >list.ffconcat
 printf '#EXTM3U\n#EXT-X-TARGETDURATION:3\n#EXTINF:3,\n24.ts\n#EXT-X-ENDLIST\n' >list.m3u8
 printf '#EXTM3U\n#EXT-X-TARGETDURATION:3\n#EXTINF:3,\nhttp://127.0.0.1:9/24.ts\n#EXT-X-ENDLIST\n' \
     >remote.m3u8
+# Splices: the second part begins an hour or six seconds later, or a minute earlier.
+part() { # name, offset
+    ffmpeg -v error -y -i 24.mp4 -q:v 5 -c:a copy -output_ts_offset "$2" "$1"
+}
+part at-1m.ts 60
+part at-1h.ts 3600
+part at-69s.ts 69
+cat at-1m.ts at-1h.ts >an-hour-on.ts
+cat at-1m.ts at-69s.ts >six-seconds-on.ts
+cat at-1h.ts at-1m.ts >an-hour-back.ts
+cat at-1m.ts at-1m.ts at-1m.ts >repeated.ts
 cp "$self" made
