@@ -11,6 +11,9 @@ namespace {
 /// Three times what players hand over ahead.
 constexpr int64_t kRecentUs = 10'000'000;
 
+/// No codec's packets last longer.
+constexpr int64_t kLongestPacketUs = 1'000'000;
+
 }  // namespace
 
 AudioReader::AudioReader(std::shared_ptr<Demuxer> demuxer, int stream)
@@ -50,6 +53,24 @@ ReadStatus AudioReader::take(AudioPacket* packet) {
 }
 
 ReadStatus AudioReader::readOn(AudioPacket* packet) {
+    if (mAhead) {
+        *packet = *std::exchange(mAhead, std::nullopt);
+    } else if (const ReadStatus status = readOne(packet); status != ReadStatus::Ready) {
+        return status;
+    }
+    AudioPacket following;
+    if (packet->durationUs == 0 && readOne(&following) == ReadStatus::Ready) {
+        mAhead = following;
+        packet->durationUs = following.mediaTimeUs - packet->mediaTimeUs;
+    }
+    if (packet->durationUs <= 0 || packet->durationUs > kLongestPacketUs) {
+        packet->durationUs = mLastDurationUs;
+    }
+    mLastDurationUs = packet->durationUs;
+    return ReadStatus::Ready;
+}
+
+ReadStatus AudioReader::readOne(AudioPacket* packet) {
     const ReadStatus status = mDemuxer->read(mStream, mPacket.get());
     if (status == ReadStatus::Ready) {
         packet->durationUs = av_rescale_q(mPacket->duration, mTimeBase, kMicroseconds);
@@ -63,6 +84,7 @@ ReadStatus AudioReader::readOn(AudioPacket* packet) {
 void AudioReader::seek(int64_t mediaTimeUs) {
     if (mDemuxer->seek(mStream, mediaTimeUs)) {
         mRecent.clear();
+        mAhead.reset();
     }
     mSkipBeforeUs = mediaTimeUs;
     mGiven = 0;

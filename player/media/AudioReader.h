@@ -1,6 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 // Reads the times of the audio packets of an input; nothing is decoded.
 //
+// FFmpeg takes a packet's duration from what it learns while it opens the input. Of sound that
+// begins later than it looks, it learns nothing: then a packet lasts until the next one.
+//
 // Where the input cannot seek, a seek goes back among the packets of the last seconds: a player
 // hands audio over ahead of what sounds, and after a flush has to hand over again what was
 // forgotten.
@@ -9,6 +12,7 @@
 #include <cstdint>
 #include <deque>
 #include <memory>
+#include <optional>
 
 #include "player/media/Ffmpeg.h"
 #include "player/media/FrameSource.h"
@@ -30,6 +34,7 @@ public:
 
 private:
     ReadStatus readOn(AudioPacket* packet);
+    ReadStatus readOne(AudioPacket* packet);
     ReadStatus take(AudioPacket* packet);
 
     const std::shared_ptr<Demuxer> mDemuxer;
@@ -37,6 +42,8 @@ private:
     const AVRational mTimeBase;
     const PacketPtr mPacket;
     int64_t mNextUs = 0;
+    std::optional<AudioPacket> mAhead;  ///< read to learn how long the one before it lasts
+    int64_t mLastDurationUs = 0;
     int64_t mSkipBeforeUs = 0;
     std::deque<AudioPacket> mRecent;  ///< what was read last
     size_t mGiven = 0;                ///< of these, how many were handed on

@@ -28,6 +28,9 @@ constexpr int64_t kBreakOffToleranceUs = 500'000;
 /// By how much a stream may overlap the one that it goes on from: a few reordered pictures.
 constexpr int64_t kOverlapUs = 200'000;
 
+/// Key packets are nearer to each other than this.
+constexpr int64_t kAstrayUs = 10'000'000;
+
 /// What FFmpeg would report in its own words, or not at all, is said here plainly.
 void checkIsFile(const std::string& path) {
     struct stat status {};
@@ -196,6 +199,26 @@ int Demuxer::openFormat(AVIOContext* data, const AVInputFormat* found) {
     return result;
 }
 
+void Demuxer::follow(int video, int audio) {
+    if ((mFormat->iformat->flags & AVFMT_TS_DISCONT) == 0) {
+        return;
+    }
+    const AVStream& timed = stream(video);
+    const int64_t wrapUs =
+        timed.pts_wrap_bits < 63
+            ? av_rescale_q(int64_t{1} << timed.pts_wrap_bits, timed.time_base, kMicroseconds)
+            : 0;
+    const std::lock_guard<std::mutex> guard(mLock);
+    mFollowed[0] = video;
+    mFollowed[1] = audio;
+    mMapper.emplace(wrapUs);
+}
+
+std::vector<Splice> Demuxer::splices() const {
+    const std::lock_guard<std::mutex> guard(mLock);
+    return mMapper ? mMapper->splices() : std::vector<Splice>();
+}
+
 void Demuxer::keep(int stream, bool timesOnly) {
     const std::lock_guard<std::mutex> guard(mLock);
     mQueues[stream].timesOnly = timesOnly;
@@ -203,7 +226,7 @@ void Demuxer::keep(int stream, bool timesOnly) {
 
 void Demuxer::keepOnly(int kept) {
     for (unsigned i = 0; i < mFormat->nb_streams; ++i) {
-        if (static_cast<int>(i) != kept) {
+        if (static_cast<int>(i) != kept && trackOf(static_cast<int>(i)) < 0) {
             mFormat->streams[i]->discard = AVDISCARD_ALL;
         }
     }
@@ -259,17 +282,61 @@ bool Demuxer::othersAreFull(int stream) const {
     });
 }
 
-/// Reads the next packet of any stream and puts it where it is wanted.
+/// Reads the next packet of any stream.
 void Demuxer::readOne() {
     PacketPtr packet(av_packet_alloc());
     const int result = av_read_frame(mFormat.get(), packet.get());
     const std::lock_guard<std::mutex> guard(mLock);
     mStreams = static_cast<int>(mFormat->nb_streams);
     if (result < 0) {
+        if (mMapper) {
+            mMapper->end();
+            takeMapped();
+        }
         const bool whole = result == AVERROR_EOF && !endsEarly();
         mEnded = whole ? ReadStatus::End : ReadStatus::BrokenOff;
         return;
     }
+    mapTimes(std::move(packet));
+}
+
+/// Packets of a container whose times may jump go through the mapper, which may hold them back.
+void Demuxer::mapTimes(PacketPtr packet) {
+    const int track = trackOf(packet->stream_index);
+    if (track < 0) {
+        place(std::move(packet));
+        return;
+    }
+    const AVRational timeBase = stream(packet->stream_index).time_base;
+    const int64_t timestamp = packet->dts != AV_NOPTS_VALUE ? packet->dts : packet->pts;
+    TimelineMapper::Packet time{track, std::nullopt, 0};
+    if (timestamp != AV_NOPTS_VALUE) {
+        time.us = toMediaUs(timestamp, timeBase);
+    }
+    time.durationUs = av_rescale_q(packet->duration, timeBase, kMicroseconds);
+    mUnmapped.push_back(std::move(packet));
+    mMapper->push(time);
+    takeMapped();
+}
+
+void Demuxer::takeMapped() {
+    while (const auto shiftUs = mMapper->pop()) {
+        PacketPtr packet = std::move(mUnmapped.front());
+        mUnmapped.pop_front();
+        const AVRational timeBase = stream(packet->stream_index).time_base;
+        const int64_t shift = av_rescale_q(*shiftUs, kMicroseconds, timeBase);
+        packet->pts += packet->pts != AV_NOPTS_VALUE ? shift : 0;
+        packet->dts += packet->dts != AV_NOPTS_VALUE ? shift : 0;
+        place(std::move(packet));
+    }
+}
+
+int Demuxer::trackOf(int stream) const {
+    return stream == mFollowed[0] ? 0 : stream == mFollowed[1] ? 1 : -1;
+}
+
+/// Puts a packet where it is wanted.
+void Demuxer::place(PacketPtr packet) {
     if (packet->pts != AV_NOPTS_VALUE) {
         const AVRational timeBase = stream(packet->stream_index).time_base;
         const int64_t fromUs = toMediaUs(packet->pts, timeBase);
@@ -294,8 +361,9 @@ bool Demuxer::endsEarly() const {
     const bool guessed = mFormat->duration_estimation_method == AVFMT_DURATION_FROM_BITRATE;
     // Some containers count the duration from 0, others from the file's start.
     const int64_t endUs = mReachedUs + std::max<int64_t>(mStartUs, 0);
-    const bool early =
-        !guessed && mFormat->duration > 0 && endUs + kBreakOffToleranceUs < mFormat->duration;
+    const bool spliced = mMapper && !mMapper->splices().empty();
+    const bool early = !guessed && !spliced && mFormat->duration > 0 &&
+                       endUs + kBreakOffToleranceUs < mFormat->duration;
     return early || indexGoesOn();
 }
 
@@ -331,17 +399,89 @@ bool Demuxer::seek(int index, int64_t mediaUs) {
         return false;
     }
     const std::lock_guard<std::mutex> reading(mReading);
+    if (!splices().empty()) {
+        return seekByReading(index, mediaUs);
+    }
+    if (!seekRaw(index, mediaUs)) {
+        return false;
+    }
+    if (mFollowed[0] < 0) {
+        return true;
+    }
+    // Beyond a splice that nobody has met yet, the container's times lead astray.
+    const auto landedUs = nextUs(index);
+    const bool near = landedUs && std::abs(*landedUs - mediaUs) < kAstrayUs;
+    return near || seekByReading(index, mediaUs);
+}
+
+bool Demuxer::seekRaw(int index, int64_t mediaUs) {
     const int64_t target = av_rescale_q(mediaUs + mStartUs, kMicroseconds, stream(index).time_base);
     if (av_seek_frame(mFormat.get(), index, target, AVSEEK_FLAG_BACKWARD) < 0) {
         return false;
     }
+    forget();
+    return true;
+}
+
+void Demuxer::forget() {
     const std::lock_guard<std::mutex> guard(mLock);
     for (auto& [number, queue] : mQueues) {
         queue.packets.clear();
         queue.bytes = 0;
     }
+    mUnmapped.clear();
+    if (mMapper) {
+        mMapper->restart();
+    }
     mEnded.reset();
+}
+
+/// Reads from the beginning up to the last key packet before the target: slow in a large file, but
+/// it meets every splice. A target beyond the end leads to the end.
+bool Demuxer::seekByReading(int index, int64_t mediaUs) {
+    if (av_seek_frame(mFormat.get(), -1, 0, AVSEEK_FLAG_BYTE) < 0) {
+        return false;
+    }
+    forget();
+    while (!dropUpTo(index, mediaUs)) {
+        readOne();
+    }
     return true;
+}
+
+/// Drops what is not needed for a target.
+/// @return whether the target or the end has been reached
+bool Demuxer::dropUpTo(int index, int64_t mediaUs) {
+    const std::lock_guard<std::mutex> guard(mLock);
+    auto& packets = mQueues[index].packets;
+    const AVRational timeBase = stream(index).time_base;
+    size_t start = 0;
+    bool reached = mEnded.has_value();
+    for (size_t i = 0; i < packets.size(); ++i) {
+        const bool timed = packets[i]->pts != AV_NOPTS_VALUE;
+        const bool later = timed && toMediaUs(packets[i]->pts, timeBase) > mediaUs;
+        const bool key = (packets[i]->flags & AV_PKT_FLAG_KEY) != 0;
+        start = key && !later ? i : start;
+        reached = reached || (key && later);
+    }
+    for (; start > 0; --start) {
+        mQueues[index].bytes -= costOf(*packets.front());
+        packets.pop_front();
+    }
+    return reached;
+}
+
+/// Media time of a stream's next packet; empty: there is none.
+std::optional<int64_t> Demuxer::nextUs(int index) {
+    while (nothingCameFor(index)) {
+        readOne();
+    }
+    const std::lock_guard<std::mutex> guard(mLock);
+    const auto& packets = mQueues.at(index).packets;
+    if (packets.empty() || packets.front()->pts == AV_NOPTS_VALUE) {
+        return std::nullopt;
+    }
+    return toMediaUs(packets.front()->pts, stream(index).time_base);
 }
 
 }  // namespace korvane::player

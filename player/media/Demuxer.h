@@ -20,12 +20,14 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "include/ThreadAnnotations.h"
 #include "player/media/Ffmpeg.h"
 #include "player/media/FrameSource.h"
 #include "player/media/MediaRequest.h"
 #include "player/media/PipeInput.h"
+#include "player/media/TimelineMapper.h"
 
 namespace korvane::player {
 
@@ -52,6 +54,11 @@ public:
         return av_rescale_q(timestamp, timeBase, kMicroseconds) - mStartUs;
     }
 
+    /// Where the container's times may jump, makes them continuous by these two streams. Call
+    /// before any other stream is kept.
+    /// @param audio  -1: there is none
+    void follow(int video, int audio);
+    std::vector<Splice> splices() const;
     /// From here on packets of this stream wait until they are read; all others are dropped.
     /// @param timesOnly  their data is not wanted
     void keep(int stream, bool timesOnly);
@@ -91,6 +98,15 @@ private:
     std::optional<ReadStatus> take(int stream, AVPacket* packet);
     bool nothingCameFor(int stream) const;
     void readOne() KORVANE_REQUIRES(mReading);
+    void place(PacketPtr packet) KORVANE_REQUIRES(mLock);
+    void mapTimes(PacketPtr packet) KORVANE_REQUIRES(mLock);
+    void takeMapped() KORVANE_REQUIRES(mLock);
+    int trackOf(int stream) const;
+    bool seekRaw(int stream, int64_t mediaUs) KORVANE_REQUIRES(mReading);
+    bool seekByReading(int stream, int64_t mediaUs) KORVANE_REQUIRES(mReading);
+    bool dropUpTo(int stream, int64_t mediaUs);
+    void forget();
+    std::optional<int64_t> nextUs(int stream) KORVANE_REQUIRES(mReading);
     bool othersAreFull(int stream) const KORVANE_REQUIRES(mLock);
     bool endsEarly() const KORVANE_REQUIRES(mLock);
     bool indexGoesOn() const;
@@ -104,6 +120,9 @@ private:
     bool mCanSeek = true;
     int64_t mStartUs = 0;
 
+    int mFollowed[2] = {-1, -1};  ///< video and audio; -1: times do not jump, or no such stream
+    std::optional<TimelineMapper> mMapper KORVANE_GUARDED_BY(mLock);
+    std::deque<PacketPtr> mUnmapped KORVANE_GUARDED_BY(mLock);  ///< those that the mapper holds
     std::mutex mReading;  ///< held while FFmpeg reads, which may wait for data; before mLock
     mutable std::mutex mLock;
     std::map<int, Queue> mQueues KORVANE_GUARDED_BY(mLock);

@@ -13,7 +13,8 @@ namespace korvane::player {
 /// Something in the input that was not so before.
 struct MediaChange {
     int64_t mediaTimeUs = 0;
-    std::string what;  ///< "320x180 becomes 640x360"
+    std::string what;     ///< "320x180 becomes 640x360"
+    bool splice = false;  ///< the container's times jump here; media time goes on
 };
 
 struct MediaProgram {

@@ -11,6 +11,7 @@ extern "C" {
 }
 
 #include "player/base/Errors.h"
+#include "player/base/Units.h"
 #include "player/media/AudioReader.h"
 #include "player/media/Demuxer.h"
 #include "player/media/MediaDescription.h"
@@ -78,6 +79,7 @@ struct VideoReader::Impl {
             info.frameRateHz > 0.0 ? static_cast<int64_t>(1e6 / info.frameRateHz) : kDefaultFrameUs;
         knownStreams = demuxer->streams();
         codec = openDecoder(asked.name, stream);
+        demuxer->follow(choice.video, choice.audio);
         demuxer->keep(choice.video, false);
         if (info.audioStream >= 0 && !info.canSeek) {
             demuxer->keep(choice.audio, true);
@@ -88,6 +90,9 @@ struct VideoReader::Impl {
                              " picture that can be decoded; the file may be damaged, try another "
                              "one");
         }
+        // Of pictures that begin late, FFmpeg learns nothing while it opens the input.
+        info.width = picture->width;
+        info.height = picture->height;
         info.pictureBytes = av_image_get_buffer_size(static_cast<AVPixelFormat>(picture->format),
                                                      picture->width, picture->height, 32);
     }
@@ -201,11 +206,29 @@ struct VideoReader::Impl {
             width = picture->width;
             height = picture->height;
         }
+        for (const Splice& splice : demuxer->splices()) {
+            if (splice.atUs <= lastUs) {
+                noteSplice(splice);
+            }
+        }
         const int streams = demuxer->streams();
         if (streams > knownStreams) {
             noteChange(lastUs, "the input brings " + std::to_string(streams - knownStreams) +
                                    " more streams, not taken");
             knownStreams = streams;
+        }
+    }
+
+    /// After a seek back a splice comes again.
+    void noteSplice(const Splice& splice) {
+        const auto known = [&](const MediaChange& change) {
+            return change.splice && change.mediaTimeUs == splice.atUs;
+        };
+        if (std::none_of(info.changes.begin(), info.changes.end(), known)) {
+            noteChange(
+                splice.atUs,
+                "the times jump from " + seconds(splice.fromUs) + " to " + seconds(splice.toUs),
+                true);
         }
     }
 
@@ -221,9 +244,9 @@ struct VideoReader::Impl {
         }
     }
 
-    void noteChange(int64_t mediaTimeUs, const std::string& what) {
+    void noteChange(int64_t mediaTimeUs, const std::string& what, bool splice = false) {
         if (info.changes.size() < kKeptChanges) {
-            info.changes.push_back({mediaTimeUs, what});
+            info.changes.push_back({mediaTimeUs, what, splice});
         }
     }
 
@@ -258,6 +281,7 @@ std::unique_ptr<PacketSource> VideoReader::openAudio() const {
     auto demuxer = mImpl->demuxer;
     if (mImpl->info.canSeek) {
         demuxer = std::make_shared<Demuxer>(mImpl->request);
+        demuxer->follow(mImpl->choice.video, mImpl->choice.audio);
         demuxer->keepOnly(mImpl->choice.audio);
     }
     return std::make_unique<AudioReader>(demuxer, mImpl->choice.audio);

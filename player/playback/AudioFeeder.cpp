@@ -87,6 +87,11 @@ tv::AudioReport AudioFeeder::report() const {
     return mOutput.report();
 }
 
+int64_t AudioFeeder::soundFromUs() {
+    const std::lock_guard<std::mutex> guard(mLock);
+    return mSoundFromUs;
+}
+
 void AudioFeeder::run() {
     tv::WaitLock lock(mLock);
     while (!mStopping) {
@@ -118,6 +123,7 @@ void AudioFeeder::queueOne() {
         mOutput.endOfStream();
         return;
     }
+    mSoundFromUs = mSoundFromUs < 0 ? packet.mediaTimeUs : mSoundFromUs;
     if (mQueuedFromUs < 0 && packet.mediaTimeUs > mPictureUs) {
         queue(mPictureUs, packet.mediaTimeUs);
     }

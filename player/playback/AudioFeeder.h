@@ -50,6 +50,8 @@ public:
     tv::AudioReport report() const;
     /// What was audible until now.
     tv::SoundRecord sound() const { return mOutput.sound(); }
+    /// Media time of the first packet that came; -1: none did.
+    int64_t soundFromUs();
 
 private:
     void run();
@@ -73,6 +75,7 @@ private:
         false;  ///< the picture is ready; packets may be queued
     int64_t mOpenBeforeNs KORVANE_GUARDED_BY(mLock) = 0;
     int64_t mPictureUs KORVANE_GUARDED_BY(mLock) = 0;
+    int64_t mSoundFromUs KORVANE_GUARDED_BY(mLock) = -1;
     int64_t mQueuedUpToUs KORVANE_GUARDED_BY(mLock) = 0;
     int64_t mQueuedFromUs KORVANE_GUARDED_BY(mLock) = -1;
     std::thread mThread;

@@ -10,8 +10,8 @@ namespace {
 constexpr int64_t kTickNs = 20'000'000;
 /// The same while something hangs on the position shown or on the last frame.
 constexpr int64_t kFineTickNs = 5'000'000;
-/// Playback counts as stalled when the library gives no sign of life for this long, beyond the
-/// longest wait that the plan asks for.
+/// Playback counts as stalled when something is due and the library gives no sign of life for this
+/// long, beyond the longest wait that the plan asks for.
 constexpr int64_t kStallNs = 5'000'000'000;
 /// Longest wait for the last frame to come on screen after it has left the library.
 constexpr int64_t kLastFrameNs = 1'000'000'000;
@@ -62,7 +62,7 @@ void FeedSchedule::leaveSection() {
     mLibraryEmptyNs = 0;
 }
 
-bool FeedSchedule::ends(const FeedState& state, EndCause* cause) const {
+bool FeedSchedule::ends(const FeedState& state, EndCause* cause) {
     if (state.interrupted) {
         *cause = EndCause::Interrupted;
         return true;
@@ -74,8 +74,9 @@ bool FeedSchedule::ends(const FeedState& state, EndCause* cause) const {
         *cause = EndCause::Stopped;
         return true;
     }
-    if (nextActionNs() == kNever &&
-        state.nowNs - state.lastMoveNs > kStallNs + mPlan.longestWaitUs * 1000) {
+    mNothingDueNs = state.dueNs > state.nowNs ? state.nowNs : mNothingDueNs;
+    const int64_t stillNs = state.nowNs - std::max(state.lastMoveNs, mNothingDueNs);
+    if (nextActionNs() == kNever && stillNs > kStallNs + mPlan.longestWaitUs * 1000) {
         *cause = EndCause::Stalled;
         return true;
     }

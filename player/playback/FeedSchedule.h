@@ -3,7 +3,7 @@
 // gathers. No clock is read and nothing waits here.
 //
 //   checked in this order                                            step
-//   interrupted, stop time reached, or nothing moves any more        End
+//   interrupted, stop time reached, or stalled                       End
 //   the next seek or flush is due                                    Seek
 //   the restart is due                                               Restart
 //   pictures are left in the source:
@@ -14,6 +14,10 @@
 //   every frame has left the library, the last one has been shown,
 //   and no action is planned                                         End
 //   else                                                             Wait
+//
+// Playback is stalled when something has been due for 5 s and nothing has moved. While the clock
+// runs and the library's oldest frame is due later, nothing is due: slides stay as long as they
+// should.
 //
 // A wait ends when the next planned action is due, and after 20 ms at the latest, or 5 ms when
 // something hangs on the position shown or on the last frame; then the caller asks again. Before
@@ -41,6 +45,7 @@ struct FeedState {
     int64_t positionUs = -1;     ///< media time shown last; -1: none yet
     int64_t inLibrary = 0;       ///< frames that the library still has to show or return
     int64_t lastMoveNs = 0;      ///< last sign of life, or start of the section
+    int64_t dueNs = 0;           ///< when the library's oldest frame is due; 0: no telling
     bool lastFrameShown = false;
 };
 
@@ -85,7 +90,7 @@ public:
 private:
     static constexpr int64_t kNever = std::numeric_limits<int64_t>::max();
 
-    bool ends(const FeedState& state, EndCause* cause) const;
+    bool ends(const FeedState& state, EndCause* cause);
     bool seekDue(const FeedState& state) const;
     bool restartDue(int64_t nowNs) const;
     FeedStep feed(const FeedState& state);
@@ -105,6 +110,7 @@ private:
     int64_t mStartNs = 0;      ///< 0: not started
     int64_t mStallEndsNs = 0;  ///< 0: the next stall has not begun
     SectionFeed mSection;
+    int64_t mNothingDueNs = 0;    ///< when that was so last
     int64_t mSentBeforeUs = 0;    ///< media sent in earlier sections
     int64_t mLibraryEmptyNs = 0;  ///< since when the library has no frame; 0: it has some
 };

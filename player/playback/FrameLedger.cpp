@@ -48,6 +48,11 @@ Outcome outcomeOf(const FrameEntry& frame) {
     return frame.returnedAsRendered ? Outcome::Refused : Outcome::Dropped;
 }
 
+/// Whether the library has nothing more to do with the frame.
+bool hasLeft(const FrameEntry& frame) {
+    return frame.returns > 0 || frame.renderTimeUs >= 0 || frame.stoppedBefore;
+}
+
 }  // namespace
 
 const char* toString(Outcome outcome) {
@@ -96,9 +101,7 @@ FrameEntry* FrameLedger::find(int64_t frameNo) {
 }
 
 void FrameLedger::markLeft(FrameEntry& entry) {
-    if (entry.returns == 0 && entry.renderTimeUs < 0 && !entry.stoppedBefore) {
-        ++mLeft;
-    }
+    mLeft += hasLeft(entry) ? 0 : 1;
     mLastEventNs = tv::nowNs();
 }
 
@@ -151,6 +154,19 @@ int64_t FrameLedger::frames() const {
 int64_t FrameLedger::inLibrary() const {
     const std::lock_guard<std::mutex> guard(mLock);
     return mFirst + static_cast<int64_t>(mEntries.size()) - mLeft;
+}
+
+std::optional<int64_t> FrameLedger::nextUs() const {
+    const std::lock_guard<std::mutex> guard(mLock);
+    std::optional<int64_t> nextUs;
+    int64_t inLibrary = mFirst + static_cast<int64_t>(mEntries.size()) - mLeft;
+    for (auto frame = mEntries.rbegin(); inLibrary > 0 && frame != mEntries.rend(); ++frame) {
+        if (!hasLeft(*frame)) {
+            nextUs = frame->mediaTimeUs;
+            --inLibrary;
+        }
+    }
+    return nextUs;
 }
 
 int64_t FrameLedger::positionUs() const {

@@ -109,6 +109,8 @@ public:
     int64_t mediaTimeUs(int64_t frameNo);
     /// Frames that have neither come back nor reached their render time.
     int64_t inLibrary() const;
+    /// Media time of the oldest of them; empty: there is none.
+    std::optional<int64_t> nextUs() const;
     /// Media time of the frame whose render time came last; -1 before the first.
     int64_t positionUs() const;
     /// Whether a frame of the present section has reached its render time.

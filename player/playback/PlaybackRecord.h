@@ -50,6 +50,7 @@ struct PlaybackRecord {
     int64_t buffersKept = 0;  ///< the library took them out of the tunnel and never returned them
     FrameAt firstKept;
     tv::SyncCounters sync;
+    int64_t soundFromUs = -1;  ///< media time of the first audio packet; -1: none came
     int64_t audioUnderflows = 0;
     int64_t audioReanchors = 0;
     int64_t decodeErrors = 0;

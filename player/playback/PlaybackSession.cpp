@@ -197,9 +197,17 @@ FeedState PlaybackSession::state() const {
     state.inLibrary = mLedger.inLibrary();
     state.lastMoveNs = std::max(mLedger.lastEventNs(),
                                 mRecord.sections.empty() ? 0 : mRecord.sections.back().beganNs);
+    state.dueNs = nextFrameDueNs();
     // Only asked for when it counts: it copies the tunnel's record.
     state.lastFrameShown = mSourceEnded && state.inLibrary == 0 && lastFrameHasBeenShown();
     return state;
+}
+
+/// When the library's oldest frame is due; 0: it has none, or its clock stands still.
+int64_t PlaybackSession::nextFrameDueNs() const {
+    const auto nextUs = mLedger.nextUs();
+    const int64_t nowUs = tv::nowNs() / 1000;
+    return nextUs && !mClock->paused() ? mClock->realTimeFor(*nextUs, nowUs) * 1000 : 0;
 }
 
 /// The last frame that reached the tunnel has been on screen for a frame's time.
@@ -419,6 +427,7 @@ PlaybackRecord PlaybackSession::finish() {
     mRecord.stopNs = tv::nowNs();
     if (mAudio) {
         mAudio->stop();
+        mRecord.soundFromUs = mAudio->soundFromUs();
         mRecord.audioUnderflows = mAudio->report().underflows;
         mRecord.audioReanchors = mAudio->report().reanchors;
     }

@@ -54,6 +54,7 @@ private:
 
     // loop
     FeedState state() const;
+    int64_t nextFrameDueNs() const;
     bool lastFrameHasBeenShown() const;
     bool carryOut(const FeedStep& step);
     bool decodeNext();

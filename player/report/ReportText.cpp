@@ -188,6 +188,16 @@ void printStart(std::ostream& out, const Summary& summary) {
     }
 }
 
+void printSound(std::ostream& out, const PlaybackRecord& record) {
+    /// Streams of a film begin apart by less than this.
+    constexpr int64_t kAtOnceUs = 500'000;
+    if (record.withAudio && record.soundFromUs < 0) {
+        line(out, "", "no sound: not one packet of the audio stream came");
+    } else if (record.withAudio && record.soundFromUs > kAtOnceUs) {
+        line(out, "", fmt::format("sound begins at {}", seconds(record.soundFromUs)));
+    }
+}
+
 /// "EBU R37 (+40 to -60 ms) 1.983 s".
 std::string describeBand(const char* name, const LipSyncBand& band, double secondsOutside) {
     return fmt::format("{} (+{} to {} ms) {:.3f} s", name, band.mostUs / 1000, band.leastUs / 1000,
@@ -308,7 +318,7 @@ void printEnd(std::ostream& out, const PlaybackRecord& record, const tv::TraceRe
              counted(record.decodeErrors, "packet") + " came damaged or could not be decoded");
     }
     if (record.failedSeeks > 0) {
-        line(out, "", counted(record.failedSeeks, "seek") + " failed: the input cannot seek");
+        line(out, "", counted(record.failedSeeks, "seek") + " failed: the file cannot seek");
     }
     if (!trace.path.empty()) {
         line(out, "trace",
@@ -332,6 +342,7 @@ void printReport(std::ostream& out, const PlaybackRecord& record, const Summary&
     printBreaks(out, summary);
     printJudder(out, summary);
     printStart(out, summary);
+    printSound(out, record);
     printLipSync(out, record, summary);
     printOffset(out, record, summary);
     printFrames(out, summary);

@@ -22,6 +22,13 @@ clip 60.mp4 60 3
 clip 25.mp4 25 3
 ffmpeg -v error -y -i 24.mp4 -c copy -an silent.mp4
 ffmpeg -v error -y -i 24.mp4 -c copy 24.mkv
+ffmpeg -v error -y -itsoffset 8 -i 24.mp4 -stream_loop 3 -i 24.mp4 -map 0:v -map 1:a \
+    -c copy late-pictures.mkv
+ffmpeg -v error -y -i late-pictures.mkv -c:v mpeg2video -q:v 5 -c:a copy late-pictures.ts
+ffmpeg -v error -y -stream_loop 3 -i 24.mp4 -itsoffset 9 -i 24.mp4 -map 0:v -map 1:a \
+    -c copy very-late-sound.mkv
+ffmpeg -v error -y -i very-late-sound.mkv -c:v mpeg2video -q:v 5 -c:a copy very-late-sound.ts
+ffmpeg -v error -y -f lavfi -i testsrc2=size=320x180:rate=1/6:duration=18 -c:v mpeg4 slides.mkv
 ffmpeg -v error -y -i 24.mp4 -itsoffset 1 -i 24.mp4 -map 0:v -map 1:a -c copy late-sound.mkv
 ffmpeg -v error -y -i 24.mp4 -g 300 -q:v 5 -c:a copy one-key.ts
 cp one-key.ts damaged.ts
@@ -73,4 +80,15 @@ printf 'ffconcat version 1.0\nfile 24.ts\n' >list.ffconcat
 printf '#EXTM3U\n#EXT-X-TARGETDURATION:3\n#EXTINF:3,\n24.ts\n#EXT-X-ENDLIST\n' >list.m3u8
 printf '#EXTM3U\n#EXT-X-TARGETDURATION:3\n#EXTINF:3,\nhttp://127.0.0.1:9/24.ts\n#EXT-X-ENDLIST\n' \
     >remote.m3u8
+# Splices: the second part begins an hour or six seconds later, or a minute earlier.
+part() { # name, offset
+    ffmpeg -v error -y -i 24.mp4 -q:v 5 -c:a copy -output_ts_offset "$2" "$1"
+}
+part at-1m.ts 60
+part at-1h.ts 3600
+part at-69s.ts 69
+cat at-1m.ts at-1h.ts >an-hour-on.ts
+cat at-1m.ts at-69s.ts >six-seconds-on.ts
+cat at-1h.ts at-1m.ts >an-hour-back.ts
+cat at-1m.ts at-1m.ts at-1m.ts >repeated.ts
 cp "$self" made

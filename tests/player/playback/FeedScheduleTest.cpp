@@ -151,6 +151,18 @@ const Case kCases[] = {
          now.lastMoveNs = now.nowNs - 5000 * kMs - 1000;
      },
      step(FeedAction::Send, kTickNs)},
+    {"nothing moves, the next frame is due later",
+     [](auto&, auto& now) {
+         now.lastMoveNs = now.nowNs - 60'000 * kMs;
+         now.dueNs = now.nowNs + 1;
+     },
+     step(FeedAction::Send, kTickNs)},
+    {"nothing moves, the next frame is due",
+     [](auto&, auto& now) {
+         now.lastMoveNs = now.nowNs - 60'000 * kMs;
+         now.dueNs = now.nowNs;
+     },
+     step(FeedAction::End, 0, EndCause::Stalled)},
     {"nothing moves before a planned seek",
      [](auto& plan, auto& now) {
          plan.seeks = {{3'600'000'000, 0}};
