@@ -10,13 +10,17 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cmath>
 #include <csignal>
+#include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <map>
 #include <set>
 #include <sstream>
+#include <utility>
 
 #include "tests/player/command/CommandRunner.h"
 
@@ -25,6 +29,8 @@ namespace {
 
 namespace fs = std::filesystem;
 using ::testing::AllOf;
+using ::testing::AnyOf;
+using ::testing::ContainsRegex;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::Not;
@@ -130,12 +136,14 @@ TEST_F(RunTest, LipSyncTellsAWrongClockFromTheSound) {
 }
 
 TEST_F(RunTest, AnotherSeedIsAnotherRunAndStillPasses) {
-    auto run = std::vector<std::string>{"run", "--jobs", "2", "--seed", "20261121"};
+    auto run = std::vector<std::string>{"run", "--jobs", "2", "--seed", "20261121", "--verbose"};
     const auto files = shipped();
     run.insert(run.end(), files.begin(), files.end());
     const CommandResult result = korvaneTv(run);
     EXPECT_EQ(result.status, 0) << result.output;
     EXPECT_THAT(result.output, HasSubstr("seed 20261121"));
+    EXPECT_THAT(result.output + result.error,
+                AllOf(HasSubstr("; unexpected: 1 = "), Not(HasSubstr("unexplained"))));
     // The order of ready threads shows in most logs: 71 of 89 differ from those of seed 1.
     const std::string jitter = KORVANE_SCENARIOS "/display-jitter.toml";
     std::set<std::string> hashes;
@@ -229,6 +237,98 @@ TEST_F(RunTest, LongWaitsAreNoHang) {
     scenario("slides", "[content]\nfps = 0.1\nduration = \"1m\"\n[expect]\nshown = \"all\"\n");
     const CommandResult result = korvaneTv({"run", mFolder});
     EXPECT_EQ(result.status, 0) << result.output << result.error;
+}
+
+/// What the event log says by itself of the frames on screen.
+struct Seen {
+    int64_t shown = 0;
+    int64_t superseded = 0;
+    std::map<int64_t, int64_t> dwells;  ///< without the last one, which stays until stop
+    /// Vsyncs by which frames were off an ideal playback that is late by a constant time.
+    double off = 0.0;
+};
+
+Seen readEvents(const std::string& path, double vsyncsPerFrame) {
+    Seen seen;
+    double least = 1e9;
+    double most = -1e9;
+    int64_t lastVsync = -1;
+    std::ifstream lines(path);
+    for (std::string line; std::getline(lines, line);) {
+        long frame = 0;
+        long vsync = 0;
+        seen.superseded += line.find(" superseded ") != line.npos ? 1 : 0;
+        const size_t at = line.find(" shown frame=");
+        if (at == line.npos ||
+            sscanf(line.c_str() + at, " shown frame=%ld vsync=%ld", &frame, &vsync) != 2) {
+            continue;
+        }
+        seen.dwells[vsync - lastVsync] += seen.shown++ > 0 ? 1 : 0;
+        lastVsync = vsync;
+        const double late =
+            static_cast<double>(vsync) - static_cast<double>(frame) * vsyncsPerFrame;
+        least = std::min(least, late);
+        most = std::max(most, late);
+    }
+    seen.off = most - least;
+    return seen;
+}
+
+int64_t numberAfter(const std::string& text, const std::string& label) {
+    const size_t at = text.find(label);
+    return at == text.npos ? 0 : std::atoll(text.c_str() + at + label.size());
+}
+
+int64_t numberBefore(const std::string& text, const std::string& label) {
+    const size_t at = text.find(label);
+    const size_t begin = at == 0 ? 0 : text.find_last_not_of("0123456789", at - 1);
+    return at == text.npos ? 0 : std::atoll(text.c_str() + begin + 1);
+}
+
+TEST_F(RunTest, TheReportSaysOfEachPairOfRatesWhatTheEventLogShows) {
+    const std::pair<const char*, double> contents[] = {{"23.976", 24 / 1.001},
+                                                       {"24", 24},
+                                                       {"25", 25},
+                                                       {"29.97", 30 / 1.001},
+                                                       {"30", 30},
+                                                       {"48", 48},
+                                                       {"50", 50},
+                                                       {"59.94", 60 / 1.001},
+                                                       {"60", 60},
+                                                       {"120", 120}};
+    const std::pair<const char*, double> displays[] = {
+        {"24", 24},   {"50", 50},   {"59.94", 60 / 1.001},
+        {"60", 60},   {"100", 100}, {"119.88", 120 / 1.001},
+        {"120", 120}, {"144", 144}};
+    for (const auto& [content, contentHz] : contents) {
+        for (const auto& [display, displayHz] : displays) {
+            SCOPED_TRACE(std::string(content) + " on " + display);
+            const std::string path =
+                scenario("pair", std::string("[content]\nduration = \"20s\"\nfps = ") + content +
+                                     "\n[display]\nrate = " + display + "\n[audio]\n[expect]\n");
+            const CommandResult result =
+                korvaneTv({"run", path, "--verbose", "--events", mFolder + "/events"});
+            ASSERT_EQ(result.status, 0) << result.output;
+            const std::string report = result.output + result.error;
+            const Seen seen = readEvents(mFolder + "/events/pair.events", displayHz / contentHz);
+            EXPECT_EQ(numberAfter(report, " in = "), seen.shown);
+            EXPECT_EQ(numberBefore(report, " superseded + "), seen.superseded);
+            int64_t dwells = 0;
+            const size_t line = report.find("\ndwell ");
+            const std::string told = report.substr(line, report.find('\n', line + 1) - line);
+            for (const auto& [dwell, frames] : seen.dwells) {
+                const std::string vsyncs = " for " + std::to_string(dwell);
+                const int64_t counted =
+                    numberBefore(told, " frames" + vsyncs) + numberBefore(told, " frame" + vsyncs);
+                EXPECT_THAT(counted - frames, AnyOf(0, 1)) << told << ": the last one counts";
+                dwells += frames;
+            }
+            EXPECT_EQ(dwells + 1, seen.shown);
+            EXPECT_LT(seen.off, 1.75) << "a vsync, and what the renderer lets slips wait in [3:2]";
+            EXPECT_THAT(report, AllOf(ContainsRegex("verdict   (Even|As even as the rates allow)"),
+                                      HasSubstr("; unexpected: 0\n")));
+        }
+    }
 }
 
 TEST_F(RunTest, KilledItLeavesNoScenarioPlaying) {
