@@ -399,6 +399,9 @@ bool Demuxer::seek(int index, int64_t mediaUs) {
         return false;
     }
     const std::lock_guard<std::mutex> reading(mReading);
+    if (!hasTimes()) {
+        return rewind();
+    }
     if (!splices().empty()) {
         return seekByReading(index, mediaUs);
     }
@@ -436,13 +439,20 @@ void Demuxer::forget() {
     mEnded.reset();
 }
 
-/// Reads from the beginning up to the last key packet before the target: slow in a large file, but
-/// it meets every splice. A target beyond the end leads to the end.
-bool Demuxer::seekByReading(int index, int64_t mediaUs) {
+bool Demuxer::rewind() {
     if (av_seek_frame(mFormat.get(), -1, 0, AVSEEK_FLAG_BYTE) < 0) {
         return false;
     }
     forget();
+    return true;
+}
+
+/// Reads from the beginning up to the last key packet before the target: slow in a large file, but
+/// it meets every splice. A target beyond the end leads to the end.
+bool Demuxer::seekByReading(int index, int64_t mediaUs) {
+    if (!rewind()) {
+        return false;
+    }
     while (!dropUpTo(index, mediaUs)) {
         readOne();
     }

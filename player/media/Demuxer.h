@@ -49,6 +49,11 @@ public:
     AVStream& stream(int index) const { return *mFormat->streams[index]; }
     /// Without it the input can be read once, from beginning to end.
     bool canSeek() const { return mCanSeek; }
+    /// Raw streams: a seek goes to the beginning, and whoever counts time has to start again.
+    bool hasTimes() const {
+        const std::lock_guard<std::mutex> guard(mLock);
+        return !mReach.empty();
+    }
     int64_t startUs() const { return mStartUs; }
     int64_t toMediaUs(int64_t timestamp, AVRational timeBase) const {
         return av_rescale_q(timestamp, timeBase, kMicroseconds) - mStartUs;
@@ -104,6 +109,7 @@ private:
     int trackOf(int stream) const;
     bool seekRaw(int stream, int64_t mediaUs) KORVANE_REQUIRES(mReading);
     bool seekByReading(int stream, int64_t mediaUs) KORVANE_REQUIRES(mReading);
+    bool rewind() KORVANE_REQUIRES(mReading);
     bool dropUpTo(int stream, int64_t mediaUs);
     void forget();
     std::optional<int64_t> nextUs(int stream) KORVANE_REQUIRES(mReading);

@@ -173,6 +173,7 @@ struct VideoReader::Impl {
             skipBeforeUs = mediaUs;
             ended = ReadStatus::Ready;
             haveLast = false;
+            lastUs = demuxer->hasTimes() ? lastUs : 0;
             decodedAhead.reset();
             decodedAhead = decodeNext();
             found =

@@ -55,6 +55,7 @@ struct PlaybackRecord {
     int64_t audioReanchors = 0;
     int64_t decodeErrors = 0;
     int64_t failedSeeks = 0;
+    int64_t seeksBeyondEnd = 0;
     int64_t foreignPictures = 0;  ///< tunnel entries whose picture has no frame number of ours
     int64_t overwrittenOnScreen = 0;
 };

@@ -367,8 +367,9 @@ void PlaybackSession::performSeek(const SeekAction& seek) {
     if (!seek.inPlace) {
         mHavePicture = false;
         mSourceEnded = false;
-        mRecord.failedSeeks += mVideo.seek(seek.toUs) ? 0 : 1;
-        decodeNext();
+        const bool sought = mVideo.seek(seek.toUs);
+        mRecord.failedSeeks += sought ? 0 : 1;
+        mRecord.seeksBeyondEnd += !decodeNext() && sought ? 1 : 0;
     }
     awaitFlush();
 }

@@ -134,6 +134,8 @@ void addAudioAndBuffers(Json* json, const PlaybackRecord& record, const Summary&
     to["av_offset_median_us"] = summary.offset.us.median;
     to["av_offset_p99_us"] = summary.offset.us.p99;
     to["av_offset_worst_us"] = summary.offset.us.worst;
+    to["seeks_failed"] = record.failedSeeks;
+    to["seeks_beyond_end"] = record.seeksBeyondEnd;
     to["sound_from_us"] = record.soundFromUs;
     to["audio_underflows"] = record.audioUnderflows;
     to["audio_reanchors"] = record.audioReanchors;

@@ -317,8 +317,12 @@ void printEnd(std::ostream& out, const PlaybackRecord& record, const tv::TraceRe
         line(out, "",
              counted(record.decodeErrors, "packet") + " came damaged or could not be decoded");
     }
+    if (record.seeksBeyondEnd > 0) {
+        line(out, "",
+             counted(record.seeksBeyondEnd, "seek") + " went beyond the end: nothing is there");
+    }
     if (record.failedSeeks > 0) {
-        line(out, "", counted(record.failedSeeks, "seek") + " failed: the file cannot seek");
+        line(out, "", counted(record.failedSeeks, "seek") + " failed: the input cannot seek");
     }
     if (!trace.path.empty()) {
         line(out, "trace",

@@ -80,6 +80,7 @@ printf 'ffconcat version 1.0\nfile 24.ts\n' >list.ffconcat
 printf '#EXTM3U\n#EXT-X-TARGETDURATION:3\n#EXTINF:3,\n24.ts\n#EXT-X-ENDLIST\n' >list.m3u8
 printf '#EXTM3U\n#EXT-X-TARGETDURATION:3\n#EXTINF:3,\nhttp://127.0.0.1:9/24.ts\n#EXT-X-ENDLIST\n' \
     >remote.m3u8
+ffmpeg -v error -y -i 24.mp4 -c:v libx264 -g 24 -an no-times.h264
 # Splices: the second part begins an hour or six seconds later, or a minute earlier.
 part() { # name, offset
     ffmpeg -v error -y -i 24.mp4 -q:v 5 -c:a copy -output_ts_offset "$2" "$1"

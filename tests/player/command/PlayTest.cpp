@@ -171,6 +171,8 @@ const Scenario kScenarios[] = {
      "section1_frames_in_step=119 dwells_unexpected=0"},
     {"SeekForwardOverASplice", "an-hour-on.ts --seek 1s:4s", "end=complete sections=2",
      "section1_frames_in_step=46..48"},
+    {"SeekWithoutTimestamps", "no-times.h264 --seek 1s:500ms", "sections=2 seeks_failed=0 end=complete", ""},
+    {"SeekBeyondTheEnd", "24.mp4 --seek 1s:60s", "end=complete seeks_beyond_end=1", ""},
     {"SlidesOfSixSeconds", "slides.mkv", "end=complete frames_shown=3", ""},
     {"SeekWithoutIndex", "one-key.ts --seek 500ms:2s", "sections=2", "section1_frames_in_step=23"},
     {"OneFrame", "one-frame.mp4", "end=complete frames_shown=1", ""},
