@@ -3,6 +3,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -23,6 +24,15 @@ namespace {
 constexpr int kBufferBytes = 64 * 1024;
 /// How often a wait for data looks whether playback is interrupted.
 constexpr timespec kLookAgain{0, 50'000'000};
+
+/// Waits in the kernel. In virtual time libc's `poll` and its kin let simulated time go by, and a
+/// playback would depend on how fast the data come.
+/// @return false when it is time to look again
+bool hasData(int descriptor) {
+    pollfd wanted{descriptor, POLLIN, 0};
+    timespec wait = kLookAgain;
+    return syscall(SYS_ppoll, &wanted, 1, &wait, nullptr, 0) > 0;
+}
 
 }  // namespace
 
@@ -58,9 +68,7 @@ int PipeInput::read(void* self, uint8_t* data, int bytes) {
         if (input.mInterrupted && input.mInterrupted()) {
             return AVERROR_EXIT;
         }
-        pollfd descriptor{input.mFd, POLLIN, 0};
-        // Not poll: in virtual time that one lets simulated time go by.
-        if (ppoll(&descriptor, 1, &kLookAgain, nullptr) <= 0) {
+        if (!hasData(input.mFd)) {
             continue;
         }
         const ssize_t count = ::read(input.mFd, data, static_cast<size_t>(bytes));
