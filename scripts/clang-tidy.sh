@@ -5,13 +5,13 @@
 # most of the time would go into GoogleTest's macros; warnings and sanitizers check them.
 # So are the frozen player in abi/, which may not change, and examples/, a project of its own.
 # One process per file: the analyzer's check of va_list keeps state between files and then reports
-# correct calls. The commands lose the option that only g++ knows.
+# correct calls. The commands lose what only g++ knows: an option, its precompiled header.
 set -eu
 
 build=$1
 jobs=${2:-1}
 mkdir -p "$build/clang-tidy"
-sed 's/ -femit-class-debug-always//' "$build/compile_commands.json" \
+sed -e 's/ -femit-class-debug-always//' -e 's/ -Winvalid-pch -include [^ ]*//' "$build/compile_commands.json" \
     >"$build/clang-tidy/compile_commands.json"
 git ls-files '*.cpp' | grep -v -e '^tests/' -e '^abi/' -e '^examples/' |
     xargs -P "$jobs" -n 1 clang-tidy --quiet -p "$build/clang-tidy" 2>/dev/null

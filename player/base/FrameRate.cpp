@@ -15,6 +15,8 @@ constexpr double kToleranceHz = 0.005;
 constexpr int64_t kBroadcastDivisor = 1001;
 /// Decimals that a rate keeps.
 constexpr int64_t kParts = 1'000'000;
+/// Beyond any display.
+constexpr double kHighestHz = 100'000.0;
 /// Beyond any rate, and small enough for exact arithmetic with a day of microseconds.
 constexpr int64_t kLargestTerm = 100'000'000;
 
@@ -50,8 +52,7 @@ std::optional<FrameRate> parseRate(const std::string& text) {
         return parseFraction(text, slash);
     }
     const auto hz = parseDecimal(text);
-    const bool inRange = hz && *hz * static_cast<double>(kParts) >= 1.0 &&
-                         *hz <= static_cast<double>(kLargestTerm / kParts) * 1000.0;
+    const bool inRange = hz && *hz * static_cast<double>(kParts) >= 1.0 && *hz <= kHighestHz;
     return inRange ? std::optional(nominalRate(*hz)) : std::nullopt;
 }
 

@@ -54,7 +54,7 @@ MediaRequest requestOf(const PlayOptions& options) {
 
 std::vector<std::string> inputNotes(const PlayOptions& options, const MediaInfo& media) {
     /// A TV's player takes about as much for its largest ordinary pictures.
-    constexpr int64_t kOrdinaryBytes = 256 * 1000 * 1000;
+    constexpr int64_t kOrdinaryBytes = int64_t{256} * 1000 * 1000;
     std::vector<std::string> notes;
     for (const auto& seek : options.seeks) {
         if (!seek.inPlace && !media.canSeek) {

@@ -26,7 +26,7 @@ constexpr int kRowAlignment = 32;
 
 constexpr int kUsualBuffers = 16;
 constexpr int kBuffersWithoutReserve = 8;
-constexpr int64_t kUsualBytes = 512 * 1000 * 1000;
+constexpr int64_t kUsualBytes = int64_t{512} * 1000 * 1000;
 
 [[noreturn]] void throwErrno(const char* what) {
     throw std::system_error(errno, std::generic_category(), what);

@@ -34,7 +34,9 @@ FeedStep FeedSchedule::next(const FeedState& state) {
     FeedStep step;
     if (ends(state, &step.end)) {
         step.action = FeedAction::End;
-    } else if (seekDue(state)) {
+        return step;
+    }
+    if (seekDue(state)) {
         step.action = FeedAction::Seek;
         step.seek = mSeeks.front();
         mSeeks.pop_front();
