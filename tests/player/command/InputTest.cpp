@@ -32,12 +32,6 @@ CommandResult shell(const std::string& line) {
     return runCommand(command);
 }
 
-/// The hash of the events, on the line "repeat".
-std::string eventsOf(const CommandResult& result) {
-    const size_t at = result.output.find("repeat    events ");
-    return at == std::string::npos ? result.output + result.error : result.output.substr(at, 33);
-}
-
 struct Input {
     const char* name;
     const char* line;   ///< of the shell
@@ -115,6 +109,12 @@ TEST(GeneratorTest, PlaysPicturesAndSound) {
 }
 
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+/// The hash of the events, on the line "repeat".
+std::string eventsOf(const CommandResult& result) {
+    const size_t at = result.output.find("repeat    events ");
+    return at == std::string::npos ? result.output + result.error : result.output.substr(at, 33);
+}
+
 TEST(PipeTest, IsPlayedAsTheFileIs) {
     for (const std::string file : {"24.ts", "late-sound.mkv", "24.mp4"}) {
         for (const char* options : {"", " --flush-at 1s", " --passthrough"}) {
