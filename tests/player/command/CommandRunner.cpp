@@ -38,9 +38,18 @@ pid_t spawn(const Command& command, const std::string& outputPath, const std::st
     posix_spawn_file_actions_addopen(&files, 0, "/dev/null", O_RDONLY, 0);
     posix_spawn_file_actions_addopen(&files, 1, outputPath.c_str(), O_WRONLY | O_TRUNC, 0);
     posix_spawn_file_actions_addopen(&files, 2, errorPath.c_str(), O_WRONLY | O_TRUNC, 0);
+    // A shell makes its background jobs, such as the shards, ignore SIGINT; that would be inherited.
+    sigset_t defaults;
+    sigemptyset(&defaults);
+    sigaddset(&defaults, SIGINT);
+    posix_spawnattr_t attributes;
+    posix_spawnattr_init(&attributes);
+    posix_spawnattr_setsigdefault(&attributes, &defaults);
+    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF);
     pid_t child = -1;
     const int result =
-        posix_spawn(&child, arguments[0], &files, nullptr, arguments.data(), environ);
+        posix_spawn(&child, arguments[0], &files, &attributes, arguments.data(), environ);
+    posix_spawnattr_destroy(&attributes);
     posix_spawn_file_actions_destroy(&files);
     if (result != 0) {
         throw std::runtime_error("cannot run " + command.arguments[0]);
