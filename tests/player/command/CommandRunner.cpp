@@ -38,7 +38,8 @@ pid_t spawn(const Command& command, const std::string& outputPath, const std::st
     posix_spawn_file_actions_addopen(&files, 0, "/dev/null", O_RDONLY, 0);
     posix_spawn_file_actions_addopen(&files, 1, outputPath.c_str(), O_WRONLY | O_TRUNC, 0);
     posix_spawn_file_actions_addopen(&files, 2, errorPath.c_str(), O_WRONLY | O_TRUNC, 0);
-    // A shell makes its background jobs, such as the shards, ignore SIGINT; that would be inherited.
+    // A shell makes its background jobs, such as the shards, ignore SIGINT; that would be
+    // inherited.
     sigset_t defaults;
     sigemptyset(&defaults);
     sigaddset(&defaults, SIGINT);
