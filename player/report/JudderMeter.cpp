@@ -33,11 +33,12 @@ int64_t sum(const std::array<int64_t, N>& counters) {
 
 void JudderMeter::shown(int64_t frameNo, int64_t mediaTimeUs, int64_t shownUs) {
     ++mFrames;
+    followContent(mediaTimeUs);
     if (mLast) {
         const Duration duration{mediaTimeUs - mLast->mediaTimeUs, shownUs - mLast->shownUs};
         mShownUs += duration.actualUs;
         noteLongest(duration);
-        if (duration.contentUs < 0 || duration.contentUs > kLongestContentUs) {
+        if (mDiscontinuous) {
             mDurations.clear();
         } else {
             ++mReport.durations;
@@ -53,17 +54,28 @@ void JudderMeter::shown(int64_t frameNo, int64_t mediaTimeUs, int64_t shownUs) {
     }
     mLast = {frameNo, mediaTimeUs, shownUs};
     mSkipped = false;
+    mDiscontinuous = false;
 }
 
-void JudderMeter::skipped() {
+void JudderMeter::skipped(int64_t mediaTimeUs) {
     ++mFrames;
+    followContent(mediaTimeUs);
     mSkipped = true;
+}
+
+/// Frames that were skipped count, too: many in a row are a long freeze and no jump of the content.
+void JudderMeter::followContent(int64_t mediaTimeUs) {
+    const int64_t stepUs = mediaTimeUs - mContentUs.value_or(mediaTimeUs);
+    mDiscontinuous = mDiscontinuous || stepUs < 0 || stepUs > kLongestContentUs;
+    mContentUs = mediaTimeUs;
 }
 
 void JudderMeter::restart() {
     mLast.reset();
     mDurations.clear();
+    mContentUs.reset();
     mSkipped = false;
+    mDiscontinuous = false;
 }
 
 void JudderMeter::noteLongest(const Duration& duration) {

@@ -7,10 +7,10 @@
 // duration (of their vsyncs).
 //
 //   error    actual minus content duration; the mean is that of its magnitude
-//   freeze   frames were skipped between two pictures: the actual duration counts. None when
-//   content
-//            went back or more than 400 ms forth, nor when the screen stood still for more than
-//            200 ms longer than at most 200 ms of content (a pause).
+//   freeze   frames were skipped between two pictures: the actual duration counts. None when the
+//            content went back or more than 400 ms forth from one frame to the next, skipped ones
+//            included, nor when the screen stood still for more than 200 ms longer than at most
+//            200 ms of content (a pause).
 //   judder   of the picture before the newest, no frame skipped around it: |error|, and if the
 //            picture before it was off by 2 ms as well, |error + its error| on top. None below
 //            2 ms, none below a quarter of the content duration (3:2), and none when the actual
@@ -55,7 +55,7 @@ public:
     /// The next picture on screen.
     void shown(int64_t frameNo, int64_t mediaTimeUs, int64_t shownUs);
     /// The next frame was not on screen, although it could have been.
-    void skipped();
+    void skipped(int64_t mediaTimeUs);
     /// A flush or a pause: the time on screen of the last picture tells nothing.
     void restart();
     JudderReport report() const;
@@ -71,16 +71,19 @@ private:
         int64_t actualUs;
         int64_t errorUs() const { return actualUs - contentUs; }
     };
+    void followContent(int64_t mediaTimeUs);
     void noteLongest(const Duration& duration);
     void freeze(const Duration& duration, int64_t endUs);
     void judder();
 
     JudderReport mReport;
     std::optional<Picture> mLast;
-    std::deque<Duration> mDurations;  ///< the newest three at most, with no frame skipped between
-    bool mSkipped = false;            ///< since the last picture
-    int64_t mFrames = 0;              ///< shown and skipped
-    int64_t mErrorUs = 0;             ///< sum of magnitudes
+    std::deque<Duration> mDurations;    ///< the newest three at most, with no frame skipped between
+    std::optional<int64_t> mContentUs;  ///< of the last frame, shown or skipped
+    bool mSkipped = false;              ///< since the last picture
+    bool mDiscontinuous = false;        ///< the content jumped since then
+    int64_t mFrames = 0;                ///< shown and skipped
+    int64_t mErrorUs = 0;               ///< sum of magnitudes
     int64_t mShownUs = 0;
     int64_t mFrozenUs = 0;
     int64_t mFreezeEndUs = -1;

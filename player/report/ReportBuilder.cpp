@@ -148,7 +148,7 @@ void ReportBuilder::countShown(const FrameEntry& frame, const PlaybackRecord& so
 /// which waits for audio.
 void ReportBuilder::countJudder(const FrameEntry& frame, const PlaybackRecord& soFar) {
     if (frame.outcome == Outcome::Dropped || frame.outcome == Outcome::Superseded) {
-        mJudder.skipped();
+        mJudder.skipped(frame.mediaTimeUs);
         return;
     }
     if (frame.outcome != Outcome::Shown) {

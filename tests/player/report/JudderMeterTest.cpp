@@ -45,7 +45,7 @@ TEST(JudderMeter, CountsAsDevicesDo) {
         {"a skip is a freeze, not judder", 40, {40, 40, 80, kSkip, 40, 40}, 0, 0, 1, 80, 4},
         {"as long as it was", 40, {40, 140, kSkip, kSkip, 40, 40}, 5'000, 0, 1, 140, 6},
         {"a pause in which frames went by", 40, {40, 281, kSkip, 40, 40}, 50'250, 0, 0, 281, 0},
-        {"a jump", 40, {40, 480, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 40, 40}, 0, 0, 0, 480, 0},
+        {"many in a row", 40, {40, 480, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 40}, 0, 0, 1, 480, 11},
         {"a flush in it", 40, {40, 40, 90, kSkip, kRestart, 40, 40}, 0, 0, 0, 0, 0}};
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
@@ -56,7 +56,7 @@ TEST(JudderMeter, CountsAsDevicesDo) {
             if (duration == kRestart) {
                 meter.restart();
             } else if (duration == kSkip) {
-                meter.skipped();
+                meter.skipped(static_cast<int64_t>(c.contentMs * 1e3 * frameNo));
                 ++frameNo;
             } else {
                 meter.shown(frameNo, static_cast<int64_t>(c.contentMs * 1e3 * frameNo),
@@ -83,13 +83,14 @@ TEST(JudderMeter, TellsFreezesBySharesAndDistances) {
     int64_t frameNo = 0;
     for (const int64_t shownMs : {0, 40, 160, 200, 240, 360, 400}) {
         if (shownMs == 160 || shownMs == 360) {
-            meter.skipped();
-            meter.skipped();
-            frameNo += 2;
+            meter.skipped(frameNo++ * 40'000);
+            meter.skipped(frameNo++ * 40'000);
         }
         meter.shown(frameNo, frameNo * 40'000, shownMs * 1000);
         ++frameNo;
     }
+    meter.skipped(frameNo * 40'000);
+    meter.shown(frameNo + 1, frameNo * 40'000 + 400'001, 400'000);  // the content jumps: no freeze
     const JudderReport report = meter.report();
     EXPECT_EQ(report.freezeScore, 2);
     EXPECT_EQ(report.freezes[6], 2) << "120 ms";
