@@ -69,7 +69,8 @@ rooms:
 tidy:
 	$(install) test check
 	cmake --preset release
-	scripts/clang-tidy.sh build/release $(JOBS)
+	cmake --preset release -B build/tidy -DCMAKE_UNITY_BUILD=OFF
+	scripts/clang-tidy.sh build/release build/tidy $(JOBS)
 
 format:
 	$(install) check

@@ -25,9 +25,7 @@ target_compile_options(korvane_options INTERFACE -Wall -Wextra -Wshadow -Wnon-vi
 target_compile_options(korvane_options INTERFACE -ffp-contract=off)
 target_link_libraries(korvane_options INTERFACE Threads::Threads)
 if(KORVANE_SANITIZE)
-    # Reports need no more than lines and frames; with full optimisation and debug information the
-    # checks of undefined behaviour more than double the time that compiling takes.
-    target_compile_options(korvane_options INTERFACE -fsanitize=${KORVANE_SANITIZE} -O1 -g1
+    target_compile_options(korvane_options INTERFACE -fsanitize=${KORVANE_SANITIZE}
                            -fno-omit-frame-pointer -fno-sanitize-recover=all)
     # The library has no run-time type information, so the sanitizer's vptr check cannot apply.
     if(KORVANE_SANITIZE MATCHES undefined)

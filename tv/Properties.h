@@ -8,6 +8,9 @@
 
 namespace korvane::tv {
 
+/// The property from which the library takes its log mask, a decimal sum of bits.
+inline constexpr char kLogMaskProperty[] = "vendor.korvane.loglevels";
+
 /// @return false for a name that is empty or a value longer than 91 bytes; nothing is then stored
 bool setProperty(const std::string& name, const std::string& value);
 std::optional<std::string> getProperty(const std::string& name);

@@ -18,21 +18,6 @@
 #include "tv/clock/FencePipe.h"
 
 namespace korvane::tv {
-namespace {
-
-/// One allocated id.
-struct TunnelState {
-    int device;
-    TunnelBuffers buffers;
-    bool connected = false;
-
-    void disconnect(int64_t nowNs) {
-        connected = false;
-        buffers.disconnect(nowNs);
-    }
-};
-
-}  // namespace
 
 const char* toString(BufferFate fate) {
     switch (fate) {
@@ -51,6 +36,18 @@ const char* toString(BufferFate fate) {
 }
 
 struct Tunnel::Impl {
+    /// One allocated id.
+    struct TunnelState {
+        int device;
+        TunnelBuffers buffers;
+        bool connected = false;
+
+        void disconnect(int64_t nowNs) {
+            connected = false;
+            buffers.disconnect(nowNs);
+        }
+    };
+
     explicit Impl(const TunnelConfig& tunnelConfig, Display& panel)
         : config(tunnelConfig), display(panel) {}
 
@@ -80,7 +77,7 @@ Tunnel::Tunnel(const TunnelConfig& config, Display& display)
     : mImpl(std::make_unique<Impl>(config, display)) {}
 Tunnel::~Tunnel() = default;
 
-TunnelState* Tunnel::Impl::find(int device, int tunnelId) {
+Tunnel::Impl::TunnelState* Tunnel::Impl::find(int device, int tunnelId) {
     const auto index = static_cast<size_t>(tunnelId);
     TunnelState* const tunnel = index < tunnelOfId.size() ? tunnelOfId[index] : nullptr;
     return tunnel != nullptr && tunnel->device == device ? tunnel : nullptr;
@@ -120,7 +117,7 @@ int Tunnel::allocId(int device, int* tunnelId) {
         return -ENOSPC;
     }
     *tunnelId = static_cast<int>(mImpl->tunnelOfId.size());
-    TunnelState tunnel{device, TunnelBuffers(mImpl->records[*tunnelId])};
+    Impl::TunnelState tunnel{device, TunnelBuffers(mImpl->records[*tunnelId])};
     const auto entry = mImpl->tunnels.emplace(*tunnelId, std::move(tunnel)).first;
     mImpl->tunnelOfId.push_back(&entry->second);
     return 0;
@@ -128,7 +125,7 @@ int Tunnel::allocId(int device, int* tunnelId) {
 
 int Tunnel::freeId(int device, int tunnelId) {
     const std::lock_guard<std::mutex> guard(mImpl->lock);
-    TunnelState* tunnel = mImpl->find(device, tunnelId);
+    Impl::TunnelState* tunnel = mImpl->find(device, tunnelId);
     if (mImpl->faults.freeFails || tunnel == nullptr) {
         return -EINVAL;
     }
@@ -148,7 +145,7 @@ void Tunnel::Impl::freeId(int tunnelId) {
 
 int Tunnel::connect(int device, int tunnelId) {
     const std::lock_guard<std::mutex> guard(mImpl->lock);
-    TunnelState* tunnel = mImpl->find(device, tunnelId);
+    Impl::TunnelState* tunnel = mImpl->find(device, tunnelId);
     if (mImpl->faults.connectFails || tunnel == nullptr) {
         return -EINVAL;
     }
@@ -162,7 +159,7 @@ int Tunnel::connect(int device, int tunnelId) {
 int Tunnel::disconnect(int device, int tunnelId, int64_t nowNs) {
     const std::lock_guard<std::mutex> guard(mImpl->lock);
     mImpl->noteTime(nowNs);
-    TunnelState* tunnel = mImpl->find(device, tunnelId);
+    Impl::TunnelState* tunnel = mImpl->find(device, tunnelId);
     if (mImpl->faults.disconnectFails || tunnel == nullptr) {
         return -EINVAL;
     }
@@ -182,7 +179,7 @@ int Tunnel::queueBuffer(int device, int tunnelId, int bufferFd, int acquireFence
                         int64_t presentationTimeUs, int64_t nowNs) {
     const std::lock_guard<std::mutex> guard(mImpl->lock);
     mImpl->noteTime(nowNs);
-    TunnelState* tunnel = mImpl->find(device, tunnelId);
+    Impl::TunnelState* tunnel = mImpl->find(device, tunnelId);
     // The panel has no way to wait for a picture that is still being written.
     if (mImpl->faults.queueFails || tunnel == nullptr || acquireFenceFd >= 0) {
         return -EINVAL;
@@ -207,7 +204,7 @@ int Tunnel::queueBuffer(int device, int tunnelId, int bufferFd, int acquireFence
 int Tunnel::dequeueBuffer(int device, int tunnelId, int* bufferFd, int* fenceFd, int64_t nowNs) {
     const std::lock_guard<std::mutex> guard(mImpl->lock);
     mImpl->noteTime(nowNs);
-    TunnelState* tunnel = mImpl->find(device, tunnelId);
+    Impl::TunnelState* tunnel = mImpl->find(device, tunnelId);
     if (mImpl->faults.dequeueFails || tunnel == nullptr || bufferFd == nullptr ||
         fenceFd == nullptr) {
         return -EINVAL;

@@ -34,9 +34,6 @@
 namespace korvane::player {
 namespace {
 
-/// The system property from which the library takes its log mask.
-constexpr char kLogMaskProperty[] = "vendor.korvane.loglevels";
-
 /// The files of --csv, --json, --events and --trace.
 struct Outputs {
     explicit Outputs(const PlayOptions& options)
@@ -107,7 +104,7 @@ std::unique_ptr<tv::VirtualTime> startClock(const PlayOptions& options) {
 void setProperties(const PlayOptions& options) {
     auto properties = options.properties;
     if (options.logMask) {
-        properties.emplace_back(kLogMaskProperty, std::to_string(*options.logMask));
+        properties.emplace_back(tv::kLogMaskProperty, std::to_string(*options.logMask));
     }
     for (const auto& [name, value] : properties) {
         if (!tv::setProperty(name, value)) {

@@ -12,11 +12,11 @@
 #include "player/scenario/FaultSchedule.h"
 #include "player/scenario/PolicyScript.h"
 #include "player/scenario/RunLimits.h"
+#include "tv/Properties.h"
 
 namespace korvane::player {
 namespace {
 
-constexpr char kLogMaskProperty[] = "vendor.korvane.loglevels";
 constexpr char kFreeRunProperty[] = "vendor.tunerpassthrough.renderfreeRun";
 
 template <typename T>
@@ -259,7 +259,7 @@ void readRun(TomlTable& table, Scenario* scenario) {
     table.integer("seed", &scenario->seed, {0, INT64_MAX});
     table.integer("log_mask", &mask, {0, INT32_MAX});
     if (table.has("log_mask")) {
-        scenario->properties[kLogMaskProperty] = std::to_string(mask);
+        scenario->properties[tv::kLogMaskProperty] = std::to_string(mask);
     }
     table.finish();
 }

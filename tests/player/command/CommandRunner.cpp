@@ -2,6 +2,7 @@
 #include "tests/player/command/CommandRunner.h"
 
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -104,6 +105,10 @@ CommandResult korvaneTv(const std::vector<std::string>& arguments) {
     command.arguments = {KORVANE_TV};
     command.arguments.insert(command.arguments.end(), arguments.begin(), arguments.end());
     return runCommand(command);
+}
+
+std::string scratch(const std::string& name) {
+    return ::testing::TempDir() + "korvane-" + std::to_string(getpid()) + "-" + name;
 }
 
 std::string readFile(const std::string& path) {

@@ -36,6 +36,9 @@ CommandResult korvaneTv(const std::vector<std::string>& arguments);
 /// Reads a flat JSON object; values that are no texts come as JSON writes them.
 std::map<std::string, std::string> readFlatJson(const std::string& path);
 
+/// Path of a temporary file or folder of this process.
+std::string scratch(const std::string& name);
+
 std::string readFile(const std::string& path);
 
 }  // namespace korvane::test

@@ -21,10 +21,6 @@ using ::testing::AllOf;
 using ::testing::HasSubstr;
 using ::testing::MatchesRegex;
 
-std::string scratch(const std::string& name) {
-    return ::testing::TempDir() + "korvane-" + std::to_string(getpid()) + "-" + name;
-}
-
 /// Runs a line of the shell among the clips; in it, $TV is the player.
 CommandResult shell(const std::string& line) {
     Command command;
@@ -94,10 +90,8 @@ TEST_P(InputTest, IsPlayedAndDescribed) {
     }
 }
 
-std::string nameOf(const ::testing::TestParamInfo<Input>& input) {
-    return input.param.name;
-}
-INSTANTIATE_TEST_SUITE_P(Inputs, InputTest, ::testing::ValuesIn(kInputs), nameOf);
+INSTANTIATE_TEST_SUITE_P(Inputs, InputTest, ::testing::ValuesIn(kInputs),
+                         [](const auto& input) { return std::string(input.param.name); });
 
 TEST(GeneratorTest, PlaysPicturesAndSound) {
     const CommandResult result =

@@ -44,10 +44,6 @@ std::string clip(const std::string& name) {
     return std::string(KORVANE_CLIPS "/") + name;
 }
 
-std::string scratch(const std::string& name) {
-    return ::testing::TempDir() + "korvane-" + std::to_string(getpid()) + "-" + name;
-}
-
 using Facts = std::map<std::string, std::string>;
 
 std::vector<std::string> words(const std::string& text) {

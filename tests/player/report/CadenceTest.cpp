@@ -12,6 +12,7 @@
 #include "player/base/FrameRate.h"
 #include "player/report/CadenceTracker.h"
 #include "player/report/ContentRate.h"
+#include "tests/player/report/Dwells.h"
 
 namespace korvane::player {
 namespace {
@@ -66,12 +67,6 @@ std::vector<int> cycles(const std::vector<int>& cycle, size_t frames) {
         dwells.push_back(cycle[i % cycle.size()]);
     }
     return dwells;
-}
-
-/// Dwells that continue a pattern after `tail`.
-std::vector<int> join(std::vector<int> head, const std::vector<int>& tail) {
-    head.insert(head.end(), tail.begin(), tail.end());
-    return head;
 }
 
 struct Analysis : CadenceResult {
@@ -196,7 +191,7 @@ TEST(SeenPattern, IsReadFromTheDwellsAlone) {
     EXPECT_EQ(seenPatternName({1, 4, 2, 2, 3, 1, 1, 5, 2, 4, 3, 3, 1, 2, 5, 1, 4, 4, 2, 1, 3}), "");
 }
 
-struct Span {
+struct RateSpan {
     double hz;
     size_t frames;
     int64_t jitterUs;
@@ -204,7 +199,7 @@ struct Span {
 };
 
 struct SpanCase {
-    std::vector<Span> content;
+    std::vector<RateSpan> content;
     size_t gapAt;                                  ///< two frames missing from here; 0: none
     std::vector<std::pair<size_t, double>> spans;  ///< first frame and rate
 };

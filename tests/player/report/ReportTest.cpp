@@ -13,6 +13,7 @@
 #include "player/report/Grade.h"
 #include "player/report/Report.h"
 #include "player/report/ReportVerdict.h"
+#include "tests/player/report/Dwells.h"
 
 extern "C" {
 #include <libavutil/frame.h>
@@ -174,11 +175,6 @@ TEST(Report, AnUnexpectedDwellIsListedWithItsCause) {
         AllOf(
             HasSubstr("frame 30 at 1.250 s: 8 instead of 3 (the frame after 30 was dropped: late"),
             HasSubstr("dropped, late: 2 in 1 run, longest 2")));
-}
-
-std::vector<int> join(std::vector<int> head, const std::vector<int>& tail) {
-    head.insert(head.end(), tail.begin(), tail.end());
-    return head;
 }
 
 struct VerdictCase {
