@@ -90,6 +90,19 @@ public:
     tv::TraceReport stop() { return tv::stopTrace(); }
 };
 
+/// Sums the library's repeated lines while it lives, unless its log is asked for.
+class LogSums {
+public:
+    explicit LogSums(bool wanted) {
+        if (wanted) {
+            tv::beginSums();
+        }
+    }
+    ~LogSums() { tv::endSums(); }
+    LogSums(const LogSums&) = delete;
+    LogSums& operator=(const LogSums&) = delete;
+};
+
 /// @return null for real time
 std::unique_ptr<tv::VirtualTime> startClock(const PlayOptions& options) {
     const bool available = tv::VirtualTime::available();
@@ -242,8 +255,10 @@ int playFile(const PlayOptions& options) {
     sayNotes(options, video.info());
 
     Listeners listeners(options, video.info(), plan, &outputs);
+    std::optional<LogSums> sums(!options.logMask);
     const PlaybackRecord record = play(plan, video, std::move(audio), listeners.hooks);
     clearProgress();
+    sums.reset();
     const tv::TraceReport traceReport = trace.stop();
     const Summary summary = listeners.report.finish(record);
     listeners.events.finish();
