@@ -29,6 +29,7 @@
 #include "tv/Log.h"
 #include "tv/Properties.h"
 #include "tv/Trace.h"
+#include "tv/Tv.h"
 #include "tv/clock/VirtualTime.h"
 
 namespace korvane::player {
@@ -147,13 +148,15 @@ void sayNotes(const PlayOptions& options, const MediaInfo& media) {
 struct Listeners {
     Listeners(const PlayOptions& options, const MediaInfo& media, const PlaybackPlan& plan,
               Outputs* outputs)
-        : report(media.frameRateHz, plan),
+        : frames(outputs->csv.wanted() ? std::make_unique<CsvWriter>(outputs->csv.stream())
+                                       : nullptr),
+          report(media.frameRateHz, plan, frames.get()),
           events(outputs->events.wanted() ? &outputs->events.stream() : nullptr),
           recorder(&events),
           progress(!options.quiet) {
         hooks.listeners = {&report, &recorder};
-        if (outputs->csv.wanted()) {
-            hooks.listeners.push_back(&frames.emplace(outputs->csv.stream()));
+        if (frames) {
+            hooks.listeners.push_back(frames.get());
         }
         hooks.interrupted = interrupted;
         if (options.expect) {
@@ -163,6 +166,7 @@ struct Listeners {
             if (line.priority >= lowest) {
                 clearProgress();
             }
+            report.seeLog(line, tv::nowNs() / 1000);
             if (watch) {
                 watch->see(line);
             }
@@ -172,10 +176,10 @@ struct Listeners {
         };
     }
 
+    std::unique_ptr<CsvWriter> frames;
     ReportBuilder report;
     EventLog events;
     EventRecorder recorder;
-    std::optional<CsvWriter> frames;
     std::optional<LogWatch> watch;  ///< counts the lines that --expect names
     Progress progress;
     PlaybackHooks hooks;
