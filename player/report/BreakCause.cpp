@@ -212,7 +212,7 @@ FoundCause nearestCause(const std::deque<DwellFacts>& frames, size_t at, Tells t
 FoundCause causeOfBreak(const std::deque<DwellFacts>& frames, size_t at,
                         const BreakSurroundings& around) {
     const DwellFacts& own = frames[at];
-    const FoundCause told = nearestCause(frames, at, [&](const DwellFacts& facts, size_t away) {
+    FoundCause told = nearestCause(frames, at, [&](const DwellFacts& facts, size_t away) {
         const BreakCause cause = causeAt(facts, around.stops);
         // A pause is no fault of the frame that it holds on screen, but of no other's either.
         return away > 0 && askedFor(cause) ? BreakCause::Unexplained : cause;

@@ -20,7 +20,7 @@ constexpr int64_t kOneDisturbanceUs = 1'000'000;
 constexpr int64_t kOngoingGapUs = 2'000'000;
 constexpr int64_t kOngoingUs = 4'000'000;
 constexpr int64_t kOngoingBreaks = 10;
-/// A release fence signals within a vsync of its buffer's release, and half of one for the panel.
+/// A release fence usually signals at the next vsync; one that takes longer than this is late.
 constexpr int64_t kLateFenceVsyncs = 2;
 
 }  // namespace
