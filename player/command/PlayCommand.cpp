@@ -29,6 +29,7 @@
 #include "tv/Log.h"
 #include "tv/Properties.h"
 #include "tv/Trace.h"
+#include "tv/Tv.h"
 #include "tv/clock/VirtualTime.h"
 
 namespace korvane::player {
@@ -87,6 +88,19 @@ public:
     tv::TraceReport stop() { return tv::stopTrace(); }
 };
 
+/// Sums the library's repeated lines while it lives, unless its log is asked for.
+class LogSums {
+public:
+    explicit LogSums(bool wanted) {
+        if (wanted) {
+            tv::beginSums();
+        }
+    }
+    ~LogSums() { tv::endSums(); }
+    LogSums(const LogSums&) = delete;
+    LogSums& operator=(const LogSums&) = delete;
+};
+
 /// @return null for real time
 std::unique_ptr<tv::VirtualTime> startClock(const PlayOptions& options) {
     const bool available = tv::VirtualTime::available();
@@ -131,13 +145,15 @@ void sayNotes(const PlayOptions& options, const MediaInfo& media) {
 struct Listeners {
     Listeners(const PlayOptions& options, const MediaInfo& media, const PlaybackPlan& plan,
               Outputs* outputs)
-        : report(media.frameRateHz, plan),
+        : frames(outputs->csv.wanted() ? std::make_unique<CsvWriter>(outputs->csv.stream())
+                                       : nullptr),
+          report(media.frameRateHz, plan, frames.get()),
           events(outputs->events.wanted() ? &outputs->events.stream() : nullptr),
           recorder(&events),
           progress(!options.quiet) {
         hooks.listeners = {&report, &recorder};
-        if (outputs->csv.wanted()) {
-            hooks.listeners.push_back(&frames.emplace(outputs->csv.stream()));
+        if (frames) {
+            hooks.listeners.push_back(frames.get());
         }
         hooks.interrupted = interrupted;
         if (options.expect) {
@@ -147,6 +163,7 @@ struct Listeners {
             if (line.priority >= lowest) {
                 clearProgress();
             }
+            report.seeLog(line, tv::nowNs() / 1000);
             if (watch) {
                 watch->see(line);
             }
@@ -156,10 +173,10 @@ struct Listeners {
         };
     }
 
+    std::unique_ptr<CsvWriter> frames;
     ReportBuilder report;
     EventLog events;
     EventRecorder recorder;
-    std::optional<CsvWriter> frames;
     std::optional<LogWatch> watch;  ///< counts the lines that --expect names
     Progress progress;
     PlaybackHooks hooks;
@@ -239,8 +256,10 @@ int playFile(const PlayOptions& options) {
     sayNotes(options, video.info());
 
     Listeners listeners(options, video.info(), plan, &outputs);
+    std::optional<LogSums> sums(!options.logMask);
     const PlaybackRecord record = play(plan, video, std::move(audio), listeners.hooks);
     clearProgress();
+    sums.reset();
     const tv::TraceReport traceReport = trace.stop();
     const Summary summary = listeners.report.finish(record);
     listeners.events.finish();

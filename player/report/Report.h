@@ -3,10 +3,13 @@
 #pragma once
 
 #include <cstdint>
+#include <deque>
 #include <iosfwd>
+#include <map>
 #include <string>
 
 #include "player/playback/Playback.h"
+#include "player/report/BreakCause.h"
 #include "player/report/Summary.h"
 #include "tv/Trace.h"
 
@@ -35,16 +38,22 @@ constexpr int kSummarySchemaVersion = 1;
 void writeJson(std::ostream& out, const Origin& origin, const PlaybackRecord& record,
                const Summary& summary, const tv::TraceReport& trace);
 
-/// Writes a header line, then one line per frame once its outcome is final. Times are microseconds
+/// Writes a header line, then one line per frame once its outcome is final and its time on screen
+/// judged; a ReportBuilder tells it. Times are microseconds
 /// since the library's `start`, media times as in the file; an empty field is unknown or does not
 /// apply.
-class CsvWriter final : public PlaybackListener {
+class CsvWriter final : public PlaybackListener, public BreakListener {
 public:
     explicit CsvWriter(std::ostream& out);
     void onFrame(const FrameEntry& frame, const PlaybackRecord& soFar) override;
+    void onBreak(int64_t frameNo, BreakCause cause) override { mCauses[frameNo] = cause; }
+    void onJudgedUpTo(int64_t frameNo) override;
 
 private:
     std::ostream& mOut;
+    int64_t mStartNs = 0;
+    std::deque<FrameEntry> mWaiting;  ///< until they are judged
+    std::map<int64_t, BreakCause> mCauses;
 };
 
 }  // namespace korvane::player

@@ -8,17 +8,22 @@
 namespace korvane::player {
 namespace {
 
-using Record = PlaybackRecord;
 using Frame = FrameEntry;
 
+/// What a line needs beside its frame.
+struct Line {
+    int64_t startNs;
+    const char* cause;  ///< of an unexpected dwell; else empty
+};
+
 /// Microseconds since the start; empty for a time that is not known.
-std::string sinceStart(int64_t ns, const Record& record) {
-    return ns > 0 ? std::to_string((ns - record.startNs) / 1000) : "";
+std::string sinceStart(int64_t ns, const Line& line) {
+    return ns > 0 ? std::to_string((ns - line.startNs) / 1000) : "";
 }
 
-std::string presentTime(const tv::BufferRecord& tunnel, const Record& record) {
+std::string presentTime(const tv::BufferRecord& tunnel, const Line& line) {
     return tunnel.atOnce ? "at_once"
-                         : std::to_string(tunnel.presentationTimeUs - record.startNs / 1000);
+                         : std::to_string(tunnel.presentationTimeUs - line.startNs / 1000);
 }
 
 bool hadVsync(const Frame& frame) {
@@ -27,59 +32,58 @@ bool hadVsync(const Frame& frame) {
 
 struct Column {
     const char* name;
-    std::string (*value)(const Frame& frame, const Record& record);
+    std::string (*value)(const Frame& frame, const Line& line);
 };
 
 constexpr Column kColumns[] = {
-    {"frame", [](const Frame& f, const Record&) { return std::to_string(f.frameNo); }},
-    {"media_us", [](const Frame& f, const Record&) { return std::to_string(f.mediaTimeUs); }},
-    {"section", [](const Frame& f, const Record&) { return std::to_string(f.section); }},
-    {"outcome", [](const Frame& f, const Record&) { return std::string(toString(f.outcome)); }},
+    {"frame", [](const Frame& f, const Line&) { return std::to_string(f.frameNo); }},
+    {"media_us", [](const Frame& f, const Line&) { return std::to_string(f.mediaTimeUs); }},
+    {"section", [](const Frame& f, const Line&) { return std::to_string(f.section); }},
+    {"outcome", [](const Frame& f, const Line&) { return std::string(toString(f.outcome)); }},
     {"drop_reason",
-     [](const Frame& f, const Record&) {
+     [](const Frame& f, const Line&) {
          return std::string(f.dropReason == DropReason::None ? "" : toString(f.dropReason));
      }},
-    {"buffer", [](const Frame& f, const Record&) { return std::to_string(f.buffer); }},
-    {"sent_us", [](const Frame& f, const Record& r) { return sinceStart(f.sentNs, r); }},
-    {"queued_us",
-     [](const Frame& f, const Record& r) {
-         return f.record ? sinceStart(f.record->queuedNs, r) : "";
-     }},
+    {"buffer", [](const Frame& f, const Line&) { return std::to_string(f.buffer); }},
+    {"sent_us", [](const Frame& f, const Line& l) { return sinceStart(f.sentNs, l); }},
+    {"queued_us", [](const Frame& f,
+                     const Line& l) { return f.record ? sinceStart(f.record->queuedNs, l) : ""; }},
     {"present_us",
-     [](const Frame& f, const Record& r) { return f.record ? presentTime(*f.record, r) : ""; }},
+     [](const Frame& f, const Line& l) { return f.record ? presentTime(*f.record, l) : ""; }},
     {"vsync",
-     [](const Frame& f, const Record&) {
+     [](const Frame& f, const Line&) {
          return hadVsync(f) ? std::to_string(f.record->firstVsync.index) : "";
      }},
     {"shown_us",
-     [](const Frame& f, const Record& r) {
-         return hadVsync(f) ? sinceStart(f.record->firstVsync.timeNs, r) : "";
+     [](const Frame& f, const Line& l) {
+         return hadVsync(f) ? sinceStart(f.record->firstVsync.timeNs, l) : "";
      }},
     {"dwell_vsyncs",
-     [](const Frame& f, const Record&) {
+     [](const Frame& f, const Line&) {
          return f.record ? std::to_string(f.record->dwellVsyncs) : "";
      }},
+    {"cause", [](const Frame&, const Line& l) { return std::string(l.cause); }},
     {"lip_sync_us",
-     [](const Frame& f, const Record&) {
+     [](const Frame& f, const Line&) {
          const auto lipSync = lipSyncUs(f);
          return lipSync ? std::to_string(*lipSync) : "";
      }},
     {"av_offset_us",
-     [](const Frame& f, const Record&) {
+     [](const Frame& f, const Line&) {
          return hadVsync(f) && f.clockRealUs
                     ? std::to_string(f.record->firstVsync.timeNs / 1000 - *f.clockRealUs)
                     : "";
      }},
     {"released_us",
-     [](const Frame& f, const Record& r) {
-         return f.record ? sinceStart(f.record->releasedNs, r) : "";
+     [](const Frame& f, const Line& l) {
+         return f.record ? sinceStart(f.record->releasedNs, l) : "";
      }},
     {"fence_us",
-     [](const Frame& f, const Record& r) {
-         return f.record ? sinceStart(f.record->fenceSignalNs, r) : "";
+     [](const Frame& f, const Line& l) {
+         return f.record ? sinceStart(f.record->fenceSignalNs, l) : "";
      }},
-    {"returned_us", [](const Frame& f, const Record& r) { return sinceStart(f.returnedNs, r); }},
-    {"returns", [](const Frame& f, const Record&) { return std::to_string(f.returns); }}};
+    {"returned_us", [](const Frame& f, const Line& l) { return sinceStart(f.returnedNs, l); }},
+    {"returns", [](const Frame& f, const Line&) { return std::to_string(f.returns); }}};
 
 /// One line of what `field` says of each column.
 template <typename Field>
@@ -99,7 +103,19 @@ CsvWriter::CsvWriter(std::ostream& out) : mOut(out) {
 }
 
 void CsvWriter::onFrame(const FrameEntry& frame, const PlaybackRecord& soFar) {
-    writeLine(mOut, [&](const Column& column) { return column.value(frame, soFar); });
+    mStartNs = soFar.startNs;
+    mWaiting.push_back(frame);
+}
+
+void CsvWriter::onJudgedUpTo(int64_t frameNo) {
+    while (!mWaiting.empty() && mWaiting.front().frameNo < frameNo) {
+        const FrameEntry& frame = mWaiting.front();
+        const auto found = mCauses.find(frame.frameNo);
+        const Line line{mStartNs, found == mCauses.end() ? "" : toString(found->second)};
+        writeLine(mOut, [&](const Column& column) { return column.value(frame, line); });
+        mCauses.erase(mCauses.begin(), mCauses.upper_bound(frame.frameNo));
+        mWaiting.pop_front();
+    }
 }
 
 }  // namespace korvane::player

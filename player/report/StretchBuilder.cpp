@@ -16,12 +16,18 @@ constexpr size_t kKeptFacts = 16;
 static_assert(kKeptFacts >= kSteadyRunFrames);
 /// A viewer sees the breaks of so long a time as one.
 constexpr int64_t kOneDisturbanceUs = 1'000'000;
+/// Breaks that follow each other this closely, for so long and so many, go on.
+constexpr int64_t kOngoingGapUs = 2'000'000;
+constexpr int64_t kOngoingUs = 4'000'000;
+constexpr int64_t kOngoingBreaks = 10;
+/// A release fence usually signals at the next vsync; one that takes longer than this is late.
+constexpr int64_t kLateFenceVsyncs = 2;
 
 }  // namespace
 
 StretchBuilder::StretchBuilder(int section, StretchBegin begin, const ExpectedCadence& expected,
-                               int64_t beganUs)
-    : mTracker(expected), mBeganUs(beganUs) {
+                               int64_t beganUs, const PatternLog& patterns, BreakListener* listener)
+    : mTracker(expected), mPatterns(patterns), mListener(listener), mBeganUs(beganUs) {
     mReport.section = section;
     mReport.begin = begin;
     mReport.displayHz = expected.displayHz;
@@ -29,8 +35,15 @@ StretchBuilder::StretchBuilder(int section, StretchBegin begin, const ExpectedCa
 }
 
 void StretchBuilder::add(const FrameEntry& frame, const PlaybackRecord& soFar) {
+    mLate = latenessOf(frame, mLate, mLateFence);
     if (!mPending.empty()) {
-        addNext(&mPending.back(), frame, mReport.expected.contentHz, mReport.expected.displayHz);
+        addNext(&mPending.back(), frame, mLate, mReport.expected.contentHz,
+                mReport.expected.displayHz);
+    }
+    if (frame.record &&
+        static_cast<double>(frame.record->fenceSignalNs - frame.record->releasedNs) >
+            kLateFenceVsyncs * 1e9 / mReport.displayHz) {
+        mLateFence = {frame.record->releasedNs, frame.record->fenceSignalNs};
     }
     const bool shown = frame.outcome == Outcome::Shown;
     if (shown) {
@@ -48,7 +61,7 @@ void StretchBuilder::add(const FrameEntry& frame, const PlaybackRecord& soFar) {
         }
         mPending.clear();
     }
-    mPending.push_back(dwellFacts(frame));
+    mPending.push_back(dwellFacts(frame, mLate));
 }
 
 void StretchBuilder::noteStart(int64_t shownUs, const PlaybackRecord& soFar) {
@@ -68,6 +81,7 @@ void StretchBuilder::addToCadence(const DwellFacts& facts, const PlaybackRecord&
     if (mLastDwells.size() > kPatternDwells) {
         mLastDwells.pop_front();
     }
+    mLastMediaUs = facts.mediaTimeUs;
     mFacts.push_back(facts);
     takeBreaks(mTracker.add(facts.dwell), soFar);
     noteWhenHeld();
@@ -89,14 +103,30 @@ void StretchBuilder::takeBreaks(const std::vector<DwellBreak>& breaks,
         }
         const DwellFacts& facts = mFacts[found.index - mFactsFrom];
         const FoundCause cause =
-            causeOfBreak(mFacts, found.index - mFactsFrom, soFar.clockStops, start(soFar));
-        countCause(cause.cause, facts.shownUs);
+            causeOfBreak(mFacts, found.index - mFactsFrom,
+                         {soFar.clockStops, start(soFar), wrongPatternAt(facts.shownUs, soFar),
+                          soFar.passthrough});
+        countCause(cause, facts, found);
         if (mReport.breaks.size() < kKeptBreaks) {
             mReport.breaks.push_back({facts.frameNo, facts.mediaTimeUs,
                                       facts.shownUs - soFar.startNs / 1000, found.dwell,
                                       found.expected, tellCause(cause)});
         }
     }
+}
+
+/// What the renderer has in force and the content does not have; else empty.
+std::string StretchBuilder::wrongPatternAt(int64_t shownUs, const PlaybackRecord& soFar) const {
+    const Section& section = soFar.sections[static_cast<size_t>(mReport.section)];
+    const std::string inForce = mPatterns.inForceAt(shownUs, section.beganNs / 1000);
+    return inForce == mReport.expected.name() ? "" : inForce;
+}
+
+int64_t StretchBuilder::judgedUpTo() const {
+    const size_t undecided = mTracker.decided() - mFactsFrom;
+    return undecided < mFacts.size() ? mFacts[undecided].frameNo
+           : !mPending.empty()       ? mPending.front().frameNo
+                                     : INT64_MAX;
 }
 
 /// With audio, the pattern cannot hold before it has started.
@@ -114,15 +144,41 @@ StretchStart StretchBuilder::start(const PlaybackRecord& soFar) const {
             std::max(mFirstShownUs, section.audioStartedRealUs)};
 }
 
-void StretchBuilder::countCause(BreakCause cause, int64_t shownUs) {
-    ++mReport.causes[cause];
-    if (askedFor(cause)) {
+void StretchBuilder::countCause(const FoundCause& cause, const DwellFacts& facts,
+                                const DwellBreak& found) {
+    ++mReport.causes[cause.cause];
+    if (mListener != nullptr) {
+        mListener->onBreak(facts.frameNo, cause.cause);
+    }
+    if (cause.cause == BreakCause::WrongPattern) {
+        mReport.wrongPattern = cause.wrongPattern;
+    }
+    if (askedFor(cause.cause)) {
         return;
     }
-    if (mDisturbedUs < 0 || shownUs - mDisturbedUs > kOneDisturbanceUs) {
+    if (mDisturbedUs < 0 || facts.shownUs - mDisturbedUs > kOneDisturbanceUs) {
         ++mReport.disturbances;
-        mDisturbedUs = shownUs;
+        mDisturbedUs = facts.shownUs;
     }
+    if (mSpan.breaks > 0 && facts.shownUs - mSpanShownUs > kOngoingGapUs) {
+        endSpan();
+    }
+    mSpan.fromUs = mSpan.breaks == 0 ? facts.mediaTimeUs : mSpan.fromUs;
+    mSpan.toUs = facts.mediaTimeUs;
+    mSpanShownUs = facts.shownUs;
+    ++mSpan.breaks;
+    mReport.firstBreakUs = mReport.firstBreakUs < 0 ? facts.mediaTimeUs : mReport.firstBreakUs;
+    mReport.lastBreakUs = facts.shownUs - mFirstShownUs;
+    mSpan.longer += found.dwell > found.expected ? 1 : 0;
+}
+
+/// Keeps the longest of the spans that count as one fault that goes on.
+void StretchBuilder::endSpan() {
+    if (mSpan.breaks >= kOngoingBreaks && mSpan.lengthUs() >= kOngoingUs &&
+        mSpan.lengthUs() > mReport.ongoing.lengthUs()) {
+        mReport.ongoing = mSpan;
+    }
+    mSpan = {};
 }
 
 void StretchBuilder::noteWhenHeld() {
@@ -133,7 +189,13 @@ void StretchBuilder::noteWhenHeld() {
 }
 
 std::optional<StretchReport> StretchBuilder::finish(const PlaybackRecord& soFar) {
-    takeBreaks(mTracker.finish(), soFar);
+    const auto breaks = mTracker.finish();
+    // Of fewer frames no dwell is judged.
+    if (mTracker.dwells() >= kSteadyRunFrames) {
+        takeBreaks(breaks, soFar);
+    }
+    mSpan.toEnd = mSpan.toUs + kOngoingGapUs >= mLastMediaUs;
+    endSpan();
     noteWhenHeld();
     if (mFirstShownUs < 0) {
         return std::nullopt;
@@ -148,12 +210,7 @@ void StretchBuilder::reportCadence() {
     mReport.dwells = mTracker.dwells();
     if (mReport.judged()) {
         mReport.cadence = mTracker.result();
-    } else {
-        mReport.breaks.clear();
-        mReport.causes.clear();
-        mReport.disturbances = 0;
     }
-    nameWrongPattern();
     const std::vector<int> last(mLastDwells.begin(), mLastDwells.end());
     const CadenceResult& cadence = mReport.cadence;
     // Ten frames in step, and then none, is not what was seen.
@@ -164,17 +221,6 @@ void StretchBuilder::reportCadence() {
     mReport.seen = asExpected ? mReport.expected.name() : seenPatternName(last);
     if (!mReport.breaks.empty()) {
         mReport.firstOut = {mReport.breaks.front().frameNo, mReport.breaks.front().shownUs};
-    }
-}
-
-/// What the renderer chooses once is a choice; what it chooses all the time is a pattern.
-void StretchBuilder::nameWrongPattern() {
-    constexpr int64_t kDwellsPerChoice = 10;
-    const auto chosen = mReport.causes.find(BreakCause::Renderer);
-    if (chosen != mReport.causes.end() &&
-        chosen->second * kDwellsPerChoice > static_cast<int64_t>(mReport.dwells)) {
-        mReport.causes[BreakCause::WrongPattern] = chosen->second;
-        mReport.causes.erase(chosen);
     }
 }
 

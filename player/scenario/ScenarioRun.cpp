@@ -19,6 +19,7 @@
 #include "player/scenario/LogWatch.h"
 #include "player/scenario/RunLimits.h"
 #include "tv/Properties.h"
+#include "tv/Tv.h"
 #include "tv/clock/VirtualTime.h"
 
 namespace korvane::player {
@@ -87,7 +88,10 @@ ScenarioResult playScenario(const Scenario& scenario, const ScenarioRunOptions& 
     EventRecorder recorder(&events);
     PlaybackHooks hooks;
     hooks.listeners = {&report, &recorder};
-    hooks.onLogLine = [&watch](const tv::LogLine& line) { watch.see(line); };
+    hooks.onLogLine = [&](const tv::LogLine& line) {
+        report.seeLog(line, tv::nowNs() / 1000);
+        watch.see(line);
+    };
     const PlaybackRecord record = play(plan, *sources.video, std::move(sources.audio), hooks);
     const Summary summary = report.finish(record);
     if (options.report) {
