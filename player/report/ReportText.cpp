@@ -173,18 +173,20 @@ void printJudder(std::ostream& out, const Summary& summary) {
                     judder.freezeScore, judder.freezeRate, judder.judderScore, judder.judderRate));
 }
 
-void printStart(std::ostream& out, const Summary& summary) {
+void printStart(std::ostream& out, const PlaybackRecord& record, const Summary& summary) {
     for (size_t i = 0; i < summary.stretches.size(); ++i) {
         const StretchReport& stretch = summary.stretches[i];
         if (stretch.begin != StretchBegin::Section) {
             continue;
         }
+        const auto soughtUs = record.sections[static_cast<size_t>(stretch.section)].soughtUs;
         std::string text = fmt::format("first frame {} after {}", seconds(stretch.firstFrameUs),
                                        i == 0 ? "start" : "the flush");
         if (stretch.secondFrameUs >= 0) {
             text += fmt::format(", second {} later", seconds(stretch.secondFrameUs));
         }
-        line(out, i == 0 ? "start" : "  flushed", text);
+        line(out, i == 0 ? "start" : "  flushed",
+             text + (soughtUs ? fmt::format(" (seek to {})", seconds(*soughtUs)) : ""));
     }
 }
 
@@ -322,7 +324,7 @@ void printEnd(std::ostream& out, const PlaybackRecord& record, const tv::TraceRe
              counted(record.seeksBeyondEnd, "seek") + " went beyond the end: nothing is there");
     }
     if (record.failedSeeks > 0) {
-        line(out, "", counted(record.failedSeeks, "seek") + " failed: the input cannot seek");
+        line(out, "", counted(record.failedSeeks, "seek") + " refused: the input cannot seek");
     }
     if (!trace.path.empty()) {
         line(out, "trace",
@@ -345,7 +347,7 @@ void printReport(std::ostream& out, const PlaybackRecord& record, const Summary&
     printDwell(out, summary);
     printBreaks(out, summary);
     printJudder(out, summary);
-    printStart(out, summary);
+    printStart(out, record, summary);
     printSound(out, record);
     printLipSync(out, record, summary);
     printOffset(out, record, summary);

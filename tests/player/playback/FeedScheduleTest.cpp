@@ -241,6 +241,25 @@ TEST(FeedSchedule, EachActionComesOnceAndALimitCountsAllSections) {
     EXPECT_EQ(schedule.next(state).action, FeedAction::EndSource);
 }
 
+TEST(FeedSchedule, ASeekInAStallComesAtTheClocksTimeAndEndsTheStall) {
+    PlaybackPlan plan;
+    plan.stalls = {{80'000, 1'000'000}};
+    plan.seeks = {{200'000, 20'000, false, true}};
+    FeedSchedule schedule(plan, kFrameUs);
+    schedule.start(kStartNs);
+    schedule.sent(0);
+    FeedState state = playing();
+    state.inLibrary = 0;
+    state.clockUs = 199'999;
+    EXPECT_EQ(schedule.next(state).action, FeedAction::Wait);
+    EXPECT_EQ(schedule.next(state).action, FeedAction::Wait);
+    state.clockUs = 200'000;
+    EXPECT_EQ(schedule.next(state).action, FeedAction::Seek);
+    schedule.leaveSection();
+    state.positionUs = -1;
+    EXPECT_EQ(schedule.next(state).action, FeedAction::Send);
+}
+
 TEST(FeedSchedule, ALastFrameThatIsNeverShownIsWaitedForOneSecond) {
     const PlaybackPlan plan;
     FeedSchedule schedule(plan, kFrameUs);
