@@ -59,7 +59,7 @@ std::vector<std::string> inputNotes(const PlayOptions& options, const MediaInfo&
     for (const auto& seek : options.seeks) {
         if (!seek.inPlace && !media.canSeek) {
             notes.push_back("--seek " + seconds(seek.atUs) +
-                            " only flushes: the input cannot seek");
+                            " has no effect: the input cannot seek");
         }
     }
     const int buffers = planOf(options, media).buffers;

@@ -116,7 +116,7 @@ Demuxer::Demuxer(const MediaRequest& request, size_t mostQueuedBytes)
     mStreams = static_cast<int>(mFormat->nb_streams);
     const bool seekableData =
         mFormat->pb == nullptr || (mFormat->pb->seekable & AVIO_SEEKABLE_NORMAL) != 0;
-    mCanSeek = seekableData && mInput.kind != InputKind::Generator;
+    mCanSeek = seekableData && mListed && mInput.kind != InputKind::Generator;
 }
 
 /// Data that is opened here, and not by FFmpeg as part of the format; null: by the format.
@@ -195,6 +195,8 @@ int Demuxer::openFormat(AVIOContext* data, const AVInputFormat* found) {
     context->interrupt_callback = {isInterrupted, &mInterrupted};
     const int result = avformat_open_input(&context, mInput.opened.c_str(), found, &options);
     av_dict_free(&options);
+    // A list is as long as it says. One that does not cannot seek in its files.
+    mListed = result < 0 || mInput.demuxer != "concat" || context->duration != AV_NOPTS_VALUE;
     mFormat.reset(context);
     return result;
 }

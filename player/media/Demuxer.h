@@ -124,6 +124,7 @@ private:
     FilePtr mFile;
     FormatPtr mFormat;
     bool mCanSeek = true;
+    bool mListed = true;  ///< false: a playlist that does not say where its files begin
     int64_t mStartUs = 0;
 
     int mFollowed[2] = {-1, -1};  ///< video and audio; -1: times do not jump, or no such stream
