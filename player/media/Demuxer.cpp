@@ -311,9 +311,10 @@ void Demuxer::mapTimes(PacketPtr packet) {
     }
     const AVRational timeBase = stream(packet->stream_index).time_base;
     const int64_t timestamp = packet->dts != AV_NOPTS_VALUE ? packet->dts : packet->pts;
-    TimelineMapper::Packet time{track, std::nullopt, 0};
+    TimelineMapper::Packet time{track, std::nullopt, 0, 0};
     if (timestamp != AV_NOPTS_VALUE) {
         time.us = toMediaUs(timestamp, timeBase);
+        time.shownUs = packet->pts != AV_NOPTS_VALUE ? toMediaUs(packet->pts, timeBase) : *time.us;
     }
     time.durationUs = av_rescale_q(packet->duration, timeBase, kMicroseconds);
     mUnmapped.push_back(std::move(packet));

@@ -75,6 +75,7 @@ struct VideoReader::Impl {
           packet(av_packet_alloc()) {
         info = describeMedia(demuxer->format(), asked, choice);
         info.canSeek = demuxer->canSeek();
+        toldDurationUs = info.durationUs;
         frameUs =
             info.frameRateHz > 0.0 ? static_cast<int64_t>(1e6 / info.frameRateHz) : kDefaultFrameUs;
         knownStreams = demuxer->streams();
@@ -105,6 +106,9 @@ struct VideoReader::Impl {
                 reachedUs + kStreamToleranceUs < toldEndUs(stream) - demuxer->startUs();
             ended = early ? ReadStatus::BrokenOff : status;
             avcodec_send_packet(codec.get(), nullptr);
+            if (!demuxer->splices().empty()) {
+                info.durationUs = demuxer->reachedUs();
+            }
             noteSuccessors();
             return;
         }
@@ -173,6 +177,7 @@ struct VideoReader::Impl {
             skipBeforeUs = mediaUs;
             ended = ReadStatus::Ready;
             haveLast = false;
+            lookedAtUs = INT64_MAX;
             lastUs = demuxer->hasTimes() ? lastUs : 0;
             decodedAhead.reset();
             decodedAhead = decodeNext();
@@ -207,11 +212,7 @@ struct VideoReader::Impl {
             width = picture->width;
             height = picture->height;
         }
-        for (const Splice& splice : demuxer->splices()) {
-            if (splice.atUs <= lastUs) {
-                noteSplice(splice);
-            }
-        }
+        lookForSplices();
         const int streams = demuxer->streams();
         if (streams > knownStreams) {
             noteChange(lastUs, "the input brings " + std::to_string(streams - knownStreams) +
@@ -221,16 +222,23 @@ struct VideoReader::Impl {
     }
 
     /// After a seek back a splice comes again.
-    void noteSplice(const Splice& splice) {
-        const auto known = [&](const MediaChange& change) {
-            return change.splice && change.mediaTimeUs == splice.atUs;
-        };
-        if (std::none_of(info.changes.begin(), info.changes.end(), known)) {
-            noteChange(
-                splice.atUs,
-                "the times jump from " + seconds(splice.fromUs) + " to " + seconds(splice.toUs),
-                true);
+    void lookForSplices() {
+        followsSplice = false;
+        for (const Splice& splice : demuxer->splices()) {
+            const bool passed = splice.pictureUs >= 0 && splice.pictureUs <= lastUs;
+            followsSplice = followsSplice || (passed && splice.pictureUs > lookedAtUs);
+            const auto known = [&](const MediaChange& change) {
+                return change.splice && change.mediaTimeUs == splice.atUs;
+            };
+            if (splice.atUs <= lastUs &&
+                std::none_of(info.changes.begin(), info.changes.end(), known)) {
+                noteChange(splice.atUs, describe(splice), true);
+                // FFmpeg takes the last part's times for those of the whole.
+                info.durationUs =
+                    toldDurationUs > 0 ? std::max(toldDurationUs + splice.shiftUs, lastUs) : -1;
+            }
         }
+        lookedAtUs = lastUs;
     }
 
     /// What is not followed is at least told.
@@ -267,7 +275,10 @@ struct VideoReader::Impl {
     int64_t lastUs = 0;
     int64_t skipBeforeUs = INT64_MIN;
     int64_t decodeErrors = 0;
-    int width = 0;  ///< of the picture before
+    int64_t toldDurationUs = -1;     ///< by FFmpeg
+    bool followsSplice = false;      ///< of the picture, as the interface says
+    int64_t lookedAtUs = INT64_MAX;  ///< time of the picture before; INT64_MAX: there is none
+    int width = 0;                   ///< of the picture before
     int height = 0;
     int knownStreams = 0;
 };
@@ -296,6 +307,9 @@ const AVFrame* VideoReader::picture() const {
 }
 int64_t VideoReader::mediaTimeUs() const {
     return mImpl->lastUs;
+}
+bool VideoReader::followsSplice() const {
+    return mImpl->followsSplice;
 }
 bool VideoReader::seek(int64_t mediaTimeUs) {
     return mImpl->seek(mediaTimeUs);

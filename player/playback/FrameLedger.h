@@ -58,6 +58,7 @@ struct FrameEntry {
     int buffer = -1;
     int64_t sentNs = 0;
     bool sentLate = false;  ///< sent too late for its vsync (see isTooLate)
+    bool followsSplice = false;
 
     int returns = 0;  ///< times that its buffer came back by callback
     int64_t returnedNs = 0;
@@ -97,7 +98,8 @@ struct ReturnedBuffer {
 class FrameLedger {
 public:
     /// @return the new frame's number, counting from 0
-    int64_t sent(int64_t mediaTimeUs, int section, int buffer, int64_t nowNs, bool late);
+    int64_t sent(int64_t mediaTimeUs, int section, int buffer, int64_t nowNs, bool late,
+                 bool followsSplice = false);
     void returned(const ReturnedBuffer& buffer);
     /// A flush moves the clock: the clock's times no longer apply to frames of earlier sections.
     void beginSection(int section);

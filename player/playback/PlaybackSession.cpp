@@ -291,8 +291,8 @@ void PlaybackSession::send(int64_t longestWaitNs) {
         beginSection(mediaTimeUs);
     }
     const int section = std::max(static_cast<int>(mRecord.sections.size()) - 1, 0);
-    const int64_t frameNo =
-        mLedger.sent(mediaTimeUs, section, buffer, tv::nowNs(), isLate(mediaTimeUs));
+    const int64_t frameNo = mLedger.sent(mediaTimeUs, section, buffer, tv::nowNs(),
+                                         isLate(mediaTimeUs), mVideo.followsSplice());
     const size_t bytes = mPool.fill(buffer, mVideo.picture(), frameNo, mediaTimeUs);
     if (mPlan.passthrough) {
         mRenderer->onVideoSyncQueueVideoFrame(mediaTimeUs, static_cast<unsigned>(bytes));
@@ -340,7 +340,7 @@ void PlaybackSession::watchAudio() {
 void PlaybackSession::showProgress(int64_t nowNs) {
     PlaybackProgress progress;
     progress.positionUs = mLedger.positionUs();
-    progress.endUs = mRecord.media.durationUs;
+    progress.endUs = mVideo.info().durationUs;  // splices on the way change it
     if (mPlan.limitUs && (progress.endUs < 0 || *mPlan.limitUs < progress.endUs)) {
         progress.endUs = *mPlan.limitUs;
     }

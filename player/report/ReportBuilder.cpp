@@ -59,6 +59,7 @@ Summary ReportBuilder::finish(const PlaybackRecord& record) {
     mSummary.variableRate = mFramesByHz.size() > 1;
     mSummary.expected = expectedFor(mSummary.contentHz, mSummary.displayHz);
     mSummary.judder = mJudder.report();
+    mSummary.splices = mSplices.splices();
     mSummary.lipSync = mLipSync.result();
     mSummary.offset = mOffsets.report();
     mSummary.longestResume = mResumes.longest();
@@ -72,7 +73,12 @@ void ReportBuilder::process(const PacedFrame& paced, const PlaybackRecord& soFar
     ++mFramesByHz[paced.pace.hz];
     followStretches(paced, soFar);
     mStretch->add(paced.frame, soFar);
-    count(paced.frame, soFar);
+    const FrameEntry& frame = paced.frame;
+    const bool shown = frame.outcome == Outcome::Shown;
+    mSplices.add(frame, shown ? frameAt(frame, frame.record->firstVsync.timeNs, soFar) : FrameAt(),
+                 paced.pace.hz > 0.0 ? static_cast<int64_t>(1e6 / paced.pace.hz) : 0,
+                 static_cast<int64_t>(1e6 / mStretch->displayHz()));
+    count(frame, soFar);
 }
 
 /// A frame of a new section, the first one of a new content rate, or the first one on screen at a

@@ -5,6 +5,7 @@
 //         -> StretchBuilder    one for each stretch: cadence, start, breaks with their causes
 //         -> JudderMeter       times on screen against content times
 //         -> LipSyncCounter    frames on screen against the sound that was heard
+//         -> SpliceMeter       time on screen that splices cost
 //         -> OffsetCounter,    frames on screen against the sync clock
 //            ResumeTimer
 //         -> counts            outcomes, drops, dwells, buffers
@@ -22,6 +23,7 @@
 #include "player/report/ContentRate.h"
 #include "player/report/JudderMeter.h"
 #include "player/report/LipSync.h"
+#include "player/report/SpliceMeter.h"
 #include "player/report/StretchBuilder.h"
 #include "player/report/Summary.h"
 
@@ -66,6 +68,7 @@ private:
     JudderMeter mJudder;
     int64_t mLastShownUs = -1;
     int mJudderSection = 0;  ///< of the last frame shown
+    SpliceMeter mSplices;
     LipSyncCounter mLipSync;
     OffsetCounter mOffsets;
     ResumeTimer mResumes;

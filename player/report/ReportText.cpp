@@ -2,6 +2,7 @@
 // The report as text: the verdict, then a labelled line or two for each question.
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <cmath>
 #include <map>
 #include <ostream>
@@ -190,6 +191,45 @@ void printStart(std::ostream& out, const PlaybackRecord& record, const Summary& 
     }
 }
 
+/// The splice that a frame came after is the last one before its media time.
+bool describesSplice(const MediaChange& change, const SpliceReport& splice,
+                     const MediaInfo& media) {
+    return change.mediaTimeUs <= splice.mediaTimeUs &&
+           std::none_of(media.changes.begin(), media.changes.end(), [&](const MediaChange& other) {
+               return other.splice && other.mediaTimeUs > change.mediaTimeUs &&
+                      other.mediaTimeUs <= splice.mediaTimeUs;
+           });
+}
+
+/// One line for each splice: what the file does, and what that costs on screen.
+void printSplices(std::ostream& out, const PlaybackRecord& record, const Summary& summary) {
+    constexpr size_t kListedSplices = 10;
+    size_t listed = 0;
+    for (const MediaChange& change : record.media.changes) {
+        if (!change.splice || ++listed > kListedSplices) {
+            continue;
+        }
+        // After a seek back it is passed again.
+        const SpliceReport* worst = nullptr;
+        for (const SpliceReport& splice : summary.splices) {
+            if (describesSplice(change, splice, record.media) &&
+                (worst == nullptr || splice.lostUs > worst->lostUs)) {
+                worst = &splice;
+            }
+        }
+        line(out, listed == 1 ? "splices" : "",
+             fmt::format("at {}: {}; {}", seconds(change.mediaTimeUs), change.what,
+                         worst == nullptr ? "not passed on screen"
+                         : worst->lostUs == 0
+                             ? "no time lost on screen"
+                             : fmt::format("{} lost on screen before frame {}",
+                                           milliseconds(worst->lostUs), worst->frame.frameNo)));
+    }
+    if (listed > kListedSplices) {
+        line(out, "", "and " + counted(static_cast<int64_t>(listed - kListedSplices), "more"));
+    }
+}
+
 void printSound(std::ostream& out, const PlaybackRecord& record) {
     /// Streams of a film begin apart by less than this.
     constexpr int64_t kAtOnceUs = 500'000;
@@ -348,6 +388,7 @@ void printReport(std::ostream& out, const PlaybackRecord& record, const Summary&
     printBreaks(out, summary);
     printJudder(out, summary);
     printStart(out, record, summary);
+    printSplices(out, record, summary);
     printSound(out, record);
     printLipSync(out, record, summary);
     printOffset(out, record, summary);

@@ -9,6 +9,7 @@
 // pattern.
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <map>
@@ -104,6 +105,13 @@ struct OffsetReport {
     MeasuredAt most;
 };
 
+/// A splice that was passed on screen.
+struct SpliceReport {
+    int64_t mediaTimeUs = 0;  ///< of the first frame shown after it
+    FrameAt frame;
+    int64_t lostUs = 0;  ///< see SpliceMeter.h
+};
+
 struct Summary {
     double contentHz = 0.0;     ///< of the most frames
     double displayHz = 0.0;     ///< at the start, with its drift
@@ -135,6 +143,7 @@ struct Summary {
     Spread backToPlayerNs;  ///< from replaced on screen until the player had the buffer again
     int64_t fences = 0;
     int64_t sentLate = 0;
+    std::vector<SpliceReport> splices;
 
     bool sumHolds = false;  ///< the outcomes add up to the frames handed in
     bool framesAccounted = false;
@@ -156,6 +165,13 @@ struct Summary {
     int64_t explained() const {
         const auto found = causes.find(BreakCause::Unexplained);
         return unexpected - (found == causes.end() ? 0 : found->second);
+    }
+    int64_t worstSpliceUs() const {
+        int64_t worstUs = 0;
+        for (const auto& splice : splices) {
+            worstUs = std::max(worstUs, splice.lostUs);
+        }
+        return worstUs;
     }
     int64_t count(Outcome outcome) const { return outcomes[static_cast<size_t>(outcome)]; }
 };

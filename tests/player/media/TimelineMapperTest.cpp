@@ -11,6 +11,8 @@ namespace korvane::player {
 namespace {
 
 constexpr int64_t kFrameUs = 40'000;
+/// From decoding to presentation.
+constexpr int64_t kReorderUs = 80'000;
 constexpr int64_t kWrapUs = 95'443'717'689;
 constexpr int64_t kHourUs = 3'600'000'000;
 
@@ -83,7 +85,7 @@ Out run(const Case& test, int track, TimelineMapper* mapper) {
         }
     };
     for (const Sent& packet : sent) {
-        mapper->push({packet.track, packet.us, 0});
+        mapper->push({packet.track, packet.us, 0, packet.us + kReorderUs});
         pop();
     }
     mapper->end();
@@ -96,7 +98,10 @@ TEST(TimelineMapper, MakesTimesContinuous) {
     for (const Case& test : kCases) {
         TimelineMapper mapper(kWrapUs);
         EXPECT_EQ(run(test, 0, &mapper).secondUs, test.videoAtUs) << test.name;
-        EXPECT_EQ(mapper.splices().size(), test.splices) << test.name;
+        ASSERT_EQ(mapper.splices().size(), test.splices) << test.name;
+        if (test.splices > 0) {
+            EXPECT_EQ(mapper.splices()[0].pictureUs, test.videoAtUs + kReorderUs) << test.name;
+        }
         mapper.restart();
         EXPECT_EQ(run(test, 1, &mapper).secondUs, test.audioAtUs) << test.name;
     }
