@@ -49,6 +49,8 @@ MediaRequest requestOf(const PlayOptions& options) {
     request.audio = options.audioStream;
     request.program = options.program;
     request.withoutAudio = options.noAudio;
+    request.rate = options.inputRate;
+    request.limitUs = options.limitUs;
     return request;
 }
 
