@@ -280,8 +280,11 @@ void Demuxer::noteSuccession(int taken, int as, int64_t atUs) {
         return;
     }
     ParametersPtr& parameters = mParameters[as];
-    parameters.reset(avcodec_parameters_alloc());
-    avcodec_parameters_copy(parameters.get(), stream(as).codecpar);
+    if (!parameters) {
+        // Once: a decoder may be reading them on another thread.
+        parameters.reset(avcodec_parameters_alloc());
+        avcodec_parameters_copy(parameters.get(), stream(as).codecpar);
+    }
     if (as != taken || !first) {
         mSuccessions.push_back({taken, as, atUs});
     }
