@@ -53,16 +53,19 @@ Kind<DurationPair> durationPair(const std::string& name) {
     return {name, parseDurationPair, "a pair of durations; write for example 5s:800ms"};
 }
 
-const Kind<FrameRate> kDisplayRate{
-    "HZ",
-    [](const std::string& text) {
-        const auto rate = parseRate(text);
-        const bool taken =
-            rate && rate->hz() >= kLowestDisplayHz && rate->hz() <= kHighestDisplayHz;
-        return taken ? rate : std::nullopt;
-    },
-    fmt::format("between {} and {} Hz; write for example 60, 59.94 or 60000/1001", kLowestDisplayHz,
-                kHighestDisplayHz)};
+Kind<FrameRate> rateBetween(double lowestHz, double highestHz) {
+    return {"HZ",
+            [=](const std::string& text) {
+                const auto rate = parseRate(text);
+                const bool taken = rate && rate->hz() >= lowestHz && rate->hz() <= highestHz;
+                return taken ? rate : std::nullopt;
+            },
+            fmt::format("between {} and {} Hz; write for example 60, 59.94 or 60000/1001", lowestHz,
+                        highestHz)};
+}
+
+const Kind<FrameRate> kDisplayRate = rateBetween(kLowestDisplayHz, kHighestDisplayHz);
+const Kind<FrameRate> kContentRate = rateBetween(kLowestContentHz, kHighestContentHz);
 
 std::optional<double> parseSigned(const std::string& text) {
     const bool negative = startsWith(text, "-");
@@ -185,6 +188,9 @@ void addStreamOptions(CLI::App* app, PlayOptions* options) {
         ->multi_option_policy(CLI::MultiOptionPolicy::Throw);
     add(app, "--program", index, "Number of the program, as the report lists them [the video's]",
         &options->program);
+    add(app, "--input-rate", kContentRate,
+        "Pictures per second of what has no times, such as an image sequence [25]",
+        &options->inputRate);
 }
 
 void addDisplayOptions(CLI::App* app, PlayOptions* options) {

@@ -49,6 +49,8 @@ MediaRequest requestOf(const PlayOptions& options) {
     request.audio = options.audioStream;
     request.program = options.program;
     request.withoutAudio = options.noAudio;
+    request.rate = options.inputRate;
+    request.limitUs = options.limitUs;
     return request;
 }
 
@@ -59,7 +61,7 @@ std::vector<std::string> inputNotes(const PlayOptions& options, const MediaInfo&
     for (const auto& seek : options.seeks) {
         if (!seek.inPlace && !media.canSeek) {
             notes.push_back("--seek " + seconds(seek.atUs) +
-                            " only flushes: the input cannot seek");
+                            " has no effect: the input cannot seek");
         }
     }
     const int buffers = planOf(options, media).buffers;

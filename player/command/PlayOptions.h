@@ -22,6 +22,7 @@ struct PlayOptions {
     std::optional<int> videoStream;
     std::optional<int> audioStream;
     std::optional<int> program;
+    std::optional<FrameRate> inputRate;
 
     FrameRate rate{60, 1};
     double displayDriftPpm = 0.0;

@@ -39,6 +39,8 @@ struct ContentPlan {
         int64_t byUs = 0;
     };
     std::vector<Jump> jumps;  ///< from this frame on, media times are shifted by this much
+    /// The same in a container whose times may jump: the player makes them continuous.
+    std::vector<Jump> splices;
 };
 
 }  // namespace korvane::player

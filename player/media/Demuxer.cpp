@@ -31,6 +31,9 @@ constexpr int64_t kOverlapUs = 200'000;
 /// Key packets are nearer to each other than this.
 constexpr int64_t kAstrayUs = 10'000'000;
 
+/// Any writer to a pipe brings something within this time.
+constexpr int64_t kLeastPatienceUs = 1'000'000;
+
 /// What FFmpeg would report in its own words, or not at all, is said here plainly.
 void checkIsFile(const std::string& path) {
     struct stat status {};
@@ -109,6 +112,7 @@ std::string errorText(int error) {
 Demuxer::Demuxer(const MediaRequest& request, size_t mostQueuedBytes)
     : mInput(inputOf(request.name)),
       mInterrupted(request.interrupted),
+      mLimitUs(request.limitUs),
       mMostQueuedBytes(mostQueuedBytes) {
     av_log_set_level(AV_LOG_QUIET);
     open(request);
@@ -116,13 +120,15 @@ Demuxer::Demuxer(const MediaRequest& request, size_t mostQueuedBytes)
     mStreams = static_cast<int>(mFormat->nb_streams);
     const bool seekableData =
         mFormat->pb == nullptr || (mFormat->pb->seekable & AVIO_SEEKABLE_NORMAL) != 0;
-    mCanSeek = seekableData && mInput.kind != InputKind::Generator;
+    mCanSeek = seekableData && mListed && mInput.kind != InputKind::Generator;
 }
 
 /// Data that is opened here, and not by FFmpeg as part of the format; null: by the format.
 AVIOContext* Demuxer::openData() {
     if (mInput.kind == InputKind::Pipe) {
-        mPipe = std::make_unique<PipeInput>(mInput.opened, mInterrupted);
+        mPipe = std::make_unique<PipeInput>(mInput.opened, mInterrupted, [this] {
+            return mLimitUs ? std::max(*mLimitUs - reachedUs(), kLeastPatienceUs) : INT64_MAX;
+        });
         return mPipe->context();
     }
     if (mInput.kind != InputKind::File) {
@@ -161,7 +167,7 @@ void Demuxer::open(const MediaRequest& request) {
     // FFmpeg's demuxer for text-mode pictures takes any text file by its name.
     const bool unknown =
         data != nullptr && (found == nullptr || std::strcmp(found->name, "tty") == 0);
-    int result = unknown ? AVERROR_INVALIDDATA : openFormat(data, found);
+    int result = unknown ? AVERROR_INVALIDDATA : openFormat(request, data, found);
     if (result >= 0) {
         result = avformat_find_stream_info(mFormat.get(), nullptr);
     }
@@ -181,7 +187,8 @@ void Demuxer::open(const MediaRequest& request) {
 }
 
 /// @return FFmpeg's error, or 0 and more
-int Demuxer::openFormat(AVIOContext* data, const AVInputFormat* found) {
+int Demuxer::openFormat(const MediaRequest& request, AVIOContext* data,
+                        const AVInputFormat* found) {
     AVDictionary* options = nullptr;
     if (mInput.kind != InputKind::Address) {
         // Only files of this machine, and of a file only itself.
@@ -190,12 +197,24 @@ int Demuxer::openFormat(AVIOContext* data, const AVInputFormat* found) {
     if (mInput.demuxer == "concat") {
         av_dict_set(&options, "safe", "0", 0);  // also files above the list's folder
     }
+    if (request.rate) {
+        const std::string rate =
+            std::to_string(request.rate->frames) + "/" + std::to_string(request.rate->seconds);
+        av_dict_set(&options, "framerate", rate.c_str(), 0);
+    }
     AVFormatContext* context = avformat_alloc_context();
     context->pb = data;
     context->interrupt_callback = {isInterrupted, &mInterrupted};
     const int result = avformat_open_input(&context, mInput.opened.c_str(), found, &options);
+    const bool rateIgnored = av_dict_get(options, "framerate", nullptr, 0) != nullptr;
     av_dict_free(&options);
     mFormat.reset(context);
+    if (result >= 0 && rateIgnored) {
+        throw InputError("--input-rate: '" + request.name +
+                         "' has times of its own; leave the option out");
+    }
+    // A list is as long as it says. One that does not cannot seek in its files.
+    mListed = result < 0 || mInput.demuxer != "concat" || context->duration != AV_NOPTS_VALUE;
     return result;
 }
 
@@ -212,6 +231,63 @@ void Demuxer::follow(int video, int audio) {
     mFollowed[0] = video;
     mFollowed[1] = audio;
     mMapper.emplace(wrapUs);
+    for (const int taken : {video, audio}) {
+        if (taken >= 0) {
+            mSuccession.play(taken);
+            noteSuccession(taken, taken, 0);
+        }
+    }
+}
+
+std::vector<Demuxer::Succession> Demuxer::successions() const {
+    const std::lock_guard<std::mutex> guard(mLock);
+    return mSuccessions;
+}
+
+const AVCodecParameters& Demuxer::parameters(int stream) const {
+    const std::lock_guard<std::mutex> guard(mLock);
+    return *mParameters.at(stream);
+}
+
+/// The followed stream from which one of another number may take over; -1: there is none.
+int Demuxer::relativeOf(int index) const {
+    const auto kind = stream(index).codecpar->codec_type;
+    for (const int followed : mFollowed) {
+        if (followed < 0 || stream(followed).codecpar->codec_type != kind) {
+            continue;
+        }
+        AVProgram* own = av_find_program_from_stream(mFormat.get(), nullptr, followed);
+        AVProgram* program = nullptr;
+        do {
+            program = av_find_program_from_stream(mFormat.get(), program, index);
+            if (program == own) {
+                return followed;
+            }
+        } while (program != nullptr);
+    }
+    return -1;
+}
+
+int Demuxer::takenFor(int stream) const {
+    const auto found = mTakenFor.find(stream);
+    return found == mTakenFor.end() ? stream : found->second;
+}
+
+/// The packets of a followed stream are from now on those of another one, or again its own.
+void Demuxer::noteSuccession(int taken, int as, int64_t atUs) {
+    const auto [acting, first] = mActing.try_emplace(taken, as);
+    if (!first && std::exchange(acting->second, as) == as) {
+        return;
+    }
+    ParametersPtr& parameters = mParameters[as];
+    if (!parameters) {
+        // Once: a decoder may be reading them on another thread.
+        parameters.reset(avcodec_parameters_alloc());
+        avcodec_parameters_copy(parameters.get(), stream(as).codecpar);
+    }
+    if (as != taken || !first) {
+        mSuccessions.push_back({taken, as, atUs});
+    }
 }
 
 std::vector<Splice> Demuxer::splices() const {
@@ -226,7 +302,8 @@ void Demuxer::keep(int stream, bool timesOnly) {
 
 void Demuxer::keepOnly(int kept) {
     for (unsigned i = 0; i < mFormat->nb_streams; ++i) {
-        if (static_cast<int>(i) != kept && trackOf(static_cast<int>(i)) < 0) {
+        // Of what is followed, all has to be seen.
+        if (static_cast<int>(i) != kept && mFollowed[0] < 0) {
             mFormat->streams[i]->discard = AVDISCARD_ALL;
         }
     }
@@ -247,6 +324,9 @@ ReadStatus Demuxer::read(int stream, AVPacket* packet) {
     for (;;) {
         if (const auto status = take(stream, packet)) {
             return *status;
+        }
+        if (isInterrupted(&mInterrupted) != 0) {
+            return ReadStatus::BrokenOff;
         }
         // The lock for reading alone: what waits in the other's queue can be taken meanwhile.
         const std::lock_guard<std::mutex> guard(mReading);
@@ -290,10 +370,14 @@ void Demuxer::readOne() {
     mStreams = static_cast<int>(mFormat->nb_streams);
     if (result < 0) {
         if (mMapper) {
+            std::vector<PacketPtr> released;
+            mSuccession.end(&released);
+            pushMapped(std::move(released));
             mMapper->end();
             takeMapped();
         }
-        const bool whole = result == AVERROR_EOF && !endsEarly();
+        const bool silent = mPipe && mPipe->fellSilent();
+        const bool whole = result == AVERROR_EOF && !silent && !endsEarly();
         mEnded = whole ? ReadStatus::End : ReadStatus::BrokenOff;
         return;
     }
@@ -302,50 +386,72 @@ void Demuxer::readOne() {
 
 /// Packets of a container whose times may jump go through the mapper, which may hold them back.
 void Demuxer::mapTimes(PacketPtr packet) {
-    const int track = trackOf(packet->stream_index);
-    if (track < 0) {
+    const int index = packet->stream_index;
+    const int64_t timestamp = packet->dts != AV_NOPTS_VALUE ? packet->dts : packet->pts;
+    const bool followed = mMapper && mSuccession.playedBy(index) >= 0;
+    const int relative = mMapper && !followed ? relativeOf(index) : -1;
+    if (!followed && (relative < 0 || timestamp == AV_NOPTS_VALUE)) {
         place(std::move(packet));
         return;
     }
-    const AVRational timeBase = stream(packet->stream_index).time_base;
-    const int64_t timestamp = packet->dts != AV_NOPTS_VALUE ? packet->dts : packet->pts;
-    TimelineMapper::Packet time{track, std::nullopt, 0};
-    if (timestamp != AV_NOPTS_VALUE) {
-        time.us = toMediaUs(timestamp, timeBase);
+    const int64_t us =
+        timestamp == AV_NOPTS_VALUE ? INT64_MIN : toMediaUs(timestamp, stream(index).time_base);
+    std::vector<PacketPtr> released;
+    mSuccession.take(std::move(packet), relative, us, &released);
+    pushMapped(std::move(released));
+}
+
+void Demuxer::pushMapped(std::vector<PacketPtr> packets) {
+    for (auto& packet : packets) {
+        const int index = packet->stream_index;
+        const int taken = mSuccession.playedBy(index);
+        const AVRational timeBase = stream(taken).time_base;
+        if (index != taken) {
+            mTakenFor[index] = taken;
+            av_packet_rescale_ts(packet.get(), stream(index).time_base, timeBase);
+        }
+        const int64_t timestamp = packet->dts != AV_NOPTS_VALUE ? packet->dts : packet->pts;
+        TimelineMapper::Packet time{taken == mFollowed[0] ? 0 : 1, std::nullopt, 0, 0};
+        if (timestamp != AV_NOPTS_VALUE) {
+            time.us = toMediaUs(timestamp, timeBase);
+            time.shownUs =
+                packet->pts != AV_NOPTS_VALUE ? toMediaUs(packet->pts, timeBase) : *time.us;
+        }
+        time.durationUs = av_rescale_q(packet->duration, timeBase, kMicroseconds);
+        mUnmapped.push_back(std::move(packet));
+        mMapper->push(time);
+        takeMapped();
     }
-    time.durationUs = av_rescale_q(packet->duration, timeBase, kMicroseconds);
-    mUnmapped.push_back(std::move(packet));
-    mMapper->push(time);
-    takeMapped();
 }
 
 void Demuxer::takeMapped() {
     while (const auto shiftUs = mMapper->pop()) {
         PacketPtr packet = std::move(mUnmapped.front());
         mUnmapped.pop_front();
-        const AVRational timeBase = stream(packet->stream_index).time_base;
+        const int index = packet->stream_index;
+        const AVRational timeBase = stream(takenFor(index)).time_base;
         const int64_t shift = av_rescale_q(*shiftUs, kMicroseconds, timeBase);
         packet->pts += packet->pts != AV_NOPTS_VALUE ? shift : 0;
         packet->dts += packet->dts != AV_NOPTS_VALUE ? shift : 0;
+        noteSuccession(
+            takenFor(index), index,
+            packet->pts != AV_NOPTS_VALUE ? toMediaUs(packet->pts, timeBase) : mReachedUs);
         place(std::move(packet));
     }
 }
 
-int Demuxer::trackOf(int stream) const {
-    return stream == mFollowed[0] ? 0 : stream == mFollowed[1] ? 1 : -1;
-}
-
 /// Puts a packet where it is wanted.
 void Demuxer::place(PacketPtr packet) {
+    const int index = takenFor(packet->stream_index);
     if (packet->pts != AV_NOPTS_VALUE) {
-        const AVRational timeBase = stream(packet->stream_index).time_base;
+        const AVRational timeBase = stream(index).time_base;
         const int64_t fromUs = toMediaUs(packet->pts, timeBase);
         const int64_t toUs = toMediaUs(packet->pts + packet->duration, timeBase);
-        Reach& reach = mReach.try_emplace(packet->stream_index, Reach{fromUs, toUs}).first->second;
+        Reach& reach = mReach.try_emplace(index, Reach{fromUs, toUs}).first->second;
         reach.toUs = std::max(reach.toUs, toUs);
         mReachedUs = std::max(mReachedUs, toUs);
     }
-    const auto wanted = mQueues.find(packet->stream_index);
+    const auto wanted = mQueues.find(index);
     if (wanted == mQueues.end()) {
         return;
     }
@@ -435,6 +541,9 @@ void Demuxer::forget() {
     mUnmapped.clear();
     if (mMapper) {
         mMapper->restart();
+        mSuccession.restart();
+        mSuccessions.clear();
+        mActing.clear();
     }
     mEnded.reset();
 }
@@ -453,7 +562,7 @@ bool Demuxer::seekByReading(int index, int64_t mediaUs) {
     if (!rewind()) {
         return false;
     }
-    while (!dropUpTo(index, mediaUs)) {
+    while (!dropUpTo(index, mediaUs) && isInterrupted(&mInterrupted) == 0) {
         readOne();
     }
     return true;
@@ -483,7 +592,7 @@ bool Demuxer::dropUpTo(int index, int64_t mediaUs) {
 
 /// Media time of a stream's next packet; empty: there is none.
 std::optional<int64_t> Demuxer::nextUs(int index) {
-    while (nothingCameFor(index)) {
+    while (nothingCameFor(index) && isInterrupted(&mInterrupted) == 0) {
         readOne();
     }
     const std::lock_guard<std::mutex> guard(mLock);

@@ -27,6 +27,7 @@
 #include "player/media/FrameSource.h"
 #include "player/media/MediaRequest.h"
 #include "player/media/PipeInput.h"
+#include "player/media/StreamSuccession.h"
 #include "player/media/TimelineMapper.h"
 
 namespace korvane::player {
@@ -59,11 +60,22 @@ public:
         return av_rescale_q(timestamp, timeBase, kMicroseconds) - mStartUs;
     }
 
-    /// Where the container's times may jump, makes them continuous by these two streams. Call
-    /// before any other stream is kept.
+    /// Where the container's times may jump, makes them continuous by these two streams, and goes
+    /// on with them where others of their kind and program take over. Packets of those have the
+    /// index of their own stream and the time base of the one that was taken. Call before any other
+    /// stream is kept.
     /// @param audio  -1: there is none
     void follow(int video, int audio);
     std::vector<Splice> splices() const;
+    /// A stream that was taken goes on as another.
+    struct Succession {
+        int stream = -1;
+        int as = -1;
+        int64_t atUs = 0;
+    };
+    std::vector<Succession> successions() const;
+    /// What a decoder has to know of a followed stream, or of one that took over.
+    const AVCodecParameters& parameters(int stream) const;
     /// From here on packets of this stream wait until they are read; all others are dropped.
     /// @param timesOnly  their data is not wanted
     void keep(int stream, bool timesOnly);
@@ -99,14 +111,17 @@ private:
     void open(const MediaRequest& request);
     AVIOContext* openData();
     const AVInputFormat* findFormat(AVIOContext* data, const std::string& name) const;
-    int openFormat(AVIOContext* data, const AVInputFormat* found);
+    int openFormat(const MediaRequest& request, AVIOContext* data, const AVInputFormat* found);
     std::optional<ReadStatus> take(int stream, AVPacket* packet);
     bool nothingCameFor(int stream) const;
     void readOne() KORVANE_REQUIRES(mReading);
     void place(PacketPtr packet) KORVANE_REQUIRES(mLock);
     void mapTimes(PacketPtr packet) KORVANE_REQUIRES(mLock);
+    void pushMapped(std::vector<PacketPtr> packets) KORVANE_REQUIRES(mLock);
+    int relativeOf(int stream) const;
+    int takenFor(int stream) const KORVANE_REQUIRES(mLock);
+    void noteSuccession(int stream, int as, int64_t atUs) KORVANE_REQUIRES(mLock);
     void takeMapped() KORVANE_REQUIRES(mLock);
-    int trackOf(int stream) const;
     bool seekRaw(int stream, int64_t mediaUs) KORVANE_REQUIRES(mReading);
     bool seekByReading(int stream, int64_t mediaUs) KORVANE_REQUIRES(mReading);
     bool rewind() KORVANE_REQUIRES(mReading);
@@ -119,15 +134,22 @@ private:
 
     const InputName mInput;
     std::function<bool()> mInterrupted;
+    const std::optional<int64_t> mLimitUs;
     const size_t mMostQueuedBytes;
     std::unique_ptr<PipeInput> mPipe;
     FilePtr mFile;
     FormatPtr mFormat;
     bool mCanSeek = true;
+    bool mListed = true;  ///< false: a playlist that does not say where its files begin
     int64_t mStartUs = 0;
 
     int mFollowed[2] = {-1, -1};  ///< video and audio; -1: times do not jump, or no such stream
     std::optional<TimelineMapper> mMapper KORVANE_GUARDED_BY(mLock);
+    StreamSuccession mSuccession KORVANE_GUARDED_BY(mLock);
+    std::map<int, int> mTakenFor KORVANE_GUARDED_BY(mLock);  ///< for streams that took over
+    std::map<int, int> mActing KORVANE_GUARDED_BY(mLock);    ///< whose packets came last
+    std::vector<Succession> mSuccessions KORVANE_GUARDED_BY(mLock);
+    std::map<int, ParametersPtr> mParameters KORVANE_GUARDED_BY(mLock);
     std::deque<PacketPtr> mUnmapped KORVANE_GUARDED_BY(mLock);  ///< those that the mapper holds
     std::mutex mReading;  ///< held while FFmpeg reads, which may wait for data; before mLock
     mutable std::mutex mLock;

@@ -25,6 +25,8 @@ struct CloseFile {
     void operator()(AVIOContext* file) const { avio_close(file); }
 };
 using FilePtr = std::unique_ptr<AVIOContext, CloseFile>;
+using ParametersPtr =
+    std::unique_ptr<AVCodecParameters, Release<AVCodecParameters, avcodec_parameters_free>>;
 using PacketPtr = std::unique_ptr<AVPacket, Release<AVPacket, av_packet_free>>;
 
 /// FFmpeg's words for one of its errors.

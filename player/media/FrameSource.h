@@ -65,6 +65,8 @@ public:
     /// source has times only.
     virtual const AVFrame* picture() const = 0;
     virtual int64_t mediaTimeUs() const = 0;
+    /// Whether that picture is the first one after a splice.
+    virtual bool followsSplice() const { return false; }
     /// Goes to the first picture at or after a media time.
     /// @return false when the source cannot seek; it then goes on where it was
     virtual bool seek(int64_t mediaTimeUs) = 0;

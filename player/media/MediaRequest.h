@@ -3,7 +3,7 @@
 //
 //   film.mkv            a file; it opens nothing but itself
 //   -  or a named pipe  read once, as it comes
-//   img%03d.png         pictures by number
+//   img%03d.png         pictures by number, 25 a second or at the rate asked for
 //   concat:list.txt     a playlist, named as one: it may open the local files that it lists; so
 //                       does hls:list.m3u8
 //   lavfi:testsrc       a graph of FFmpeg's filters that makes its own pictures
@@ -16,6 +16,8 @@
 #include <optional>
 #include <string>
 
+#include "player/base/FrameRate.h"
+
 namespace korvane::player {
 
 struct MediaRequest {
@@ -24,6 +26,8 @@ struct MediaRequest {
     std::optional<int> audio;    ///< the same
     std::optional<int> program;  ///< its number; streams of others are not taken
     bool withoutAudio = false;
+    std::optional<FrameRate> rate = {};      ///< of pictures without times, as an image sequence's
+    std::optional<int64_t> limitUs = {};     ///< so much is to be played: no longer wait for a pipe
     std::function<bool()> interrupted = {};  ///< ends a wait for data; may be empty
 };
 

@@ -36,8 +36,9 @@ bool hasData(int descriptor) {
 
 }  // namespace
 
-PipeInput::PipeInput(const std::string& name, std::function<bool()> interrupted)
-    : mInterrupted(std::move(interrupted)) {
+PipeInput::PipeInput(const std::string& name, std::function<bool()> interrupted,
+                     std::function<int64_t()> patienceUs)
+    : mInterrupted(std::move(interrupted)), mPatienceUs(std::move(patienceUs)) {
     const bool standardInput = name == "-" || name.rfind("pipe:", 0) == 0;
     if (standardInput && isatty(STDIN_FILENO) != 0) {
         throw InputError("standard input is a terminal; write a film into it: cat FILM | ...");
@@ -64,11 +65,17 @@ PipeInput::~PipeInput() {
 
 int PipeInput::read(void* self, uint8_t* data, int bytes) {
     auto& input = *static_cast<PipeInput*>(self);
-    for (;;) {
+    const int64_t patienceUs = input.mPatienceUs();
+    for (int64_t waitedUs = 0;;) {
         if (input.mInterrupted && input.mInterrupted()) {
             return AVERROR_EXIT;
         }
+        if (input.mFellSilent) {
+            return AVERROR_EOF;
+        }
         if (!hasData(input.mFd)) {
+            waitedUs += kLookAgain.tv_nsec / 1000;
+            input.mFellSilent = waitedUs > patienceUs;
             continue;
         }
         const ssize_t count = ::read(input.mFd, data, static_cast<size_t>(bytes));

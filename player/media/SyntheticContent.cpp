@@ -2,6 +2,9 @@
 #include "player/media/SyntheticContent.h"
 
 #include <algorithm>
+#include <deque>
+#include <iterator>
+#include <utility>
 
 namespace korvane::player {
 namespace {
@@ -41,23 +44,57 @@ int64_t rounded(Wide time, int64_t parts, Rounding rounding) {
     return divideRounding(time, parts);
 }
 
-int64_t packetStartUs(int64_t packet) {
-    return divideRounding(Wide{packet} * kPacketSamples * kSecondUs, kSampleRate);
-}
-
 }  // namespace
 
-ContentTimes::ContentTimes(const ContentPlan& plan)
+ContentTimes::ContentTimes(const ContentPlan& plan, bool withAudio)
     : mPlan(plan),
       mMissing(plan.missing.begin(), plan.missing.end()),
       mDuplicate(plan.duplicate.begin(), plan.duplicate.end()) {
-    if (!plan.times.empty()) {
-        mFrames = static_cast<int64_t>(plan.times.size());
-        return;
-    }
     const Wide frameParts = Wide{plan.rate.seconds} * kSecondUs;
-    mFrames = static_cast<int64_t>((Wide{plan.durationUs} * plan.rate.frames + frameParts - 1) /
-                                   frameParts);
+    mFrames = !plan.times.empty()
+                  ? static_cast<int64_t>(plan.times.size())
+                  : static_cast<int64_t>(
+                        (Wide{plan.durationUs} * plan.rate.frames + frameParts - 1) / frameParts);
+    if (!plan.splices.empty()) {
+        mapSplices(withAudio);
+    }
+}
+
+/// Plays all of the content through the mapper once, as a demuxer does: by stored time.
+void ContentTimes::mapSplices(bool withAudio) {
+    TimelineMapper mapper(0);
+    std::deque<std::pair<int, int64_t>> held;  ///< track, and frame or stored time
+    std::vector<Shift> found[2];
+    const auto take = [&] {
+        while (const auto shiftUs = mapper.pop()) {
+            const auto& [track, from] = held.front();
+            auto& shifts = found[track];
+            if (shifts.empty() || shifts.back().byUs != *shiftUs) {
+                shifts.push_back({from, *shiftUs});
+            }
+            held.pop_front();
+        }
+    };
+    int64_t packet = 0;
+    const auto push = [&](int track, int64_t from, int64_t us, int64_t durationUs) {
+        held.emplace_back(track, from);
+        mapper.push({track, us, durationUs, us});
+        take();
+    };
+    for (int64_t frame = 0; frame < mFrames; ++frame) {
+        const int64_t us = storedUs(frame);
+        for (; withAudio && packetStartUs(packet) <= us; ++packet) {
+            const int64_t soundUs = packetStartUs(packet);
+            push(1, soundUs, deliveredAudioUs(soundUs), packetStartUs(packet + 1) - soundUs);
+        }
+        push(0, frame, deliveredUs(frame),
+             (frame + 1 < mFrames ? storedUs(frame + 1) : endUs()) - us);
+    }
+    mapper.end();
+    take();
+    mSplices = mapper.splices();
+    mVideoShifts = found[0];
+    mAudioShifts = found[1];
 }
 
 int64_t ContentTimes::storedUs(int64_t frame) const {
@@ -77,18 +114,38 @@ int64_t ContentTimes::deliveredUs(int64_t frame) const {
         }
     }
     int64_t us = storedUs(source);
-    for (const auto& jump : mPlan.jumps) {
-        us += frame >= jump.atFrame ? jump.byUs : 0;
+    for (const auto* jumps : {&mPlan.jumps, &mPlan.splices}) {
+        for (const auto& jump : *jumps) {
+            us += frame >= jump.atFrame ? jump.byUs : 0;
+        }
+    }
+    return us + shiftAt(mVideoShifts, frame);
+}
+
+int64_t ContentTimes::deliveredAudioUs(int64_t stored) const {
+    return stored + jumpedUs(mPlan.jumps, stored) + jumpedUs(mPlan.splices, stored) +
+           shiftAt(mAudioShifts, stored);
+}
+
+int64_t ContentTimes::jumpedUs(const std::vector<ContentPlan::Jump>& jumps, int64_t stored) const {
+    int64_t us = 0;
+    for (const auto& jump : jumps) {
+        us += jump.atFrame < mFrames && stored >= storedUs(jump.atFrame) ? jump.byUs : 0;
     }
     return us;
 }
 
-int64_t ContentTimes::jumpedUs(int64_t stored) const {
-    int64_t us = 0;
-    for (const auto& jump : mPlan.jumps) {
-        us += jump.atFrame < mFrames && stored >= storedUs(jump.atFrame) ? jump.byUs : 0;
-    }
-    return us;
+/// What the last one at or before a place adds.
+int64_t ContentTimes::shiftAt(const std::vector<Shift>& shifts, int64_t at) {
+    const auto after =
+        std::upper_bound(shifts.begin(), shifts.end(), at,
+                         [](int64_t place, const Shift& s) { return place < s.from; });
+    return after == shifts.begin() ? 0 : std::prev(after)->byUs;
+}
+
+int64_t ContentTimes::packetStartUs(int64_t packet) const {
+    return (mPlan.times.empty() ? mPlan.startUs : 0) +
+           divideRounding(Wide{packet} * kPacketSamples * kSecondUs, kSampleRate);
 }
 
 int ContentTimes::deliveries(int64_t frame) const {
@@ -122,14 +179,14 @@ int64_t ContentTimes::endUs() const {
 }
 
 int64_t ContentTimes::latestUs() const {
-    int64_t latestUs = endUs() + jumpedUs(endUs());
+    int64_t latestUs = endUs() + jumpedUs(mPlan.jumps, endUs());
     for (const auto& jump : mPlan.jumps) {
         latestUs = std::max(latestUs, deliveredUs(jump.atFrame) - jump.byUs);
     }
     return latestUs;
 }
 
-SyntheticVideo::SyntheticVideo(const ContentPlan& plan, bool withAudio) : mTimes(plan) {
+SyntheticVideo::SyntheticVideo(const ContentPlan& plan, bool withAudio) : mTimes(plan, withAudio) {
     mInfo.path = "synthetic";
     mInfo.container = "synthetic";
     mInfo.videoCodec = "synthetic";
@@ -150,33 +207,49 @@ ReadStatus SyntheticVideo::next() {
         return ReadStatus::End;
     }
     ++mDelivered;
-    mMediaTimeUs = mTimes.deliveredUs(mNext);
+    const int64_t beforeUs = std::exchange(mMediaTimeUs, mTimes.deliveredUs(mNext));
+    lookForSplices(std::exchange(mGoesOn, true) ? beforeUs : INT64_MAX);
     return ReadStatus::Ready;
+}
+
+/// @param beforeUs  time of the frame before; INT64_MAX: there is none
+void SyntheticVideo::lookForSplices(int64_t beforeUs) {
+    mFollowsSplice = false;
+    size_t passed = 0;
+    for (const Splice& splice : mTimes.splices()) {
+        if (splice.pictureUs > mMediaTimeUs) {
+            break;
+        }
+        mFollowsSplice = mFollowsSplice || splice.pictureUs > beforeUs;
+        if (++passed > mInfo.changes.size()) {
+            mInfo.changes.push_back({splice.atUs, describe(splice), true});
+        }
+    }
 }
 
 bool SyntheticVideo::seek(int64_t mediaTimeUs) {
     mNext = mTimes.frameAt(mediaTimeUs);
     mDelivered = 0;
+    mGoesOn = false;
     return true;
 }
 
-SyntheticAudio::SyntheticAudio(const ContentPlan& plan)
-    : mTimes(plan), mStartUs(plan.times.empty() ? plan.startUs : 0) {}
+SyntheticAudio::SyntheticAudio(const ContentPlan& plan) : mTimes(plan, true) {}
 
 ReadStatus SyntheticAudio::next(AudioPacket* packet) {
-    const int64_t storedUs = mStartUs + packetStartUs(mPacket);
+    const int64_t storedUs = mTimes.packetStartUs(mPacket);
     if (storedUs >= mTimes.endUs()) {
         return ReadStatus::End;
     }
-    const int64_t endUs = mStartUs + packetStartUs(mPacket + 1);
-    *packet = {storedUs + mTimes.jumpedUs(storedUs), endUs - storedUs};
+    const int64_t endUs = mTimes.packetStartUs(mPacket + 1);
+    *packet = {mTimes.deliveredAudioUs(storedUs), endUs - storedUs};
     ++mPacket;
     return ReadStatus::Ready;
 }
 
 void SyntheticAudio::seek(int64_t mediaTimeUs) {
-    const int64_t samples =
-        divideRounding(Wide{std::max<int64_t>(mediaTimeUs - mStartUs, 0)} * kSampleRate, kSecondUs);
+    const int64_t samples = divideRounding(
+        Wide{std::max<int64_t>(mediaTimeUs - mTimes.packetStartUs(0), 0)} * kSampleRate, kSecondUs);
     mPacket = samples / kPacketSamples;
 }
 

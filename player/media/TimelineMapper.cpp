@@ -5,6 +5,8 @@
 #include <cmath>
 #include <cstdlib>
 
+#include "player/base/Units.h"
+
 namespace korvane::player {
 namespace {
 
@@ -25,6 +27,10 @@ bool isJump(int64_t us) {
 }
 
 }  // namespace
+
+std::string describe(const Splice& splice) {
+    return "the times jump from " + seconds(splice.fromUs) + " to " + seconds(splice.toUs);
+}
 
 void TimelineMapper::push(const Packet& packet) {
     mHeld.push_back({packet, 0});
@@ -80,6 +86,9 @@ bool TimelineMapper::decideNext() {
             track.shiftUs += us - *packet.us;
         }
         goOn(&track, packet);
+    }
+    if (packet.track == 0) {
+        noteFirstPicture(packet, track.shiftUs);
     }
     held.shiftUs = track.shiftUs;
     return true;
@@ -159,8 +168,14 @@ void TimelineMapper::jump(Track* track, const Packet& packet, int64_t us, const 
         shiftUs =
             std::max(shiftUs - (isVideo ? 0 : kOverlapUs), otherUs - (isVideo ? kOverlapUs : 0));
     }
-    mSplices.push_back({*packet.us + shiftUs, track->expectedUs, us});
+    mSplices.push_back({*packet.us + shiftUs, track->expectedUs, us, shiftUs});
     track->shiftUs = shiftUs;
+}
+
+void TimelineMapper::noteFirstPicture(const Packet& packet, int64_t shiftUs) {
+    if (!mSplices.empty() && mSplices.back().pictureUs < 0 && mSplices.back().shiftUs == shiftUs) {
+        mSplices.back().pictureUs = packet.shownUs + shiftUs;
+    }
 }
 
 }  // namespace korvane::player

@@ -24,6 +24,7 @@
 #include <cstdint>
 #include <deque>
 #include <optional>
+#include <string>
 #include <vector>
 
 namespace korvane::player {
@@ -32,7 +33,12 @@ struct Splice {
     int64_t atUs = 0;    ///< on the continuous time line
     int64_t fromUs = 0;  ///< the time that the container would have had next
     int64_t toUs = 0;    ///< the time that it has
+    int64_t shiftUs = 0;
+    int64_t pictureUs = -1;  ///< first picture of the new part, as `atUs`; -1: not decided yet
 };
+
+/// "the times jump from 2.980 s to 3602.980 s"
+std::string describe(const Splice& splice);
 
 class TimelineMapper {
 public:
@@ -40,6 +46,7 @@ public:
         int track = 0;              ///< 0 video, 1 audio
         std::optional<int64_t> us;  ///< empty: it has no timestamp
         int64_t durationUs = 0;     ///< 0: unknown
+        int64_t shownUs = 0;        ///< a picture's time on the screen, in file time
     };
 
     /// @param wrapUs  when timestamps start again from 0; 0: never
@@ -81,6 +88,7 @@ private:
     static void goOn(Track* track, const Packet& packet);
     Found lookAhead() const;
     void jump(Track* track, const Packet& packet, int64_t us, const Found& found);
+    void noteFirstPicture(const Packet& packet, int64_t shiftUs);
 
     const int64_t mWrapUs;
     std::array<Track, 2> mTracks;

@@ -38,11 +38,12 @@ int64_t toldEndUs(const AVStream& stream) {
     return tag != nullptr && av_parse_time(&us, tag->value, 1) >= 0 ? us : 0;
 }
 
-CodecPtr openDecoder(const std::string& path, const AVStream& stream) {
-    const char* name = avcodec_get_name(stream.codecpar->codec_id);
-    const AVCodec* decoder = avcodec_find_decoder(stream.codecpar->codec_id);
+CodecPtr openDecoder(const std::string& path, const AVCodecParameters& parameters,
+                     AVRational timeBase) {
+    const char* name = avcodec_get_name(parameters.codec_id);
+    const AVCodec* decoder = avcodec_find_decoder(parameters.codec_id);
     CodecPtr codec(decoder == nullptr ? nullptr : avcodec_alloc_context3(decoder));
-    if (!codec || avcodec_parameters_to_context(codec.get(), stream.codecpar) < 0) {
+    if (!codec || avcodec_parameters_to_context(codec.get(), &parameters) < 0) {
         throw InputError(
             "'" + path + "' holds " + name +
             " video, which this FFmpeg cannot decode; convert it, for example to H.264");
@@ -50,7 +51,7 @@ CodecPtr openDecoder(const std::string& path, const AVStream& stream) {
     // In real time as many as there are cores. In virtual time more would gain nothing, and their
     // number would change the order of all threads, so that a run would depend on the machine.
     codec->thread_count = tv::VirtualTime::active() ? 1 : 0;
-    codec->pkt_timebase = stream.time_base;
+    codec->pkt_timebase = timeBase;
     const int result = avcodec_open2(codec.get(), decoder, nullptr);
     if (result < 0) {
         throw InputError("cannot decode the " + std::string(name) + " video of '" + path + "' (" +
@@ -72,13 +73,16 @@ struct VideoReader::Impl {
           choice(chooseStreams(demuxer->format(), asked)),
           stream(demuxer->stream(choice.video)),
           picture(av_frame_alloc()),
-          packet(av_packet_alloc()) {
+          packet(av_packet_alloc()),
+          ahead(av_packet_alloc()),
+          decoded(choice.video) {
         info = describeMedia(demuxer->format(), asked, choice);
         info.canSeek = demuxer->canSeek();
+        toldDurationUs = info.durationUs;
         frameUs =
             info.frameRateHz > 0.0 ? static_cast<int64_t>(1e6 / info.frameRateHz) : kDefaultFrameUs;
         knownStreams = demuxer->streams();
-        codec = openDecoder(asked.name, stream);
+        codec = openDecoder(asked.name, *stream.codecpar, stream.time_base);
         demuxer->follow(choice.video, choice.audio);
         demuxer->keep(choice.video, false);
         if (info.audioStream >= 0 && !info.canSeek) {
@@ -105,9 +109,22 @@ struct VideoReader::Impl {
                 reachedUs + kStreamToleranceUs < toldEndUs(stream) - demuxer->startUs();
             ended = early ? ReadStatus::BrokenOff : status;
             avcodec_send_packet(codec.get(), nullptr);
+            if (!demuxer->splices().empty()) {
+                info.durationUs = demuxer->reachedUs();
+            }
             noteSuccessors();
             return;
         }
+        if (packet->stream_index != decoded) {
+            // First what the old decoder still has.
+            av_packet_move_ref(ahead.get(), packet.get());
+            avcodec_send_packet(codec.get(), nullptr);
+            return;
+        }
+        sendPacket();
+    }
+
+    void sendPacket() {
         if (packet->pts != AV_NOPTS_VALUE) {
             const int64_t endUs =
                 demuxer->toMediaUs(packet->pts + packet->duration, stream.time_base);
@@ -129,10 +146,10 @@ struct VideoReader::Impl {
                 takeTime();
                 return ReadStatus::Ready;
             }
-            if (result == AVERROR_EOF) {
+            if (result == AVERROR_EOF && (ahead->size == 0 || !changeDecoder())) {
                 return ended;
             }
-            if (result != AVERROR(EAGAIN)) {
+            if (result != AVERROR(EAGAIN) && result != AVERROR_EOF) {
                 ++decodeErrors;
             }
             if (ended != ReadStatus::Ready) {
@@ -140,6 +157,23 @@ struct VideoReader::Impl {
             }
             feedDecoder();
         }
+    }
+
+    /// Goes on with the packet of another stream.
+    /// @return false when that cannot be decoded
+    bool changeDecoder() {
+        decoded = ahead->stream_index;
+        av_packet_move_ref(packet.get(), ahead.get());
+        try {
+            codec = openDecoder(request.name, demuxer->parameters(decoded), stream.time_base);
+        } catch (const InputError& error) {
+            noteChange(lastUs, error.what());
+            ended = ReadStatus::BrokenOff;
+            cutOff = true;
+            return false;
+        }
+        sendPacket();
+        return true;
     }
 
     /// The picture's time; one that is missing or does not advance counts on from the last.
@@ -173,6 +207,10 @@ struct VideoReader::Impl {
             skipBeforeUs = mediaUs;
             ended = ReadStatus::Ready;
             haveLast = false;
+            sought = true;
+            passedSplices = 0;
+            av_packet_unref(ahead.get());
+            cutOff = false;
             lastUs = demuxer->hasTimes() ? lastUs : 0;
             decodedAhead.reset();
             decodedAhead = decodeNext();
@@ -207,33 +245,55 @@ struct VideoReader::Impl {
             width = picture->width;
             height = picture->height;
         }
-        for (const Splice& splice : demuxer->splices()) {
-            if (splice.atUs <= lastUs) {
-                noteSplice(splice);
-            }
-        }
+        lookForSplices();
+        lookForSuccessions();
         const int streams = demuxer->streams();
         if (streams > knownStreams) {
             noteChange(lastUs, "the input brings " + std::to_string(streams - knownStreams) +
-                                   " more streams, not taken");
+                                   " more streams");
             knownStreams = streams;
         }
     }
 
     /// After a seek back a splice comes again.
-    void noteSplice(const Splice& splice) {
-        const auto known = [&](const MediaChange& change) {
-            return change.splice && change.mediaTimeUs == splice.atUs;
-        };
-        if (std::none_of(info.changes.begin(), info.changes.end(), known)) {
-            noteChange(
-                splice.atUs,
-                "the times jump from " + seconds(splice.fromUs) + " to " + seconds(splice.toUs),
-                true);
+    void lookForSplices() {
+        const auto splices = demuxer->splices();
+        const size_t before = passedSplices;
+        while (passedSplices < splices.size() && splices[passedSplices].pictureUs >= 0 &&
+               splices[passedSplices].pictureUs <= lastUs) {
+            ++passedSplices;
+        }
+        const bool first = std::exchange(sought, false);
+        followsSplice = passedSplices > before && !first;
+        for (const Splice& splice : splices) {
+            const auto known = [&](const MediaChange& change) {
+                return change.splice && change.mediaTimeUs == splice.atUs;
+            };
+            if (splice.atUs <= lastUs &&
+                std::none_of(info.changes.begin(), info.changes.end(), known)) {
+                noteChange(splice.atUs, describe(splice), true);
+                // FFmpeg takes the last part's times for those of the whole.
+                info.durationUs =
+                    toldDurationUs > 0 ? std::max(toldDurationUs + splice.shiftUs, lastUs) : -1;
+            }
         }
     }
 
-    /// What is not followed is at least told.
+    void lookForSuccessions() {
+        for (const auto& succession : demuxer->successions()) {
+            const std::string what = "stream #" + std::to_string(succession.stream) +
+                                     " goes on as #" + std::to_string(succession.as) + " (" +
+                                     avcodec_get_name(demuxer->parameters(succession.as).codec_id) +
+                                     ")";
+            const auto known = [&](const MediaChange& change) { return change.what == what; };
+            if (succession.atUs <= lastUs &&
+                std::none_of(info.changes.begin(), info.changes.end(), known)) {
+                noteChange(succession.atUs, what);
+            }
+        }
+    }
+
+    /// What is not followed is told, and the film has not been played to its end.
     void noteSuccessors() {
         for (const int taken : {info.videoStream, info.audioStream}) {
             const auto successor = demuxer->successorOf(taken);
@@ -241,6 +301,8 @@ struct VideoReader::Impl {
                 noteChange(successor.fromUs, "stream #" + std::to_string(taken) + " goes on as #" +
                                                  std::to_string(successor.stream) +
                                                  ", which was not taken");
+                cutOff = cutOff || taken == info.videoStream;
+                ended = cutOff ? ReadStatus::BrokenOff : ended;
             }
         }
     }
@@ -258,6 +320,9 @@ struct VideoReader::Impl {
     CodecPtr codec;
     FramePtr picture;
     PacketPtr packet;
+    PacketPtr ahead;      ///< of the stream that goes on, while the old decoder is drained
+    int decoded;          ///< index of the stream whose packets the decoder takes
+    bool cutOff = false;  ///< the input goes on, but not so that it can be played
     MediaInfo info;
     int64_t frameUs = kDefaultFrameUs;
     int64_t reachedUs = 0;  ///< by the stream's packets
@@ -267,7 +332,11 @@ struct VideoReader::Impl {
     int64_t lastUs = 0;
     int64_t skipBeforeUs = INT64_MIN;
     int64_t decodeErrors = 0;
-    int width = 0;  ///< of the picture before
+    int64_t toldDurationUs = -1;  ///< by FFmpeg
+    bool followsSplice = false;   ///< of the picture, as the interface says
+    size_t passedSplices = 0;     ///< by the picture
+    bool sought = false;          ///< the picture comes after a seek
+    int width = 0;                ///< of the picture before
     int height = 0;
     int knownStreams = 0;
 };
@@ -297,6 +366,9 @@ const AVFrame* VideoReader::picture() const {
 int64_t VideoReader::mediaTimeUs() const {
     return mImpl->lastUs;
 }
+bool VideoReader::followsSplice() const {
+    return mImpl->followsSplice;
+}
 bool VideoReader::seek(int64_t mediaTimeUs) {
     return mImpl->seek(mediaTimeUs);
 }
@@ -304,7 +376,7 @@ int64_t VideoReader::decodeErrors() const {
     return mImpl->decodeErrors;
 }
 int64_t VideoReader::readUpToUs() const {
-    return mImpl->demuxer->reachedUs();
+    return mImpl->cutOff ? mImpl->reachedUs : mImpl->demuxer->reachedUs();
 }
 
 ReadStatus VideoReader::next() {

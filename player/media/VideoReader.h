@@ -34,6 +34,7 @@ public:
     ReadStatus next() override;
     const AVFrame* picture() const override;
     int64_t mediaTimeUs() const override;
+    bool followsSplice() const override;
     bool seek(int64_t mediaTimeUs) override;
     int64_t decodeErrors() const override;
     int64_t readUpToUs() const override;

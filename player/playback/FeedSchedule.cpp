@@ -40,6 +40,9 @@ FeedStep FeedSchedule::next(const FeedState& state) {
         step.action = FeedAction::Seek;
         step.seek = mSeeks.front();
         mSeeks.pop_front();
+        if (mStallEndsNs != 0 && !step.seek.inPlace) {
+            endStall();
+        }
     } else if (restartDue(state.nowNs)) {
         step.action = FeedAction::Restart;
         mRestarted = true;
@@ -90,7 +93,10 @@ bool FeedSchedule::seekDue(const FeedState& state) const {
         return false;
     }
     const SeekAction& seek = mSeeks.front();
-    return seek.atPosition ? mSection.frames > 0 && state.positionUs >= seek.atUs
+    const bool stalled = mStallEndsNs != 0 && state.positionUs >= 0;
+    const int64_t positionUs =
+        stalled ? std::max(state.positionUs, state.clockUs) : state.positionUs;
+    return seek.atPosition ? mSection.frames > 0 && positionUs >= seek.atUs
                            : state.nowNs >= atPlaybackTime(seek.atUs);
 }
 
@@ -134,9 +140,13 @@ bool FeedSchedule::stalls(const FeedState& state) {
     if (mStallEndsNs == 0 || state.nowNs < mStallEndsNs) {
         return true;
     }
+    endStall();
+    return false;
+}
+
+void FeedSchedule::endStall() {
     mStalls.pop_front();
     mStallEndsNs = 0;
-    return false;
 }
 
 /// How long the decoder still takes for the picture, or delivers nothing at all.

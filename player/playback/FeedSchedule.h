@@ -19,6 +19,9 @@
 // runs and the library's oldest frame is due later, nothing is due: slides stay as long as they
 // should.
 //
+// The position that a seek waits for is the picture's. In a stall, while that stands still, it is
+// the clock's, and a seek ends the stall.
+//
 // A wait ends when the next planned action is due, and after 20 ms at the latest, or 5 ms when
 // something hangs on the position shown or on the last frame; then the caller asks again. Before
 // `start` only pictures and interruption count: the times of a plan count from the library's
@@ -42,7 +45,8 @@ struct FeedState {
     bool havePicture = false;    ///< decoded and not yet sent
     int64_t pictureUs = 0;       ///< its media time
     int64_t pictureReadyNs = 0;  ///< when a decoder as slow as the plan's has it
-    int64_t positionUs = -1;     ///< media time shown last; -1: none yet
+    int64_t positionUs = -1;     ///< media time shown last in this section; -1: none yet
+    int64_t clockUs = -1;        ///< media time of the clock; -1: it has none
     int64_t inLibrary = 0;       ///< frames that the library still has to show or return
     int64_t lastMoveNs = 0;      ///< last sign of life, or start of the section
     int64_t dueNs = 0;           ///< when the library's oldest frame is due; 0: no telling
@@ -96,6 +100,7 @@ private:
     FeedStep feed(const FeedState& state);
     bool overLimit(int64_t pictureUs) const;
     bool stalls(const FeedState& state);
+    void endStall();
     int64_t pictureWaitNs(const FeedState& state) const;
     bool complete(const FeedState& state);
     int64_t nextActionNs() const;

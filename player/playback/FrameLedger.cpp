@@ -80,7 +80,7 @@ const char* toString(Outcome outcome) {
 }
 
 int64_t FrameLedger::sent(int64_t mediaTimeUs, int section, int buffer, int64_t nowNs, bool late,
-                          int64_t waitedNs) {
+                          int64_t waitedNs, bool followsSplice) {
     const std::lock_guard<std::mutex> guard(mLock);
     FrameEntry entry;
     entry.frameNo = mFirst + static_cast<int64_t>(mEntries.size());
@@ -90,6 +90,7 @@ int64_t FrameLedger::sent(int64_t mediaTimeUs, int section, int buffer, int64_t 
     entry.sentNs = nowNs;
     entry.sentLate = late;
     entry.waitedNs = waitedNs;
+    entry.followsSplice = followsSplice;
     mFrameByMediaTime[mediaTimeUs] = entry.frameNo;
     mEntries.push_back(entry);
     return entry.frameNo;

@@ -59,6 +59,7 @@ struct FrameEntry {
     int64_t sentNs = 0;
     bool sentLate = false;  ///< sent too late for its vsync (see isTooLate)
     int64_t waitedNs = 0;   ///< before, the player had waited so long for a free buffer
+    bool followsSplice = false;
 
     int returns = 0;  ///< times that its buffer came back by callback
     int64_t returnedNs = 0;
@@ -104,7 +105,7 @@ class FrameLedger {
 public:
     /// @return the new frame's number, counting from 0
     int64_t sent(int64_t mediaTimeUs, int section, int buffer, int64_t nowNs, bool late,
-                 int64_t waitedNs = 0);
+                 int64_t waitedNs = 0, bool followsSplice = false);
     void returned(const ReturnedBuffer& buffer);
     /// A flush moves the clock: the clock's times no longer apply to frames of earlier sections.
     void beginSection(int section);

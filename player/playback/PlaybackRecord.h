@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <vector>
 
 #include "player/media/FrameSource.h"
@@ -16,6 +17,7 @@ namespace korvane::player {
 struct Section {
     int64_t beganNs = 0;  ///< start of playback, or the flush
     int64_t audioStartedRealUs = -1;
+    std::optional<int64_t> soughtUs = {};  ///< media time that the seek asked for that began it
 };
 
 /// A time during which the sync clock stood still, real microseconds.

@@ -24,6 +24,10 @@ constexpr int64_t kCollectNs = 1'000'000'000;
 /// Longest wait after a flush for the library to let go of what it had. Last come the frames that
 /// it handed to the tunnel, about 40 ms before their time.
 constexpr int64_t kFlushNs = 100'000'000;
+/// Far more than the 40 ms after which pass-through drops a frame as late.
+constexpr int64_t kLongPastUs = 1'000'000;
+/// In pass-through pictures wait this long for audio to take the clock after a flush.
+constexpr int64_t kAudioWaitUs = 1'000'000;
 
 int64_t frameUs(const MediaInfo& info) {
     return info.frameRateHz > 0.0 ? static_cast<int64_t>(1e6 / info.frameRateHz) : kDefaultFrameUs;
@@ -193,7 +197,8 @@ FeedState PlaybackSession::state() const {
     state.havePicture = mHavePicture;
     state.pictureUs = mHavePicture ? mVideo.mediaTimeUs() : 0;
     state.pictureReadyNs = mPictureReadyNs;
-    state.positionUs = mLedger.positionUs();
+    state.positionUs = mLedger.sectionShows() ? mLedger.positionUs() : -1;
+    state.clockUs = mClock->mediaTimeAt(state.nowNs / 1000);
     state.inLibrary = mLedger.inLibrary();
     state.lastMoveNs = std::max(mLedger.lastEventNs(),
                                 mRecord.sections.empty() ? 0 : mRecord.sections.back().beganNs);
@@ -291,8 +296,8 @@ void PlaybackSession::send(int64_t longestWaitNs) {
         beginSection(mediaTimeUs);
     }
     const int section = std::max(static_cast<int>(mRecord.sections.size()) - 1, 0);
-    const int64_t frameNo =
-        mLedger.sent(mediaTimeUs, section, buffer, tv::nowNs(), isLate(mediaTimeUs), waitedNs);
+    const int64_t frameNo = mLedger.sent(mediaTimeUs, section, buffer, tv::nowNs(),
+                                         isLate(mediaTimeUs), waitedNs, mVideo.followsSplice());
     const size_t bytes = mPool.fill(buffer, mVideo.picture(), frameNo, mediaTimeUs);
     if (mPlan.passthrough) {
         mRenderer->onVideoSyncQueueVideoFrame(mediaTimeUs, static_cast<unsigned>(bytes));
@@ -340,7 +345,7 @@ void PlaybackSession::watchAudio() {
 void PlaybackSession::showProgress(int64_t nowNs) {
     PlaybackProgress progress;
     progress.positionUs = mLedger.positionUs();
-    progress.endUs = mRecord.media.durationUs;
+    progress.endUs = mVideo.info().durationUs;  // splices on the way change it
     if (mPlan.limitUs && (progress.endUs < 0 || *mPlan.limitUs < progress.endUs)) {
         progress.endUs = *mPlan.limitUs;
     }
@@ -354,21 +359,31 @@ void PlaybackSession::showProgress(int64_t nowNs) {
 
 // ---- sections ----
 
-void PlaybackSession::leaveSection() {
+void PlaybackSession::leaveSection(std::optional<int64_t> soughtUs) {
     if (mAudio) {
         watchAudio();
         mAudio->hold();
     }
     mLedger.beginSection(static_cast<int>(mRecord.sections.size()));
-    mRecord.sections.push_back({tv::nowNs(), -1});
+    mRecord.sections.push_back({tv::nowNs(), -1, soughtUs});
     mSchedule.leaveSection();
 }
 
 /// Audio first (see AudioFeeder), then the renderer's flush, then the sources go to the new place.
+/// Where the input cannot seek, nothing is flushed for it.
 void PlaybackSession::performSeek(const SeekAction& seek) {
-    leaveSection();
+    if (!seek.inPlace && !mRecord.media.canSeek) {
+        ++mRecord.failedSeeks;
+        return;
+    }
+    const int64_t lastSentUs = mSchedule.section().lastUs;
+    leaveSection(seek.inPlace ? std::nullopt : std::optional(seek.toUs));
     act(seek.inPlace ? EventKind::Flush : EventKind::Seek, seek.toUs);
     mCallbacks.flush(mRenderer.get());
+    if (mPlan.passthrough) {
+        // A flush does not end the hold of a frame; that the clock is long past it does.
+        mRenderer->updateVideoTime(lastSentUs + kLongPastUs);
+    }
     if (!seek.inPlace) {
         mHavePicture = false;
         mSourceEnded = false;
@@ -406,10 +421,11 @@ void PlaybackSession::beginSection(int64_t mediaTimeUs) {
     if (mRecord.sections.empty()) {
         return;
     }
+    if (!mAudio || mPlan.passthrough) {
+        mRenderer->updateVideoTime(mediaTimeUs - (mAudio ? kAudioWaitUs : 0));
+    }
     if (mAudio) {
         mAudio->restart(mediaTimeUs);
-    } else {
-        mRenderer->updateVideoTime(mediaTimeUs);
     }
 }
 

@@ -12,6 +12,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "VideoTunnelRenderer.h"
@@ -66,7 +67,8 @@ private:
     void showProgress(int64_t nowNs);
 
     // sections
-    void leaveSection();
+    /// @param soughtUs  media time that a seek goes to; empty: no seek leaves it
+    void leaveSection(std::optional<int64_t> soughtUs = {});
     void performSeek(const SeekAction& seek);
     void awaitFlush();
     void performRestart();

@@ -61,6 +61,7 @@ Summary ReportBuilder::finish(const PlaybackRecord& record) {
     mSummary.expected = expectedFor(most.content, mSummary.displayHz);
     mJudder.ended(mLastReleasedUs);
     mSummary.judder = mJudder.report();
+    mSummary.splices = mSplices.splices();
     mSummary.lipSync = mLipSync.result();
     mSummary.offset = mOffsets.report();
     mSummary.longestResume = mResumes.longest();
@@ -76,9 +77,14 @@ void ReportBuilder::process(const PacedFrame& paced, const PlaybackRecord& soFar
     span.content = mRate.span();
     followStretches(paced, soFar);
     mStretch->add(paced.frame, soFar);
-    count(paced.frame, soFar);
+    const FrameEntry& frame = paced.frame;
+    const bool shown = frame.outcome == Outcome::Shown;
+    mSplices.add(frame, shown ? frameAt(frame, frame.record->firstVsync.timeNs, soFar) : FrameAt(),
+                 paced.pace.hz > 0.0 ? static_cast<int64_t>(1e6 / paced.pace.hz) : 0,
+                 static_cast<int64_t>(1e6 / mStretch->displayHz()));
+    count(frame, soFar);
     if (mListener != nullptr) {
-        mListener->onJudgedUpTo(std::min(mStretch->judgedUpTo(), paced.frame.frameNo + 1));
+        mListener->onJudgedUpTo(std::min(mStretch->judgedUpTo(), frame.frameNo + 1));
     }
 }
 

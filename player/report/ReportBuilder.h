@@ -5,6 +5,7 @@
 //         -> StretchBuilder    one for each stretch: cadence, start, breaks with their causes
 //         -> JudderMeter       times on screen against content times
 //         -> LipSyncCounter    frames on screen against the sound that was heard
+//         -> SpliceMeter       time on screen that splices cost
 //         -> OffsetCounter,    frames on screen against the sync clock
 //            ResumeTimer
 //         -> counts            outcomes, drops, dwells, buffers
@@ -24,6 +25,7 @@
 #include "player/report/JudderMeter.h"
 #include "player/report/LipSync.h"
 #include "player/report/PatternLog.h"
+#include "player/report/SpliceMeter.h"
 #include "player/report/StretchBuilder.h"
 #include "player/report/Summary.h"
 
@@ -78,6 +80,7 @@ private:
     int64_t mLastShownUs = -1;
     int64_t mLastReleasedUs = -1;  ///< of the last frame shown
     int mJudderSection = 0;        ///< of the last frame shown
+    SpliceMeter mSplices;
     LipSyncCounter mLipSync;
     OffsetCounter mOffsets;
     ResumeTimer mResumes;

@@ -140,6 +140,8 @@ void addAudioAndBuffers(Json* json, const PlaybackRecord& record, const Summary&
     to["av_offset_worst_us"] = summary.offset.us.worst;
     to["seeks_failed"] = record.failedSeeks;
     to["seeks_beyond_end"] = record.seeksBeyondEnd;
+    to["splices"] = summary.splices.size();
+    to["splice_lost_worst_us"] = summary.worstSpliceUs();
     to["sound_from_us"] = record.soundFromUs;
     to["audio_underflows"] = record.audioUnderflows;
     to["audio_reanchors"] = record.audioReanchors;

@@ -2,6 +2,7 @@
 // The report as text: the verdict, then a labelled line or two for each question.
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <cmath>
 #include <map>
 #include <ostream>
@@ -173,18 +174,59 @@ void printJudder(std::ostream& out, const Summary& summary) {
                     judder.freezeScore, judder.freezeRate, judder.judderScore, judder.judderRate));
 }
 
-void printStart(std::ostream& out, const Summary& summary) {
+void printStart(std::ostream& out, const PlaybackRecord& record, const Summary& summary) {
     for (size_t i = 0; i < summary.stretches.size(); ++i) {
         const StretchReport& stretch = summary.stretches[i];
         if (stretch.begin != StretchBegin::Section) {
             continue;
         }
+        const auto soughtUs = record.sections[static_cast<size_t>(stretch.section)].soughtUs;
         std::string text = fmt::format("first frame {} after {}", seconds(stretch.firstFrameUs),
                                        i == 0 ? "start" : "the flush");
         if (stretch.secondFrameUs >= 0) {
             text += fmt::format(", second {} later", seconds(stretch.secondFrameUs));
         }
-        line(out, i == 0 ? "start" : "  flushed", text);
+        line(out, i == 0 ? "start" : "  flushed",
+             text + (soughtUs ? fmt::format(" (seek to {})", seconds(*soughtUs)) : ""));
+    }
+}
+
+/// The splice that a frame came after is the last one before its media time.
+bool describesSplice(const MediaChange& change, const SpliceReport& splice,
+                     const MediaInfo& media) {
+    return change.mediaTimeUs <= splice.mediaTimeUs &&
+           std::none_of(media.changes.begin(), media.changes.end(), [&](const MediaChange& other) {
+               return other.splice && other.mediaTimeUs > change.mediaTimeUs &&
+                      other.mediaTimeUs <= splice.mediaTimeUs;
+           });
+}
+
+/// One line for each splice: what the file does, and what that costs on screen.
+void printSplices(std::ostream& out, const PlaybackRecord& record, const Summary& summary) {
+    constexpr size_t kListedSplices = 10;
+    size_t listed = 0;
+    for (const MediaChange& change : record.media.changes) {
+        if (!change.splice || ++listed > kListedSplices) {
+            continue;
+        }
+        // After a seek back it is passed again.
+        const SpliceReport* worst = nullptr;
+        for (const SpliceReport& splice : summary.splices) {
+            if (describesSplice(change, splice, record.media) &&
+                (worst == nullptr || splice.lostUs > worst->lostUs)) {
+                worst = &splice;
+            }
+        }
+        line(out, listed == 1 ? "splices" : "",
+             fmt::format("at {}: {}; {}", seconds(change.mediaTimeUs), change.what,
+                         worst == nullptr ? "not passed on screen"
+                         : worst->lostUs == 0
+                             ? "no time lost on screen"
+                             : fmt::format("{} lost on screen before frame {}",
+                                           milliseconds(worst->lostUs), worst->frame.frameNo)));
+    }
+    if (listed > kListedSplices) {
+        line(out, "", "and " + counted(static_cast<int64_t>(listed - kListedSplices), "more"));
     }
 }
 
@@ -322,7 +364,7 @@ void printEnd(std::ostream& out, const PlaybackRecord& record, const tv::TraceRe
              counted(record.seeksBeyondEnd, "seek") + " went beyond the end: nothing is there");
     }
     if (record.failedSeeks > 0) {
-        line(out, "", counted(record.failedSeeks, "seek") + " failed: the input cannot seek");
+        line(out, "", counted(record.failedSeeks, "seek") + " refused: the input cannot seek");
     }
     if (!trace.path.empty()) {
         line(out, "trace",
@@ -345,7 +387,8 @@ void printReport(std::ostream& out, const PlaybackRecord& record, const Summary&
     printDwell(out, summary);
     printBreaks(out, summary);
     printJudder(out, summary);
-    printStart(out, summary);
+    printStart(out, record, summary);
+    printSplices(out, record, summary);
     printSound(out, record);
     printLipSync(out, record, summary);
     printOffset(out, record, summary);

@@ -37,14 +37,15 @@ std::vector<std::string> streamLines(const MediaInfo& media) {
         lines.push_back(counted(media.repeatedFields, "picture") +
                         " with a field to be repeated (telecine)");
     }
-    for (size_t i = 0; i < media.changes.size() && i < kListedChanges; ++i) {
-        const MediaChange& change = media.changes[i];
-        lines.push_back("at " + seconds(change.mediaTimeUs) + ": " + change.what);
+    size_t changes = 0;
+    for (const MediaChange& change : media.changes) {
+        if (!change.splice && ++changes <= kListedChanges) {
+            lines.push_back("at " + seconds(change.mediaTimeUs) + ": " + change.what);
+        }
     }
-    if (media.changes.size() > kListedChanges) {
-        lines.push_back(
-            "and " +
-            counted(static_cast<int64_t>(media.changes.size() - kListedChanges), "more change"));
+    if (changes > kListedChanges) {
+        lines.push_back("and " +
+                        counted(static_cast<int64_t>(changes - kListedChanges), "more change"));
     }
     return lines;
 }

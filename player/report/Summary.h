@@ -9,6 +9,7 @@
 // pattern.
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <map>
@@ -121,6 +122,13 @@ struct OffsetReport {
     MeasuredAt most;
 };
 
+/// A splice that was passed on screen.
+struct SpliceReport {
+    int64_t mediaTimeUs = 0;  ///< of the first frame shown after it
+    FrameAt frame;
+    int64_t lostUs = 0;  ///< see SpliceMeter.h
+};
+
 struct Summary {
     double contentHz = 0.0;     ///< of the most frames
     double displayHz = 0.0;     ///< at the start, with its drift
@@ -156,6 +164,7 @@ struct Summary {
     int64_t fences = 0;
     int64_t sentLate = 0;
     int64_t refusedByTunnel = 0;  ///< of the frames lost
+    std::vector<SpliceReport> splices;
 
     bool sumHolds = false;  ///< the outcomes add up to the frames handed in
     bool framesAccounted = false;
@@ -178,6 +187,13 @@ struct Summary {
     int64_t explained() const {
         const auto found = causes.find(BreakCause::Unexplained);
         return unexpected - (found == causes.end() ? 0 : found->second);
+    }
+    int64_t worstSpliceUs() const {
+        int64_t worstUs = 0;
+        for (const auto& splice : splices) {
+            worstUs = std::max(worstUs, splice.lostUs);
+        }
+        return worstUs;
     }
     int64_t count(Outcome outcome) const { return outcomes[static_cast<size_t>(outcome)]; }
 };

@@ -126,6 +126,8 @@ void readExpectations(TomlTable& table, Expectations* expect) {
     expect->firstFrameUs = table.timeRange("first_frame_within");
     expect->secondFrameUs = table.timeRange("second_frame_within");
     expect->seekUs = table.timeRange("seek_within");
+    expect->splices = table.range("splices");
+    expect->spliceLostUs = table.timeRange("splice_lost");
     expect->resumeUs = table.timeRange("resume_within");
     expect->playbackUs = table.timeRange("playback");
     expect->stopUs = table.timeRange("stop_within");

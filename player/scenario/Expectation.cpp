@@ -306,6 +306,8 @@ void Checker::checkLatencies() {
     time("second_frame_within", mExpect.secondFrameUs,
          first == nullptr ? -1 : first->secondFrameUs);
     time("seek_within", mExpect.seekUs, seekUs);
+    count("splices", mExpect.splices, static_cast<int64_t>(mSummary.splices.size()));
+    time("splice_lost", mExpect.spliceLostUs, mSummary.worstSpliceUs());
     time("resume_within", mExpect.resumeUs, mSummary.longestResume.us,
          mSummary.longestResume.frame);
 }

@@ -58,6 +58,8 @@ struct Expectations {
     std::optional<Range> firstFrameUs;
     std::optional<Range> secondFrameUs;
     std::optional<Range> seekUs;
+    std::optional<Range> splices;
+    std::optional<Range> spliceLostUs;
     std::optional<Range> resumeUs;
     std::optional<Range> underflows;
     std::optional<Range> reanchors;

@@ -48,19 +48,23 @@ void readStreamFaults(TomlTable& table, ContentPlan* content) {
         entry.finish({"at", "frames"});
         content->bunches.push_back(bunch);
     });
-    table.tables("jump", [&](TomlTable& entry) {
-        ContentPlan::Jump jump;
-        entry.integer("at", &jump.atFrame, {1, frames - 1}, has);
-        entry.time("by", &jump.byUs, {-kLongestUs, kLongestUs});
-        entry.finish({"at", "by"});
-        content->jumps.push_back(jump);
-    });
+    const auto readJumps = [&](const char* key, std::vector<ContentPlan::Jump>* jumps) {
+        table.tables(key, [&](TomlTable& entry) {
+            ContentPlan::Jump jump;
+            entry.integer("at", &jump.atFrame, {1, frames - 1}, has);
+            entry.time("by", &jump.byUs, {-kLongestUs, kLongestUs});
+            entry.finish({"at", "by"});
+            jumps->push_back(jump);
+        });
+    };
+    readJumps("jump", &content->jumps);
+    readJumps("splice", &content->splices);
 }
 
 void readContent(TomlTable& table, ContentPlan* content) {
     refuseTogether(table, "file",
                    {"fps", "list", "duration", "timestamps", "start", "missing", "duplicate",
-                    "bunch", "jump"});
+                    "bunch", "jump", "splice"});
     refuseTogether(table, "list", {"fps", "duration", "start"});
     table.text("file", &content->file);
     table.times("list", &content->times);

@@ -60,6 +60,7 @@ mpeg2 second.ts size=640x360:rate=25 "" 1
 cat first.ts second.ts >resized.ts
 mpeg2 other.ts size=640x360:rate=25 "-streamid 0:512" 1
 cat first.ts other.ts >renumbered.ts
+cat first.ts other.ts first.ts >there-and-back.ts
 mpeg2 interlaced.ts size=320x180:rate=25 "-flags +ilme+ildct -top 1" 0
 mpeg2 plain.m2v size=320x180:rate=30000/1001 "" 0
 # Every picture asks for its first field again.
@@ -92,4 +93,14 @@ cat at-1m.ts at-1h.ts >an-hour-on.ts
 cat at-1m.ts at-69s.ts >six-seconds-on.ts
 cat at-1h.ts at-1m.ts >an-hour-back.ts
 cat at-1m.ts at-1m.ts at-1m.ts >repeated.ts
+# The same with sound under other numbers; another codec under another number, and under the same.
+ffmpeg -v error -y -i 24.mp4 -c:v mpeg2video -c:a copy -output_ts_offset 3 -streamid 0:512 \
+    -streamid 1:513 other-numbers.ts
+cat 24.ts other-numbers.ts >renumbered-sound.ts
+for number in 256 512; do
+    ffmpeg -v error -y -i 24.mp4 -c:v libx264 -an -output_ts_offset 1 -streamid 0:$number avc.ts
+    cat first.ts avc.ts >avc-as-$number.ts
+done
+# A second video stream that begins where the first one ends.
+ffmpeg -v error -y -i 24.mp4 -itsoffset 3 -i 24.mp4 -map 0:v -map 1:v -c copy one-after-the-other.mkv
 cp "$self" made

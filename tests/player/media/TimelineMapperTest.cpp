@@ -11,11 +11,13 @@ namespace korvane::player {
 namespace {
 
 constexpr int64_t kFrameUs = 40'000;
+/// From decoding to presentation.
+constexpr int64_t kReorderUs = 80'000;
 constexpr int64_t kWrapUs = 95'443'717'689;
 constexpr int64_t kHourUs = 3'600'000'000;
 
 /// Two parts of 5 s each, packets interleaved by time, audio 100 ms behind in the file.
-struct Case {
+struct MapperCase {
     const char* name;
     int64_t video2Us;   ///< where the second part's video begins
     int64_t audio2Us;   ///< the same; -1: there is no audio at all
@@ -26,7 +28,7 @@ struct Case {
     int64_t startUs = 0;
 };
 
-const Case kCases[] = {
+const MapperCase kCases[] = {
     {"goes on", 5'000'000, 5'000'000, 5'000'000, 5'000'000, 0},
     {"an hour forward", kHourUs, kHourUs, 5'000'000, 5'000'000, 1},
     {"six seconds forward", 11'000'000, 11'000'000, 5'000'000, 5'000'000, 1},
@@ -50,7 +52,7 @@ struct Out {
     int64_t lastUs = -1;
 };
 
-Out run(const Case& test, int track, TimelineMapper* mapper) {
+Out run(const MapperCase& test, int track, TimelineMapper* mapper) {
     struct Sent {
         int64_t fileUs;
         int track;
@@ -83,7 +85,7 @@ Out run(const Case& test, int track, TimelineMapper* mapper) {
         }
     };
     for (const Sent& packet : sent) {
-        mapper->push({packet.track, packet.us, 0});
+        mapper->push({packet.track, packet.us, 0, packet.us + kReorderUs});
         pop();
     }
     mapper->end();
@@ -93,10 +95,13 @@ Out run(const Case& test, int track, TimelineMapper* mapper) {
 }
 
 TEST(TimelineMapper, MakesTimesContinuous) {
-    for (const Case& test : kCases) {
+    for (const MapperCase& test : kCases) {
         TimelineMapper mapper(kWrapUs);
         EXPECT_EQ(run(test, 0, &mapper).secondUs, test.videoAtUs) << test.name;
-        EXPECT_EQ(mapper.splices().size(), test.splices) << test.name;
+        ASSERT_EQ(mapper.splices().size(), test.splices) << test.name;
+        if (test.splices > 0) {
+            EXPECT_EQ(mapper.splices()[0].pictureUs, test.videoAtUs + kReorderUs) << test.name;
+        }
         mapper.restart();
         EXPECT_EQ(run(test, 1, &mapper).secondUs, test.audioAtUs) << test.name;
     }

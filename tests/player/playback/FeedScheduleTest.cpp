@@ -47,7 +47,7 @@ FeedStep step(FeedAction action, int64_t waitNs = 0, EndCause end = EndCause::Co
     return {action, waitNs, {0, toUs}, end};
 }
 
-struct Case {
+struct FeedCase {
     const char* name;
     std::function<void(PlaybackPlan&, FeedState&)> given;
     FeedStep expected;
@@ -195,7 +195,7 @@ const Case kCases[] = {
 };
 
 TEST(FeedSchedule, DecidesFromPlanAndState) {
-    for (const Case& test : kCases) {
+    for (const FeedCase& test : kCases) {
         PlaybackPlan plan;
         FeedState state = playing();
         test.given(plan, state);
@@ -239,6 +239,25 @@ TEST(FeedSchedule, EachActionComesOnceAndALimitCountsAllSections) {
     schedule.sent(10'000'000);
     state.pictureUs = 10'040'000;
     EXPECT_EQ(schedule.next(state).action, FeedAction::EndSource);
+}
+
+TEST(FeedSchedule, ASeekInAStallComesAtTheClocksTimeAndEndsTheStall) {
+    PlaybackPlan plan;
+    plan.stalls = {{80'000, 1'000'000}};
+    plan.seeks = {{200'000, 20'000, false, true}};
+    FeedSchedule schedule(plan, kFrameUs);
+    schedule.start(kStartNs);
+    schedule.sent(0);
+    FeedState state = playing();
+    state.inLibrary = 0;
+    state.clockUs = 199'999;
+    EXPECT_EQ(schedule.next(state).action, FeedAction::Wait);
+    EXPECT_EQ(schedule.next(state).action, FeedAction::Wait);
+    state.clockUs = 200'000;
+    EXPECT_EQ(schedule.next(state).action, FeedAction::Seek);
+    schedule.leaveSection();
+    state.positionUs = -1;
+    EXPECT_EQ(schedule.next(state).action, FeedAction::Send);
 }
 
 TEST(FeedSchedule, ALastFrameThatIsNeverShownIsWaitedForOneSecond) {
