@@ -24,6 +24,7 @@
 #include "player/report/EventRecorder.h"
 #include "player/report/Report.h"
 #include "player/report/ReportBuilder.h"
+#include "player/report/TraceRecorder.h"
 #include "player/scenario/Expectation.h"
 #include "player/scenario/LogWatch.h"
 #include "tv/Log.h"
@@ -36,6 +37,8 @@ namespace {
 
 /// The system property from which the library takes its log mask.
 constexpr char kLogMaskProperty[] = "vendor.korvane.loglevels";
+/// The mask with a trace, unless another is asked for: the library's default and its counters.
+constexpr int kTraceLogMask = 1 + 16;
 
 /// The files of --csv, --json, --events and --trace.
 struct Outputs {
@@ -106,6 +109,10 @@ std::unique_ptr<tv::VirtualTime> startClock(const PlayOptions& options) {
 
 void setProperties(const PlayOptions& options) {
     auto properties = options.properties;
+    if (!options.traceFile.empty()) {
+        // First, so that any other that is asked for holds.
+        properties.emplace(properties.begin(), kLogMaskProperty, std::to_string(kTraceLogMask));
+    }
     if (options.logMask) {
         properties.emplace_back(kLogMaskProperty, std::to_string(*options.logMask));
     }
@@ -133,7 +140,7 @@ void sayNotes(const PlayOptions& options, const MediaInfo& media) {
 /// What listens to a playback: the report, and those outputs that are written while it plays.
 struct Listeners {
     Listeners(const PlayOptions& options, const MediaInfo& media, const PlaybackPlan& plan,
-              Outputs* outputs)
+              const Origin& origin, Outputs* outputs)
         : report(media.frameRateHz, plan),
           events(outputs->events.wanted() ? &outputs->events.stream() : nullptr),
           recorder(&events),
@@ -141,6 +148,9 @@ struct Listeners {
         hooks.listeners = {&report, &recorder};
         if (outputs->csv.wanted()) {
             hooks.listeners.push_back(&frames.emplace(outputs->csv.stream()));
+        }
+        if (outputs->trace.wanted()) {
+            hooks.listeners.push_back(&trace.emplace(origin));
         }
         hooks.interrupted = interrupted;
         if (options.expect) {
@@ -163,6 +173,7 @@ struct Listeners {
     EventLog events;
     EventRecorder recorder;
     std::optional<CsvWriter> frames;
+    std::optional<TraceRecorder> trace;
     std::optional<LogWatch> watch;  ///< counts the lines that --expect names
     Progress progress;
     PlaybackHooks hooks;
@@ -241,14 +252,17 @@ int playFile(const PlayOptions& options) {
     catchInterrupts();
     sayNotes(options, video.info());
 
-    Listeners listeners(options, video.info(), plan, &outputs);
+    Origin origin{options.version, options.repeat, clock != nullptr, options.seed, ""};
+    Listeners listeners(options, video.info(), plan, origin, &outputs);
     const PlaybackRecord record = play(plan, video, std::move(audio), listeners.hooks);
     clearProgress();
-    const tv::TraceReport traceReport = trace.stop();
     const Summary summary = listeners.report.finish(record);
+    if (listeners.trace) {
+        listeners.trace->finish(record, summary);
+    }
+    const tv::TraceReport traceReport = trace.stop();
     listeners.events.finish();
-    const Origin origin{options.version, options.repeat, clock != nullptr, options.seed,
-                        listeners.events.hash()};
+    origin.eventHash = listeners.events.hash();
     const auto failed = unmet(options, record, summary, listeners);
     const bool written =
         writeResults(options, record, summary, traceReport, failed, origin, &outputs);
