@@ -37,9 +37,9 @@ constexpr auto kWriteInterval = std::chrono::milliseconds(50);
 /// Nice value of the writer, of 19, so that playback goes first.
 constexpr int kWriterNice = 10;
 /// A block that virtual time writes.
-constexpr size_t kBlockBytes = 16 * 1024;
+constexpr size_t kBlockBytes = size_t{16} * 1024;
 /// Of what the writer has not taken yet: seconds of all that is traced.
-constexpr size_t kMostBytes = 2 * 1024 * 1024;
+constexpr size_t kMostBytes = size_t{2} * 1024 * 1024;
 
 int32_t threadId() {
     if (VirtualTime::active()) {
