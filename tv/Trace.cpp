@@ -52,7 +52,9 @@ int32_t threadId() {
 /// The calling thread's name.
 std::string threadName() {
     if (VirtualTime::active()) {
-        return VirtualTime::threadName(VirtualTime::threadNumber());
+        // A thread without a name is known by its function, and in brackets where that lies.
+        const std::string name = VirtualTime::threadName(VirtualTime::threadNumber());
+        return name.substr(0, name.find(" ("));
     }
     std::array<char, 17> name{};
     prctl(PR_GET_NAME, name.data());

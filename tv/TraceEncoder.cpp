@@ -358,7 +358,7 @@ void TraceEncoder::counter(const std::string& name, int64_t value, int64_t timeN
 // ---- frame timelines ----
 
 void TraceEncoder::timeline(const TraceTimeline& frame) {
-    processTrack(frame.ofDisplay ? TraceProcess{kDisplayPid, "display"} : mProcess);
+    processTrack(frame.ofDisplay ? TraceProcess{kDisplayPid, "TV display"} : mProcess);
     if (frame.expectedEndNs > 0) {
         frameSlice(frame, false);
     }

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The file of a trace: takes whole packets, so that it can be read at any moment. On a full disk the
-// file keeps only whole ones; a kill may cut the last, which readers leave out.
+// The file of a trace: takes whole packets, so that it can be read at any moment. On a full disk
+// the file keeps only whole ones; a kill may cut the last, which readers leave out.
 #pragma once
 
 #include <cstdint>
