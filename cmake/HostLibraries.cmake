@@ -4,6 +4,7 @@
 #   Boost::headers                 Boost.Intrusive
 #   nlohmann_json::nlohmann_json   reads and writes JSON; include it in few files, it is large
 #   korvane::fmt                   {fmt}, formatting
+#   korvane::protozero             encodes protobuf, headers only
 
 find_package(Boost REQUIRED)
 find_package(nlohmann_json REQUIRED)
@@ -16,3 +17,8 @@ if(KORVANE_LIBCXX)
 else()
     add_library(korvane::fmt ALIAS fmt::fmt)
 endif()
+
+find_path(KORVANE_PROTOZERO_INCLUDE protozero/pbf_builder.hpp REQUIRED)
+add_library(korvane_protozero INTERFACE)
+add_library(korvane::protozero ALIAS korvane_protozero)
+target_include_directories(korvane_protozero SYSTEM INTERFACE "${KORVANE_PROTOZERO_INCLUDE}")

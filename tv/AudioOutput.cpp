@@ -6,9 +6,11 @@
 #include <condition_variable>
 #include <limits>
 #include <mutex>
+#include <optional>
 #include <thread>
 
 #include "tv/ScopedLock.h"
+#include "tv/Trace.h"
 #include "tv/Tv.h"
 
 namespace korvane::tv {
@@ -23,14 +25,19 @@ struct AudioOutput::Impl {
     void change(Operation operation) {
         {
             const std::lock_guard<std::mutex> guard(lock);
-            operation(model, nowNs() / 1000);
+            const int64_t nowUs = nowNs() / 1000;
+            operation(model, nowUs);
+            trace(nowUs);
         }
         wake.notify_one();
     }
 
+    void trace(int64_t nowUs) KORVANE_REQUIRES(lock);
+
     mutable std::mutex lock;
     std::condition_variable wake;
     AudioModel model KORVANE_GUARDED_BY(lock);
+    std::optional<AudioReport> traced KORVANE_GUARDED_BY(lock);
     bool stopping KORVANE_GUARDED_BY(lock) = false;
     std::thread thread;  // last: it uses the other members as soon as it starts
 };
@@ -42,6 +49,7 @@ void AudioOutput::Impl::run() {
     while (!stopping) {
         const int64_t nowUs = nowNs() / 1000;
         const int64_t nextUs = model.step(nowUs);
+        trace(nowUs);
         if (nextUs == std::numeric_limits<int64_t>::max()) {
             wake.wait(guard.forWait());
         } else if (nextUs > nowUs) {
@@ -49,6 +57,21 @@ void AudioOutput::Impl::run() {
                           std::chrono::microseconds(std::min(nextUs - nowUs, kLongestWaitUs)));
         }
     }
+}
+
+/// What of state and position is new.
+void AudioOutput::Impl::trace(int64_t nowUs) {
+    if (!recordingTrace()) {
+        return;
+    }
+    const AudioReport now = model.report();
+    if (!traced || traced->state != now.state) {
+        traceState("sound/audio", toString(now.state), nowUs * 1000);
+    }
+    if (now.positionUs >= 0 && (!traced || traced->positionUs != now.positionUs)) {
+        traceCounter("sound/audio position us", now.positionUs, nowUs * 1000);
+    }
+    traced = now;
 }
 
 AudioOutput::AudioOutput(std::shared_ptr<SyncInstance> instance, const AudioConfig& config)

@@ -20,6 +20,7 @@
 
 #include "include/ThreadAnnotations.h"
 #include "tv/Observer.h"
+#include "tv/Trace.h"
 
 namespace korvane::tv {
 namespace {
@@ -130,16 +131,17 @@ int route(int priority, const char* tag, const char* text) {
     LogState& log = state();
     const LogLine line{priority, tag != nullptr ? tag : "", text};
     log.observer.call(line);
+    traceLog({line.priority, line.tag, line.text});
     if (!keep(log, line) && priority >= log.lowestPriority && !sumUp(log, line)) {
         write(line);
     }
     return static_cast<int>(line.text.size());
 }
 
-/// Whether a line of this priority is written or observed.
+/// Whether a line of this priority is written, observed or recorded.
 bool wanted(int priority) {
     const LogState& log = state();
-    return priority >= log.lowestPriority || log.observer.present();
+    return priority >= log.lowestPriority || log.observer.present() || recordingTrace();
 }
 
 }  // namespace

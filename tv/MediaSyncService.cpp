@@ -8,6 +8,7 @@
 #include <atomic>
 
 #include "tv/SyncClock.h"
+#include "tv/Trace.h"
 
 namespace korvane::tv {
 namespace {
@@ -25,6 +26,8 @@ struct SyncInstance::State {
     bool anchorAudio(int64_t mediaUs, int64_t realUs) KORVANE_REQUIRES(lock);
     mediasync_video_policy decide(int64_t mediaUs, int64_t nowUs) KORVANE_REQUIRES(lock);
     void count(const mediasync_video_policy& policy) KORVANE_REQUIRES(lock);
+    void traceLine(int64_t nowUs) const KORVANE_REQUIRES(lock);
+    void traceLeader(int64_t nowUs) const KORVANE_REQUIRES(lock);
 
     const int id;
     mutable std::mutex lock;
@@ -47,6 +50,24 @@ bool SyncInstance::State::anchorAudio(int64_t mediaUs, int64_t realUs) {
     }
     ++counters.anchorsTaken;
     return true;
+}
+
+/// The clock's line: a jump of its offset is a new anchor.
+void SyncInstance::State::traceLine(int64_t nowUs) const {
+    if (recordingTrace()) {
+        traceCounter(fmt::format("sound/clock {}: real minus media us", id),
+                     clock.anchorRealUs - clock.anchorMediaUs, nowUs * 1000);
+    }
+}
+
+/// Who leads the clock now.
+void SyncInstance::State::traceLeader(int64_t nowUs) const {
+    if (recordingTrace()) {
+        const std::string leads = fmt::format("{} leads", toString(clock.leader));
+        traceState(fmt::format("sound/clock {}", id), clock.paused ? "paused" : leads,
+                   nowUs * 1000);
+        traceLine(nowUs);
+    }
 }
 
 SyncInstance::SyncInstance(int id) : mState(std::make_shared<State>(id)) {}
@@ -73,6 +94,7 @@ bool SyncInstance::paused() const {
 void SyncInstance::setPause(bool paused, int64_t nowUs) {
     const std::lock_guard<std::mutex> guard(mState->lock);
     mState->clock.setPause(paused, nowUs);
+    mState->traceLeader(nowUs);
 }
 
 void SyncInstance::updateAnchorFromVideo(int64_t mediaUs, int64_t realUs, int64_t nowUs) {
@@ -83,11 +105,14 @@ void SyncInstance::updateAnchorFromVideo(int64_t mediaUs, int64_t realUs, int64_
     }
     mState->clock.anchor(Leader::Video, mediaUs, realUs == 0 ? nowUs : realUs);
     ++mState->counters.anchorsTaken;
+    mState->traceLeader(nowUs);
 }
 
 bool SyncInstance::anchorFromAudio(int64_t mediaUs, int64_t realUs) {
     const std::lock_guard<std::mutex> guard(mState->lock);
-    return mState->anchorAudio(mediaUs, realUs);
+    const bool taken = mState->anchorAudio(mediaUs, realUs);
+    mState->traceLine(realUs);
+    return taken;
 }
 
 bool SyncInstance::takeFromAudio(int64_t mediaUs, int64_t nowUs) {
@@ -98,6 +123,7 @@ bool SyncInstance::takeFromAudio(int64_t mediaUs, int64_t nowUs) {
         return false;
     }
     mState->clock.setPause(false, nowUs);
+    mState->traceLeader(nowUs);
     return true;
 }
 
@@ -107,6 +133,7 @@ void SyncInstance::pauseFromAudio(int64_t mediaUs, int64_t nowUs) {
     clock.reportTrack(mediaUs);
     if (clock.mayAnchor(Leader::Audio)) {
         clock.setPause(true, nowUs);
+        mState->traceLeader(nowUs);
     }
 }
 
@@ -201,6 +228,7 @@ mediasync_video_policy SyncInstance::State::decide(int64_t mediaUs, int64_t nowU
     if (!clock.anchored() && !clock.paused && clock.mode == MEDIA_SYNC_PCRMASTER) {
         clock.anchor(Leader::Video, mediaUs, nowUs);
         ++counters.anchorsTaken;
+        traceLeader(nowUs);
     }
     return clock.decide(mediaUs, nowUs);
 }

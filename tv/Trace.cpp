@@ -1,26 +1,30 @@
 // SPDX-License-Identifier: Apache-2.0
-// This library's atrace calls take precedence over libcutils'. A call goes to the observer and,
-// while a file is recorded, into the ring as one entry. A thread of low priority moves the ring's
-// entries into the file 20 times a second. On a full disk it keeps emptying the ring, so that lost
-// events are counted and playback continues.
+// This library's atrace calls take precedence over libcutils'. What is recorded is encoded on the
+// thread that tells it, into a block of memory under a lock. In real time a thread of low priority
+// takes the block 20 times a second and writes it; in virtual time the thread that fills a block
+// does. On a full disk the blocks are still taken, so that lost events are counted and playback
+// continues.
 #include "tv/Trace.h"
 
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <array>
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <condition_variable>
-#include <cstring>
+#include <ctime>
+#include <memory>
 #include <mutex>
 #include <thread>
-#include <vector>
 
 #include "tv/Observer.h"
 #include "tv/ScopedLock.h"
+#include "tv/TraceEncoder.h"
 #include "tv/TraceFile.h"
-#include "tv/TraceRing.h"
 #include "tv/Tv.h"
 #include "tv/clock/VirtualTime.h"
 
@@ -32,33 +36,72 @@ constexpr uint64_t kVideoTag = 1 << 9;
 constexpr auto kWriteInterval = std::chrono::milliseconds(50);
 /// Nice value of the writer, of 19, so that playback goes first.
 constexpr int kWriterNice = 10;
+/// A block that virtual time writes.
+constexpr size_t kBlockBytes = size_t{16} * 1024;
+/// Of what the writer has not taken yet: seconds of all that is traced.
+constexpr size_t kMostBytes = size_t{2} * 1024 * 1024;
+
+int32_t threadId() {
+    if (VirtualTime::active()) {
+        return VirtualTime::threadNumber();
+    }
+    static thread_local const auto id = static_cast<int32_t>(syscall(SYS_gettid));
+    return id;
+}
+
+/// The calling thread's name.
+std::string threadName() {
+    if (VirtualTime::active()) {
+        // A thread without a name is known by its function, and in brackets where that lies.
+        const std::string name = VirtualTime::threadName(VirtualTime::threadNumber());
+        return name.substr(0, name.find(" ("));
+    }
+    std::array<char, 17> name{};
+    prctl(PR_GET_NAME, name.data());
+    return name.data();
+}
+
+int64_t clockNs(clockid_t clock) {
+    constexpr int64_t kNsPerSecond = 1'000'000'000;
+    timespec time{};
+    clock_gettime(clock, &time);
+    return time.tv_sec * kNsPerSecond + time.tv_nsec;
+}
+
+/// Virtual runs are reproducible to the byte, so they carry a fixed process number.
+TraceProcess thisProcess() {
+    return {VirtualTime::active() ? 1 : getpid(), program_invocation_short_name};
+}
 
 /// One recording, from `startTrace` to `stopTrace`.
 class Recording {
 public:
     /// @return empty, or why the file cannot be written
     std::string open(const std::string& path);
-    void start() {
-        mWriter = std::thread([this] { run(); });
-    }
-    void put(TraceEvent::Kind kind, int32_t thread, const char* name, int64_t timeNs,
-             int64_t value);
-    int32_t track(const std::string& name);
+    void start();
+    /// Adds one event by calling `encode` with the encoder, or counts it as lost.
+    template <typename Encode>
+    void put(Encode encode);
     TraceReport stop();
 
 private:
     void run();
-    void drain();
+    void write();
 
-    TraceRing mRing;
-    std::atomic<int64_t> mLost{0};
-    TraceFile mFile;  ///< the writer's while it runs
-    TraceReport mReport;
     std::mutex mLock;
-    std::condition_variable mWake;
+    std::string mBlock KORVANE_GUARDED_BY(mLock);
+    int64_t mBlockEvents KORVANE_GUARDED_BY(mLock) = 0;
+    TraceEncoder mEncoder KORVANE_GUARDED_BY(mLock){
+        &mBlock, {nowNs(), clockNs(CLOCK_BOOTTIME), clockNs(CLOCK_REALTIME)}, thisProcess()};
+    int64_t mLost KORVANE_GUARDED_BY(mLock) = 0;
     bool mStopping KORVANE_GUARDED_BY(mLock) = false;
-    std::vector<std::string> mTracks KORVANE_GUARDED_BY(mLock);
-    size_t mTracksWritten = 0;  ///< the writer's
+    std::condition_variable mWake;
+
+    std::mutex mFileLock KORVANE_ACQUIRED_BEFORE(mLock);  ///< held from taking a block to its end
+    TraceFile mFile KORVANE_GUARDED_BY(mFileLock);
+    std::string mTaken KORVANE_GUARDED_BY(mFileLock);
+    TraceReport mReport;
+    const bool mVirtual = VirtualTime::active();
     std::thread mWriter;
 };
 
@@ -78,42 +121,35 @@ TraceState& state() {
     return instance;
 }
 
-int32_t threadId() {
-    if (VirtualTime::active()) {
-        return VirtualTime::threadNumber();
-    }
-    static thread_local const auto id = static_cast<int32_t>(syscall(SYS_gettid));
-    return id;
-}
-
 std::string Recording::open(const std::string& path) {
+    const std::lock_guard<std::mutex> guard(mFileLock);
     mReport.path = path;
     mFile.open(path);
     return mFile.failure();
 }
 
-void Recording::put(TraceEvent::Kind kind, int32_t thread, const char* name, int64_t timeNs,
-                    int64_t value) {
-    TraceEvent event;
-    event.kind = kind;
-    event.thread = thread;
-    event.timeNs = timeNs;
-    event.value = value;
-    std::strncpy(event.name.data(), name, event.name.size() - 1);
-    if (!mRing.put(event)) {
-        mLost.fetch_add(1, std::memory_order_relaxed);
+void Recording::start() {
+    if (!mVirtual) {
+        mWriter = std::thread([this] { run(); });
     }
 }
 
-int32_t Recording::track(const std::string& name) {
-    const std::lock_guard<std::mutex> guard(mLock);
-    for (size_t i = 0; i < mTracks.size(); ++i) {
-        if (mTracks[i] == name) {
-            return static_cast<int32_t>(i);
+template <typename Encode>
+void Recording::put(Encode encode) {
+    bool full = false;
+    {
+        const std::lock_guard<std::mutex> guard(mLock);
+        if (mBlock.size() >= kMostBytes) {
+            ++mLost;
+            return;
         }
+        encode(mEncoder);
+        ++mBlockEvents;
+        full = mBlock.size() >= kBlockBytes;
     }
-    mTracks.push_back(name);
-    return static_cast<int32_t>(mTracks.size() - 1);
+    if (full && mVirtual) {
+        write();
+    }
 }
 
 void Recording::run() {
@@ -125,48 +161,69 @@ void Recording::run() {
             stopping = mWake.wait_for(guard.forWait(), kWriteInterval,
                                       [this]() KORVANE_REQUIRES(mLock) { return mStopping; });
         }
-        drain();
-        stopping ? mFile.finish() : mFile.write();
+        write();
     }
 }
 
-void Recording::drain() {
-    TraceEvent event;
-    while (mRing.take(&event)) {
-        if (event.kind == TraceEvent::Kind::Slice) {
-            const std::lock_guard<std::mutex> guard(mLock);
-            for (; mTracksWritten < mTracks.size(); ++mTracksWritten) {
-                mFile.addTrack(static_cast<int32_t>(mTracksWritten), mTracks[mTracksWritten]);
-            }
-        }
-        mFile.add(event);
+void Recording::write() {
+    const std::lock_guard<std::mutex> file(mFileLock);
+    int64_t events = 0;
+    {
+        const std::lock_guard<std::mutex> guard(mLock);
+        mTaken.swap(mBlock);
+        events = std::exchange(mBlockEvents, 0);
     }
+    mFile.write(mTaken, events);
+    mTaken.clear();
 }
 
 TraceReport Recording::stop() {
-    {
-        const std::lock_guard<std::mutex> guard(mLock);
-        mStopping = true;
+    if (mWriter.joinable()) {
+        {
+            const std::lock_guard<std::mutex> guard(mLock);
+            mStopping = true;
+        }
+        mWake.notify_one();
+        mWriter.join();
     }
-    mWake.notify_one();
-    mWriter.join();
+    write();
+    const std::lock_guard<std::mutex> file(mFileLock);
+    const std::lock_guard<std::mutex> guard(mLock);
+    mFile.close();
     mReport.written = mFile.written();
     mReport.lost = mLost + mFile.lost();
     mReport.failure = mFile.failure();
     return mReport;
 }
 
-void tracePoint(TraceEvent::Kind kind, char letter, const char* name, int64_t value) {
+/// Calls `encode` with the encoder while a trace is recorded.
+template <typename Encode>
+void record(Encode encode) {
     TraceState& trace = state();
-    if (trace.observer.present()) {
-        trace.observer.call(letter, name, value);
-    }
     if (!trace.recording) {
         return;
     }
     const SharedLock guard(trace.lock);
     if (trace.current) {
-        trace.current->put(kind, threadId(), name, nowNs(), value);
+        trace.current->put(encode);
+    }
+}
+
+/// The same for an event of the calling thread.
+template <typename Encode>
+void recordOfThread(Encode encode) {
+    record([&](TraceEncoder& encoder) {
+        const int32_t thread = threadId();
+        if (!encoder.knows(thread)) {
+            encoder.nameThread(thread, threadName());
+        }
+        encode(encoder, thread, nowNs());
+    });
+}
+
+void observe(char letter, const char* name, int64_t value) {
+    if (state().observer.present()) {
+        state().observer.call(letter, name, value);
     }
 }
 
@@ -209,16 +266,33 @@ bool recordingTrace() {
     return state().recording;
 }
 
-void traceSlice(const std::string& track, const std::string& name, int64_t startNs, int64_t endNs) {
-    TraceState& trace = state();
-    if (!trace.recording) {
-        return;
-    }
-    const SharedLock guard(trace.lock);
-    if (trace.current) {
-        trace.current->put(TraceEvent::Kind::Slice, trace.current->track(track), name.c_str(),
-                           startNs, endNs - startNs);
-    }
+void traceState(const std::string& track, const std::string& name, int64_t timeNs,
+                const TraceDetails& details) {
+    record([&](TraceEncoder& encoder) { encoder.state(track, name, timeNs, details); });
+}
+
+void traceSlice(const std::string& track, const std::string& name, int64_t startNs, int64_t endNs,
+                const TraceDetails& details) {
+    record([&](TraceEncoder& encoder) { encoder.slice(track, name, startNs, endNs, details); });
+}
+
+void traceInstant(const std::string& track, const std::string& name, int64_t timeNs,
+                  const TraceDetails& details) {
+    record([&](TraceEncoder& encoder) { encoder.instant(track, name, timeNs, details); });
+}
+
+void traceCounter(const std::string& name, int64_t value, int64_t timeNs) {
+    record([&](TraceEncoder& encoder) { encoder.counter(name, value, timeNs); });
+}
+
+void traceTimeline(const TraceTimeline& frame) {
+    record([&](TraceEncoder& encoder) { encoder.timeline(frame); });
+}
+
+void traceLog(const TraceLogLine& line) {
+    recordOfThread([&](TraceEncoder& encoder, int32_t thread, int64_t timeNs) {
+        encoder.log(thread, line, timeNs);
+    });
 }
 
 void setTraceTagEnabled(bool enabled) {
@@ -239,26 +313,35 @@ uint64_t atrace_get_enabled_tags() {
 }
 
 void atrace_begin_body(const char* name) {
-    korvane::tv::tracePoint(korvane::tv::TraceEvent::Kind::Begin, 'B', name, 0);
+    korvane::tv::observe('B', name, 0);
+    korvane::tv::recordOfThread(
+        [&](auto& encoder, int32_t thread, int64_t ns) { encoder.beginSection(thread, name, ns); });
 }
 
 void atrace_end_body() {
-    korvane::tv::tracePoint(korvane::tv::TraceEvent::Kind::End, 'E', "", 0);
-}
-
-void atrace_int_body(const char* name, int32_t value) {
-    korvane::tv::tracePoint(korvane::tv::TraceEvent::Kind::Counter, 'C', name, value);
+    korvane::tv::observe('E', "", 0);
+    korvane::tv::recordOfThread(
+        [](auto& encoder, int32_t thread, int64_t ns) { encoder.endSection(thread, ns); });
 }
 
 void atrace_int64_body(const char* name, int64_t value) {
-    korvane::tv::tracePoint(korvane::tv::TraceEvent::Kind::Counter, 'C', name, value);
+    korvane::tv::observe('C', name, value);
+    korvane::tv::traceCounter(name, value, korvane::tv::nowNs());
+}
+
+void atrace_int_body(const char* name, int32_t value) {
+    atrace_int64_body(name, value);
 }
 
 void atrace_async_begin_body(const char* name, int32_t cookie) {
-    korvane::tv::tracePoint(korvane::tv::TraceEvent::Kind::AsyncBegin, 'b', name, cookie);
+    korvane::tv::observe('b', name, cookie);
+    korvane::tv::record(
+        [&](auto& encoder) { encoder.beginAsync(name, cookie, korvane::tv::nowNs()); });
 }
 
 void atrace_async_end_body(const char* name, int32_t cookie) {
-    korvane::tv::tracePoint(korvane::tv::TraceEvent::Kind::AsyncEnd, 'e', name, cookie);
+    korvane::tv::observe('e', name, cookie);
+    korvane::tv::record(
+        [&](auto& encoder) { encoder.endAsync(name, cookie, korvane::tv::nowNs()); });
 }
 }

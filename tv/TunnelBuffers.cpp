@@ -35,11 +35,45 @@ int makeSocketPair(FencePipe* pipe, int* taken) {
     return 0;
 }
 
-void traceShown(const BufferRecord& buffer, int64_t endNs) {
-    if (recordingTrace()) {
-        traceSlice(fmt::format("screen, tunnel {}", buffer.tunnelId),
-                   fmt::format("frame {}", buffer.frameNo), buffer.firstVsync.timeNs, endNs);
+std::string trackOf(int tunnelId) {
+    return fmt::format("display/screen, tunnel {}", tunnelId);
+}
+
+/// A picture that came on screen, on the tunnel's track and as a display frame.
+void traceShown(const BufferRecord& buffer, const Vsync& next) {
+    if (!recordingTrace()) {
+        return;
     }
+    const Vsync& vsync = buffer.firstVsync;
+    const int64_t periodNs = next.timeNs - vsync.timeNs;
+    traceState(trackOf(buffer.tunnelId), fmt::format("frame {}", buffer.frameNo), vsync.timeNs,
+               {buffer.frameNo,
+                false,
+                {{"vsync", vsync.index},
+                 {"media_us", buffer.mediaTimeUs},
+                 {"late_vsyncs", buffer.lateVsyncs}}});
+    TraceTimeline frame;
+    frame.ofDisplay = true;
+    frame.token = vsync.index;
+    frame.expectedNs = vsync.timeNs - buffer.lateVsyncs * periodNs;
+    frame.expectedEndNs = frame.expectedNs + periodNs;
+    frame.actualNs = vsync.timeNs;
+    frame.actualEndNs = next.timeNs;
+    frame.present = buffer.lateVsyncs > 0 ? PresentType::Late : PresentType::OnTime;
+    frame.jank = buffer.lateVsyncs > 0 ? kJankQueuedLate : kJankNone;
+    traceTimeline(frame);
+}
+
+void traceBlank(int tunnelId, int64_t timeNs) {
+    if (recordingTrace()) {
+        traceState(trackOf(tunnelId), "", timeNs);
+    }
+}
+
+/// How many vsyncs ago a picture was due that comes on screen now.
+int64_t lateVsyncs(const BufferRecord& buffer, const Vsync& vsync, const Vsync& next) {
+    const int64_t dueNs = buffer.atOnce ? buffer.queuedNs : usToNs(buffer.presentationTimeUs);
+    return (vsync.timeNs - dueNs) / (next.timeNs - vsync.timeNs);
 }
 
 }  // namespace
@@ -106,7 +140,7 @@ void TunnelBuffers::disconnect(int64_t nowNs) {
     if (mOnScreen >= 0) {
         checkPicture(mOnScreen);
         release(at(mOnScreen), BufferFate::Shown, nowNs);
-        traceShown(at(mOnScreen), nowNs);
+        traceBlank(at(mOnScreen).tunnelId, nowNs);
     }
     for (const auto& [number, fence] : mFences) {
         int64_t& signalNs = at(number).fenceSignalNs;
@@ -156,11 +190,12 @@ void TunnelBuffers::replace(int64_t number, const Vsync& vsync, const Vsync& nex
     shown.fate = BufferFate::OnScreen;
     shown.firstVsync = vsync;
     shown.dwellVsyncs = 1;
+    shown.lateVsyncs = lateVsyncs(shown, vsync, next);
+    traceShown(shown, next);
     if (old < 0) {
         return;
     }
     release(at(old), BufferFate::Shown, vsync.timeNs);
-    traceShown(at(old), vsync.timeNs);
     mLeaving = old;
     if (faults.noFences) {
         mReturned.push_back({old, FenceKind::None});

@@ -15,6 +15,7 @@
 #include <thread>
 
 #include "tv/ScopedLock.h"
+#include "tv/Trace.h"
 
 namespace korvane::tv {
 namespace {
@@ -141,6 +142,8 @@ int64_t Tv::Impl::runVsyncs(int64_t nowNs) {
     while (vsync.timeNs <= nowNs) {
         const Vsync next = display.nextVsyncAfter(vsync.timeNs);
         tunnel.scanOut(vsync, next);
+        // As Android draws it: the line changes at each vsync.
+        traceCounter("display/vsync", vsync.index % 2, vsync.timeNs);
         scannedNs = vsync.timeNs;
         vsync = next;
     }

@@ -269,7 +269,9 @@ void addCheckOptions(CLI::App* app, Words* expectations) {
 
 void addOutputOptions(CLI::App* app, PlayOptions* options) {
     add(app, "--trace", kOutputFile,
-        "Record a trace (Chrome trace-event JSON, for the Perfetto UI)", &options->traceFile);
+        "Record a timeline for the Perfetto UI, say FILE.pftrace; switches the library's trace "
+        "counters on, unless --log is given",
+        &options->traceFile);
     add(app, "--csv", kOutputFile, "Write one line per frame, after a header line",
         &options->csvFile);
     add(app, "--json", kOutputFile, "Write the summary as one flat JSON object, one key per line",

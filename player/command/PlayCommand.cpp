@@ -24,6 +24,7 @@
 #include "player/report/EventRecorder.h"
 #include "player/report/Report.h"
 #include "player/report/ReportBuilder.h"
+#include "player/report/TraceRecorder.h"
 #include "player/scenario/Expectation.h"
 #include "player/scenario/LogWatch.h"
 #include "tv/Log.h"
@@ -34,6 +35,9 @@
 
 namespace korvane::player {
 namespace {
+
+/// The mask with a trace, unless another is asked for: the library's default and its counters.
+constexpr int kTraceLogMask = 1 + 16;
 
 /// The files of --csv, --json, --events and --trace.
 struct Outputs {
@@ -117,6 +121,10 @@ std::unique_ptr<tv::VirtualTime> startClock(const PlayOptions& options) {
 
 void setProperties(const PlayOptions& options) {
     auto properties = options.properties;
+    if (!options.traceFile.empty()) {
+        // First, so that any other that is asked for holds.
+        properties.emplace(properties.begin(), tv::kLogMaskProperty, std::to_string(kTraceLogMask));
+    }
     if (options.logMask) {
         properties.emplace_back(tv::kLogMaskProperty, std::to_string(*options.logMask));
     }
@@ -144,7 +152,7 @@ void sayNotes(const PlayOptions& options, const MediaInfo& media) {
 /// What listens to a playback: the report, and those outputs that are written while it plays.
 struct Listeners {
     Listeners(const PlayOptions& options, const MediaInfo& media, const PlaybackPlan& plan,
-              Outputs* outputs)
+              const Origin& origin, Outputs* outputs)
         : frames(outputs->csv.wanted() ? std::make_unique<CsvWriter>(outputs->csv.stream())
                                        : nullptr),
           report(media.frameRateHz, plan, frames.get()),
@@ -154,6 +162,9 @@ struct Listeners {
         hooks.listeners = {&report, &recorder};
         if (frames) {
             hooks.listeners.push_back(frames.get());
+        }
+        if (outputs->trace.wanted()) {
+            hooks.listeners.push_back(&trace.emplace(origin));
         }
         hooks.interrupted = interrupted;
         if (options.expect) {
@@ -177,6 +188,7 @@ struct Listeners {
     ReportBuilder report;
     EventLog events;
     EventRecorder recorder;
+    std::optional<TraceRecorder> trace;
     std::optional<LogWatch> watch;  ///< counts the lines that --expect names
     Progress progress;
     PlaybackHooks hooks;
@@ -255,16 +267,19 @@ int playFile(const PlayOptions& options) {
     catchInterrupts();
     sayNotes(options, video.info());
 
-    Listeners listeners(options, video.info(), plan, &outputs);
+    Origin origin{options.version, options.repeat, clock != nullptr, options.seed, ""};
+    Listeners listeners(options, video.info(), plan, origin, &outputs);
     std::optional<LogSums> sums(!options.logMask);
     const PlaybackRecord record = play(plan, video, std::move(audio), listeners.hooks);
     clearProgress();
     sums.reset();
-    const tv::TraceReport traceReport = trace.stop();
     const Summary summary = listeners.report.finish(record);
+    if (listeners.trace) {
+        listeners.trace->finish(record, summary);
+    }
+    const tv::TraceReport traceReport = trace.stop();
     listeners.events.finish();
-    const Origin origin{options.version, options.repeat, clock != nullptr, options.seed,
-                        listeners.events.hash()};
+    origin.eventHash = listeners.events.hash();
     const auto failed = unmet(options, record, summary, listeners);
     const bool written =
         writeResults(options, record, summary, traceReport, failed, origin, &outputs);

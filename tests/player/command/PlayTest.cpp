@@ -273,17 +273,17 @@ TEST(BadInputTest, IsToldInOneLineWithStatus2) {
         {{"play", clip("tone.wav")}, "holds no video"},
         {{"play", KORVANE_CLIPS}, "is a directory"},
         {{"play", "/dev/stdin"}, "is empty"},
-        {{"play", pictureless, "--trace", scratch("untouched.json")}, "no mpeg4 picture"},
+        {{"play", pictureless, "--trace", scratch("untouched.pftrace")}, "no mpeg4 picture"},
         {{"play", clip("24.mp4"), "--bogus"}, "--bogus"},
         {{"play", "no\x1b[31m\n\x9b.mp4"}, "'no\\x1b[31m\\x0a\\x9b.mp4': No such file"},
         {{"play", clip("24.mp4"), "--prop", "a=" + std::string(92, 'x')}, "91 bytes"},
         {{"play", clip("24.mp4"), "--csv", "/nonexistent/frames.csv"}, "No such file"},
-        {{"play", clip("24.mp4"), "--trace", "/nonexistent/trace.json"}, "No such file"},
+        {{"play", clip("24.mp4"), "--trace", "/nonexistent/trace.pftrace"}, "No such file"},
     };
     for (const auto& [arguments, says] : inputs) {
         expectRefused(arguments, says);
     }
-    EXPECT_NE(access(scratch("untouched.json").c_str(), F_OK), 0);
+    EXPECT_NE(access(scratch("untouched.pftrace").c_str(), F_OK), 0);
     chmod(pictureless.c_str(), 0);
     if (geteuid() != 0) {
         expectRefused({"play", pictureless}, "may not be read (Permission denied)");
@@ -326,7 +326,7 @@ TEST(RefusedOutputTest, LeavesEveryFileAsItWas) {
 
 TEST(TwoRunsTest, IntoOneFileAreRefusedWhileTheFirstPlays) {
     const std::string csv = scratch("shared.csv");
-    const std::string trace = scratch("shared.json");
+    const std::string trace = scratch("shared.pftrace");
     CommandResult first;
     std::thread playing([&] {
         first =
@@ -425,7 +425,7 @@ TEST(FullDiskTest, UnderTheTraceLosesTheTraceAlone) {
     const std::string json = scratch("summary.json");
     const std::vector<std::string> play = {"play", clip("24.mp4"), "--json", json, "--trace"};
     auto whole = play;
-    whole.push_back(scratch("whole.json"));
+    whole.push_back(scratch("whole.pftrace"));
     EXPECT_EQ(korvaneTv(whole).status, 0);
     const std::string events = readFlatJson(json)["trace_events"];
     auto full = play;
@@ -479,17 +479,14 @@ TEST(ClosedStandardFilesTest, AreNotMistakenForAnOutput) {
     unlink(csv.c_str());
 }
 
-TEST(KillTest, LeavesAReadableTraceAndNothingInTheWayOfTheNextPlay) {
-    const std::string trace = scratch("killed.json");
+TEST(KillTest, LeavesNothingInTheWayOfTheNextPlay) {
+    const std::string trace = scratch("killed.pftrace");
     Command command;
     command.arguments = {KORVANE_TV, "play", clip("24.mp4"), "--trace", trace, "--clock", "real"};
     command.signals = {{SIGKILL, "showFrame", trace}};
     EXPECT_EQ(runCommand(command).status, 128 + SIGKILL);
-    const std::string events = readFile(trace);
-    EXPECT_EQ(events.substr(0, 2), "[\n");
-    EXPECT_THAT(events, HasSubstr("showFrame"));
+    EXPECT_EQ(korvaneTv({"play", clip("24.mp4"), "--seconds", "0.5", "--trace", trace}).status, 0);
     unlink(trace.c_str());
-    EXPECT_EQ(korvaneTv({"play", clip("24.mp4"), "--seconds", "0.5"}).status, 0);
 }
 
 TEST(FirstSignalTest, KillsAPlayerThatWaitsForAnOutputToOpen) {

@@ -10,7 +10,7 @@
 namespace korvane::player {
 namespace {
 
-constexpr int64_t kFrameUs = 40'000;
+constexpr int64_t kPictureUs = 40'000;
 
 struct Stretch {
     int stream;
@@ -25,7 +25,7 @@ struct SuccessionCase {
     int last;                   ///< the stream of the last one that is played
 };
 
-const SuccessionCase kCases[] = {
+const SuccessionCase kSuccessions[] = {
     {"another goes on", {{0, 0, 50}, {1, 2'000'000, 50}}, 100, 1},
     {"and back", {{0, 0, 50}, {1, 2'000'000, 50}, {0, 4'000'000, 50}}, 150, 0},
     {"a former one's last packets", {{0, 0, 50}, {1, 2'000'000, 50}, {0, 1'960'000, 2}}, 100, 1},
@@ -39,7 +39,7 @@ const SuccessionCase kCases[] = {
 };
 
 TEST(StreamSuccession, FollowsWhereNothingElseGoesOn) {
-    for (const SuccessionCase& test : kCases) {
+    for (const SuccessionCase& test : kSuccessions) {
         StreamSuccession succession;
         succession.play(0);
         std::vector<PacketPtr> played;
@@ -47,7 +47,7 @@ TEST(StreamSuccession, FollowsWhereNothingElseGoesOn) {
             for (int i = 0; i < run.packets; ++i) {
                 PacketPtr packet(av_packet_alloc());
                 packet->stream_index = run.stream;
-                succession.take(std::move(packet), 0, run.fromUs + i * kFrameUs, &played);
+                succession.take(std::move(packet), 0, run.fromUs + i * kPictureUs, &played);
             }
         }
         succession.end(&played);

@@ -54,7 +54,7 @@ struct FeedCase {
 };
 
 // Frames 0 and 40 ms have been sent when each case is decided.
-const Case kCases[] = {
+const FeedCase kCases[] = {
     {"a picture goes out", [](auto&, auto&) {}, step(FeedAction::Send, kTickNs)},
     {"decode", [](auto&, auto& now) { now.havePicture = false; }, step(FeedAction::Decode)},
     {"the buffer is not waited for beyond the next action",
