@@ -13,7 +13,9 @@
 #include <limits>
 #include <mutex>
 #include <thread>
+#include <utility>
 
+#include "tv/Observer.h"
 #include "tv/ScopedLock.h"
 
 namespace korvane::tv {
@@ -65,6 +67,7 @@ struct Tv::Impl {
     Display display;
     Tunnel tunnel;
     MediaSyncService mediaSync;
+    Observer<const Vsync&> vsyncs;
     std::mutex scanLock;
     int64_t scannedNs KORVANE_GUARDED_BY(scanLock);  ///< vsyncs up to here are scanned out
     std::mutex lock;
@@ -130,6 +133,10 @@ MediaSyncService& Tv::mediaSync() {
     return mImpl->mediaSync;
 }
 
+void Tv::observeVsyncs(std::function<void(const Vsync&)> observer) {
+    mImpl->vsyncs.set(std::move(observer));
+}
+
 void Tv::runVsyncs(int64_t nowNs) {
     mImpl->runVsyncs(nowNs);
 }
@@ -141,6 +148,7 @@ int64_t Tv::Impl::runVsyncs(int64_t nowNs) {
     while (vsync.timeNs <= nowNs) {
         const Vsync next = display.nextVsyncAfter(vsync.timeNs);
         tunnel.scanOut(vsync, next);
+        vsyncs.call(vsync);
         scannedNs = vsync.timeNs;
         vsync = next;
     }

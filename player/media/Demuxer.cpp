@@ -224,13 +224,13 @@ void Demuxer::keep(int stream, bool timesOnly) {
     mQueues[stream].timesOnly = timesOnly;
 }
 
-void Demuxer::keepOnly(int kept) {
+void Demuxer::keepOnly(int kept, bool timesOnly) {
     for (unsigned i = 0; i < mFormat->nb_streams; ++i) {
         if (static_cast<int>(i) != kept && trackOf(static_cast<int>(i)) < 0) {
             mFormat->streams[i]->discard = AVDISCARD_ALL;
         }
     }
-    keep(kept, true);
+    keep(kept, timesOnly);
 }
 
 int64_t Demuxer::reachedUs() const {

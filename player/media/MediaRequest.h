@@ -13,10 +13,13 @@
 #pragma once
 
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 
 namespace korvane::player {
+
+class SoundStore;
 
 struct MediaRequest {
     std::string name;
@@ -24,6 +27,8 @@ struct MediaRequest {
     std::optional<int> audio;    ///< the same
     std::optional<int> program;  ///< its number; streams of others are not taken
     bool withoutAudio = false;
+    /// Receives the samples of the audio as it is read; null: it is not decoded.
+    std::shared_ptr<SoundStore> sound;
     std::function<bool()> interrupted = {};  ///< ends a wait for data; may be empty
 };
 

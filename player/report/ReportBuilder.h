@@ -33,6 +33,8 @@ public:
     ReportBuilder(double nominalHz, const PlaybackPlan& plan);
 
     void onFrame(const FrameEntry& frame, const PlaybackRecord& soFar) override;
+    /// The first unexpected dwell's frame, as far as is known by now; empty: none yet.
+    std::optional<FrameAt> firstUnexpected() const;
     /// Call once, after the playback.
     Summary finish(const PlaybackRecord& record);
 

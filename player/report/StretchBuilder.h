@@ -31,6 +31,8 @@ public:
     double displayHz() const { return mReport.expected.displayHz; }
 
     void add(const FrameEntry& frame, const PlaybackRecord& soFar);
+    /// The first frame off the pattern that is known by now; empty: none.
+    std::optional<FrameAt> firstOut() const;
     /// Call once, after the last frame.
     /// @return nothing for a stretch in which no frame was shown
     std::optional<StretchReport> finish(const PlaybackRecord& soFar);
