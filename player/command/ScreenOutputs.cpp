@@ -65,29 +65,30 @@ void ScreenOutputs::begin(const MediaInfo& media, bool virtualTime, const Report
                           PlaybackHooks* hooks) {
     mRecordFile.begin();
     mStripFile.begin();
+    std::vector<ScreenListener*> screens;
     if (mRecordFile.wanted()) {
-        beginRecording(media, virtualTime, hooks);
+        screens.push_back(beginRecording(media, virtualTime));
     }
     if (mStripFile.wanted()) {
         mReport = &report;
-        hooks->screens.push_back(&mStrip.emplace(mOptions.stripAt.value_or(StripTarget{})));
+        screens.push_back(&mStrip.emplace(mOptions.stripAt.value_or(StripTarget{})));
         hooks->listeners.push_back(this);
     }
+    // In virtual time the display can wait for them: that takes no time of its own.
+    if (!screens.empty() && !virtualTime) {
+        screens = {&mQueue.emplace(screens)};
+    }
+    hooks->screens.insert(hooks->screens.end(), screens.begin(), screens.end());
 }
 
-void ScreenOutputs::beginRecording(const MediaInfo& media, bool virtualTime, PlaybackHooks* hooks) {
+Recording* ScreenOutputs::beginRecording(const MediaInfo& media, bool virtualTime) {
     RecordingSpec spec;
     spec.film = {mFormat, trueRate(mOptions), media.hasAudio && !mOptions.noAudio, !virtualTime};
     spec.width = mOptions.recordSize ? mOptions.recordSize->width : media.width;
     spec.height = mOptions.recordSize ? mOptions.recordSize->height : media.height;
     spec.bar = mOptions.recordBar;
     spec.sound = spec.film.withSound ? mSound : nullptr;
-    mRecording.emplace(spec, &mRecordFile.stream());
-    // In virtual time the display can wait while it is recorded: that takes no time of its own.
-    hooks->screens.push_back(&*mRecording);
-    if (!virtualTime) {
-        hooks->screens.back() = &mQueue.emplace(&*mRecording);
-    }
+    return &mRecording.emplace(spec, &mRecordFile.stream());
 }
 
 void ScreenOutputs::onFrame(const FrameEntry& /*frame*/, const PlaybackRecord& /*soFar*/) {
@@ -102,7 +103,7 @@ bool ScreenOutputs::finish(const Summary& summary) {
 }
 
 bool ScreenOutputs::finishRecording() {
-    if (mQueue && mQueue->missed() > 0) {
+    if (mRecording && mQueue && mQueue->missed() > 0) {
         say(
             fmt::format("--record {}: the machine is too slow to record in real time; {} vsyncs "
                         "show the picture before; give --record-size, or --clock virtual",

@@ -36,7 +36,7 @@ public:
     bool finish(const Summary& summary);
 
 private:
-    void beginRecording(const MediaInfo& media, bool virtualTime, PlaybackHooks* hooks);
+    Recording* beginRecording(const MediaInfo& media, bool virtualTime);
     bool finishRecording();
     bool finishStrip(const Summary& summary);
 
@@ -47,8 +47,8 @@ private:
     const std::shared_ptr<const SoundStore> mSound;
     const ReportBuilder* mReport = nullptr;
     std::optional<Recording> mRecording;
-    std::optional<ScreenQueue> mQueue;  ///< in real time; ends before the recording
     std::optional<Strip> mStrip;
+    std::optional<ScreenQueue> mQueue;  ///< in real time; ends before the two
 };
 
 }  // namespace korvane::player

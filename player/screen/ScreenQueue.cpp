@@ -7,8 +7,8 @@
 
 namespace korvane::player {
 
-ScreenQueue::ScreenQueue(ScreenListener* listener)
-    : mListener(*listener), mThread([this] { run(); }) {}
+ScreenQueue::ScreenQueue(std::vector<ScreenListener*> listeners)
+    : mListeners(std::move(listeners)), mThread([this] { run(); }) {}
 
 ScreenQueue::~ScreenQueue() {
     stop();
@@ -39,7 +39,9 @@ void ScreenQueue::onVsync(const ScreenMoment& moment, const tv::SoundRecord& sou
 
 void ScreenQueue::onScreenEnd(const tv::SoundRecord& sound) {
     stop();
-    mListener.onScreenEnd(sound);
+    for (auto* listener : mListeners) {
+        listener->onScreenEnd(sound);
+    }
 }
 
 int64_t ScreenQueue::missed() const {
@@ -58,7 +60,9 @@ void ScreenQueue::run() {
         const Entry entry = std::move(mWaiting.front());
         mWaiting.pop_front();
         lock.unlock();
-        mListener.onVsync(entry.moment, entry.sound);
+        for (auto* listener : mListeners) {
+            listener->onVsync(entry.moment, entry.sound);
+        }
         lock.lock();
     }
 }

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Hands vsyncs to a slow listener on a thread of its own, so that in real time the display does not
-// wait for it. A listener that falls behind by more than a second misses vsyncs.
+// Hands vsyncs to slow listeners on a thread of its own, so that in real time the display does not
+// wait for them. Listeners that fall behind by more than a second miss vsyncs.
 #pragma once
 
 #include <condition_variable>
@@ -9,6 +9,7 @@
 #include <deque>
 #include <mutex>
 #include <thread>
+#include <vector>
 
 #include "include/ThreadAnnotations.h"
 #include "player/playback/ScreenFeed.h"
@@ -17,14 +18,14 @@ namespace korvane::player {
 
 class ScreenQueue final : public ScreenListener {
 public:
-    /// @param listener  outlives the queue; must not throw
-    explicit ScreenQueue(ScreenListener* listener);
+    /// @param listeners  outlive the queue; must not throw
+    explicit ScreenQueue(std::vector<ScreenListener*> listeners);
     ~ScreenQueue() override;
     ScreenQueue(const ScreenQueue&) = delete;
     ScreenQueue& operator=(const ScreenQueue&) = delete;
 
     void onVsync(const ScreenMoment& moment, const tv::SoundRecord& sound) override;
-    /// Returns once the listener has seen all.
+    /// Returns once the listeners have seen all.
     void onScreenEnd(const tv::SoundRecord& sound) override;
 
     int64_t missed() const;
@@ -38,7 +39,7 @@ private:
     void run();
     void stop();
 
-    ScreenListener& mListener;
+    const std::vector<ScreenListener*> mListeners;
     mutable std::mutex mLock;
     std::condition_variable mWake;
     std::deque<Entry> mWaiting KORVANE_GUARDED_BY(mLock);

@@ -138,7 +138,7 @@ TEST_F(PlaybackTest, TheScreenShowsWhatTheRecordSays) {
     mPlan.seeks = {{400'000, 800'000}};
     Viewer direct;
     Viewer queued;
-    ScreenQueue queue(&queued);
+    ScreenQueue queue({&queued});
     mHooks.screens = {&direct, &queue};
     playAll();
     EXPECT_TRUE(direct.ended && queued.ended);
