@@ -119,6 +119,7 @@ FilmWriter::FilmWriter(const FilmSpec& spec, std::ostream* out)
     : mSpec(spec), mOut(*out), mCanSeek(canSeek(*out)), mPacket(av_packet_alloc()) {
     mData.reset(avio_alloc_context(static_cast<unsigned char*>(av_malloc(kDataBytes)), kDataBytes,
                                    1, this, nullptr, write, mCanSeek ? seek : nullptr));
+    av_log_set_level(AV_LOG_QUIET);
     AVFormatContext* film = nullptr;
     check(avformat_alloc_output_context2(&film, nullptr, spec.format.container.c_str(), nullptr),
           "cannot make a film");

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <exception>
+#include <stdexcept>
 #include <vector>
 
 #include "player/report/Cadence.h"
@@ -55,6 +56,9 @@ void Recording::onScreenEnd(const tv::SoundRecord& sound) {
     guard([&] {
         if (mRun) {
             writeRun(true);
+        }
+        if (mWritten == 0) {
+            throw std::runtime_error("playback ended before the first vsync");
         }
         writeSound(sound, INT64_MAX);
         mWriter.finish();

@@ -23,6 +23,7 @@
 #include "player/media/VideoReader.h"
 #include "player/screen/FigureBar.h"
 #include "player/screen/FilmWriter.h"
+#include "player/screen/Recording.h"
 #include "player/screen/Strip.h"
 #include "tests/player/command/CommandRunner.h"
 
@@ -319,6 +320,44 @@ TEST(FilmFormatTest, TakesTheBestEncoderThatThereIs) {
                 HasSubstr("lacks the encoder for it (libvpx-vp9, libvpx); let the name end in "
                           ".mp4 or .mkv"));
     EXPECT_THAT(with("mp4", {}), HasSubstr("the name tells no film"));
+}
+
+TEST(RecordingMomentsTest, RepeatsWhatItMissedAndDrawsForContentWithoutPictures) {
+    const std::string film = scratchFile("moments.mkv");
+    RecordingSpec spec;
+    spec.film = {filmFormat(film), {60, 1}, false, false};
+    spec.width = 320;
+    spec.height = 180;
+    spec.bar = true;
+    std::ofstream out(film);
+    Recording recording(spec, &out);
+    // Vsync 5 is black, 8 is not told; frame 1 stays for longer than the recording waits for it.
+    constexpr int64_t kFrames = 400;
+    for (int64_t vsync = 5; vsync < kFrames; ++vsync) {
+        ScreenMoment moment;
+        moment.vsync = {vsync, vsync * 16'666'667};
+        moment.frameNo = vsync < 6 ? -1 : vsync < 9 ? 0 : 1;
+        moment.dwell = vsync < 6 ? 0 : vsync < 9 ? vsync - 5 : vsync - 8;
+        if (vsync != 8) {
+            recording.onVsync(moment, {});
+        }
+    }
+    recording.onScreenEnd({});
+    EXPECT_EQ(recording.failure(), "");
+    out.close();
+    VideoReader reader(requestFor(film));
+    for (int64_t vsync = 5; vsync < kFrames; ++vsync) {
+        ASSERT_EQ(reader.next(), ReadStatus::Ready) << vsync;
+        const AVFrame& picture = *reader.picture();
+        const int32_t frame = vsync < 6 ? -1 : vsync < 9 ? 0 : 1;
+        EXPECT_EQ(readBar(picture, {0, 180, 320, barHeight(320)}),
+                  std::make_pair(frame, static_cast<uint32_t>(vsync)));
+        // The bar in the picture, 6 wide, moves by its width with each frame.
+        EXPECT_EQ(meanLuma(picture, {0, 20, 6, 140}) > 150.0, frame == 0) << vsync;
+        EXPECT_EQ(meanLuma(picture, {6, 20, 6, 140}) > 150.0, frame == 1) << vsync;
+    }
+    EXPECT_EQ(reader.next(), ReadStatus::End);
+    unlink(film.c_str());
 }
 
 /// The labels of a sheet, read off the picture: whether each cell's label is bright.
