@@ -26,7 +26,7 @@ namespace {
 constexpr int64_t kBreakOffToleranceUs = 500'000;
 
 /// By how much a stream may overlap the one that it goes on from: a few reordered pictures.
-constexpr int64_t kOverlapUs = 200'000;
+constexpr int64_t kStreamOverlapUs = 200'000;
 
 /// Key packets are nearer to each other than this.
 constexpr int64_t kAstrayUs = 10'000'000;
@@ -387,7 +387,7 @@ Demuxer::Successor Demuxer::successorOf(int index) const {
     for (const auto& [other, reach] : mReach) {
         if (own != mReach.end() && other != index &&
             stream(other).codecpar->codec_type == stream(index).codecpar->codec_type &&
-            reach.fromUs + kOverlapUs >= own->second.toUs) {
+            reach.fromUs + kStreamOverlapUs >= own->second.toUs) {
             return {other, reach.fromUs};
         }
     }
