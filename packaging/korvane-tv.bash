@@ -51,7 +51,8 @@ _korvane_tv() {
             compopt -o nospace
             ;;
         run:--events) compopt -o dirnames ;;
-        *:--trace | *:--csv | *:--json | *:--events) compopt -o default ;;
+        play:--strip-at) words="break frame:" ;;
+        *:--trace | *:--csv | *:--json | *:--events | *:--record | *:--strip) compopt -o default ;;
         *)
             if [[ $valued == *" $previous "* ]]; then
                 return # a number or a time

@@ -19,6 +19,19 @@ class SoundRecord {
 public:
     static constexpr size_t kStretches = 1024;
 
+    struct Stretch {
+        int64_t fromRealUs;
+        int64_t toRealUs;  ///< INT64_MAX: it goes on
+        int64_t fromMediaUs;
+        double speed;
+
+        bool covers(int64_t realUs) const { return realUs >= fromRealUs && realUs < toRealUs; }
+        int64_t mediaAt(int64_t realUs) const;
+        int64_t realAt(int64_t mediaUs) const;
+    };
+    /// By time.
+    const std::deque<Stretch>& stretches() const { return mStretches; }
+
     /// From `realUs` on a media time and what follows it is audible, in media seconds per second.
     /// No new stretch begins where the sound only goes on as it was.
     void begin(int64_t realUs, int64_t mediaUs, double speed);
@@ -39,16 +52,6 @@ public:
     static constexpr int64_t kNearUs = 500'000;
 
 private:
-    struct Stretch {
-        int64_t fromRealUs;
-        int64_t toRealUs;  ///< INT64_MAX: it goes on
-        int64_t fromMediaUs;
-        double speed;
-
-        bool covers(int64_t realUs) const { return realUs >= fromRealUs && realUs < toRealUs; }
-        int64_t mediaAt(int64_t realUs) const;
-        int64_t realAt(int64_t mediaUs) const;
-    };
     const Stretch* at(int64_t realUs) const;
 
     std::deque<Stretch> mStretches;  ///< by time

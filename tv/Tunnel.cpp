@@ -282,6 +282,16 @@ std::vector<BufferRecord> Tunnel::takeFinished(int tunnelId) {
     return finished;
 }
 
+std::optional<BufferRecord> Tunnel::onScreen() const {
+    const std::lock_guard<std::mutex> guard(mImpl->lock);
+    for (auto tunnel = mImpl->tunnels.rbegin(); tunnel != mImpl->tunnels.rend(); ++tunnel) {
+        if (auto buffer = tunnel->second.buffers.onScreen()) {
+            return buffer;
+        }
+    }
+    return std::nullopt;
+}
+
 int Tunnel::heldBuffers(int tunnelId) const {
     const std::lock_guard<std::mutex> guard(mImpl->lock);
     const auto found = mImpl->tunnels.find(tunnelId);

@@ -20,6 +20,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -129,6 +130,9 @@ public:
     /// one. Finished: no longer read by the panel, no fence pending, taken back by the producer or
     /// given up by a disconnect. Called regularly, it bounds the memory of a run of any length.
     std::vector<BufferRecord> takeFinished(int tunnelId);
+    /// The buffer on screen, of the newest tunnel that has one, with the picture that its memory
+    /// holds now; empty: the screen is black.
+    std::optional<BufferRecord> onScreen() const;
     /// Buffers inside a tunnel: waiting, on screen, or released and not yet taken back.
     int heldBuffers(int tunnelId) const;
     int openDevices() const;

@@ -230,6 +230,17 @@ int64_t TunnelBuffers::signalFences(int64_t nowNs) {
     return nextNs;
 }
 
+std::optional<BufferRecord> TunnelBuffers::onScreen() const {
+    if (mOnScreen < 0) {
+        return std::nullopt;
+    }
+    BufferRecord buffer = at(mOnScreen);
+    const PictureHeader picture = mMemory.at(mOnScreen).picture();
+    buffer.frameNo = picture.frameNo;
+    buffer.mediaTimeUs = picture.mediaTimeUs;
+    return buffer;
+}
+
 bool TunnelBuffers::uses(int64_t number) const {
     return mMemory.count(number) > 0 || mFences.count(number) > 0 ||
            std::any_of(mReturned.begin(), mReturned.end(),

@@ -16,6 +16,7 @@
 #include <cstdint>
 #include <deque>
 #include <map>
+#include <optional>
 #include <string>
 
 #include "tv/Display.h"
@@ -60,6 +61,8 @@ public:
     /// @return when the next one signals, or INT64_MAX
     int64_t signalFences(int64_t nowNs);
 
+    /// The record of the buffer on screen, with the picture that its memory holds now.
+    std::optional<BufferRecord> onScreen() const;
     /// Whether a stage, the panel or a pending fence still needs a buffer.
     bool uses(int64_t number) const;
     /// Buffers waiting, on screen, or returned and not taken back.

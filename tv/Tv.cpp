@@ -13,7 +13,9 @@
 #include <limits>
 #include <mutex>
 #include <thread>
+#include <utility>
 
+#include "tv/Observer.h"
 #include "tv/ScopedLock.h"
 #include "tv/Trace.h"
 
@@ -66,6 +68,7 @@ struct Tv::Impl {
     Display display;
     Tunnel tunnel;
     MediaSyncService mediaSync;
+    Observer<const Vsync&> vsyncs;
     std::mutex scanLock;
     int64_t scannedNs KORVANE_GUARDED_BY(scanLock);  ///< vsyncs up to here are scanned out
     std::mutex lock;
@@ -131,6 +134,10 @@ MediaSyncService& Tv::mediaSync() {
     return mImpl->mediaSync;
 }
 
+void Tv::observeVsyncs(std::function<void(const Vsync&)> observer) {
+    mImpl->vsyncs.set(std::move(observer));
+}
+
 void Tv::runVsyncs(int64_t nowNs) {
     mImpl->runVsyncs(nowNs);
 }
@@ -144,6 +151,7 @@ int64_t Tv::Impl::runVsyncs(int64_t nowNs) {
         tunnel.scanOut(vsync, next);
         // As Android draws it: the line changes at each vsync.
         traceCounter("display/vsync", vsync.index % 2, vsync.timeNs);
+        vsyncs.call(vsync);
         scannedNs = vsync.timeNs;
         vsync = next;
     }

@@ -10,6 +10,7 @@
 // libraries read the platform's monotonic clock (`systemTime`) and pass the time in.
 #pragma once
 
+#include <functional>
 #include <memory>
 
 #include "tv/Display.h"
@@ -54,6 +55,10 @@ public:
     Display& display();
     Tunnel& tunnel();
     MediaSyncService& mediaSync();
+
+    /// Calls this after each scan-out, on the thread that scans out; null: no longer. It must be
+    /// quick in real time. `Tunnel::onScreen` tells what the vsync shows.
+    void observeVsyncs(std::function<void(const Vsync&)> observer);
 
     /// Scans out every vsync up to and including `nowNs` that has not been scanned out yet.
     void runVsyncs(int64_t nowNs);

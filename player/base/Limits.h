@@ -31,6 +31,8 @@ constexpr int kFewestBuffers = 5;
 constexpr int kMostBuffers = 64;
 /// Above any index of a stream and any number of a program.
 constexpr int kMostStreams = 65'535;
+/// Width and height of a recording: what encoders take.
+constexpr Range kPictureSide{64, 8192};
 /// Scenarios that `run` plays at a time.
 constexpr int kMostJobs = 256;
 

@@ -125,6 +125,23 @@ const Kind<bool> kClock{"MODE",
                         },
                         "a clock; write virtual or real"};
 
+const Kind<PictureSize> kPictureSize{
+    "WxH",
+    [](const std::string& text) {
+        const size_t by = text.find('x');
+        const auto side = [](const std::string& number) {
+            const auto value = parseCount(number);
+            return value && kPictureSide.holds(*value) ? static_cast<int>(*value) : 0;
+        };
+        const PictureSize size{side(text.substr(0, by)),
+                               by == text.npos ? 0 : side(text.substr(by + 1))};
+        return size.width > 0 && size.height > 0 ? std::optional(size) : std::nullopt;
+    },
+    "a size; write for example 960x540"};
+
+const Kind<StripTarget> kStripTarget{"AT", parseStripTarget,
+                                     "a moment; write break, frame:500 or a time such as 12.5s"};
+
 const Kind<std::string> kOutputFile{
     "FILE",
     [](const std::string& text) {
@@ -279,6 +296,18 @@ void addOutputOptions(CLI::App* app, PlayOptions* options) {
     add(app, "--events", kOutputFile,
         "Write one line per event: sent, queued, shown, returned, dropped, ...",
         &options->eventsFile);
+    add(app, "--record", kOutputFile,
+        "Record the screen at every vsync with the sound that was heard, as .mp4, .mkv or .webm",
+        &options->recordFile);
+    addFlag(app, "--record-bar", &options->recordBar,
+            "Put a bar below the recording: frame, vsync, dwell, pattern, offset from the clock");
+    add(app, "--record-size", kPictureSize, "Size of the recording's pictures [the film's]",
+        &options->recordSize);
+    add(app, "--strip", kOutputFile, "Write the vsyncs around a moment as one picture (PNG)",
+        &options->stripFile);
+    add(app, "--strip-at", kStripTarget,
+        "The moment: break, the first unexpected dwell; frame:N; or a time since start [break]",
+        &options->stripAt);
     addFlag(app, "-q,--quiet", &options->quiet,
             "Print no progress, and only the verdict of the report");
 }

@@ -19,6 +19,7 @@
 #include "player/command/Message.h"
 #include "player/command/OutputFile.h"
 #include "player/command/Progress.h"
+#include "player/command/ScreenOutputs.h"
 #include "player/media/VideoReader.h"
 #include "player/playback/Playback.h"
 #include "player/report/EventRecorder.h"
@@ -39,14 +40,18 @@ namespace {
 /// The mask with a trace, unless another is asked for: the library's default and its counters.
 constexpr int kTraceLogMask = 1 + 16;
 
-/// The files of --csv, --json, --events and --trace.
+/// The files of --csv, --json, --events, --trace, --record and --strip.
 struct Outputs {
-    explicit Outputs(const PlayOptions& options)
+    Outputs(const PlayOptions& options, std::shared_ptr<const SoundStore> sound)
         : csv("--csv", options.csvFile),
           json("--json", options.jsonFile),
           events("--events", options.eventsFile),
-          trace("--trace", options.traceFile) {
-        claim(options.file, {&csv, &json, &events, &trace});
+          trace("--trace", options.traceFile),
+          screen(options, std::move(sound)) {
+        std::vector<const OutputFile*> all{&csv, &json, &events, &trace};
+        const auto screenFiles = screen.files();
+        all.insert(all.end(), screenFiles.begin(), screenFiles.end());
+        claim(options.file, all);
     }
 
     /// Empties the files; the trace's recorder does so itself.
@@ -73,6 +78,7 @@ struct Outputs {
     OutputFile json;
     OutputFile events;
     OutputFile trace;
+    ScreenOutputs screen;
 };
 
 /// Records a trace while it lives. Its thread must end with playback, however that ends: virtual
@@ -225,7 +231,8 @@ bool writeResults(const PlayOptions& options, const PlaybackRecord& record, cons
     if (!trace.failure.empty()) {
         say("--trace: " + trace.failure + "; the trace is not whole, playback and summary are");
     }
-    return outputs->finish() && trace.failure.empty();
+    const bool seen = outputs->screen.finish(summary);
+    return outputs->finish() && seen && trace.failure.empty();
 }
 
 /// A fault in the accounts outweighs the reason for which playback ended. Expectations come last:
@@ -257,10 +264,13 @@ int playFile(const PlayOptions& options) {
     const auto clock = startClock(options);
     MediaRequest request = requestOf(options);
     request.interrupted = interrupted;
+    if (!options.recordFile.empty()) {
+        request.sound = std::make_shared<SoundStore>();
+    }
     VideoReader video(request);
     const PlaybackPlan plan = planOf(options, video.info());
     auto audio = video.openAudio();
-    Outputs outputs(options);
+    Outputs outputs(options, request.sound);
     setProperties(options);
     outputs.begin();
     Trace trace(options.traceFile);
@@ -270,6 +280,7 @@ int playFile(const PlayOptions& options) {
     Origin origin{options.version, options.repeat, clock != nullptr, options.seed, ""};
     Listeners listeners(options, video.info(), plan, origin, &outputs);
     std::optional<LogSums> sums(!options.logMask);
+    outputs.screen.begin(video.info(), clock != nullptr, listeners.report, &listeners.hooks);
     const PlaybackRecord record = play(plan, video, std::move(audio), listeners.hooks);
     clearProgress();
     sums.reset();

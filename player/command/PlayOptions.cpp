@@ -18,6 +18,10 @@ std::vector<std::string> withoutEffect(const PlayOptions& options, const MediaIn
         }
     };
     const PlayOptions usual;
+    const std::string noRecord = "--record is not given";
+    note(options.recordBar && options.recordFile.empty(), "--record-bar", noRecord);
+    note(options.recordSize && options.recordFile.empty(), "--record-size", noRecord);
+    note(options.stripAt && options.stripFile.empty(), "--strip-at", "--strip is not given");
     const bool silent = options.noAudio || !media.hasAudio;
     const std::string whySilent = options.noAudio ? "--no-audio is given" : "the film has no audio";
     note(silent && options.audioDelayUs != usual.audioDelayUs, "--audio-delay", whySilent);

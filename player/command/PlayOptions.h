@@ -13,9 +13,15 @@
 #include "player/media/MediaRequest.h"
 #include "player/playback/PlaybackPlan.h"
 #include "player/scenario/Scenario.h"
+#include "player/screen/StripTarget.h"
 #include "tv/AudioOutput.h"
 
 namespace korvane::player {
+
+struct PictureSize {
+    int width = 0;
+    int height = 0;
+};
 
 struct PlayOptions {
     std::string file;
@@ -49,6 +55,11 @@ struct PlayOptions {
     std::string csvFile;
     std::string jsonFile;
     std::string eventsFile;
+    std::string recordFile;
+    bool recordBar = false;
+    std::optional<PictureSize> recordSize;  ///< empty: the content's
+    std::string stripFile;
+    std::optional<StripTarget> stripAt;
     bool quiet = false;
 
     std::optional<bool> virtualClock;  ///< empty: virtual where this build has it

@@ -16,11 +16,16 @@ constexpr int64_t kLongestPacketUs = 1'000'000;
 
 }  // namespace
 
-AudioReader::AudioReader(std::shared_ptr<Demuxer> demuxer, int stream)
+AudioReader::AudioReader(std::shared_ptr<Demuxer> demuxer, int stream,
+                         std::shared_ptr<SoundStore> sound)
     : mDemuxer(std::move(demuxer)),
       mStream(stream),
       mTimeBase(mDemuxer->stream(stream).time_base),
-      mPacket(av_packet_alloc()) {}
+      mPacket(av_packet_alloc()) {
+    if (sound) {
+        mDecoder = std::make_unique<SoundDecoder>(*mDemuxer, stream, std::move(sound));
+    }
+}
 
 AudioReader::~AudioReader() = default;
 
@@ -77,6 +82,9 @@ ReadStatus AudioReader::readOne(AudioPacket* packet) {
         packet->mediaTimeUs =
             mPacket->pts == AV_NOPTS_VALUE ? mNextUs : mDemuxer->toMediaUs(mPacket->pts, mTimeBase);
         mNextUs = packet->mediaTimeUs + packet->durationUs;
+        if (mDecoder) {
+            mDecoder->decode(*mPacket);
+        }
     }
     return status;
 }
@@ -84,6 +92,9 @@ ReadStatus AudioReader::readOne(AudioPacket* packet) {
 void AudioReader::seek(int64_t mediaTimeUs) {
     if (mDemuxer->seek(mStream, mediaTimeUs)) {
         mRecent.clear();
+        if (mDecoder) {
+            mDecoder->restart();
+        }
         mAhead.reset();
     }
     mSkipBeforeUs = mediaTimeUs;

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Reads the times of the audio packets of an input; nothing is decoded.
+// Reads the times of the audio packets of an input. Nothing is decoded, unless a SoundStore wants
+// the samples.
 //
 // FFmpeg takes a packet's duration from what it learns while it opens the input. Of sound that
 // begins later than it looks, it learns nothing: then a packet lasts until the next one.
@@ -16,6 +17,7 @@
 
 #include "player/media/Ffmpeg.h"
 #include "player/media/FrameSource.h"
+#include "player/media/SoundDecoder.h"
 
 namespace korvane::player {
 
@@ -24,7 +26,9 @@ class Demuxer;
 /// One thread at a time.
 class AudioReader final : public PacketSource {
 public:
-    AudioReader(std::shared_ptr<Demuxer> demuxer, int stream);
+    /// @param sound  receives what is read, decoded; null: nobody wants it
+    /// @throws InputError if it cannot be decoded
+    AudioReader(std::shared_ptr<Demuxer> demuxer, int stream, std::shared_ptr<SoundStore> sound);
     ~AudioReader() override;
     AudioReader(const AudioReader&) = delete;
     AudioReader& operator=(const AudioReader&) = delete;
@@ -41,6 +45,7 @@ private:
     const int mStream;
     const AVRational mTimeBase;
     const PacketPtr mPacket;
+    std::unique_ptr<SoundDecoder> mDecoder;  ///< null: nobody wants the samples
     int64_t mNextUs = 0;
     std::optional<AudioPacket> mAhead;  ///< read to learn how long the one before it lasts
     int64_t mLastDurationUs = 0;

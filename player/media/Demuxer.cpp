@@ -26,7 +26,7 @@ namespace {
 constexpr int64_t kBreakOffToleranceUs = 500'000;
 
 /// By how much a stream may overlap the one that it goes on from: a few reordered pictures.
-constexpr int64_t kOverlapUs = 200'000;
+constexpr int64_t kStreamOverlapUs = 200'000;
 
 /// Key packets are nearer to each other than this.
 constexpr int64_t kAstrayUs = 10'000'000;
@@ -300,14 +300,14 @@ void Demuxer::keep(int stream, bool timesOnly) {
     mQueues[stream].timesOnly = timesOnly;
 }
 
-void Demuxer::keepOnly(int kept) {
+void Demuxer::keepOnly(int kept, bool timesOnly) {
     for (unsigned i = 0; i < mFormat->nb_streams; ++i) {
         // Of what is followed, all has to be seen.
         if (static_cast<int>(i) != kept && mFollowed[0] < 0) {
             mFormat->streams[i]->discard = AVDISCARD_ALL;
         }
     }
-    keep(kept, true);
+    keep(kept, timesOnly);
 }
 
 int64_t Demuxer::reachedUs() const {
@@ -493,7 +493,7 @@ Demuxer::Successor Demuxer::successorOf(int index) const {
     for (const auto& [other, reach] : mReach) {
         if (own != mReach.end() && other != index &&
             stream(other).codecpar->codec_type == stream(index).codecpar->codec_type &&
-            reach.fromUs + kOverlapUs >= own->second.toUs) {
+            reach.fromUs + kStreamOverlapUs >= own->second.toUs) {
             return {other, reach.fromUs};
         }
     }

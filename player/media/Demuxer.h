@@ -80,7 +80,7 @@ public:
     /// @param timesOnly  their data is not wanted
     void keep(int stream, bool timesOnly);
     /// The same for audio that is read alone: all other streams are skipped as they are read.
-    void keepOnly(int stream);
+    void keepOnly(int stream, bool timesOnly);
     /// Takes the next packet of a stream that is kept.
     ReadStatus read(int stream, AVPacket* packet);
     /// Media time that any stream's data reaches.

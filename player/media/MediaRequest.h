@@ -13,12 +13,15 @@
 #pragma once
 
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 
 #include "player/base/FrameRate.h"
 
 namespace korvane::player {
+
+class SoundStore;
 
 struct MediaRequest {
     std::string name;
@@ -28,6 +31,8 @@ struct MediaRequest {
     bool withoutAudio = false;
     std::optional<FrameRate> rate = {};      ///< of pictures without times, as an image sequence's
     std::optional<int64_t> limitUs = {};     ///< so much is to be played: no longer wait for a pipe
+    /// Receives the samples of the audio as it is read; null: it is not decoded.
+    std::shared_ptr<SoundStore> sound;
     std::function<bool()> interrupted = {};  ///< ends a wait for data; may be empty
 };
 

@@ -86,7 +86,7 @@ struct VideoReader::Impl {
         demuxer->follow(choice.video, choice.audio);
         demuxer->keep(choice.video, false);
         if (info.audioStream >= 0 && !info.canSeek) {
-            demuxer->keep(choice.audio, true);
+            demuxer->keep(choice.audio, asked.sound == nullptr);
         }
         decodedAhead = decodeNext();
         if (*decodedAhead != ReadStatus::Ready) {
@@ -352,9 +352,9 @@ std::unique_ptr<PacketSource> VideoReader::openAudio() const {
     if (mImpl->info.canSeek) {
         demuxer = std::make_shared<Demuxer>(mImpl->request);
         demuxer->follow(mImpl->choice.video, mImpl->choice.audio);
-        demuxer->keepOnly(mImpl->choice.audio);
+        demuxer->keepOnly(mImpl->choice.audio, mImpl->request.sound == nullptr);
     }
-    return std::make_unique<AudioReader>(demuxer, mImpl->choice.audio);
+    return std::make_unique<AudioReader>(demuxer, mImpl->choice.audio, mImpl->request.sound);
 }
 
 const MediaInfo& VideoReader::info() const {

@@ -172,6 +172,13 @@ std::optional<int64_t> FrameLedger::nextUs() const {
     return nextUs;
 }
 
+std::optional<int64_t> FrameLedger::clockRealUs(int64_t frameNo) const {
+    const std::lock_guard<std::mutex> guard(mLock);
+    const auto index = static_cast<size_t>(frameNo - mFirst);
+    return frameNo >= mFirst && index < mEntries.size() ? mEntries[index].clockRealUs
+                                                        : std::nullopt;
+}
+
 int64_t FrameLedger::positionUs() const {
     const std::lock_guard<std::mutex> guard(mLock);
     return mPositionUs;

@@ -115,6 +115,9 @@ public:
     int64_t frames() const;
     /// -1 for a frame that is no longer in the ledger.
     int64_t mediaTimeUs(int64_t frameNo);
+    /// The clock's real time for a frame when its render time came; empty: it has not come, or the
+    /// clock was not running.
+    std::optional<int64_t> clockRealUs(int64_t frameNo) const;
     /// Frames that have neither come back nor reached their render time.
     int64_t inLibrary() const;
     /// Media time of the oldest of them; empty: there is none.

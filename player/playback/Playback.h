@@ -32,6 +32,7 @@
 #include "player/playback/FrameLedger.h"
 #include "player/playback/PlaybackPlan.h"
 #include "player/playback/PlaybackRecord.h"
+#include "player/playback/ScreenFeed.h"
 #include "tv/Log.h"
 
 namespace korvane::player {
@@ -63,6 +64,7 @@ struct PlaybackProgress {
 /// ends the playback like a listener's.
 struct PlaybackHooks {
     std::vector<PlaybackListener*> listeners;
+    std::vector<ScreenListener*> screens;
     /// Receives each line that anything logs, on the thread that logs it.
     std::function<void(const tv::LogLine&)> onLogLine;
     /// Called often on the player's thread, with the monotonic time; must be quick.

@@ -60,6 +60,7 @@ PlaybackSession::PlaybackSession(const PlaybackPlan& plan, FrameSource& video,
       mPool(plan.buffers),
       mCollector(hooks.listeners, &mLedger, &mRecord),
       mCallbacks(plan, &mPool, &mLedger, &mFailure),
+      mScreen(hooks.screens, mLedger, plan.buffers),
       mClockWatch(&mRecord),
       mSchedule(plan, mFrameUs),
       mAudioSource(std::move(audio)) {
@@ -77,6 +78,9 @@ PlaybackSession::PlaybackSession(const PlaybackPlan& plan, FrameSource& video,
 
 PlaybackSession::~PlaybackSession() {
     // Normally all has stopped already; not so after an exception.
+    if (mTv) {
+        mTv->observeVsyncs(nullptr);
+    }
     mFaults.reset();
     if (mRenderer) {
         mRenderer->stop();
@@ -167,11 +171,22 @@ void PlaybackSession::start() {
     for (auto* listener : mHooks.listeners) {
         listener->onStart(mRecord);
     }
+    watchScreen();
     mFaults->start(mRecord.startNs);
     mRenderer->start();
     if (mAudio) {
         mAudio->start(firstUs);
     }
+}
+
+void PlaybackSession::watchScreen() {
+    if (!mScreen.wanted()) {
+        return;
+    }
+    mScreen.begin(mRecord.startNs);
+    mTv->observeVsyncs([this](const tv::Vsync& vsync) {
+        mFailure.guard([&] { mScreen.see(vsync, mTv->tunnel().onScreen(), sound()); });
+    });
 }
 
 /// On the fault player's thread.
@@ -298,6 +313,9 @@ void PlaybackSession::send(int64_t longestWaitNs) {
     const int section = std::max(static_cast<int>(mRecord.sections.size()) - 1, 0);
     const int64_t frameNo = mLedger.sent(mediaTimeUs, section, buffer, tv::nowNs(),
                                          isLate(mediaTimeUs), waitedNs, mVideo.followsSplice());
+    if (mScreen.wanted()) {
+        mScreen.keep(buffer, frameNo, mVideo.picture());
+    }
     const size_t bytes = mPool.fill(buffer, mVideo.picture(), frameNo, mediaTimeUs);
     if (mPlan.passthrough) {
         mRenderer->onVideoSyncQueueVideoFrame(mediaTimeUs, static_cast<unsigned>(bytes));
@@ -445,6 +463,8 @@ void PlaybackSession::stopRenderer() {
 PlaybackRecord PlaybackSession::finish() {
     mFaults->stop();
     watchAudio();
+    mTv->observeVsyncs(nullptr);
+    mScreen.end(sound());
     stopRenderer();
     mRecord.stopNs = tv::nowNs();
     if (mAudio) {
@@ -463,6 +483,10 @@ PlaybackRecord PlaybackSession::finish() {
     mRecord.decodeErrors = mVideo.decodeErrors();
     mRecord.media = mVideo.info();
     return mRecord;
+}
+
+tv::SoundRecord PlaybackSession::sound() const {
+    return mAudio ? mAudio->sound() : tv::SoundRecord();
 }
 
 void PlaybackSession::act(EventKind kind, int64_t number, const std::string& text) {

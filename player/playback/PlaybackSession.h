@@ -26,6 +26,7 @@
 #include "player/playback/FrameLedger.h"
 #include "player/playback/LibraryCallbacks.h"
 #include "player/playback/Playback.h"
+#include "player/playback/ScreenFeed.h"
 #include "tv/Tv.h"
 
 namespace korvane::player {
@@ -51,6 +52,7 @@ private:
     void makeRenderer();
     void prebuffer();
     void start();
+    void watchScreen();
     void applyFaults(const TvFaults& faults);
 
     // loop
@@ -78,6 +80,7 @@ private:
     void stopRenderer();
     PlaybackRecord finish();
 
+    tv::SoundRecord sound() const;
     void act(EventKind kind, int64_t number = 0, const std::string& text = "");
     int64_t atPlaybackTime(int64_t us) const { return mRecord.startNs + us * 1000; }
 
@@ -94,6 +97,7 @@ private:
     FrameLedger mLedger;
     FrameCollector mCollector;
     LibraryCallbacks mCallbacks;
+    ScreenFeed mScreen;
     ClockWatch mClockWatch;
     FeedSchedule mSchedule;
     std::unique_ptr<PacketSource> mAudioSource;  ///< until the feeder has it

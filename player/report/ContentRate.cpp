@@ -16,7 +16,7 @@ constexpr double kBroadcastAgreement = 0.0005;
 constexpr double kBroadcastRates[] = {24 / 1.001, 24, 25,  30 / 1.001,  30, 48 / 1.001, 48, 50,
                                       60 / 1.001, 60, 100, 120 / 1.001, 120};
 /// Timestamps are rounded to a millisecond at worst.
-constexpr double kRoundingUs = 1'000;
+constexpr double kMediaRoundingUs = 1'000;
 /// Longest turn of shorter and longer frames, and how much its steps may differ from turn to turn.
 constexpr size_t kLongestTurn = 5;
 constexpr int64_t kTurnRoundingUs = 2'000;
@@ -103,7 +103,7 @@ bool ContentRate::beginSpan() {
     if (mMeanOf >= kSteadyRunFrames && mStepUs > 0.0) {
         const double measuredHz = 1e6 / mStepUs;
         const bool agrees = std::abs(measuredHz - mNominalHz) <= kRateAgreement * measuredHz;
-        const double rounding = kRoundingUs / (mStepUs * static_cast<double>(mMeanOf));
+        const double rounding = kMediaRoundingUs / (mStepUs * static_cast<double>(mMeanOf));
         mContent.hz =
             agrees ? mNominalHz : asBroadcast(measuredHz, std::max(kBroadcastAgreement, rounding));
     }

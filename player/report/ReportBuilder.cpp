@@ -45,6 +45,15 @@ void ReportBuilder::processKnown(const PlaybackRecord& soFar) {
     }
 }
 
+std::optional<FrameAt> ReportBuilder::firstUnexpected() const {
+    for (const auto& stretch : mSummary.stretches) {
+        if (!stretch.breaks.empty()) {
+            return stretch.firstOut;
+        }
+    }
+    return mStretch ? mStretch->firstOut() : std::nullopt;
+}
+
 Summary ReportBuilder::finish(const PlaybackRecord& record) {
     mRate.end();
     processKnown(record);

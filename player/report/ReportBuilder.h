@@ -40,6 +40,8 @@ public:
     /// Takes each line, logged at a monotonic time. Any thread.
     void seeLog(const tv::LogLine& line, int64_t nowUs) { mPatterns.see(line, nowUs); }
     void onFrame(const FrameEntry& frame, const PlaybackRecord& soFar) override;
+    /// The first unexpected dwell's frame, as far as is known by now; empty: none yet.
+    std::optional<FrameAt> firstUnexpected() const;
     /// Call once, after the playback.
     Summary finish(const PlaybackRecord& record);
 

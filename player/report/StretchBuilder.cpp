@@ -206,6 +206,12 @@ std::optional<StretchReport> StretchBuilder::finish(const PlaybackRecord& soFar)
     return mReport;
 }
 
+std::optional<FrameAt> StretchBuilder::firstOut() const {
+    const auto& breaks = mReport.breaks;
+    return breaks.empty() ? std::nullopt
+                          : std::optional(FrameAt{breaks.front().frameNo, breaks.front().shownUs});
+}
+
 void StretchBuilder::reportCadence() {
     mReport.dwells = mTracker.dwells();
     if (mReport.judged()) {
@@ -219,9 +225,7 @@ void StretchBuilder::reportCadence() {
     const bool asExpected =
         mostlyInStep || samePattern(seenPattern(last), mReport.expected.pattern);
     mReport.seen = asExpected ? mReport.expected.name() : seenPatternName(last);
-    if (!mReport.breaks.empty()) {
-        mReport.firstOut = {mReport.breaks.front().frameNo, mReport.breaks.front().shownUs};
-    }
+    mReport.firstOut = firstOut().value_or(FrameAt{});
 }
 
 void StretchBuilder::reportHeldAfter(const PlaybackRecord& soFar) {

@@ -35,6 +35,8 @@ public:
     void add(const FrameEntry& frame, const PlaybackRecord& soFar);
     /// The first frame whose dwell may still turn out to be unexpected; INT64_MAX: none so far.
     int64_t judgedUpTo() const;
+    /// The first frame off the pattern that is known by now; empty: none.
+    std::optional<FrameAt> firstOut() const;
     /// Call once, after the last frame.
     /// @return nothing for a stretch in which no frame was shown
     std::optional<StretchReport> finish(const PlaybackRecord& soFar);

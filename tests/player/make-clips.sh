@@ -36,6 +36,11 @@ dd if=/dev/zero of=damaged.ts bs=1000 seek=100 count=20 conv=notrunc status=none
 ffmpeg -v error -y -t 0.01 -i 24.mp4 -i 24.mp4 -map 0:v -map 1:a -c copy one-frame.mp4
 ffmpeg -v error -y -i 24.mkv -c copy -output_ts_offset 10 from-10s.mkv
 ffmpeg -v error -y -f lavfi -i sine=duration=1 tone.wav
+# Brightness counts the pictures; a click at 1.5 s.
+ffmpeg -v error -y -f lavfi -i "color=size=320x180:rate=24:duration=3,format=yuv420p,
+    geq=lum='20+2*N':cb=128:cr=128" -f lavfi -i "aevalsrc='0.1*sin(2*PI*440*t)+
+    if(between(t,1.5,1.502),0.8,0)':s=44100:d=3" -c:v mpeg4 -q:v 2 -c:a aac -b:a 192k \
+    -movflags +faststart numbered.mp4
 size=$(wc -c <24.mp4)
 head -c $((size * 6 / 10)) 24.mp4 >half.mp4
 head -c $((size * 6 / 10)) 24.mkv >half.mkv

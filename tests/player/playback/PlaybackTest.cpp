@@ -8,12 +8,14 @@
 #include <algorithm>
 #include <chrono>
 #include <functional>
+#include <map>
 #include <stdexcept>
 #include <string>
 #include <thread>
 
 #include "VideoTunnelRenderer.h"
 #include "player/media/SyntheticContent.h"
+#include "player/screen/ScreenQueue.h"
 #include "tests/support/TvFixture.h"
 
 namespace {
@@ -56,6 +58,18 @@ public:
 
     std::string failAt;
     std::vector<FrameEntry> frames;
+};
+
+/// Which frame each vsync showed.
+class Viewer : public ScreenListener {
+public:
+    void onVsync(const ScreenMoment& moment, const tv::SoundRecord& /*sound*/) override {
+        frames[moment.vsync.index] = moment.frameNo;
+    }
+    void onScreenEnd(const tv::SoundRecord& /*sound*/) override { ended = true; }
+
+    std::map<int64_t, int64_t> frames;
+    bool ended = false;
 };
 
 class PlaybackTest : public ::testing::Test {
@@ -117,6 +131,32 @@ TEST_F(PlaybackTest, SaysThatTheLibraryGivesNoRenderer) {
     gNoRenderer = true;
     EXPECT_THAT(failure(), testing::HasSubstr("VideoTunnelRenderer_create returned null"));
     gNoRenderer = false;
+}
+
+TEST_F(PlaybackTest, TheScreenShowsWhatTheRecordSays) {
+    const auto clock = test::virtualTimeIfAvailable();
+    mPlan.seeks = {{400'000, 800'000}};
+    Viewer direct;
+    Viewer queued;
+    ScreenQueue queue({&queued});
+    mHooks.screens = {&direct, &queue};
+    playAll();
+    EXPECT_TRUE(direct.ended && queued.ended);
+    EXPECT_EQ(queue.missed(), 0);
+    EXPECT_EQ(queued.frames, direct.frames);
+    std::map<int64_t, int64_t> shown;
+    for (const FrameEntry& frame : mCollector.frames) {
+        for (int64_t i = 0; frame.outcome == Outcome::Shown && i < frame.record->dwellVsyncs; ++i) {
+            shown[frame.record->firstVsync.index + i] = frame.frameNo;
+        }
+    }
+    // Before the first one, the screen is black.
+    const auto last = direct.frames.rbegin()->first;
+    for (int64_t vsync = direct.frames.begin()->first; vsync <= last; ++vsync) {
+        const auto found = shown.find(vsync);
+        EXPECT_EQ(direct.frames.at(vsync), found != shown.end() ? found->second : -1) << vsync;
+    }
+    EXPECT_GE(last + 1, shown.rbegin()->first) << "up to the end";
 }
 
 TEST_F(PlaybackTest, ThrowsAgainWhatAListenerOrAnObserverThrows) {

@@ -1,0 +1,48 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "player/screen/HeardSound.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace korvane::player {
+namespace {
+
+constexpr double kSamplesPerUs = kSoundHz / 1e6;
+
+}  // namespace
+
+/// Within a stretch, the place of each sample is computed from the stretch's beginning, so that
+/// it does not depend on how the sound is cut into pieces.
+std::vector<float> heardSound(const tv::SoundRecord& record, const SoundStore& store,
+                              int64_t originNs, int64_t fromSample, int64_t count) {
+    std::vector<float> heard(static_cast<size_t>(count * kSoundChannels));
+    const double originUs = static_cast<double>(originNs) / 1000.0;
+    for (const auto& stretch : record.stretches()) {
+        const double beginsAt =
+            (static_cast<double>(stretch.fromRealUs) - originUs) * kSamplesPerUs;
+        const double endsAt = (static_cast<double>(stretch.toRealUs) - originUs) * kSamplesPerUs;
+        const auto first = std::max(beginsAt, static_cast<double>(fromSample));
+        const auto end = std::min(endsAt, static_cast<double>(fromSample + count));
+        if (first >= end) {
+            continue;
+        }
+        const auto filmSample = [&](int64_t sample) {
+            return std::llround(static_cast<double>(stretch.fromMediaUs) * kSamplesPerUs +
+                                (static_cast<double>(sample) - beginsAt) * stretch.speed);
+        };
+        const auto last = static_cast<int64_t>(std::ceil(end));
+        for (auto sample = static_cast<int64_t>(std::ceil(first)); sample < last;) {
+            // As many as follow each other in the film, too: all, unless the speed is not 1.
+            const int64_t from = filmSample(sample);
+            int64_t run = 1;
+            while (sample + run < last && filmSample(sample + run) == from + run) {
+                ++run;
+            }
+            store.read(from, run, heard.data() + (sample - fromSample) * kSoundChannels);
+            sample += run;
+        }
+    }
+    return heard;
+}
+
+}  // namespace korvane::player
