@@ -155,6 +155,7 @@ void TunnelBuffers::replace(int64_t number, const Vsync& vsync, const Vsync& nex
     BufferRecord& shown = at(number);
     shown.fate = BufferFate::OnScreen;
     shown.firstVsync = vsync;
+    shown.vsyncPeriodNs = next.timeNs - vsync.timeNs;
     shown.dwellVsyncs = 1;
     if (old < 0) {
         return;

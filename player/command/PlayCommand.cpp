@@ -8,6 +8,7 @@
 #include <iostream>
 #include <memory>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
@@ -18,8 +19,11 @@
 #include "player/command/Interrupt.h"
 #include "player/command/Message.h"
 #include "player/command/OutputFile.h"
+#include "player/command/OutputFolder.h"
 #include "player/command/Progress.h"
 #include "player/media/VideoReader.h"
+#include "player/page/Page.h"
+#include "player/page/PageAssets.h"
 #include "player/playback/Playback.h"
 #include "player/report/EventRecorder.h"
 #include "player/report/Report.h"
@@ -37,28 +41,33 @@ namespace {
 /// The system property from which the library takes its log mask.
 constexpr char kLogMaskProperty[] = "vendor.korvane.loglevels";
 
-/// The files of --csv, --json, --events and --trace.
+/// The files of --csv, --ledger, --json, --events, --report and --trace.
 struct Outputs {
     explicit Outputs(const PlayOptions& options)
         : csv("--csv", options.csvFile),
+          ledger("--ledger", options.ledgerFile),
           json("--json", options.jsonFile),
           events("--events", options.eventsFile),
+          folder("--report", options.reportFolder),
+          page("--report", inFolder(options.reportFolder, "report.html")),
+          pageEvents("--report", inFolder(options.reportFolder, "events.txt")),
           trace("--trace", options.traceFile) {
-        claim(options.file, {&csv, &json, &events, &trace});
+        claim(options.file, {&csv, &ledger, &json, &events, &page, &pageEvents, &trace});
     }
 
     /// Empties the files; the trace's recorder does so itself.
     void begin() {
-        csv.begin();
-        json.begin();
-        events.begin();
+        folder.keep();
+        for (OutputFile* output : written()) {
+            output->begin();
+        }
         trace.keep();
     }
 
     /// @return whether all are whole; says which is not
     bool finish() {
         bool whole = true;
-        for (OutputFile* output : {&csv, &json, &events}) {
+        for (OutputFile* output : written()) {
             if (const std::string failure = output->finish(); !failure.empty()) {
                 say(failure);
                 whole = false;
@@ -67,9 +76,27 @@ struct Outputs {
         return whole;
     }
 
+    std::vector<OutputFile*> written() {
+        return {&csv, &ledger, &json, &events, &page, &pageEvents};
+    }
+    /// Where the event log goes.
+    std::vector<std::ostream*> eventStreams() {
+        std::vector<std::ostream*> streams;
+        for (OutputFile* output : {&events, &pageEvents}) {
+            if (output->wanted()) {
+                streams.push_back(&output->stream());
+            }
+        }
+        return streams;
+    }
+
     OutputFile csv;
+    OutputFile ledger;
     OutputFile json;
     OutputFile events;
+    OutputFolder folder;
+    OutputFile page;
+    OutputFile pageEvents;
     OutputFile trace;
 };
 
@@ -134,11 +161,18 @@ void sayNotes(const PlayOptions& options, const MediaInfo& media) {
 struct Listeners {
     Listeners(const PlayOptions& options, const MediaInfo& media, const PlaybackPlan& plan,
               Outputs* outputs)
-        : report(media.frameRateHz, plan),
-          events(outputs->events.wanted() ? &outputs->events.stream() : nullptr),
+        : page(outputs->page.wanted() ? std::make_unique<PageRecorder>() : nullptr),
+          report(media.frameRateHz, plan, page.get()),
+          events(outputs->eventStreams()),
           recorder(&events),
           progress(!options.quiet) {
         hooks.listeners = {&report, &recorder};
+        if (page) {
+            hooks.listeners.push_back(page.get());
+        }
+        if (outputs->ledger.wanted()) {
+            hooks.listeners.push_back(&ledger.emplace(outputs->ledger.stream()));
+        }
         if (outputs->csv.wanted()) {
             hooks.listeners.push_back(&frames.emplace(outputs->csv.stream()));
         }
@@ -153,16 +187,21 @@ struct Listeners {
             if (watch) {
                 watch->see(line);
             }
+            if (page) {
+                page->onLogLine(line);
+            }
         };
         hooks.onProgress = [this](const PlaybackProgress& state, int64_t nowNs) {
             progress.update(state, nowNs);
         };
     }
 
+    std::unique_ptr<PageRecorder> page;  ///< null: not asked for
     ReportBuilder report;
     EventLog events;
     EventRecorder recorder;
     std::optional<CsvWriter> frames;
+    std::optional<LedgerWriter> ledger;
     std::optional<LogWatch> watch;  ///< counts the lines that --expect names
     Progress progress;
     PlaybackHooks hooks;
@@ -180,7 +219,7 @@ std::vector<std::string> unmet(const PlayOptions& options, const PlaybackRecord&
 /// @return whether all outputs are whole
 bool writeResults(const PlayOptions& options, const PlaybackRecord& record, const Summary& summary,
                   const tv::TraceReport& trace, const std::vector<std::string>& failed,
-                  const Origin& origin, Outputs* outputs) {
+                  const Origin& origin, PageRecorder* page, Outputs* outputs) {
     if (record.end == EndCause::BrokenOff) {
         say("'" + options.file + "' breaks off in the middle; it was played up to there");
     }
@@ -195,6 +234,11 @@ bool writeResults(const PlayOptions& options, const PlaybackRecord& record, cons
     std::cout << std::flush;
     if (outputs->json.wanted()) {
         writeJson(outputs->json.stream(), origin, record, summary, trace);
+    }
+    if (page != nullptr) {
+        const std::string name = options.file.substr(options.file.find_last_of('/') + 1);
+        outputs->page.stream().seekp(0);
+        writePage(outputs->page.stream(), {name, "", failed}, origin, record, summary, trace, page);
     }
     if (!trace.failure.empty()) {
         say("--trace: " + trace.failure + "; the trace is not whole, playback and summary are");
@@ -231,12 +275,19 @@ int playFile(const PlayOptions& options) {
     const auto clock = startClock(options);
     MediaRequest request = requestOf(options);
     request.interrupted = interrupted;
+    if (!options.reportFolder.empty() && !pageLacks().empty()) {
+        throw std::runtime_error("--report: " + std::string(pageLacks()));
+    }
     VideoReader video(request);
     const PlaybackPlan plan = planOf(options, video.info());
     auto audio = video.openAudio();
     Outputs outputs(options);
     setProperties(options);
     outputs.begin();
+    if (outputs.page.wanted()) {
+        writeUnfinishedPage(outputs.page.stream(), options.file);
+        outputs.page.stream().flush();
+    }
     Trace trace(options.traceFile);
     catchInterrupts();
     sayNotes(options, video.info());
@@ -250,8 +301,8 @@ int playFile(const PlayOptions& options) {
     const Origin origin{options.version, options.repeat, clock != nullptr, options.seed,
                         listeners.events.hash()};
     const auto failed = unmet(options, record, summary, listeners);
-    const bool written =
-        writeResults(options, record, summary, traceReport, failed, origin, &outputs);
+    const bool written = writeResults(options, record, summary, traceReport, failed, origin,
+                                      listeners.page.get(), &outputs);
     return statusOf(options, record, summary, failed.empty(), written);
 }
 

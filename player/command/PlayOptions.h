@@ -48,6 +48,8 @@ struct PlayOptions {
     std::string csvFile;
     std::string jsonFile;
     std::string eventsFile;
+    std::string ledgerFile;
+    std::string reportFolder;
     bool quiet = false;
 
     std::optional<bool> virtualClock;  ///< empty: virtual where this build has it

@@ -70,8 +70,7 @@ void LibraryCallbacks::onBufferBack(int fd, bool rendered) {
         buffer.rendered = rendered;
         buffer.insideFlush = tInsideFlush.get();
         if (!rendered && !tInsideFlush.get()) {
-            buffer.dropReason =
-                reasonOfDrop(mLedger.mediaTimeUs(holding.frameNo), &buffer.dropEvidence);
+            noteDrop(mLedger.mediaTimeUs(holding.frameNo), &buffer);
         }
         mLedger.returned(buffer);
     }
@@ -79,10 +78,15 @@ void LibraryCallbacks::onBufferBack(int fd, bool rendered) {
     mPool.giveBack(fd);
 }
 
-DropReason LibraryCallbacks::reasonOfDrop(int64_t mediaTimeUs, DropEvidence* evidence) {
+void LibraryCallbacks::noteDrop(int64_t mediaTimeUs, ReturnedBuffer* buffer) {
     const DropReason announced = std::exchange(tAnnounced.get(), DropReason::None);
-    *evidence = announced != DropReason::None ? DropEvidence::LogLine : DropEvidence::Values;
-    return announced != DropReason::None ? announced : dropReasonFromValues(valuesNow(mediaTimeUs));
+    const bool said = announced != DropReason::None;
+    const DropValues values = valuesNow(mediaTimeUs);
+    buffer->dropEvidence = said ? DropEvidence::LogLine : DropEvidence::Values;
+    buffer->dropReason = said ? announced : dropReasonFromValues(values);
+    if (values.clockRuns) {
+        buffer->dropLateUs = values.lateUs;
+    }
 }
 
 DropValues LibraryCallbacks::valuesNow(int64_t mediaTimeUs) {
@@ -93,7 +97,9 @@ DropValues LibraryCallbacks::valuesNow(int64_t mediaTimeUs) {
     values.flushing = mFlushing;
     values.syncMode = mClock->mode();
     values.underflowSeen = mAudio != nullptr && mAudio->report().underflows > 0;
-    values.lateUs = nowUs - mClock->realTimeFor(mediaTimeUs, nowUs);
+    const int64_t realUs = mClock->realTimeFor(mediaTimeUs, nowUs);
+    values.lateUs = nowUs - realUs;
+    values.clockRuns = realUs >= 0 && !mClock->paused();
     values.vsyncPeriodUs = static_cast<int64_t>(1e6 / mPlan.tv.display.rateHz);
     return values;
 }

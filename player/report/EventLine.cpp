@@ -68,6 +68,10 @@ KindNames namesOf(EventKind kind) {
 
 }  // namespace
 
+const char* toString(EventKind kind) {
+    return namesOf(kind).name;
+}
+
 void appendLine(const Event& event, int64_t startNs, std::string* to) {
     constexpr int64_t kSecond = 1'000'000'000;
     const KindNames names = namesOf(event.kind);

@@ -15,6 +15,9 @@
 
 namespace korvane::player {
 
+/// "seek".
+const char* toString(EventKind kind);
+
 /// Appends the line, with its line feed.
 void appendLine(const Event& event, int64_t startNs, std::string* to);
 

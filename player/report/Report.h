@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The report in its three forms: text for people, JSON and CSV for scripts.
+// The report in its forms: text for people; the summary as JSON and the frames as CSV or JSON lines
+// for scripts.
 #pragma once
 
 #include <cstdint>
@@ -41,6 +42,20 @@ void writeJson(std::ostream& out, const Origin& origin, const PlaybackRecord& re
 class CsvWriter final : public PlaybackListener {
 public:
     explicit CsvWriter(std::ostream& out);
+    void onFrame(const FrameEntry& frame, const PlaybackRecord& soFar) override;
+
+private:
+    std::ostream& mOut;
+};
+
+/// Changes when a name is taken away or means something else; new names do not change it.
+/// docs/ledger.schema.json describes every name.
+constexpr int kLedgerSchemaVersion = 1;
+
+/// Writes one JSON object per line and frame, with the CSV's names and values; null for empty.
+class LedgerWriter final : public PlaybackListener {
+public:
+    explicit LedgerWriter(std::ostream& out) : mOut(out) {}
     void onFrame(const FrameEntry& frame, const PlaybackRecord& soFar) override;
 
 private:

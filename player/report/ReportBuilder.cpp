@@ -14,8 +14,8 @@ FrameAt frameAt(const FrameEntry& frame, int64_t timeNs, const PlaybackRecord& s
 
 }  // namespace
 
-ReportBuilder::ReportBuilder(double nominalHz, const PlaybackPlan& plan)
-    : mPlan(plan), mRate(nominalHz) {
+ReportBuilder::ReportBuilder(double nominalHz, const PlaybackPlan& plan, CadenceListener* listener)
+    : mPlan(plan), mListener(listener), mRate(nominalHz) {
     mSummary.displayHz = trueHz(plan.tv.display.rateHz);
 }
 
@@ -98,12 +98,18 @@ void ReportBuilder::beginStretch(const PacedFrame& paced, StretchBegin begin, do
                                  int64_t beganUs, const PlaybackRecord& soFar) {
     endStretch(soFar);
     mSpan = paced.pace.span;
-    mStretch.emplace(paced.frame.section, begin, expectedFor(paced.pace.hz, displayHz), beganUs);
+    mStretchFrom = paced.frame.frameNo;
+    mStretch.emplace(paced.frame.section, begin, expectedFor(paced.pace.hz, displayHz), beganUs,
+                     mListener);
 }
 
 void ReportBuilder::endStretch(const PlaybackRecord& soFar) {
     if (mStretch) {
-        if (const auto report = mStretch->finish(soFar)) {
+        const auto report = mStretch->finish(soFar);
+        if (mListener != nullptr) {
+            mListener->onStretch(mStretchFrom, report ? &*report : nullptr);
+        }
+        if (report) {
             mSummary.stretches.push_back(*report);
         }
         mStretch.reset();

@@ -18,6 +18,7 @@
 #include <map>
 #include <optional>
 
+#include "player/report/CadenceListener.h"
 #include "player/report/ClockTimes.h"
 #include "player/report/ContentRate.h"
 #include "player/report/JudderMeter.h"
@@ -30,7 +31,8 @@ namespace korvane::player {
 class ReportBuilder final : public PlaybackListener {
 public:
     /// @param nominalHz  the content's rate as its file says; 0: it does not
-    ReportBuilder(double nominalHz, const PlaybackPlan& plan);
+    /// @param listener  receives what is found about the cadence; null: nobody does
+    ReportBuilder(double nominalHz, const PlaybackPlan& plan, CadenceListener* listener = nullptr);
 
     void onFrame(const FrameEntry& frame, const PlaybackRecord& soFar) override;
     /// Call once, after the playback.
@@ -56,13 +58,15 @@ private:
     void sumUpStretches();
 
     const PlaybackPlan& mPlan;
+    CadenceListener* const mListener;
     Summary mSummary;
     ContentRate mRate;
     std::deque<FrameEntry> mWaiting;  ///< until their rate is known
     int mSpan = 0;                    ///< of the content's rate, in which the stretch lies
     std::map<double, int64_t> mFramesByHz;
     std::optional<StretchBuilder> mStretch;
-    size_t mModeChanges = 0;  ///< of the plan's, that have come
+    int64_t mStretchFrom = 0;  ///< its first frame
+    size_t mModeChanges = 0;   ///< of the plan's, that have come
     JudderMeter mJudder;
     int64_t mLastShownUs = -1;
     int mJudderSection = 0;  ///< of the last frame shown

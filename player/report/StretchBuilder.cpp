@@ -20,8 +20,8 @@ constexpr int64_t kOneDisturbanceUs = 1'000'000;
 }  // namespace
 
 StretchBuilder::StretchBuilder(int section, StretchBegin begin, const ExpectedCadence& expected,
-                               int64_t beganUs)
-    : mTracker(expected), mBeganUs(beganUs) {
+                               int64_t beganUs, CadenceListener* listener)
+    : mTracker(expected), mListener(listener), mBeganUs(beganUs) {
     mReport.section = section;
     mReport.begin = begin;
     mReport.displayHz = expected.displayHz;
@@ -84,18 +84,36 @@ void StretchBuilder::takeBreaks(const std::vector<DwellBreak>& breaks,
         if (found.atStart) {
             mOffAtStart = found.dwell;
         }
-        if (found.atStart || found.byArithmetic) {
-            continue;
-        }
-        const DwellFacts& facts = mFacts[found.index - mFactsFrom];
+        takeBreak(found, soFar);
+    }
+}
+
+void StretchBuilder::takeBreak(const DwellBreak& found, const PlaybackRecord& soFar) {
+    const DwellFacts& facts = mFacts[found.index - mFactsFrom];
+    FrameBreak told;
+    told.frameNo = facts.frameNo;
+    told.dwell = found.dwell;
+    told.expected = found.expected;
+    told.kind = found.atStart        ? BreakKind::AtStart
+                : found.byArithmetic ? BreakKind::ByArithmetic
+                                     : BreakKind::Unexpected;
+    if (told.kind == BreakKind::Unexpected) {
         const FoundCause cause =
             causeOfBreak(mFacts, found.index - mFactsFrom, soFar.clockStops, start(soFar));
+        told.cause = cause.cause;
         countCause(cause.cause, facts.shownUs);
-        if (mReport.breaks.size() < kKeptBreaks) {
+        const bool kept = mReport.breaks.size() < kKeptBreaks;
+        if (kept || mListener != nullptr) {
+            told.text = tellCause(cause);
+        }
+        if (kept) {
             mReport.breaks.push_back({facts.frameNo, facts.mediaTimeUs,
                                       facts.shownUs - soFar.startNs / 1000, found.dwell,
-                                      found.expected, tellCause(cause)});
+                                      found.expected, told.text});
         }
+    }
+    if (mListener != nullptr) {
+        mListener->onBreak(told);
     }
 }
 

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "player/report/BreakCause.h"
+#include "player/report/CadenceListener.h"
 #include "player/report/CadenceTracker.h"
 #include "player/report/Summary.h"
 
@@ -24,8 +25,9 @@ namespace korvane::player {
 class StretchBuilder {
 public:
     /// @param beganUs  the monotonic time of a change of the display's rate; else not used
+    /// @param listener  receives the breaks; null: nobody does
     StretchBuilder(int section, StretchBegin begin, const ExpectedCadence& expected,
-                   int64_t beganUs);
+                   int64_t beganUs, CadenceListener* listener);
 
     int section() const { return mReport.section; }
     double displayHz() const { return mReport.expected.displayHz; }
@@ -39,6 +41,7 @@ private:
     void noteStart(int64_t shownUs, const PlaybackRecord& soFar);
     void addToCadence(const DwellFacts& facts, const PlaybackRecord& soFar);
     StretchStart start(const PlaybackRecord& soFar) const;
+    void takeBreak(const DwellBreak& found, const PlaybackRecord& soFar);
     void takeBreaks(const std::vector<DwellBreak>& breaks, const PlaybackRecord& soFar);
     void countCause(BreakCause cause, int64_t shownUs);
     void nameWrongPattern();
@@ -49,6 +52,7 @@ private:
 
     StretchReport mReport;
     CadenceTracker mTracker;
+    CadenceListener* const mListener;
     const int64_t mBeganUs;  ///< times here are monotonic; -1: not so, or not yet
     int64_t mFirstShownUs = -1;
     int64_t mHeldShownUs = -1;
