@@ -7,6 +7,8 @@ const charts = [];
 const syncKey = uPlot.sync('time');
 const axisFont = '12px system-ui, "DejaVu Sans", sans-serif';
 
+const axisSteps = [.001, .002, .005, .01, .02, .05, .1, .2, .5, 1, 2, 5, 10, 15, 30, 60, 120, 300, 600, 900, 1800,
+  3600, 7200, 14400, 21600, 43200, 86400];
 const tickDecimals = (splits) => {
   const step = splits.length > 1 ? splits[1] - splits[0] : 1;
   return step >= 1 ? 0 : Math.min(Math.ceil(-Math.log10(step) - 1e-9), 6);
@@ -26,13 +28,13 @@ function addChart(id, options) {
   const axis = { stroke: () => colours.soft, font: axisFont, grid, ticks: { show: false } };
   const plot = new uPlot({
     width: Math.max(host.clientWidth, 200), height: options.height, legend: { show: false },
-    padding: [8, 10, 0, 0],
-    scales: { x: { time: false, range: () => [view.from, view.to] }, y: { range: () => options.y() } },
+    padding: [8, 24, 0, 0],
+    scales: { x: { time: false, range: () => [view.from, view.to] }, y: { range: options.y() } },
     cursor: { sync: { key: 'time' }, drag: { x: true, y: false, setScale: false }, points: { show: false } },
     series: [{}, { show: true, stroke: 'transparent' }],
     axes: [
-      { ...axis, size: 30, space: 90, values: (_, splits) => splits.map((s) => clock(s, tickDecimals(splits))) },
-      { ...axis, size: 56, ...(options.ticks ? { splits: options.ticks } : {}),
+      { ...axis, size: 30, space: 90, incrs: axisSteps, values: (_, splits) => splits.map((s) => clock(s, tickDecimals(splits))) },
+      { ...axis, size: 68, ...(options.ticks ? { splits: options.ticks } : {}),
         values: options.values ?? ((_, splits) => splits.map((s) => s === 0 ? '0' : String(+s.toFixed(3)))) }],
     hooks: {
       draw: [(u) => {
@@ -43,7 +45,6 @@ function addChart(id, options) {
         context.clip();
         drawHappened(u, context);
         options.draw(u, context);
-        drawCursor(u, context);
         context.restore();
       }],
       setSelect: [(u) => {
@@ -56,7 +57,8 @@ function addChart(id, options) {
         if (u.cursor.event && u.cursor.left >= 0) hover(frameNear(u.posToVal(u.cursor.left, 'x')));
       }] },
   }, [[0, 1], [null, null]], host);
-  const chart = { plot, host, options };
+  const chart = { plot, host, options, pin: make('i', { class: 'pin' }), stale: false, visible: true };
+  plot.over.append(chart.pin);
   plot.over.addEventListener('click', (event) => pick(plot, event));
   plot.over.addEventListener('dblclick', whole);
   plot.over.addEventListener('mouseleave', () => hover(-1));
@@ -64,7 +66,17 @@ function addChart(id, options) {
   pinch(plot);
   charts.push(chart);
   redraw(chart);
+  inWindow.observe(host);
 }
+
+/** Charts outside the window are drawn when they come into it. */
+const inWindow = new IntersectionObserver((entries) => {
+  for (const { target, isIntersecting } of entries) {
+    const chart = charts.find(({ host }) => host === target);
+    chart.visible = isIntersecting;
+    if (isIntersecting && chart.stale) redraw(chart);
+  }
+}, { rootMargin: '200px' });
 
 let downAt = -1;
 addEventListener('mousedown', (event) => { downAt = event.clientX; }, true);
@@ -108,11 +120,35 @@ function pinch(plot) {
 }
 
 function redraw(chart) {
+  chart.stale = false;
+  const [least, most] = chart.options.y();
   chart.plot.batch(() => {
     chart.plot.setScale('x', { min: view.from, max: view.to });
-    chart.plot.setScale('y', { min: 0, max: 1 });
+    chart.plot.setScale('y', { min: least, max: most });
   });
   chart.plot.redraw(false, true);
+  placePin(chart);
+}
+
+/** What changed is drawn again where it is seen. */
+function follow(chart, now) {
+  if (now.has('view') || now.has('theme')) {
+    chart.visible ? redraw(chart) : (chart.stale = true);
+  } else if (chart.options.showsFrame && closeUp(chart.plot)) {
+    redraw(chart);
+  } else {
+    placePin(chart);
+  }
+}
+function placePin({ plot, pin }) {
+  const at = view.frame < 0 ? -1 : frameAt[view.frame];
+  pin.hidden = at < view.from || at > view.to;
+  if (!pin.hidden) pin.style.left = `${plot.valToPos(at, 'x')}px`;
+}
+/** Whether frames are wide enough to be drawn one by one. */
+function closeUp(plot) {
+  const [from, to] = shownInView();
+  return (to - from) * 3 * dpr() < plot.bbox.width;
 }
 
 // ---- common parts of a drawing ----
@@ -142,20 +178,6 @@ function drawHappened(u, context) {
   }
 }
 const sectionSeconds = happened.sections.slice(1).map(([beganUs]) => beganUs / 1e6);
-
-function drawCursor(u, context) {
-  const frame = view.frame;
-  if (frame < 0 || frameAt[frame] < view.from || frameAt[frame] > view.to) return;
-  const x = xOf(u, frameAt[frame]);
-  context.strokeStyle = colours.mark;
-  context.lineWidth = dpr();
-  context.setLineDash([3 * dpr(), 3 * dpr()]);
-  context.beginPath();
-  context.moveTo(x, u.bbox.top);
-  context.lineTo(x, u.bbox.top + u.bbox.height);
-  context.stroke();
-  context.setLineDash([]);
-}
 
 function text(context, words, x, y, colour = colours.soft, align = 'left', weight = '') {
   context.font = `${weight} ${11 * dpr()}px system-ui, "DejaVu Sans", sans-serif`;
@@ -223,13 +245,13 @@ function addDwellChart() {
   for (let i = 0; i < shown.length; ++i) longest = Math.max(longest, ledger.dwell_vsyncs[shown[i]]);
   const top = Math.min(longest, most + 4);
   addChart('chart-dwell', {
-    height: 230, y: () => [-0.75, top + 1.1],
+    height: 230, y: () => [-0.75, top + 1.1], showsFrame: true,
     ticks: () => Array.from({ length: top + 1 }, (_, i) => i),
     values: (_, splits) => splits.map((v) => v === top && longest > top ? `${v}+` : String(v)),
     label: `Vsyncs on screen over time. ${$('dwell-note').textContent} The tables below hold the same.`,
     draw: (u, context) => {
       const [from, to] = shownInView();
-      (to - from) * 3 * dpr() < u.bbox.width ? drawBars(u, context, from, to, top) : drawStrands(u, context, from, to, top);
+      closeUp(u) ? drawBars(u, context, from, to, top) : drawStrands(u, context, from, to, top);
       drawHidden(u, context);
       drawBreaks(u, context, top);
     } });
@@ -283,7 +305,8 @@ function drawStrands(u, context, from, to, top) {
   }
 }
 
-const hiddenColour = { superseded: 'purple', dropped: 'red', flushed: 'grey', refused: 'orange', lost: 'red' };
+const hiddenColour = { superseded: 'purple', dropped: 'red', flushed: 'grey', refused: 'orange', lost: 'mark',
+  'discarded by stop': 'bar', 'in tunnel at stop': 'sky' };
 function drawHidden(u, context) {
   const y = yOf(u, -0.4);
   let last = {};
@@ -359,8 +382,8 @@ function addSyncChart() {
       drawDots(u, context, offset, colours.orange, 2);
       drawDots(u, context, lip, colours.blue, 2.5);
       const x = u.bbox.left + u.bbox.width - 6 * dpr();
-      for (const [name, low] of [['within EBU R37', ebu[1]], ['not detectable, ITU', detectable[1]],
-        ['acceptable, ITU', acceptable[1]]]) {
+      for (const [name, low] of [['within EBU R37', ebu], ['not detectable, ITU', detectable],
+        ['acceptable, ITU', acceptable]].map(([name, [, low, high]]) => [`${name}: +${high / 1e3} to −${-low / 1e3} ms`, low])) {
         text(context, name, x, yOf(u, low / 1e3) - 8 * dpr(), colours.soft, 'right');
       }
     } });
@@ -395,8 +418,10 @@ function addPhaseChart() {
       }
       drawDots(u, context, ledger.vsync_phase_us, colours.blue, 2.5);
       const x = u.bbox.left + u.bbox.width - 6 * dpr();
+      const last = stretchOf(frameNear(view.to));
+      const own = last ? 1e3 / last.display_hz : period;
       text(context, 'margin of 4 ms', x, yOf(u, margin / 2), colours.soft, 'right');
-      text(context, 'margin of 4 ms', x, yOf(u, period - margin / 2), colours.soft, 'right');
+      text(context, 'margin of 4 ms', x, yOf(u, own - margin / 2), colours.soft, 'right');
     } });
 }
 
@@ -413,7 +438,7 @@ function patternsOnScreen() {
     for (let period = 1; period <= 5 && i + period < dwells.length; ++period) {
       let end = i + period;
       while (end < dwells.length && dwells[end] === dwells[end - period]) ++end;
-      if (end - i >= Math.max(least, 2 * period) && end - i > best) { best = end - i; bestPeriod = period; }
+      if (end - i >= Math.max(least, 2 * period) && end - i > best * 1.5) { best = end - i; bestPeriod = period; }
       if (best > 3 * least) break;
     }
     if (bestPeriod === 0) { ++i; continue; }
@@ -499,41 +524,50 @@ const holders = [['library', 'bar', 'in the library'], ['tunnel', 'blue', 'in th
 function addBufferChart() {
   const times = bufferTimes();
   const all = data.pool.buffers || 1;
-  // With the player right after it sent a frame: where it has none left, it starves.
-  const free = times.sent.map((us, i) => all - (i + 1) + after(times.returned, us));
-  const held = (us) => {
-    const out = (from, to) => Math.max(after(from, us) - after(to, us), 0);
-    return { library: out(times.sent, times.left), tunnel: out(times.queued, times.onScreen),
-      screen: out(times.onScreen, times.released), back: out(times.released, times.back) };
+  // The integral of how many times lie before a moment: a pixel shows the mean over its span.
+  const sums = {};
+  for (const [name, values] of Object.entries(times)) {
+    let sum = 0;
+    sums[name] = Float64Array.from([0, ...values], (us) => (sum += us));
+  }
+  const area = (name, us) => {
+    const before = after(times[name], us);
+    return before * us - sums[name][before];
   };
+  const stages = [['sent', 'left'], ['queued', 'onScreen'], ['onScreen', 'released'], ['released', 'back']];
+  const areas = (us) => stages.map(([from, to]) => area(from, us) - area(to, us));
+  // Frames that came too late while the player had no other buffer.
+  const starved = [];
+  for (let i = 0; i < frames; ++i) {
+    const us = ledger.sent_us[i];
+    if (ledger.handed_in_late[i] === 1 && all - after(times.sent, us) + after(times.returned, us) <= 0) starved.push(us / 1e6);
+  }
   addChart('chart-buffers', {
     height: 190, y: () => [0, all],
     label: `Who held how many of ${all} buffers over time. ${$('buffers-note').textContent}`,
     draw: (u, context) => {
       const { left, width } = u.bbox;
-      const step = Math.max(dpr(), 1);
-      const perPixel = (view.to - view.from) / width;
-      for (let x = 0; x < width; x += step) {
-        const now = held((view.from + (x + step / 2) * perPixel) * 1e6);
+      const perPixel = (view.to - view.from) / width * 1e6;
+      let before = areas(view.from * 1e6);
+      for (let x = 0; x < width; ++x) {
+        const now = areas(view.from * 1e6 + (x + 1) * perPixel);
         let base = 0;
-        for (const [name, colour] of holders.slice(0, 4)) {
-          if (now[name] === 0) continue;
-          const y = yOf(u, base + now[name]);
-          context.fillStyle = colours[colour];
-          context.fillRect(left + x, y, step + .5, yOf(u, base) - y);
-          base += now[name];
-        }
+        now.forEach((integral, i) => {
+          const held = (integral - before[i]) / perPixel;
+          if (held < .01) return;
+          const y = yOf(u, base + held);
+          context.fillStyle = colours[holders[i][1]];
+          context.fillRect(left + x, y, 1, yOf(u, base) - y);
+          base += held;
+        });
+        before = now;
       }
       context.fillStyle = colours.red;
-      let last = -1;
-      for (let i = notBefore(times.sent, view.from * 1e6); i < free.length && times.sent[i] <= view.to * 1e6; ++i) {
-        const x = xOf(u, times.sent[i] / 1e6);
-        if (free[i] > 0 || x - last < 1) continue;
-        last = x;
-        context.fillRect(x, u.bbox.top, 1.5 * dpr(), 5 * dpr());
+      for (const at of starved) {
+        if (at >= view.from && at <= view.to) context.fillRect(xOf(u, at) - dpr(), u.bbox.top, 2 * dpr(), 8 * dpr());
       }
     } });
-  return free.reduce((starved, left) => starved + (left <= 0 ? 1 : 0), 0);
+  return starved.length;
 }
 
 function addFenceChart() {

@@ -35,7 +35,7 @@ function watchControls() {
   });
   addEventListener('hashchange', () => { if (location.hash.slice(1) !== address()) readAddress(); });
   new ResizeObserver(resize).observe($('main'));
-  addEventListener('beforeprint', () => { applyTheme('light'); resize(660); });
+  addEventListener('beforeprint', () => { applyTheme('light'); resize(660); charts.forEach(redraw); });
   addEventListener('afterprint', () => { applyTheme(); resize(); });
 }
 
@@ -50,7 +50,7 @@ function resize(width) {
 let tables = 0;
 listeners.push((now) => {
   $('range').textContent = `${clock(view.from)} – ${clock(view.to)} (${clock(view.to - view.from)} s of ${clock(endAt, 1)} s)`;
-  for (const chart of charts) now.has('view') || now.has('theme') ? redraw(chart) : chart.plot.redraw(false, false);
+  for (const chart of charts) follow(chart, now);
   drawOverview(now);
   if (now.has('view')) {
     clearTimeout(tables);
@@ -66,6 +66,7 @@ const painted = () => new Promise((go) => requestAnimationFrame(() => setTimeout
 async function run() {
   applyTheme();
   await Promise.all([readFrames(), readBreaks()]);
+  overviewKept = null;
   fillHeader();
   fillLatencies();
   fillNotes();
@@ -86,7 +87,7 @@ async function run() {
   fillLog();
   fillAgain();
   await painted();
-  await columns('queued_us', 'fence_us');
+  await columns('queued_us', 'fence_us', 'handed_in_late');
   let starved = 0, fences = { signal: [], back: [] };
   if (frames > 0) starved = addBufferChart();
   fillBufferNote(starved);

@@ -72,7 +72,7 @@ function fillNotes() {
       `${signedMs(sync.lip_sync_worst_us)} at frame ${sync.lip_sync_worst_frame}. Above 0 the sound came early. ` +
       `Outside EBU R37 for ${sync.lip_sync_seconds_outside_ebu} s, detectable (ITU) for ` +
       `${sync.lip_sync_seconds_outside_itu_detectable} s, not acceptable for ${sync.lip_sync_seconds_outside_itu_acceptable} s.`;
-  $('phase-note').textContent = 'Milliseconds after the vsync before it. Within 4 ms of either end a small error moves a ' +
+  $('phase-note').textContent = shown.length === 0 ? 'No frame came on screen.' : 'Milliseconds after the vsync before it. Within 4 ms of either end a small error moves a ' +
     'frame to another vsync; the library keeps that margin when it holds a pattern.';
 }
 
@@ -96,11 +96,12 @@ function fillLegends() {
       make('button', { type: 'button', title: 'Go to the first one', onclick: () => show(found.frame) }, name), number)),
     ...[...hidden].map(([name, number]) => legendItem(swatch(hiddenColour[name] ?? 'grey'), `never on screen: ${name}`, number)),
     ...(happened.stops.length ? [legendItem(swatch('none'), 'the clock stood still')] : []));
-  $('sync-legend').replaceChildren(...(summary.with_audio || summary.av_offset_samples ? [
+  $('sync-legend').replaceChildren(...(summary.lip_sync_samples + summary.av_offset_samples > 0 ? [
     legendItem(swatch('blue'), 'against the sound that was heard', summary.lip_sync_samples),
     legendItem(swatch('orange'), 'against the sync clock', summary.av_offset_samples)] : []));
   $('buffers-legend').replaceChildren(...holders.map(([, colour, words]) => legendItem(swatch(colour), words)),
-    legendItem(swatch('red'), 'none left for the player'));
+    legendItem(swatch('red'), 'late for want of a free buffer'));
+  if (shown.length === 0) return;
   $('fences-legend').replaceChildren(legendItem(swatch('blue'), 'ms from leaving the screen to the fence'),
     legendItem(swatch('orange'), 'ms from leaving the screen to the player'));
 }
@@ -252,7 +253,7 @@ function fillPercentiles(fences) {
 function fillBufferNote(starved) {
   const pool = data.pool;
   $('buffers-note').textContent = `${plural(pool.buffers, 'buffer')}; the player waited ${plural(pool.waits, 'time')} for a free one, ` +
-    `longest ${ms(pool.longest_wait_us)}; ${starved ? `it sent its last one ${plural(starved, 'time')}` : 'it always had one left'}. ` +
+    `longest ${ms(pool.longest_wait_us)}; that made ${plural(starved, 'frame')} late. ` +
     `Back with the player ${ms(pool.back_median_us)} after leaving the screen (median), p99 ${ms(pool.back_p99_us)}.` +
     (summary.buffers_kept ? ` ${plural(summary.buffers_kept, 'buffer')} never came back.` : '');
 }

@@ -65,6 +65,7 @@ async function tellStory() {
   if (frame === toldFrame) return;
   toldFrame = frame;
   const host = $('story');
+  host.classList.toggle('nothing', frame < 0);
   if (frame < 0) {
     host.replaceChildren(make('h2', {}, 'A frame’s story'),
       make('p', { class: 'soft' }, frames > 0 ? 'Point at a chart, or press an arrow key. A click keeps the frame.'
@@ -78,7 +79,8 @@ async function tellStory() {
   const held = holdersOf(frame);
   const total = held.reduce((sum, [, us]) => sum + us, 0);
   host.replaceChildren(...[
-    make('h2', {}, make('span', { id: 'story-frame' }, `Frame ${frame}`), make('span', { class: 'soft' }, outcome)),
+    make('h2', {}, make('span', { id: 'story-frame' }, `Frame ${frame}`), make('span', { class: 'soft' }, outcome),
+      make('button', { type: 'button', class: 'narrow', 'aria-label': 'Close', onclick: () => { view.frame = view.hover = -1; announce('frame'); } }, '✕')),
     found && make('p', { class: found.kind === 0 ? 'break' : 'break calm' }, icon(lookOf(found)),
       make('span', {}, `${found.dwell} instead of ${found.expected}: ${found.text || causeName(found)}`)),
     held.length ? make('div', { class: 'stack', role: 'img', 'aria-label': 'Who held the buffer how long' },

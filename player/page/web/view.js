@@ -77,7 +77,9 @@ function address() {
   if (view.from > 0 || view.to < endAt) parts.push(`v=${view.from.toFixed(3)}-${view.to.toFixed(3)}`);
   return parts.join('&');
 }
+let addressKnown = false;  // before that, it must not be written over
 function writeAddress() {
+  if (!addressKnown) return;
   const hash = address();
   if (hash !== location.hash.slice(1)) {
     try {
@@ -87,6 +89,7 @@ function writeAddress() {
 }
 function readAddress() {
   const parts = new URLSearchParams(location.hash.slice(1));
+  addressKnown = true;
   const [, from, to] = /^(\d+\.?\d*)-(\d+\.?\d*)$/.exec(parts.get('v') ?? '') ?? [];
   if (to !== undefined) setView(+from, +to);
   const frame = parts.get('f');
