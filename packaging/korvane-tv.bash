@@ -50,8 +50,8 @@ _korvane_tv() {
             words="vendor.korvane.loglevels= vendor.tunerpassthrough.renderfreeRun="
             compopt -o nospace
             ;;
-        run:--events) compopt -o dirnames ;;
-        *:--trace | *:--csv | *:--json | *:--events) compopt -o default ;;
+        run:--events | *:--report) compopt -o dirnames ;;
+        *:--trace | *:--csv | *:--ledger | *:--json | *:--events) compopt -o default ;;
         *)
             if [[ $valued == *" $previous "* ]]; then
                 return # a number or a time

@@ -14,18 +14,22 @@
 namespace korvane::player {
 namespace {
 
-constexpr mode_t kNewFolderMode = 0777;
+constexpr mode_t kFolderMode = 0777;
 
 /// Creates what is missing of a path; names in `created` what it created, the deepest first.
+/// @return false with `errno` if a part cannot be created
 bool makeFolders(const std::string& path, std::vector<std::string>* created) {
-    if (mkdir(path.c_str(), kNewFolderMode) == 0) {
-        created->insert(created->begin(), path);
-        return true;
+    for (size_t end = path.find('/', 1); true; end = path.find('/', end + 1)) {
+        const std::string part = path.substr(0, end);
+        if (mkdir(part.c_str(), kFolderMode) == 0) {
+            created->insert(created->begin(), part);
+        } else if (errno != EEXIST) {
+            return false;
+        }
+        if (end == std::string::npos) {
+            return true;
+        }
     }
-    const size_t slash = path.find_last_of('/');
-    const bool parentMissing = errno == ENOENT && slash != std::string::npos && slash > 0;
-    return errno == EEXIST || (parentMissing && makeFolders(path.substr(0, slash), created) &&
-                               (slash + 1 == path.size() || makeFolders(path, created)));
 }
 
 }  // namespace

@@ -9,7 +9,7 @@
 namespace korvane::player {
 namespace {
 
-constexpr size_t kBlockBytes = 1 << 12;
+constexpr size_t kPageBlockBytes = 1 << 12;
 
 std::string base64(const std::string& bytes) {
     constexpr char kDigits[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
@@ -49,7 +49,7 @@ void Deflater::run(std::string_view bytes, int flush) {
     // zlib declares its input without const and does not write it.
     zlib.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(bytes.data()));
     zlib.avail_in = static_cast<uInt>(bytes.size());
-    char block[kBlockBytes];
+    char block[kPageBlockBytes];
     do {
         zlib.next_out = reinterpret_cast<Bytef*>(block);
         zlib.avail_out = sizeof block;
@@ -84,7 +84,7 @@ void PageColumn::add(std::optional<int64_t> number) {
         code >>= 7;
     }
     mBlock.push_back(static_cast<char>(code));
-    if (mBlock.size() >= kBlockBytes) {
+    if (mBlock.size() >= kPageBlockBytes) {
         mDeflater.add(mBlock);
         mBlock.clear();
     }

@@ -43,7 +43,6 @@ struct DropValues {
     bool underflowSeen = false;
     /// How far the frame was behind the clock, microseconds; negative: early.
     int64_t lateUs = 0;
-    bool clockRuns = false;  ///< the clock has an anchor and is not paused
     int64_t vsyncPeriodUs = 0;
 };
 

@@ -81,11 +81,12 @@ void LibraryCallbacks::onBufferBack(int fd, bool rendered) {
 void LibraryCallbacks::noteDrop(int64_t mediaTimeUs, ReturnedBuffer* buffer) {
     const DropReason announced = std::exchange(tAnnounced.get(), DropReason::None);
     const bool said = announced != DropReason::None;
-    const DropValues values = valuesNow(mediaTimeUs);
     buffer->dropEvidence = said ? DropEvidence::LogLine : DropEvidence::Values;
-    buffer->dropReason = said ? announced : dropReasonFromValues(values);
-    if (values.clockRuns) {
-        buffer->dropLateUs = values.lateUs;
+    buffer->dropReason = said ? announced : dropReasonFromValues(valuesNow(mediaTimeUs));
+    const int64_t nowUs = buffer->nowNs / 1000;
+    const int64_t realUs = mClock->realTimeFor(mediaTimeUs, nowUs);
+    if (realUs >= 0 && !mClock->paused()) {
+        buffer->dropLateUs = nowUs - realUs;
     }
 }
 
@@ -97,9 +98,7 @@ DropValues LibraryCallbacks::valuesNow(int64_t mediaTimeUs) {
     values.flushing = mFlushing;
     values.syncMode = mClock->mode();
     values.underflowSeen = mAudio != nullptr && mAudio->report().underflows > 0;
-    const int64_t realUs = mClock->realTimeFor(mediaTimeUs, nowUs);
-    values.lateUs = nowUs - realUs;
-    values.clockRuns = realUs >= 0 && !mClock->paused();
+    values.lateUs = nowUs - mClock->realTimeFor(mediaTimeUs, nowUs);
     values.vsyncPeriodUs = static_cast<int64_t>(1e6 / mPlan.tv.display.rateHz);
     return values;
 }

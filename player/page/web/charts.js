@@ -225,20 +225,12 @@ function rangeOf(...columnsGiven) {
 
 // ---- dwell ----
 
-/** Frames that never came on screen, by the second at which that was known. */
-let hiddenFrames = [];
 function nearestHidden(second, within) {
   const at = notBefore(hiddenAt, second - within);
   return at < hiddenAt.length && hiddenAt[at] <= second + within ? hiddenFrames[at] : -1;
 }
-let hiddenAt = new Float64Array(0);
 
 function addDwellChart() {
-  const outcomeShown = data.words.outcome.indexOf('shown');
-  hiddenFrames = [];
-  for (let i = 0; i < frames; ++i) if (ledger.outcome[i] !== outcomeShown) hiddenFrames.push(i);
-  hiddenFrames.sort((a, b) => frameAt[a] - frameAt[b]);
-  hiddenAt = Float64Array.from(hiddenFrames, (i) => frameAt[i]);
   let most = 3;
   for (const stretch of data.stretches) most = Math.max(most, ...stretch.pattern);
   let longest = most;

@@ -111,6 +111,9 @@ let shownAt = new Float64Array(0);
 /** The second that stands for a frame: on screen, else given back, else handed in. */
 let frameAt = new Float64Array(0);
 let endAt = 1;
+/** Frames that never came on screen, by the second at which that was known. */
+let hiddenFrames = [];
+let hiddenAt = new Float64Array(0);
 
 async function readFrames() {
   await columns('shown_us', 'released_us', 'returned_us', 'sent_us', 'dwell_vsyncs', 'outcome');
@@ -123,11 +126,13 @@ async function readFrames() {
     const us = [ledger.shown_us[i], ledger.released_us[i], ledger.returned_us[i], ledger.sent_us[i]]
       .find((time) => !Number.isNaN(time));
     frameAt[i] = (us ?? 0) / 1e6;
-    if (isShown) shown[count++] = i;
+    isShown ? (shown[count++] = i) : hiddenFrames.push(i);
     const end = Math.max(frameAt[i], (isShown ? ledger.released_us[i] : 0) / 1e6);
     if (end > latest) latest = end;
   }
   shown = shown.subarray(0, count);
+  hiddenFrames.sort((a, b) => frameAt[a] - frameAt[b]);
+  hiddenAt = Float64Array.from(hiddenFrames, (i) => frameAt[i]);
   shownAt = Float64Array.from(shown, (i) => ledger.shown_us[i] / 1e6);
   for (const action of happened.actions) latest = Math.max(latest, action[0] / 1e6);
   endAt = Math.max(latest, 0.001);

@@ -39,13 +39,13 @@ function zoom(factor, around = view.frame >= 0 ? frameAt[view.frame] : (view.fro
 }
 const pan = (by) => setView(view.from + by, view.to + by);
 
-/** Puts the cursor on a frame and brings it into view. */
-function select(frame) {
+/** Puts the cursor on a frame and, unless the view is to stay, brings it into view. */
+function select(frame, stay = false) {
   view.frame = Math.min(Math.max(frame, 0), frames - 1);
   view.hover = -1;
   const at = frameAt[view.frame];
   const length = view.to - view.from;
-  if (at < view.from || at > view.to) setView(at - length / 2, at + length / 2);
+  if (!stay && (at < view.from || at > view.to)) setView(at - length / 2, at + length / 2);
   announce('frame');
 }
 /** The same, close enough to see frames of their own. */
@@ -93,7 +93,8 @@ function readAddress() {
   const [, from, to] = /^(\d+\.?\d*)-(\d+\.?\d*)$/.exec(parts.get('v') ?? '') ?? [];
   if (to !== undefined) setView(+from, +to);
   const frame = parts.get('f');
-  if (/^\d+$/.test(frame ?? '') && frames > 0) to === undefined ? show(Math.min(+frame, frames - 1)) : select(+frame);
+  if (/^\d+$/.test(frame ?? '') && frames > 0) select(+frame, to !== undefined);
+  if (frame !== null && to === undefined && view.frame >= 0) show(view.frame);
 }
 
 // ---- theme ----

@@ -74,12 +74,13 @@ void expectFacts(const Facts& facts, const std::string& wanted) {
     }
 }
 
-/// Checks a summary against its schema, of which it knows what the schema uses. New keys must be
-/// described there.
-void expectDescribed(const std::string& path) {
-    using Json = nlohmann::json;
-    const Json schema = Json::parse(readFile(KORVANE_SCHEMA));
-    const Json summary = Json::parse(readFile(path));
+using Json = nlohmann::json;
+
+/// Checks a summary, or a line of the ledger, against its schema, of which it knows what the schema
+/// uses. New keys must be described there.
+void expectDescribed(const Json& summary, const char* schemaFile) {
+    const Json schema = Json::parse(readFile(std::string(KORVANE_DOCS "/") + schemaFile));
+    const Json patterns = schema.value("patternProperties", Json::object());
     for (const auto& key : schema["required"]) {
         EXPECT_TRUE(summary.contains(key)) << key;
     }
@@ -87,20 +88,27 @@ void expectDescribed(const std::string& path) {
         {"integer", [](const Json& value) { return value.is_number_integer(); }},
         {"number", [](const Json& value) { return value.is_number(); }},
         {"boolean", [](const Json& value) { return value.is_boolean(); }},
-        {"string", [](const Json& value) { return value.is_string(); }}};
-    const auto allows = [&types](const Json& rule, const Json& value) {
+        {"string", [](const Json& value) { return value.is_string(); }},
+        {"null", [](const Json& value) { return value.is_null(); }}};
+    const auto isOf = [&types](const Json& type, const Json& value) {
+        return type.is_string() ? types.at(type)(value)
+                                : std::any_of(type.begin(), type.end(), [&](const Json& one) {
+                                      return types.at(one)(value);
+                                  });
+    };
+    const auto allows = [&isOf](const Json& rule, const Json& value) {
         const auto has = [&rule](const char* key) { return rule.contains(key); };
         return (!has("const") || rule["const"] == value) &&
-               (!has("type") || types.at(rule["type"])(value)) &&
+               (!has("type") || isOf(rule["type"], value)) &&
                (!has("minimum") || value >= rule["minimum"]) &&
                (!has("enum") || std::count(rule["enum"].begin(), rule["enum"].end(), value) == 1) &&
-               (!has("pattern") ||
+               (!has("pattern") || !value.is_string() ||
                 std::regex_search(value.get<std::string>(),
                                   std::regex(rule["pattern"].get<std::string>())));
     };
     for (const auto& [key, value] : summary.items()) {
         Json rule = schema["properties"].value(key, Json());
-        for (const auto& [pattern, patternRule] : schema["patternProperties"].items()) {
+        for (const auto& [pattern, patternRule] : patterns.items()) {
             rule = std::regex_search(key, std::regex(pattern)) ? patternRule : rule;
         }
         EXPECT_FALSE(rule.is_null()) << "not described: " << key;
@@ -207,7 +215,7 @@ TEST_P(PlayTest, IsAccountedForAndInTime) {
     }
     const CommandResult result = runCommand(command);
     const Facts facts = readFlatJson(json);
-    expectDescribed(json);
+    expectDescribed(Json::parse(readFile(json)), "summary.schema.json");
     unlink(json.c_str());
     const bool brokenOff = std::string(scenario.always).find("end=broken_off") != std::string::npos;
     const int status = scenario.signal != 0 ? 128 + scenario.signal : brokenOff ? 4 : 0;
@@ -300,6 +308,9 @@ TEST(RefusedOutputTest, LeavesEveryFileAsItWas) {
         {{"--csv", kept, "--events", fresh, "--trace", "/nonexistent/x"}, "No such file"},
         {{"--csv", kept, "--prop", "a=" + std::string(92, 'x')}, "91 bytes"},
         {{"--csv", "/dev/stdout"}, "standard output"},
+        {{"--csv", kept, "--report", "/proc/none"}, "--report /proc/none: No such file"},
+        {{"--report", kept}, "--report " + kept + ": Not a directory"},
+        {{"--report", fresh + "/a/b/", "--json", "/nonexistent/x"}, "No such file"},
     };
     for (const auto& [options, says] : refusals) {
         std::vector<std::string> play = {"play", film};
@@ -454,6 +465,42 @@ TEST(FullDiskTest, UnderAnotherOutputIsToldWithStatus1) {
         EXPECT_EQ(output.status, 1) << arguments[0];
         EXPECT_THAT(output.error, HasSubstr("standard output")) << arguments[0];
     }
+}
+
+TEST(ReportFolderTest, HoldsAPageWhateverEndsPlayback) {
+    const std::string folder = scratch("report");
+    const std::string page = folder + "/report.html";
+    const std::string ledger = scratch("ledger.jsonl");
+    Command command;
+    command.arguments = {KORVANE_TV, "play", clip("24.mp4"), "--report", folder, "--clock", "real"};
+    command.signals = {{SIGINT, "has not ended yet", page}};
+    const CommandResult ended = runCommand(command);
+    if (ended.error.find("lacks the chart library") != std::string::npos) {
+        EXPECT_EQ(ended.status, 1);
+        GTEST_SKIP() << ended.error;
+    }
+    EXPECT_EQ(ended.status, 128 + SIGINT) << ended.error;
+    const std::string html = readFile(page);
+    EXPECT_NE(html.find("interrupted; this is what was played until then"), html.npos);
+    EXPECT_NE(html.find("</html>"), html.npos);
+
+    unlink(page.c_str());
+    ASSERT_EQ(symlink("/dev/full", page.c_str()), 0);
+    const CommandResult full = korvaneTv(
+        {"play", clip("24.mp4"), "--report", folder, "--ledger", ledger, "--seconds", "1"});
+    EXPECT_EQ(full.status, 1);
+    EXPECT_THAT(full.error, HasSubstr("--report " + page + ": could not be written whole"));
+    EXPECT_THAT(readFile(folder + "/events.txt"), HasSubstr(" stop\n"));
+    std::istringstream lines(readFile(ledger));
+    size_t frames = 0;
+    for (std::string line; std::getline(lines, line); ++frames) {
+        expectDescribed(Json::parse(line), "ledger.schema.json");
+    }
+    EXPECT_EQ(frames, 24);
+    for (const auto& file : {page, folder + "/events.txt", ledger}) {
+        unlink(file.c_str());
+    }
+    EXPECT_EQ(rmdir(folder.c_str()), 0);
 }
 
 TEST(ClosedStandardFilesTest, AreNotMistakenForAnOutput) {

@@ -433,7 +433,7 @@ TEST(Report, CsvLeavesEmptyWhatDoesNotApply) {
         AllOf(HasSubstr(",present_us,vsync,shown_us,dwell_vsyncs,lip_sync_us,av_offset_us,"),
               HasSubstr("\n0,0,0,shown,,-1,,,166666,70,166666,3,7000,5000,216666,"),
               HasSubstr("\n1,41667,0,superseded,,-1,,,-1000000,,,0,,,216666,"),
-              EndsWith("\n2,83334,0,dropped,late,-1,,,,,,,,,,,,1\n")));
+              EndsWith("\n2,83334,0,dropped,late,-1,,,,,,,,,,,,1,,,0,\n")));
 }
 
 class BufferPoolTest : public ::testing::Test {
