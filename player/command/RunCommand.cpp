@@ -146,6 +146,9 @@ public:
         writeIndex(file, mEntries, mPlanned);
         file.close();
         mWhole = file && std::rename(next.c_str(), mPath.c_str()) == 0;
+        if (!mWhole) {
+            std::remove(next.c_str());
+        }
     }
     bool whole() const { return mWhole; }
 
