@@ -41,7 +41,7 @@ _korvane_tv() {
         *:--clock) words="virtual real" ;;
         play:--rate) words="23.976 24 25 29.97 30 50 59.94 60 120" ;;
         play:--expect)
-            words="even pattern= pattern_within= slips= unexpected= dwell= frames= shown=all
+            words="even pattern= pattern_within= slips= unexpected= unexplained= dwell= frames= shown=all
                 dropped= dropped_late= longest_drop_run= offset_median= offset_worst= end=
                 first_frame_within= seek_within= resume_within= underflows= reanchors="
             compopt -o nospace

@@ -9,9 +9,12 @@
 #include <android/log.h>
 
 #include <atomic>
+#include <cctype>
 #include <cstdarg>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <map>
 #include <mutex>
 #include <vector>
 
@@ -25,6 +28,14 @@ namespace {
 constexpr size_t kLongestLine = 1024;
 constexpr size_t kKeptLines = 256;
 constexpr int kNotOpen = -1;
+/// Different lines that are summed; further ones are written as they come.
+constexpr size_t kSummedLines = 256;
+
+/// Lines that differ in numbers only.
+struct Repeated {
+    LogLine first;
+    int64_t more = 0;  ///< after the first one
+};
 
 struct LogState {
     std::atomic<int> lowestPriority{kNotOpen};
@@ -32,6 +43,8 @@ struct LogState {
     std::mutex lock;
     std::vector<LogLine> kept KORVANE_GUARDED_BY(lock);
     size_t notKept KORVANE_GUARDED_BY(lock) = 0;
+    bool summing KORVANE_GUARDED_BY(lock) = false;
+    std::map<std::string, Repeated> repeated KORVANE_GUARDED_BY(lock);
 };
 
 void writeKeptAtExit();
@@ -68,6 +81,45 @@ bool keep(LogState& log, const LogLine& line) {
     return true;
 }
 
+/// The line with each of its numbers as "#".
+std::string withoutNumbers(const LogLine& line) {
+    std::string text = line.tag + ' ';
+    for (const char c : line.text) {
+        const bool digit = std::isdigit(static_cast<unsigned char>(c)) != 0;
+        if (!digit || text.back() != '#') {
+            text += digit ? '#' : c;
+        }
+    }
+    return text;
+}
+
+/// Counts a line like one that has been written, while lines are summed.
+bool sumUp(LogState& log, const LogLine& line) {
+    const std::lock_guard<std::mutex> guard(log.lock);
+    if (!log.summing) {
+        return false;
+    }
+    const std::string text = withoutNumbers(line);
+    const auto found = log.repeated.find(text);
+    if (found != log.repeated.end()) {
+        ++found->second.more;
+        return true;
+    }
+    if (log.repeated.size() < kSummedLines) {
+        log.repeated.emplace(text, Repeated{line});
+    }
+    return false;
+}
+
+/// "17,782"
+std::string grouped(int64_t count) {
+    std::string text = std::to_string(count);
+    for (size_t end = text.size(); end > 3; end -= 3) {
+        text.insert(end - 3, ",");
+    }
+    return text;
+}
+
 void writeKeptAtExit() {
     if (state().lowestPriority == kNotOpen) {
         openLog(ANDROID_LOG_DEBUG);
@@ -78,7 +130,7 @@ int route(int priority, const char* tag, const char* text) {
     LogState& log = state();
     const LogLine line{priority, tag != nullptr ? tag : "", text};
     log.observer.call(line);
-    if (!keep(log, line) && priority >= log.lowestPriority) {
+    if (!keep(log, line) && priority >= log.lowestPriority && !sumUp(log, line)) {
         write(line);
     }
     return static_cast<int>(line.text.size());
@@ -109,6 +161,26 @@ void openLog(int lowestPriority) {
     log.kept.clear();
     log.notKept = 0;
     log.lowestPriority = lowestPriority;
+}
+
+void beginSums() {
+    LogState& log = state();
+    const std::lock_guard<std::mutex> guard(log.lock);
+    log.summing = true;
+}
+
+void endSums() {
+    LogState& log = state();
+    const std::lock_guard<std::mutex> guard(log.lock);
+    for (const auto& [text, repeated] : log.repeated) {
+        if (repeated.more > 0) {
+            const LogLine& line = repeated.first;
+            write({line.priority, line.tag,
+                   "... " + grouped(repeated.more) + " more like this: " + line.text});
+        }
+    }
+    log.repeated.clear();
+    log.summing = false;
 }
 
 void observeLog(std::function<void(const LogLine&)> observer) {

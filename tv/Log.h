@@ -21,6 +21,12 @@ struct LogLine {
 /// @param lowestPriority  3 debug to 6 error; 8 writes nothing
 void openLog(int lowestPriority);
 
+/// From now on, of lines that differ in numbers only, the first is written and the others counted.
+/// The observer gets them all.
+void beginSums();
+/// Writes a line for each kind that was counted, and counts no more.
+void endSums();
+
 /// Sets the function that gets every line of any priority; null removes it. It runs on the logging
 /// thread, so on several at once. When this returns, no call of the earlier observer is running.
 /// Lines that an observer logs itself are not observed. An observer must not call `observeLog`.

@@ -5,6 +5,7 @@
 #include <fmt/format.h>
 #include <fmt/ostream.h>
 
+#include <initializer_list>
 #include <iostream>
 #include <memory>
 #include <optional>
@@ -33,6 +34,7 @@
 #include "tv/Log.h"
 #include "tv/Properties.h"
 #include "tv/Trace.h"
+#include "tv/Tv.h"
 #include "tv/clock/VirtualTime.h"
 
 namespace korvane::player {
@@ -117,6 +119,19 @@ public:
     tv::TraceReport stop() { return tv::stopTrace(); }
 };
 
+/// Sums the library's repeated lines while it lives, unless its log is asked for.
+class LogSums {
+public:
+    explicit LogSums(bool wanted) {
+        if (wanted) {
+            tv::beginSums();
+        }
+    }
+    ~LogSums() { tv::endSums(); }
+    LogSums(const LogSums&) = delete;
+    LogSums& operator=(const LogSums&) = delete;
+};
+
 /// @return null for real time
 std::unique_ptr<tv::VirtualTime> startClock(const PlayOptions& options) {
     const bool available = tv::VirtualTime::available();
@@ -161,20 +176,18 @@ void sayNotes(const PlayOptions& options, const MediaInfo& media) {
 struct Listeners {
     Listeners(const PlayOptions& options, const MediaInfo& media, const PlaybackPlan& plan,
               Outputs* outputs)
-        : page(outputs->page.wanted() ? std::make_unique<PageRecorder>() : nullptr),
-          report(media.frameRateHz, plan, page.get()),
+        : frames(outputs->csv.wanted() ? std::make_unique<CsvWriter>(outputs->csv.stream())
+                                       : nullptr),
+          ledger(outputs->ledger.wanted() ? std::make_unique<LedgerWriter>(outputs->ledger.stream())
+                                          : nullptr),
+          page(outputs->page.wanted() ? std::make_unique<PageRecorder>() : nullptr),
+          report(media.frameRateHz, plan, wanted<CadenceListener>()),
           events(outputs->eventStreams()),
           recorder(&events),
           progress(!options.quiet) {
         hooks.listeners = {&report, &recorder};
-        if (page) {
-            hooks.listeners.push_back(page.get());
-        }
-        if (outputs->ledger.wanted()) {
-            hooks.listeners.push_back(&ledger.emplace(outputs->ledger.stream()));
-        }
-        if (outputs->csv.wanted()) {
-            hooks.listeners.push_back(&frames.emplace(outputs->csv.stream()));
+        for (auto* listener : wanted<PlaybackListener>()) {
+            hooks.listeners.push_back(listener);
         }
         hooks.interrupted = interrupted;
         if (options.expect) {
@@ -184,6 +197,7 @@ struct Listeners {
             if (line.priority >= lowest) {
                 clearProgress();
             }
+            report.seeLog(line, tv::nowNs() / 1000);
             if (watch) {
                 watch->see(line);
             }
@@ -196,12 +210,25 @@ struct Listeners {
         };
     }
 
+    /// Those of the ledger's readers that are wanted.
+    template <typename Listener>
+    std::vector<Listener*> wanted() const {
+        std::vector<Listener*> listeners;
+        for (LedgerListener* listener :
+             std::initializer_list<LedgerListener*>{frames.get(), ledger.get(), page.get()}) {
+            if (listener != nullptr) {
+                listeners.push_back(listener);
+            }
+        }
+        return listeners;
+    }
+
+    std::unique_ptr<CsvWriter> frames;
+    std::unique_ptr<LedgerWriter> ledger;
     std::unique_ptr<PageRecorder> page;  ///< null: not asked for
     ReportBuilder report;
     EventLog events;
     EventRecorder recorder;
-    std::optional<CsvWriter> frames;
-    std::optional<LedgerWriter> ledger;
     std::optional<LogWatch> watch;  ///< counts the lines that --expect names
     Progress progress;
     PlaybackHooks hooks;
@@ -293,8 +320,10 @@ int playFile(const PlayOptions& options) {
     sayNotes(options, video.info());
 
     Listeners listeners(options, video.info(), plan, &outputs);
+    std::optional<LogSums> sums(!options.logMask);
     const PlaybackRecord record = play(plan, video, std::move(audio), listeners.hooks);
     clearProgress();
+    sums.reset();
     const tv::TraceReport traceReport = trace.stop();
     const Summary summary = listeners.report.finish(record);
     listeners.events.finish();

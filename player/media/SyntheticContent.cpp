@@ -132,8 +132,8 @@ int64_t ContentTimes::latestUs() const {
 SyntheticVideo::SyntheticVideo(const ContentPlan& plan, bool withAudio) : mTimes(plan) {
     mInfo.path = "synthetic";
     mInfo.container = "synthetic";
-    mInfo.videoCodec = "none";
-    mInfo.audioCodec = withAudio ? "none" : "";
+    mInfo.videoCodec = "synthetic";
+    mInfo.audioCodec = withAudio ? "synthetic sound" : "";
     mInfo.width = 1920;
     mInfo.height = 1080;
     mInfo.frameRateHz = plan.times.empty() ? plan.rate.hz() : 0.0;

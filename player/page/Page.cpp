@@ -107,7 +107,7 @@ Json stretchesJson(const PageRecorder& recorder) {
                        {"seen", report.seen},
                        {"judged", report.judged()},
                        {"held", report.cadence.held ? whenHeld(report) : ""},
-                       {"wrong_pattern", report.causes.count(BreakCause::WrongPattern) > 0},
+                       {"wrong_pattern", report.wrongPattern},
                        {"first_frame_us", report.firstFrameUs},
                        {"second_frame_us", report.secondFrameUs}});
     }
@@ -164,7 +164,7 @@ Json wordsJson() {
     }
     for (int i = 0; i < kBreakCauses; ++i) {
         const auto cause = static_cast<BreakCause>(i);
-        words["cause"].push_back({inWords(toString(cause)), describe(cause)});
+        words["cause"].push_back(inWords(toString(cause)));
     }
     for (const auto kind :
          {EventKind::Start, EventKind::Flush, EventKind::Seek, EventKind::Pause, EventKind::Resume,

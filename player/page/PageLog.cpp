@@ -2,6 +2,7 @@
 #include "player/page/PageLog.h"
 
 #include "player/report/EventLine.h"
+#include "player/report/PatternLog.h"
 
 namespace korvane::player {
 namespace {
@@ -13,33 +14,13 @@ constexpr size_t kKeptPatterns = 100'000;
 
 }  // namespace
 
-PatternNews patternNews(const tv::LogLine& line, std::string* name) {
-    const auto has = [&line](const char* part) {
-        return line.text.find(part) != std::string::npos;
-    };
-    if (line.tag != "VideoSyncFRAC") {
-        return PatternNews::None;
-    }
-    // "[detectPattern]3:2 pattern detected", "[detectPattern] pattern [3:2] broken"
-    const size_t detected = line.text.find(" pattern detected");
-    const size_t from = line.text.find(']');
-    if (detected != std::string::npos && from < detected) {
-        *name = "[" + line.text.substr(from + 1, detected - from - 1) + "]";
-        return PatternNews::Detected;
-    }
-    const bool over =
-        (has("pattern") && has(" broken")) || has("reset FRAC") || has("hdmi frequency changed");
-    return over ? PatternNews::Over : PatternNews::None;
-}
-
 void PageLog::add(const tv::LogLine& line, int64_t nowNs) {
-    std::string name;
-    const PatternNews news = patternNews(line, &name);
+    const auto pattern = patternFromLog(line);
     const std::string kind =
         std::to_string(line.priority) + line.tag + ' ' + withoutNumbers(line.text);
     const std::lock_guard<std::mutex> guard(mLock);
-    if (news != PatternNews::None) {
-        setPattern(nowNs, name);
+    if (pattern) {
+        setPattern(nowNs, *pattern);
     }
     if (mLines.size() >= kKeptLines && mKinds.count(kind) == 0) {
         ++mLeft;

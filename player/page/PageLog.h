@@ -53,9 +53,4 @@ private:
     int64_t mLeft KORVANE_GUARDED_BY(mLock) = 0;
 };
 
-/// What a line of the library says of the pattern in force.
-enum class PatternNews { None, Detected, Over };
-/// @param name  receives the pattern, "[3:2]", when one was detected
-PatternNews patternNews(const tv::LogLine& line, std::string* name);
-
 }  // namespace korvane::player

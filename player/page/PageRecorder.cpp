@@ -31,12 +31,16 @@ PageRecorder::PageRecorder() {
 }
 
 void PageRecorder::onFrame(const FrameEntry& frame, const PlaybackRecord& soFar) {
-    auto column = mFrames.begin();
-    for (const LedgerColumn& of : kLedger) {
-        (column++)->add(of.value(frame, soFar).number);
-    }
+    LedgerListener::onFrame(frame, soFar);
     if (frame.outcome == Outcome::Shown) {
         followStops(frame, soFar);
+    }
+}
+
+void PageRecorder::onRow(const LedgerRow& row) {
+    auto column = mFrames.begin();
+    for (const LedgerColumn& of : kLedger) {
+        (column++)->add(of.value(row).number);
     }
 }
 
@@ -71,6 +75,7 @@ void PageRecorder::onAction(const Event& action) {
 }
 
 void PageRecorder::onBreak(const FrameBreak& found) {
+    LedgerListener::onBreak(found);
     mBreaks.frame.add(found.frameNo);
     mBreaks.dwell.add(found.dwell);
     mBreaks.expected.add(found.expected);

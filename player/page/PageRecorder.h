@@ -34,11 +34,12 @@ struct StretchOnPage {
     StretchReport report;
 };
 
-class PageRecorder final : public PlaybackListener, public CadenceListener {
+class PageRecorder final : public LedgerListener {
 public:
     PageRecorder();
 
     void onFrame(const FrameEntry& frame, const PlaybackRecord& soFar) override;
+    void onRow(const LedgerRow& row) override;
     void onAction(const Event& action) override;
     void onBreak(const FrameBreak& found) override;
     void onStretch(int64_t firstFrame, const StretchReport* report) override;

@@ -79,7 +79,8 @@ const char* toString(Outcome outcome) {
     return "lost";
 }
 
-int64_t FrameLedger::sent(int64_t mediaTimeUs, int section, int buffer, int64_t nowNs, bool late) {
+int64_t FrameLedger::sent(int64_t mediaTimeUs, int section, int buffer, int64_t nowNs, bool late,
+                          int64_t waitedNs) {
     const std::lock_guard<std::mutex> guard(mLock);
     FrameEntry entry;
     entry.frameNo = mFirst + static_cast<int64_t>(mEntries.size());
@@ -88,6 +89,7 @@ int64_t FrameLedger::sent(int64_t mediaTimeUs, int section, int buffer, int64_t 
     entry.buffer = buffer;
     entry.sentNs = nowNs;
     entry.sentLate = late;
+    entry.waitedNs = waitedNs;
     mFrameByMediaTime[mediaTimeUs] = entry.frameNo;
     mEntries.push_back(entry);
     return entry.frameNo;

@@ -58,6 +58,7 @@ struct FrameEntry {
     int buffer = -1;
     int64_t sentNs = 0;
     bool sentLate = false;  ///< sent too late for its vsync (see isTooLate)
+    int64_t waitedNs = 0;   ///< before, the player had waited so long for a free buffer
 
     int returns = 0;  ///< times that its buffer came back by callback
     int64_t returnedNs = 0;
@@ -85,6 +86,11 @@ struct FrameEntry {
     bool stoppedBefore = false;
     /// The library took its buffer out of the tunnel and did not return it.
     bool bufferKept = false;
+
+    /// It had a render time but came to no entry: the tunnel did not take it.
+    bool refusedByTunnel() const {
+        return outcome == Outcome::Lost && renderTimeUs >= 0 && !record;
+    }
 };
 
 /// How a buffer came back.
@@ -101,7 +107,8 @@ struct ReturnedBuffer {
 class FrameLedger {
 public:
     /// @return the new frame's number, counting from 0
-    int64_t sent(int64_t mediaTimeUs, int section, int buffer, int64_t nowNs, bool late);
+    int64_t sent(int64_t mediaTimeUs, int section, int buffer, int64_t nowNs, bool late,
+                 int64_t waitedNs = 0);
     void returned(const ReturnedBuffer& buffer);
     /// A flush moves the clock: the clock's times no longer apply to frames of earlier sections.
     void beginSection(int section);

@@ -223,6 +223,8 @@ bool PlaybackSession::lastFrameHasBeenShown() const {
 
 /// @return false at the end
 bool PlaybackSession::carryOut(const FeedStep& step) {
+    // A player that does something else meanwhile is not kept waiting by the pool.
+    mWaitedNs = step.action == FeedAction::Send ? mWaitedNs : 0;
     switch (step.action) {
         case FeedAction::Decode:
             decodeNext();
@@ -276,10 +278,13 @@ void PlaybackSession::endSource() {
 
 /// Sends the picture, if a buffer comes free in time.
 void PlaybackSession::send(int64_t longestWaitNs) {
+    const int64_t askedNs = tv::nowNs();
     const int buffer = mPool.acquire(std::chrono::nanoseconds(longestWaitNs));
+    mWaitedNs += tv::nowNs() - askedNs;
     if (buffer < 0) {
         return;
     }
+    const int64_t waitedNs = std::exchange(mWaitedNs, 0);
     const int64_t mediaTimeUs = mVideo.mediaTimeUs();
     const bool first = mSchedule.section().frames == 0;
     if (first) {
@@ -287,7 +292,7 @@ void PlaybackSession::send(int64_t longestWaitNs) {
     }
     const int section = std::max(static_cast<int>(mRecord.sections.size()) - 1, 0);
     const int64_t frameNo =
-        mLedger.sent(mediaTimeUs, section, buffer, tv::nowNs(), isLate(mediaTimeUs));
+        mLedger.sent(mediaTimeUs, section, buffer, tv::nowNs(), isLate(mediaTimeUs), waitedNs);
     const size_t bytes = mPool.fill(buffer, mVideo.picture(), frameNo, mediaTimeUs);
     if (mPlan.passthrough) {
         mRenderer->onVideoSyncQueueVideoFrame(mediaTimeUs, static_cast<unsigned>(bytes));

@@ -103,6 +103,7 @@ private:
 
     bool mHavePicture = false;
     int64_t mPictureReadyNs = 0;
+    int64_t mWaitedNs = 0;  ///< so far, for a buffer for the next frame
     bool mSourceEnded = false;
     int64_t mCollectedNs = 0;
 };

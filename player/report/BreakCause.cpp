@@ -20,6 +20,8 @@ constexpr int64_t kRoundingUs = 2'000;
 constexpr int64_t kClockMovedUs = 1'000;
 /// How far from a break its cause is looked for: the longest cycle of a pattern.
 constexpr size_t kNeighbours = 12;
+/// A player that waited less for a buffer is not late because of that.
+constexpr int64_t kWaitedNs = 1'000'000;
 
 bool ended(const ClockStop& stop) {
     return stop.toUs != 0;
@@ -43,12 +45,16 @@ constexpr CauseWords kCauseWords[kBreakCauses] = {
     {"drop", "dropped frames"},
     {"lost", "frames without an account"},
     {"late_frame", "frames handed in late"},
+    {"no_buffer", "no free frame buffer"},
+    {"fence", "release fences that came late or never"},
+    {"refusal", "frames that the tunnel refused"},
+    {"policy", "the pass-through policy"},
     {"late_on_screen", "frames on screen later than they were due"},
     {"source_gap", "frames missing in the source"},
     {"clock_moved", "a clock that was corrected"},
     {"timestamps", "irregular timestamps of the content"},
-    {"start", "the start, before the pattern held"},
-    {"flush", "a flush, until the pattern held again"},
+    {"start", "the start"},
+    {"flush", "a flush"},
     {"mode_change", "a change of the display's rate"},
     {"rate_change", "a change of the content's rate"},
     {"renderer", "the renderer's choice of vsyncs"},
@@ -68,7 +74,18 @@ bool askedFor(BreakCause cause) {
     return cause == BreakCause::Pause;
 }
 
-DwellFacts dwellFacts(const FrameEntry& frame) {
+Lateness latenessOf(const FrameEntry& frame, Lateness before, const LateFence& fence) {
+    if (!frame.sentLate || before != Lateness::None) {
+        return frame.sentLate ? before : Lateness::None;
+    }
+    if (frame.waitedNs < kWaitedNs) {
+        return Lateness::Decoded;
+    }
+    const bool fenced = fence.fromNs < frame.sentNs && fence.toNs > frame.sentNs - frame.waitedNs;
+    return fenced ? Lateness::Fence : Lateness::NoBuffer;
+}
+
+DwellFacts dwellFacts(const FrameEntry& frame, Lateness late) {
     DwellFacts facts;
     facts.frameNo = frame.frameNo;
     facts.mediaTimeUs = frame.mediaTimeUs;
@@ -76,30 +93,68 @@ DwellFacts dwellFacts(const FrameEntry& frame) {
     facts.releasedUs = frame.record->releasedNs / 1000;
     facts.dwell = static_cast<int>(frame.record->dwellVsyncs);
     facts.shownUs = facts.dwell > 0 ? frame.record->firstVsync.timeNs / 1000 : facts.releasedUs;
-    facts.sentLate = frame.sentLate;
+    facts.presentationUs = frame.record->presentationTimeUs;
+    facts.late = late;
     return facts;
 }
 
-void addNext(DwellFacts* facts, const FrameEntry& next, double contentHz, double displayHz) {
-    facts->nextSentLate = facts->nextSentLate || next.sentLate;
+void addNext(DwellFacts* facts, const FrameEntry& next, Lateness late, double contentHz,
+             double displayHz) {
+    facts->nextLate = facts->nextLate == Lateness::None ? late : facts->nextLate;
     if (next.outcome == Outcome::Dropped) {
         facts->nextDropped = facts->nextDropped.value_or(next.dropReason);
     }
     facts->nextLost = facts->nextLost || next.outcome == Outcome::Lost;
+    facts->nextRefused = facts->nextRefused || next.refusedByTunnel();
     const int64_t mediaUs = next.mediaTimeUs - facts->mediaTimeUs;
     const auto frames = static_cast<double>(next.frameNo - facts->frameNo);
     facts->contentStepUs = 1e6 / contentHz;
+    facts->vsyncUs = 1e6 / displayHz;
     facts->sourceOffUs = mediaUs - static_cast<int64_t>(frames * facts->contentStepUs);
     if (facts->clockUs && next.clockRealUs) {
         facts->clockMovedUs = *next.clockRealUs - *facts->clockUs - mediaUs;
     }
+    if (!next.record) {
+        return;
+    }
+    const int64_t presentationUs = next.record->presentationTimeUs;
+    facts->nextUntimed = presentationUs <= 0;
+    if (facts->nextUntimed) {
+        return;
+    }
     if (next.outcome == Outcome::Shown) {
-        facts->nextLateUs = next.record->firstVsync.timeNs / 1000 -
-                            next.record->presentationTimeUs - static_cast<int64_t>(1e6 / displayHz);
+        facts->nextLateUs = next.record->firstVsync.timeNs / 1000 - presentationUs -
+                            static_cast<int64_t>(facts->vsyncUs);
+    }
+    if (facts->clockUs && next.clockRealUs) {
+        facts->movedUs =
+            presentationUs - facts->presentationUs - (*next.clockRealUs - *facts->clockUs);
     }
 }
 
 namespace {
+
+BreakCause causeOf(Lateness late) {
+    switch (late) {
+        case Lateness::NoBuffer:
+            return BreakCause::NoBuffer;
+        case Lateness::Fence:
+            return BreakCause::Fence;
+        default:
+            return BreakCause::LateFrame;
+    }
+}
+
+/// What became of the next frames.
+BreakCause causeByOutcome(const DwellFacts& facts) {
+    if (facts.nextRefused || facts.nextLost) {
+        return facts.nextRefused ? BreakCause::Refusal : BreakCause::Lost;
+    }
+    if (facts.nextUntimed || facts.nextDropped == DropReason::Policy) {
+        return BreakCause::Policy;
+    }
+    return facts.nextDropped ? BreakCause::Drop : BreakCause::Unexplained;
+}
 
 /// What the frame's own facts tell.
 BreakCause causeAt(const DwellFacts& facts, const std::vector<ClockStop>& stops) {
@@ -112,11 +167,15 @@ BreakCause causeAt(const DwellFacts& facts, const std::vector<ClockStop>& stops)
                : over          ? BreakCause::Resume
                                : BreakCause::Pause;
     }
-    if (facts.nextDropped || facts.nextLost) {
-        return facts.nextDropped ? BreakCause::Drop : BreakCause::Lost;
+    if (static_cast<double>(facts.sourceOffUs) < -facts.contentStepUs / 2) {
+        return BreakCause::Timestamps;
     }
-    if (facts.sentLate || facts.nextSentLate) {
-        return BreakCause::LateFrame;
+    const Lateness late = facts.nextLate != Lateness::None ? facts.nextLate : facts.late;
+    if (late != Lateness::None) {
+        return causeOf(late);
+    }
+    if (const BreakCause cause = causeByOutcome(facts); cause != BreakCause::Unexplained) {
+        return cause;
     }
     if (static_cast<double>(facts.sourceOffUs) > facts.contentStepUs / 2) {
         return BreakCause::SourceGap;
@@ -131,26 +190,48 @@ BreakCause causeAt(const DwellFacts& facts, const std::vector<ClockStop>& stops)
                                                      : BreakCause::Unexplained;
 }
 
-}  // namespace
-
-FoundCause causeOfBreak(const std::deque<DwellFacts>& frames, size_t at,
-                        const std::vector<ClockStop>& stops, const StretchStart& start) {
-    const DwellFacts& own = frames[at];
+/// Looks for a frame that tells a cause, first at the break, then ever farther from it; what came
+/// before is the likelier cause.
+/// @param tells  gives the cause that a frame tells, from its distance
+template <typename Tells>
+FoundCause nearestCause(const std::deque<DwellFacts>& frames, size_t at, Tells tells) {
     for (size_t away = 0; away <= kNeighbours; ++away) {
-        // What came before is the likelier cause.
         for (const size_t i : {at - away, at + away}) {
             const BreakCause cause =
-                i < frames.size() ? causeAt(frames[i], stops) : BreakCause::Unexplained;
-            // A pause is no fault of the frame that it holds on screen, but of no other's either.
-            if (cause != BreakCause::Unexplained && (away == 0 || !askedFor(cause))) {
-                return {cause, frames[i]};
+                i < frames.size() ? tells(frames[i], away) : BreakCause::Unexplained;
+            if (cause != BreakCause::Unexplained) {
+                return {cause, frames[i], ""};
             }
         }
     }
-    if (own.shownUs <= start.atUs + kAfterStopUs) {
-        return {start.cause, own};
+    return {};
+}
+
+}  // namespace
+
+FoundCause causeOfBreak(const std::deque<DwellFacts>& frames, size_t at,
+                        const BreakSurroundings& around) {
+    const DwellFacts& own = frames[at];
+    FoundCause told = nearestCause(frames, at, [&](const DwellFacts& facts, size_t away) {
+        const BreakCause cause = causeAt(facts, around.stops);
+        // A pause is no fault of the frame that it holds on screen, but of no other's either.
+        return away > 0 && askedFor(cause) ? BreakCause::Unexplained : cause;
+    });
+    if (told.cause != BreakCause::Unexplained) {
+        return told;
     }
-    return {own.clockUs ? BreakCause::Renderer : BreakCause::Unexplained, own};
+    if (own.shownUs <= around.start.atUs + kAfterStopUs) {
+        return {around.start.cause, own, ""};
+    }
+    FoundCause moved = nearestCause(frames, at, [&](const DwellFacts& facts, size_t) {
+        return std::abs(static_cast<double>(facts.movedUs)) < facts.vsyncUs / 2
+                   ? BreakCause::Unexplained
+               : around.passthrough           ? BreakCause::Policy
+               : !around.wrongPattern.empty() ? BreakCause::WrongPattern
+                                              : BreakCause::Renderer;
+    });
+    moved.wrongPattern = around.wrongPattern;
+    return moved;
 }
 
 std::string tellCause(const FoundCause& found) {
@@ -168,8 +249,15 @@ std::string tellCause(const FoundCause& found) {
             return fmt::format("the frame after {} was dropped: {}", facts.frameNo,
                                toString(*facts.nextDropped));
         case BreakCause::LateFrame:
-            return fmt::format("frame {} was handed in late",
-                               facts.sentLate ? facts.frameNo : facts.frameNo + 1);
+        case BreakCause::NoBuffer:
+        case BreakCause::Fence:
+            return fmt::format("frame {} was handed in late{}",
+                               facts.nextLate == Lateness::None ? facts.frameNo : facts.frameNo + 1,
+                               found.cause == BreakCause::NoBuffer ? ": no buffer was free"
+                               : found.cause == BreakCause::Fence  ? ": a fence kept its buffer"
+                                                                   : "");
+        case BreakCause::Refusal:
+            return fmt::format("the tunnel refused the frame after {}", facts.frameNo);
         case BreakCause::SourceGap:
             return fmt::format("the source has a gap of {} after frame {}",
                                milliseconds(facts.sourceOffUs), facts.frameNo);
@@ -179,6 +267,12 @@ std::string tellCause(const FoundCause& found) {
         case BreakCause::LateOnScreen:
             return fmt::format("the frame after {} was {} late on screen", facts.frameNo,
                                milliseconds(facts.nextLateUs));
+        case BreakCause::WrongPattern:
+            return fmt::format("{} is in force, which the content does not have",
+                               found.wrongPattern);
+        case BreakCause::Renderer:
+            return fmt::format("the renderer moved the frame after {} by {}", facts.frameNo,
+                               signedMilliseconds(facts.movedUs));
         default:
             return describe(found.cause);
     }

@@ -10,20 +10,31 @@
 //
 //   pause, resume    the player stood still, or had shortly before; the pause itself is no fault
 //   underflow        the clock stood still for want of audio, now or shortly before
-//   drop, lost       the next frame was dropped, or never accounted for, so this one stayed instead
-//   late_frame       this frame or the next was handed in too late: late decode, no free buffer
-//   late_on_screen   the next one came on screen later than at the first vsync that it was due
+//   timestamps       the media times went back by more than half a frame
+//   late_frame, no_buffer, fence
+//                    this frame or the next was handed in too late, as the first late one before:
+//                    that was decoded so late; or the player had to wait for a buffer; or it did
+//                    while a release fence was late
+//   refusal, lost    the tunnel refused the next frame, or nothing is known of it
+//   policy, drop     the pass-through policy dropped the next frame or left out its time; or the
+//                    next one was dropped for another reason
 //   source_gap       frames are missing in the source: their media times leave room for more
 //   clock_moved      the clock's real times moved against the media times: a new anchor
+//   late_on_screen   the next one came on screen later than at the first vsync that it was due
 //   timestamps       the media times are irregular by themselves
 //
 // else, if they say nothing:
 //
 //   start, flush, mode_change, rate_change   the stretch had just begun so
-//   renderer         all that came in was regular, and the picture was on screen when the renderer
-//                    said
-//   wrong_pattern    the same, for more than a tenth of a stretch: the renderer keeps a pattern in
-//                    force that the content does not have
+//
+// else, if a presentation time near it left the clock's by half a vsync or more, so that the
+// renderer moved a frame:
+//
+//   policy           the pass-through policy decides about times
+//   wrong_pattern    by its log, the renderer had a pattern in force that the content does not have
+//   renderer         it chose so
+//
+// What nothing proves is unexplained.
 #pragma once
 
 #include <cstddef>
@@ -45,6 +56,10 @@ enum class BreakCause {
     Drop,
     Lost,
     LateFrame,
+    NoBuffer,
+    Fence,
+    Refusal,
+    Policy,
     LateOnScreen,
     SourceGap,
     ClockMoved,
@@ -64,6 +79,18 @@ const char* describe(BreakCause cause);
 /// True for what the player did on purpose.
 bool askedFor(BreakCause cause);
 
+/// Why a frame was handed in too late.
+enum class Lateness { None, Decoded, NoBuffer, Fence };
+
+/// A release fence that signalled late, or not yet.
+struct LateFence {
+    int64_t fromNs = 0;
+    int64_t toNs = 0;
+};
+
+/// @param before  of the frame sent before: one that is late makes the next ones late, too
+Lateness latenessOf(const FrameEntry& frame, Lateness before, const LateFence& fence);
+
 /// What is known of a frame whose dwell may turn out not to fit. Times are monotonic.
 struct DwellFacts {
     int64_t frameNo = 0;
@@ -72,21 +99,27 @@ struct DwellFacts {
     int64_t releasedUs = 0;
     std::optional<int64_t> clockUs;  ///< the clock's real time for it
     int dwell = 0;                   ///< vsyncs on screen; 0: superseded
-    bool sentLate = false;
+    Lateness late = Lateness::None;
 
     // Of the frames after it, up to the next one that reached the tunnel.
-    bool nextSentLate = false;
+    Lateness nextLate = Lateness::None;
     bool nextLost = false;
+    bool nextRefused = false;  ///< by the tunnel
+    bool nextUntimed = false;  ///< the policy left out its presentation time
     std::optional<DropReason> nextDropped;
     int64_t nextLateUs = 0;      ///< on screen so long after the vsync at which it was due
     int64_t sourceOffUs = 0;     ///< step of the media times minus that of the content's rate
     int64_t clockMovedUs = 0;    ///< step of the clock's times minus that of the media times
+    int64_t movedUs = 0;         ///< step of the presentation times minus that of the clock's
     double contentStepUs = 0.0;  ///< of one frame
+    double vsyncUs = 0.0;
+    int64_t presentationUs = 0;
 };
 
-DwellFacts dwellFacts(const FrameEntry& frame);
+DwellFacts dwellFacts(const FrameEntry& frame, Lateness late);
 /// Adds what the frame handed in next tells; call for each, up to one that reached the tunnel.
-void addNext(DwellFacts* facts, const FrameEntry& next, double contentHz, double displayHz);
+void addNext(DwellFacts* facts, const FrameEntry& next, Lateness late, double contentHz,
+             double displayHz);
 
 /// Where a stretch began, and when.
 struct StretchStart {
@@ -94,14 +127,23 @@ struct StretchStart {
     int64_t atUs = 0;
 };
 
+/// What is known beside the frames.
+struct BreakSurroundings {
+    const std::vector<ClockStop>& stops;
+    StretchStart start;
+    std::string wrongPattern;  ///< in force then, by the renderer's log, and not the content's
+    bool passthrough = false;
+};
+
 struct FoundCause {
     BreakCause cause = BreakCause::Unexplained;
     DwellFacts where;  ///< the frame that tells it
+    std::string wrongPattern;
 };
 
 /// @param at  index of the frame with the break among its neighbours
 FoundCause causeOfBreak(const std::deque<DwellFacts>& frames, size_t at,
-                        const std::vector<ClockStop>& stops, const StretchStart& start);
+                        const BreakSurroundings& around);
 /// The cause in words, with what is known of it; empty: unexplained.
 std::string tellCause(const FoundCause& found);
 

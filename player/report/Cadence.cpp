@@ -27,6 +27,8 @@ constexpr int kMaxRatioFrames = 60;
 /// A ratio is told that is true but for so many frames a second.
 constexpr double kRatioTolerance = 0.01;
 constexpr double kClearlyBetter = 1.001;
+/// A frame's length is whole vsyncs when it is off by less.
+constexpr double kWholeVsync = 0.15;
 /// Slips rarer than one a day are rounding errors of the rates.
 constexpr double kNoSlipSeconds = 86'400.0;
 
@@ -43,6 +45,23 @@ std::vector<int> evenPattern(int vsyncs, size_t frames) {
     }
     // The last frame ends exactly on the cycle's last vsync, also when rounding went past it.
     pattern.back() += vsyncs - before;
+    return pattern;
+}
+
+/// The dwells of frames of these lengths; empty unless each is close to a whole number.
+std::vector<int> patternOfCycle(double vsyncsPerFrame, const std::vector<double>& cycle) {
+    std::vector<int> pattern;
+    for (const double length : cycle) {
+        const double vsyncs = vsyncsPerFrame * length;
+        pattern.push_back(static_cast<int>(std::lround(vsyncs)));
+        if (std::abs(vsyncs - pattern.back()) > kWholeVsync) {
+            return {};
+        }
+    }
+    // Of two dwells the longer one is written first.
+    if (pattern.size() == 2 && pattern[0] < pattern[1]) {
+        std::swap(pattern[0], pattern[1]);
+    }
     return pattern;
 }
 
@@ -126,19 +145,27 @@ double ExpectedCadence::secondsPerSlip() const {
     return perSecond * kNoSlipSeconds > 1.0 ? 1.0 / perSecond : 0.0;
 }
 
-ExpectedCadence expectedCadence(double contentHz, double displayHz) {
+ExpectedCadence expectedCadence(double contentHz, double displayHz,
+                                const std::vector<double>& cycle) {
     ExpectedCadence best{contentHz, displayHz, {}, 0.0};
     if (!(contentHz > 0.0) || !(displayHz > 0.0)) {
         return best;
     }
     const double vsyncsPerFrame = displayHz / contentHz;
+    if (const auto pattern = patternOfCycle(vsyncsPerFrame, cycle); !pattern.empty()) {
+        const int vsyncs = std::accumulate(pattern.begin(), pattern.end(), 0);
+        const double slip = vsyncsPerFrame - vsyncs / static_cast<double>(pattern.size());
+        if (std::abs(slip) * contentHz <= kMaxSlipsOfPattern) {
+            return {contentHz, displayHz, pattern, slip};
+        }
+    }
     for (size_t frames = 1; frames <= kMaxCycleFrames; ++frames) {
-        const double cycle = vsyncsPerFrame * static_cast<double>(frames);
-        const int vsyncs = static_cast<int>(std::lround(cycle));
+        const double turn = vsyncsPerFrame * static_cast<double>(frames);
+        const int vsyncs = static_cast<int>(std::lround(turn));
         if (std::gcd(vsyncs, static_cast<int>(frames)) > 1) {
             continue;  // a shorter cycle, written several times over
         }
-        const double slip = (cycle - vsyncs) / static_cast<double>(frames);
+        const double slip = (turn - vsyncs) / static_cast<double>(frames);
         // Of two that fit equally well the shorter one counts.
         if (best.pattern.empty() || std::abs(slip) * kClearlyBetter < std::abs(best.slipPerFrame)) {
             best.pattern = evenPattern(vsyncs, frames);

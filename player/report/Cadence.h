@@ -20,6 +20,9 @@
 //   50       60        1.2      [1:1:2:1:1]     none
 //   48       50        1.0417   (1 and 2, 23:1) one vsync more every 0.5 s
 //
+// Content that itself lasts longer and shorter by turns is shown so where the display can: soft
+// telecine, 3 and 2 fields of 59.94 Hz, is [6:4] on 120 Hz, not [5:5].
+//
 // The dwells that were seen are compared with the pattern so that the fewest breaks remain
 // (CadenceTracker). A break is a dwell other than the one that the pattern wanted next; after it
 // the pattern goes on in step or at another of its frames. The latter is how a slip comes in a
@@ -54,7 +57,10 @@ struct ExpectedCadence {
 };
 
 /// The cadence of a content rate on a display rate, both in Hz and above 0.
-ExpectedCadence expectedCadence(double contentHz, double displayHz);
+/// @param cycle  the length of each frame of a turn, of which 1 is the mean, if they differ. Where
+///               each is a whole number of vsyncs, the pattern follows them
+ExpectedCadence expectedCadence(double contentHz, double displayHz,
+                                const std::vector<double>& cycle = {});
 
 /// "[3:2]"; a pattern of one dwell n is written "[n:n]".
 std::string patternName(const std::vector<int>& pattern);

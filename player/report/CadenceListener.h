@@ -26,9 +26,14 @@ class CadenceListener {
 public:
     virtual ~CadenceListener() = default;
     virtual void onBreak(const FrameBreak& found) = 0;
+    /// No later call of `onBreak` has a smaller number.
+    virtual void onJudgedUpTo(int64_t frameNo) = 0;
     /// After its breaks. Frames from `firstFrame` on were its own; `report` is null if none of them
     /// was shown.
-    virtual void onStretch(int64_t firstFrame, const StretchReport* report) = 0;
+    virtual void onStretch(int64_t firstFrame, const StretchReport* report) {
+        static_cast<void>(firstFrame);
+        static_cast<void>(report);
+    }
 };
 
 }  // namespace korvane::player

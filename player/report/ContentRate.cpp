@@ -17,6 +17,9 @@ constexpr double kBroadcastRates[] = {24 / 1.001, 24, 25,  30 / 1.001,  30, 48 /
                                       60 / 1.001, 60, 100, 120 / 1.001, 120};
 /// Timestamps are rounded to a millisecond at worst.
 constexpr double kRoundingUs = 1'000;
+/// Longest turn of shorter and longer frames, and how much its steps may differ from turn to turn.
+constexpr size_t kLongestTurn = 5;
+constexpr int64_t kTurnRoundingUs = 2'000;
 /// A new rate differs at least so much.
 constexpr double kLeastChange = 0.02;
 
@@ -78,7 +81,7 @@ std::optional<FramePace> ContentRate::take() {
     }
     mInOpening -= mInOpening > 0 ? 1 : 0;
     mFrames.pop_front();
-    return FramePace{mSpan, mHz};
+    return FramePace{mSpan, mContent.hz};
 }
 
 bool ContentRate::beginSpan() {
@@ -95,12 +98,13 @@ bool ContentRate::beginSpan() {
         }
     }
     learnStep(frames);
-    mHz = mNominalHz;
+    learnCycle(frames);
+    mContent.hz = mNominalHz;
     if (mMeanOf >= kSteadyRunFrames && mStepUs > 0.0) {
         const double measuredHz = 1e6 / mStepUs;
         const bool agrees = std::abs(measuredHz - mNominalHz) <= kRateAgreement * measuredHz;
         const double rounding = kRoundingUs / (mStepUs * static_cast<double>(mMeanOf));
-        mHz =
+        mContent.hz =
             agrees ? mNominalHz : asBroadcast(measuredHz, std::max(kBroadcastAgreement, rounding));
     }
     mInOpening = frames;
@@ -113,6 +117,38 @@ void ContentRate::learnStep(size_t frames) {
     const auto opening = regular(steps(0, frames));
     mStepUs = mean(opening);
     mMeanOf = std::max<size_t>(opening.size(), 1);
+}
+
+/// Frames last shorter and longer by turns if nearly all steps are as long as the one a turn
+/// before, and nearly every turn holds steps of two lengths.
+void ContentRate::learnCycle(size_t frames) {
+    mContent.cycle.clear();
+    const auto all = steps(0, frames);
+    size_t changes = 0;
+    for (size_t i = 1; i < all.size(); ++i) {
+        changes += std::abs(all[i] - all[i - 1]) > 2 * kTurnRoundingUs ? 1 : 0;
+    }
+    for (size_t turn = 2; turn <= kLongestTurn && all.size() >= kLookAheadSteps; ++turn) {
+        size_t repeats = 0;
+        size_t run = 0;
+        std::vector<int64_t> cycle;
+        for (size_t i = turn; i < all.size(); ++i) {
+            const bool same = std::abs(all[i] - all[i - turn]) <= kTurnRoundingUs;
+            repeats += same ? 1 : 0;
+            run = same ? run + 1 : 0;
+            if (run == turn && cycle.empty()) {
+                cycle.assign(&all[i] - turn + 1, &all[i] + 1);
+            }
+        }
+        if (repeats * 20 >= (all.size() - turn) * 19 && changes * turn * 10 >= all.size() * 9) {
+            // A turn that is cut short would move the mean.
+            learnStep(all.size() / turn * turn);
+            for (const int64_t step : cycle) {
+                mContent.cycle.push_back(static_cast<double>(step) / mean(cycle));
+            }
+            return;
+        }
+    }
 }
 
 /// Whether a span of another rate begins with this frame.

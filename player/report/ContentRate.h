@@ -22,6 +22,14 @@
 
 namespace korvane::player {
 
+/// Frames of one rate.
+struct ContentSpan {
+    double hz = 0.0;
+    /// Where frames last shorter and longer by turns (soft telecine: 3 and 2 fields), the length of
+    /// each frame of one turn, of which 1 is the mean; else empty.
+    std::vector<double> cycle;
+};
+
 /// What is known of a frame's place in the content.
 struct FramePace {
     int span = 0;  ///< counts changes of the rate
@@ -34,7 +42,7 @@ public:
     static constexpr size_t kLookAheadSteps = 24;
 
     /// @param nominalHz  the content's rate as its file says; 0: it does not
-    explicit ContentRate(double nominalHz) : mNominalHz(nominalHz), mHz(nominalHz) {}
+    explicit ContentRate(double nominalHz) : mNominalHz(nominalHz), mContent{nominalHz, {}} {}
 
     /// Takes the next frame in order.
     void add(int section, int64_t mediaTimeUs) { mFrames.push_back({section, mediaTimeUs}); }
@@ -42,6 +50,8 @@ public:
     void end() { mEnded = true; }
     /// The next frame in order whose rate is known; nothing while more frames are needed.
     std::optional<FramePace> take();
+    /// Of the frame taken last.
+    const ContentSpan& span() const { return mContent; }
 
 private:
     struct Frame {
@@ -51,11 +61,12 @@ private:
     bool beginSpan();
     bool changesAt(size_t frame) const;
     void learnStep(size_t frames);
+    void learnCycle(size_t frames);
     bool canLookAhead() const;
     std::vector<int64_t> steps(size_t from, size_t count) const;
 
     const double mNominalHz;
-    double mHz;
+    ContentSpan mContent;
     double mStepUs = 0.0;  ///< the span's mean; 0: not known
     size_t mMeanOf = 1;    ///< steps that it is the mean of
     int mSpan = -1;

@@ -110,9 +110,11 @@ bool isEven(const Summary& summary) {
            avoidableDrops(summary) == 0;
 }
 
-bool isInSync(const LipSync& sync) {
-    const double share =
-        sync.secondsJudged > 0.0 ? sync.secondsOutsideItuDetectable / sync.secondsJudged : 0.0;
+std::optional<bool> isInSync(const LipSync& sync) {
+    if (sync.secondsJudged <= 0.0) {
+        return std::nullopt;
+    }
+    const double share = sync.secondsOutsideItuDetectable / sync.secondsJudged;
     return share <= kOutsideShareOfShort &&
            (sync.secondsOutsideItuDetectable <= kOutsideSeconds || share <= kOutsideShare);
 }
@@ -138,7 +140,7 @@ Grade gradeOf(const PlaybackRecord& record, const Summary& summary) {
     if (!summary.accounted() || record.overwrittenOnScreen > 0) {
         return Grade::Faulty;
     }
-    if (!isInSync(summary.lipSync)) {
+    if (!isInSync(summary.lipSync).value_or(true)) {
         return Grade::OutOfSync;
     }
     if (!isEven(summary)) {

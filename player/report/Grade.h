@@ -10,7 +10,9 @@
 //   faulty          a frame or a buffer without an account, or a picture overwritten on screen
 //   out_of_sync     lip-sync where viewers notice it (ITU-R BT.1359-1: sound more than 45 ms early
 //                   or 125 ms late) for more than a second and a thousandth of the time, or for
-//                   more than a twentieth of it
+//                   more than a twentieth of it. The narrower band of EBU R37 is what a broadcaster
+//                   may add, with a margin for the chain behind it; it can be expected, but
+//                   is not the viewer's
 //   uneven          a dwell that the rates do not demand, but for those that the player asked for
 //                   (a pause), or a frame dropped that could have been shown
 //   too_short       no stretch of at least ten frames whose rate is known
@@ -18,6 +20,8 @@
 //                   two frames, or slips less than 8 s apart
 //   even            all else
 #pragma once
+
+#include <optional>
 
 #include "player/report/Summary.h"
 
@@ -41,7 +45,8 @@ const StretchReport& longestStretch(const Summary& summary);
 
 /// Even, or as even as the rates allow, wherever it can be judged.
 bool isEven(const Summary& summary);
-bool isInSync(const LipSync& sync);
+/// Empty where no frame came on screen while something was heard.
+std::optional<bool> isInSync(const LipSync& sync);
 /// Played to its end, or to the time asked for.
 bool isComplete(EndCause end);
 

@@ -63,6 +63,12 @@ void JudderMeter::skipped(int64_t mediaTimeUs) {
     mSkipped = true;
 }
 
+void JudderMeter::ended(int64_t releasedUs) {
+    if (mLast && mSkipped) {
+        noteLongest({*mContentUs - mLast->mediaTimeUs, releasedUs - mLast->shownUs});
+    }
+}
+
 /// Frames that were skipped count, too: many in a row are a long freeze and no jump of the content.
 void JudderMeter::followContent(int64_t mediaTimeUs) {
     const int64_t stepUs = mediaTimeUs - mContentUs.value_or(mediaTimeUs);

@@ -56,6 +56,8 @@ public:
     void shown(int64_t frameNo, int64_t mediaTimeUs, int64_t shownUs);
     /// The next frame was not on screen, although it could have been.
     void skipped(int64_t mediaTimeUs);
+    /// The last picture left the screen at this time and none came after it.
+    void ended(int64_t releasedUs);
     /// A flush or a pause: the time on screen of the last picture tells nothing.
     void restart();
     JudderReport report() const;

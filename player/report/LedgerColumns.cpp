@@ -6,7 +6,7 @@
 namespace korvane::player {
 namespace {
 
-using Record = PlaybackRecord;
+using Row = LedgerRow;
 using Frame = FrameEntry;
 
 constexpr char kAtOnce[] = "at_once";
@@ -24,26 +24,28 @@ LedgerValue number(std::optional<int64_t> value) {
     return {value, nullptr};
 }
 
-LedgerValue sinceStart(int64_t ns, const Record& record) {
-    return ns > 0 ? number((ns - record.startNs) / 1000) : empty();
+LedgerValue sinceStart(int64_t ns, const Row& row) {
+    return ns > 0 ? number((ns - row.startNs) / 1000) : empty();
 }
 
 bool hadVsync(const Frame& frame) {
     return frame.record && frame.record->firstVsync.index >= 0;
 }
 
-LedgerValue presentTime(const Frame& frame, const Record& record) {
+LedgerValue presentTime(const Row& row) {
+    const Frame& frame = row.frame;
     if (!frame.record) {
         return empty();
     }
     return frame.record->atOnce ? LedgerValue{std::nullopt, kAtOnce}
-                                : number(frame.record->presentationTimeUs - record.startNs / 1000);
+                                : number(frame.record->presentationTimeUs - row.startNs / 1000);
 }
 
 /// How far into its vsync interval the presentation time falls. The interval's length is that of
 /// the one in which the frame came on screen; both differ only across a change of the display's
 /// rate.
-LedgerValue vsyncPhase(const Frame& frame, const Record&) {
+LedgerValue vsyncPhase(const Row& row) {
+    const Frame& frame = row.frame;
     if (!hadVsync(frame) || frame.record->atOnce || frame.record->vsyncPeriodNs <= 0) {
         return empty();
     }
@@ -57,63 +59,89 @@ LedgerValue vsyncPhase(const Frame& frame, const Record&) {
 }  // namespace
 
 const LedgerColumn kLedger[kLedgerColumns] = {
-    {"frame", [](const Frame& f, const Record&) { return number(f.frameNo); }},
-    {"media_us", [](const Frame& f, const Record&) { return number(f.mediaTimeUs); }},
-    {"section", [](const Frame& f, const Record&) { return number(f.section); }},
+    {"frame", [](const Row& r) { return number(r.frame.frameNo); }},
+    {"media_us", [](const Row& r) { return number(r.frame.mediaTimeUs); }},
+    {"section", [](const Row& r) { return number(r.frame.section); }},
     {"outcome",
-     [](const Frame& f, const Record&) {
-         return LedgerValue{static_cast<int64_t>(f.outcome), toString(f.outcome)};
+     [](const Row& r) {
+         return LedgerValue{static_cast<int64_t>(r.frame.outcome), toString(r.frame.outcome)};
      }},
     {"drop_reason",
-     [](const Frame& f, const Record&) {
-         return f.dropReason == DropReason::None
+     [](const Row& r) {
+         return r.frame.dropReason == DropReason::None
                     ? empty()
-                    : LedgerValue{static_cast<int64_t>(f.dropReason), toString(f.dropReason)};
+                    : LedgerValue{static_cast<int64_t>(r.frame.dropReason),
+                                  toString(r.frame.dropReason)};
      }},
-    {"buffer", [](const Frame& f, const Record&) { return number(f.buffer); }},
-    {"sent_us", [](const Frame& f, const Record& r) { return sinceStart(f.sentNs, r); }},
+    {"buffer", [](const Row& r) { return number(r.frame.buffer); }},
+    {"sent_us", [](const Row& r) { return sinceStart(r.frame.sentNs, r); }},
     {"queued_us",
-     [](const Frame& f, const Record& r) {
-         return f.record ? sinceStart(f.record->queuedNs, r) : empty();
+     [](const Row& r) {
+         return r.frame.record ? sinceStart(r.frame.record->queuedNs, r) : empty();
      }},
     {"present_us", presentTime},
     {"vsync",
-     [](const Frame& f, const Record&) {
-         return hadVsync(f) ? number(f.record->firstVsync.index) : empty();
+     [](const Row& r) {
+         return hadVsync(r.frame) ? number(r.frame.record->firstVsync.index) : empty();
      }},
     {"shown_us",
-     [](const Frame& f, const Record& r) {
-         return hadVsync(f) ? sinceStart(f.record->firstVsync.timeNs, r) : empty();
+     [](const Row& r) {
+         return hadVsync(r.frame) ? sinceStart(r.frame.record->firstVsync.timeNs, r) : empty();
      }},
     {"dwell_vsyncs",
-     [](const Frame& f, const Record&) {
-         return f.record ? number(f.record->dwellVsyncs) : empty();
+     [](const Row& r) { return r.frame.record ? number(r.frame.record->dwellVsyncs) : empty(); }},
+    {"cause",
+     [](const Row& r) {
+         return r.cause ? LedgerValue{static_cast<int64_t>(*r.cause), toString(*r.cause)} : empty();
      }},
-    {"lip_sync_us", [](const Frame& f, const Record&) { return number(lipSyncUs(f)); }},
+    {"lip_sync_us", [](const Row& r) { return number(lipSyncUs(r.frame)); }},
     {"av_offset_us",
-     [](const Frame& f, const Record&) {
-         return hadVsync(f) && f.clockRealUs
-                    ? number(f.record->firstVsync.timeNs / 1000 - *f.clockRealUs)
+     [](const Row& r) {
+         return hadVsync(r.frame) && r.frame.clockRealUs
+                    ? number(r.frame.record->firstVsync.timeNs / 1000 - *r.frame.clockRealUs)
                     : empty();
      }},
     {"released_us",
-     [](const Frame& f, const Record& r) {
-         return f.record ? sinceStart(f.record->releasedNs, r) : empty();
+     [](const Row& r) {
+         return r.frame.record ? sinceStart(r.frame.record->releasedNs, r) : empty();
      }},
     {"fence_us",
-     [](const Frame& f, const Record& r) {
-         return !f.record                               ? empty()
-                : f.record->fenceSignalNs == INT64_MAX ? LedgerValue{-1, kNever}
-                                                        : sinceStart(f.record->fenceSignalNs, r);
+     [](const Row& r) {
+         return !r.frame.record ? empty()
+                : r.frame.record->fenceSignalNs == INT64_MAX
+                    ? LedgerValue{-1, kNever}
+                    : sinceStart(r.frame.record->fenceSignalNs, r);
      }},
-    {"returned_us", [](const Frame& f, const Record& r) { return sinceStart(f.returnedNs, r); }},
-    {"returns", [](const Frame& f, const Record&) { return number(f.returns); }},
+    {"returned_us", [](const Row& r) { return sinceStart(r.frame.returnedNs, r); }},
+    {"returns", [](const Row& r) { return number(r.frame.returns); }},
     {"clock_us",
-     [](const Frame& f, const Record& r) {
-         return f.clockRealUs ? number(*f.clockRealUs - r.startNs / 1000) : empty();
+     [](const Row& r) {
+         return r.frame.clockRealUs ? number(*r.frame.clockRealUs - r.startNs / 1000) : empty();
      }},
     {"vsync_phase_us", vsyncPhase},
-    {"handed_in_late", [](const Frame& f, const Record&) { return number(f.sentLate ? 1 : 0); }},
-    {"drop_late_us", [](const Frame& f, const Record&) { return number(f.dropLateUs); }}};
+    {"handed_in_late", [](const Row& r) { return number(r.frame.sentLate ? 1 : 0); }},
+    {"drop_late_us", [](const Row& r) { return number(r.frame.dropLateUs); }}};
+
+void LedgerListener::onFrame(const FrameEntry& frame, const PlaybackRecord& soFar) {
+    mStartNs = soFar.startNs;
+    mWaiting.push_back(frame);
+}
+
+void LedgerListener::onBreak(const FrameBreak& found) {
+    if (found.kind == BreakKind::Unexpected) {
+        mCauses[found.frameNo] = found.cause;
+    }
+}
+
+void LedgerListener::onJudgedUpTo(int64_t frameNo) {
+    while (!mWaiting.empty() && mWaiting.front().frameNo < frameNo) {
+        const FrameEntry& frame = mWaiting.front();
+        const auto found = mCauses.find(frame.frameNo);
+        onRow({frame, mStartNs,
+               found == mCauses.end() ? std::nullopt : std::optional(found->second)});
+        mCauses.erase(mCauses.begin(), mCauses.upper_bound(frame.frameNo));
+        mWaiting.pop_front();
+    }
+}
 
 }  // namespace korvane::player

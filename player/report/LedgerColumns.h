@@ -7,9 +7,13 @@
 #pragma once
 
 #include <cstdint>
+#include <deque>
+#include <map>
 #include <optional>
 
 #include "player/playback/Playback.h"
+#include "player/report/BreakCause.h"
+#include "player/report/CadenceListener.h"
 
 namespace korvane::player {
 
@@ -19,12 +23,33 @@ struct LedgerValue {
     const char* word = nullptr;
 };
 
-struct LedgerColumn {
-    const char* name;
-    LedgerValue (*value)(const FrameEntry& frame, const PlaybackRecord& record);
+struct LedgerRow {
+    const FrameEntry& frame;
+    int64_t startNs;
+    std::optional<BreakCause> cause;  ///< of an unexpected dwell
 };
 
-constexpr int kLedgerColumns = 22;
+struct LedgerColumn {
+    const char* name;
+    LedgerValue (*value)(const LedgerRow& row);
+};
+
+constexpr int kLedgerColumns = 23;
 extern const LedgerColumn kLedger[kLedgerColumns];
+
+/// Holds frames back until their time on screen is judged, so that a row is whole.
+class LedgerListener : public PlaybackListener, public CadenceListener {
+public:
+    void onFrame(const FrameEntry& frame, const PlaybackRecord& soFar) override;
+    void onBreak(const FrameBreak& found) override;
+    void onJudgedUpTo(int64_t frameNo) override;
+    /// Takes the next row, in the order of frames.
+    virtual void onRow(const LedgerRow& row) = 0;
+
+private:
+    int64_t mStartNs = 0;
+    std::deque<FrameEntry> mWaiting;
+    std::map<int64_t, BreakCause> mCauses;  ///< of those that wait
+};
 
 }  // namespace korvane::player

@@ -8,6 +8,7 @@
 #include <string>
 
 #include "player/playback/Playback.h"
+#include "player/report/LedgerColumns.h"
 #include "player/report/Summary.h"
 #include "tv/Trace.h"
 
@@ -36,13 +37,13 @@ constexpr int kSummarySchemaVersion = 1;
 void writeJson(std::ostream& out, const Origin& origin, const PlaybackRecord& record,
                const Summary& summary, const tv::TraceReport& trace);
 
-/// Writes a header line, then one line per frame once its outcome is final. Times are microseconds
-/// since the library's `start`, media times as in the file; an empty field is unknown or does not
-/// apply.
-class CsvWriter final : public PlaybackListener {
+/// Writes a header line, then one line per frame once its outcome is final and its time on screen
+/// judged. Times are microseconds since the library's `start`, media times as in the file; an empty
+/// field is unknown or does not apply.
+class CsvWriter final : public LedgerListener {
 public:
     explicit CsvWriter(std::ostream& out);
-    void onFrame(const FrameEntry& frame, const PlaybackRecord& soFar) override;
+    void onRow(const LedgerRow& row) override;
 
 private:
     std::ostream& mOut;
@@ -53,10 +54,10 @@ private:
 constexpr int kLedgerSchemaVersion = 1;
 
 /// Writes one JSON object per line and frame, with the CSV's names and values; null for empty.
-class LedgerWriter final : public PlaybackListener {
+class LedgerWriter final : public LedgerListener {
 public:
     explicit LedgerWriter(std::ostream& out) : mOut(out) {}
-    void onFrame(const FrameEntry& frame, const PlaybackRecord& soFar) override;
+    void onRow(const LedgerRow& row) override;
 
 private:
     std::ostream& mOut;

@@ -2,6 +2,7 @@
 #include "player/report/ReportBuilder.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "player/report/ReportVerdict.h"
 
@@ -14,8 +15,9 @@ FrameAt frameAt(const FrameEntry& frame, int64_t timeNs, const PlaybackRecord& s
 
 }  // namespace
 
-ReportBuilder::ReportBuilder(double nominalHz, const PlaybackPlan& plan, CadenceListener* listener)
-    : mPlan(plan), mListener(listener), mRate(nominalHz) {
+ReportBuilder::ReportBuilder(double nominalHz, const PlaybackPlan& plan,
+                             std::vector<CadenceListener*> listeners)
+    : mPlan(plan), mListeners(std::move(listeners)), mRate(nominalHz) {
     mSummary.displayHz = trueHz(plan.tv.display.rateHz);
 }
 
@@ -25,10 +27,10 @@ double ReportBuilder::trueHz(double nominalHz) const {
 }
 
 /// Where audio leads the clock, its drift makes pictures come faster or slower.
-ExpectedCadence ReportBuilder::expectedFor(double contentHz, double displayHz) const {
+ExpectedCadence ReportBuilder::expectedFor(const ContentSpan& content, double displayHz) const {
     const bool audioLeads = mPlan.withAudio && !mPlan.passthrough;
     const double speed = audioLeads ? 1.0 + mPlan.audio.driftPpm * 1e-6 : 1.0;
-    return expectedCadence(contentHz * speed, displayHz);
+    return expectedCadence(content.hz * speed, displayHz, content.cycle);
 }
 
 void ReportBuilder::onFrame(const FrameEntry& frame, const PlaybackRecord& soFar) {
@@ -49,15 +51,17 @@ Summary ReportBuilder::finish(const PlaybackRecord& record) {
     mRate.end();
     processKnown(record);
     endStretch(record);
-    int64_t most = 0;
-    for (const auto& [hz, frames] : mFramesByHz) {
-        if (frames > most) {
-            most = frames;
-            mSummary.contentHz = hz;
-        }
+    for (CadenceListener* listener : mListeners) {
+        listener->onJudgedUpTo(INT64_MAX);
     }
+    SpanFrames most;
+    for (const auto& [hz, span] : mFramesByHz) {
+        most = span.frames > most.frames ? span : most;
+    }
+    mSummary.contentHz = most.content.hz;
     mSummary.variableRate = mFramesByHz.size() > 1;
-    mSummary.expected = expectedFor(mSummary.contentHz, mSummary.displayHz);
+    mSummary.expected = expectedFor(most.content, mSummary.displayHz);
+    mJudder.ended(mLastReleasedUs);
     mSummary.judder = mJudder.report();
     mSummary.lipSync = mLipSync.result();
     mSummary.offset = mOffsets.report();
@@ -69,10 +73,15 @@ Summary ReportBuilder::finish(const PlaybackRecord& record) {
 }
 
 void ReportBuilder::process(const PacedFrame& paced, const PlaybackRecord& soFar) {
-    ++mFramesByHz[paced.pace.hz];
+    SpanFrames& span = mFramesByHz[paced.pace.hz];
+    ++span.frames;
+    span.content = mRate.span();
     followStretches(paced, soFar);
     mStretch->add(paced.frame, soFar);
     count(paced.frame, soFar);
+    for (CadenceListener* listener : mListeners) {
+        listener->onJudgedUpTo(std::min(mStretch->judgedUpTo(), paced.frame.frameNo + 1));
+    }
 }
 
 /// A frame of a new section, the first one of a new content rate, or the first one on screen at a
@@ -99,15 +108,15 @@ void ReportBuilder::beginStretch(const PacedFrame& paced, StretchBegin begin, do
     endStretch(soFar);
     mSpan = paced.pace.span;
     mStretchFrom = paced.frame.frameNo;
-    mStretch.emplace(paced.frame.section, begin, expectedFor(paced.pace.hz, displayHz), beganUs,
-                     mListener);
+    mStretch.emplace(paced.frame.section, begin, expectedFor(mRate.span(), displayHz), beganUs,
+                     mPatterns, mListeners);
 }
 
 void ReportBuilder::endStretch(const PlaybackRecord& soFar) {
     if (mStretch) {
         const auto report = mStretch->finish(soFar);
-        if (mListener != nullptr) {
-            mListener->onStretch(mStretchFrom, report ? &*report : nullptr);
+        for (CadenceListener* listener : mListeners) {
+            listener->onStretch(mStretchFrom, report ? &*report : nullptr);
         }
         if (report) {
             mSummary.stretches.push_back(*report);
@@ -123,6 +132,7 @@ void ReportBuilder::count(const FrameEntry& frame, const PlaybackRecord& soFar) 
         mSummary.firstOf[outcome] = sent;
     }
     mSummary.sentLate += frame.sentLate ? 1 : 0;
+    mSummary.refusedByTunnel += frame.refusedByTunnel() ? 1 : 0;
     countJudder(frame, soFar);
     if (frame.outcome == Outcome::Dropped) {
         DropGroup& group = mSummary.drops[frame.dropReason];
@@ -176,6 +186,7 @@ void ReportBuilder::countJudder(const FrameEntry& frame, const PlaybackRecord& s
         mJudder.restart();
     }
     mLastShownUs = shownUs;
+    mLastReleasedUs = frame.record->releasedNs / 1000;
     mJudderSection = frame.section;
 }
 
@@ -196,6 +207,16 @@ void ReportBuilder::sumUpStretches() {
         mSummary.byArithmetic += static_cast<int64_t>(stretch.cadence.byArithmetic);
         mSummary.unexpected += static_cast<int64_t>(stretch.cadence.unexpected);
         mSummary.disturbances += stretch.disturbances;
+        if (mSummary.firstBreakUs < 0) {
+            mSummary.firstBreakUs = stretch.firstBreakUs;
+        }
+        if (!stretch.wrongPattern.empty()) {
+            mSummary.wrongPattern = stretch.wrongPattern;
+        }
+        if (stretch.ongoing.lengthUs() > mSummary.ongoing.lengthUs()) {
+            mSummary.ongoing = stretch.ongoing;
+            mSummary.ongoing.toEnd &= &stretch == &mSummary.stretches.back();
+        }
         for (const auto& [cause, dwells] : stretch.causes) {
             mSummary.causes[cause] += dwells;
             mSummary.askedFor += askedFor(cause) ? dwells : 0;

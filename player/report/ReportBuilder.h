@@ -17,12 +17,14 @@
 #include <deque>
 #include <map>
 #include <optional>
+#include <vector>
 
 #include "player/report/CadenceListener.h"
 #include "player/report/ClockTimes.h"
 #include "player/report/ContentRate.h"
 #include "player/report/JudderMeter.h"
 #include "player/report/LipSync.h"
+#include "player/report/PatternLog.h"
 #include "player/report/StretchBuilder.h"
 #include "player/report/Summary.h"
 
@@ -31,9 +33,12 @@ namespace korvane::player {
 class ReportBuilder final : public PlaybackListener {
 public:
     /// @param nominalHz  the content's rate as its file says; 0: it does not
-    /// @param listener  receives what is found about the cadence; null: nobody does
-    ReportBuilder(double nominalHz, const PlaybackPlan& plan, CadenceListener* listener = nullptr);
+    /// @param listeners  receive what is found about the cadence
+    ReportBuilder(double nominalHz, const PlaybackPlan& plan,
+                  std::vector<CadenceListener*> listeners = {});
 
+    /// Takes each line, logged at a monotonic time. Any thread.
+    void seeLog(const tv::LogLine& line, int64_t nowUs) { mPatterns.see(line, nowUs); }
     void onFrame(const FrameEntry& frame, const PlaybackRecord& soFar) override;
     /// Call once, after the playback.
     Summary finish(const PlaybackRecord& record);
@@ -43,8 +48,12 @@ private:
         FrameEntry frame;
         FramePace pace;
     };
+    struct SpanFrames {
+        int64_t frames = 0;
+        ContentSpan content;
+    };
     double trueHz(double nominalHz) const;
-    ExpectedCadence expectedFor(double contentHz, double displayHz) const;
+    ExpectedCadence expectedFor(const ContentSpan& content, double displayHz) const;
     void processKnown(const PlaybackRecord& soFar);
     void process(const PacedFrame& paced, const PlaybackRecord& soFar);
     void followStretches(const PacedFrame& paced, const PlaybackRecord& soFar);
@@ -58,18 +67,20 @@ private:
     void sumUpStretches();
 
     const PlaybackPlan& mPlan;
-    CadenceListener* const mListener;
+    const std::vector<CadenceListener*> mListeners;
+    PatternLog mPatterns;
     Summary mSummary;
     ContentRate mRate;
     std::deque<FrameEntry> mWaiting;  ///< until their rate is known
     int mSpan = 0;                    ///< of the content's rate, in which the stretch lies
-    std::map<double, int64_t> mFramesByHz;
+    std::map<double, SpanFrames> mFramesByHz;
     std::optional<StretchBuilder> mStretch;
     int64_t mStretchFrom = 0;  ///< its first frame
     size_t mModeChanges = 0;   ///< of the plan's, that have come
     JudderMeter mJudder;
     int64_t mLastShownUs = -1;
-    int mJudderSection = 0;  ///< of the last frame shown
+    int64_t mLastReleasedUs = -1;  ///< of the last frame shown
+    int mJudderSection = 0;        ///< of the last frame shown
     LipSyncCounter mLipSync;
     OffsetCounter mOffsets;
     ResumeTimer mResumes;

@@ -5,7 +5,6 @@
 #include <iterator>
 #include <ostream>
 
-#include "player/report/LedgerColumns.h"
 #include "player/report/Report.h"
 
 namespace korvane::player {
@@ -39,22 +38,22 @@ CsvWriter::CsvWriter(std::ostream& out) : mOut(out) {
     mOut << '\n';
 }
 
-void CsvWriter::onFrame(const FrameEntry& frame, const PlaybackRecord& soFar) {
+void CsvWriter::onRow(const LedgerRow& row) {
     Line line;
     for (const LedgerColumn& column : kLedger) {
-        append(&line, column.value(frame, soFar), "", "");
+        append(&line, column.value(row), "", "");
         line.push_back(',');
     }
     line[line.size() - 1] = '\n';
     write(mOut, line);
 }
 
-void LedgerWriter::onFrame(const FrameEntry& frame, const PlaybackRecord& soFar) {
+void LedgerWriter::onRow(const LedgerRow& row) {
     Line line;
     fmt::format_to(std::back_inserter(line), "{{\"v\":{}", kLedgerSchemaVersion);
     for (const LedgerColumn& column : kLedger) {
         fmt::format_to(std::back_inserter(line), ",\"{}\":", column.name);
-        append(&line, column.value(frame, soFar), "\"", "null");
+        append(&line, column.value(row), "\"", "null");
     }
     fmt::format_to(std::back_inserter(line), "}}\n");
     write(mOut, line);

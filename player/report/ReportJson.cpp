@@ -62,7 +62,7 @@ void addPlayback(Json* json, const PlaybackRecord& record, const Summary& summar
     to["grade"] = toString(summary.grade);
     to["ok"] = summary.ok();
     to["even"] = summary.even;
-    to["in_sync"] = summary.inSync;
+    to["in_sync"] = summary.inSync ? Json(*summary.inSync) : Json();
     to["complete"] = summary.complete;
     to["end"] = toString(record.end);
     to["file"] = record.media.path;
@@ -83,7 +83,11 @@ void addCadence(Json* json, const Summary& summary) {
     for (const auto& [cause, dwells] : summary.causes) {
         to[fmt::format("dwells_unexpected_{}", toString(cause))] = dwells;
     }
+    to["pattern_in_force"] = summary.wrongPattern;
     to["disturbances"] = summary.disturbances;
+    to["ongoing_breaks"] = summary.ongoing.breaks;
+    to["ongoing_from_us"] = summary.ongoing.breaks > 0 ? summary.ongoing.fromUs : -1;
+    to["ongoing_to_us"] = summary.ongoing.breaks > 0 ? summary.ongoing.toUs : -1;
     to["visible_breaks_per_minute"] = rounded(summary.visibleBreaksPerMinute);
     to["judder_mean_error_us"] = summary.judder.meanErrorUs;
     to["longest_freeze_us"] = summary.judder.longestFreezeUs;
@@ -146,6 +150,7 @@ void addAudioAndBuffers(Json* json, const PlaybackRecord& record, const Summary&
     to["buffers_returned_again"] = record.pool.returnedAgain;
     to["buffers_kept"] = record.buffersKept;
     to["pictures_overwritten_on_screen"] = record.overwrittenOnScreen;
+    to["frames_refused_by_tunnel"] = summary.refusedByTunnel;
     to["frames_handed_in_late"] = summary.sentLate;
     to["stop_us"] = record.stopTookNs / 1000;
 }

@@ -30,7 +30,7 @@ std::string describeMedia(const PlaybackRecord& record) {
     const MediaInfo& media = record.media;
     const std::string audio = record.withAudio ? media.audioCodec
                               : media.hasAudio ? "audio left out"
-                                               : "no audio";
+                                               : "no sound";
     return fmt::format("{} {}x{}, {}{}", media.videoCodec, media.width, media.height, audio,
                        record.passthrough ? ", pass-through" : "");
 }

@@ -25,7 +25,9 @@ std::string faults(const PlaybackRecord& record, const Summary& summary) {
             found.push_back(counted(count, one) + what);
         }
     };
-    add(summary.count(Outcome::Lost), "frame", " without an account");
+    const int64_t refused = summary.refusedByTunnel;
+    add(summary.count(Outcome::Lost) - refused, "frame", " without an account");
+    add(refused, "frame", " refused by the tunnel and never given back");
     add(record.buffersKept, "buffer", " never came back");
     add(record.pool.unknownReturned, "buffer", " came back that was not ours");
     add(record.overwrittenOnScreen, "picture", " overwritten on screen");
@@ -114,11 +116,22 @@ std::string demanded(const Summary& summary, const char* before) {
     return limit.kind == RateLimit::Kind::None ? "" : before + describeLimit(limit);
 }
 
+/// What is to be said of a playback with too few frames to tell a pattern.
+std::string describeShort(const Summary& summary) {
+    const int64_t shown = summary.count(Outcome::Shown);
+    const int longest = summary.dwells.empty() ? 0 : summary.dwells.rbegin()->first;
+    const double longestSeconds = longest / summary.displayHz;
+    return counted(shown, "frame") + " shown, too few to tell a pattern" +
+           (longestSeconds < 1.0 ? ""
+                                 : fmt::format("; {} stood for {:.1f} s", shown == 1 ? "it" : "one",
+                                               longestSeconds));
+}
+
 /// The pattern of the longest stretch, and what the others add.
 std::string describeCadence(const Summary& summary) {
     const StretchReport& longest = longestStretch(summary);
     if (!longest.judged()) {
-        return "too short to tell a pattern";
+        return describeShort(summary);
     }
     const std::string broken = unexpectedDwells(summary) + othersNeverHeld(summary, longest);
     const bool stayed = longest.cadence.held && broken.empty();
@@ -142,19 +155,59 @@ double secondsShown(const Summary& summary) {
     return vsyncs / summary.displayHz;
 }
 
-/// " once", " 5 times", " 3 times a minute"; empty: no disturbance of its own.
+/// "5 odd frames a second", "a long frame every 1.2 s": of a fault that goes on, how often it
+/// shows.
+std::string describeOngoing(const BreakSpan& span) {
+    const double perSecond =
+        static_cast<double>(span.breaks) * 1e6 / static_cast<double>(span.lengthUs());
+    const std::string frame = span.longer == span.breaks ? "long frame"
+                              : span.longer == 0         ? "short frame"
+                                                         : "odd frame";
+    return perSecond < 1.5 ? fmt::format("a {} every {:.1f} s", frame, 1.0 / perSecond)
+                           : counted(std::lround(perSecond), frame) + " a second";
+}
+
+/// Of a fault that goes on: " throughout, 5 odd frames a second", " from 12.0 s on, ..."
+std::string whileItGoesOn(const Summary& summary) {
+    constexpr double kNearlyAll = 0.9;
+    const BreakSpan& span = summary.ongoing;
+    const bool throughout =
+        static_cast<double>(span.lengthUs()) * 1e-6 > kNearlyAll * secondsShown(summary);
+    const std::string when = throughout   ? " throughout"
+                             : span.toEnd ? fmt::format(" from {} on", seconds(span.fromUs, 1))
+                                          : fmt::format(" from {} to {}", seconds(span.fromUs, 1),
+                                                        seconds(span.toUs, 1));
+    return when + ", " + describeOngoing(span);
+}
+
+/// All that was uneven came soon after the start, and began before the pattern held.
+bool onlyAtStart(const Summary& summary) {
+    constexpr int64_t kSoonUs = 3'000'000;
+    const StretchReport& first = summary.stretches.front();
+    return first.cadence.held && first.cadence.unexpectedBefore > 0 &&
+           first.disturbances == summary.disturbances && first.lastBreakUs <= kSoonUs;
+}
+
+/// " once, at 12.0 s", " 5 times", " 3 times a minute"; empty: no disturbance of its own.
 std::string howOften(const Summary& summary) {
     constexpr int64_t kFew = 3;
+    constexpr int64_t kTenthUs = 100'000;
     const int64_t count = summary.disturbances;
     const int64_t dwells = std::accumulate(
         summary.stretches.begin(), summary.stretches.end(), int64_t{0},
         [](int64_t sum, const auto& s) { return sum + static_cast<int64_t>(s.dwells); });
+    if (summary.ongoing.breaks > 0) {
+        return whileItGoesOn(summary);
+    }
     if (summary.unexpected * 2 > dwells || avoidableDrops(summary) * 2 > summary.framesIn) {
         return " throughout";
     }
+    if (onlyAtStart(summary)) {
+        return " only in the first " + seconds(summary.stretches.front().lastBreakUs + kTenthUs, 1);
+    }
     const auto perMinute = static_cast<int64_t>(std::lround(summary.visibleBreaksPerMinute));
     return count == 0   ? ""
-           : count == 1 ? " once"
+           : count == 1 ? " once, at " + seconds(summary.firstBreakUs, 1)
            : count == 2 ? " twice"
            : count > kFew && secondsShown(summary) >= 60.0 && perMinute > 1
                ? fmt::format(" {} times a minute", perMinute)
@@ -171,22 +224,51 @@ std::string because(const Summary& summary) {
             main = main == nullptr || cause.second > main->second ? &cause : main;
         }
     }
-    return main == nullptr || main->first == BreakCause::Unexplained
+    if (main == nullptr || main->first == BreakCause::Unexplained) {
+        return "";
+    }
+    if (main->first == BreakCause::Start && kinds == 1 && onlyAtStart(summary)) {
+        return "";  // the verdict says so already
+    }
+    const char* mainly = kinds > 1 ? "mainly " : "";
+    if (main->first == BreakCause::WrongPattern) {
+        return fmt::format(
+            ", {}because the pattern {} is in force, which the content does not have", mainly,
+            summary.wrongPattern);
+    }
+    return fmt::format(", {}because of {}", mainly, describe(main->first));
+}
+
+/// ", longest freeze 2.0 s"; empty: none that long.
+std::string longFreeze(const Summary& summary) {
+    constexpr int64_t kLongUs = 500'000;
+    const int64_t freezeUs = summary.judder.longestFreezeUs;
+    return freezeUs < kLongUs || !longestStretch(summary).judged()
                ? ""
-               : fmt::format(", {}because of {}", kinds > 1 ? "mainly " : "",
-                             describe(main->first));
+               : ", longest freeze " + seconds(freezeUs, 1);
+}
+
+/// Pictures wait for sound.
+std::string soundNeverStarted(const PlaybackRecord& record) {
+    const bool started =
+        std::any_of(record.sections.begin(), record.sections.end(),
+                    [](const Section& section) { return section.audioStartedRealUs >= 0; });
+    return record.withAudio && !started ? "; the sound never started" : "";
 }
 
 std::string describeLipSync(const LipSync& sync) {
     return fmt::format("sound {} {} at worst, noticeable (ITU-R BT.1359-1) for {:.1f} of {:.1f} s",
-                       milliseconds(std::abs(sync.worstUs)), sync.worstUs > 0 ? "early" : "late",
-                       sync.secondsOutsideItuDetectable, sync.secondsJudged);
+                       std::abs(sync.worstUs) < 1'000'000 ? milliseconds(std::abs(sync.worstUs))
+                                                          : seconds(std::abs(sync.worstUs), 1),
+                       sync.worstUs > 0 ? "early" : "late", sync.secondsOutsideItuDetectable,
+                       sync.secondsJudged);
 }
 
 std::string describePlayback(const PlaybackRecord& record, const Summary& summary) {
     switch (summary.grade) {
         case Grade::NothingShown:
-            return "Nothing was shown of " + counted(summary.framesIn, "frame") + " handed in";
+            return "Nothing was shown of " + counted(summary.framesIn, "frame") + " handed in" +
+                   soundNeverStarted(record);
         case Grade::Stalled:
             return "Stalled: nothing moved any more, so playback was stopped; until then " +
                    describeCadence(summary);
@@ -202,9 +284,9 @@ std::string describePlayback(const PlaybackRecord& record, const Summary& summar
                    describeCadence(summary);
         case Grade::Uneven:
             return "Uneven" + howOften(summary) + because(summary) + ": " +
-                   describeCadence(summary);
+                   describeCadence(summary) + longFreeze(summary);
         case Grade::TooShort:
-            return "Played; too short to tell a pattern";
+            return "Played; " + describeShort(summary) + soundNeverStarted(record);
         case Grade::AsRatesAllow:
             return "As even as the rates allow" + demanded(summary, ", ") + ": " +
                    describeCadence(summary);

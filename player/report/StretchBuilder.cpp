@@ -16,12 +16,19 @@ constexpr size_t kKeptFacts = 16;
 static_assert(kKeptFacts >= kSteadyRunFrames);
 /// A viewer sees the breaks of so long a time as one.
 constexpr int64_t kOneDisturbanceUs = 1'000'000;
+/// Breaks that follow each other this closely, for so long and so many, go on.
+constexpr int64_t kOngoingGapUs = 2'000'000;
+constexpr int64_t kOngoingUs = 4'000'000;
+constexpr int64_t kOngoingBreaks = 10;
+/// A release fence usually signals at the next vsync; one that takes longer than this is late.
+constexpr int64_t kLateFenceVsyncs = 2;
 
 }  // namespace
 
 StretchBuilder::StretchBuilder(int section, StretchBegin begin, const ExpectedCadence& expected,
-                               int64_t beganUs, CadenceListener* listener)
-    : mTracker(expected), mListener(listener), mBeganUs(beganUs) {
+                               int64_t beganUs, const PatternLog& patterns,
+                               const std::vector<CadenceListener*>& listeners)
+    : mTracker(expected), mPatterns(patterns), mListeners(listeners), mBeganUs(beganUs) {
     mReport.section = section;
     mReport.begin = begin;
     mReport.displayHz = expected.displayHz;
@@ -29,8 +36,15 @@ StretchBuilder::StretchBuilder(int section, StretchBegin begin, const ExpectedCa
 }
 
 void StretchBuilder::add(const FrameEntry& frame, const PlaybackRecord& soFar) {
+    mLate = latenessOf(frame, mLate, mLateFence);
     if (!mPending.empty()) {
-        addNext(&mPending.back(), frame, mReport.expected.contentHz, mReport.expected.displayHz);
+        addNext(&mPending.back(), frame, mLate, mReport.expected.contentHz,
+                mReport.expected.displayHz);
+    }
+    if (frame.record &&
+        static_cast<double>(frame.record->fenceSignalNs - frame.record->releasedNs) >
+            kLateFenceVsyncs * 1e9 / mReport.displayHz) {
+        mLateFence = {frame.record->releasedNs, frame.record->fenceSignalNs};
     }
     const bool shown = frame.outcome == Outcome::Shown;
     if (shown) {
@@ -48,7 +62,7 @@ void StretchBuilder::add(const FrameEntry& frame, const PlaybackRecord& soFar) {
         }
         mPending.clear();
     }
-    mPending.push_back(dwellFacts(frame));
+    mPending.push_back(dwellFacts(frame, mLate));
 }
 
 void StretchBuilder::noteStart(int64_t shownUs, const PlaybackRecord& soFar) {
@@ -68,6 +82,7 @@ void StretchBuilder::addToCadence(const DwellFacts& facts, const PlaybackRecord&
     if (mLastDwells.size() > kPatternDwells) {
         mLastDwells.pop_front();
     }
+    mLastMediaUs = facts.mediaTimeUs;
     mFacts.push_back(facts);
     takeBreaks(mTracker.add(facts.dwell), soFar);
     noteWhenHeld();
@@ -99,11 +114,13 @@ void StretchBuilder::takeBreak(const DwellBreak& found, const PlaybackRecord& so
                                      : BreakKind::Unexpected;
     if (told.kind == BreakKind::Unexpected) {
         const FoundCause cause =
-            causeOfBreak(mFacts, found.index - mFactsFrom, soFar.clockStops, start(soFar));
+            causeOfBreak(mFacts, found.index - mFactsFrom,
+                         {soFar.clockStops, start(soFar), wrongPatternAt(facts.shownUs, soFar),
+                          soFar.passthrough});
         told.cause = cause.cause;
-        countCause(cause.cause, facts.shownUs);
+        countCause(cause, facts, found);
         const bool kept = mReport.breaks.size() < kKeptBreaks;
-        if (kept || mListener != nullptr) {
+        if (kept || !mListeners.empty()) {
             told.text = tellCause(cause);
         }
         if (kept) {
@@ -112,9 +129,23 @@ void StretchBuilder::takeBreak(const DwellBreak& found, const PlaybackRecord& so
                                       found.expected, told.text});
         }
     }
-    if (mListener != nullptr) {
-        mListener->onBreak(told);
+    for (CadenceListener* listener : mListeners) {
+        listener->onBreak(told);
     }
+}
+
+/// What the renderer has in force and the content does not have; else empty.
+std::string StretchBuilder::wrongPatternAt(int64_t shownUs, const PlaybackRecord& soFar) const {
+    const Section& section = soFar.sections[static_cast<size_t>(mReport.section)];
+    const std::string inForce = mPatterns.inForceAt(shownUs, section.beganNs / 1000);
+    return inForce == mReport.expected.name() ? "" : inForce;
+}
+
+int64_t StretchBuilder::judgedUpTo() const {
+    const size_t undecided = mTracker.decided() - mFactsFrom;
+    return undecided < mFacts.size() ? mFacts[undecided].frameNo
+           : !mPending.empty()       ? mPending.front().frameNo
+                                     : INT64_MAX;
 }
 
 /// With audio, the pattern cannot hold before it has started.
@@ -132,15 +163,38 @@ StretchStart StretchBuilder::start(const PlaybackRecord& soFar) const {
             std::max(mFirstShownUs, section.audioStartedRealUs)};
 }
 
-void StretchBuilder::countCause(BreakCause cause, int64_t shownUs) {
-    ++mReport.causes[cause];
-    if (askedFor(cause)) {
+void StretchBuilder::countCause(const FoundCause& cause, const DwellFacts& facts,
+                                const DwellBreak& found) {
+    ++mReport.causes[cause.cause];
+    if (cause.cause == BreakCause::WrongPattern) {
+        mReport.wrongPattern = cause.wrongPattern;
+    }
+    if (askedFor(cause.cause)) {
         return;
     }
-    if (mDisturbedUs < 0 || shownUs - mDisturbedUs > kOneDisturbanceUs) {
+    if (mDisturbedUs < 0 || facts.shownUs - mDisturbedUs > kOneDisturbanceUs) {
         ++mReport.disturbances;
-        mDisturbedUs = shownUs;
+        mDisturbedUs = facts.shownUs;
     }
+    if (mSpan.breaks > 0 && facts.shownUs - mSpanShownUs > kOngoingGapUs) {
+        endSpan();
+    }
+    mSpan.fromUs = mSpan.breaks == 0 ? facts.mediaTimeUs : mSpan.fromUs;
+    mSpan.toUs = facts.mediaTimeUs;
+    mSpanShownUs = facts.shownUs;
+    ++mSpan.breaks;
+    mReport.firstBreakUs = mReport.firstBreakUs < 0 ? facts.mediaTimeUs : mReport.firstBreakUs;
+    mReport.lastBreakUs = facts.shownUs - mFirstShownUs;
+    mSpan.longer += found.dwell > found.expected ? 1 : 0;
+}
+
+/// Keeps the longest of the spans that count as one fault that goes on.
+void StretchBuilder::endSpan() {
+    if (mSpan.breaks >= kOngoingBreaks && mSpan.lengthUs() >= kOngoingUs &&
+        mSpan.lengthUs() > mReport.ongoing.lengthUs()) {
+        mReport.ongoing = mSpan;
+    }
+    mSpan = {};
 }
 
 void StretchBuilder::noteWhenHeld() {
@@ -151,7 +205,13 @@ void StretchBuilder::noteWhenHeld() {
 }
 
 std::optional<StretchReport> StretchBuilder::finish(const PlaybackRecord& soFar) {
-    takeBreaks(mTracker.finish(), soFar);
+    const auto breaks = mTracker.finish();
+    // Of fewer frames no dwell is judged.
+    if (mTracker.dwells() >= kSteadyRunFrames) {
+        takeBreaks(breaks, soFar);
+    }
+    mSpan.toEnd = mSpan.toUs + kOngoingGapUs >= mLastMediaUs;
+    endSpan();
     noteWhenHeld();
     if (mFirstShownUs < 0) {
         return std::nullopt;
@@ -166,12 +226,7 @@ void StretchBuilder::reportCadence() {
     mReport.dwells = mTracker.dwells();
     if (mReport.judged()) {
         mReport.cadence = mTracker.result();
-    } else {
-        mReport.breaks.clear();
-        mReport.causes.clear();
-        mReport.disturbances = 0;
     }
-    nameWrongPattern();
     const std::vector<int> last(mLastDwells.begin(), mLastDwells.end());
     const CadenceResult& cadence = mReport.cadence;
     // Ten frames in step, and then none, is not what was seen.
@@ -182,17 +237,6 @@ void StretchBuilder::reportCadence() {
     mReport.seen = asExpected ? mReport.expected.name() : seenPatternName(last);
     if (!mReport.breaks.empty()) {
         mReport.firstOut = {mReport.breaks.front().frameNo, mReport.breaks.front().shownUs};
-    }
-}
-
-/// What the renderer chooses once is a choice; what it chooses all the time is a pattern.
-void StretchBuilder::nameWrongPattern() {
-    constexpr int64_t kDwellsPerChoice = 10;
-    const auto chosen = mReport.causes.find(BreakCause::Renderer);
-    if (chosen != mReport.causes.end() &&
-        chosen->second * kDwellsPerChoice > static_cast<int64_t>(mReport.dwells)) {
-        mReport.causes[BreakCause::WrongPattern] = chosen->second;
-        mReport.causes.erase(chosen);
     }
 }
 

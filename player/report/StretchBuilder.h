@@ -18,6 +18,7 @@
 #include "player/report/BreakCause.h"
 #include "player/report/CadenceListener.h"
 #include "player/report/CadenceTracker.h"
+#include "player/report/PatternLog.h"
 #include "player/report/Summary.h"
 
 namespace korvane::player {
@@ -25,14 +26,17 @@ namespace korvane::player {
 class StretchBuilder {
 public:
     /// @param beganUs  the monotonic time of a change of the display's rate; else not used
-    /// @param listener  receives the breaks; null: nobody does
+    /// @param listeners  receive the breaks
     StretchBuilder(int section, StretchBegin begin, const ExpectedCadence& expected,
-                   int64_t beganUs, CadenceListener* listener);
+                   int64_t beganUs, const PatternLog& patterns,
+                   const std::vector<CadenceListener*>& listeners);
 
     int section() const { return mReport.section; }
     double displayHz() const { return mReport.expected.displayHz; }
 
     void add(const FrameEntry& frame, const PlaybackRecord& soFar);
+    /// The first frame whose dwell may still turn out to be unexpected; INT64_MAX: none so far.
+    int64_t judgedUpTo() const;
     /// Call once, after the last frame.
     /// @return nothing for a stretch in which no frame was shown
     std::optional<StretchReport> finish(const PlaybackRecord& soFar);
@@ -43,8 +47,9 @@ private:
     StretchStart start(const PlaybackRecord& soFar) const;
     void takeBreak(const DwellBreak& found, const PlaybackRecord& soFar);
     void takeBreaks(const std::vector<DwellBreak>& breaks, const PlaybackRecord& soFar);
-    void countCause(BreakCause cause, int64_t shownUs);
-    void nameWrongPattern();
+    std::string wrongPatternAt(int64_t shownUs, const PlaybackRecord& soFar) const;
+    void countCause(const FoundCause& cause, const DwellFacts& facts, const DwellBreak& found);
+    void endSpan();
     void noteWhenHeld();
     void reportCadence();
     void reportHeldAfter(const PlaybackRecord& soFar);
@@ -52,11 +57,17 @@ private:
 
     StretchReport mReport;
     CadenceTracker mTracker;
-    CadenceListener* const mListener;
+    const PatternLog& mPatterns;
+    const std::vector<CadenceListener*>& mListeners;
     const int64_t mBeganUs;  ///< times here are monotonic; -1: not so, or not yet
     int64_t mFirstShownUs = -1;
     int64_t mHeldShownUs = -1;
     int64_t mDisturbedUs = -1;  ///< first break of the last disturbance
+    BreakSpan mSpan;            ///< of the last breaks, as long as they follow each other closely
+    int64_t mSpanShownUs = -1;  ///< of its last break
+    int64_t mLastMediaUs = 0;   ///< of the last frame that took part in the cadence
+    LateFence mLateFence;       ///< the last one
+    Lateness mLate = Lateness::None;  ///< of the last frame sent
     std::deque<int> mLastDwells;
     std::optional<int> mOffAtStart;  ///< the first dwell, where it does not fit for being the first
     std::map<int, int64_t> mOutside;   ///< dwells that the cadence leaves out, and how many

@@ -12,6 +12,7 @@
 #include <array>
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -57,6 +58,18 @@ struct ReportedBreak {
     std::string cause;  ///< what happened there as far as the record tells; may be empty
 };
 
+/// Breaks of which each follows the one before within two seconds: one fault that goes on. Media
+/// times.
+struct BreakSpan {
+    int64_t fromUs = 0;
+    int64_t toUs = 0;
+    int64_t breaks = 0;  ///< 0: there is none
+    int64_t longer = 0;  ///< of these, frames longer on screen than expected
+    bool toEnd = false;  ///< it lasts until the stretch ends
+
+    int64_t lengthUs() const { return toUs - fromUs; }
+};
+
 /// Where a stretch begins.
 enum class StretchBegin {
     Section,
@@ -81,9 +94,13 @@ struct StretchReport {
     CadenceResult cadence;              ///< all 0 unless `judged`
     std::vector<ReportedBreak> breaks;  ///< the first unexpected ones
     std::map<BreakCause, int64_t> causes;  ///< of all unexpected dwells
-    int64_t disturbances = 0;              ///< those of a second, and not asked for, count as one
-    size_t dwells = 0;                     ///< frames that took part in the cadence
-    std::map<int, FrameAt> firstByDwell;   ///< the first of those frames of each dwell
+    std::string wrongPattern;   ///< in force although the content does not have it; empty: none
+    int64_t disturbances = 0;   ///< those of a second, and not asked for, count as one
+    int64_t firstBreakUs = -1;  ///< media time of the first of these
+    int64_t lastBreakUs = -1;   ///< from the first frame's vsync to the last of these
+    BreakSpan ongoing;          ///< the longest fault that goes on
+    size_t dwells = 0;          ///< frames that took part in the cadence
+    std::map<int, FrameAt> firstByDwell;  ///< the first of those frames of each dwell
     /// Frames off the pattern that took no part in it, by vsyncs on screen.
     std::map<int, int64_t> unjudged;
 
@@ -125,6 +142,9 @@ struct Summary {
     std::map<BreakCause, int64_t> causes;  ///< of these
     int64_t askedFor = 0;                  ///< of these, how many because the player asked for it
     int64_t disturbances = 0;
+    std::string wrongPattern;   ///< of the last stretch that has one
+    int64_t firstBreakUs = -1;  ///< of the first stretch that has one
+    BreakSpan ongoing;          ///< the longest
     std::map<int, int64_t> unjudged;
 
     JudderReport judder;
@@ -135,14 +155,16 @@ struct Summary {
     Spread backToPlayerNs;  ///< from replaced on screen until the player had the buffer again
     int64_t fences = 0;
     int64_t sentLate = 0;
+    int64_t refusedByTunnel = 0;  ///< of the frames lost
 
     bool sumHolds = false;  ///< the outcomes add up to the frames handed in
     bool framesAccounted = false;
     bool buffersBack = false;
 
     // Independent facts.
-    bool even = false;      ///< even, or as even as the rates allow
-    bool inSync = false;    ///< lip-sync kept its band; also where there was no sound
+    bool even = false;  ///< even, or as even as the rates allow
+    std::optional<bool>
+        inSync;             ///< lip-sync kept its band; empty: nothing was heard with a picture
     bool complete = false;  ///< played to its end, or to the time asked for
     Grade grade = Grade::NothingShown;
     std::string verdict;  ///< the grade in words, with its figures

@@ -113,6 +113,7 @@ void readExpectations(TomlTable& table, Expectations* expect) {
     table.flag("in_sync", &expect->inSync);
     expect->slips = table.range("slips");
     expect->unexpected = table.range("unexpected");
+    expect->unexplained = table.range("unexplained").value_or(expect->unexplained);
     expect->dwell = table.range("dwell");
     expect->framesIn = table.range("frames");
     readCounts(table, expect);

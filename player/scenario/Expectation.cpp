@@ -9,6 +9,8 @@
 namespace korvane::player {
 namespace {
 
+constexpr char kNoSound[] = "no sound to judge: no frame came on screen while something was heard";
+
 std::string at(const FrameAt& seen) {
     if (seen.frameNo < 0) {
         return "";
@@ -196,9 +198,14 @@ void Checker::checkCadence() {
         }
     }
     flag("even", mExpect.even, mSummary.even);
-    flag("in_sync", mExpect.inSync, mSummary.inSync);
+    if (mExpect.inSync && !mSummary.inSync) {
+        fail("in_sync", *mExpect.inSync ? "true" : "false", kNoSound);
+    } else {
+        flag("in_sync", mExpect.inSync, mSummary.inSync.value_or(false));
+    }
     count("slips", mExpect.slips, mSummary.byArithmetic);
     count("unexpected", mExpect.unexpected, mSummary.unexpected, firstBreak);
+    count("unexplained", mExpect.unexplained, mSummary.unexplained(), firstBreak);
     checkDwell();
 }
 
@@ -266,7 +273,7 @@ void Checker::checkLipSync() {
         const std::string worst =
             signedMilliseconds(sync.worstUs) + " at frame " + std::to_string(sync.worst.frameNo);
         fail("lip_sync", times({band.leastUs, band.mostUs}),
-             sync.samples == 0 ? "no frame that could be compared"
+             sync.samples == 0 ? kNoSound
                                : seconds(std::llround(outside * 1e6)) + " outside, worst " + worst);
     }
 }

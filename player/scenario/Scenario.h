@@ -42,6 +42,7 @@ struct Expectations {
     std::optional<bool> inSync;  ///< by the verdict's measure
     std::optional<Range> slips;
     std::optional<Range> unexpected;
+    Range unexplained{0, 0};     ///< unexpected dwells without a cause
     std::optional<Range> dwell;  ///< vsyncs
     std::optional<Range> framesIn;
     bool shownAll = false;

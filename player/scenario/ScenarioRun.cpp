@@ -22,6 +22,7 @@
 #include "player/scenario/LogWatch.h"
 #include "player/scenario/RunLimits.h"
 #include "tv/Properties.h"
+#include "tv/Tv.h"
 #include "tv/clock/VirtualTime.h"
 
 namespace korvane::player {
@@ -126,14 +127,19 @@ ScenarioResult playScenario(const Scenario& scenario, const ScenarioRunOptions& 
     }
 
     const auto page = options.reportFolder.empty() ? nullptr : std::make_unique<PageRecorder>();
-    ReportBuilder report(sources.video->info().frameRateHz, plan, page.get());
+    std::vector<CadenceListener*> rows;
+    if (page) {
+        rows.push_back(page.get());
+    }
+    ReportBuilder report(sources.video->info().frameRateHz, plan, std::move(rows));
     EventRecorder recorder(&events);
     PlaybackHooks hooks;
     hooks.listeners = {&report, &recorder};
     if (page) {
         hooks.listeners.push_back(page.get());
     }
-    hooks.onLogLine = [&watch, &page](const tv::LogLine& line) {
+    hooks.onLogLine = [&](const tv::LogLine& line) {
+        report.seeLog(line, tv::nowNs() / 1000);
         watch.see(line);
         if (page) {
             page->onLogLine(line);

@@ -46,6 +46,25 @@ TEST(Log, EarlyLinesFollowWhenItIsOpenedOrAtExitUpToABound) {
               HasSubstr("44 lines before the log was opened were not kept")));
 }
 
+TEST(Log, LinesThatDifferInNumbersOnlyAreSummed) {
+    EXPECT_EXIT(
+        {
+            openLog(ANDROID_LOG_WARN);
+            beginSums();
+            for (int i = 0; i < 1'235; ++i) {
+                __android_log_print(ANDROID_LOG_ERROR, "Tag", "frame %d lost\n", i);
+            }
+            __android_log_print(ANDROID_LOG_ERROR, "Tag", "once\n");
+            endSums();
+            __android_log_print(ANDROID_LOG_ERROR, "Tag", "frame 9999 lost\n");
+            std::exit(0);  // NOLINT(concurrency-mt-unsafe): the child has one thread
+        },
+        ExitedWithCode(0),
+        AllOf(testing::ContainsRegex("frame 0 lost\n.*once\n.*[.]{3} 1,234 more like this: frame "
+                                     "0 lost\n.*frame 9999 lost\n"),
+              Not(HasSubstr("frame 1 ")), Not(HasSubstr("like this: once"))));
+}
+
 TEST(Observer, IsCalledAgainAfterItThrewButNotFromInsideItself) {
     Observer<int> observer;
     observer.call(0);

@@ -85,18 +85,10 @@ async function readBreaks() {
     ...['frame', 'dwell', 'expected', 'kind', 'cause'].map((name) => unpack(data.breaks[name])),
     inflate(data.breaks.text)]);
   const texts = new TextDecoder().decode(text).split('\n');
-  const renderer = data.words.cause.findIndex(([name]) => name === 'renderer');
-  const wrong = data.words.cause.findIndex(([name]) => name === 'wrong pattern');
   for (let i = 0; i < frame.length; ++i) {
     const stretch = stretchOf(frame[i]);
     if (!stretch || !stretch.judged) continue;
-    const found = { frame: frame[i], dwell: dwell[i], expected: expected[i], kind: kind[i],
-      cause: cause[i], text: texts[i] };
-    if (stretch.wrong_pattern && found.cause === renderer) {
-      found.cause = wrong;
-      found.text = data.words.cause[wrong][1];
-    }
-    breaks.push(found);
+    breaks.push({ frame: frame[i], dwell: dwell[i], expected: expected[i], kind: kind[i], cause: cause[i], text: texts[i] });
   }
   breaks.sort((a, b) => a.frame - b.frame);
   for (const found of breaks) breakOf.set(found.frame, found);

@@ -50,11 +50,11 @@ const causeLooks = {
 const calmLook = ['grey', 'plus'];
 function lookOf(found) {
   if (found.kind !== 0) return calmLook;
-  const name = data.words.cause[found.cause][0];
+  const name = data.words.cause[found.cause];
   return causeLooks[name] ?? [['red', 'orange', 'purple', 'green'][found.cause % 4], 'star'];
 }
 const causeName = (found) => found.kind === 1 ? 'by arithmetic'
-  : found.kind === 2 ? 'first frame of all' : data.words.cause[found.cause][0];
+  : found.kind === 2 ? 'first frame of all' : data.words.cause[found.cause];
 
 const shapes = {
   circle: (r) => [[0, r, 'arc']],

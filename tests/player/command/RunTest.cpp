@@ -136,14 +136,12 @@ TEST_F(RunTest, LipSyncTellsAWrongClockFromTheSound) {
 }
 
 TEST_F(RunTest, AnotherSeedIsAnotherRunAndStillPasses) {
-    auto run = std::vector<std::string>{"run", "--jobs", "2", "--seed", "20261121", "--verbose"};
+    auto run = std::vector<std::string>{"run", "--jobs", "2", "--seed", "20261121"};
     const auto files = shipped();
     run.insert(run.end(), files.begin(), files.end());
     const CommandResult result = korvaneTv(run);
     EXPECT_EQ(result.status, 0) << result.output;
     EXPECT_THAT(result.output, HasSubstr("seed 20261121"));
-    EXPECT_THAT(result.output + result.error,
-                AllOf(HasSubstr("; unexpected: 1 = "), Not(HasSubstr("unexplained"))));
     // The order of ready threads shows in most logs: 71 of 89 differ from those of seed 1.
     const std::string jitter = KORVANE_SCENARIOS "/display-jitter.toml";
     std::set<std::string> hashes;

@@ -25,7 +25,7 @@ const pages = {
   'audio-underflow': { verdict: /audio/, legend: /underflow/ },
   'player-seek-storm': { verdict: /./, legend: /flushed/ },
   'tunnel-fence-never': { verdict: /buffer never came back/, legend: /dropped/ },
-  'cadence-25-on-59.94-jump': { verdict: /pattern in force/, legend: /pattern/ },
+  'cadence-25-on-59.94-jump': { verdict: /pattern \[3:2\] is in force/, legend: /wrong pattern/ },
   'audio-never-starts': { verdict: /Nothing was shown/, legend: /dropped/ },
   'ten-hours': { verdict: /^Even/, legend: /by arithmetic/ } };
 const own = { '60-on-50': scenario('60-on-50', 'fps = 60\nduration = "20s"', 'rate = 50'),

@@ -221,6 +221,7 @@ TEST(ContentRate, IsToldSpanBySpan) {
         {{{60, 900, 6'000, 0}}, 0, {{0, 60}}},
         {{{24, 900, 0, 8'342}}, 0, {{0, 24}}},
         {{{25, 900, 0, 0}}, 700, {{0, 25}}},
+        {{{25, 900, 0, 0}}, 2, {{0, 25}}},
         {{{24, 10, 0, 0}}, 0, {{0, 24}}}};
     for (const auto& c : cases) {
         ContentRate rate(c.content[0].hz);
@@ -249,6 +250,7 @@ TEST(ContentRate, IsToldSpanBySpan) {
         }
         EXPECT_EQ(taken, static_cast<size_t>(frame));
         EXPECT_EQ(seen, c.spans);
+        EXPECT_EQ(rate.span().cycle.size(), c.content[0].alternateUs > 0 ? 2U : 0U);
     }
 }
 

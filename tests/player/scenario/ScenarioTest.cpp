@@ -307,6 +307,7 @@ TEST_F(ExpectationTest, AFailureSaysExpectedSeenAndTheFirstFrame) {
         {"first_frame_within = \"50ms\"", "expected 0.0 ms to 50.0 ms, seen 66.0 ms"},
         {"seek_within = \"50ms\"", "seek_within: expected 0.0 ms to 50.0 ms, seen none"},
         {"offset_worst = \"-1ms..1ms\"", "no frame that could be compared"},
+        {"in_sync = true", "in_sync: expected true, seen no sound to judge"},
         {"lip_sync = \"ebu\"",
          "-60.0 ms to 40.0 ms, seen 1.500 s outside, worst +95.0 ms at frame 50"},
         {"lip_sync_worst = \"80ms\"",
@@ -329,11 +330,13 @@ TEST_F(ExpectationTest, TheAccountsAreLookedAtUnasked) {
     mRecord.overwrittenOnScreen = 3;
     count(Outcome::Lost, 1, {9, 400'000});
     mRecord.end = EndCause::Stalled;
+    mSummary.unexpected = mSummary.causes[BreakCause::Unexplained] = 2;
     EXPECT_THAT(check(""), ElementsAre(StartsWith("end: "),
                                        HasSubstr("1 buffer kept, 0 unknown, first at "
                                                  "frame 7 (t = 0.300 s)"),
                                        StartsWith("ledger: "), StartsWith("overwritten: "),
-                                       "lost: expected 0, seen 1, first at frame 9 (t = 0.400 s)"));
+                                       "lost: expected 0, seen 1, first at frame 9 (t = 0.400 s)",
+                                       "unexplained: expected 0, seen 2"));
 }
 
 }  // namespace
