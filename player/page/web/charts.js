@@ -24,6 +24,7 @@ function addChart(id, options) {
   host.setAttribute('role', 'img');
   host.setAttribute('tabindex', '0');
   host.setAttribute('aria-label', options.label);
+  const pin = make('i', { class: 'pin' });
   const grid = { stroke: () => colours.grid, width: 1 };
   const axis = { stroke: () => colours.soft, font: axisFont, grid, ticks: { show: false } };
   const plot = new uPlot({
@@ -46,6 +47,7 @@ function addChart(id, options) {
         drawHappened(u, context);
         options.draw(u, context);
         context.restore();
+        placePin({ plot: u, pin });
       }],
       setSelect: [(u) => {
         if (u.select.width > 3) {
@@ -57,8 +59,8 @@ function addChart(id, options) {
         if (u.cursor.event && u.cursor.left >= 0) hover(frameNear(u.posToVal(u.cursor.left, 'x')));
       }] },
   }, [[0, 1], [null, null]], host);
-  const chart = { plot, host, options, pin: make('i', { class: 'pin' }), stale: false, visible: true };
-  plot.over.append(chart.pin);
+  const chart = { plot, host, options, pin, stale: false, visible: true };
+  plot.over.append(pin);
   plot.over.addEventListener('click', (event) => pick(plot, event));
   plot.over.addEventListener('dblclick', whole);
   plot.over.addEventListener('mouseleave', () => hover(-1));
@@ -127,7 +129,6 @@ function redraw(chart) {
     chart.plot.setScale('y', { min: least, max: most });
   });
   chart.plot.redraw(false, true);
-  placePin(chart);
 }
 
 /** What changed is drawn again where it is seen. */
@@ -422,28 +423,34 @@ function addPhaseChart() {
 /** Runs of frames whose dwells repeat: {from, to (seconds), name, frames}. */
 function patternsOnScreen() {
   const least = 10;  // frames in step that make a run
-  const dwells = Array.from(shown, (i) => ledger.dwell_vsyncs[i]);
+  const longest = 12;  // frames of a pattern
+  // A superseded frame is part of a pattern, with 0 vsyncs.
+  const superseded = data.words.outcome.indexOf('superseded');
+  const paced = hiddenFrames.some((i) => ledger.outcome[i] === superseded)
+    ? Int32Array.from([...shown, ...hiddenFrames.filter((i) => ledger.outcome[i] === superseded)]).sort() : shown;
+  const dwells = Array.from(paced, (i) => Number.isNaN(ledger.shown_us[i]) ? 0 : ledger.dwell_vsyncs[i]);
   const runs = [];
   let i = 0;
   while (i < dwells.length) {
     let best = 0, bestPeriod = 0;
-    for (let period = 1; period <= 5 && i + period < dwells.length; ++period) {
+    for (let period = 1; period <= longest && i + period < dwells.length; ++period) {
       let end = i + period;
       while (end < dwells.length && dwells[end] === dwells[end - period]) ++end;
       if (end - i >= Math.max(least, 2 * period) && end - i > best * 1.5) { best = end - i; bestPeriod = period; }
       if (best > 3 * least) break;
     }
     if (bestPeriod === 0) { ++i; continue; }
-    const last = shown[i + best - 1];
+    const last = paced[i + best - 1];
     const to = Number.isNaN(ledger.released_us[last]) ? endAt : ledger.released_us[last] / 1e6;
     const name = patternName(dwells.slice(i, i + bestPeriod));
     const before = runs[runs.length - 1];
     // A break inside a pattern does not begin another one.
-    if (before && before.name === name && shownAt[i] - before.to < 0.5) {
+    const from = frameAt[paced[i]];
+    if (before && before.name === name && from - before.to < 0.5) {
       before.to = to;
       before.frames += best;
     } else {
-      runs.push({ from: shownAt[i], to, name, frames: best });
+      runs.push({ from, to, name, frames: best });
     }
     i += best;
   }

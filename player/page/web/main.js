@@ -35,8 +35,14 @@ function watchControls() {
   });
   addEventListener('hashchange', () => { if (location.hash.slice(1) !== address()) readAddress(); });
   new ResizeObserver(resize).observe($('main'));
-  addEventListener('beforeprint', () => { applyTheme('light'); resize(660); charts.forEach(redraw); });
-  addEventListener('afterprint', () => { applyTheme(); resize(); });
+  const print = (begins) => {
+    printing = begins;
+    applyTheme();
+    resize(begins ? 660 : undefined);
+    charts.forEach(redraw);
+  };
+  addEventListener('beforeprint', () => print(true));
+  addEventListener('afterprint', () => print(false));
 }
 
 function resize(width) {

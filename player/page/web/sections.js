@@ -67,7 +67,7 @@ function fillNotes() {
       (unexpected !== summary.dwells_unexpected ? ` ${count(unexpected)} are marked.` : '');
   const sync = summary;
   $('sync-note').textContent = sync.lip_sync_samples === 0
-    ? summary.with_audio ? 'No frame came on screen while sound was heard.' : 'Played without sound: there is nothing to compare.'
+    ? summary.with_audio ? 'No frame came on screen while sound was heard.' : 'Played without sound: there is only the sync clock to compare with.'
     : `Median ${signedMs(sync.lip_sync_median_us)}, 99 of 100 frames within ${ms(sync.lip_sync_p99_us)}, worst ` +
       `${signedMs(sync.lip_sync_worst_us)} at frame ${sync.lip_sync_worst_frame}. Above 0 the sound came early. ` +
       `Outside EBU R37 for ${sync.lip_sync_seconds_outside_ebu} s, detectable (ITU) for ` +

@@ -105,8 +105,9 @@ let theme = 'auto';
 let colours = {};
 try { theme = themes.find((name) => name === localStorage.getItem('korvane-theme')) ?? 'auto'; } catch { /* no storage */ }
 
-function applyTheme(name = theme) {
-  const dark = name === 'dark' || (name === 'auto' && systemDark.matches);
+let printing = false;  // always light
+function applyTheme() {
+  const dark = !printing && (theme === 'dark' || (theme === 'auto' && systemDark.matches));
   document.documentElement.dataset.theme = dark ? 'dark' : 'light';
   const style = getComputedStyle(document.documentElement);
   colours = new Proxy({}, { get: (kept, key) => kept[key] ??= style.getPropertyValue(`--${String(key)}`).trim() });

@@ -21,7 +21,7 @@ const named = (name) => `${scenarios}/${name}.toml`;
 const pages = {
   'cadence-24-on-60': { verdict: /^Even: \[3:2\]/, legend: /^$/ },
   'display-drift': { verdict: /^Even/, legend: /by arithmetic/ },
-  '60-on-50': { verdict: /./, legend: /./ },
+  '60-on-50': { verdict: /As even as the rates allow/, legend: /superseded/ },
   'audio-underflow': { verdict: /audio/, legend: /underflow/ },
   'player-seek-storm': { verdict: /./, legend: /flushed/ },
   'tunnel-fence-never': { verdict: /buffer never came back/, legend: /dropped/ },
@@ -94,6 +94,9 @@ async function agreesWithItself(page, expected) {
   assert.equal(await page.evaluate('shown.length'), summary.frames_shown);
   assert.equal(await page.evaluate('hiddenFrames.length'), summary.frames_in - summary.frames_shown);
   assert.equal(await page.text('#command'), summary.command_line);
+  if (summary.even && summary.held) {
+    assert.ok(await page.evaluate('patternsOnScreen().some(({ name }) => name === summary.pattern)'), 'the pattern is seen on screen');
+  }
   for (const id of ['dwell', 'sync', 'phase', 'pattern', 'buffers', 'fences'].map((name) => `chart-${name}`)) {
     const label = await page.evaluate(`document.getElementById('${id}').getAttribute('aria-label') ?? document.getElementById('${id}').childElementCount`);
     assert.ok(label === 0 || label.length > 20, `${id} is told to screen readers`);
@@ -213,6 +216,11 @@ const tests = {
     const page = await open(browser, `${folder}/run/audio-underflow/report.html`, { width: 390, height: 800 });
     assert.ok(await page.evaluate('document.scrollingElement.scrollWidth <= innerWidth'), 'nothing is cut');
     await page.send('Emulation.setDeviceMetricsOverride', { width: 1400, height: 900, deviceScaleFactor: 1, mobile: false });
+    await page.emulate({ dark: true });
+    await page.settle();
+    await page.evaluate(`dispatchEvent(new Event('beforeprint'))`);
+    assert.equal(await page.evaluate('document.documentElement.dataset.theme'), 'light', 'paper is light');
+    await page.evaluate(`dispatchEvent(new Event('afterprint'))`);
     const { data } = await page.send('Page.printToPDF', { printBackground: true });
     assert.ok(data.length > 50000, 'the charts are on paper');
     writeFileSync(`${folder}/print.pdf`, Buffer.from(data, 'base64'));
