@@ -9,6 +9,7 @@
 #   make aarch64                                      the tests on AArch64, under an emulator
 #   make libcxx                                       the tests with the device's C++ library, by clang
 #   make soong                                        Android.bp against what CMake builds
+#   make page                                         report pages in a headless browser
 #   make abi                                          the binary interface against the accepted one
 #   make abi-accept REASON='why'                      accept the present one, in a commit
 #   make package                                      Debian packages, checked, in build/packages
@@ -19,7 +20,7 @@ TEST_ARGS ?=
 install := @scripts/install-deps.sh
 
 .PHONY: all build play build-tests test check licences rooms format-check tidy sanitize-asan \
-    sanitize-tsan aarch64 build-aarch64 libcxx soong abi abi-reason abi-accept package bench format \
+    sanitize-tsan aarch64 build-aarch64 libcxx soong page abi abi-reason abi-accept package bench format \
     clean
 # Each command uses all processors by itself.
 .NOTPARALLEL:
@@ -86,6 +87,14 @@ soong:
 	cmake --preset release
 	cmake --build --preset release -j $(JOBS) --target korvane-tv
 	ctest --preset release -R '^soong_' --no-tests=error $(TEST_ARGS)
+
+# As soong: its browser is installed by this command alone.
+page:
+	$(install) test page
+	scripts/fetch-uplot.sh
+	cmake --preset release
+	cmake --build --preset release -j $(JOBS) --target korvane-tv
+	ctest --preset release -R '^player_(clips|page_test)$$' --no-tests=error $(TEST_ARGS)
 
 libcxx: build
 	$(install) test libcxx

@@ -50,9 +50,11 @@ _korvane_tv() {
             words="vendor.korvane.loglevels= vendor.tunerpassthrough.renderfreeRun="
             compopt -o nospace
             ;;
-        run:--events) compopt -o dirnames ;;
+        run:--events | *:--report) compopt -o dirnames ;;
         play:--strip-at) words="break frame:" ;;
-        *:--trace | *:--csv | *:--json | *:--events | *:--record | *:--strip) compopt -o default ;;
+        *:--trace | *:--csv | *:--ledger | *:--json | *:--events | *:--record | *:--strip)
+            compopt -o default
+            ;;
         *)
             if [[ $valued == *" $previous "* ]]; then
                 return # a number or a time

@@ -34,6 +34,7 @@ CommandLine readCommandLine(int argc, char** argv) {
     const std::string version = "korvane-tv " KORVANE_VERSION " (" + ffmpegVersions() + ")";
     CommandLine line = parseCommandLine(argc, argv, version);
     line.play.version = KORVANE_VERSION;
+    line.run.version = KORVANE_VERSION;
     return line;
 }
 

@@ -189,6 +189,7 @@ void TunnelBuffers::replace(int64_t number, const Vsync& vsync, const Vsync& nex
     BufferRecord& shown = at(number);
     shown.fate = BufferFate::OnScreen;
     shown.firstVsync = vsync;
+    shown.vsyncPeriodNs = next.timeNs - vsync.timeNs;
     shown.dwellVsyncs = 1;
     shown.lateVsyncs = lateVsyncs(shown, vsync, next);
     traceShown(shown, next);

@@ -149,6 +149,8 @@ const Kind<std::string> kOutputFile{
     },
     "a file; standard output gets the report, write the name of a file"};
 
+const Kind<std::string> kOutputFolder{"DIR", kOutputFile.parse, "a folder; write its name"};
+
 /// Adds an option that may be repeated; `take` gets each value.
 template <typename Value, typename Take>
 CLI::Option* addEach(CLI::App* app, const std::string& name, const Kind<Value>& kind,
@@ -308,6 +310,11 @@ void addOutputOptions(CLI::App* app, PlayOptions* options) {
     add(app, "--strip-at", kStripTarget,
         "The moment: break, the first unexpected dwell; frame:N; or a time since start [break]",
         &options->stripAt);
+    add(app, "--ledger", kOutputFile,
+        "Write one JSON object per line and frame, with the names of --csv", &options->ledgerFile);
+    add(app, "--report", kOutputFolder,
+        "Write report.html, a page with charts to look at, and events.txt into this folder",
+        &options->reportFolder);
     addFlag(app, "-q,--quiet", &options->quiet,
             "Print no progress, and only the verdict of the report");
 }
@@ -355,10 +362,14 @@ CLI::App* addRunCommand(CLI::App* app, RunOptions* options) {
         "Scenarios that play at a time, 1 to 256 [1]", &options->jobs);
     add(run, "--seed", kSeed, "Seed of all scenarios, instead of their own", &options->seed);
     add(run, "--clock", kClock, "virtual or real [virtual]", &options->virtualClock);
-    add(run, "--events", Kind<std::string>{"DIR", kOutputFile.parse, "a folder; write its name"},
+    add(run, "--events", kOutputFolder,
         "Keep the event logs in this folder, as NAME.events; a second scenario of the same name "
         "is NAME-2",
         &options->eventsFolder);
+    add(run, "--report", kOutputFolder,
+        "Write into this folder index.html and, in a folder per scenario, report.html with charts "
+        "to look at and events.txt",
+        &options->reportFolder);
     addFlag(run, "-v,--verbose", &options->verbose, "Print each report and the library's log");
     run->footer(
         "A scenario says what is played, on which TV with which faults, and what is expected; "

@@ -5,9 +5,11 @@
 #include <fmt/format.h>
 #include <fmt/ostream.h>
 
+#include <initializer_list>
 #include <iostream>
 #include <memory>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
@@ -18,9 +20,12 @@
 #include "player/command/Interrupt.h"
 #include "player/command/Message.h"
 #include "player/command/OutputFile.h"
+#include "player/command/OutputFolder.h"
 #include "player/command/Progress.h"
 #include "player/command/ScreenOutputs.h"
 #include "player/media/VideoReader.h"
+#include "player/page/Page.h"
+#include "player/page/PageAssets.h"
 #include "player/playback/Playback.h"
 #include "player/report/EventRecorder.h"
 #include "player/report/Report.h"
@@ -40,15 +45,20 @@ namespace {
 /// The mask with a trace, unless another is asked for: the library's default and its counters.
 constexpr int kTraceLogMask = 1 + 16;
 
-/// The files of --csv, --json, --events, --trace, --record and --strip.
+/// What --csv, --ledger, --json, --events, --report, --trace, --record and --strip write.
 struct Outputs {
     Outputs(const PlayOptions& options, std::shared_ptr<const SoundStore> sound)
         : csv("--csv", options.csvFile),
+          ledger("--ledger", options.ledgerFile),
           json("--json", options.jsonFile),
           events("--events", options.eventsFile),
+          folder("--report", options.reportFolder),
+          page("--report", inFolder(options.reportFolder, "report.html")),
+          pageEvents("--report", inFolder(options.reportFolder, "events.txt")),
           trace("--trace", options.traceFile),
           screen(options, std::move(sound)) {
-        std::vector<const OutputFile*> all{&csv, &json, &events, &trace};
+        std::vector<const OutputFile*> all{&csv,  &ledger,     &json, &events,
+                                           &page, &pageEvents, &trace};
         const auto screenFiles = screen.files();
         all.insert(all.end(), screenFiles.begin(), screenFiles.end());
         claim(options.file, all);
@@ -56,16 +66,17 @@ struct Outputs {
 
     /// Empties the files; the trace's recorder does so itself.
     void begin() {
-        csv.begin();
-        json.begin();
-        events.begin();
+        folder.keep();
+        for (OutputFile* output : written()) {
+            output->begin();
+        }
         trace.keep();
     }
 
     /// @return whether all are whole; says which is not
     bool finish() {
         bool whole = true;
-        for (OutputFile* output : {&csv, &json, &events}) {
+        for (OutputFile* output : written()) {
             if (const std::string failure = output->finish(); !failure.empty()) {
                 say(failure);
                 whole = false;
@@ -74,9 +85,27 @@ struct Outputs {
         return whole;
     }
 
+    std::vector<OutputFile*> written() {
+        return {&csv, &ledger, &json, &events, &page, &pageEvents};
+    }
+    /// Where the event log goes.
+    std::vector<std::ostream*> eventStreams() {
+        std::vector<std::ostream*> streams;
+        for (OutputFile* output : {&events, &pageEvents}) {
+            if (output->wanted()) {
+                streams.push_back(&output->stream());
+            }
+        }
+        return streams;
+    }
+
     OutputFile csv;
+    OutputFile ledger;
     OutputFile json;
     OutputFile events;
+    OutputFolder folder;
+    OutputFile page;
+    OutputFile pageEvents;
     OutputFile trace;
     ScreenOutputs screen;
 };
@@ -161,13 +190,16 @@ struct Listeners {
               const Origin& origin, Outputs* outputs)
         : frames(outputs->csv.wanted() ? std::make_unique<CsvWriter>(outputs->csv.stream())
                                        : nullptr),
-          report(media.frameRateHz, plan, frames.get()),
-          events(outputs->events.wanted() ? &outputs->events.stream() : nullptr),
+          ledger(outputs->ledger.wanted() ? std::make_unique<LedgerWriter>(outputs->ledger.stream())
+                                          : nullptr),
+          page(outputs->page.wanted() ? std::make_unique<PageRecorder>() : nullptr),
+          report(media.frameRateHz, plan, wanted<CadenceListener>()),
+          events(outputs->eventStreams()),
           recorder(&events),
           progress(!options.quiet) {
         hooks.listeners = {&report, &recorder};
-        if (frames) {
-            hooks.listeners.push_back(frames.get());
+        for (auto* listener : wanted<PlaybackListener>()) {
+            hooks.listeners.push_back(listener);
         }
         if (outputs->trace.wanted()) {
             hooks.listeners.push_back(&trace.emplace(origin));
@@ -184,13 +216,31 @@ struct Listeners {
             if (watch) {
                 watch->see(line);
             }
+            if (page) {
+                page->onLogLine(line);
+            }
         };
         hooks.onProgress = [this](const PlaybackProgress& state, int64_t nowNs) {
             progress.update(state, nowNs);
         };
     }
 
+    /// Those of the ledger's readers that are wanted.
+    template <typename Listener>
+    std::vector<Listener*> wanted() const {
+        std::vector<Listener*> listeners;
+        for (LedgerListener* listener :
+             std::initializer_list<LedgerListener*>{frames.get(), ledger.get(), page.get()}) {
+            if (listener != nullptr) {
+                listeners.push_back(listener);
+            }
+        }
+        return listeners;
+    }
+
     std::unique_ptr<CsvWriter> frames;
+    std::unique_ptr<LedgerWriter> ledger;
+    std::unique_ptr<PageRecorder> page;  ///< null: not asked for
     ReportBuilder report;
     EventLog events;
     EventRecorder recorder;
@@ -212,7 +262,7 @@ std::vector<std::string> unmet(const PlayOptions& options, const PlaybackRecord&
 /// @return whether all outputs are whole
 bool writeResults(const PlayOptions& options, const PlaybackRecord& record, const Summary& summary,
                   const tv::TraceReport& trace, const std::vector<std::string>& failed,
-                  const Origin& origin, Outputs* outputs) {
+                  const Origin& origin, PageRecorder* page, Outputs* outputs) {
     if (record.end == EndCause::BrokenOff) {
         say("'" + options.file + "' breaks off in the middle; it was played up to there");
     }
@@ -227,6 +277,11 @@ bool writeResults(const PlayOptions& options, const PlaybackRecord& record, cons
     std::cout << std::flush;
     if (outputs->json.wanted()) {
         writeJson(outputs->json.stream(), origin, record, summary, trace);
+    }
+    if (page != nullptr) {
+        const std::string name = options.file.substr(options.file.find_last_of('/') + 1);
+        outputs->page.stream().seekp(0);
+        writePage(outputs->page.stream(), {name, "", failed}, origin, record, summary, trace, page);
     }
     if (!trace.failure.empty()) {
         say("--trace: " + trace.failure + "; the trace is not whole, playback and summary are");
@@ -267,12 +322,19 @@ int playFile(const PlayOptions& options) {
     if (!options.recordFile.empty()) {
         request.sound = std::make_shared<SoundStore>();
     }
+    if (!options.reportFolder.empty() && !pageLacks().empty()) {
+        throw std::runtime_error("--report: " + std::string(pageLacks()));
+    }
     VideoReader video(request);
     const PlaybackPlan plan = planOf(options, video.info());
     auto audio = video.openAudio();
     Outputs outputs(options, request.sound);
     setProperties(options);
     outputs.begin();
+    if (outputs.page.wanted()) {
+        writeUnfinishedPage(outputs.page.stream(), options.file);
+        outputs.page.stream().flush();
+    }
     Trace trace(options.traceFile);
     catchInterrupts();
     sayNotes(options, video.info());
@@ -292,8 +354,8 @@ int playFile(const PlayOptions& options) {
     listeners.events.finish();
     origin.eventHash = listeners.events.hash();
     const auto failed = unmet(options, record, summary, listeners);
-    const bool written =
-        writeResults(options, record, summary, traceReport, failed, origin, &outputs);
+    const bool written = writeResults(options, record, summary, traceReport, failed, origin,
+                                      listeners.page.get(), &outputs);
     return statusOf(options, record, summary, failed.empty(), written);
 }
 

@@ -60,6 +60,8 @@ struct PlayOptions {
     std::optional<PictureSize> recordSize;  ///< empty: the content's
     std::string stripFile;
     std::optional<StripTarget> stripAt;
+    std::string ledgerFile;
+    std::string reportFolder;
     bool quiet = false;
 
     std::optional<bool> virtualClock;  ///< empty: virtual where this build has it

@@ -1,25 +1,29 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "player/command/RunCommand.h"
 
-#include <fcntl.h>
 #include <fmt/format.h>
 #include <fmt/ostream.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <filesystem>
+#include <fstream>
 #include <ostream>
 #include <set>
+#include <stdexcept>
 #include <system_error>
+#include <utility>
 
 #include "player/base/Errors.h"
 #include "player/base/Text.h"
 #include "player/base/Units.h"
 #include "player/command/ExitStatus.h"
 #include "player/command/Message.h"
-#include "player/command/OutputFile.h"
+#include "player/command/OutputFolder.h"
+#include "player/page/Page.h"
+#include "player/page/PageAssets.h"
 #include "player/scenario/ScenarioFile.h"
 #include "player/scenario/ScenarioProcess.h"
-#include "tv/UniqueFd.h"
 #include "tv/clock/VirtualTime.h"
 
 namespace korvane::player {
@@ -112,13 +116,58 @@ int statusOf(const ProcessResult& result) {
     return result.wrongInput ? kExitUsage : result.ok() ? kExitOk : kExitFailed;
 }
 
+IndexEntry entryOf(const Scenario& scenario, const ProcessResult& result,
+                   const ProcessOptions& options) {
+    const bool played = !result.verdict.empty();
+    return {scenario.name,
+            scenario.title,
+            result.sentence,
+            result.grade,
+            result.verdict,
+            repeatLine(scenario, options.virtualClock),
+            played ? scenario.name + "/report.html" : "",
+            result.failures};
+}
+
+/// The index of the pages, written anew with each playback that ends: a run that is broken off
+/// leaves it whole.
+class Index {
+public:
+    Index(const std::string& folder, size_t planned)
+        : mPath(inFolder(folder, "index.html")), mPlanned(planned) {}
+
+    void add(IndexEntry entry) {
+        mEntries.push_back(std::move(entry));
+        if (mPath.empty()) {
+            return;
+        }
+        const std::string next = mPath + ".next";
+        std::ofstream file(next);
+        writeIndex(file, mEntries, mPlanned);
+        file.close();
+        mWhole = file && std::rename(next.c_str(), mPath.c_str()) == 0;
+        if (!mWhole) {
+            std::remove(next.c_str());
+        }
+    }
+    bool whole() const { return mWhole; }
+
+private:
+    const std::string mPath;
+    const size_t mPlanned;
+    std::vector<IndexEntry> mEntries;
+    bool mWhole = true;
+};
+
 int playAll(const std::vector<Scenario>& scenarios, const ProcessOptions& options,
             std::ostream& out) {
     const size_t width = longestName(scenarios);
     size_t failed = 0;
     int status = kExitOk;
-    playInProcesses(scenarios, options, [&](size_t index, const ProcessResult& result) {
-        printVerdict(out, scenarios[index], result, options.virtualClock, width);
+    Index index(options.reportFolder, scenarios.size());
+    playInProcesses(scenarios, options, [&](size_t at, const ProcessResult& result) {
+        index.add(entryOf(scenarios[at], result, options));
+        printVerdict(out, scenarios[at], result, options.virtualClock, width);
         failed += result.ok() ? 0 : 1;
         status = std::max(status, statusOf(result));
     });
@@ -127,29 +176,12 @@ int playAll(const std::vector<Scenario>& scenarios, const ProcessOptions& option
                    counted(static_cast<int64_t>(scenarios.size()), "scenario"),
                    scenarios.size() - failed, failed);
     }
+    if (!index.whole()) {
+        say("--report " + options.reportFolder +
+            "/index.html: could not be written whole; free some space and run again");
+        status = std::max(status, kExitFailed);
+    }
     return status;
-}
-
-/// Creates the folder of the event logs and locks it against other runs.
-/// @return holds the lock; empty without a folder
-tv::UniqueFd claimFolder(const std::string& folder) {
-    if (folder.empty()) {
-        return {};
-    }
-    std::error_code error;
-    fs::create_directories(folder, error);
-    tv::UniqueFd held(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (held.get() < 0) {
-        error = error ? error : std::error_code(errno, std::generic_category());
-        throw UsageError("--events " + folder + ": " + error.message() +
-                         "; give a folder that can be written");
-    }
-    if (!lockForThisRun(held.get())) {
-        throw UsageError("--events " + folder +
-                         ": another run is writing into it; wait until that has ended, or give "
-                         "another folder");
-    }
-    return held;
 }
 
 }  // namespace
@@ -182,12 +214,23 @@ std::vector<std::string> scenarioFiles(const std::vector<std::string>& paths) {
 int runScenarios(const RunOptions& options, std::ostream& out) {
     // All are read before the first one plays: a mistake in any is told at once.
     const auto scenarios = readAll(options);
-    const tv::UniqueFd lock = claimFolder(options.eventsFolder);
+    if (!options.reportFolder.empty() && !pageLacks().empty()) {
+        throw std::runtime_error("--report: " + std::string(pageLacks()));
+    }
+    OutputFolder events("--events", options.eventsFolder);
+    OutputFolder report("--report", options.reportFolder);
+    events.keep();
+    report.keep();
     ProcessOptions processOptions;
     processOptions.jobs = options.jobs;
     processOptions.virtualClock = options.virtualClock && tv::VirtualTime::available();
     processOptions.verbose = options.verbose;
     processOptions.eventsFolder = options.eventsFolder;
+    processOptions.reportFolder = options.reportFolder;
+    processOptions.version = options.version;
+    processOptions.repeat = [virtualClock = processOptions.virtualClock](const Scenario& scenario) {
+        return repeatLine(scenario, virtualClock);
+    };
     if (processOptions.virtualClock != options.virtualClock) {
         say("this build has no virtual clock; scenarios are played in real time");
     }

@@ -19,6 +19,8 @@ struct RunOptions {
     int jobs = 1;
     std::optional<uint64_t> seed;  ///< instead of the scenarios' own
     std::string eventsFolder;      ///< gets an event log per scenario; empty: none are kept
+    std::string reportFolder;      ///< gets a page per scenario and an index; empty: none
+    std::string version;           ///< of korvane-tv
     bool virtualClock = true;      ///< if this build has it
     bool verbose = false;          ///< print each report and the library's log
 };

@@ -123,6 +123,7 @@ void FrameLedger::returned(const ReturnedBuffer& buffer) {
         entry.flushedByPlayer = buffer.insideFlush;
         entry.dropReason = buffer.dropReason;
         entry.dropEvidence = buffer.dropEvidence;
+        entry.dropLateUs = buffer.dropLateUs;
     }
 }
 
@@ -263,6 +264,7 @@ FrameEntry FrameLedger::takeFront() {
     if (frame.outcome != Outcome::Dropped) {
         frame.dropReason = DropReason::None;
         frame.dropEvidence = DropEvidence::None;
+        frame.dropLateUs.reset();
     }
     frame.bufferKept = frame.returns == 0 && frame.record && frame.record->takenBackNs != 0;
     const auto byTime = mFrameByMediaTime.find(frame.mediaTimeUs);

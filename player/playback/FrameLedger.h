@@ -67,6 +67,9 @@ struct FrameEntry {
     bool flushedByPlayer = false;
     DropReason dropReason = DropReason::None;
     DropEvidence dropEvidence = DropEvidence::None;
+    /// How far it was behind the clock when the library returned it without showing it; negative:
+    /// early; empty: it was not so returned, or the clock was not running.
+    std::optional<int64_t> dropLateUs;
 
     int64_t renderTimeUs = -1;  ///< from the render-time callback
     /// The clock's real time for this frame when its render time came; empty: clock not running.
@@ -99,6 +102,7 @@ struct ReturnedBuffer {
     bool insideFlush = false;
     DropReason dropReason = DropReason::None;
     DropEvidence dropEvidence = DropEvidence::None;
+    std::optional<int64_t> dropLateUs;
 };
 
 class FrameLedger {

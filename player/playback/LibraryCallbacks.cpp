@@ -70,8 +70,7 @@ void LibraryCallbacks::onBufferBack(int fd, bool rendered) {
         buffer.rendered = rendered;
         buffer.insideFlush = tInsideFlush.get();
         if (!rendered && !tInsideFlush.get()) {
-            buffer.dropReason =
-                reasonOfDrop(mLedger.mediaTimeUs(holding.frameNo), &buffer.dropEvidence);
+            noteDrop(mLedger.mediaTimeUs(holding.frameNo), &buffer);
         }
         mLedger.returned(buffer);
     }
@@ -79,10 +78,16 @@ void LibraryCallbacks::onBufferBack(int fd, bool rendered) {
     mPool.giveBack(fd);
 }
 
-DropReason LibraryCallbacks::reasonOfDrop(int64_t mediaTimeUs, DropEvidence* evidence) {
+void LibraryCallbacks::noteDrop(int64_t mediaTimeUs, ReturnedBuffer* buffer) {
     const DropReason announced = std::exchange(tAnnounced.get(), DropReason::None);
-    *evidence = announced != DropReason::None ? DropEvidence::LogLine : DropEvidence::Values;
-    return announced != DropReason::None ? announced : dropReasonFromValues(valuesNow(mediaTimeUs));
+    const bool said = announced != DropReason::None;
+    buffer->dropEvidence = said ? DropEvidence::LogLine : DropEvidence::Values;
+    buffer->dropReason = said ? announced : dropReasonFromValues(valuesNow(mediaTimeUs));
+    const int64_t nowUs = buffer->nowNs / 1000;
+    const int64_t realUs = mClock->realTimeFor(mediaTimeUs, nowUs);
+    if (realUs >= 0 && !mClock->paused()) {
+        buffer->dropLateUs = nowUs - realUs;
+    }
 }
 
 DropValues LibraryCallbacks::valuesNow(int64_t mediaTimeUs) {

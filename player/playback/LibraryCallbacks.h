@@ -52,7 +52,8 @@ private:
     int answer(Code code) noexcept;
     void onBufferBack(int fd, bool rendered);
     void onRenderTime(const rendertime& time);
-    DropReason reasonOfDrop(int64_t mediaTimeUs, DropEvidence* evidence);
+    /// Notes why a frame was returned without being shown, with the values at this time.
+    void noteDrop(int64_t mediaTimeUs, ReturnedBuffer* buffer);
     DropValues valuesNow(int64_t mediaTimeUs);
 
     const PlaybackPlan& mPlan;

@@ -147,13 +147,4 @@ FoundCause causeOfBreak(const std::deque<DwellFacts>& frames, size_t at,
 /// The cause in words, with what is known of it; empty: unexplained.
 std::string tellCause(const FoundCause& found);
 
-/// Is told of unexpected dwells once they are certain.
-class BreakListener {
-public:
-    virtual ~BreakListener() = default;
-    virtual void onBreak(int64_t frameNo, BreakCause cause) = 0;
-    /// No later call of `onBreak` has a smaller number.
-    virtual void onJudgedUpTo(int64_t frameNo) = 0;
-};
-
 }  // namespace korvane::player

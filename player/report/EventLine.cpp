@@ -68,7 +68,7 @@ KindNames namesOf(EventKind kind) {
 
 }  // namespace
 
-std::string nameOf(EventKind kind) {
+const char* toString(EventKind kind) {
     return namesOf(kind).name;
 }
 

@@ -15,8 +15,8 @@
 
 namespace korvane::player {
 
-/// What a kind is called in the log.
-std::string nameOf(EventKind kind);
+/// "seek".
+const char* toString(EventKind kind);
 
 /// Appends the line, with its line feed.
 void appendLine(const Event& event, int64_t startNs, std::string* to);

@@ -21,7 +21,7 @@ constexpr size_t kBlockBytes = 1 << 16;
 
 }  // namespace
 
-EventLog::EventLog(std::ostream* out) : mOut(out), mHash(kHashBasis) {}
+EventLog::EventLog(std::vector<std::ostream*> outs) : mOuts(std::move(outs)), mHash(kHashBasis) {}
 
 void EventLog::begin(int64_t startNs) {
     const std::lock_guard<std::mutex> guard(mLock);
@@ -60,8 +60,8 @@ void EventLog::drainBlock() {
     for (const char c : mBlock) {
         mHash = (mHash ^ static_cast<unsigned char>(c)) * kHashPrime;
     }
-    if (mOut != nullptr) {
-        mOut->write(mBlock.data(), static_cast<std::streamsize>(mBlock.size()));
+    for (std::ostream* out : mOuts) {
+        out->write(mBlock.data(), static_cast<std::streamsize>(mBlock.size()));
     }
     mBlock.clear();
 }

@@ -20,8 +20,8 @@ namespace korvane::player {
 
 class EventLog {
 public:
-    /// @param out  where lines go, may be null: events are then only hashed
-    explicit EventLog(std::ostream* out);
+    /// @param outs  where lines go; none: events are only hashed
+    explicit EventLog(std::vector<std::ostream*> outs);
 
     /// Times in lines count from here. Called before any `release`.
     void begin(int64_t startNs);
@@ -42,7 +42,7 @@ private:
     mutable std::mutex mLock;
     std::vector<Event> mWaiting KORVANE_GUARDED_BY(mLock);
     std::string mBlock KORVANE_GUARDED_BY(mLock);  ///< lines not yet hashed and written
-    std::ostream* const mOut KORVANE_PT_GUARDED_BY(mLock);
+    const std::vector<std::ostream*> mOuts KORVANE_GUARDED_BY(mLock);
     int64_t mStartNs KORVANE_GUARDED_BY(mLock) = 0;
     int64_t mLines KORVANE_GUARDED_BY(mLock) = 0;
     uint64_t mHash KORVANE_GUARDED_BY(mLock);

@@ -2,19 +2,16 @@
 #include "player/report/PatternLog.h"
 
 #include <algorithm>
-#include <optional>
 
 namespace korvane::player {
-namespace {
 
-/// What a line says is in force from now on; nothing: it says nothing about it.
 std::optional<std::string> patternFromLog(const tv::LogLine& line) {
     const std::string& text = line.text;
     const auto has = [&text](const char* part) { return text.find(part) != std::string::npos; };
     if (line.tag != "VideoSyncFRAC") {
         return std::nullopt;
     }
-    if (has(" broken") || has("hdmi frequency changed")) {
+    if (has(" broken") || has("hdmi frequency changed") || has("reset FRAC")) {
         return "";
     }
     // "[detectPattern]3:2 pattern detected"
@@ -31,8 +28,6 @@ std::optional<std::string> patternFromLog(const tv::LogLine& line) {
     }
     return std::nullopt;
 }
-
-}  // namespace
 
 void PatternLog::see(const tv::LogLine& line, int64_t nowUs) {
     const auto pattern = patternFromLog(line);

@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -13,6 +14,10 @@
 #include "tv/Log.h"
 
 namespace korvane::player {
+
+/// What a line says is in force from now on, "[3:2]" or "" for none; nothing: it says nothing of
+/// it.
+std::optional<std::string> patternFromLog(const tv::LogLine& line);
 
 /// Any thread.
 class PatternLog {

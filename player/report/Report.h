@@ -1,15 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
-// The report in its three forms: text for people, JSON and CSV for scripts.
+// The report in its forms: text for people; the summary as JSON and the frames as CSV or JSON lines
+// for scripts.
 #pragma once
 
 #include <cstdint>
-#include <deque>
 #include <iosfwd>
-#include <map>
 #include <string>
 
 #include "player/playback/Playback.h"
-#include "player/report/BreakCause.h"
+#include "player/report/LedgerColumns.h"
 #include "player/report/Summary.h"
 #include "tv/Trace.h"
 
@@ -39,21 +38,29 @@ void writeJson(std::ostream& out, const Origin& origin, const PlaybackRecord& re
                const Summary& summary, const tv::TraceReport& trace);
 
 /// Writes a header line, then one line per frame once its outcome is final and its time on screen
-/// judged; a ReportBuilder tells it. Times are microseconds
-/// since the library's `start`, media times as in the file; an empty field is unknown or does not
-/// apply.
-class CsvWriter final : public PlaybackListener, public BreakListener {
+/// judged. Times are microseconds since the library's `start`, media times as in the file; an empty
+/// field is unknown or does not apply.
+class CsvWriter final : public LedgerListener {
 public:
     explicit CsvWriter(std::ostream& out);
-    void onFrame(const FrameEntry& frame, const PlaybackRecord& soFar) override;
-    void onBreak(int64_t frameNo, BreakCause cause) override { mCauses[frameNo] = cause; }
-    void onJudgedUpTo(int64_t frameNo) override;
+    void onRow(const LedgerRow& row) override;
 
 private:
     std::ostream& mOut;
-    int64_t mStartNs = 0;
-    std::deque<FrameEntry> mWaiting;  ///< until they are judged
-    std::map<int64_t, BreakCause> mCauses;
+};
+
+/// Changes when a name is taken away or means something else; new names do not change it.
+/// docs/ledger.schema.json describes every name.
+constexpr int kLedgerSchemaVersion = 1;
+
+/// Writes one JSON object per line and frame, with the CSV's names and values; null for empty.
+class LedgerWriter final : public LedgerListener {
+public:
+    explicit LedgerWriter(std::ostream& out) : mOut(out) {}
+    void onRow(const LedgerRow& row) override;
+
+private:
+    std::ostream& mOut;
 };
 
 }  // namespace korvane::player

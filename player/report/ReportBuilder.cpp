@@ -2,6 +2,7 @@
 #include "player/report/ReportBuilder.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "player/report/ReportVerdict.h"
 
@@ -14,8 +15,9 @@ FrameAt frameAt(const FrameEntry& frame, int64_t timeNs, const PlaybackRecord& s
 
 }  // namespace
 
-ReportBuilder::ReportBuilder(double nominalHz, const PlaybackPlan& plan, BreakListener* listener)
-    : mPlan(plan), mListener(listener), mRate(nominalHz) {
+ReportBuilder::ReportBuilder(double nominalHz, const PlaybackPlan& plan,
+                             std::vector<CadenceListener*> listeners)
+    : mPlan(plan), mListeners(std::move(listeners)), mRate(nominalHz) {
     mSummary.displayHz = trueHz(plan.tv.display.rateHz);
 }
 
@@ -58,8 +60,8 @@ Summary ReportBuilder::finish(const PlaybackRecord& record) {
     mRate.end();
     processKnown(record);
     endStretch(record);
-    if (mListener != nullptr) {
-        mListener->onJudgedUpTo(INT64_MAX);
+    for (CadenceListener* listener : mListeners) {
+        listener->onJudgedUpTo(INT64_MAX);
     }
     SpanFrames most;
     for (const auto& [hz, span] : mFramesByHz) {
@@ -92,8 +94,8 @@ void ReportBuilder::process(const PacedFrame& paced, const PlaybackRecord& soFar
                  paced.pace.hz > 0.0 ? static_cast<int64_t>(1e6 / paced.pace.hz) : 0,
                  static_cast<int64_t>(1e6 / mStretch->displayHz()));
     count(frame, soFar);
-    if (mListener != nullptr) {
-        mListener->onJudgedUpTo(std::min(mStretch->judgedUpTo(), frame.frameNo + 1));
+    for (CadenceListener* listener : mListeners) {
+        listener->onJudgedUpTo(std::min(mStretch->judgedUpTo(), frame.frameNo + 1));
     }
 }
 
@@ -120,13 +122,18 @@ void ReportBuilder::beginStretch(const PacedFrame& paced, StretchBegin begin, do
                                  int64_t beganUs, const PlaybackRecord& soFar) {
     endStretch(soFar);
     mSpan = paced.pace.span;
+    mStretchFrom = paced.frame.frameNo;
     mStretch.emplace(paced.frame.section, begin, expectedFor(mRate.span(), displayHz), beganUs,
-                     mPatterns, mListener);
+                     mPatterns, mListeners);
 }
 
 void ReportBuilder::endStretch(const PlaybackRecord& soFar) {
     if (mStretch) {
-        if (const auto report = mStretch->finish(soFar)) {
+        const auto report = mStretch->finish(soFar);
+        for (CadenceListener* listener : mListeners) {
+            listener->onStretch(mStretchFrom, report ? &*report : nullptr);
+        }
+        if (report) {
             mSummary.stretches.push_back(*report);
         }
         mStretch.reset();

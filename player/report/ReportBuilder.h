@@ -20,6 +20,7 @@
 #include <optional>
 #include <vector>
 
+#include "player/report/CadenceListener.h"
 #include "player/report/ClockTimes.h"
 #include "player/report/ContentRate.h"
 #include "player/report/JudderMeter.h"
@@ -34,8 +35,9 @@ namespace korvane::player {
 class ReportBuilder final : public PlaybackListener {
 public:
     /// @param nominalHz  the content's rate as its file says; 0: it does not
-    /// @param listener  is told of unexpected dwells; may be null
-    ReportBuilder(double nominalHz, const PlaybackPlan& plan, BreakListener* listener = nullptr);
+    /// @param listeners  receive what is found about the cadence
+    ReportBuilder(double nominalHz, const PlaybackPlan& plan,
+                  std::vector<CadenceListener*> listeners = {});
 
     /// Takes each line, logged at a monotonic time. Any thread.
     void seeLog(const tv::LogLine& line, int64_t nowUs) { mPatterns.see(line, nowUs); }
@@ -69,7 +71,7 @@ private:
     void sumUpStretches();
 
     const PlaybackPlan& mPlan;
-    BreakListener* const mListener;
+    const std::vector<CadenceListener*> mListeners;
     PatternLog mPatterns;
     Summary mSummary;
     ContentRate mRate;
@@ -77,7 +79,8 @@ private:
     int mSpan = 0;                    ///< of the content's rate, in which the stretch lies
     std::map<double, SpanFrames> mFramesByHz;
     std::optional<StretchBuilder> mStretch;
-    size_t mModeChanges = 0;  ///< of the plan's, that have come
+    int64_t mStretchFrom = 0;  ///< its first frame
+    size_t mModeChanges = 0;   ///< of the plan's, that have come
     JudderMeter mJudder;
     int64_t mLastShownUs = -1;
     int64_t mLastReleasedUs = -1;  ///< of the last frame shown

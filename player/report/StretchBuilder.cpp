@@ -26,8 +26,9 @@ constexpr int64_t kLateFenceVsyncs = 2;
 }  // namespace
 
 StretchBuilder::StretchBuilder(int section, StretchBegin begin, const ExpectedCadence& expected,
-                               int64_t beganUs, const PatternLog& patterns, BreakListener* listener)
-    : mTracker(expected), mPatterns(patterns), mListener(listener), mBeganUs(beganUs) {
+                               int64_t beganUs, const PatternLog& patterns,
+                               const std::vector<CadenceListener*>& listeners)
+    : mTracker(expected), mPatterns(patterns), mListeners(listeners), mBeganUs(beganUs) {
     mReport.section = section;
     mReport.begin = begin;
     mReport.displayHz = expected.displayHz;
@@ -98,20 +99,38 @@ void StretchBuilder::takeBreaks(const std::vector<DwellBreak>& breaks,
         if (found.atStart) {
             mOffAtStart = found.dwell;
         }
-        if (found.atStart || found.byArithmetic) {
-            continue;
-        }
-        const DwellFacts& facts = mFacts[found.index - mFactsFrom];
+        takeBreak(found, soFar);
+    }
+}
+
+void StretchBuilder::takeBreak(const DwellBreak& found, const PlaybackRecord& soFar) {
+    const DwellFacts& facts = mFacts[found.index - mFactsFrom];
+    FrameBreak told;
+    told.frameNo = facts.frameNo;
+    told.dwell = found.dwell;
+    told.expected = found.expected;
+    told.kind = found.atStart        ? BreakKind::AtStart
+                : found.byArithmetic ? BreakKind::ByArithmetic
+                                     : BreakKind::Unexpected;
+    if (told.kind == BreakKind::Unexpected) {
         const FoundCause cause =
             causeOfBreak(mFacts, found.index - mFactsFrom,
                          {soFar.clockStops, start(soFar), wrongPatternAt(facts.shownUs, soFar),
                           soFar.passthrough});
+        told.cause = cause.cause;
         countCause(cause, facts, found);
-        if (mReport.breaks.size() < kKeptBreaks) {
+        const bool kept = mReport.breaks.size() < kKeptBreaks;
+        if (kept || !mListeners.empty()) {
+            told.text = tellCause(cause);
+        }
+        if (kept) {
             mReport.breaks.push_back({facts.frameNo, facts.mediaTimeUs,
                                       facts.shownUs - soFar.startNs / 1000, found.dwell,
-                                      found.expected, tellCause(cause)});
+                                      found.expected, told.text});
         }
+    }
+    for (CadenceListener* listener : mListeners) {
+        listener->onBreak(told);
     }
 }
 
@@ -147,9 +166,6 @@ StretchStart StretchBuilder::start(const PlaybackRecord& soFar) const {
 void StretchBuilder::countCause(const FoundCause& cause, const DwellFacts& facts,
                                 const DwellBreak& found) {
     ++mReport.causes[cause.cause];
-    if (mListener != nullptr) {
-        mListener->onBreak(facts.frameNo, cause.cause);
-    }
     if (cause.cause == BreakCause::WrongPattern) {
         mReport.wrongPattern = cause.wrongPattern;
     }

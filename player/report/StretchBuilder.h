@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "player/report/BreakCause.h"
+#include "player/report/CadenceListener.h"
 #include "player/report/CadenceTracker.h"
 #include "player/report/PatternLog.h"
 #include "player/report/Summary.h"
@@ -25,9 +26,10 @@ namespace korvane::player {
 class StretchBuilder {
 public:
     /// @param beganUs  the monotonic time of a change of the display's rate; else not used
-    /// @param listener  may be null
+    /// @param listeners  receive the breaks
     StretchBuilder(int section, StretchBegin begin, const ExpectedCadence& expected,
-                   int64_t beganUs, const PatternLog& patterns, BreakListener* listener);
+                   int64_t beganUs, const PatternLog& patterns,
+                   const std::vector<CadenceListener*>& listeners);
 
     int section() const { return mReport.section; }
     double displayHz() const { return mReport.expected.displayHz; }
@@ -45,6 +47,7 @@ private:
     void noteStart(int64_t shownUs, const PlaybackRecord& soFar);
     void addToCadence(const DwellFacts& facts, const PlaybackRecord& soFar);
     StretchStart start(const PlaybackRecord& soFar) const;
+    void takeBreak(const DwellBreak& found, const PlaybackRecord& soFar);
     void takeBreaks(const std::vector<DwellBreak>& breaks, const PlaybackRecord& soFar);
     std::string wrongPatternAt(int64_t shownUs, const PlaybackRecord& soFar) const;
     void countCause(const FoundCause& cause, const DwellFacts& facts, const DwellBreak& found);
@@ -57,7 +60,7 @@ private:
     StretchReport mReport;
     CadenceTracker mTracker;
     const PatternLog& mPatterns;
-    BreakListener* const mListener;
+    const std::vector<CadenceListener*>& mListeners;
     const int64_t mBeganUs;  ///< times here are monotonic; -1: not so, or not yet
     int64_t mFirstShownUs = -1;
     int64_t mHeldShownUs = -1;

@@ -118,9 +118,10 @@ void TraceRecorder::onAction(const Event& action) {
     if (action.first != 0) {
         details.arguments.emplace_back("to_us", action.first);
     }
-    tv::traceInstant("player/actions",
-                     nameOf(action.kind) + (action.text.empty() ? "" : ": " + action.text),
-                     action.timeNs, details);
+    tv::traceInstant(
+        "player/actions",
+        std::string(toString(action.kind)) + (action.text.empty() ? "" : ": " + action.text),
+        action.timeNs, details);
 }
 
 void TraceRecorder::onFrame(const FrameEntry& frame, const PlaybackRecord& soFar) {

@@ -3,6 +3,7 @@
 
 #include <poll.h>
 #include <sys/prctl.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -31,6 +32,7 @@ constexpr int kPlayed = 0;
 constexpr int kWrongInput = 2;
 /// In virtual time a scenario that takes this long will not end; a day's soak takes a fraction.
 constexpr unsigned kLongestSeconds = 900;
+constexpr mode_t kNewFolderMode = 0777;
 constexpr int kLogVerbose = 4;
 constexpr int kLogNothing = 8;
 
@@ -79,19 +81,27 @@ void endWithParent(pid_t parent) {
     if (!options.eventsFolder.empty()) {
         runOptions.eventsFile = options.eventsFolder + "/" + scenario.name + ".events";
     }
+    if (!options.reportFolder.empty()) {
+        runOptions.reportFolder = options.reportFolder + "/" + scenario.name;
+        runOptions.repeat = options.repeat(scenario);
+        runOptions.version = options.version;
+        // What cannot be created cannot be written either, and is said then.
+        mkdir(runOptions.reportFolder.c_str(), kNewFolderMode);
+    }
     int status = kPlayed;
     std::string text;
     try {
         const ScenarioResult result = runScenario(scenario, runOptions);
-        text = verdictOf(result) + "\n" + result.eventsHash + "\n";
+        text = verdictOf(result) + "\n" + result.eventsHash + "\n" + result.grade + "\n" +
+               result.sentence + "\n";
         for (const auto& failure : result.failures) {
             text += failure + "\n";
         }
     } catch (const InputError& error) {
-        text = std::string("\n\n") + error.what() + "\n";
+        text = std::string("\n\n\n\n") + error.what() + "\n";
         status = kWrongInput;
     } catch (const std::exception& error) {
-        text = std::string("\n\n") + error.what() + "\n";
+        text = std::string("\n\n\n\n") + error.what() + "\n";
     }
     writeAll(pipe, text);
     // Run no destructors and flush no buffers that belong to the parent.
@@ -135,6 +145,8 @@ ProcessResult resultOf(const Child& child, int status) {
     std::istringstream lines(child.text);
     std::getline(lines, result.verdict);
     std::getline(lines, result.eventsHash);
+    std::getline(lines, result.grade);
+    std::getline(lines, result.sentence);
     for (std::string line; std::getline(lines, line);) {
         result.failures.push_back(line);
     }

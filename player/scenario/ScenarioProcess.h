@@ -5,6 +5,8 @@
 //
 //   line 1   verdict, empty when playback did not end
 //   line 2   hash of the event log
+//   line 3   grade
+//   line 4   the report's verdict
 //   others   one failure each
 //
 // If it was killed, or the virtual clock ended it because its threads hang, its exit status says
@@ -25,11 +27,17 @@ struct ProcessOptions {
     bool virtualClock = true;
     bool verbose = false;
     std::string eventsFolder;
+    std::string reportFolder;  ///< with a folder for each scenario, by its name
+    std::string version;       ///< of korvane-tv
+    /// The command line that repeats a scenario.
+    std::function<std::string(const Scenario&)> repeat;
 };
 
 struct ProcessResult {
     std::string verdict;  ///< empty when playback did not end
     std::string eventsHash;
+    std::string grade;
+    std::string sentence;
     std::vector<std::string> failures;
     bool wrongInput = false;  ///< its content cannot be played
     int64_t wallUs = 0;

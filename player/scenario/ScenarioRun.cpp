@@ -5,10 +5,13 @@
 #include <iostream>
 #include <memory>
 #include <optional>
+#include <utility>
+#include <vector>
 
 #include "player/base/Units.h"
 #include "player/media/SyntheticContent.h"
 #include "player/media/VideoReader.h"
+#include "player/page/Page.h"
 #include "player/playback/Playback.h"
 #include "player/report/EventLine.h"
 #include "player/report/EventLog.h"
@@ -59,10 +62,52 @@ PlaybackPlan planOf(const Scenario& scenario, const Sources& sources) {
     return plan;
 }
 
+/// What a scenario writes: its event log, and the page with the event log beside it.
+struct Files {
+    Files(const ScenarioRunOptions& options, const std::string& scenario) {
+        open(&events, options.eventsFile);
+        if (!options.reportFolder.empty()) {
+            open(&page, options.reportFolder + "/report.html");
+            open(&pageEvents, options.reportFolder + "/events.txt");
+            writeUnfinishedPage(page, scenario);
+            page.flush();
+        }
+    }
+    void open(std::ofstream* file, const std::string& path) {
+        if (!path.empty()) {
+            file->open(path);
+            opened.push_back({file, path});
+        }
+    }
+    std::vector<std::ostream*> eventStreams() {
+        std::vector<std::ostream*> streams;
+        for (const auto& [file, path] : opened) {
+            if (file != &page) {
+                streams.push_back(file);
+            }
+        }
+        return streams;
+    }
+    void finish(std::vector<std::string>* failures) {
+        for (const auto& [file, path] : opened) {
+            if (!file->flush()) {
+                failures->push_back("'" + path + "' could not be written whole; free some space");
+            }
+        }
+    }
+
+    std::ofstream events;
+    std::ofstream page;
+    std::ofstream pageEvents;
+    std::vector<std::pair<std::ofstream*, std::string>> opened;
+};
+
 ScenarioResult resultOf(const PlaybackRecord& record, const Summary& summary) {
     ScenarioResult result;
     result.shown = summary.count(Outcome::Shown);
     result.dropped = summary.count(Outcome::Dropped);
+    result.grade = toString(summary.grade);
+    result.sentence = summary.verdict;
     result.playedUs = (record.stopNs - record.startNs) / 1000;
     for (const auto& stretch : summary.stretches) {
         result.pattern += (result.pattern.empty() ? "" : " ") +
@@ -72,11 +117,8 @@ ScenarioResult resultOf(const PlaybackRecord& record, const Summary& summary) {
 }
 
 ScenarioResult playScenario(const Scenario& scenario, const ScenarioRunOptions& options) {
-    std::ofstream eventsFile;
-    if (!options.eventsFile.empty()) {
-        eventsFile.open(options.eventsFile);
-    }
-    EventLog events(options.eventsFile.empty() ? nullptr : &eventsFile);
+    Files files(options, scenario.name);
+    EventLog events(files.eventStreams());
     LogWatch watch(scenario.expect.log, &events);
     Sources sources = openSources(scenario);
     const PlaybackPlan plan = planOf(scenario, sources);
@@ -84,13 +126,24 @@ ScenarioResult playScenario(const Scenario& scenario, const ScenarioRunOptions& 
         tv::setProperty(name, value);
     }
 
-    ReportBuilder report(sources.video->info().frameRateHz, plan);
+    const auto page = options.reportFolder.empty() ? nullptr : std::make_unique<PageRecorder>();
+    std::vector<CadenceListener*> rows;
+    if (page) {
+        rows.push_back(page.get());
+    }
+    ReportBuilder report(sources.video->info().frameRateHz, plan, std::move(rows));
     EventRecorder recorder(&events);
     PlaybackHooks hooks;
     hooks.listeners = {&report, &recorder};
+    if (page) {
+        hooks.listeners.push_back(page.get());
+    }
     hooks.onLogLine = [&](const tv::LogLine& line) {
         report.seeLog(line, tv::nowNs() / 1000);
         watch.see(line);
+        if (page) {
+            page->onLogLine(line);
+        }
     };
     const PlaybackRecord record = play(plan, *sources.video, std::move(sources.audio), hooks);
     const Summary summary = report.finish(record);
@@ -100,11 +153,15 @@ ScenarioResult playScenario(const Scenario& scenario, const ScenarioRunOptions& 
     ScenarioResult result = resultOf(record, summary);
     result.failures = failures(scenario.expect, record, summary, watch.counts(record.startNs));
     events.finish();
-    eventsFile.flush();
-    if (!eventsFile) {
-        result.failures.push_back("events: '" + options.eventsFile + "' could not be written");
-    }
     result.eventsHash = events.hash();
+    if (page) {
+        const Origin origin{options.version, options.repeat, options.virtualClock, scenario.seed,
+                            result.eventsHash};
+        files.page.seekp(0);
+        writePage(files.page, {scenario.name, scenario.title, result.failures}, origin, record,
+                  summary, {}, page.get());
+    }
+    files.finish(&result.failures);
     return result;
 }
 

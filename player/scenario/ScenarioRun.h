@@ -12,8 +12,11 @@ namespace korvane::player {
 
 struct ScenarioRunOptions {
     bool virtualClock = true;
-    std::string eventsFile;  ///< empty: events are only hashed
-    bool report = false;     ///< print the playback's report to standard error
+    std::string eventsFile;    ///< empty: none is written
+    std::string reportFolder;  ///< gets report.html and events.txt; empty: not written
+    std::string repeat;        ///< the command line that repeats this playback
+    std::string version;       ///< of korvane-tv
+    bool report = false;       ///< print the playback's report to standard error
 };
 
 struct ScenarioResult {
@@ -21,6 +24,8 @@ struct ScenarioResult {
     int64_t shown = 0;
     int64_t dropped = 0;
     std::string pattern;  ///< of the first stretch; empty: none
+    std::string grade;
+    std::string sentence;  ///< the report's verdict
     int64_t playedUs = 0;
     std::string eventsHash;
 };

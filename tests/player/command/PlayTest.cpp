@@ -70,12 +70,13 @@ void expectFacts(const Facts& facts, const std::string& wanted) {
     }
 }
 
-/// Checks a summary against its schema, of which it knows what the schema uses. New keys must be
-/// described there.
-void expectDescribed(const std::string& path) {
-    using Json = nlohmann::json;
-    const Json schema = Json::parse(readFile(KORVANE_SCHEMA));
-    const Json summary = Json::parse(readFile(path));
+using Json = nlohmann::json;
+
+/// Checks a summary, or a line of the ledger, against its schema, of which it knows what the schema
+/// uses. New keys must be described there.
+void expectDescribed(const Json& summary, const char* schemaFile) {
+    const Json schema = Json::parse(readFile(std::string(KORVANE_DOCS "/") + schemaFile));
+    const Json patterns = schema.value("patternProperties", Json::object());
     for (const auto& key : schema["required"]) {
         EXPECT_TRUE(summary.contains(key)) << key;
     }
@@ -96,14 +97,14 @@ void expectDescribed(const std::string& path) {
                (!has("type") || hasType(rule["type"], value)) &&
                (!has("minimum") || value >= rule["minimum"]) &&
                (!has("enum") || std::count(rule["enum"].begin(), rule["enum"].end(), value) == 1) &&
-               (!has("pattern") ||
+               (!has("pattern") || !value.is_string() ||
                 std::regex_search(value.get<std::string>(),
                                   std::regex(rule["pattern"].get<std::string>())));
     };
     EXPECT_FALSE(summary.contains("dwells_unexpected_unexplained"));
     for (const auto& [key, value] : summary.items()) {
         Json rule = schema["properties"].value(key, Json());
-        for (const auto& [pattern, patternRule] : schema["patternProperties"].items()) {
+        for (const auto& [pattern, patternRule] : patterns.items()) {
             rule = std::regex_search(key, std::regex(pattern)) ? patternRule : rule;
         }
         EXPECT_FALSE(rule.is_null()) << "not described: " << key;
@@ -217,7 +218,7 @@ TEST_P(PlayTest, IsAccountedForAndInTime) {
     }
     const CommandResult result = runCommand(command);
     const Facts facts = readFlatJson(json);
-    expectDescribed(json);
+    expectDescribed(Json::parse(readFile(json)), "summary.schema.json");
     unlink(json.c_str());
     const bool brokenOff = std::string(scenario.always).find("end=broken_off") != std::string::npos;
     const int status = scenario.signal != 0 ? 128 + scenario.signal : brokenOff ? 4 : 0;
@@ -310,6 +311,9 @@ TEST(RefusedOutputTest, LeavesEveryFileAsItWas) {
         {{"--csv", kept, "--events", fresh, "--trace", "/nonexistent/x"}, "No such file"},
         {{"--csv", kept, "--prop", "a=" + std::string(92, 'x')}, "91 bytes"},
         {{"--csv", "/dev/stdout"}, "standard output"},
+        {{"--csv", kept, "--report", "/proc/none"}, "--report /proc/none: No such file"},
+        {{"--report", kept}, "--report " + kept + ": Not a directory"},
+        {{"--report", fresh + "/a/b/", "--json", "/nonexistent/x"}, "No such file"},
     };
     for (const auto& [options, says] : refusals) {
         std::vector<std::string> play = {"play", film};
@@ -464,6 +468,42 @@ TEST(FullDiskTest, UnderAnotherOutputIsToldWithStatus1) {
         EXPECT_EQ(output.status, 1) << arguments[0];
         EXPECT_THAT(output.error, HasSubstr("standard output")) << arguments[0];
     }
+}
+
+TEST(ReportFolderTest, HoldsAPageWhateverEndsPlayback) {
+    const std::string folder = scratch("report");
+    const std::string page = folder + "/report.html";
+    const std::string ledger = scratch("ledger.jsonl");
+    Command command;
+    command.arguments = {KORVANE_TV, "play", clip("24.mp4"), "--report", folder, "--clock", "real"};
+    command.signals = {{SIGINT, "has not ended yet", page}};
+    const CommandResult ended = runCommand(command);
+    if (ended.error.find("lacks the chart library") != std::string::npos) {
+        EXPECT_EQ(ended.status, 1);
+        GTEST_SKIP() << ended.error;
+    }
+    EXPECT_EQ(ended.status, 128 + SIGINT) << ended.error;
+    const std::string html = readFile(page);
+    EXPECT_NE(html.find("interrupted; this is what was played until then"), html.npos);
+    EXPECT_NE(html.find("</html>"), html.npos);
+
+    unlink(page.c_str());
+    ASSERT_EQ(symlink("/dev/full", page.c_str()), 0);
+    const CommandResult full = korvaneTv(
+        {"play", clip("24.mp4"), "--report", folder, "--ledger", ledger, "--seconds", "1"});
+    EXPECT_EQ(full.status, 1);
+    EXPECT_THAT(full.error, HasSubstr("--report " + page + ": could not be written whole"));
+    EXPECT_THAT(readFile(folder + "/events.txt"), HasSubstr(" stop\n"));
+    std::istringstream lines(readFile(ledger));
+    size_t frames = 0;
+    for (std::string line; std::getline(lines, line); ++frames) {
+        expectDescribed(Json::parse(line), "ledger.schema.json");
+    }
+    EXPECT_EQ(frames, 24);
+    for (const auto& file : {page, folder + "/events.txt", ledger}) {
+        unlink(file.c_str());
+    }
+    EXPECT_EQ(rmdir(folder.c_str()), 0);
 }
 
 TEST(ClosedStandardFilesTest, AreNotMistakenForAnOutput) {

@@ -20,7 +20,8 @@ protected:
     }
     void back(int64_t frame, bool rendered, bool insideFlush = false,
               DropReason reason = DropReason::None) {
-        mLedger.returned({frame, 5000, rendered, insideFlush, reason, DropEvidence::Values});
+        mLedger.returned(
+            {frame, 5000, rendered, insideFlush, reason, DropEvidence::Values, std::nullopt});
     }
     void inTunnel(int64_t frame, BufferFate fate, int64_t takenBackNs = 0) {
         BufferRecord entry;

@@ -16,7 +16,7 @@ namespace {
 
 TEST(EventLog, LinesComeInTheOrderOfTimeHoweverTheyWereAdded) {
     std::ostringstream out;
-    EventLog log(&out);
+    EventLog log({&out});
     log.begin(1'000);
     log.add({2'000'001'000, EventKind::Shown, 7, 120, -300, ""});
     log.add({1'500, EventKind::Sent, 8, 41'667, 3, "late"});
@@ -30,7 +30,7 @@ TEST(EventLog, LinesComeInTheOrderOfTimeHoweverTheyWereAdded) {
               "0.000000500 sent frame=8 media_us=41667 buffer=3 late\n"
               "0.000000600 audio playing\n"
               "2.000000000 shown frame=7 vsync=120 offset_us=-300\n");
-    EventLog other(nullptr);
+    EventLog other(std::vector<std::ostream*>{});
     other.add({5, EventKind::Sent, 1, 1, 0, ""});
     other.finish();
     EXPECT_NE(log.hash(), other.hash());

@@ -487,7 +487,10 @@ TEST(Report, CsvLeavesEmptyWhatDoesNotApply) {
     for (const auto& frame : record.frames) {
         writer.onFrame(frame, record);
     }
-    writer.onBreak(1, BreakCause::NoBuffer);
+    FrameBreak found;
+    found.frameNo = 1;
+    found.cause = BreakCause::NoBuffer;
+    writer.onBreak(found);
     writer.onJudgedUpTo(2);
     EXPECT_THAT(csv.str(), Not(HasSubstr("\n2,"))) << "not before it is judged";
     writer.onJudgedUpTo(INT64_MAX);
@@ -496,7 +499,7 @@ TEST(Report, CsvLeavesEmptyWhatDoesNotApply) {
         AllOf(HasSubstr(",present_us,vsync,shown_us,dwell_vsyncs,cause,lip_sync_us,av_offset_us,"),
               HasSubstr("\n0,0,0,shown,,-1,,,166666,70,166666,3,,7000,5000,216666,"),
               HasSubstr("\n1,41667,0,superseded,,-1,,,-1000000,,,0,no_buffer,,,216666,"),
-              EndsWith("\n2,83334,0,dropped,late,-1,,,,,,,,,,,,,1\n")));
+              EndsWith("\n2,83334,0,dropped,late,-1,,,,,,,,,,,,,1,,,0,\n")));
 }
 
 }  // namespace

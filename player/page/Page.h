@@ -1,0 +1,52 @@
+// SPDX-License-Identifier: Apache-2.0
+// The report page: one HTML file that opens from disk, with all of a playback that the report
+// shows. docs/page.md says how to read it.
+//
+// The page's data is the summary's JSON, as --json writes it, the frames' ledger in columns
+// (PageColumn.h), and what PageRecorder collected. The page's code, in player/page/web, adds
+// nothing to it but what can be counted from the columns.
+#pragma once
+
+#include <cstdint>
+#include <iosfwd>
+#include <string>
+#include <vector>
+
+#include "player/page/PageRecorder.h"
+#include "player/report/Report.h"
+
+namespace korvane::player {
+
+/// Changes when pages of one version cannot be made from the data of another.
+constexpr int kPageVersion = 1;
+
+struct PageHeading {
+    std::string name;                   ///< of the film or scenario
+    std::string about;                  ///< what a scenario shows; may be empty
+    std::vector<std::string> failures;  ///< expectations that did not hold
+};
+
+/// Writes the page of a playback. Call once for a recorder.
+void writePage(std::ostream& out, const PageHeading& heading, const Origin& origin,
+               const PlaybackRecord& record, const Summary& summary, const tv::TraceReport& trace,
+               PageRecorder* recorder);
+
+/// Writes what stands in a page's place until its playback has ended.
+void writeUnfinishedPage(std::ostream& out, const std::string& name);
+
+/// A playback of the index.
+struct IndexEntry {
+    std::string name;
+    std::string about;
+    std::string verdict;
+    std::string grade;  ///< empty: playback did not end
+    std::string figures;
+    std::string repeat;  ///< command line
+    std::string page;    ///< relative to the index; empty: there is none
+    std::vector<std::string> failures;
+};
+/// Writes the page that links the pages of several playbacks.
+/// @param planned  playbacks in all, of which these have ended
+void writeIndex(std::ostream& out, const std::vector<IndexEntry>& entries, size_t planned);
+
+}  // namespace korvane::player
