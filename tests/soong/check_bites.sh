@@ -32,7 +32,7 @@ libkorvane_tv_clock srcs -a tv/clock/Lost.cpp is in Android.bp but not built by 
 korvane_tunnelrenderer_defaults cppflags -a -fstrict-enums Android.bp compiles with -fstrict-enums
 korvane_defaults cflags -r -Wshadow CMake compiles with -Wshadow, Android.bp does not
 libkorvane_tunnelrenderer shared_libs -r libui CMake links with libui, Android.bp does not
-korvane_player_defaults shared_libs -a libz Android.bp links with libz, CMake does not
+korvane_player_defaults shared_libs -a libcurl Android.bp links with libcurl, CMake does not
 libkorvane_tunnelrenderer_headers export_include_dirs -a player Android.bp includes from player
 END
 
