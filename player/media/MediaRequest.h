@@ -29,8 +29,8 @@ struct MediaRequest {
     std::optional<int> audio;    ///< the same
     std::optional<int> program;  ///< its number; streams of others are not taken
     bool withoutAudio = false;
-    std::optional<FrameRate> rate = {};      ///< of pictures without times, as an image sequence's
-    std::optional<int64_t> limitUs = {};     ///< so much is to be played: no longer wait for a pipe
+    std::optional<FrameRate> rate = {};   ///< of pictures without times, as an image sequence's
+    std::optional<int64_t> limitUs = {};  ///< so much is to be played: no longer wait for a pipe
     /// Receives the samples of the audio as it is read; null: it is not decoded.
     std::shared_ptr<SoundStore> sound;
     std::function<bool()> interrupted = {};  ///< ends a wait for data; may be empty
