@@ -50,21 +50,23 @@ _korvane_tv() {
             words="vendor.korvane.loglevels= vendor.tunerpassthrough.renderfreeRun="
             compopt -o nospace
             ;;
-        run:--events) compopt -o dirnames ;;
+        run:--events | compare:--report) compopt -o dirnames ;;
         play:--strip-at) words="break frame:" ;;
-        *:--trace | *:--csv | *:--json | *:--events | *:--record | *:--strip) compopt -o default ;;
+        *:--trace | *:--csv | *:--json | *:--events | *:--record | *:--strip | *:--library) compopt -o default ;;
         *)
             if [[ $valued == *" $previous "* ]]; then
                 return # a number or a time
             elif [[ $current == -* ]]; then
                 words=$(sed -nE 's/^  (-[a-z],)?(--[a-z-]+)( .*)?$/\2/p' <<<"$help")
             elif [[ -z $command ]]; then
-                words="play run list"
+                words="play run list compare"
             elif [[ $command == play ]]; then
                 _korvane_tv_files "$media" "$current"
             elif [[ $command == run || $command == list ]]; then
                 _korvane_tv_files '*.toml' "$current"
                 words=$(_korvane_tv_scenarios "$program")
+            elif [[ $command == compare ]]; then
+                compopt -o default
             fi
             ;;
     esac

@@ -19,6 +19,7 @@ struct RunOptions {
     int jobs = 1;
     std::optional<uint64_t> seed;  ///< instead of the scenarios' own
     std::string eventsFolder;      ///< gets an event log per scenario; empty: none are kept
+    std::string library;           ///< as in PlayOptions
     bool virtualClock = true;      ///< if this build has it
     bool verbose = false;          ///< print each report and the library's log
 };
