@@ -52,7 +52,8 @@ _korvane_tv() {
             ;;
         run:--events | *:--report) compopt -o dirnames ;;
         play:--strip-at) words="break frame:" ;;
-        *:--trace | *:--csv | *:--ledger | *:--json | *:--events | *:--record | *:--strip)
+        *:--trace | *:--csv | *:--ledger | *:--json | *:--events | *:--record | *:--strip | \
+            *:--library)
             compopt -o default
             ;;
         *)
@@ -61,12 +62,14 @@ _korvane_tv() {
             elif [[ $current == -* ]]; then
                 words=$(sed -nE 's/^  (-[a-z],)?(--[a-z-]+)( .*)?$/\2/p' <<<"$help")
             elif [[ -z $command ]]; then
-                words="play run list"
+                words="play run list compare"
             elif [[ $command == play ]]; then
                 _korvane_tv_files "$media" "$current"
             elif [[ $command == run || $command == list ]]; then
                 _korvane_tv_files '*.toml' "$current"
                 words=$(_korvane_tv_scenarios "$program")
+            elif [[ $command == compare ]]; then
+                compopt -o default
             fi
             ;;
     esac

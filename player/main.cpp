@@ -11,6 +11,7 @@
 #include "player/base/Errors.h"
 #include "player/command/CommandLine.h"
 #include "player/command/ExitStatus.h"
+#include "player/command/LibraryChoice.h"
 #include "player/command/Message.h"
 #include "player/command/PlayCommand.h"
 #include "player/command/RunCommand.h"
@@ -38,7 +39,8 @@ CommandLine readCommandLine(int argc, char** argv) {
     return line;
 }
 
-int carryOut(const CommandLine& line) {
+int carryOut(const CommandLine& line, char** argv) {
+    useLibrary(line.command == Command::Run ? line.run.library : line.play.library, argv);
     // The log keeps what was logged while the libraries were loaded until it is opened.
     tv::openLog(lowestLogPriority(line.play));
     if (!line.text.empty()) {
@@ -50,6 +52,8 @@ int carryOut(const CommandLine& line) {
             return runScenarios(line.run, std::cout);
         case Command::List:
             return listScenarios(line.list, std::cout);
+        case Command::Compare:
+            return compareFiles(line.compare, std::cout);
         case Command::Play:
             break;
     }
@@ -65,7 +69,7 @@ int fail(const std::exception& error, int status) {
 
 int run(int argc, char** argv) {
     try {
-        const int status = carryOut(readCommandLine(argc, argv));
+        const int status = carryOut(readCommandLine(argc, argv), argv);
         if (!std::cout.flush()) {
             say("standard output could not be written whole; free some space and try again");
             return kExitFailed;

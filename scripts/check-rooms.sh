@@ -24,7 +24,7 @@ git ls-files '*.h' '*.cpp' | grep -v -e '^tests/' -e '^bench/' -e '^abi/' |
         allow("renderer", "frac mediasync videotunnel display platform include")
         allow("tv", "platform include")
         rooms = "tv platform include"
-        count = split("base media playback report screen page scenario command", order, " ")
+        count = split("base media playback report screen page compare scenario command", order, " ")
         for (i = 1; i <= count; ++i) {
             allow("player/" order[i], rooms)
             rooms = rooms " player/" order[i]

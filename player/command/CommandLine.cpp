@@ -117,6 +117,11 @@ const Kind<std::string> kExpectation{
     [](const std::string& text) { return text.empty() ? std::nullopt : std::optional(text); },
     "an expectation; write for example even or dropped=0"};
 
+const Kind<std::string> kLibraryFile{
+    "PATH",
+    [](const std::string& text) { return text.empty() ? std::nullopt : std::optional(text); },
+    "a library; write the path of a libkorvane_tunnelrenderer.so"};
+
 /// Whether the clock is virtual.
 const Kind<bool> kClock{"MODE",
                         [](const std::string& text) {
@@ -260,6 +265,12 @@ void addPlaybackOptions(CLI::App* app, PlayOptions* options) {
         "Frame buffers of the player, 5 to 64 [16, or down to 8 beyond 512 MB]", &options->buffers);
 }
 
+void addLibraryOption(CLI::App* app, std::string* library) {
+    add(app, "--library", kLibraryFile,
+        "Play on this build of libkorvane_tunnelrenderer.so [the one linked with korvane-tv]",
+        library);
+}
+
 void addPlatformOptions(CLI::App* app, PlayOptions* options) {
     add(app, "--log", kLogMask,
         "Print the library's log; add up 1 lifecycle, 2 frames, 4 detail, 16 trace counters (sets "
@@ -267,6 +278,7 @@ void addPlatformOptions(CLI::App* app, PlayOptions* options) {
         &options->logMask);
     addEach(app, "--prop", kProperty, "Set a system property; may be repeated",
             [options](const Property& property) { options->properties.push_back(property); });
+    addLibraryOption(app, &options->library);
 }
 
 void addClockOptions(CLI::App* app, PlayOptions* options) {
@@ -370,6 +382,7 @@ CLI::App* addRunCommand(CLI::App* app, RunOptions* options) {
         "Write into this folder index.html and, in a folder per scenario, report.html with charts "
         "to look at and events.txt",
         &options->reportFolder);
+    addLibraryOption(run, &options->library);
     addFlag(run, "-v,--verbose", &options->verbose, "Print each report and the library's log");
     run->footer(
         "A scenario says what is played, on which TV with which faults, and what is expected; "
@@ -384,6 +397,30 @@ CLI::App* addListCommand(CLI::App* app, ListOptions* options) {
                      "A folder of scenarios, or one scenario [scenarios, else the installed ones]")
         ->type_name("");
     return list;
+}
+
+CLI::App* addCompareCommand(CLI::App* app, CompareOptions* options) {
+    CLI::App* compare = app->add_subcommand(
+        "compare",
+        "Compare two playbacks frame by frame: is B as good as A? Frames of the same "
+        "media time belong together.");
+    for (const auto& [name, value] : {std::pair("A", &options->a), std::pair("B", &options->b)}) {
+        compare
+            ->add_option(name, *value, "A file of --events, or a folder that has one as events.txt")
+            ->type_name("")
+            ->required();
+    }
+    addFlag(compare, "--frames", &options->frames, "Print each frame that is not the same");
+    add(compare, "--json", kOutputFile,
+        "Write all figures, and all frames that are not the same, as one JSON object",
+        &options->jsonFile);
+    add(compare, "--report",
+        Kind<std::string>{"DIR", kOutputFile.parse, "a folder; write its name"},
+        "Write a page with both, compare.html, into this folder", &options->reportFolder);
+    compare->footer(
+        "Exit status: 0 B is the same, better or no worse; 1 B is worse, the films are not the "
+        "same, or an output could not be written; 2 wrong usage, or no event log.");
+    return compare;
 }
 
 /// What CLI11 did not take, option first, as it was typed: of "-qz" CLI11 leaves "-z".
@@ -437,14 +474,16 @@ std::string explain(const CLI::ParseError& error, const CLI::App& app, const CLI
     }
     if (command == nullptr) {
         return (left.empty() ? "no command given" : "'" + left + "' is no command") +
-               "; write korvane-tv play FILE, run SCENARIO or list";
+               "; write korvane-tv play FILE, run SCENARIO, list or compare A B";
     }
     if (!left.empty()) {
         return "one argument too many: '" + left + "'" + where;
     }
     if (dynamic_cast<const CLI::RequiredError*>(&error) != nullptr) {
-        return (command->get_name() == "run" ? "no scenario given; write korvane-tv run FILE"
-                                             : "no file given; write korvane-tv play FILE") +
+        const std::string name = command->get_name();
+        return (name == "run"       ? "no scenario given; write korvane-tv run FILE"
+                : name == "compare" ? "two playbacks are needed; write korvane-tv compare A B"
+                                    : "no file given; write korvane-tv play FILE") +
                where;
     }
     if (dynamic_cast<const CLI::ArgumentMismatch*>(&error) != nullptr) {
@@ -496,7 +535,8 @@ CommandLine parseCommandLine(int argc, const char* const* argv, const std::strin
     const std::pair<CLI::App*, Command> commands[] = {
         {addPlayCommand(&app, &line.play, &expectations), Command::Play},
         {addRunCommand(&app, &line.run), Command::Run},
-        {addListCommand(&app, &line.list), Command::List}};
+        {addListCommand(&app, &line.list), Command::List},
+        {addCompareCommand(&app, &line.compare), Command::Compare}};
     const auto given = [&app] {
         const auto parsed = app.get_subcommands();
         return parsed.empty() ? nullptr : parsed.front();

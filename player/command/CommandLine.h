@@ -10,12 +10,13 @@
 #include <string>
 
 #include "player/base/Errors.h"
+#include "player/command/CompareCommand.h"
 #include "player/command/PlayOptions.h"
 #include "player/command/RunCommand.h"
 
 namespace korvane::player {
 
-enum class Command { Play, Run, List };
+enum class Command { Play, Run, List, Compare };
 
 struct CommandLine {
     /// Text to print instead of carrying out a command (help, version); empty otherwise.
@@ -24,6 +25,7 @@ struct CommandLine {
     PlayOptions play;
     RunOptions run;
     ListOptions list;
+    CompareOptions compare;
 };
 
 /// @throws UsageError

@@ -18,6 +18,7 @@
 #include "player/base/Text.h"
 #include "player/command/ExitStatus.h"
 #include "player/command/Interrupt.h"
+#include "player/command/LibraryChoice.h"
 #include "player/command/Message.h"
 #include "player/command/OutputFile.h"
 #include "player/command/OutputFolder.h"
@@ -270,6 +271,10 @@ bool writeResults(const PlayOptions& options, const PlaybackRecord& record, cons
     for (const auto& failure : failed) {
         std::cout << "FAILED    " << printable(failure) << "\n";
     }
+    if (!origin.library.empty() && !options.quiet) {
+        fmt::print(std::cout, "library   {}, hash {}\n", printable(origin.library),
+                   origin.libraryHash);
+    }
     if (origin.virtualTime && !options.quiet) {
         fmt::print(std::cout, "repeat    events {} from {}\n", origin.eventHash,
                    origin.commandLine);
@@ -339,7 +344,11 @@ int playFile(const PlayOptions& options) {
     catchInterrupts();
     sayNotes(options, video.info());
 
-    Origin origin{options.version, options.repeat, clock != nullptr, options.seed, ""};
+    Origin origin{
+        options.version, options.repeat, clock != nullptr, options.seed, "", options.library, ""};
+    if (!options.library.empty()) {
+        origin.libraryHash = hashOfFile(options.library);
+    }
     Listeners listeners(options, video.info(), plan, origin, &outputs);
     std::optional<LogSums> sums(!options.logMask);
     outputs.screen.begin(video.info(), clock != nullptr, listeners.report, &listeners.hooks);

@@ -49,6 +49,8 @@ struct PlayOptions {
     std::optional<int32_t> logMask;
     std::vector<std::pair<std::string, std::string>> properties;
 
+    std::string library;  ///< to play on; empty: the one that the program is linked with
+
     std::optional<Expectations> expect;  ///< of --expect
 
     std::string traceFile;

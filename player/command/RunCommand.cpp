@@ -92,20 +92,27 @@ size_t longestName(const std::vector<Scenario>& scenarios) {
     return longest;
 }
 
-std::string repeatLine(const Scenario& scenario, bool virtualClock) {
-    return fmt::format("korvane-tv run {} --seed {}{}", shellWord(scenario.path), scenario.seed,
-                       virtualClock ? "" : " --clock real");
+/// What a playback is repeated with, beside its scenario.
+struct Repeat {
+    bool virtualClock;
+    const std::string& library;
+};
+
+std::string repeatLine(const Scenario& scenario, const Repeat& repeat) {
+    return fmt::format("korvane-tv run {} --seed {}{}{}", shellWord(scenario.path), scenario.seed,
+                       repeat.virtualClock ? "" : " --clock real",
+                       repeat.library.empty() ? "" : " --library " + shellWord(repeat.library));
 }
 
 void printVerdict(std::ostream& out, const Scenario& scenario, const ProcessResult& result,
-                  bool virtualClock, size_t nameWidth) {
+                  const Repeat& repeat, size_t nameWidth) {
     fmt::print(out, "{:<6}  {:<{}}  ", result.ok() ? "ok" : "FAILED", printable(scenario.name),
                nameWidth);
     if (!result.verdict.empty()) {
         fmt::print(out, "{} in {}, seed {}, events {}  ", result.verdict, seconds(result.wallUs),
                    scenario.seed, result.eventsHash);
     }
-    fmt::print(out, "# {}\n", repeatLine(scenario, virtualClock));
+    fmt::print(out, "# {}\n", repeatLine(scenario, repeat));
     for (const auto& failure : result.failures) {
         fmt::print(out, "        {}\n", printable(failure));
     }
@@ -124,7 +131,7 @@ IndexEntry entryOf(const Scenario& scenario, const ProcessResult& result,
             result.sentence,
             result.grade,
             result.verdict,
-            repeatLine(scenario, options.virtualClock),
+            options.repeat(scenario),
             played ? scenario.name + "/report.html" : "",
             result.failures};
 }
@@ -160,14 +167,14 @@ private:
 };
 
 int playAll(const std::vector<Scenario>& scenarios, const ProcessOptions& options,
-            std::ostream& out) {
+            const std::string& library, std::ostream& out) {
     const size_t width = longestName(scenarios);
     size_t failed = 0;
     int status = kExitOk;
     Index index(options.reportFolder, scenarios.size());
     playInProcesses(scenarios, options, [&](size_t at, const ProcessResult& result) {
         index.add(entryOf(scenarios[at], result, options));
-        printVerdict(out, scenarios[at], result, options.virtualClock, width);
+        printVerdict(out, scenarios[at], result, {options.virtualClock, library}, width);
         failed += result.ok() ? 0 : 1;
         status = std::max(status, statusOf(result));
     });
@@ -228,13 +235,14 @@ int runScenarios(const RunOptions& options, std::ostream& out) {
     processOptions.eventsFolder = options.eventsFolder;
     processOptions.reportFolder = options.reportFolder;
     processOptions.version = options.version;
-    processOptions.repeat = [virtualClock = processOptions.virtualClock](const Scenario& scenario) {
-        return repeatLine(scenario, virtualClock);
+    processOptions.repeat = [virtualClock = processOptions.virtualClock,
+                             library = options.library](const Scenario& scenario) {
+        return repeatLine(scenario, {virtualClock, library});
     };
     if (processOptions.virtualClock != options.virtualClock) {
         say("this build has no virtual clock; scenarios are played in real time");
     }
-    return playAll(scenarios, processOptions, out);
+    return playAll(scenarios, processOptions, options.library, out);
 }
 
 int listScenarios(const ListOptions& options, std::ostream& out) {

@@ -21,6 +21,7 @@ struct RunOptions {
     std::string eventsFolder;      ///< gets an event log per scenario; empty: none are kept
     std::string reportFolder;      ///< gets a page per scenario and an index; empty: none
     std::string version;           ///< of korvane-tv
+    std::string library;           ///< as in PlayOptions
     bool virtualClock = true;      ///< if this build has it
     bool verbose = false;          ///< print each report and the library's log
 };

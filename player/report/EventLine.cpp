@@ -4,6 +4,8 @@
 #include <fmt/compile.h>
 #include <fmt/format.h>
 
+#include <algorithm>
+#include <charconv>
 #include <cstddef>
 #include <cstdlib>
 
@@ -66,6 +68,55 @@ KindNames namesOf(EventKind kind) {
     return {"log", "priority"};
 }
 
+constexpr int64_t kSecondNs = 1'000'000'000;
+/// Times beyond this, three hundred years, do not fit into nanoseconds.
+constexpr int64_t kMostSeconds = INT64_MAX / kSecondNs - 1;
+
+bool take(std::string_view start, std::string_view* line) {
+    const bool found = line->substr(0, start.size()) == start;
+    line->remove_prefix(found ? start.size() : 0);
+    return found;
+}
+
+bool takeNumber(std::string_view* line, int64_t* number) {
+    const auto result = std::from_chars(line->data(), line->data() + line->size(), *number);
+    const auto length = static_cast<size_t>(result.ptr - line->data());
+    line->remove_prefix(result.ec == std::errc() ? length : 0);
+    return result.ec == std::errc();
+}
+
+/// " name=123"; no name stands for nothing.
+bool takeNamed(const char* name, std::string_view* line, int64_t* number) {
+    return name == nullptr ||
+           (take(" ", line) && take(name, line) && take("=", line) && takeNumber(line, number));
+}
+
+bool takeTime(std::string_view* line, int64_t* timeNs) {
+    constexpr size_t kDigits = 9;
+    const bool before = take("-", line);
+    int64_t whole = 0;
+    int64_t part = 0;
+    const std::string_view fraction = line->substr(std::min(line->find('.'), line->size()));
+    if (!takeNumber(line, &whole) || whole < 0 || whole > kMostSeconds || !take(".", line) ||
+        !takeNumber(line, &part) || part < 0 || fraction.size() - line->size() != kDigits + 1) {
+        return false;
+    }
+    *timeNs = (whole * kSecondNs + part) * (before ? -1 : 1);
+    return true;
+}
+
+bool takeKind(std::string_view* line, EventKind* kind) {
+    const std::string_view word = line->substr(0, line->find(' '));
+    for (int i = 0; i <= static_cast<int>(EventKind::Log); ++i) {
+        *kind = static_cast<EventKind>(i);
+        if (word == namesOf(*kind).name) {
+            line->remove_prefix(word.size());
+            return true;
+        }
+    }
+    return false;
+}
+
 }  // namespace
 
 const char* toString(EventKind kind) {
@@ -73,12 +124,12 @@ const char* toString(EventKind kind) {
 }
 
 void appendLine(const Event& event, int64_t startNs, std::string* to) {
-    constexpr int64_t kSecond = 1'000'000'000;
     const KindNames names = namesOf(event.kind);
     const int64_t timeNs = event.timeNs - startNs;
     char numbers[kLongestNumbers];
-    char* end = fmt::format_to(numbers, FMT_COMPILE("{}{}.{:09} {}"), timeNs < 0 ? "-" : "",
-                               std::abs(timeNs) / kSecond, std::abs(timeNs) % kSecond, names.name);
+    char* end =
+        fmt::format_to(numbers, FMT_COMPILE("{}{}.{:09} {}"), timeNs < 0 ? "-" : "",
+                       std::abs(timeNs) / kSecondNs, std::abs(timeNs) % kSecondNs, names.name);
     const auto add = [&end](const char* name, int64_t number) {
         end = fmt::format_to(end, FMT_COMPILE(" {}={}"), name, number);
     };
@@ -96,6 +147,22 @@ void appendLine(const Event& event, int64_t startNs, std::string* to) {
         to->append(" ").append(event.text);
     }
     to->push_back('\n');
+}
+
+std::optional<Event> parseLine(std::string_view line) {
+    Event event;
+    if (!takeTime(&line, &event.timeNs) || !take(" ", &line) || !takeKind(&line, &event.kind)) {
+        return std::nullopt;
+    }
+    const bool ofFrame = take(" frame=", &line);
+    const KindNames names = namesOf(event.kind);
+    if ((ofFrame && (!takeNumber(&line, &event.frameNo) || event.frameNo < 0)) ||
+        !takeNamed(names.first, &line, &event.first) ||
+        !takeNamed(names.second, &line, &event.second) || (!line.empty() && !take(" ", &line))) {
+        return std::nullopt;
+    }
+    event.text = line;
+    return event;
 }
 
 std::string withoutNumbers(const std::string& text) {

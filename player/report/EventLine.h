@@ -9,7 +9,9 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
+#include <string_view>
 
 #include "player/playback/Event.h"
 
@@ -20,6 +22,10 @@ const char* toString(EventKind kind);
 
 /// Appends the line, with its line feed.
 void appendLine(const Event& event, int64_t startNs, std::string* to);
+
+/// Reads a line back, without its line feed. The time counts from the library's `start`.
+/// @return nothing for what `appendLine` does not write
+std::optional<Event> parseLine(std::string_view line);
 
 /// A text that the library logged, as it may stand in an event: its numbers, which may be
 /// descriptors or times, are replaced by "#".

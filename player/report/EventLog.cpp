@@ -13,15 +13,24 @@
 namespace korvane::player {
 namespace {
 
-// FNV-1a, 64 bits: the offset basis and prime that its authors give.
-constexpr uint64_t kHashBasis = 0xcbf29ce484222325;
+// FNV-1a, 64 bits: the prime that its authors give.
 constexpr uint64_t kHashPrime = 0x100000001b3;
 /// Lines are hashed and written in blocks of about this size.
 constexpr size_t kBlockBytes = 1 << 16;
 
 }  // namespace
 
-EventLog::EventLog(std::vector<std::ostream*> outs) : mOuts(std::move(outs)), mHash(kHashBasis) {}
+void EventHash::add(std::string_view lines) {
+    for (const char c : lines) {
+        mHash = (mHash ^ static_cast<unsigned char>(c)) * kHashPrime;
+    }
+}
+
+std::string EventHash::text() const {
+    return fmt::format("{:016x}", mHash);
+}
+
+EventLog::EventLog(std::vector<std::ostream*> outs) : mOuts(std::move(outs)) {}
 
 void EventLog::begin(int64_t startNs) {
     const std::lock_guard<std::mutex> guard(mLock);
@@ -57,9 +66,7 @@ void EventLog::write(const Event& event) {
 }
 
 void EventLog::drainBlock() {
-    for (const char c : mBlock) {
-        mHash = (mHash ^ static_cast<unsigned char>(c)) * kHashPrime;
-    }
+    mHash.add(mBlock);
     for (std::ostream* out : mOuts) {
         out->write(mBlock.data(), static_cast<std::streamsize>(mBlock.size()));
     }
@@ -79,7 +86,7 @@ int64_t EventLog::lines() const {
 
 std::string EventLog::hash() const {
     const std::lock_guard<std::mutex> guard(mLock);
-    return fmt::format("{:016x}", mHash);
+    return mHash.text();
 }
 
 }  // namespace korvane::player

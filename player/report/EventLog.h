@@ -11,12 +11,24 @@
 #include <iosfwd>
 #include <mutex>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "include/ThreadAnnotations.h"
 #include "player/playback/Event.h"
 
 namespace korvane::player {
+
+/// Over the lines of a log.
+class EventHash {
+public:
+    void add(std::string_view lines);
+    /// 64 bits, as 16 digits.
+    std::string text() const;
+
+private:
+    uint64_t mHash = 0xcbf29ce484222325;  ///< FNV-1a's offset basis
+};
 
 class EventLog {
 public:
@@ -45,7 +57,7 @@ private:
     const std::vector<std::ostream*> mOuts KORVANE_GUARDED_BY(mLock);
     int64_t mStartNs KORVANE_GUARDED_BY(mLock) = 0;
     int64_t mLines KORVANE_GUARDED_BY(mLock) = 0;
-    uint64_t mHash KORVANE_GUARDED_BY(mLock);
+    EventHash mHash KORVANE_GUARDED_BY(mLock);
 };
 
 }  // namespace korvane::player

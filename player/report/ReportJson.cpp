@@ -7,6 +7,7 @@
 #include <ostream>
 #include <string>
 
+#include "player/base/Text.h"
 #include "player/report/Report.h"
 
 namespace korvane::player {
@@ -54,6 +55,10 @@ void addOrigin(Json* json, const Origin& origin) {
     to["virtual_time"] = origin.virtualTime;
     to["seed"] = origin.seed;
     to["event_hash"] = origin.eventHash;
+    if (!origin.library.empty()) {
+        to["library"] = printable(origin.library);
+        to["library_hash"] = origin.libraryHash;
+    }
 }
 
 void addPlayback(Json* json, const PlaybackRecord& record, const Summary& summary) {
