@@ -308,6 +308,8 @@ void addOutputOptions(CLI::App* app, PlayOptions* options) {
     add(app, "--strip-at", kStripTarget,
         "The moment: break, the first unexpected dwell; frame:N; or a time since start [break]",
         &options->stripAt);
+    addFlag(app, "--live", &options->live,
+            "On a terminal, show dwells, pattern, offset, buffers and drops while playing");
     addFlag(app, "-q,--quiet", &options->quiet,
             "Print no progress, and only the verdict of the report");
 }

@@ -28,6 +28,7 @@
 #include "player/report/TraceRecorder.h"
 #include "player/scenario/Expectation.h"
 #include "player/scenario/LogWatch.h"
+#include "player/screen/LiveView.h"
 #include "tv/Log.h"
 #include "tv/Properties.h"
 #include "tv/Trace.h"
@@ -164,8 +165,11 @@ struct Listeners {
           report(media.frameRateHz, plan, frames.get()),
           events(outputs->events.wanted() ? &outputs->events.stream() : nullptr),
           recorder(&events),
-          progress(!options.quiet) {
+          progress(!options.quiet, options.live ? &live : nullptr) {
         hooks.listeners = {&report, &recorder};
+        if (options.live) {
+            hooks.screens.push_back(&live);
+        }
         if (frames) {
             hooks.listeners.push_back(frames.get());
         }
@@ -196,6 +200,7 @@ struct Listeners {
     EventRecorder recorder;
     std::optional<TraceRecorder> trace;
     std::optional<LogWatch> watch;  ///< counts the lines that --expect names
+    LiveView live;
     Progress progress;
     PlaybackHooks hooks;
 };
@@ -282,7 +287,7 @@ int playFile(const PlayOptions& options) {
     std::optional<LogSums> sums(!options.logMask);
     outputs.screen.begin(video.info(), clock != nullptr, listeners.report, &listeners.hooks);
     const PlaybackRecord record = play(plan, video, std::move(audio), listeners.hooks);
-    clearProgress();
+    listeners.progress.end();
     sums.reset();
     const Summary summary = listeners.report.finish(record);
     if (listeners.trace) {

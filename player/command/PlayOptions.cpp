@@ -22,6 +22,7 @@ std::vector<std::string> withoutEffect(const PlayOptions& options, const MediaIn
     note(options.recordBar && options.recordFile.empty(), "--record-bar", noRecord);
     note(options.recordSize && options.recordFile.empty(), "--record-size", noRecord);
     note(options.stripAt && options.stripFile.empty(), "--strip-at", "--strip is not given");
+    note(options.live && options.quiet, "--live", "--quiet is given");
     const bool silent = options.noAudio || !media.hasAudio;
     const std::string whySilent = options.noAudio ? "--no-audio is given" : "the film has no audio";
     note(silent && options.audioDelayUs != usual.audioDelayUs, "--audio-delay", whySilent);

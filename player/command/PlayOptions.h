@@ -60,6 +60,7 @@ struct PlayOptions {
     std::optional<PictureSize> recordSize;  ///< empty: the content's
     std::string stripFile;
     std::optional<StripTarget> stripAt;
+    bool live = false;
     bool quiet = false;
 
     std::optional<bool> virtualClock;  ///< empty: virtual where this build has it

@@ -123,6 +123,7 @@ void FrameLedger::returned(const ReturnedBuffer& buffer) {
         entry.flushedByPlayer = buffer.insideFlush;
         entry.dropReason = buffer.dropReason;
         entry.dropEvidence = buffer.dropEvidence;
+        mDropped += outcomeOf(entry) == Outcome::Dropped ? 1 : 0;
     }
 }
 
@@ -157,6 +158,11 @@ int64_t FrameLedger::frames() const {
 int64_t FrameLedger::inLibrary() const {
     const std::lock_guard<std::mutex> guard(mLock);
     return mFirst + static_cast<int64_t>(mEntries.size()) - mLeft;
+}
+
+int64_t FrameLedger::dropped() const {
+    const std::lock_guard<std::mutex> guard(mLock);
+    return mDropped;
 }
 
 std::optional<int64_t> FrameLedger::nextUs() const {

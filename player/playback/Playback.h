@@ -58,6 +58,13 @@ struct PlaybackProgress {
     int64_t endUs = -1;  ///< -1: unknown
     int64_t frames = 0;  ///< sent
     std::string note;    ///< what playback waits for; empty while it runs
+    /// Who holds how many buffers. A frame between two holders may count with neither.
+    struct Buffers {
+        int64_t library = 0;
+        int64_t tunnel = 0;  ///< on screen, too
+        int64_t player = 0;
+    } buffers = {};
+    int64_t dropped = 0;  ///< returned by the library without being shown
 };
 
 /// What the caller of a playback may hook into it. All are optional; an exception from any of them

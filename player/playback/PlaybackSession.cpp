@@ -372,6 +372,8 @@ void PlaybackSession::showProgress(int64_t nowNs) {
     if (mAudio && audio != tv::AudioState::Playing && audio != tv::AudioState::Ended) {
         progress.note = std::string("audio: ") + tv::toString(audio);
     }
+    progress.buffers = {mLedger.inLibrary(), mTv->tunnel().heldBuffers(mTunnelId), mPool.free()};
+    progress.dropped = mLedger.dropped();
     mHooks.onProgress(progress, nowNs);
 }
 
