@@ -251,7 +251,8 @@ int statusOf(const PlayOptions& options, const PlaybackRecord& record, const Sum
         return 128 + interruptingSignal();
     }
     const bool complete = record.end == EndCause::Complete;
-    if (!complete && !(options.expect && options.expect->end == record.end)) {
+    const bool quit = options.window && record.end == EndCause::Stopped;
+    if (!complete && !quit && !(options.expect && options.expect->end == record.end)) {
         return kExitCutShort;
     }
     const bool blank = complete && summary.count(Outcome::Shown) == 0;
@@ -269,7 +270,7 @@ int playFile(const PlayOptions& options) {
     const auto clock = startClock(options);
     MediaRequest request = requestOf(options);
     request.interrupted = interrupted;
-    if (!options.recordFile.empty()) {
+    if (!options.recordFile.empty() || options.window) {
         request.sound = std::make_shared<SoundStore>();
     }
     VideoReader video(request);

@@ -61,6 +61,7 @@ struct PlayOptions {
     std::string stripFile;
     std::optional<StripTarget> stripAt;
     bool live = false;
+    bool window = false;
     bool quiet = false;
 
     std::optional<bool> virtualClock;  ///< empty: virtual where this build has it

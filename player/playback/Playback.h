@@ -32,6 +32,7 @@
 #include "player/playback/FrameLedger.h"
 #include "player/playback/PlaybackPlan.h"
 #include "player/playback/PlaybackRecord.h"
+#include "player/playback/Remote.h"
 #include "player/playback/ScreenFeed.h"
 #include "tv/Log.h"
 
@@ -78,6 +79,8 @@ struct PlaybackHooks {
     std::function<void(const PlaybackProgress&, int64_t nowNs)> onProgress;
     /// Called often on the player's thread: whether to end now; must be quick.
     std::function<bool()> interrupted;
+    /// What a viewer asks for; null: nobody does.
+    Remote* remote = nullptr;
 };
 
 /// Plays what the sources hold. `audio` is null when the plan has none.

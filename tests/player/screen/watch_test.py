@@ -1,12 +1,14 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: Apache-2.0
 """watch_test.py KORVANE-TV CLIPS: what --live draws on a terminal, read off it and compared with the
-report of the same playback."""
+report of the same playback; and --window on a display of the test's own, its keys pressed, its sound and
+pictures thrown away."""
 import fcntl
 import json
 import os
 import pty
 import re
+import shutil
 import signal
 import struct
 import subprocess
@@ -114,6 +116,59 @@ class Live(unittest.TestCase):
         self.assertEqual(rows[-1], "")
         redraws = written.count("dwell")
         self.assertTrue(5 <= redraws <= 45, f"{redraws} redraws")
+
+
+class Window(unittest.TestCase):
+    """Keys as a viewer presses them, and what the event log says that they did."""
+
+    def run_window(self, clip, keys, environment, *options):
+        with tempfile.TemporaryDirectory() as folder:
+            paths = [os.path.join(folder, name) for name in ("events", "summary")]
+            process = subprocess.Popen(
+                [KORVANE_TV, "play", clip, "--window", "-q", "--events", paths[0], "--json", paths[1],
+                 *options], stdout=subprocess.PIPE, stderr=subprocess.PIPE, env=environment, text=True)
+            for key, wait in keys:
+                time.sleep(wait)
+                subprocess.run(["xdotool", "search", "--sync", "--onlyvisible", "--name", "korvane-tv",
+                                "key", key], env=environment, check=True, timeout=20)
+            error = process.communicate(timeout=60)[1]
+            with open(paths[0], encoding="utf-8") as events, open(paths[1], encoding="utf-8") as summary:
+                lines = [line.split(maxsplit=2) for line in events if not line.startswith("#")]
+                return lines, json.load(summary), error, process.returncode
+
+    @unittest.skipUnless(shutil.which("Xvfb") and shutil.which("xdotool"), "no xvfb or no xdotool")
+    def test_keys_and_a_machine_without_sound(self):
+        number, line = os.pipe()
+        with subprocess.Popen(["Xvfb", "-displayfd", str(line), "-screen", "0", "640x480x24"],
+                              pass_fds=[line], stderr=subprocess.DEVNULL) as display:
+            name = ":" + os.read(number, 16).decode().strip()
+            environment = {**os.environ, "DISPLAY": name, "SDL_AUDIODRIVER": "dummy"}
+            try:
+                keys = (("i", 1), ("space", 1), ("period", 1), ("space", 1), ("Right", 1), ("q", 1))
+                lines, summary, error, status = self.run_window(
+                    f"{CLIPS}/late-pictures.mkv", keys, environment)
+                if "this build shows none" in error:
+                    self.skipTest("built without SDL's headers")
+                environment["SDL_AUDIODRIVER"] = "none"
+                _, _, no_sound, silent_status = self.run_window(f"{CLIPS}/24.mp4", (), environment)
+            finally:
+                display.terminate()
+        self.assertRegex(no_sound, r"^korvane-tv: --window: no audio device \(.*\); the window is silent\n$")
+        self.assertEqual((status, silent_status, error), (0, 0, ""))
+        self.assertEqual(summary["end"], "stopped")
+        did = [event for _, event, *_ in lines if event in ("pause", "resume", "seek", "stop")]
+        self.assertEqual(did, ["pause", "resume", "pause", "resume", "seek", "stop"])
+
+    def test_goes_on_without_a_display(self):
+        environment = {key: value for key, value in os.environ.items()
+                       if key not in ("DISPLAY", "WAYLAND_DISPLAY")}
+        _, summary, error, status = self.run_window(f"{CLIPS}/24.mp4", (), environment)
+        self.assertRegex(error, r"^korvane-tv: --window: .*; playing without a window\n$")
+        self.assertEqual((status, summary["end"], summary["frames_in"]), (1, "complete", 72))
+
+    def test_takes_no_virtual_clock(self):
+        _, output, status = play([f"{CLIPS}/24.mp4", "--window", "--clock", "virtual"])
+        self.assertEqual((output, status), ("", 2))
 
 
 if __name__ == "__main__":
