@@ -49,6 +49,7 @@ TerminalSize terminalSize() {
 
 /// A terminal that lines can be redrawn on.
 bool standardErrorRedraws() {
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): nothing changes the environment.
     const char* kind = std::getenv("TERM");
     return isatty(STDERR_FILENO) == 1 && (kind == nullptr || std::string_view(kind) != "dumb");
 }

@@ -10,22 +10,55 @@
 namespace korvane::player {
 namespace {
 
+class Library {
+public:
+    explicit Library(const char* name) : mName(name), mHandle(dlopen(name, RTLD_NOW | RTLD_LOCAL)) {
+        if (mHandle == nullptr) {
+            throw std::runtime_error(mName + " is missing; install libsdl2-2.0-0");
+        }
+    }
+
+    template <typename Function>
+    void bind(Function* function, const char* name) const {
+        *function = reinterpret_cast<Function>(dlsym(mHandle, name));
+        if (*function == nullptr) {
+            throw std::runtime_error(mName + " has no " + name + "; install a newer one");
+        }
+    }
+
+private:
+    const std::string mName;
+    void* const mHandle;  ///< until the process ends
+};
+
 Sdl bindSdl() {
-    constexpr char kName[] = "libSDL2-2.0.so.0";
-    void* library = dlopen(kName, RTLD_NOW | RTLD_LOCAL);
-    if (library == nullptr) {
-        throw std::runtime_error(std::string(kName) + " is missing; install libsdl2-2.0-0");
-    }
+    const Library library("libSDL2-2.0.so.0");
     Sdl sdl;
-    bool whole = true;
-#define KORVANE_SDL_BIND(name)                                                          \
-    sdl.name = reinterpret_cast<decltype(&::SDL_##name)>(dlsym(library, "SDL_" #name)); \
-    whole = whole && sdl.name != nullptr;
-    KORVANE_SDL_FUNCTIONS(KORVANE_SDL_BIND)
-#undef KORVANE_SDL_BIND
-    if (!whole) {
-        throw std::runtime_error(std::string(kName) + " is older than SDL 2.0.8");
-    }
+    library.bind(&sdl.SetHint, "SDL_SetHint");
+    library.bind(&sdl.Init, "SDL_Init");
+    library.bind(&sdl.InitSubSystem, "SDL_InitSubSystem");
+    library.bind(&sdl.Quit, "SDL_Quit");
+    library.bind(&sdl.GetError, "SDL_GetError");
+    library.bind(&sdl.GetCurrentVideoDriver, "SDL_GetCurrentVideoDriver");
+    library.bind(&sdl.CreateWindow, "SDL_CreateWindow");
+    library.bind(&sdl.DestroyWindow, "SDL_DestroyWindow");
+    library.bind(&sdl.CreateRenderer, "SDL_CreateRenderer");
+    library.bind(&sdl.DestroyRenderer, "SDL_DestroyRenderer");
+    library.bind(&sdl.RenderSetLogicalSize, "SDL_RenderSetLogicalSize");
+    library.bind(&sdl.CreateTexture, "SDL_CreateTexture");
+    library.bind(&sdl.DestroyTexture, "SDL_DestroyTexture");
+    library.bind(&sdl.UpdateYUVTexture, "SDL_UpdateYUVTexture");
+    library.bind(&sdl.SetYUVConversionMode, "SDL_SetYUVConversionMode");
+    library.bind(&sdl.RenderClear, "SDL_RenderClear");
+    library.bind(&sdl.RenderCopy, "SDL_RenderCopy");
+    library.bind(&sdl.RenderPresent, "SDL_RenderPresent");
+    library.bind(&sdl.PollEvent, "SDL_PollEvent");
+    library.bind(&sdl.OpenAudioDevice, "SDL_OpenAudioDevice");
+    library.bind(&sdl.CloseAudioDevice, "SDL_CloseAudioDevice");
+    library.bind(&sdl.PauseAudioDevice, "SDL_PauseAudioDevice");
+    library.bind(&sdl.QueueAudio, "SDL_QueueAudio");
+    library.bind(&sdl.GetQueuedAudioSize, "SDL_GetQueuedAudioSize");
+    library.bind(&sdl.ClearQueuedAudio, "SDL_ClearQueuedAudio");
     return sdl;
 }
 

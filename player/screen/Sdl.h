@@ -6,24 +6,35 @@
 
 #include <SDL2/SDL.h>
 
-#include <memory>
-
 namespace korvane::player {
 
 /// Named as SDL names them, without its prefix.
 struct Sdl {
-#define KORVANE_SDL_FUNCTIONS(F)                                                                   \
-    F(SetHint)                                                                                     \
-    F(Init)                                                                                        \
-    F(InitSubSystem)                                                                               \
-    F(Quit) F(GetError) F(GetCurrentVideoDriver) F(CreateWindow) F(DestroyWindow)                  \
-        F(CreateRenderer) F(DestroyRenderer) F(RenderSetLogicalSize) F(CreateTexture)              \
-            F(DestroyTexture) F(UpdateYUVTexture) F(SetYUVConversionMode) F(RenderClear)           \
-                F(RenderCopy) F(RenderPresent) F(PollEvent) F(OpenAudioDevice) F(CloseAudioDevice) \
-                    F(PauseAudioDevice) F(QueueAudio) F(GetQueuedAudioSize) F(ClearQueuedAudio)
-#define KORVANE_SDL_POINTER(name) decltype(&::SDL_##name) name = nullptr;
-    KORVANE_SDL_FUNCTIONS(KORVANE_SDL_POINTER)
-#undef KORVANE_SDL_POINTER
+    decltype(&::SDL_SetHint) SetHint = nullptr;
+    decltype(&::SDL_Init) Init = nullptr;
+    decltype(&::SDL_InitSubSystem) InitSubSystem = nullptr;
+    decltype(&::SDL_Quit) Quit = nullptr;
+    decltype(&::SDL_GetError) GetError = nullptr;
+    decltype(&::SDL_GetCurrentVideoDriver) GetCurrentVideoDriver = nullptr;
+    decltype(&::SDL_CreateWindow) CreateWindow = nullptr;
+    decltype(&::SDL_DestroyWindow) DestroyWindow = nullptr;
+    decltype(&::SDL_CreateRenderer) CreateRenderer = nullptr;
+    decltype(&::SDL_DestroyRenderer) DestroyRenderer = nullptr;
+    decltype(&::SDL_RenderSetLogicalSize) RenderSetLogicalSize = nullptr;
+    decltype(&::SDL_CreateTexture) CreateTexture = nullptr;
+    decltype(&::SDL_DestroyTexture) DestroyTexture = nullptr;
+    decltype(&::SDL_UpdateYUVTexture) UpdateYUVTexture = nullptr;
+    decltype(&::SDL_SetYUVConversionMode) SetYUVConversionMode = nullptr;
+    decltype(&::SDL_RenderClear) RenderClear = nullptr;
+    decltype(&::SDL_RenderCopy) RenderCopy = nullptr;
+    decltype(&::SDL_RenderPresent) RenderPresent = nullptr;
+    decltype(&::SDL_PollEvent) PollEvent = nullptr;
+    decltype(&::SDL_OpenAudioDevice) OpenAudioDevice = nullptr;
+    decltype(&::SDL_CloseAudioDevice) CloseAudioDevice = nullptr;
+    decltype(&::SDL_PauseAudioDevice) PauseAudioDevice = nullptr;
+    decltype(&::SDL_QueueAudio) QueueAudio = nullptr;
+    decltype(&::SDL_GetQueuedAudioSize) GetQueuedAudioSize = nullptr;
+    decltype(&::SDL_ClearQueuedAudio) ClearQueuedAudio = nullptr;
 };
 
 /// Loads it, once per process.
