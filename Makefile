@@ -6,6 +6,7 @@
 #   make test                                         run the tests
 #   make check                                        rules of the tree, formatting, clang-tidy, sanitizers
 #   make bench                                        benchmarks of the per-frame paths
+#   make window                                       korvane-tv with --window, and its tests
 #   make aarch64                                      the tests on AArch64, under an emulator
 #   make libcxx                                       the tests with the device's C++ library, by clang
 #   make soong                                        Android.bp against what CMake builds
@@ -21,7 +22,7 @@ install := @scripts/install-deps.sh
 
 .PHONY: all build play build-tests test check licences rooms format-check tidy sanitize-asan \
     sanitize-tsan aarch64 build-aarch64 libcxx soong page abi abi-reason abi-accept package bench format \
-    clean
+    clean window
 # Each command uses all processors by itself.
 .NOTPARALLEL:
 
@@ -95,6 +96,13 @@ page:
 	cmake --preset release
 	cmake --build --preset release -j $(JOBS) --target korvane-tv
 	ctest --preset release -R '^player_(clips|page_test)$$' --no-tests=error $(TEST_ARGS)
+
+# A build that was made before the headers were there finds them now.
+window: build
+	$(install) test window
+	cmake --preset release
+	cmake --build --preset release -j $(JOBS) --target korvane-tv
+	ctest --preset release -R '^player_watch_test$$' --no-tests=error $(TEST_ARGS)
 
 libcxx: build
 	$(install) test libcxx

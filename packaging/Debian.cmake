@@ -40,6 +40,8 @@ it showed. With an example that does both.")
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME ${tools_package})
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION video)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "${same_version}")
+# For --window, which opens it by name.
+set(CPACK_DEBIAN_TOOLS_PACKAGE_SUGGESTS libsdl2-2.0-0)
 set(CPACK_DEBIAN_TOOLS_DESCRIPTION "plays media through the tunnel renderer onto a simulated TV
 Shows a stream's cadence, drops and lip-sync frame by frame, from what the
 display had on screen at each vsync, and the same failure again at will.

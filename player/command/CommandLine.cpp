@@ -327,6 +327,11 @@ void addOutputOptions(CLI::App* app, PlayOptions* options) {
     add(app, "--report", kOutputFolder,
         "Write report.html, a page with charts to look at, and events.txt into this folder",
         &options->reportFolder);
+    addFlag(app, "--live", &options->live,
+            "On a terminal, show dwells, pattern, offset, buffers and drops while playing");
+    addFlag(app, "--window", &options->window,
+            "Show the TV's screen in a window, in real time, with sound; space pauses, arrows "
+            "seek, . steps a vsync, i shows the live figures, q quits");
     addFlag(app, "-q,--quiet", &options->quiet,
             "Print no progress, and only the verdict of the report");
 }
@@ -514,6 +519,16 @@ std::optional<Expectations> readExpectations(const Words& expectations) {
     }
 }
 
+/// A window shows the screen as it is seen.
+void playInRealTimeFor(PlayOptions* options) {
+    if (options->window && options->virtualClock.value_or(false)) {
+        throw UsageError("--window plays in real time; leave --clock virtual out");
+    }
+    if (options->window) {
+        options->virtualClock = false;
+    }
+}
+
 void sortByTime(PlayOptions* options) {
     const auto byTime = [](const auto& left, const auto& right) { return left.atUs < right.atUs; };
     std::stable_sort(options->seeks.begin(), options->seeks.end(), byTime);
@@ -557,6 +572,7 @@ CommandLine parseCommandLine(int argc, const char* const* argv, const std::strin
                        return command.first->parsed();
                    })->second;
     line.play.expect = readExpectations(expectations);
+    playInRealTimeFor(&line.play);
     sortByTime(&line.play);
     line.play.repeat = repeatLine(words, line.play.seed);
     return line;

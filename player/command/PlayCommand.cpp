@@ -34,6 +34,7 @@
 #include "player/report/TraceRecorder.h"
 #include "player/scenario/Expectation.h"
 #include "player/scenario/LogWatch.h"
+#include "player/screen/LiveView.h"
 #include "tv/Log.h"
 #include "tv/Properties.h"
 #include "tv/Trace.h"
@@ -197,8 +198,11 @@ struct Listeners {
           report(media.frameRateHz, plan, wanted<CadenceListener>()),
           events(outputs->eventStreams()),
           recorder(&events),
-          progress(!options.quiet) {
+          progress(!options.quiet, options.live ? &live : nullptr) {
         hooks.listeners = {&report, &recorder};
+        if (options.live) {
+            hooks.screens.push_back(&live);
+        }
         for (auto* listener : wanted<PlaybackListener>()) {
             hooks.listeners.push_back(listener);
         }
@@ -247,6 +251,7 @@ struct Listeners {
     EventRecorder recorder;
     std::optional<TraceRecorder> trace;
     std::optional<LogWatch> watch;  ///< counts the lines that --expect names
+    LiveView live;
     Progress progress;
     PlaybackHooks hooks;
 };
@@ -306,7 +311,8 @@ int statusOf(const PlayOptions& options, const PlaybackRecord& record, const Sum
         return 128 + interruptingSignal();
     }
     const bool complete = record.end == EndCause::Complete;
-    if (!complete && !(options.expect && options.expect->end == record.end)) {
+    const bool quit = options.window && record.end == EndCause::Stopped;
+    if (!complete && !quit && !(options.expect && options.expect->end == record.end)) {
         return kExitCutShort;
     }
     const bool blank = complete && summary.count(Outcome::Shown) == 0;
@@ -324,7 +330,7 @@ int playFile(const PlayOptions& options) {
     const auto clock = startClock(options);
     MediaRequest request = requestOf(options);
     request.interrupted = interrupted;
-    if (!options.recordFile.empty()) {
+    if (!options.recordFile.empty() || options.window) {
         request.sound = std::make_shared<SoundStore>();
     }
     if (!options.reportFolder.empty() && !pageLacks().empty()) {
@@ -353,7 +359,7 @@ int playFile(const PlayOptions& options) {
     std::optional<LogSums> sums(!options.logMask);
     outputs.screen.begin(video.info(), clock != nullptr, listeners.report, &listeners.hooks);
     const PlaybackRecord record = play(plan, video, std::move(audio), listeners.hooks);
-    clearProgress();
+    listeners.progress.end();
     sums.reset();
     const Summary summary = listeners.report.finish(record);
     if (listeners.trace) {

@@ -22,11 +22,14 @@ std::vector<std::string> withoutEffect(const PlayOptions& options, const MediaIn
     note(options.recordBar && options.recordFile.empty(), "--record-bar", noRecord);
     note(options.recordSize && options.recordFile.empty(), "--record-size", noRecord);
     note(options.stripAt && options.stripFile.empty(), "--strip-at", "--strip is not given");
+    note(options.live && options.quiet, "--live", "--quiet is given");
     const bool silent = options.noAudio || !media.hasAudio;
     const std::string whySilent = options.noAudio ? "--no-audio is given" : "the film has no audio";
     note(silent && options.audioDelayUs != usual.audioDelayUs, "--audio-delay", whySilent);
     note(silent && options.audioDriftPpm != usual.audioDriftPpm, "--audio-drift", whySilent);
     note(silent && !options.underflows.empty(), "--audio-underflow", whySilent);
+    note(options.window && silent, "pausing in the window",
+         whySilent + ", and the library pauses with audio");
     const auto noteBeyond = [&](const char* option, int64_t atUs) {
         note(media.durationUs > 0 && atUs >= media.durationUs,
              std::string(option) + " " + seconds(atUs),

@@ -64,6 +64,8 @@ struct PlayOptions {
     std::optional<StripTarget> stripAt;
     std::string ledgerFile;
     std::string reportFolder;
+    bool live = false;
+    bool window = false;
     bool quiet = false;
 
     std::optional<bool> virtualClock;  ///< empty: virtual where this build has it

@@ -2,11 +2,15 @@
 #include "player/command/Progress.h"
 
 #include <sys/ioctl.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <string_view>
 
 #include "player/base/Units.h"
 #include "tv/clock/VirtualTime.h"
@@ -24,13 +28,42 @@ constexpr size_t kShortestBar = 5;
 /// Of a terminal that does not report its size.
 constexpr size_t kUsualColumns = 80;
 
-/// Process-wide, as standard error is; any thread may clear the bar.
-std::atomic<bool> gBarOnScreen{false};
+constexpr size_t kUsualRows = 24;
+/// Of the machine's time, whichever clock plays.
+constexpr int64_t kLiveIntervalNs = 50'000'000;
 
-size_t terminalColumns() {
+/// Process-wide, as standard error is; any thread may clear what is drawn.
+std::atomic<int> gRowsOnScreen{0};
+
+struct TerminalSize {
+    size_t rows = kUsualRows;
+    size_t columns = kUsualColumns;
+};
+
+TerminalSize terminalSize() {
     winsize size{};
-    const bool known = ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0;
-    return known ? size.ws_col : kUsualColumns;
+    const bool known =
+        ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0 && size.ws_row > 0;
+    return known ? TerminalSize{size.ws_row, size.ws_col} : TerminalSize{};
+}
+
+/// A terminal that lines can be redrawn on.
+bool standardErrorRedraws() {
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): nothing changes the environment.
+    const char* kind = std::getenv("TERM");
+    return isatty(STDERR_FILENO) == 1 && (kind == nullptr || std::string_view(kind) != "dumb");
+}
+
+/// The machine's monotonic time, in virtual time too.
+int64_t machineNs() {
+    timespec time{};
+    syscall(SYS_clock_gettime, CLOCK_MONOTONIC, &time);
+    return time.tv_sec * 1'000'000'000 + time.tv_nsec;
+}
+
+/// To the beginning of what was drawn last.
+std::string toFirstRow(int rows) {
+    return rows > 1 ? "\r\033[" + std::to_string(rows - 1) + "A" : "\r";
 }
 
 std::string describe(const PlaybackProgress& state) {
@@ -71,20 +104,31 @@ std::string progressLine(const PlaybackProgress& state, size_t columns) {
 }
 
 void clearProgress() {
-    if (gBarOnScreen.exchange(false)) {
-        std::fputs("\r\033[K", stderr);
+    if (const int rows = gRowsOnScreen.exchange(0); rows > 0) {
+        std::fputs((toFirstRow(rows) + (rows > 1 ? "\033[J" : "\033[K")).c_str(), stderr);
     }
 }
 
-Progress::Progress(bool enabled)
-    : mEnabled(enabled), mTerminal(enabled && isatty(STDERR_FILENO) == 1) {}
+Progress::Progress(bool enabled, const LiveView* live)
+    : mEnabled(enabled),
+      mTerminal(enabled && standardErrorRedraws()),
+      mLive(mTerminal ? live : nullptr) {}
 
 Progress::~Progress() {
     clearProgress();
 }
 
 void Progress::update(const PlaybackProgress& state, int64_t nowNs) {
+    if (mLive != nullptr) {
+        mState = state;
+        nowNs = machineNs();
+    }
     if (!mEnabled || nowNs < mNextNs) {
+        return;
+    }
+    if (mLive != nullptr) {
+        mNextNs = nowNs + kLiveIntervalNs;
+        drawLive();
         return;
     }
     const bool first = mNextNs == 0;
@@ -98,8 +142,32 @@ void Progress::update(const PlaybackProgress& state, int64_t nowNs) {
         return;
     }
     // To the start of the line; clear the rest of an earlier, longer text.
-    std::fprintf(stderr, "\r%s\033[K", progressLine(state, terminalColumns()).c_str());
-    gBarOnScreen = true;
+    std::fprintf(stderr, "\r%s\033[K", progressLine(state, terminalSize().columns).c_str());
+    gRowsOnScreen = 1;
+}
+
+/// In one write, over what was there before, so that nothing flickers. The cursor is left as it
+/// is: a kill at any moment leaves a terminal in order.
+void Progress::drawLive() const {
+    const TerminalSize size = terminalSize();
+    auto lines = liveLines(mLive->figures(), mState, size.columns);
+    lines.push_back(progressLine(mState, size.columns));
+    lines.resize(std::min(lines.size(), size.rows));
+    std::string text = toFirstRow(gRowsOnScreen);
+    for (size_t i = 0; i < lines.size(); ++i) {
+        text += (i > 0 ? "\r\n" : "") + lines[i] + "\033[K";
+    }
+    std::fputs((text + "\033[J").c_str(), stderr);
+    gRowsOnScreen = static_cast<int>(lines.size());
+}
+
+void Progress::end() {
+    if (mLive != nullptr) {
+        drawLive();
+        std::fputs("\r\n", stderr);
+        gRowsOnScreen = 0;
+    }
+    clearProgress();
 }
 
 }  // namespace korvane::player

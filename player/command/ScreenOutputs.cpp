@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "player/base/Errors.h"
+#include "player/base/Text.h"
 #include "player/base/Units.h"
 #include "player/command/Message.h"
 
@@ -79,6 +80,32 @@ void ScreenOutputs::begin(const MediaInfo& media, bool virtualTime, const Report
         screens = {&mQueue.emplace(screens)};
     }
     hooks->screens.insert(hooks->screens.end(), screens.begin(), screens.end());
+    if (mOptions.window) {
+        openWindow(media, hooks);
+    }
+}
+
+/// Without a display the rest goes on.
+void ScreenOutputs::openWindow(const MediaInfo& media, PlaybackHooks* hooks) {
+    const bool withSound = media.hasAudio && !mOptions.noAudio;
+    try {
+        mWindow.emplace(WindowSpec{"korvane-tv: " + printable(mOptions.file), media.width,
+                                   media.height, withSound ? mSound : nullptr},
+                        &mRemote);
+    } catch (const std::runtime_error& error) {
+        say(fmt::format("--window: {}; playing without a window", error.what()));
+        return;
+    }
+    if (const std::string failure = mWindow->soundFailure(); !failure.empty()) {
+        say(fmt::format("--window: no audio device ({}); the window is silent", failure));
+    }
+    hooks->screens.push_back(&*mWindow);
+    hooks->remote = &mRemote;
+    hooks->onProgress = [this, others = hooks->onProgress](const PlaybackProgress& state,
+                                                           int64_t nowNs) {
+        mWindow->update(state);
+        others(state, nowNs);
+    };
 }
 
 Recording* ScreenOutputs::beginRecording(const MediaInfo& media, bool virtualTime) {
@@ -99,7 +126,8 @@ void ScreenOutputs::onFrame(const FrameEntry& /*frame*/, const PlaybackRecord& /
 
 bool ScreenOutputs::finish(const Summary& summary) {
     const bool recorded = finishRecording();
-    return finishStrip(summary) && recorded;
+    const bool shown = !mOptions.window || mWindow;
+    return finishStrip(summary) && recorded && shown;
 }
 
 bool ScreenOutputs::finishRecording() {

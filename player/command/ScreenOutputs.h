@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The files of --record and --strip, from the check of their names to their end.
+// The files of --record and --strip, from the check of their names to their end, and the window.
 #pragma once
 
 #include <memory>
@@ -14,6 +14,7 @@
 #include "player/screen/Recording.h"
 #include "player/screen/ScreenQueue.h"
 #include "player/screen/Strip.h"
+#include "player/screen/Window.h"
 
 namespace korvane::player {
 
@@ -36,6 +37,7 @@ public:
     bool finish(const Summary& summary);
 
 private:
+    void openWindow(const MediaInfo& media, PlaybackHooks* hooks);
     Recording* beginRecording(const MediaInfo& media, bool virtualTime);
     bool finishRecording();
     bool finishStrip(const Summary& summary);
@@ -48,6 +50,8 @@ private:
     const ReportBuilder* mReport = nullptr;
     std::optional<Recording> mRecording;
     std::optional<Strip> mStrip;
+    Remote mRemote;
+    std::optional<Window> mWindow;
     std::optional<ScreenQueue> mQueue;  ///< in real time; ends before the two
 };
 

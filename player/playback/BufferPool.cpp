@@ -172,6 +172,11 @@ void BufferPool::takeBackAll() {
     }
 }
 
+int64_t BufferPool::free() const {
+    const std::lock_guard<std::mutex> guard(mLock);
+    return static_cast<int64_t>(mFree.size());
+}
+
 PoolReport BufferPool::report() const {
     const std::lock_guard<std::mutex> guard(mLock);
     return mReport;

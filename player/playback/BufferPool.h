@@ -79,6 +79,8 @@ public:
     /// Takes back every buffer that is still out. Call once the library has stopped.
     void takeBackAll();
 
+    /// Buffers that the player may write now.
+    int64_t free() const;
     PoolReport report() const;
 
 private:

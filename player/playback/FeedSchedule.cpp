@@ -75,7 +75,7 @@ bool FeedSchedule::ends(const FeedState& state, EndCause* cause) {
     if (mStartNs == 0) {
         return false;
     }
-    if (mPlan.stopAtUs && state.nowNs >= atPlaybackTime(*mPlan.stopAtUs)) {
+    if (state.quit || (mPlan.stopAtUs && state.nowNs >= atPlaybackTime(*mPlan.stopAtUs))) {
         *cause = EndCause::Stopped;
         return true;
     }

@@ -3,7 +3,7 @@
 // gathers. No clock is read and nothing waits here.
 //
 //   checked in this order                                            step
-//   interrupted, stop time reached, or stalled                       End
+//   interrupted, quit, stop time reached, or stalled                 End
 //   the next seek or flush is due                                    Seek
 //   the restart is due                                               Restart
 //   pictures are left in the source:
@@ -41,6 +41,7 @@ namespace korvane::player {
 struct FeedState {
     int64_t nowNs = 0;
     bool interrupted = false;
+    bool quit = false;  ///< the viewer has had enough
     bool sourceEnded = false;
     bool havePicture = false;    ///< decoded and not yet sent
     int64_t pictureUs = 0;       ///< its media time

@@ -124,6 +124,7 @@ void FrameLedger::returned(const ReturnedBuffer& buffer) {
         entry.dropReason = buffer.dropReason;
         entry.dropEvidence = buffer.dropEvidence;
         entry.dropLateUs = buffer.dropLateUs;
+        mDropped += outcomeOf(entry) == Outcome::Dropped ? 1 : 0;
     }
 }
 
@@ -158,6 +159,11 @@ int64_t FrameLedger::frames() const {
 int64_t FrameLedger::inLibrary() const {
     const std::lock_guard<std::mutex> guard(mLock);
     return mFirst + static_cast<int64_t>(mEntries.size()) - mLeft;
+}
+
+int64_t FrameLedger::dropped() const {
+    const std::lock_guard<std::mutex> guard(mLock);
+    return mDropped;
 }
 
 std::optional<int64_t> FrameLedger::nextUs() const {

@@ -124,7 +124,9 @@ public:
     std::optional<int64_t> clockRealUs(int64_t frameNo) const;
     /// Frames that have neither come back nor reached their render time.
     int64_t inLibrary() const;
-    /// Media time of the oldest of them; empty: there is none.
+    /// Frames that the library returned without showing them, outside the player's flushes.
+    int64_t dropped() const;
+    /// Media time of the oldest frame in the library; empty: there is none.
     std::optional<int64_t> nextUs() const;
     /// Media time of the frame whose render time came last; -1 before the first.
     int64_t positionUs() const;
@@ -163,6 +165,7 @@ private:
     std::map<int64_t, int64_t> mFrameByMediaTime KORVANE_GUARDED_BY(mLock);
     int mSection KORVANE_GUARDED_BY(mLock) = 0;
     int64_t mLeft KORVANE_GUARDED_BY(mLock) = 0;  ///< of all frames ever
+    int64_t mDropped KORVANE_GUARDED_BY(mLock) = 0;
     bool mSectionShows KORVANE_GUARDED_BY(mLock) = false;
     int64_t mPositionUs KORVANE_GUARDED_BY(mLock) = -1;
     int64_t mLastEventNs KORVANE_GUARDED_BY(mLock) = 0;

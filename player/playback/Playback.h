@@ -32,6 +32,7 @@
 #include "player/playback/FrameLedger.h"
 #include "player/playback/PlaybackPlan.h"
 #include "player/playback/PlaybackRecord.h"
+#include "player/playback/Remote.h"
 #include "player/playback/ScreenFeed.h"
 #include "tv/Log.h"
 
@@ -58,6 +59,13 @@ struct PlaybackProgress {
     int64_t endUs = -1;  ///< -1: unknown
     int64_t frames = 0;  ///< sent
     std::string note;    ///< what playback waits for; empty while it runs
+    /// Who holds how many buffers. A frame between two holders may count with neither.
+    struct Buffers {
+        int64_t library = 0;
+        int64_t tunnel = 0;  ///< on screen, too
+        int64_t player = 0;
+    } buffers = {};
+    int64_t dropped = 0;  ///< returned by the library without being shown
 };
 
 /// What the caller of a playback may hook into it. All are optional; an exception from any of them
@@ -71,6 +79,8 @@ struct PlaybackHooks {
     std::function<void(const PlaybackProgress&, int64_t nowNs)> onProgress;
     /// Called often on the player's thread: whether to end now; must be quick.
     std::function<bool()> interrupted;
+    /// What a viewer asks for; null: nobody does.
+    Remote* remote = nullptr;
 };
 
 /// Plays what the sources hold. `audio` is null when the plan has none.

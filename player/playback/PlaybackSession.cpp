@@ -196,10 +196,14 @@ void PlaybackSession::applyFaults(const TvFaults& faults) {
     mTv->display().setReportedPeriodNs(faults.reportedPeriodNs);
     if (mAudio && faults.audioPaused != mAudioPaused) {
         mAudioPaused = faults.audioPaused;
-        mClockWatch.pausedOrResumed(tv::nowNs());
-        act(mAudioPaused ? EventKind::Pause : EventKind::Resume);
-        mAudioPaused ? mAudio->pause() : mAudio->resume();
+        pauseOrResume(mAudioPaused);
     }
+}
+
+void PlaybackSession::pauseOrResume(bool paused) {
+    mClockWatch.pausedOrResumed(tv::nowNs());
+    act(paused ? EventKind::Pause : EventKind::Resume);
+    paused ? mAudio->pause() : mAudio->resume();
 }
 
 // ---- loop ----
@@ -208,6 +212,7 @@ FeedState PlaybackSession::state() const {
     FeedState state;
     state.nowNs = tv::nowNs();
     state.interrupted = mHooks.interrupted && mHooks.interrupted();
+    state.quit = mViewerQuit;
     state.sourceEnded = mSourceEnded;
     state.havePicture = mHavePicture;
     state.pictureUs = mHavePicture ? mVideo.mediaTimeUs() : 0;
@@ -217,6 +222,8 @@ FeedState PlaybackSession::state() const {
     state.inLibrary = mLedger.inLibrary();
     state.lastMoveNs = std::max(mLedger.lastEventNs(),
                                 mRecord.sections.empty() ? 0 : mRecord.sections.back().beganNs);
+    // In a viewer's pause nothing should move, however long it takes.
+    state.lastMoveNs = mViewerPaused ? state.nowNs : state.lastMoveNs;
     state.dueNs = nextFrameDueNs();
     // Only asked for when it counts: it copies the tunnel's record.
     state.lastFrameShown = mSourceEnded && state.inLibrary == 0 && lastFrameHasBeenShown();
@@ -340,6 +347,7 @@ bool PlaybackSession::isLate(int64_t mediaTimeUs) const {
 /// What is to be done now and then beside feeding.
 void PlaybackSession::tick() {
     mFailure.rethrow();
+    obeyRemote();
     watchAudio();
     const int64_t nowNs = tv::nowNs();
     if (nowNs >= mCollectedNs + kCollectNs) {
@@ -349,6 +357,53 @@ void PlaybackSession::tick() {
     if (mHooks.onProgress) {
         showProgress(nowNs);
     }
+}
+
+/// Pauses only with audio: of a clock that stands still without it, the library takes no notice.
+void PlaybackSession::obeyRemote() {
+    while (const auto key = mHooks.remote != nullptr ? mHooks.remote->take() : std::nullopt) {
+        switch (key->kind) {
+            case RemoteKey::Kind::Pause:
+                if (mAudio) {
+                    mViewerPaused = !mViewerPaused;
+                    pauseOrResume(mViewerPaused);
+                }
+                break;
+            case RemoteKey::Kind::Step:
+                if (mAudio) {
+                    stepVsync();
+                }
+                break;
+            case RemoteKey::Kind::Seek:
+                seekBy(key->byUs);
+                break;
+            case RemoteKey::Kind::Quit:
+                mViewerQuit = true;
+                break;
+        }
+    }
+}
+
+/// The clock goes on for one vsync. What the library has handed to the tunnel by then still comes
+/// on screen, as on a TV.
+void PlaybackSession::stepVsync() {
+    if (mViewerPaused) {
+        pauseOrResume(false);
+        const auto periodNs = static_cast<int64_t>(mTv->display().periodNsAt(tv::nowNs()));
+        std::this_thread::sleep_for(std::chrono::nanoseconds(periodNs));
+    }
+    mViewerPaused = true;
+    pauseOrResume(true);
+}
+
+/// From what is shown; from where the last seek went, until that is shown.
+void PlaybackSession::seekBy(int64_t us) {
+    const auto& sought = mRecord.sections.back().soughtUs;
+    const int64_t fromUs = !mLedger.sectionShows() && sought ? *sought : mLedger.positionUs();
+    if (std::exchange(mViewerPaused, false)) {
+        pauseOrResume(false);
+    }
+    performSeek({0, std::max<int64_t>(fromUs + us, 0)});
 }
 
 void PlaybackSession::watchAudio() {
@@ -372,6 +427,8 @@ void PlaybackSession::showProgress(int64_t nowNs) {
     if (mAudio && audio != tv::AudioState::Playing && audio != tv::AudioState::Ended) {
         progress.note = std::string("audio: ") + tv::toString(audio);
     }
+    progress.buffers = {mLedger.inLibrary(), mTv->tunnel().heldBuffers(mTunnelId), mPool.free()};
+    progress.dropped = mLedger.dropped();
     mHooks.onProgress(progress, nowNs);
 }
 

@@ -54,6 +54,7 @@ private:
     void start();
     void watchScreen();
     void applyFaults(const TvFaults& faults);
+    void pauseOrResume(bool paused);
 
     // loop
     FeedState state() const;
@@ -65,6 +66,9 @@ private:
     void send(int64_t longestWaitNs);
     bool isLate(int64_t mediaTimeUs) const;
     void tick();
+    void obeyRemote();
+    void stepVsync();
+    void seekBy(int64_t us);
     void watchAudio();
     void showProgress(int64_t nowNs);
 
@@ -106,6 +110,8 @@ private:
     int mTunnelId = -1;
     std::unique_ptr<FaultPlayer> mFaults;
     bool mAudioPaused = false;  ///< the fault player's
+    bool mViewerPaused = false;
+    bool mViewerQuit = false;
 
     bool mHavePicture = false;
     int64_t mPictureReadyNs = 0;

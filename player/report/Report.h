@@ -26,8 +26,8 @@ struct Origin {
     bool virtualTime = false;
     uint64_t seed = 0;
     std::string eventHash;
-    std::string library;      ///< of --library; empty: the one that the program is linked with
-    std::string libraryHash;  ///< of its bytes
+    std::string library = {};      ///< of --library; empty: the one that the program is linked with
+    std::string libraryHash = {};  ///< of its bytes
 };
 
 /// Changes when a key is taken away or means something else; new keys do not change it.

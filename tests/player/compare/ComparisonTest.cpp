@@ -35,7 +35,7 @@ struct Film {
 
 std::string logOf(const Film& film) {
     std::ostringstream out;
-    EventLog log(&out);
+    EventLog log({&out});
     log.begin(0);
     log.add({0, EventKind::Start, -1, 0, 0, ""});
     int64_t vsync = film.startVsyncs;

@@ -1,0 +1,49 @@
+// SPDX-License-Identifier: Apache-2.0
+// What a viewer asks of a running playback: keys wait here until the player's thread takes them, at
+// most 20 ms later.
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <mutex>
+#include <optional>
+
+#include "include/ThreadAnnotations.h"
+
+namespace korvane::player {
+
+struct RemoteKey {
+    enum class Kind {
+        Pause,  ///< or goes on; with audio only, as `Step`
+        Step,   ///< goes on for one vsync and pauses
+        Seek,   ///< goes on from there, paused or not
+        Quit
+    };
+    Kind kind = Kind::Pause;
+    int64_t byUs = 0;  ///< Seek: media time from the present position
+};
+
+/// Any thread.
+class Remote {
+public:
+    void press(const RemoteKey& key) {
+        const std::lock_guard<std::mutex> guard(mLock);
+        mKeys.push_back(key);
+    }
+    /// The oldest key that waits; empty: none does.
+    std::optional<RemoteKey> take() {
+        const std::lock_guard<std::mutex> guard(mLock);
+        if (mKeys.empty()) {
+            return std::nullopt;
+        }
+        const RemoteKey key = mKeys.front();
+        mKeys.pop_front();
+        return key;
+    }
+
+private:
+    std::mutex mLock;
+    std::deque<RemoteKey> mKeys KORVANE_GUARDED_BY(mLock);
+};
+
+}  // namespace korvane::player
