@@ -485,7 +485,7 @@ std::string explain(const CLI::ParseError& error, const CLI::App& app, const CLI
         return "one argument too many: '" + left + "'" + where;
     }
     if (dynamic_cast<const CLI::RequiredError*>(&error) != nullptr) {
-        const std::string name = command->get_name();
+        const std::string& name = command->get_name();
         return (name == "run"       ? "no scenario given; write korvane-tv run FILE"
                 : name == "compare" ? "two playbacks are needed; write korvane-tv compare A B"
                                     : "no file given; write korvane-tv play FILE") +

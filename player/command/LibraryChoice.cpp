@@ -92,6 +92,9 @@ void checkHeader(const std::string& path) {
     }
 }
 
+// No thread has been started yet, so that nothing else reads or changes the environment or the text
+// of the loader's last error. NOLINTBEGIN(concurrency-mt-unsafe)
+
 /// Loads it beside the program's own and looks for the factory in it.
 void checkLoads(const std::string& path) {
     void* const library = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
@@ -116,7 +119,7 @@ bool isInUse(const std::string& path) {
 /// Of the file that names and links lead to.
 std::string realPath(const std::string& path) {
     char* const resolved = realpath(path.c_str(), nullptr);
-    const std::string real = resolved != nullptr ? resolved : path;
+    std::string real = resolved != nullptr ? resolved : path;
     std::free(resolved);
     return real;
 }
@@ -146,6 +149,7 @@ void useLibrary(const std::string& path, char** argv) {
     execv(kThisProgram, argv);
     refuseLibrary(path, "korvane-tv cannot start again: " + lastError());
 }
+// NOLINTEND(concurrency-mt-unsafe)
 
 std::string hashOfFile(const std::string& path) {
     std::ifstream in(path, std::ios::binary);

@@ -20,7 +20,7 @@ namespace {
 /// Frames come close to the order of their numbers: a number further ahead is none.
 constexpr size_t kFurthestAhead = 4096;
 /// Longer than any line that a log has.
-constexpr size_t kLongestLine = 64 * 1024;
+constexpr size_t kLongestLine = 65'536;
 constexpr size_t kShownOfLine = 60;
 
 DropReason dropReasonOf(const std::string& text) {
