@@ -153,6 +153,13 @@ void ContentRate::learnCycle(size_t frames) {
 
 /// Whether a span of another rate begins with this frame.
 bool ContentRate::changesAt(size_t frame) const {
+    // The first step belongs to the new rate, so it is nearer to that than to the span's. Nearly
+    // all frames of a steady film end here.
+    const auto first = steps(frame, 1);
+    if (!first.empty() &&
+        std::abs(static_cast<double>(first.front()) - mStepUs) <= kLeastChange / 2 * mStepUs) {
+        return false;
+    }
     const auto next = steps(frame, kLookAheadSteps);
     if (mStepUs <= 0.0 || next.size() < kLookAheadSteps) {
         return false;
@@ -160,8 +167,8 @@ bool ContentRate::changesAt(size_t frame) const {
     const auto half = next.begin() + kLookAheadSteps / 2;
     const auto whole = regular(next);
     const double step = mean(whole);
-    const double first = mean(regular({next.begin(), half}));
-    const double second = mean(regular({half, next.end()}));
+    const double firstHalf = mean(regular({next.begin(), half}));
+    const double secondHalf = mean(regular({half, next.end()}));
     // Timestamps that are off by up to J move a mean by less than this, in each half and in both.
     // The span's own mean has the same trouble, the less the more steps it is taken from.
     const double unrest = 4.0 * meanDeviation(whole, step) *
@@ -170,7 +177,7 @@ bool ContentRate::changesAt(size_t frame) const {
     const double direction = step > mStepUs ? 1.0 : -1.0;
     const auto changed = [&](double by) { return (by - mStepUs) * direction > least; };
     const auto own = static_cast<double>(next.front());
-    return changed(step) && changed(first) && changed(second) &&
+    return changed(step) && changed(firstHalf) && changed(secondHalf) &&
            std::abs(own - step) < std::abs(own - mStepUs);
 }
 
