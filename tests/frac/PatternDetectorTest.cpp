@@ -69,9 +69,13 @@ TEST(PatternDetector, DeclaresOnTheTenthFitAndBreaksOnTheFirstMisfit) {
 }
 
 TEST(PatternDetector, ABreakOfAnyDeclaredPatternLeavesNoneInForce) {
-    setLogMask(0);
+    setLogMask(4);
     VideoSyncFRAC tracker;
-    EXPECT_FALSE(tracker.detectPattern(4) || tracker.detectPattern(-1));
+    {
+        FracLog log;
+        EXPECT_FALSE(tracker.detectPattern(4) || tracker.detectPattern(-1));
+        EXPECT_EQ(log.take(), Lines(2, "D [detectPattern] unknown pattern"));
+    }
     feed(tracker, kPattern32, "32323232323");
     EXPECT_EQ(feed(tracker, kPattern22, "22222222222"), "33333333332");
     EXPECT_EQ(feed(tracker, kPattern32, "2"), ".");

@@ -3,7 +3,6 @@
 // offset, a factory by name.
 #include <dlfcn.h>
 
-#include "frac/VideoSyncFRAC.h"
 #include "tests/renderer/RendererFixture.h"
 
 static_assert(sizeof(rendertime) == 16 && sizeof(framestatus) == 8 &&

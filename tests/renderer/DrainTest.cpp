@@ -28,9 +28,10 @@ TEST_F(DrainTest, FrameIsShownWaitedForOrDroppedByItsDistanceFromNow) {
     };
     for (const auto& c : kCases) {
         SCOPED_TRACE(c.what);
-        makeAnchored(2);
+        makeAnchored(6);
         const int64_t dueUs = mClock.nowUs() + c.earlyUs;
         peer().drain({kFd, kNowMediaUs + c.earlyUs, 0, false});
+        EXPECT_EQ(1, count("[drainVideoFrame]mHaveAudio:0"));
         EXPECT_EQ(c.waitedUs >= 0 ? 1 : 0, count("[waitShowTime]"));
         EXPECT_EQ(c.waitedUs >= 0 ? 1 : 0,
                   count("[waitShowTime] " + std::to_string(c.waitedUs) + "\n"));
@@ -56,14 +57,14 @@ TEST_F(DrainTest, AfterUnderflowOnlyAnEarlyFrameIsShown) {
 }
 
 TEST_F(DrainTest, LateFramesAreReportedOnlyFromTheTwentyFirstOn) {
-    makeAnchored(2);
-    for (const int frameNo : {20, 21}) {
-        log.take();
+    for (const auto& [logMask, frameNo] : {std::pair{2, 20}, {2, 21}, {0, 21}}) {
+        makeAnchored(logMask);
+        const int reported = logMask != 0 ? frameNo - 20 : 0;
         peer().drain({kFd, kNowMediaUs - 50'000, frameNo, false});
-        EXPECT_EQ(frameNo - 20, count("need catch drop pts:"));
+        EXPECT_EQ(reported, count("need catch drop pts:"));
         peer().drain({kFd, kNowMediaUs, frameNo, false});
-        EXPECT_EQ(1, count("may occur drop pts:"));
-        EXPECT_EQ(frameNo - 20, count("may need catch drop pts:"));
+        EXPECT_EQ(logMask / 2, count("may occur drop pts:"));
+        EXPECT_EQ(reported, count("may need catch drop pts:"));
     }
 }
 
@@ -78,7 +79,7 @@ TEST_F(DrainTest, FirstFrameWithoutAnAnchorAnchorsTheClockAndIsLate) {
 }
 
 TEST_F(DrainTest, ShowIsRefusedWhileFlushedOrStopped) {
-    makeAnchored(2);
+    makeAnchored(6);
     renderer->flush();
     peer().show({1, 0, 0, false}, mClock.nowUs());
     renderer->sendVideoFrame(5, 0, false);
@@ -87,6 +88,11 @@ TEST_F(DrainTest, ShowIsRefusedWhileFlushedOrStopped) {
     EXPECT_EQ(returned, (Returned{{1, 1}, {2, 1}}));
     EXPECT_EQ(2, count("[showFrame]do not show, need return frame"));
     EXPECT_EQ(0u, queuedBuffers().size() + peer().pendingRenderTimes());
+    peer().setFirstFrameQueued();
+    videoframe frame{};
+    EXPECT_TRUE(peer().take(&frame));
+    EXPECT_FALSE(peer().take(&frame));
+    EXPECT_EQ(0, count("wait for input frame timeout")) << "a stopped renderer waits for no frame";
 }
 
 TEST_F(DrainTest, LonePeekFrameIsShownOnceWithNanosecondTime) {
@@ -128,29 +134,36 @@ TEST_F(DrainTest, TakenPeekFrameIsShownAtOnceAndLeavesAudioUnsynced) {
     const size_t before = peer().pendingRenderTimes();
     peer().show({3, 90, 0, true}, mClock.nowUs());
     EXPECT_EQ(before, peer().pendingRenderTimes());
+    renderer->sendVideoFrame(4, 95, true);
+    peer().peekCheck();
+    mClock.after(1'000, [&] { clock->setPause(false, mClock.nowUs()); });
+    peer().drain({5, 100, 0, true});
+    EXPECT_TRUE(peer().audioSynced()) << "after that one, the next peek frame waits for audio";
 }
 
 TEST_F(DrainTest, RenderTimesAreReportedOneByOneAfterTheirTime) {
     static std::vector<int64_t> reported;
     makeAnchored(4);
+    peer().show({4, 99, 0, false}, std::numeric_limits<int64_t>::min());
     peer().show({1, 111, 0, false}, mClock.nowUs());
     peer().show({2, 222, 0, false}, mClock.nowUs());
     peer().show({3, 333, 0, false}, std::numeric_limits<int64_t>::max());
     renderer->nodifyRenderTime();
-    EXPECT_EQ(3u, peer().pendingRenderTimes()) << "kept while nobody listens";
+    EXPECT_EQ(4u, peer().pendingRenderTimes()) << "kept while nobody listens";
     const auto listener = [](void*, void* info) {
         reported.push_back(static_cast<rendertime*>(info)->mediaTimeUs);
         return -1;
     };
     renderer->regCallBack(1, listener, nullptr);
     renderer->nodifyRenderTime();
-    EXPECT_TRUE(reported.empty()) << "its time is now, not past";
+    renderer->nodifyRenderTime();
+    EXPECT_THAT(reported, ElementsAre(99)) << "the second one's time is now, not past";
     mClock.setNowNs(mClock.nowNs() + 1);
     renderer->nodifyRenderTime();
-    EXPECT_THAT(reported, ElementsAre(111));
+    EXPECT_THAT(reported, ElementsAre(99, 111));
     renderer->nodifyRenderTime();
     renderer->nodifyRenderTime();
-    EXPECT_THAT(reported, ElementsAre(111, 222)) << "the clock never reaches the largest time";
+    EXPECT_THAT(reported, ElementsAre(99, 111, 222)) << "the clock never reaches the largest time";
     EXPECT_EQ(1, count("[nodifyRenderTime] notify rendertime:222"));
 }
 

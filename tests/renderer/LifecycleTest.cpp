@@ -1,8 +1,21 @@
 // SPDX-License-Identifier: Apache-2.0
 // The renderer's lifecycle as a player drives it: binding, ids, callbacks, flush, misuse.
 #include <functional>
+#include <new>
 
 #include "tests/renderer/RendererFixture.h"
+
+namespace {
+
+bool gNoMemory = false;
+
+}  // namespace
+
+// Replaces the C++ runtime's in the whole process, so that a test can make it fail.
+__attribute__((visibility("default"))) void* operator new(std::size_t bytes,
+                                                          const std::nothrow_t&) noexcept {
+    return gNoMemory ? nullptr : ::operator new(bytes);
+}
 
 namespace korvane::test {
 namespace {
@@ -49,6 +62,13 @@ TEST_F(LifecycleTest, HardwareSyncIdSelectsModeAndInstance) {
     }
 }
 
+TEST_F(LifecycleTest, WithoutMemoryThereIsNoRenderer) {
+    gNoMemory = true;
+    const auto* none = VideoTunnelRenderer_create();
+    gNoMemory = false;
+    EXPECT_EQ(nullptr, none);
+}
+
 TEST_F(LifecycleTest, ReturnedBufferGoesToTypeZeroThenTypeTwoWhoseResultCounts) {
     static Lines calls;
     static int results[3];
@@ -84,7 +104,7 @@ TEST_F(LifecycleTest, ReturnedBufferGoesToTypeZeroThenTypeTwoWhoseResultCounts) 
 }
 
 TEST_F(LifecycleTest, FlushHandsQueuedFramesBackInOrderAndResetsTheClock) {
-    make(2, true);
+    make(3, true);
     peer().pretendStopped();
     for (int fd = 1; fd <= 3; ++fd) {
         renderer->sendVideoFrame(fd, fd * 100, false);

@@ -6,6 +6,8 @@
 #pragma once
 
 #include "VideoTunnelRenderer.h"
+#include "display/DisplayAdapterWraper.h"
+#include "frac/VideoSyncFRAC.h"
 #include "mediasync/VideoSyncWraper.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/TvFixture.h"
@@ -42,6 +44,13 @@ struct VideoTunnelRendererPeer {
         r.mCatchUpPending = pending;
     }
     void setParam9Extra(int32_t value) { r.mParam9Extra = value; }
+    /// `init` is under way on another thread: audio is expected, but no clock is bound yet.
+    void pretendInitHasBegun() { r.mHaveAudio = true; }
+    /// `init` is under way on another thread: the clock is bound, the rest does not exist yet.
+    void pretendClockIsBound() {
+        delete r.mVideoSyncFRAC.exchange(nullptr);
+        delete r.mDisplayAdapter.exchange(nullptr);
+    }
 
     bool underflow() const { return r.mUnderflow; }
     bool catchUpPending() const { return r.mCatchUpPending; }

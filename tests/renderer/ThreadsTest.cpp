@@ -2,8 +2,10 @@
 // The renderer's threads beside the TV's. No test depends on how long a step takes, only on its
 // result.
 #include <pthread.h>
+#include <sched.h>
 
 #include <atomic>
+#include <cerrno>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -13,6 +15,21 @@
 #include "VideoTunnelRenderer.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/TvFixture.h"
+
+namespace {
+
+bool gRealTimeRefused = false;
+int gAskedPriority = 0;
+
+}  // namespace
+
+/// The system's, which grants real-time scheduling only to some processes.
+extern "C" __attribute__((visibility("default"))) int sched_setscheduler(
+    pid_t /*thread*/, int policy, const sched_param* parameters) {
+    gAskedPriority = policy == SCHED_FIFO ? parameters->sched_priority : 0;
+    errno = EPERM;
+    return gRealTimeRefused ? -1 : 0;
+}
 
 namespace korvane::test {
 namespace {
@@ -64,21 +81,49 @@ public:
 };
 
 TEST_F(ThreadsTest, StartAndStopDoNothingTheSecondTimeAndTheIdIsKept) {
-    setLogMask(1);
-    make(0);
-    const int id = renderer->getTunnelId();
-    EXPECT_GE(id, 0);
-    EXPECT_EQ(1, mTv->tunnel().allocatedIds());
-    EXPECT_EQ(1, renderer->stop());
-    EXPECT_EQ(1, renderer->start());
-    EXPECT_EQ(1, renderer->start());
-    EXPECT_EQ(1, mTv->tunnel().connectedTunnels());
-    EXPECT_EQ(1, renderer->stop());
-    EXPECT_EQ(1, renderer->stop());
-    EXPECT_EQ(1, log.count("[start]have started\n"));
-    EXPECT_EQ(1, log.count("[stop:261]\n"));
-    EXPECT_EQ(id, renderer->getTunnelId());
-    EXPECT_EQ(0, mTv->tunnel().allocatedIds() + mTv->tunnel().connectedTunnels());
+    for (const int logMask : {0, 1}) {
+        setLogMask(logMask);
+        make(0);
+        log.take();
+        const int id = renderer->getTunnelId();
+        EXPECT_GE(id, 0);
+        EXPECT_EQ(1, mTv->tunnel().allocatedIds());
+        EXPECT_EQ(1, renderer->stop());
+        EXPECT_EQ(1, renderer->start());
+        EXPECT_EQ(1, renderer->start());
+        EXPECT_EQ(1, mTv->tunnel().connectedTunnels());
+        EXPECT_EQ(1, renderer->stop());
+        EXPECT_EQ(1, renderer->stop());
+        EXPECT_EQ(logMask, log.count("[start]have started\n"));
+        EXPECT_EQ(logMask, log.count("[stop:261]\n"));
+        EXPECT_EQ(id, renderer->getTunnelId());
+        EXPECT_EQ(0, mTv->tunnel().allocatedIds() + mTv->tunnel().connectedTunnels());
+    }
+}
+
+TEST_F(ThreadsTest, DrainThreadAsksForRealTimeAndPlaysWithoutIt) {
+    for (const bool refused : {false, true}) {
+        gRealTimeRefused = refused;
+        make(0);
+        renderer->start();
+        renderer->sendVideoFrame(kFirstFd + refused, -1'000'000'000, false);
+        EXPECT_TRUE(eventually([&] { return returnedBuffers() == 1u + refused; }));
+        renderer->stop();
+        EXPECT_EQ(50, gAskedPriority);
+        EXPECT_EQ(refused ? 1 : 0, log.count("Couldn't set SCHED_FIFO for drainVideoFrameThread"));
+    }
+    gRealTimeRefused = false;
+}
+
+TEST_F(ThreadsTest, StopHandsBackAFrameThatPassthroughHolds) {
+    const auto clock = mTv->mediaSync().create();
+    make(0x10000 | clock->id());
+    renderer->start();
+    renderer->updateVideoTime(1);
+    renderer->sendVideoFrame(kFirstFd, 3'600'000'000, false);
+    EXPECT_TRUE(eventually([&] { return clock->counters().holds > 1; }));
+    renderer->stop();
+    EXPECT_EQ(1u, returnedBuffers());
 }
 
 TEST_F(ThreadsTest, ReleasedBuffersAndRenderTimesReachThePlayer) {
@@ -150,6 +195,27 @@ TEST_F(ThreadsTest, FlushWhileDrainingReturnsEachFrameOnce) {
     for (const auto& [fd, times] : timesReturned) {
         EXPECT_EQ(1, times) << fd;
     }
+}
+
+TEST_F(ThreadsTest, PeekCallAndPeekCheckFindTheFrameGoneThatAFlushTookMeanwhile) {
+    setLogMask(2);
+    make(mTv->mediaSync().create()->id());
+    renderer->start();
+    std::thread peeker;
+    // Logged under the input lock, for which the peek call and the drain thread wait once they have
+    // seen the frame.
+    tv::observeLog([&](const tv::LogLine& line) {
+        if (line.text == "VideoFrameInputQueue.size():1\n") {
+            peeker = std::thread([&] { renderer->peekFirstFrame(); });
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+            renderer->flush();
+        }
+    });
+    renderer->sendVideoFrame(kFirstFd, 40'000, false);
+    peeker.join();
+    tv::observeLog(nullptr);
+    renderer->stop();
+    EXPECT_EQ(1u, returnedBuffers());
 }
 
 TEST_F(ThreadsTest, ThreadThatWaitsToReportARenderTimeCallsTheCallbackRegisteredMeanwhile) {

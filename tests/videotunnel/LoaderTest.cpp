@@ -28,10 +28,13 @@ const std::string kLeft = "I videotunnel_ops leave\\n";
 const std::string kAdapterEntered = "I tovakDisplayAdater_ops enter";
 const std::string kAdapterLeft = "I tovakDisplayAdater_ops leave";
 
-/// What the probe wrote with this directory searched first; nothing when it failed.
+/// What the probe wrote with this directory searched first; nothing when it failed. A library that
+/// stands in for the renderer's (LD_LIBRARY_PATH) is the one that the probe loads, too.
 Lines probe(const std::string& libraryDir, const std::string& steps) {
     const std::string command = "LD_LIBRARY_PATH='" + libraryDir +
-                                ":" LIBRARY_DIR "' '" LOADER_PROBE "' " + steps + " 2>&1";
+                                "':${LD_LIBRARY_PATH:+$LD_LIBRARY_PATH:}'" LIBRARY_DIR
+                                "' '" LOADER_PROBE "' " +
+                                steps + " 2>&1";
     FILE* output = popen(command.c_str(), "r");  // NOLINT(bugprone-command-processor,cert-env33-c)
     Lines lines;
     char line[1024];
