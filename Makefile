@@ -7,6 +7,7 @@
 #   make check                                        rules of the tree, formatting, clang-tidy, sanitizers
 #   make bench                                        benchmarks of the per-frame paths
 #   make window                                       korvane-tv with --window, and its tests
+#   make coverage                                     what the tests reach in the library, as a page
 #   make aarch64                                      the tests on AArch64, under an emulator
 #   make libcxx                                       the tests with the device's C++ library, by clang
 #   make soong                                        Android.bp against what CMake builds
@@ -22,7 +23,7 @@ install := @scripts/install-deps.sh
 
 .PHONY: all build play build-tests test check licences rooms format-check tidy sanitize-asan \
     sanitize-tsan aarch64 build-aarch64 libcxx soong page abi abi-reason abi-accept package bench format \
-    clean window
+    clean window coverage
 # Each command uses all processors by itself.
 .NOTPARALLEL:
 
@@ -103,6 +104,12 @@ window: build
 	cmake --preset release
 	cmake --build --preset release -j $(JOBS) --target korvane-tv
 	ctest --preset release -R '^player_watch_test$$' --no-tests=error $(TEST_ARGS)
+
+# The tests and scenarios of the release build on a copy of the library that counts what runs.
+coverage: build-tests
+	$(install) coverage
+	cmake --build --preset release -j $(JOBS) --target korvane_coverage
+	@scripts/coverage.py build/release build/coverage $(JOBS)
 
 libcxx: build
 	$(install) test libcxx
