@@ -146,7 +146,9 @@ int play() {
     for (int frame = 0; frame < kFrames; ++frame) {
         const int fd = playback.takeBuffer();
         writePicture(fd, frame);
-        renderer->sendVideoFrame(fd, mediaTimeUsOf(frame), false);
+        if (renderer->sendVideoFrame(fd, mediaTimeUsOf(frame), false) == 0) {
+            throw std::runtime_error("no memory for a frame");
+        }
     }
     // `stop` ends playback at once: give the last frame its time on screen before.
     playback.waitForRenderTime(mediaTimeUsOf(kFrames - 1));

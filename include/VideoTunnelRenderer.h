@@ -26,7 +26,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
-#include <list>
+#include <memory>
 #include <mutex>
 
 #include "ThreadAnnotations.h"
@@ -65,7 +65,9 @@ public:
     VideoTunnelRenderer(const VideoTunnelRenderer&) = delete;
     VideoTunnelRenderer& operator=(const VideoTunnelRenderer&) = delete;
 
-    /// Binds a media-sync instance and creates the objects that playback needs. Call once.
+    /// Binds a media-sync instance and creates the objects that playback needs. Call once. An
+    /// object for which there is no memory is missing, with an error in the log; without the
+    /// media-sync client, frames are dropped or, in pass-through, shown at once.
     /// @param hwSyncId  lower 16 bits: the hardware sync id shared with audio (0 or less: none, an
     ///                  instance is allocated); upper 16 bits equal to 0x0001 select tuner
     ///                  pass-through mode, where the sync instance decides about each frame
@@ -88,11 +90,13 @@ public:
     /// @return 1
     virtual int stop() KORVANE_EXCLUDES(mInputLock, mShowLock, mRenderTimeLock);
 
-    /// Queues one frame; never blocks on playback and never refuses. May be called before `start`.
+    /// Queues one frame; never blocks on playback. May be called before `start`. It is refused only
+    /// when there is no memory for it: then the buffer stays the player's, no callback is called
+    /// for it, and nothing else changes. An accepted frame needs no further memory.
     /// @param fd  the buffer; the player keeps owning it, but must not write it until it comes back
     /// @param timestampUs  media time, microseconds
     /// @param peek  show this frame at once, without waiting for audio
-    /// @return 1
+    /// @return 1; 0 when the frame was refused, with an error in the log
     virtual int sendVideoFrame(int fd, long timestampUs, bool peek) KORVANE_EXCLUDES(mInputLock);
 
     /// Registers the callback of a type, replacing an earlier one. Callbacks cannot be removed. A
@@ -183,6 +187,12 @@ private:
     /// Takes mRenderTimeLock, except for a peek frame, whose caller holds it.
     int showFrame(videoframe* frame, int64_t presentationTimeUs);
     KORVANE_INTERNAL void showPeekFrame(videoframe* frame) KORVANE_REQUIRES(mRenderTimeLock);
+    /// Keeps the entry, copies its frame.
+    /// @return false when there is no entry
+    KORVANE_INTERNAL bool takeInHand(std::unique_ptr<FrameEntry> entry, videoframe* frame);
+    /// Moves the entry of the frame in hand to the list of render times.
+    KORVANE_INTERNAL void reportRenderTime(const rendertime& shown)
+        KORVANE_REQUIRES(mRenderTimeLock);
 
     // drain thread: audio/video decisions
     int syncWithAudio(videoframe* frame);
@@ -228,7 +238,9 @@ private:
     std::condition_variable mInputCond;
     std::mutex mShowLock;
     std::condition_variable mShowCond;
-    std::list<rendertime> mRenderTimeList KORVANE_GUARDED_BY(mRenderTimeLock);
+    FrameList mRenderTimeList KORVANE_GUARDED_BY(mRenderTimeLock);
+    /// The entry of the frame that the drain thread took last, until it is in mRenderTimeList.
+    std::unique_ptr<FrameEntry> mFrameInHand;
     std::mutex mRenderTimeLock KORVANE_ACQUIRED_BEFORE(mCallbackLock);
 
     std::atomic<bool> mQueueRunning{false};

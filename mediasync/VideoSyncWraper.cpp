@@ -3,6 +3,8 @@
 // call shows the outputs, whether or not the call succeeded.
 #include "mediasync/VideoSyncWraper.h"
 
+#include <new>
+
 #include "platform/LogMask.h"
 
 using korvane::kLogDetail;
@@ -26,7 +28,7 @@ bool succeeded(const char* operation, int status) {
 
 }  // namespace
 
-VideoSyncWraper::VideoSyncWraper() : mMediaSync(new MediaSync()) {
+VideoSyncWraper::VideoSyncWraper() : mMediaSync(new (std::nothrow) MediaSync()) {
     korvane::refreshLogMask(gLogMask, kLogTag);
 }
 

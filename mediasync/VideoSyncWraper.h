@@ -16,6 +16,8 @@ class __attribute__((visibility("default"))) VideoSyncWraper {
 public:
     /// Creates the client, not bound to an instance yet, and refreshes this file's log mask.
     VideoSyncWraper();
+    /// Without it, for lack of memory, call nothing but the destructor.
+    bool hasClient() const { return mMediaSync != nullptr; }
     /// Deletes the client, which also unbinds it.
     ~VideoSyncWraper();
     VideoSyncWraper(const VideoSyncWraper&) = delete;

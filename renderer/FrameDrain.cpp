@@ -91,7 +91,7 @@ bool VideoTunnelRenderer::getNeedShowVideoFrame(videoframe* frame) {
             mInputCond.wait(lock);
         }
     }
-    if (!mVideoFrameInputQueue.popFront(frame)) {
+    if (!takeInHand(mVideoFrameInputQueue.popFront(), frame)) {
         return false;
     }
     const auto size = static_cast<int64_t>(mVideoFrameInputQueue.size());
@@ -104,6 +104,16 @@ bool VideoTunnelRenderer::getNeedShowVideoFrame(videoframe* frame) {
     return true;
 }
 
+// The frame is copied: once the entry is in the list of render times, the fill thread may free it.
+bool VideoTunnelRenderer::takeInHand(std::unique_ptr<FrameEntry> entry, videoframe* frame) {
+    if (entry == nullptr) {
+        return false;
+    }
+    *frame = entry->frame;
+    mFrameInHand = std::move(entry);
+    return true;
+}
+
 // Shows a peek frame that is alone in the queue before audio starts, so that the screen is not
 // black meanwhile; only one until the next flush. Deliberate: the frame is shown under both locks,
 // so if it is returned instead, the player's callbacks run under them.
@@ -113,7 +123,7 @@ int VideoTunnelRenderer::firstFrameVpeekCheck() {
     }
     const std::lock_guard<std::mutex> inputGuard(mInputLock);
     videoframe frame{};
-    if (mVideoFrameInputQueue.popFrontPeek(&frame)) {
+    if (takeInHand(mVideoFrameInputQueue.popFrontPeek(), &frame)) {
         const std::lock_guard<std::mutex> renderTimeGuard(mRenderTimeLock);
         showPeekFrame(&frame);
         // Before the lock is released: the frame's render-time callback may flush, which clears it.
@@ -125,7 +135,7 @@ int VideoTunnelRenderer::firstFrameVpeekCheck() {
 // Deliberate: here the tunnel gets nanoseconds although it expects microseconds.
 void VideoTunnelRenderer::showPeekFrame(videoframe* frame) {
     showFrame(frame, monotonicNowNs());
-    mRenderTimeList.push_back({frame->timestampUs, monotonicNowUs()});
+    reportRenderTime({frame->timestampUs, monotonicNowUs()});
 }
 
 int VideoTunnelRenderer::drainVideoFrame(videoframe* frame) {

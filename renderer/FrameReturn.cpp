@@ -45,18 +45,15 @@ int VideoTunnelRenderer::nodifyRenderTime() {
     }
     // Deliberate: the player is called under the lock; the drain thread waits for it meanwhile.
     const std::lock_guard<std::mutex> guard(mRenderTimeLock);
-    if (mRenderTimeList.empty()) {
-        return 1;
-    }
-    rendertime& oldest = mRenderTimeList.front();
-    if (usToNs(oldest.renderTimeUs) >= monotonicNowNs()) {
+    FrameEntry* const oldest = mRenderTimeList.front();
+    if (oldest == nullptr || usToNs(oldest->shown.renderTimeUs) >= monotonicNowNs()) {
         return 1;
     }
     // Read again: another callback may have been registered while this thread waited for the lock.
     readCallback();
-    const int64_t mediaTimeUs = oldest.mediaTimeUs;
-    callback(userData, &oldest);
-    mRenderTimeList.pop_front();
+    const int64_t mediaTimeUs = oldest->shown.mediaTimeUs;
+    callback(userData, &oldest->shown);
+    mRenderTimeList.popFront();
     RENDERER_LOGD(kLogDetail, "[%s] notify rendertime:%ld\n", "nodifyRenderTime", mediaTimeUs);
     return 1;
 }

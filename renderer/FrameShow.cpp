@@ -43,7 +43,12 @@ int VideoTunnelRenderer::showFrame(videoframe* frame, int64_t presentationTimeUs
     // For a peek frame the caller holds mRenderTimeLock and adds the entry.
     if (!frame->peek) {
         const std::lock_guard<std::mutex> guard(mRenderTimeLock);
-        mRenderTimeList.push_back({frame->timestampUs, presentationTimeUs});
+        reportRenderTime({frame->timestampUs, presentationTimeUs});
     }
     return 1;
+}
+
+void VideoTunnelRenderer::reportRenderTime(const rendertime& shown) {
+    mFrameInHand->shown = shown;
+    mRenderTimeList.pushBack(std::move(mFrameInHand));
 }

@@ -54,7 +54,7 @@ VideoTunnelRenderer::VideoTunnelRenderer() {
         RENDERER_LOGI(kLogInfo, "%s is not set used def = %d\n", kFreeRunProperty, mFreeRun);
     }
     refreshLogMask(gRendererLog, kRendererTag);
-    mTunnel = new VideoTunnelWraper;
+    mTunnel = new (std::nothrow) VideoTunnelWraper;
     RENDERER_LOGI(kLogInfo, "[%s] mFreeRun:%d mVideoSyncMode:%d\n", "VideoTunnelRenderer", mFreeRun,
                   mVideoSyncMode);
 }
@@ -81,16 +81,22 @@ int VideoTunnelRenderer::init(int hwSyncId) {
     // A second call does not reset: it creates new objects and does not free the old ones, because
     // a running drain thread may be using them.
     bindSyncInstance();
-    mVideoSyncFRAC = new VideoSyncFRAC;
-    mDisplayAdapter = new DisplayAdapterWraper;
+    mVideoSyncFRAC = new (std::nothrow) VideoSyncFRAC;
+    mDisplayAdapter = new (std::nothrow) DisplayAdapterWraper;
+    requireVideoSync("init");
+    requireVideoSyncFRAC("init");
+    requireDisplayAdapter("init");
     mVsyncQueryCount = 0;
     mVsyncPeriodNs = kPeriod60HzNs;
     return 1;
 }
 
-// The worker threads see the object only once it is bound.
+// The worker threads see the object only once it is bound; without memory they see none.
 void VideoTunnelRenderer::bindSyncInstance() {
-    auto* sync = new VideoSyncWraper;
+    std::unique_ptr<VideoSyncWraper> sync(new (std::nothrow) VideoSyncWraper);
+    if (sync == nullptr || !sync->hasClient()) {
+        return;
+    }
     if (mTunerPassthrough) {
         sync->setPlayerInsNumber(mHwSyncId & kPlayerNumberMask);
         sync->setParameter(MEDIASYNC_KEY_VIDEOSYNCMODE, &mVideoSyncMode);
@@ -119,7 +125,7 @@ void VideoTunnelRenderer::bindSyncInstance() {
     } else {
         sync->setSyncMode(MEDIA_SYNC_VMASTER);
     }
-    mVideoSync = sync;
+    mVideoSync = sync.release();
 }
 
 void VideoTunnelRenderer::configurePassthrough(VideoSyncWraper& sync) {
@@ -223,9 +229,8 @@ int VideoTunnelRenderer::flush() {
     if (!mQueueRunning) {
         return 1;
     }
-    videoframe frame{};
-    while (mVideoFrameInputQueue.popFront(&frame)) {
-        returnFrame(&frame.fd, false);
+    while (const auto entry = mVideoFrameInputQueue.popFront()) {
+        returnFrame(&entry->frame.fd, false);
         RENDERER_LOGD(kLogFrame, "[%s]queue:%d\n", "flush",
                       static_cast<int>(mVideoFrameInputQueue.size()));
     }

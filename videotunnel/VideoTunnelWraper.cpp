@@ -8,6 +8,8 @@
 
 #include <cerrno>
 #include <cstring>
+#include <memory>
+#include <new>
 
 #include "platform/Trace.h"
 #include "videotunnel/Log.h"
@@ -121,13 +123,18 @@ bool looksLikeFence(int fenceFd) {
     return true;
 }
 
+struct FreeMemory {
+    void operator()(void* memory) const { ::operator delete(memory); }
+};
+using FenceMemory = std::unique_ptr<void, FreeMemory>;
+
 /// Waits until the display has released a buffer. The fence owns and closes its descriptor; a
 /// descriptor that is no fence stays open.
-bool waitForRelease(int bufferFd, int fenceFd, int timeoutMs) {
+bool waitForRelease(int bufferFd, int fenceFd, int timeoutMs, FenceMemory memory) {
     if (!looksLikeFence(fenceFd)) {
         return false;
     }
-    const android::sp<android::Fence> fence = new android::Fence(fenceFd);
+    const android::sp<android::Fence> fence = new (memory.release()) android::Fence(fenceFd);
     const int result = fence->wait(timeoutMs);
     if (result != 0) {
         // unsigned: android::UNKNOWN_ERROR is the smallest int, which cannot be negated
@@ -271,6 +278,11 @@ bool VideoTunnelWraper::dequeueBuffer(int* fd) {
     if (!mayDequeue(mVideoTunnelFd, tunnelId, mQueuedCount)) {
         return false;
     }
+    // Memory first: without it the buffer stays in the tunnel, and the caller tries again.
+    FenceMemory memory(::operator new(sizeof(android::Fence), std::nothrow));
+    if (memory == nullptr) {
+        return false;
+    }
     int fenceFd = kNone;
     const int result = gVideoTunnelOps.mDequeueBuffer(mVideoTunnelFd, tunnelId, fd, &fenceFd);
     if (result < 0) {
@@ -279,7 +291,7 @@ bool VideoTunnelWraper::dequeueBuffer(int* fd) {
         return false;
     }
     KORVANE_LOGD(gLogMask, kLogFrame, kLogTag, "dequeueBuffer %d %d", *fd, fenceFd);
-    if (fenceFd >= 0 && !waitForRelease(*fd, fenceFd, mFenceTimeoutMs)) {
+    if (fenceFd >= 0 && !waitForRelease(*fd, fenceFd, mFenceTimeoutMs, std::move(memory))) {
         return false;
     }
     --mQueuedCount;

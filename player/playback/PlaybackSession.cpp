@@ -327,7 +327,10 @@ void PlaybackSession::send(int64_t longestWaitNs) {
     if (mPlan.passthrough) {
         mRenderer->onVideoSyncQueueVideoFrame(mediaTimeUs, static_cast<unsigned>(bytes));
     }
-    mRenderer->sendVideoFrame(mPool.fd(buffer), mediaTimeUs, first && mPlan.peek == Peek::Marked);
+    const bool peek = first && mPlan.peek == Peek::Marked;
+    if (mRenderer->sendVideoFrame(mPool.fd(buffer), mediaTimeUs, peek) != 1) {
+        throw std::runtime_error("the library has no memory for a frame");
+    }
     if (first && mPlan.peek == Peek::Called) {
         mRenderer->peekFirstFrame();
     }

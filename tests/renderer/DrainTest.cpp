@@ -40,7 +40,7 @@ TEST_F(DrainTest, FrameIsShownWaitedForOrDroppedByItsDistanceFromNow) {
         ASSERT_EQ(c.shown, peer().pendingRenderTimes() == 1);
         if (c.shown) {
             EXPECT_EQ(dueUs, queuedBuffers().back().presentationTimeUs);
-            EXPECT_EQ(dueUs, peer().lastRenderTime().renderTimeUs);
+            EXPECT_EQ(dueUs, peer().oldestRenderTime().renderTimeUs);
         }
     }
 }
@@ -111,8 +111,8 @@ TEST_F(DrainTest, LonePeekFrameIsShownOnceWithNanosecondTime) {
     ASSERT_EQ(1u, queuedBuffers().size());
     EXPECT_EQ(mClock.nowNs(), queuedBuffers()[0].presentationTimeUs);
     ASSERT_EQ(1u, peer().pendingRenderTimes());
-    EXPECT_EQ(75, peer().lastRenderTime().mediaTimeUs);
-    EXPECT_EQ(mClock.nowUs(), peer().lastRenderTime().renderTimeUs);
+    EXPECT_EQ(75, peer().oldestRenderTime().mediaTimeUs);
+    EXPECT_EQ(mClock.nowUs(), peer().oldestRenderTime().renderTimeUs);
     renderer->sendVideoFrame(2, 80, true);
     peer().peekCheck();
     EXPECT_EQ(1u, queuedBuffers().size()) << "one peek until a flush";

@@ -25,8 +25,16 @@ struct VideoTunnelRendererPeer {
     }
     void pretendStopped() { r.mQueueRunning = false; }
 
-    int drain(videoframe frame) { return r.drainVideoFrame(&frame); }
+    /// What the drain thread has taken from the queue.
+    void takeInHand(const videoframe& frame) {
+        r.mFrameInHand = std::make_unique<FrameEntry>(FrameEntry{{frame}, nullptr});
+    }
+    int drain(videoframe frame) {
+        takeInHand(frame);
+        return r.drainVideoFrame(&frame);
+    }
     int show(videoframe frame, int64_t presentationTimeUs) {
+        takeInHand(frame);
         return r.showFrame(&frame, presentationTimeUs);
     }
     int syncWithAudio(videoframe frame) { return r.syncWithAudio(&frame); }
@@ -67,8 +75,14 @@ struct VideoTunnelRendererPeer {
     int64_t anchorMediaTimeUs() const { return r.mAnchorMediaTimeUs; }
     int64_t pauseMediaTimeUs() const { return r.mPauseMediaTimeUs; }
     size_t queued() const { return r.mVideoFrameInputQueue.size(); }
-    size_t pendingRenderTimes() const { return r.mRenderTimeList.size(); }
-    const rendertime& lastRenderTime() const { return r.mRenderTimeList.back(); }
+    size_t pendingRenderTimes() const {
+        size_t count = 0;
+        for (const auto* entry = r.mRenderTimeList.front(); entry != nullptr; entry = entry->next) {
+            ++count;
+        }
+        return count;
+    }
+    rendertime oldestRenderTime() const { return r.mRenderTimeList.front()->shown; }
 };
 
 namespace korvane::test {

@@ -1,7 +1,7 @@
 #!/bin/sh
 # SPDX-License-Identifier: Apache-2.0
-# What the renderer library exports, imports by name and is called, that it reaches its own functions
-# directly, and for which processor (as uname calls it) it is made:
+# What the renderer library exports, imports by name and is called, that lack of memory does not end
+# it, that it reaches its own functions directly, and for which processor (as uname calls it) it is made:
 # check_symbols.sh LIBRARY [PROCESSOR]
 # Fails and prints the difference when the built symbols are not those of the lists beside this
 # script. A list gives a common prefix and what follows it; "(whole)" stands for no prefix.
@@ -36,6 +36,12 @@ compare exports "$(nm -D --defined-only --format=posix "$library" | awk '{print 
 compare imports "$(nm -D --undefined-only "$library" |
     awk '$1 == "U" && $2 !~ /@|^_ZNK?St|^_ZSt|^_Zn[aw]|^_Zd[al]|^__cxa_/ {print $2}' |
     LC_ALL=C sort)"
+
+# It has no exceptions: memory is asked for with std::nothrow, and its lack is handled where it is met.
+if nm -D --undefined-only "$library" | grep -E ' _Zn[aw][jm](@|$)'; then
+    echo "the operators above would end the process when there is no memory" >&2
+    status=1
+fi
 
 # Its calls of its own functions are bound: no relocation names one of them.
 functions=$(nm -D --defined-only "$library" | awk '$2 ~ /[TW]/ {print $3}')
