@@ -18,9 +18,9 @@ std::string written(const Value& value) {
 
 }  // namespace
 
-JsonValue::JsonValue(double value) : mText(written(value)) {}
+JsonValue::JsonValue(double value) : mKind(Kind::Literal), mText(written(value)) {}
 
-JsonValue::JsonValue(std::initializer_list<JsonValue> items) : mKind(Kind::Array), mText() {
+JsonValue::JsonValue(std::initializer_list<JsonValue> items) : mKind(Kind::Array) {
     const auto isMember = [](const JsonValue& item) {
         return item.mKind == Kind::Array && item.mItems.size() == 2 &&
                item.mItems[0].mKind == Kind::String;
@@ -36,13 +36,13 @@ JsonValue::JsonValue(std::initializer_list<JsonValue> items) : mKind(Kind::Array
 }
 
 JsonValue JsonValue::rounded(double value) {
-    JsonValue json;
-    json.mText = std::isfinite(value) ? fmt::format("{:.9g}", value) : "null";
+    JsonValue json(std::isfinite(value) ? Kind::Literal : Kind::Null);
+    json.mText = fmt::format("{:.9g}", value);
     return json;
 }
 
 JsonValue& JsonValue::operator[](const std::string& key) {
-    if (isNull()) {
+    if (mKind == Kind::Null) {
         *this = object();
     }
     const auto at = std::find(mKeys.begin(), mKeys.end(), key) - mKeys.begin();
@@ -54,7 +54,7 @@ JsonValue& JsonValue::operator[](const std::string& key) {
 }
 
 void JsonValue::push_back(JsonValue item) {
-    if (isNull()) {
+    if (mKind == Kind::Null) {
         *this = array();
     }
     mItems.push_back(std::move(item));
@@ -67,8 +67,8 @@ std::string JsonValue::dump(int indent) const {
 }
 
 void JsonValue::write(std::string* out, int indent, size_t depth) const {
-    if (mKind == Kind::Literal || mKind == Kind::String) {
-        *out += mKind == Kind::String ? written(mText) : mText;
+    if (mKind != Kind::Array && mKind != Kind::Object) {
+        *out += mKind == Kind::Null ? "null" : mKind == Kind::String ? written(mText) : mText;
         return;
     }
     const bool isObject = mKind == Kind::Object;

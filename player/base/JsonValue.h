@@ -18,15 +18,15 @@ namespace korvane::player {
 class JsonValue {
 public:
     JsonValue(std::nullptr_t = nullptr) {}
-    JsonValue(bool value) : mText(value ? "true" : "false") {}
+    JsonValue(bool value) : mKind(Kind::Literal), mText(value ? "true" : "false") {}
     JsonValue(double value);
     template <typename Integer, std::enable_if_t<std::is_integral_v<Integer>, int> = 0>
-    JsonValue(Integer value) : mText(std::to_string(value)) {}
+    JsonValue(Integer value) : mKind(Kind::Literal), mText(std::to_string(value)) {}
     JsonValue(const char* text) : JsonValue(std::string(text)) {}
     JsonValue(std::string text) : mKind(Kind::String), mText(std::move(text)) {}
     template <typename Item>
     JsonValue(const std::vector<Item>& items)
-        : mKind(Kind::Array), mText(), mItems(items.begin(), items.end()) {}
+        : mKind(Kind::Array), mItems(items.begin(), items.end()) {}
     /// An object if every item is a pair that begins with a string, else an array.
     JsonValue(std::initializer_list<JsonValue> items);
     static JsonValue array() { return JsonValue(Kind::Array); }
@@ -44,14 +44,13 @@ public:
     std::string dump(int indent = -1) const;
 
 private:
-    enum class Kind { Literal, String, Array, Object };
+    enum class Kind { Null, Literal, String, Array, Object };
 
-    explicit JsonValue(Kind kind) : mKind(kind), mText() {}
-    bool isNull() const { return mKind == Kind::Literal && mText == "null"; }
+    explicit JsonValue(Kind kind) : mKind(kind) {}
     void write(std::string* out, int indent, size_t depth) const;
 
-    Kind mKind = Kind::Literal;
-    std::string mText = "null";
+    Kind mKind = Kind::Null;
+    std::string mText;
     std::vector<JsonValue> mItems;
     /// Of an object: the key of each item.
     std::vector<std::string> mKeys;
