@@ -10,10 +10,13 @@ find_package(Boost REQUIRED)
 find_package(nlohmann_json REQUIRED)
 find_package(fmt REQUIRED)
 
-# Debian builds its {fmt} library with libstdc++. With libc++ each file compiles all of {fmt} from
-# its headers; elsewhere that would take six seconds a file instead of half a second.
+# Debian builds its {fmt} library with libstdc++; its headers hold all of it, for another build.
 if(KORVANE_LIBCXX)
-    add_library(korvane::fmt ALIAS fmt::fmt-header-only)
+    add_library(korvane_fmt STATIC "${CMAKE_CURRENT_LIST_DIR}/FmtLibrary.cpp")
+    target_include_directories(korvane_fmt SYSTEM PUBLIC
+        $<TARGET_PROPERTY:fmt::fmt-header-only,INTERFACE_INCLUDE_DIRECTORIES>)
+    target_compile_features(korvane_fmt PUBLIC cxx_std_17)
+    add_library(korvane::fmt ALIAS korvane_fmt)
 else()
     add_library(korvane::fmt ALIAS fmt::fmt)
 endif()

@@ -18,7 +18,7 @@ struct Unit {
     double us;
 };
 constexpr Unit kUnits[] = {{"us", 1.0}, {"ms", 1e3}, {"s", 1e6}, {"m", 60e6}, {"h", 3600e6}};
-constexpr double kSecondUs = 1e6;
+constexpr double kUsPerSecond = 1e6;
 
 std::string fixed(double value, int decimals) {
     char text[64];
@@ -65,7 +65,7 @@ std::optional<double> durationUs(const std::string& text) {
     const std::string digits = text.substr(sign ? 1 : 0);
     double us = 0.0;
     if (const auto bareSeconds = parseDecimal(digits)) {
-        us = *bareSeconds * kSecondUs;
+        us = *bareSeconds * kUsPerSecond;
     } else {
         size_t position = 0;
         do {

@@ -6,17 +6,15 @@
 
 #include <algorithm>
 #include <cmath>
-#include <nlohmann/json.hpp>
 #include <ostream>
 
+#include "player/base/JsonValue.h"
 #include "player/base/Text.h"
 #include "player/base/Units.h"
 #include "player/report/Words.h"
 
 namespace korvane::player {
 namespace {
-
-using ComparisonJson = nlohmann::ordered_json;
 
 /// A browser still scrolls so many rows.
 constexpr size_t kMostRows = 20'000;
@@ -60,8 +58,8 @@ std::string escaped(const std::string& text) {
     return html;
 }
 
-ComparisonJson sideOf(const ComparedRun& run, const LoggedPlayback& log) {
-    ComparisonJson side;
+JsonValue sideOf(const ComparedRun& run, const LoggedPlayback& log) {
+    JsonValue side;
     side["name"] = printable(run.name);
     side["event_hash"] = log.hash;
     side["grade"] = toString(run.summary.grade);
@@ -71,18 +69,17 @@ ComparisonJson sideOf(const ComparedRun& run, const LoggedPlayback& log) {
 }
 
 /// A number where it is one: counts and times are whole.
-ComparisonJson valueOf(const Figure& figure, double value) {
+JsonValue valueOf(const Figure& figure, double value) {
     const bool whole = figure.unit == FigureUnit::Count || figure.unit == FigureUnit::Microseconds;
-    return whole ? ComparisonJson(std::llround(value))
-                 : ComparisonJson::parse(fmt::format("{:.9g}", value));
+    return whole ? JsonValue(std::llround(value)) : JsonValue::rounded(value);
 }
 
-ComparisonJson frameOf(const ComparedRun& run, const std::optional<size_t>& number) {
+JsonValue frameOf(const ComparedRun& run, const std::optional<size_t>& number) {
     if (!number) {
         return nullptr;
     }
     const LoggedFrame& frame = run.log.frames[*number];
-    ComparisonJson json;
+    JsonValue json;
     json["frame"] = *number;
     json["outcome"] = toString(frame.outcome);
     if (frame.outcome == Outcome::Dropped) {
@@ -197,7 +194,7 @@ void printComparison(std::ostream& out, const ComparedPair& pair, bool frames) {
 
 void writeComparisonJson(std::ostream& out, const ComparedPair& pair) {
     const Comparison& comparison = pair.comparison;
-    ComparisonJson json;
+    JsonValue json;
     json["schema_version"] = 1;
     json["result"] = toString(comparison.result);
     json["verdict"] = comparison.verdict;
@@ -212,7 +209,7 @@ void writeComparisonJson(std::ostream& out, const ComparedPair& pair) {
         json["figures"][figure.key] = {{"a", valueOf(figure, figure.a)},
                                        {"b", valueOf(figure, figure.b)}};
     }
-    json["frames"] = ComparisonJson::array();
+    json["frames"] = JsonValue::array();
     for (const auto& frame : comparison.frames) {
         json["frames"].push_back({{"media_us", frame.mediaTimeUs},
                                   {"a", frameOf(pair.a, frame.a)},

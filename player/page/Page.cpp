@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "player/page/Page.h"
 
-#include <nlohmann/json.hpp>
 #include <ostream>
 #include <sstream>
 #include <string_view>
 #include <utility>
 
+#include "player/base/JsonValue.h"
 #include "player/page/PageAssets.h"
 #include "player/report/EventLine.h"
 #include "player/report/LipSync.h"
@@ -15,12 +15,10 @@
 namespace korvane::player {
 namespace {
 
-using Json = nlohmann::ordered_json;
-
 /// JSON that may stand in a script element: no "</script>" can end it.
-std::string inScript(const Json& json) {
+std::string inScript(const JsonValue& json) {
     std::string text;
-    for (const char c : json.dump(-1, ' ', false, Json::error_handler_t::replace)) {
+    for (const char c : json.dump()) {
         c == '<' ? text.append("\\u003c") : text.append(1, c);
     }
     return text;
@@ -69,14 +67,14 @@ void fill(std::ostream& out, std::string_view html, const std::vector<Fill>& mar
     }
 }
 
-Json columnJson(PageColumn* column) {
+JsonValue columnJson(PageColumn* column) {
     return {{"rows", column->rows()},
             {"from", static_cast<int>(column->prediction())},
             {"data", column->finish()}};
 }
 
-Json framesJson(PageRecorder* recorder) {
-    Json columns = Json::object();
+JsonValue framesJson(PageRecorder* recorder) {
+    JsonValue columns = JsonValue::object();
     auto column = recorder->frames().begin();
     for (const LedgerColumn& of : kLedger) {
         columns[of.name] = columnJson(&*column++);
@@ -84,16 +82,16 @@ Json framesJson(PageRecorder* recorder) {
     return columns;
 }
 
-Json breaksJson(PageRecorder* recorder) {
+JsonValue breaksJson(PageRecorder* recorder) {
     auto& breaks = recorder->breaks();
     return {{"frame", columnJson(&breaks.frame)},       {"dwell", columnJson(&breaks.dwell)},
             {"expected", columnJson(&breaks.expected)}, {"kind", columnJson(&breaks.kind)},
             {"cause", columnJson(&breaks.cause)},       {"text", breaks.texts.finish()}};
 }
 
-Json stretchesJson(const PageRecorder& recorder) {
+JsonValue stretchesJson(const PageRecorder& recorder) {
     constexpr const char* kBegins[] = {"section", "mode_change", "rate_change"};
-    Json all = Json::array();
+    JsonValue all = JsonValue::array();
     for (const auto& [firstFrame, report] : recorder.stretches()) {
         all.push_back({{"first_frame", firstFrame},
                        {"section", report.section},
@@ -114,17 +112,17 @@ Json stretchesJson(const PageRecorder& recorder) {
     return all;
 }
 
-Json happenedJson(const PageRecorder& recorder, const PlaybackRecord& record) {
+JsonValue happenedJson(const PageRecorder& recorder, const PlaybackRecord& record) {
     const auto sinceStart = [&record](int64_t ns) { return (ns - record.startNs) / 1000; };
     const int64_t startUs = record.startNs / 1000;
-    Json json;
-    json["sections"] = Json::array();
+    JsonValue json;
+    json["sections"] = JsonValue::array();
     for (const auto& section : record.sections) {
         json["sections"].push_back(
             {sinceStart(section.beganNs),
              section.audioStartedRealUs < 0 ? -1 : section.audioStartedRealUs - startUs});
     }
-    json["stops"] = Json::array();
+    json["stops"] = JsonValue::array();
     for (const auto& seen : recorder.stops()) {
         const ClockStop& stop = seen.stop;
         json["stops"].push_back({{"from_us", stop.fromUs - startUs},
@@ -135,16 +133,16 @@ Json happenedJson(const PageRecorder& recorder, const PlaybackRecord& record) {
                                  {"next_frame", seen.next.frameNo},
                                  {"next_us", seen.next.atUs}});
     }
-    json["actions"] = Json::array();
+    json["actions"] = JsonValue::array();
     for (const auto& action : recorder.actions()) {
         json["actions"].push_back(
             {sinceStart(action.timeNs), static_cast<int>(action.kind), action.first, action.text});
     }
-    json["patterns"] = Json::array();
+    json["patterns"] = JsonValue::array();
     for (const auto& pattern : recorder.log().patterns()) {
         json["patterns"].push_back({sinceStart(pattern.timeNs), pattern.name});
     }
-    json["log"] = Json::array();
+    json["log"] = JsonValue::array();
     for (const auto& kept : recorder.log().lines()) {
         const std::string& text = kept.line.text;
         json["log"].push_back({sinceStart(kept.timeNs), kept.line.priority, kept.line.tag,
@@ -154,8 +152,8 @@ Json happenedJson(const PageRecorder& recorder, const PlaybackRecord& record) {
     return json;
 }
 
-Json wordsJson() {
-    Json words;
+JsonValue wordsJson() {
+    JsonValue words;
     for (int i = 0; i < kOutcomes; ++i) {
         words["outcome"].push_back(inWords(toString(static_cast<Outcome>(i))));
     }
@@ -174,8 +172,8 @@ Json wordsJson() {
     return words;
 }
 
-Json dropsJson(const Summary& summary) {
-    Json drops = Json::array();
+JsonValue dropsJson(const Summary& summary) {
+    JsonValue drops = JsonValue::array();
     for (const auto& [reason, group] : summary.drops) {
         drops.push_back({{"reason", inWords(toString(reason))},
                          {"frames", group.runs.frames},
@@ -187,8 +185,8 @@ Json dropsJson(const Summary& summary) {
     return drops;
 }
 
-Json bandsJson() {
-    Json bands = Json::array();
+JsonValue bandsJson() {
+    JsonValue bands = JsonValue::array();
     const std::pair<const char*, LipSyncBand> all[] = {
         {"EBU R37", kEbuBand},
         {"ITU-R BT.1359-1, detectable", kItuDetectableBand},
@@ -206,19 +204,12 @@ std::string textReport(const PlaybackRecord& record, const Summary& summary,
     return text.str();
 }
 
-Json summaryJson(const Origin& origin, const PlaybackRecord& record, const Summary& summary,
-                 const tv::TraceReport& trace) {
-    std::ostringstream text;
-    writeJson(text, origin, record, summary, trace);
-    return Json::parse(text.str());
-}
-
 }  // namespace
 
 void writePage(std::ostream& out, const PageHeading& heading, const Origin& origin,
                const PlaybackRecord& record, const Summary& summary, const tv::TraceReport& trace,
                PageRecorder* recorder) {
-    Json data;
+    JsonValue data;
     data["page_version"] = kPageVersion;
     data["name"] = heading.name;
     data["about"] = heading.about;
@@ -261,9 +252,9 @@ void writeUnfinishedPage(std::ostream& out, const std::string& name) {
 }
 
 void writeIndex(std::ostream& out, const std::vector<IndexEntry>& entries, size_t planned) {
-    Json data;
+    JsonValue data;
     data["planned"] = planned;
-    data["entries"] = Json::array();
+    data["entries"] = JsonValue::array();
     for (const auto& entry : entries) {
         data["entries"].push_back({{"name", entry.name},
                                    {"about", entry.about},

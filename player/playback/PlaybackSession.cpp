@@ -18,7 +18,7 @@ constexpr int kPassthroughInit = 0x10000;
 constexpr int kLowestRate = 1;
 constexpr int kHighestRate = 6000;
 /// A frame's time where the source tells no rate.
-constexpr int64_t kDefaultFrameUs = 40'000;
+constexpr int64_t kUnknownFrameUs = 40'000;
 /// How often finished frames are collected.
 constexpr int64_t kCollectNs = 1'000'000'000;
 /// Longest wait after a flush for the library to let go of what it had. Last come the frames that
@@ -30,7 +30,7 @@ constexpr int64_t kLongPastUs = 1'000'000;
 constexpr int64_t kAudioWaitUs = 1'000'000;
 
 int64_t frameUs(const MediaInfo& info) {
-    return info.frameRateHz > 0.0 ? static_cast<int64_t>(1e6 / info.frameRateHz) : kDefaultFrameUs;
+    return info.frameRateHz > 0.0 ? static_cast<int64_t>(1e6 / info.frameRateHz) : kUnknownFrameUs;
 }
 
 }  // namespace

@@ -7,6 +7,7 @@
 #include <iosfwd>
 #include <string>
 
+#include "player/base/JsonValue.h"
 #include "player/playback/Playback.h"
 #include "player/report/LedgerColumns.h"
 #include "player/report/Summary.h"
@@ -34,8 +35,11 @@ struct Origin {
 /// docs/summary.schema.json describes every key.
 constexpr int kSummarySchemaVersion = 1;
 
-/// The summary as one flat JSON object, one key per line. Bytes of a file name that are no UTF-8
-/// become U+FFFD.
+/// The summary as one flat JSON object.
+JsonValue summaryJson(const Origin& origin, const PlaybackRecord& record, const Summary& summary,
+                      const tv::TraceReport& trace);
+
+/// The same as text, one key per line. Bytes of a file name that are no UTF-8 become U+FFFD.
 void writeJson(std::ostream& out, const Origin& origin, const PlaybackRecord& record,
                const Summary& summary, const tv::TraceReport& trace);
 

@@ -3,25 +3,18 @@
 // docs/summary.schema.json describes them.
 #include <fmt/core.h>
 
-#include <nlohmann/json.hpp>
 #include <ostream>
 #include <string>
 
+#include "player/base/JsonValue.h"
 #include "player/base/Text.h"
 #include "player/report/Report.h"
 
 namespace korvane::player {
 namespace {
 
-using Json = nlohmann::ordered_json;
-
-/// With nine digits: what a rate has beyond them is rounding.
-Json rounded(double value) {
-    return Json::parse(fmt::format("{:.9g}", value));
-}
-
-void addStretch(Json* json, const std::string& prefix, const StretchReport& stretch) {
-    Json& to = *json;
+void addStretch(JsonValue* json, const std::string& prefix, const StretchReport& stretch) {
+    JsonValue& to = *json;
     to[prefix + "pattern"] = stretch.seen;
     to[prefix + "held"] = stretch.cadence.held;
     to[prefix + "held_after_us"] = stretch.heldAfterUs;
@@ -31,8 +24,8 @@ void addStretch(Json* json, const std::string& prefix, const StretchReport& stre
     to[prefix + "second_frame_us"] = stretch.secondFrameUs;
 }
 
-void addStreams(Json* json, const MediaInfo& media) {
-    Json& to = *json;
+void addStreams(JsonValue* json, const MediaInfo& media) {
+    JsonValue& to = *json;
     to["streams"] = media.streams.size();
     to["programs"] = media.programs.size();
     to["video_stream"] = media.videoStream;
@@ -47,8 +40,8 @@ void addStreams(Json* json, const MediaInfo& media) {
     to["stream_changes"] = media.changes.size();
 }
 
-void addOrigin(Json* json, const Origin& origin) {
-    Json& to = *json;
+void addOrigin(JsonValue* json, const Origin& origin) {
+    JsonValue& to = *json;
     to["schema_version"] = kSummarySchemaVersion;
     to["version"] = origin.version;
     to["command_line"] = origin.commandLine;
@@ -61,27 +54,27 @@ void addOrigin(Json* json, const Origin& origin) {
     }
 }
 
-void addPlayback(Json* json, const PlaybackRecord& record, const Summary& summary) {
-    Json& to = *json;
+void addPlayback(JsonValue* json, const PlaybackRecord& record, const Summary& summary) {
+    JsonValue& to = *json;
     to["verdict"] = summary.verdict;
     to["grade"] = toString(summary.grade);
     to["ok"] = summary.ok();
     to["even"] = summary.even;
-    to["in_sync"] = summary.inSync ? Json(*summary.inSync) : Json();
+    to["in_sync"] = summary.inSync ? JsonValue(*summary.inSync) : JsonValue();
     to["complete"] = summary.complete;
     to["end"] = toString(record.end);
     to["file"] = record.media.path;
     addStreams(json, record.media);
-    to["content_hz"] = rounded(summary.contentHz);
-    to["display_hz"] = rounded(summary.displayHz);
+    to["content_hz"] = JsonValue::rounded(summary.contentHz);
+    to["display_hz"] = JsonValue::rounded(summary.displayHz);
     to["with_audio"] = record.withAudio;
     to["passthrough"] = record.passthrough;
 }
 
-void addCadence(Json* json, const Summary& summary) {
-    Json& to = *json;
+void addCadence(JsonValue* json, const Summary& summary) {
+    JsonValue& to = *json;
     to["expected_pattern"] = summary.expected.name();
-    to["seconds_per_slip"] = rounded(summary.expected.secondsPerSlip());
+    to["seconds_per_slip"] = JsonValue::rounded(summary.expected.secondsPerSlip());
     to["dwells_by_arithmetic"] = summary.byArithmetic;
     to["dwells_unexpected"] = summary.unexpected;
     to["dwells_unexpected_explained"] = summary.explained();
@@ -93,14 +86,14 @@ void addCadence(Json* json, const Summary& summary) {
     to["ongoing_breaks"] = summary.ongoing.breaks;
     to["ongoing_from_us"] = summary.ongoing.breaks > 0 ? summary.ongoing.fromUs : -1;
     to["ongoing_to_us"] = summary.ongoing.breaks > 0 ? summary.ongoing.toUs : -1;
-    to["visible_breaks_per_minute"] = rounded(summary.visibleBreaksPerMinute);
+    to["visible_breaks_per_minute"] = JsonValue::rounded(summary.visibleBreaksPerMinute);
     to["judder_mean_error_us"] = summary.judder.meanErrorUs;
     to["longest_freeze_us"] = summary.judder.longestFreezeUs;
     to["longest_freeze_frame"] = summary.judder.longestFreezeFrame;
     to["freeze_score"] = summary.judder.freezeScore;
-    to["freeze_rate"] = rounded(summary.judder.freezeRate);
+    to["freeze_rate"] = JsonValue::rounded(summary.judder.freezeRate);
     to["judder_score"] = summary.judder.judderScore;
-    to["judder_rate"] = rounded(summary.judder.judderRate);
+    to["judder_rate"] = JsonValue::rounded(summary.judder.judderRate);
     // Published as "sections", for flushes were all that ended a stretch.
     to["sections"] = summary.stretches.size();
     for (size_t i = 0; i < summary.stretches.size(); ++i) {
@@ -108,8 +101,8 @@ void addCadence(Json* json, const Summary& summary) {
     }
 }
 
-void addFrames(Json* json, const Summary& summary) {
-    Json& to = *json;
+void addFrames(JsonValue* json, const Summary& summary) {
+    JsonValue& to = *json;
     to["frames_in"] = summary.framesIn;
     for (int i = 0; i < kOutcomes; ++i) {
         const auto outcome = static_cast<Outcome>(i);
@@ -123,22 +116,24 @@ void addFrames(Json* json, const Summary& summary) {
     }
 }
 
-void addLipSync(Json* json, const LipSync& lipSync) {
-    Json& to = *json;
+void addLipSync(JsonValue* json, const LipSync& lipSync) {
+    JsonValue& to = *json;
     to["lip_sync_samples"] = lipSync.samples;
     to["lip_sync_median_us"] = lipSync.medianUs;
     to["lip_sync_p99_us"] = lipSync.p99MagnitudeUs;
     to["lip_sync_worst_us"] = lipSync.worstUs;
     to["lip_sync_worst_frame"] = lipSync.worst.frameNo;
     to["lip_sync_display_median_us"] = lipSync.displayMedianUs;
-    to["lip_sync_seconds_judged"] = rounded(lipSync.secondsJudged);
-    to["lip_sync_seconds_outside_ebu"] = rounded(lipSync.secondsOutsideEbu);
-    to["lip_sync_seconds_outside_itu_detectable"] = rounded(lipSync.secondsOutsideItuDetectable);
-    to["lip_sync_seconds_outside_itu_acceptable"] = rounded(lipSync.secondsOutsideItuAcceptable);
+    to["lip_sync_seconds_judged"] = JsonValue::rounded(lipSync.secondsJudged);
+    to["lip_sync_seconds_outside_ebu"] = JsonValue::rounded(lipSync.secondsOutsideEbu);
+    to["lip_sync_seconds_outside_itu_detectable"] =
+        JsonValue::rounded(lipSync.secondsOutsideItuDetectable);
+    to["lip_sync_seconds_outside_itu_acceptable"] =
+        JsonValue::rounded(lipSync.secondsOutsideItuAcceptable);
 }
 
-void addAudioAndBuffers(Json* json, const PlaybackRecord& record, const Summary& summary) {
-    Json& to = *json;
+void addAudioAndBuffers(JsonValue* json, const PlaybackRecord& record, const Summary& summary) {
+    JsonValue& to = *json;
     to["av_offset_samples"] = summary.offset.us.samples;
     to["av_offset_median_us"] = summary.offset.us.median;
     to["av_offset_p99_us"] = summary.offset.us.p99;
@@ -164,9 +159,9 @@ void addAudioAndBuffers(Json* json, const PlaybackRecord& record, const Summary&
 
 }  // namespace
 
-void writeJson(std::ostream& out, const Origin& origin, const PlaybackRecord& record,
-               const Summary& summary, const tv::TraceReport& trace) {
-    Json json = Json::object();
+JsonValue summaryJson(const Origin& origin, const PlaybackRecord& record, const Summary& summary,
+                      const tv::TraceReport& trace) {
+    JsonValue json = JsonValue::object();
     addOrigin(&json, origin);
     addPlayback(&json, record, summary);
     addCadence(&json, summary);
@@ -175,7 +170,12 @@ void writeJson(std::ostream& out, const Origin& origin, const PlaybackRecord& re
     addAudioAndBuffers(&json, record, summary);
     json["trace_events"] = trace.written;
     json["trace_lost"] = trace.lost;
-    out << json.dump(2, ' ', false, Json::error_handler_t::replace) << "\n";
+    return json;
+}
+
+void writeJson(std::ostream& out, const Origin& origin, const PlaybackRecord& record,
+               const Summary& summary, const tv::TraceReport& trace) {
+    out << summaryJson(origin, record, summary, trace).dump(2) << "\n";
 }
 
 }  // namespace korvane::player

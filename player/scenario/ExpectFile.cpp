@@ -145,8 +145,8 @@ Expectations parseExpectations(const std::vector<std::string>& arguments) {
         text += tomlLine(argument);
     }
     const std::string noFile;
-    const toml::table parsed = parseToml(text, noFile);
-    TomlTable table(noFile, "", parsed);
+    const auto parsed = parseToml(text, noFile);
+    TomlTable table(noFile, "", *parsed);
     Expectations expect;
     readExpectations(table, &expect);
     return expect;

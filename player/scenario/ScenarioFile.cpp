@@ -292,14 +292,14 @@ std::string folderOf(const std::string& path) {
 }  // namespace
 
 Scenario parseScenario(const std::string& text, const std::string& path) {
-    const toml::table parsed = parseToml(text, path);
+    const auto parsed = parseToml(text, path);
     Scenario scenario;
     scenario.path = path;
     scenario.name = nameOf(path);
     ContentPlan& content = scenario.content;
     PlaybackPlan& plan = scenario.plan;
     FaultSpans faults;
-    TomlTable root(scenario.path, "", parsed);
+    TomlTable root(scenario.path, "", *parsed);
     // A misspelt table would leave its defaults to the checks of the others.
     root.finish({"title", "holds", "expect"},
                 {"content", "display", "audio", "player", "tunnel", "passthrough", "run"});

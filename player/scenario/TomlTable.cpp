@@ -2,6 +2,7 @@
 #include "player/scenario/TomlTable.h"
 
 #include <fmt/ranges.h>
+#include <toml++/toml.h>
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
@@ -48,9 +49,9 @@ std::string place(const std::string& file, uint32_t line) {
 
 }  // namespace
 
-toml::table parseToml(const std::string& text, const std::string& file) {
+std::shared_ptr<const toml::table> parseToml(const std::string& text, const std::string& file) {
     try {
-        return toml::parse(text, file);
+        return std::make_shared<toml::table>(toml::parse(text, file));
     } catch (const toml::parse_error& error) {
         std::string what(error.description());
         std::replace(what.begin(), what.end(), '\n', ' ');

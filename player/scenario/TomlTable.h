@@ -8,10 +8,11 @@
 #pragma once
 
 #include <fmt/format.h>
-#include <toml++/toml.h>
+#include <toml++/impl/forward_declarations.h>
 #include <cstdint>
 #include <functional>
 #include <initializer_list>
+#include <memory>
 #include <optional>
 #include <set>
 #include <string>
@@ -27,7 +28,7 @@ namespace korvane::player {
 
 /// @param file  named in messages; empty: none
 /// @throws ScenarioError
-toml::table parseToml(const std::string& text, const std::string& file);
+std::shared_ptr<const toml::table> parseToml(const std::string& text, const std::string& file);
 
 class TomlTable {
 public:
