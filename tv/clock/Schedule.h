@@ -120,6 +120,8 @@ public:
     virtual void acquired(Sync what, const void* object, const void* code) = 0;
     virtual void released(Sync what, const void* object, const void* code) = 0;
     virtual void switched(int32_t to) = 0;
+    /// A descriptor was closed that is not open.
+    virtual void closedAgain(int descriptor, const void* code) = 0;
 };
 
 }  // namespace korvane::tv

@@ -172,6 +172,11 @@ public:
         ordered(RunObserver::Sync::Descriptor, &mDescriptors, nullptr);
         descriptorsChanged();
     }
+    void closedAgain(int descriptor, const void* code = KORVANE_CALLER) {
+        if (mOptions.observer != nullptr) {
+            mOptions.observer->closedAgain(descriptor, code);
+        }
+    }
 
     // exploring
     /// A point of preemption.

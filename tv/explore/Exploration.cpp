@@ -44,6 +44,8 @@ const char* nameOf(ExploredFault::Kind kind) {
             return "memory leak";
         case ExploredFault::Kind::DescriptorLeak:
             return "descriptor leak";
+        case ExploredFault::Kind::ClosedTwice:
+            return "descriptor closed twice";
     }
     return "";
 }
@@ -159,6 +161,15 @@ void Exploration::released(Sync, const void* object, const void*) {
 void Exploration::switched(int32_t to) {
     mDetectors->current = &mDetectors->thread(to);
     mDetectors->currentNumber = to;
+}
+
+void Exploration::closedAgain(int descriptor, const void* code) {
+    if (descriptor >= 0) {
+        mDetectors->report({ExploredFault::Kind::ClosedTwice,
+                            "a descriptor is closed that is not open",
+                            {{"closed", mDetectors->here(code)}},
+                            0});
+    }
 }
 
 }  // namespace korvane::tv

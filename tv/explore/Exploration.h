@@ -11,6 +11,7 @@
 //   UseAfterFree  an access to a block that was freed in this run, or freed twice
 //   Outside       an access next to a block of memory
 //   MemoryLeak, DescriptorLeak   what is left at the end of a run
+//   ClosedTwice   a descriptor is closed that is not open
 //
 // It also counts coverage: pairs of places in the code that access the same object on two threads,
 // seen in both orders.
@@ -45,7 +46,8 @@ struct ExploredFault {
         UseAfterFree,
         Outside,
         MemoryLeak,
-        DescriptorLeak
+        DescriptorLeak,
+        ClosedTwice
     };
 
     Kind kind = Kind::Race;
@@ -105,6 +107,7 @@ public:
     void acquired(Sync what, const void* object, const void* code) override;
     void released(Sync what, const void* object, const void* code) override;
     void switched(int32_t to) override;
+    void closedAgain(int descriptor, const void* code) override;
 
     struct Detectors;
     Detectors& detectors() { return *mDetectors; }

@@ -31,10 +31,26 @@ int64_t drawAwayNs(Seed& seed, const RandomOptions& options) {
 bool Strategy::next() {
     ++mRun;
     mDeviations.clear();
+    mAwayNs = 0;
     mAskFrom = 0;
+    if (mMirror != nullptr) {
+        mMirror->count = 0;
+    }
     const bool another = begin();
     mRun -= another ? 0 : 1;
     return another;
+}
+
+void Strategy::record(const Deviation& deviation) {
+    mDeviations.push_back(deviation);
+    mAwayNs += deviation.awayNs;
+    if (mMirror != nullptr) {
+        const size_t count = mMirror->count;
+        if (count < DeviationMirror::kMost) {
+            mMirror->deviations[count] = deviation;
+        }
+        mMirror->count = count + 1;
+    }
 }
 
 Preemption Strategy::preempt(const SchedulePoint& point, const ThreadList& runnable) {
@@ -49,7 +65,7 @@ Preemption Strategy::preempt(const SchedulePoint& point, const ThreadList& runna
 size_t Strategy::choose(const ScheduleChoice& choice) {
     const size_t chosen = decideChoice(choice);
     if (chosen != 0) {
-        mDeviations.push_back({choice.thread, choice.threadStep, choice.threads[chosen], 0, false});
+        record({choice.thread, choice.threadStep, choice.threads[chosen], 0, false});
     }
     return chosen;
 }
@@ -57,7 +73,7 @@ size_t Strategy::choose(const ScheduleChoice& choice) {
 bool Strategy::wakesSpuriously(int32_t thread, uint64_t threadStep) {
     const bool wakes = decideSpurious(thread, threadStep);
     if (wakes) {
-        mDeviations.push_back({thread, threadStep, 0, 0, true});
+        record({thread, threadStep, 0, 0, true});
     }
     return wakes;
 }
@@ -70,7 +86,7 @@ RandomWalk::RandomWalk(const RandomOptions& options, uint32_t preemptions)
 bool RandomWalk::begin() {
     mSeed = seedOf(mOptions, run());
     const double often = mPreemptions != 0 ? mPreemptions / 65536.0
-                                           : 0.125 / static_cast<double>(1U << mSeed.below(8));
+                                           : 0.5 / static_cast<double>(1U << mSeed.below(10));
     mLogStay = std::log1p(-std::min(often, 0.999'999));
     mAskFrom = gap();
     return true;
@@ -101,8 +117,11 @@ bool RandomWalk::decideSpurious(int32_t, uint64_t) {
 
 // ---- priorities ----
 
-Pct::Pct(const RandomOptions& options, int depth)
-    : mOptions(options), mDepth(depth), mSeed(options.seed) {}
+Pct::Pct(const RandomOptions& options, int depth, uint64_t points)
+    : mOptions(options),
+      mDepth(depth),
+      mPoints(std::max<uint64_t>(points, 1)),
+      mSeed(options.seed) {}
 
 bool Pct::begin() {
     mSeed = seedOf(mOptions, run());
@@ -114,11 +133,6 @@ bool Pct::begin() {
     }
     std::sort(mChangesToCome.rbegin(), mChangesToCome.rend());
     return true;
-}
-
-void Pct::ended(uint64_t points) {
-    mPoints = run() == 1 ? points : std::max(mPoints, points);
-    mPoints = std::max<uint64_t>(mPoints, 1);
 }
 
 void Pct::becameRunnable(int32_t) {

@@ -9,7 +9,7 @@
 //   Replay       the schedule that a text says
 //
 // Each records in what a run differed from the default; a Replay of that gives the same run. One
-// object serves many runs: `next` before each, `ended` after it.
+// object serves many runs: `next` before each.
 #pragma once
 
 #include <memory>
@@ -25,6 +25,14 @@
 
 namespace korvane::tv {
 
+/// Plain data, for memory that processes share. Deviations beyond its end are only counted.
+struct DeviationMirror {
+    static constexpr size_t kMost = 4096;
+
+    volatile size_t count = 0;
+    Deviation deviations[kMost];
+};
+
 class KORVANE_EXPLORE_API Strategy : public Schedule {
 public:
     /// Prepares the next run.
@@ -34,12 +42,17 @@ public:
     /// Which run that is, from 1.
     uint64_t run() const { return mRun; }
 
-    /// Tells how the run went.
-    /// @param points  that it had
-    virtual void ended(uint64_t points) { (void)points; }
+    /// The next run is this one. A random strategy's runs depend on seed and number only.
+    void startAt(uint64_t run) { mRun = run - 1; }
 
     /// The run's schedule so far.
     const std::vector<Deviation>& deviations() const { return mDeviations; }
+
+    /// For how long the schedule has kept threads away in this run, added up.
+    int64_t awayNs() const { return mAwayNs; }
+
+    /// Copies each deviation there when it is decided, for a process that survives this one.
+    void mirrorTo(DeviationMirror* mirror) { mMirror = mirror; }
 
     Preemption preempt(const SchedulePoint& point, const ThreadList& runnable) final;
     size_t choose(const ScheduleChoice& choice) final;
@@ -52,8 +65,12 @@ protected:
     virtual bool decideSpurious(int32_t thread, uint64_t threadStep) = 0;
 
 private:
+    void record(const Deviation& deviation);
+
     uint64_t mRun = 0;
+    int64_t mAwayNs = 0;
     std::vector<Deviation> mDeviations;
+    DeviationMirror* mMirror = nullptr;
 };
 
 /// What the random strategies share.
@@ -69,7 +86,7 @@ struct RandomOptions {
 
 class KORVANE_EXPLORE_API RandomWalk : public Strategy {
 public:
-    /// @param preemptions  how many of 65536 points preempt; 0: each run another, from every eighth
+    /// @param preemptions  how many of 65536 points preempt; 0: each run another, from every second
     ///                     point to every 1024th
     explicit RandomWalk(const RandomOptions& options, uint32_t preemptions = 0);
 
@@ -90,10 +107,10 @@ private:
 
 class KORVANE_EXPLORE_API Pct : public Strategy {
 public:
-    /// @param depth  of the bugs looked for: 1 needs only an order of the threads
-    Pct(const RandomOptions& options, int depth);
+    /// @param depth   of the bugs looked for: 1 needs only an order of the threads
+    /// @param points  k, about as many as a run has
+    Pct(const RandomOptions& options, int depth, uint64_t points);
 
-    void ended(uint64_t points) override;
     void becameRunnable(int32_t thread) override;
 
 protected:
@@ -108,8 +125,8 @@ private:
 
     const RandomOptions mOptions;
     const int mDepth;
+    const uint64_t mPoints;
     Seed mSeed;
-    uint64_t mPoints = 1000;               ///< k: the most that a run had
     std::vector<int64_t> mPriorities;      ///< by thread; 0: not drawn yet
     std::vector<uint64_t> mChangesToCome;  ///< indices of points, the next one last
     int64_t mLowest = 0;
