@@ -56,6 +56,9 @@ Scheduler::~Scheduler() {
     for (const auto& fiber : mFibers) {
         mStacks.giveBack(fiber->stack);
     }
+    for (const FiberStack& stack : mKeptStacks) {
+        mStacks.giveBack(stack);
+    }
     gFiberSlots = nullptr;
 }
 
@@ -227,8 +230,12 @@ void Scheduler::arrive(const transfer_t& from) {
     mErrno = mCurrent->savedErrno;
     std::memcpy(mExceptions, &mCurrent->savedExceptions, sizeof(mCurrent->savedExceptions));
     if (Fiber* const ended = std::exchange(mEnded, nullptr)) {
-        if (mOptions.observer == nullptr) {  // which would take the next thread for this one
-            mStacks.giveBack(std::exchange(ended->stack, {}));
+        // An observer would take the next thread on this stack for the one that ended.
+        const FiberStack stack = std::exchange(ended->stack, {});
+        if (mOptions.observer == nullptr) {
+            mStacks.giveBack(stack);
+        } else {
+            mKeptStacks.push_back(stack);
         }
         if (ended->detached) {
             forget(ended);
@@ -405,6 +412,7 @@ std::string Scheduler::run(const std::function<void()>& program) {
     create(&thread, nullptr, routine, const_cast<std::function<void()>*>(&program));
     mAbandoning = true;
     Fiber* const fiber = find(thread);
+    fiber->name = "program";
     while (mFailure.empty() && !fiber->finished) {
         block(WaitFor::Join, fiber, kNever);
     }

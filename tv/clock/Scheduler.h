@@ -306,7 +306,8 @@ private:
     Fiber mEnd;  ///< sentinel deadline at `longestRunNs`
     std::vector<std::unique_ptr<Fiber>> mFibers;
     FiberStacks& mStacks;
-    Fiber* mEnded = nullptr;  ///< has just ended; its stack is free after the switch
+    std::vector<FiberStack> mKeptStacks;  ///< of ended threads, until the run ends
+    Fiber* mEnded = nullptr;              ///< has just ended; its stack is free after the switch
     int64_t mLiving = 0;
     int& mErrno;              ///< the kernel thread's
     void* const mExceptions;  ///< the kernel thread's, as the C++ ABI lays them out

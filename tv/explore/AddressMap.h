@@ -16,7 +16,7 @@ public:
     /// The entry of an address, cleared where it is new. Valid until the next call.
     Value& at(const void* address) {
         size_t index = hash(address);
-        for (; mSlots[index].generation == mGeneration; index = (index + 1) % mSlots.size()) {
+        for (; mSlots[index].generation == mGeneration; index = (index + 1) & mMask) {
             if (mSlots[index].address == address) {
                 return mSlots[index].value;
             }
@@ -46,24 +46,28 @@ private:
     };
 
     size_t hash(const void* address) const {
-        return ((reinterpret_cast<uintptr_t>(address) * 0x9e3779b97f4a7c15) >> 32) % mSlots.size();
+        return ((reinterpret_cast<uintptr_t>(address) * 0x9e3779b97f4a7c15) >> 32) & mMask;
     }
 
     void grow() {
         std::vector<Slot> old(2 * mSlots.size());
         std::swap(old, mSlots);
+        mMask = mSlots.size() - 1;
         for (Slot& slot : old) {
             if (slot.generation == mGeneration) {
                 size_t index = hash(slot.address);
                 while (mSlots[index].generation == mGeneration) {
-                    index = (index + 1) % mSlots.size();
+                    index = (index + 1) & mMask;
                 }
                 mSlots[index] = std::move(slot);
             }
         }
     }
 
-    std::vector<Slot> mSlots{1024};
+    static constexpr size_t kFirstSlots = 1024;  // a power of two, as all their numbers
+
+    std::vector<Slot> mSlots{kFirstSlots};
+    size_t mMask = kFirstSlots - 1;
     uint64_t mGeneration = 1;
     size_t mUsed = 0;
 };

@@ -16,12 +16,12 @@ public:
     /// The stack of a thread that has called nothing.
     static constexpr StackId kEmpty = 0;
 
-    CallStacks() : mNodes(1), mSlots(1024) {}
+    CallStacks() : mNodes(1), mSlots(kFirstSlots) {}
 
     /// @param caller  the instruction behind the call
     StackId enter(StackId from, const void* caller) {
         size_t index = slotOf(from, caller);
-        for (; mSlots[index] != 0; index = (index + 1) % mSlots.size()) {
+        for (; mSlots[index] != 0; index = (index + 1) & mMask) {
             const Node& node = mNodes[mSlots[index]];
             if (node.caller == caller && node.parent == from) {
                 return mSlots[index];
@@ -49,7 +49,7 @@ private:
 
     size_t slotOf(StackId from, const void* caller) const {
         const uint64_t key = reinterpret_cast<uintptr_t>(caller) + (uint64_t{from} << 40);
-        return ((key * 0x9e3779b97f4a7c15) >> 32) % mSlots.size();
+        return ((key * 0x9e3779b97f4a7c15) >> 32) & mMask;
     }
 
     StackId add(StackId from, const void* caller, size_t index) {
@@ -58,10 +58,11 @@ private:
         mSlots[index] = added;
         if (2 * mNodes.size() > mSlots.size()) {
             mSlots.assign(2 * mSlots.size(), 0);
+            mMask = mSlots.size() - 1;
             for (StackId node = 1; node < mNodes.size(); ++node) {
                 index = slotOf(mNodes[node].parent, mNodes[node].caller);
                 while (mSlots[index] != 0) {
-                    index = (index + 1) % mSlots.size();
+                    index = (index + 1) & mMask;
                 }
                 mSlots[index] = node;
             }
@@ -69,6 +70,9 @@ private:
         return added;
     }
 
+    static constexpr size_t kFirstSlots = 1024;  // a power of two, as all their numbers
+
+    size_t mMask = kFirstSlots - 1;
     std::vector<Node> mNodes;
     std::vector<StackId> mSlots;
 };

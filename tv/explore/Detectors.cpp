@@ -71,6 +71,7 @@ void noteInstrumented(const void* code) {
 
 void ThreadState::clear() {
     clock.clear();
+    now = 0;
     fenceReleased.clear();
     loaded.clear();
     stack = CallStacks::kEmpty;
@@ -101,35 +102,14 @@ void Exploration::Detectors::findVariables() {
 
 // ---- accesses ----
 
-void Exploration::Detectors::access(Step step, const void* object, size_t bytes, const void* code) {
-    current->lastCode = code;
-    const auto address = reinterpret_cast<uintptr_t>(object);
-    for (CheckedRange& range : ranges) {
-        if (address - range.begin < range.bytes) {
-            check(range, address, bytes,
-                  {code, current->stack, now(), static_cast<uint16_t>(currentNumber), 0,
-                   step == Step::Write, false});
-            return;
-        }
-    }
-}
-
 /// Orders as the memory model says; an order that is stronger than what the program asked for never
 /// hides a race, because only the order asked for is followed here.
 void Exploration::Detectors::atomic(Step step, const void* object, size_t bytes, int order,
                                     const void* code) {
     current->lastCode = code;
-    const auto address = reinterpret_cast<uintptr_t>(object);
     const bool loads = step != Step::AtomicStore;
     const bool stores = step != Step::AtomicLoad;
-    for (CheckedRange& range : ranges) {
-        if (address - range.begin < range.bytes) {
-            check(range, address, bytes,
-                  {code, current->stack, now(), static_cast<uint16_t>(currentNumber), 0, stores,
-                   true});
-            break;
-        }
-    }
+    check(reinterpret_cast<uintptr_t>(object), bytes, accessNow(code, stores, true));
     SyncState& sync = syncs.at(object);
     if (loads) {
         const bool acquires = order != __ATOMIC_RELAXED && order != __ATOMIC_RELEASE;
@@ -158,14 +138,8 @@ void Exploration::Detectors::fence(int order) {
     }
 }
 
-void Exploration::Detectors::check(CheckedRange& range, uintptr_t object, size_t bytes,
-                                   KeptAccess access) {
-    if (&range == ranges.data() && !heap.living(reinterpret_cast<const void*>(object), bytes)) {
-        reportMemory(reinterpret_cast<const void*>(object), access.code);
-        return;
-    }
-    size_t at = object - range.begin;
-    const size_t end = std::min(at + bytes, range.bytes);
+void Exploration::Detectors::checkMore(const CheckedRange& range, size_t at, size_t end,
+                                       KeptAccess access) {
     while (at < end) {
         const size_t first = at % kGranule;
         const size_t count = std::min(kGranule - first, end - at);
@@ -175,23 +149,21 @@ void Exploration::Detectors::check(CheckedRange& range, uintptr_t object, size_t
     }
 }
 
-void Exploration::Detectors::check(AccessCell& cell, const KeptAccess& access) {
+void Exploration::Detectors::keep(AccessCell& cell, const KeptAccess& access) {
     if (cell.run != run) {
         cell.run = run;
         cell.count = 1;
+        cell.latest = 0;
         cell.kept[0] = access;
         return;
     }
-    const KeptAccess& latest = cell.kept[cell.count - 1];
-    if (latest.thread == access.thread && latest.time == access.time && latest.standsFor(access)) {
-        return;
-    }
+    const KeptAccess latest = cell.kept[cell.latest];
     if (latest.thread != access.thread && (latest.writes || access.writes) &&
         (latest.bytes & access.bytes) != 0) {
         cover(latest, access);
     }
-    uint32_t left = 0;
-    for (uint32_t i = 0; i < cell.count; ++i) {
+    uint16_t left = 0;
+    for (uint16_t i = 0; i < cell.count; ++i) {
         const KeptAccess& kept = cell.kept[i];
         const bool ordered =
             kept.thread == access.thread || kept.time <= current->clock.of(kept.thread);
@@ -207,7 +179,8 @@ void Exploration::Detectors::check(AccessCell& cell, const KeptAccess& access) {
         --left;
     }
     cell.kept[left] = access;
-    cell.count = left + 1;
+    cell.latest = left;
+    cell.count = static_cast<uint16_t>(left + 1);
 }
 
 void Exploration::Detectors::cover(const KeptAccess& first, const KeptAccess& second) {
@@ -262,12 +235,8 @@ ThreadState& Exploration::Detectors::thread(int32_t number) {
     return threads[static_cast<size_t>(number)];
 }
 
-uint32_t Exploration::Detectors::now() const {
-    return current->clock.of(static_cast<uint32_t>(currentNumber));
-}
-
 void Exploration::Detectors::tick() {
-    current->clock.set(static_cast<uint32_t>(currentNumber), now() + 1);
+    current->clock.set(static_cast<uint32_t>(currentNumber), ++current->now);
 }
 
 void Exploration::Detectors::release(const void* object) {
@@ -361,9 +330,13 @@ void Exploration::Detectors::reportRace(const KeptAccess& first, const KeptAcces
     const auto placeOf = [](const KeptAccess& access) {
         return CodePlace{access.code, access.stack, access.thread};
     };
+    // One text for both orders.
+    const bool swap = std::pair(second.writes, first.code) > std::pair(first.writes, second.code);
+    const KeptAccess& one = swap ? second : first;
+    const KeptAccess& other = swap ? first : second;
     report({ExploredFault::Kind::Race,
             "data race",
-            {{words(first), placeOf(first)}, {words(second), placeOf(second)}},
+            {{words(one), placeOf(one)}, {words(other), placeOf(other)}},
             0});
 }
 
@@ -475,12 +448,16 @@ void Exploration::Detectors::resolve() {
         for (const auto& [what, place] : found.places) {
             std::vector<const void*> codes = stacks.callers(place.stack);
             codes.insert(codes.begin(), place.code);
-            const std::vector<std::string> names = placesOf(codes);
+            const std::vector<SourcePlace> calls = placesOf(codes);
+            // In the program's own words: not std::atomic's, but where that is used.
+            const auto own = std::find_if(calls.begin(), calls.end(),
+                                          [](const SourcePlace& call) { return !call.ofSystem; });
             fault.what += std::string(fault.details.empty() ? ": " : ", ") +
-                          what.substr(0, what.find(" by thread")) + " " + names.front();
+                          what.substr(0, what.find(" by thread")) + " " +
+                          (own != calls.end() ? own : calls.begin())->text;
             fault.details += "  " + what + "\n";
-            for (const std::string& name : names) {
-                fault.details += "    " + name + "\n";
+            for (const SourcePlace& call : calls) {
+                fault.details += "    " + call.text + "\n";
             }
         }
     }

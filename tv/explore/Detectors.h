@@ -47,7 +47,8 @@ struct AccessCell {
     static constexpr size_t kKept = 4;
 
     uint32_t run;
-    uint32_t count;
+    uint16_t count;
+    uint16_t latest;  ///< index
     std::array<KeptAccess, kKept> kept;
 };
 
@@ -60,6 +61,7 @@ struct CheckedRange {
 
 struct ThreadState {
     VectorClock clock;
+    uint32_t now = 0;           ///< the clock's own entry
     VectorClock fenceReleased;  ///< by the last fence that releases
     VectorClock loaded;         ///< by atomic loads that wait for a fence
     StackId stack = CallStacks::kEmpty;
@@ -99,7 +101,11 @@ struct Exploration::Detectors {
     Detectors& operator=(const Detectors&) = delete;
 
     // accesses
-    void access(Step step, const void* object, size_t bytes, const void* code);
+    void access(Step step, const void* object, size_t bytes, const void* code) {
+        current->lastCode = code;
+        check(reinterpret_cast<uintptr_t>(object), bytes,
+              accessNow(code, step == Step::Write, false));
+    }
     void atomic(Step step, const void* object, size_t bytes, int order, const void* code);
     void fence(int order);
     void enter(const void* caller) {
@@ -153,10 +159,41 @@ struct Exploration::Detectors {
     std::unordered_map<uint64_t, uint8_t> pairs;    ///< orders seen of a pair of places
 
 private:
-    /// The calling thread's time.
-    uint32_t now() const;
-    void check(CheckedRange& range, uintptr_t object, size_t bytes, KeptAccess access);
-    void check(AccessCell& cell, const KeptAccess& access);
+    KeptAccess accessNow(const void* code, bool writes, bool isAtomic) const {
+        return {code, current->stack, current->now, static_cast<uint16_t>(currentNumber),
+                0,    writes,         isAtomic};
+    }
+    /// Checks an access where it is checked at all.
+    void check(uintptr_t object, size_t bytes, const KeptAccess& access) {
+        for (CheckedRange& range : ranges) {
+            if (object - range.begin < range.bytes) {
+                check(range, object, bytes, access);
+                return;
+            }
+        }
+    }
+    void check(const CheckedRange& range, uintptr_t object, size_t bytes, KeptAccess access) {
+        const size_t at = object - range.begin;
+        const size_t first = at % Heap::kGranule;
+        if (&range == ranges.data() && !heap.living(reinterpret_cast<const void*>(object), bytes)) {
+            reportMemory(reinterpret_cast<const void*>(object), access.code);
+        } else if (first + bytes <= Heap::kGranule) {
+            access.bytes = static_cast<uint8_t>(((1U << bytes) - 1) << first);
+            check(range.cells[at / Heap::kGranule], access);
+        } else {
+            checkMore(range, at, std::min(at + bytes, range.bytes), access);
+        }
+    }
+    void checkMore(const CheckedRange& range, size_t at, size_t end, KeptAccess access);
+    /// The same again says nothing new.
+    void check(AccessCell& cell, const KeptAccess& access) {
+        const KeptAccess& latest = cell.kept[cell.latest];
+        if (!KORVANE_LIKELY(cell.run == run && latest.thread == access.thread &&
+                            latest.time == access.time && latest.standsFor(access))) {
+            keep(cell, access);
+        }
+    }
+    void keep(AccessCell& cell, const KeptAccess& access);
     void cover(const KeptAccess& first, const KeptAccess& second);
     void reportRace(const KeptAccess& first, const KeptAccess& second);
     void reportMemory(const void* object, const void* code);

@@ -107,7 +107,11 @@ std::vector<const void*> Exploration::callStack() const {
 }
 
 std::vector<std::string> Exploration::places(const std::vector<const void*>& codes) {
-    return placesOf(codes);
+    std::vector<std::string> texts;
+    for (const SourcePlace& place : placesOf(codes)) {
+        texts.push_back(place.text);
+    }
+    return texts;
 }
 
 void Exploration::happensBefore(const void* object) {
@@ -135,7 +139,7 @@ void Exploration::created(int32_t thread, int32_t) {
     ThreadState& made = d.thread(thread);
     made.clear();
     made.clock.join(d.current->clock);
-    made.clock.set(static_cast<uint32_t>(thread), 1);
+    made.clock.set(static_cast<uint32_t>(thread), made.now = 1);
     d.tick();
 }
 

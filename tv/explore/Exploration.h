@@ -109,7 +109,7 @@ public:
     void switched(int32_t to) override;
     void closedAgain(int descriptor, const void* code) override;
 
-    struct Detectors;
+    struct __attribute__((visibility("hidden"))) Detectors;
     Detectors& detectors() { return *mDetectors; }
 
 private:

@@ -39,64 +39,97 @@ std::string placeWithoutLines(const Dl_info& library, const void* code) {
     return text + fileName(library.dli_fname) + "+" + hexadecimal(offsetIn(library, code));
 }
 
+constexpr char kSystem[] = "/usr/";
+
+/// "f" of "(anonymous namespace)::f(int (*)(int)) const".
+std::string withoutArguments(std::string function) {
+    constexpr char kAnonymous[] = "(anonymous namespace)::";
+    constexpr char kCall[] = "operator()";
+    for (size_t at = 0; (at = function.find(kAnonymous)) != std::string::npos;) {
+        function.erase(at, sizeof(kAnonymous) - 1);
+    }
+    size_t begin = function.find_last_of(')') + 1;
+    int open = 0;
+    do {
+        open += begin == 0 ? 0 : (function[begin - 1] == ')') - (function[begin - 1] == '(');
+        begin -= begin == 0 ? 0 : 1;
+    } while (open > 0 && begin > 0);
+    const size_t name = sizeof(kCall) - 3;  // without its brackets
+    const bool isCall = begin >= name && function.compare(begin - name, name + 2, kCall) == 0;
+    return begin == 0 || isCall ? function : function.substr(0, begin);
+}
+
 /// "function(arguments) at folder/file:line (discriminator 2)" as "function file:line"; empty where
 /// the line is not known.
-std::string shortened(const std::string& answer) {
+SourcePlace shortened(const std::string& answer) {
     const size_t at = answer.rfind(" at ");
     if (at == std::string::npos || answer.find(":?") != std::string::npos ||
         answer.find("??") != std::string::npos) {
         return {};
     }
-    const std::string function = answer.substr(0, answer.find('('));
-    const std::string file = fileName(answer.substr(at + 4));
-    return function + " " + file.substr(0, file.find(' '));
+    const std::string function = withoutArguments(answer.substr(0, at));
+    const std::string path = answer.substr(at + 4);
+    const std::string file = fileName(path);
+    return {function + " " + file.substr(0, file.find(' ')), path.rfind(kSystem, 0) == 0};
 }
 
 /// @param offsets  in the file
 /// @return answers by offset
-std::map<size_t, std::string> askAddr2line(const std::string& file,
+std::map<size_t, SourcePlace> askAddr2line(const std::string& file,
                                            const std::vector<size_t>& offsets) {
-    std::string command = "addr2line -a -C -f -p -e '" + file + "'";
+    constexpr char kInlined[] = " (inlined by) ";
+    std::string command = "addr2line -a -C -f -i -p -e '" + file + "'";
     for (const size_t offset : offsets) {
         command += " " + hexadecimal(offset);
     }
-    std::map<size_t, std::string> answers;
+    std::map<size_t, SourcePlace> answers;
     const std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen((command + " 2>/dev/null").c_str(), "r"),
                                                      pclose);
+    SourcePlace* latest = nullptr;
     char line[4096];
     while (pipe != nullptr && std::fgets(line, sizeof(line), pipe.get()) != nullptr) {
-        char* rest = nullptr;
-        const size_t offset = std::strtoull(line, &rest, 16);
-        std::string answer = rest + 1;
+        std::string answer = line;
         answer.erase(answer.find_last_not_of('\n') + 1);
-        answers[offset] = shortened(answer.substr(answer.find_first_not_of(' ')));
+        if (answer.rfind(kInlined, 0) == 0) {
+            const SourcePlace outer = shortened(answer.substr(sizeof(kInlined) - 1));
+            if (latest != nullptr && latest->ofSystem && !outer.text.empty()) {
+                *latest = outer;
+            }
+            continue;
+        }
+        const size_t begin = answer.find(": ");
+        latest = &answers[std::strtoull(line, nullptr, 16)];
+        *latest = shortened(begin != std::string::npos ? answer.substr(begin + 2) : answer);
     }
     return answers;
 }
 
 }  // namespace
 
-std::vector<std::string> placesOf(const std::vector<const void*>& codes) {
-    static auto& known = *new std::map<const void*, std::string>;
-    std::map<std::string, std::vector<size_t>> toAsk;
+std::vector<SourcePlace> placesOf(const std::vector<const void*>& codes) {
+    static auto& known = *new std::map<const void*, SourcePlace>{{nullptr, {}}};
+    std::map<std::string, std::map<size_t, const void*>> toAsk;
     for (const void* code : codes) {
         Dl_info library{};
         if (known.count(code) == 0 && dladdr(code, &library) != 0) {
-            known[code] = placeWithoutLines(library, code);
-            toAsk[library.dli_fname].push_back(offsetIn(library, code));
+            known[code] = {placeWithoutLines(library, code), true};
+            toAsk[library.dli_fname][offsetIn(library, code)] = code;
         }
     }
-    std::map<std::string, std::map<size_t, std::string>> answers;
-    for (const auto& [file, offsets] : toAsk) {
-        answers[file] = askAddr2line(file, offsets);
+    for (const auto& [file, asked] : toAsk) {
+        std::vector<size_t> offsets;
+        for (const auto& [offset, code] : asked) {
+            offsets.push_back(offset);
+        }
+        for (const auto& [offset, place] : askAddr2line(file, offsets)) {
+            const auto code = asked.find(offset);
+            if (code != asked.end() && !place.text.empty()) {
+                known[code->second] = place;
+            }
+        }
     }
-    std::vector<std::string> places;
+    std::vector<SourcePlace> places;
     for (const void* code : codes) {
-        Dl_info library{};
-        if (code != nullptr && dladdr(code, &library) != 0) {
-            const std::string& line = answers[library.dli_fname][offsetIn(library, code)];
-            known[code] = line.empty() ? known[code] : line;
-        }
         places.push_back(known[code]);
     }
     return places;

@@ -134,6 +134,19 @@ TEST(ExhaustiveTest, VisitsEverySchedule) {
     }
 }
 
+/// Addresses differ from run to run, and nothing is used up.
+TEST(ExplorationTest, ThousandsOfRunsAreTheSame) {
+    tv::Exploration exploration;
+    RandomWalk walk({}, 16384);
+    ASSERT_TRUE(walk.next());
+    const Outcome first = runOnce(walk, countsLocked, &exploration);
+    for (int i = 0; i < 20'000; ++i) {
+        walk.startAt(1);
+        ASSERT_TRUE(walk.next());
+        ASSERT_EQ(first.trace, runOnce(walk, countsLocked, &exploration).trace) << i;
+    }
+}
+
 struct Detected {
     const char* name;
     Program program;
