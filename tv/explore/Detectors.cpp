@@ -97,7 +97,10 @@ Exploration::Detectors::~Detectors() {
 }
 
 void Exploration::Detectors::findVariables() {
-    dl_iterate_phdr(addVariables, &ranges);
+    if (librariesFound != instrumentedCode().size()) {
+        librariesFound = instrumentedCode().size();
+        dl_iterate_phdr(addVariables, &ranges);
+    }
 }
 
 // ---- accesses ----
@@ -184,13 +187,15 @@ void Exploration::Detectors::keep(AccessCell& cell, const KeptAccess& access) {
 }
 
 void Exploration::Detectors::cover(const KeptAccess& first, const KeptAccess& second) {
+    constexpr uint8_t kBoth = 3;
     const auto one = reinterpret_cast<uintptr_t>(first.code);
     const auto other = reinterpret_cast<uintptr_t>(second.code);
-    const uint64_t key = std::min(one, other) * 0x9e3779b97f4a7c15 + std::max(one, other);
-    pairs[key] |= one <= other ? 1 : 2;
-    if (one == other) {
-        pairs[key] = 3;
-    }
+    const uintptr_t key = std::min(one, other) * 0x9e3779b97f4a7c15 + std::max(one, other);
+    PairOrders& orders = pairs.at(reinterpret_cast<const void*>(key));
+    const uint8_t before = orders.seen;
+    orders.seen |= one == other ? kBoth : one < other ? 1 : 2;
+    coverage.pairs += before == 0 ? 1 : 0;
+    coverage.inBothOrders += before != kBoth && orders.seen == kBoth ? 1 : 0;
 }
 
 // ---- memory ----
@@ -245,7 +250,8 @@ void Exploration::Detectors::release(const void* object) {
 }
 
 void Exploration::Detectors::take(RunObserver::Sync what, const void* object, const void* code) {
-    acquire(object);
+    SyncState& sync = syncs.at(object);
+    current->clock.join(sync.clock);
     if (what != RunObserver::Sync::Mutex && what != RunObserver::Sync::OtherLock) {
         return;
     }
@@ -256,7 +262,6 @@ void Exploration::Detectors::take(RunObserver::Sync what, const void* object, co
                            0xff,
                            true,
                            true};
-    SyncState& sync = syncs.at(object);
     if (sync.last.code != nullptr && sync.last.thread != taken.thread) {
         cover(sync.last, taken);
     }

@@ -87,6 +87,13 @@ struct LockEdge {
     CodePlace takenAt;
 };
 
+/// A bit for each order in which a pair of places was seen.
+struct PairOrders {
+    uint8_t seen = 0;
+
+    void clear() { seen = 0; }
+};
+
 struct FoundFault {
     ExploredFault::Kind kind;
     std::string title;
@@ -156,7 +163,9 @@ struct Exploration::Detectors {
     std::vector<ExploredFault> faults;
     std::vector<FoundFault> unresolved;
     std::unordered_map<std::string, size_t> known;  ///< faults by their places
-    std::unordered_map<uint64_t, uint8_t> pairs;    ///< orders seen of a pair of places
+    AddressMap<PairOrders> pairs;                   ///< by a hash of the two places
+    PairCoverage coverage;
+    size_t librariesFound = 0;
 
 private:
     KeptAccess accessNow(const void* code, bool writes, bool isAtomic) const {

@@ -92,10 +92,7 @@ const std::vector<ExploredFault>& Exploration::faults() const {
 }
 
 PairCoverage Exploration::coverage() const {
-    const auto& pairs = mDetectors->pairs;
-    const auto both = std::count_if(pairs.begin(), pairs.end(),
-                                    [](const auto& pair) { return pair.second == 3; });
-    return {pairs.size(), static_cast<size_t>(both)};
+    return mDetectors->coverage;
 }
 
 const std::vector<HeldLock>& Exploration::heldLocks() const {
