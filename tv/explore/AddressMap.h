@@ -14,7 +14,8 @@ template <typename Value>
 class AddressMap {
 public:
     /// The entry of an address, cleared where it is new. Valid until the next call.
-    Value& at(const void* address) {
+    Value& at(const void* address) { return at(reinterpret_cast<uintptr_t>(address)); }
+    Value& at(uintptr_t address) {
         size_t index = hash(address);
         for (; mSlots[index].generation == mGeneration; index = (index + 1) & mMask) {
             if (mSlots[index].address == address) {
@@ -40,14 +41,12 @@ public:
 
 private:
     struct Slot {
-        const void* address = nullptr;
+        uintptr_t address = 0;
         uint64_t generation = 0;
         Value value;
     };
 
-    size_t hash(const void* address) const {
-        return ((reinterpret_cast<uintptr_t>(address) * 0x9e3779b97f4a7c15) >> 32) & mMask;
-    }
+    size_t hash(uintptr_t address) const { return ((address * 0x9e3779b97f4a7c15) >> 32) & mMask; }
 
     void grow() {
         std::vector<Slot> old(2 * mSlots.size());

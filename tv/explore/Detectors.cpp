@@ -51,7 +51,9 @@ int addVariables(dl_phdr_info* library, size_t, void* to) {
     }
     for (int i = 0; i < library->dlpi_phnum; ++i) {
         const ElfW(Phdr)& segment = library->dlpi_phdr[i];
-        const uintptr_t begin = (library->dlpi_addr + segment.p_vaddr) / kGranule * kGranule;
+        // NOLINTNEXTLINE(performance-no-int-to-ptr): the loader tells addresses as numbers.
+        const auto* const begin = reinterpret_cast<const char*>(
+            (library->dlpi_addr + segment.p_vaddr) / kGranule * kGranule);
         const bool known =
             std::any_of(ranges.begin(), ranges.end(),
                         [begin](const CheckedRange& range) { return range.begin == begin; });
@@ -85,8 +87,7 @@ void SyncState::clear() {
 }
 
 Exploration::Detectors::Detectors() : threads(1) {
-    ranges.push_back({reinterpret_cast<uintptr_t>(heap.arena()), Heap::kArenaBytes,
-                      mapCells(Heap::kArenaBytes)});
+    ranges.push_back({heap.arena(), Heap::kArenaBytes, mapCells(Heap::kArenaBytes)});
     current = &threads.front();
 }
 
@@ -112,7 +113,7 @@ void Exploration::Detectors::atomic(Step step, const void* object, size_t bytes,
     current->lastCode = code;
     const bool loads = step != Step::AtomicStore;
     const bool stores = step != Step::AtomicLoad;
-    check(reinterpret_cast<uintptr_t>(object), bytes, accessNow(code, stores, true));
+    check(static_cast<const char*>(object), bytes, accessNow(code, stores, true));
     SyncState& sync = syncs.at(object);
     if (loads) {
         const bool acquires = order != __ATOMIC_RELAXED && order != __ATOMIC_RELEASE;
@@ -191,7 +192,7 @@ void Exploration::Detectors::cover(const KeptAccess& first, const KeptAccess& se
     const auto one = reinterpret_cast<uintptr_t>(first.code);
     const auto other = reinterpret_cast<uintptr_t>(second.code);
     const uintptr_t key = std::min(one, other) * 0x9e3779b97f4a7c15 + std::max(one, other);
-    PairOrders& orders = pairs.at(reinterpret_cast<const void*>(key));
+    PairOrders& orders = pairs.at(key);
     const uint8_t before = orders.seen;
     orders.seen |= one == other ? kBoth : one < other ? 1 : 2;
     coverage.pairs += before == 0 ? 1 : 0;
@@ -396,7 +397,7 @@ void Exploration::Detectors::report(FoundFault fault) {
 std::vector<bool> Exploration::Detectors::reachable() {
     const auto& blocks = heap.blocks();
     std::vector<bool> reached(blocks.size());
-    std::vector<std::pair<uintptr_t, size_t>> toScan;
+    std::vector<std::pair<const char*, size_t>> toScan;
     for (size_t i = 1; i < ranges.size(); ++i) {
         toScan.emplace_back(ranges[i].begin, ranges[i].bytes - kGranule);
     }
@@ -404,11 +405,11 @@ std::vector<bool> Exploration::Detectors::reachable() {
         const auto [begin, bytes] = toScan.back();
         toScan.pop_back();
         for (size_t at = 0; at + sizeof(void*) <= bytes; at += sizeof(void*)) {
-            const void* const pointer = *reinterpret_cast<void* const*>(begin + at);
+            const void* const pointer = *reinterpret_cast<const void* const*>(begin + at);
             const HeapBlock* const block = heap.contains(pointer) ? heap.near(pointer) : nullptr;
             if (block != nullptr && block->living && !reached[heap.indexOf(*block)]) {
                 reached[heap.indexOf(*block)] = true;
-                toScan.emplace_back(reinterpret_cast<uintptr_t>(block->begin), block->bytes);
+                toScan.emplace_back(block->begin, block->bytes);
             }
         }
     }

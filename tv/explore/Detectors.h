@@ -54,9 +54,11 @@ struct AccessCell {
 
 /// Memory whose accesses are kept: the arena, or the variables of a library.
 struct CheckedRange {
-    uintptr_t begin = 0;
+    const char* begin = nullptr;
     size_t bytes = 0;
     AccessCell* cells = nullptr;
+
+    size_t offset(const char* address) const { return static_cast<size_t>(address - begin); }
 };
 
 struct ThreadState {
@@ -110,8 +112,7 @@ struct Exploration::Detectors {
     // accesses
     void access(Step step, const void* object, size_t bytes, const void* code) {
         current->lastCode = code;
-        check(reinterpret_cast<uintptr_t>(object), bytes,
-              accessNow(code, step == Step::Write, false));
+        check(static_cast<const char*>(object), bytes, accessNow(code, step == Step::Write, false));
     }
     void atomic(Step step, const void* object, size_t bytes, int order, const void* code);
     void fence(int order);
@@ -173,19 +174,19 @@ private:
                 0,    writes,         isAtomic};
     }
     /// Checks an access where it is checked at all.
-    void check(uintptr_t object, size_t bytes, const KeptAccess& access) {
+    void check(const char* object, size_t bytes, const KeptAccess& access) {
         for (CheckedRange& range : ranges) {
-            if (object - range.begin < range.bytes) {
+            if (range.offset(object) < range.bytes) {
                 check(range, object, bytes, access);
                 return;
             }
         }
     }
-    void check(const CheckedRange& range, uintptr_t object, size_t bytes, KeptAccess access) {
-        const size_t at = object - range.begin;
+    void check(const CheckedRange& range, const char* object, size_t bytes, KeptAccess access) {
+        const size_t at = range.offset(object);
         const size_t first = at % Heap::kGranule;
-        if (&range == ranges.data() && !heap.living(reinterpret_cast<const void*>(object), bytes)) {
-            reportMemory(reinterpret_cast<const void*>(object), access.code);
+        if (&range == ranges.data() && !heap.living(object, bytes)) {
+            reportMemory(object, access.code);
         } else if (first + bytes <= Heap::kGranule) {
             access.bytes = static_cast<uint8_t>(((1U << bytes) - 1) << first);
             check(range.cells[at / Heap::kGranule], access);

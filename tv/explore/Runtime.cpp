@@ -23,7 +23,6 @@
 
 namespace {
 
-using korvane::tv::Exploration;
 using korvane::tv::gDetectors;
 using korvane::tv::gScheduler;
 using korvane::tv::Step;
@@ -279,22 +278,23 @@ KORVANE_DELETE((void* block, size_t, std::align_val_t))
 
 // The guards of static variables: released out of sight, by the C++ library.
 
-KORVANE_RUNTIME int __cxa_guard_acquire(int64_t*);
-KORVANE_RUNTIME void __cxa_guard_release(int64_t*);
+// The C++ ABI's own; C++ libraries declare them with different types.
+extern "C" int acquireGuard(void* guard) __asm__("__cxa_guard_acquire");
+extern "C" void releaseGuard(void* guard) __asm__("__cxa_guard_release");
 
-KORVANE_RUNTIME int __wrap___cxa_guard_acquire(int64_t* guard) {
-    const int mine = __cxa_guard_acquire(guard);
+KORVANE_RUNTIME int __wrap___cxa_guard_acquire(void* guard) {
+    const int mine = acquireGuard(guard);
     if (mine == 0 && gDetectors != nullptr) {
         gDetectors->acquire(guard);
     }
     return mine;
 }
 
-KORVANE_RUNTIME void __wrap___cxa_guard_release(int64_t* guard) {
+KORVANE_RUNTIME void __wrap___cxa_guard_release(void* guard) {
     if (gDetectors != nullptr) {
         gDetectors->release(guard);
     }
-    __cxa_guard_release(guard);
+    releaseGuard(guard);
 }
 
 // NOLINTEND(bugprone-reserved-identifier,bugprone-macro-parentheses)
