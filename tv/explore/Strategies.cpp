@@ -4,6 +4,8 @@
 #include <algorithm>
 #include <cmath>
 
+#include "tv/explore/SharedPlaces.h"
+
 namespace korvane::tv {
 namespace {
 
@@ -32,7 +34,8 @@ bool Strategy::next() {
     ++mRun;
     mDeviations.clear();
     mAwayNs = 0;
-    mAskFrom = 0;
+    mPointsThere = 0;
+    askAgainFrom(0);
     if (mMirror != nullptr) {
         mMirror->count = 0;
     }
@@ -53,7 +56,17 @@ void Strategy::record(const Deviation& deviation) {
     }
 }
 
-Preemption Strategy::preempt(const SchedulePoint& point, const ThreadList& runnable) {
+Preemption Strategy::preempt(const SchedulePoint& reached, const ThreadList& runnable) {
+    SchedulePoint point = reached;
+    if (mPlaces != nullptr) {
+        if (!mPlaces->has(point)) {
+            return {};
+        }
+        point.index = mPointsThere++;
+        if (point.index < mNext) {
+            return {};
+        }
+    }
     const Preemption decided = decidePoint(point, runnable);
     if (decided.awayNs != Preemption::kStay && (decided.awayNs > 0 || decided.next != 0)) {
         mDeviations.push_back(
@@ -88,7 +101,7 @@ bool RandomWalk::begin() {
     const double often = mPreemptions != 0 ? mPreemptions / 65536.0
                                            : 0.5 / static_cast<double>(1U << mSeed.below(10));
     mLogStay = std::log1p(-std::min(often, 0.999'999));
-    mAskFrom = gap();
+    askAgainFrom(gap());
     return true;
 }
 
@@ -99,7 +112,7 @@ uint64_t RandomWalk::gap() {
 }
 
 Preemption RandomWalk::decidePoint(const SchedulePoint& point, const ThreadList& runnable) {
-    mAskFrom = point.index + 1 + gap();
+    askAgainFrom(point.index + 1 + gap());
     const int64_t awayNs = drawAwayNs(mSeed, mOptions);
     if (runnable.count == 0) {
         return {awayNs > 0 ? awayNs : Preemption::kStay, 0};
@@ -136,7 +149,7 @@ bool Pct::begin() {
 }
 
 void Pct::becameRunnable(int32_t) {
-    mAskFrom = 0;
+    askAgainFrom(0);
 }
 
 int64_t& Pct::priority(int32_t thread) {
@@ -167,7 +180,7 @@ Preemption Pct::decidePoint(const SchedulePoint& point, const ThreadList& runnab
         priority(point.thread) = --mLowest;
         awayNs = drawAwayNs(mSeed, mOptions);
     }
-    mAskFrom = mChangesToCome.empty() ? UINT64_MAX : mChangesToCome.back();
+    askAgainFrom(mChangesToCome.empty() ? UINT64_MAX : mChangesToCome.back());
     if (runnable.count == 0) {
         return {awayNs > 0 ? awayNs : Preemption::kStay, 0};
     }

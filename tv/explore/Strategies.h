@@ -25,6 +25,8 @@
 
 namespace korvane::tv {
 
+class SharedPlaces;
+
 /// Plain data, for memory that processes share. Deviations beyond its end are only counted.
 struct DeviationMirror {
     static constexpr size_t kMost = 4096;
@@ -51,6 +53,13 @@ public:
     /// For how long the schedule has kept threads away in this run, added up.
     int64_t awayNs() const { return mAwayNs; }
 
+    /// Preempts at these places only, and counts only points there. Set between two runs; null: at
+    /// every point.
+    void onlyAt(const SharedPlaces* places) { mPlaces = places; }
+
+    /// Points of the run so far at which the strategy could preempt, if `onlyAt` is set.
+    uint64_t pointsThere() const { return mPointsThere; }
+
     /// Copies each deviation there when it is decided, for a process that survives this one.
     void mirrorTo(DeviationMirror* mirror) { mMirror = mirror; }
 
@@ -59,6 +68,12 @@ public:
     bool wakesSpuriously(int32_t thread, uint64_t threadStep) final;
 
 protected:
+    /// Points before this one need no decision.
+    void askAgainFrom(uint64_t index) {
+        mNext = index;
+        mAskFrom = mPlaces == nullptr ? index : 0;
+    }
+
     virtual bool begin() = 0;
     virtual Preemption decidePoint(const SchedulePoint& point, const ThreadList& runnable) = 0;
     virtual size_t decideChoice(const ScheduleChoice& choice) = 0;
@@ -71,6 +86,9 @@ private:
     int64_t mAwayNs = 0;
     std::vector<Deviation> mDeviations;
     DeviationMirror* mMirror = nullptr;
+    const SharedPlaces* mPlaces = nullptr;
+    uint64_t mPointsThere = 0;
+    uint64_t mNext = 0;
 };
 
 /// What the random strategies share.

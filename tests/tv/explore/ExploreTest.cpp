@@ -10,6 +10,7 @@
 #include "tests/tv/explore/Programs.h"
 #include "tv/clock/VirtualTime.h"
 #include "tv/explore/Exploration.h"
+#include "tv/explore/SharedPlaces.h"
 #include "tv/explore/Strategies.h"
 
 namespace korvane::test {
@@ -37,7 +38,7 @@ struct Outcome {
     uint64_t points = 0;
 };
 
-Outcome runOnce(tv::Strategy& strategy, Program program, tv::Exploration* exploration = nullptr) {
+Outcome runOnce(tv::Schedule& strategy, Program program, tv::Exploration* exploration = nullptr) {
     Outcome outcome;
     if (exploration != nullptr) {
         exploration->beginRun();
@@ -137,6 +138,28 @@ TEST(ExhaustiveTest, VisitsEverySchedule) {
         EXPECT_TRUE(all.complete());
         EXPECT_EQ(expected, all.run());
         EXPECT_EQ(all.run(), schedules.size());
+    }
+}
+
+/// Points where nobody else looks are left out, and the faults are found all the same, by schedules
+/// of which there are fewer.
+TEST(SharedPlacesTest, LeaveOutWhatNobodyElseSees) {
+    tv::SharedPlaces places;
+    RandomWalk walk({});
+    for (int i = 0; i < 20; ++i) {
+        ASSERT_TRUE(walk.next());
+        tv::Learning learning(walk, places);
+        runOnce(learning, worksAlone);
+        places.endRun();
+    }
+    uint64_t everywhere = 0;
+    for (const tv::SharedPlaces* only : {static_cast<tv::SharedPlaces*>(nullptr), &places}) {
+        Exhaustive all(2);
+        all.onlyAt(only);
+        EXPECT_GT(faultyRuns(all, worksAlone, 100'000), 0);
+        ASSERT_TRUE(all.complete());
+        EXPECT_TRUE(only == nullptr || 5 * all.run() < everywhere) << all.run();
+        everywhere = all.run();
     }
 }
 

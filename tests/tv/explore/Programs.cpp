@@ -97,6 +97,21 @@ bool needsTwoSwitches() {
     return seen;
 }
 
+bool worksAlone() {
+    std::atomic<int> state{0};
+    std::atomic<int> own{0};
+    bool seen = false;
+    together([&] { seen = state == 1; },
+             [&] {
+                 for (int i = 0; i < 20; ++i) {
+                     own.fetch_add(1);
+                 }
+                 state = 1;
+                 state = 2;
+             });
+    return seen;
+}
+
 bool needsThreeSwitches() {
     std::atomic<int> asked{0};
     std::atomic<int> answered{0};

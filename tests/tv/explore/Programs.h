@@ -14,6 +14,7 @@ using Program = bool (*)();
 bool lostNotify();        ///< tests its condition without the lock
 bool needsTwoSwitches();  ///< a bug of depth 2
 bool needsThreeSwitches();
+bool worksAlone();  ///< the same among operations on what only one thread has
 bool deadlocks();
 bool timesOut();  ///< only if a thread is away while time passes
 bool wakesWithoutCause();
