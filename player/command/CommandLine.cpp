@@ -80,15 +80,28 @@ Kind<int64_t> count(int64_t least, int64_t most, const std::string& unit) {
             fmt::format("a whole number of {} between {} and {}", unit, least, most)};
 }
 
-const Kind<uint64_t> kSeed{"N",
-                           [](const std::string& text) {
-                               uint64_t value = 0;
-                               const char* end = text.data() + text.size();
-                               const auto result = std::from_chars(text.data(), end, value);
-                               const bool whole = result.ec == std::errc() && result.ptr == end;
-                               return whole ? std::optional(value) : std::nullopt;
-                           },
-                           "a seed; write a whole number of 0 or more"};
+std::optional<uint64_t> parseSeed(const std::string& text) {
+    uint64_t value = 0;
+    const char* end = text.data() + text.size();
+    const auto result = std::from_chars(text.data(), end, value);
+    const bool whole = result.ec == std::errc() && result.ptr == end;
+    return whole ? std::optional(value) : std::nullopt;
+}
+
+const Kind<uint64_t> kSeed{"N", parseSeed, "a seed; write a whole number of 0 or more"};
+
+constexpr uint64_t kMostSeeds = 100'000;
+
+const Kind<SeedRange> kSeeds{
+    "N..M",
+    [](const std::string& text) -> std::optional<SeedRange> {
+        const size_t dots = text.find("..");
+        const auto first = parseSeed(text.substr(0, dots));
+        const auto last = dots == text.npos ? first : parseSeed(text.substr(dots + 2));
+        const bool valid = first && last && *first <= *last && *last - *first < kMostSeeds;
+        return valid ? std::optional(SeedRange{*first, *last}) : std::nullopt;
+    },
+    "a range of seeds, 100000 at most; write for example 1..50"};
 
 const Kind<int32_t> kLogMask{
     "MASK",
@@ -377,7 +390,14 @@ CLI::App* addRunCommand(CLI::App* app, RunOptions* options) {
         ->required();
     add(run, "-j,--jobs", count(1, kMostJobs, "scenarios"),
         "Scenarios that play at a time, 1 to 256 [1]", &options->jobs);
-    add(run, "--seed", kSeed, "Seed of all scenarios, instead of their own", &options->seed);
+    CLI::Option* const seed =
+        add(run, "--seed", kSeed, "Seed of all scenarios, instead of their own", &options->seed);
+    add(run, "--seeds", kSeeds,
+        "Play each scenario with each of these seeds, as NAME-seedN; for example 1..50",
+        &options->seeds)
+        ->excludes(seed);
+    addFlag(run, "--preempt", &options->preempt,
+            "Let threads lose the processor, and waits end without cause, where the seed says");
     add(run, "--clock", kClock, "virtual or real [virtual]", &options->virtualClock);
     add(run, "--events", kOutputFolder,
         "Keep the event logs in this folder, as NAME.events; a second scenario of the same name "

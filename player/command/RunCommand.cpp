@@ -74,14 +74,28 @@ void numberEqualNames(std::vector<Scenario>* scenarios) {
     }
 }
 
+/// Each scenario with each seed. Several seeds are part of the names, and so of the event logs'.
+std::vector<Scenario> withSeeds(const std::vector<Scenario>& scenarios, const SeedRange& seeds) {
+    std::vector<Scenario> all;
+    for (const Scenario& scenario : scenarios) {
+        for (uint64_t seed = seeds.first; seed - seeds.first <= seeds.last - seeds.first; ++seed) {
+            all.push_back(scenario);
+            all.back().seed = seed;
+            all.back().name += seeds.first != seeds.last ? fmt::format("-seed{}", seed) : "";
+        }
+    }
+    return all;
+}
+
 std::vector<Scenario> readAll(const RunOptions& options) {
     std::vector<Scenario> scenarios;
     for (const auto& file : scenarioFiles(options.paths)) {
         scenarios.push_back(readScenario(file));
         scenarios.back().seed = options.seed.value_or(scenarios.back().seed);
+        scenarios.back().preempt = scenarios.back().preempt || options.preempt;
     }
     numberEqualNames(&scenarios);
-    return scenarios;
+    return options.seeds ? withSeeds(scenarios, *options.seeds) : scenarios;
 }
 
 size_t longestName(const std::vector<Scenario>& scenarios) {
@@ -99,7 +113,8 @@ struct Repeat {
 };
 
 std::string repeatLine(const Scenario& scenario, const Repeat& repeat) {
-    return fmt::format("korvane-tv run {} --seed {}{}{}", shellWord(scenario.path), scenario.seed,
+    return fmt::format("korvane-tv run {} --seed {}{}{}{}", shellWord(scenario.path), scenario.seed,
+                       scenario.preempt ? " --preempt" : "",
                        repeat.virtualClock ? "" : " --clock real",
                        repeat.library.empty() ? "" : " --library " + shellWord(repeat.library));
 }

@@ -14,16 +14,24 @@
 
 namespace korvane::player {
 
+/// Both included.
+struct SeedRange {
+    uint64_t first = 0;
+    uint64_t last = 0;
+};
+
 struct RunOptions {
     std::vector<std::string> paths;  ///< scenario files, folders of them, names of installed ones
     int jobs = 1;
-    std::optional<uint64_t> seed;  ///< instead of the scenarios' own
-    std::string eventsFolder;      ///< gets an event log per scenario; empty: none are kept
-    std::string reportFolder;      ///< gets a page per scenario and an index; empty: none
-    std::string version;           ///< of korvane-tv
-    std::string library;           ///< as in PlayOptions
-    bool virtualClock = true;      ///< if this build has it
-    bool verbose = false;          ///< print each report and the library's log
+    std::optional<uint64_t> seed;    ///< instead of the scenarios' own
+    std::optional<SeedRange> seeds;  ///< likewise, each in turn
+    bool preempt = false;            ///< as Scenario::preempt, in all
+    std::string eventsFolder;        ///< gets an event log per scenario; empty: none are kept
+    std::string reportFolder;        ///< gets a page per scenario and an index; empty: none
+    std::string version;             ///< of korvane-tv
+    std::string library;             ///< as in PlayOptions
+    bool virtualClock = true;        ///< if this build has it
+    bool verbose = false;            ///< print each report and the library's log
 };
 
 /// Plays.

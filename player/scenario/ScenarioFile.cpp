@@ -261,6 +261,7 @@ void readPassthrough(TomlTable& table, Scenario* scenario) {
 void readRun(TomlTable& table, Scenario* scenario) {
     int32_t mask = 0;
     table.integer("seed", &scenario->seed, {0, INT64_MAX});
+    table.flag("preempt", &scenario->preempt);
     table.integer("log_mask", &mask, {0, INT32_MAX});
     if (table.has("log_mask")) {
         scenario->properties[tv::kLogMaskProperty] = std::to_string(mask);

@@ -28,6 +28,12 @@
 namespace korvane::player {
 namespace {
 
+// How a scenario preempts: one of 16 locks, unlocks, waits and notifications, for up to 0.1 ms,
+// which is far below a vsync: what is expected must hold all the same.
+constexpr uint32_t kPreemptions = 4096;
+constexpr int64_t kLongestPreemptionNs = 100'000;
+constexpr uint32_t kSpuriousWakeups = 1024;
+
 struct Sources {
     std::unique_ptr<FrameSource> video;
     std::unique_ptr<PacketSource> audio;
@@ -173,6 +179,11 @@ ScenarioResult runScenario(const Scenario& scenario, const ScenarioRunOptions& o
         tv::VirtualTimeOptions limits;
         if (scenario.content.file.empty()) {
             limits.longestRunNs = longestRunUs(scenario.content, scenario.plan) * 1000;
+        }
+        if (scenario.preempt) {
+            limits.preemptions = kPreemptions;
+            limits.longestPreemptionNs = kLongestPreemptionNs;
+            limits.spuriousWakeups = kSpuriousWakeups;
         }
         clock.emplace(scenario.seed, limits);
     }

@@ -72,6 +72,7 @@ TEST(CommandLine, ReadsScenariosAndTellsHowToRepeatARun) {
     EXPECT_EQ(line.run.paths, (std::vector<std::string>{"a.toml", "b"}));
     EXPECT_EQ(line.run.jobs, 3);
     EXPECT_EQ(line.run.seed, 5U);
+    EXPECT_EQ(parse({"run", "a", "--preempt", "--seeds", "2..9"}).run.seeds->last, 9U);
     EXPECT_EQ(parse({"list", "d"}).list.path, "d");
     EXPECT_EQ(parse({"play", "it's.mp4", "--rate", "50"}).play.repeat,
               "korvane-tv play 'it'\\''s.mp4' --rate 50 --seed 1");
@@ -129,6 +130,7 @@ TEST(CommandLine, WhatIsWrongIsToldInOneLine) {
         {{"play", "x", "--peek=2"}, "--peek takes no value"},
         {{"play", "x", "--clock", "sun"}, "'sun' is not a clock"},
         {{"play", "x", "--seed", "-1"}, "'-1' is not a seed"},
+        {{"run", "x", "--seeds", "9..2"}, "'9..2' is not a range of seeds"},
         {{"play", "x", "--seed", " -1"}, "' -1' is not a seed"},
         {{"play", "x", "--seed", "18446744073709551616"}, "is not a seed"},
         {{"play", "x", "--csv", ""}, "'' is not a file"},

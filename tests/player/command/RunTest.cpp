@@ -18,7 +18,6 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
-#include <set>
 #include <sstream>
 #include <utility>
 
@@ -135,21 +134,31 @@ TEST_F(RunTest, LipSyncTellsAWrongClockFromTheSound) {
     EXPECT_NEAR(wrongForUs.back(), 2'000'000, 100'000);
 }
 
+/// The order of ready threads shows in a third of the logs; where threads lose the processor, in
+/// all.
 TEST_F(RunTest, AnotherSeedIsAnotherRunAndStillPasses) {
-    auto run = std::vector<std::string>{"run", "--jobs", "2", "--seed", "20261121"};
-    const auto files = shipped();
-    run.insert(run.end(), files.begin(), files.end());
-    const CommandResult result = korvaneTv(run);
-    EXPECT_EQ(result.status, 0) << result.output;
-    EXPECT_THAT(result.output, HasSubstr("seed 20261121"));
-    // The order of ready threads shows in most logs: 71 of 89 differ from those of seed 1.
-    const std::string jitter = KORVANE_SCENARIOS "/display-jitter.toml";
-    std::set<std::string> hashes;
-    for (const char* seed : {"1", "20261121", "20261121"}) {
-        const std::string output = korvaneTv({"run", jitter, "--seed", seed}).output;
-        hashes.insert(output.substr(output.find("events "), 23));
+    auto files = shipped();
+    for (const auto& [option, least] : {std::pair("--clock=virtual", 0.3), {"--preempt", 1.0}}) {
+        const std::string events = mFolder + "/" + option;
+        std::vector<std::string> run = {"run",  "--jobs",   "2",    "--seeds",
+                                        "1..2", "--events", events, option};
+        run.insert(run.end(), files.begin(), files.end());
+        const CommandResult result = korvaneTv(run);
+        EXPECT_EQ(result.status, 0) << result.output;
+        EXPECT_THAT(result.output, HasSubstr("seed 2"));
+        const auto differing = std::count_if(files.begin(), files.end(), [&](const auto& file) {
+            const std::string log = events + "/" + fs::path(file).stem().string();
+            return readFile(log + "-seed1.events") != readFile(log + "-seed2.events");
+        });
+        EXPECT_GE(static_cast<double>(differing), least * static_cast<double>(files.size()));
+        RecordProperty(option, std::to_string(differing) + " differ");
+        // What is expected of these holds to the microsecond, and of a log to the line.
+        const auto exact = [](const std::string& file) {
+            const std::string name = fs::path(file).stem().string();
+            return name.find("boundary") == 0 || name == "player-third-seek";
+        };
+        files.erase(std::remove_if(files.begin(), files.end(), exact), files.end());
     }
-    EXPECT_EQ(hashes.size(), 2U);
 }
 
 TEST_F(RunTest, ScenariosOfOneNameKeepTheirOwnEventLogsAndAFolderHasOneRun) {

@@ -1,0 +1,58 @@
+// SPDX-License-Identifier: Apache-2.0
+// The places of a program at which it matters who runs: those where an object was accessed that
+// several threads access and one of them changes. A preemption anywhere else has the effect of one
+// at the thread's next such place, so that strategies can leave the other points out.
+//
+// They are learned from runs that are made for it: `Learning` around a strategy notes every point.
+#pragma once
+
+#include <unordered_map>
+#include <unordered_set>
+#include <vector>
+
+#include "tv/explore/Strategies.h"
+
+namespace korvane::tv {
+
+class KORVANE_EXPLORE_API SharedPlaces {
+public:
+    void note(const SchedulePoint& point);
+    /// The run has ended; the next one's objects are others.
+    void endRun();
+
+    /// Whether it matters who runs at this point. Making and joining a thread always does.
+    bool has(const SchedulePoint& point) const {
+        return point.object == nullptr || mPlaces.count(point.code) != 0;
+    }
+    size_t count() const { return mPlaces.size(); }
+
+private:
+    struct Object {
+        int32_t firstThread = 0;
+        bool shared = false;
+        bool changed = false;
+        std::vector<const void*> places;
+    };
+
+    std::unordered_map<const void*, Object> mObjects;  ///< of the run
+    std::unordered_set<const void*> mPlaces;
+};
+
+/// Makes a strategy's runs and notes their points.
+class KORVANE_EXPLORE_API Learning : public Schedule {
+public:
+    Learning(Strategy& strategy, SharedPlaces& places) : mStrategy(strategy), mPlaces(places) {}
+
+    Preemption preempt(const SchedulePoint& point, const ThreadList& runnable) override;
+    size_t choose(const ScheduleChoice& choice) override { return mStrategy.choose(choice); }
+    bool wakesSpuriously(int32_t thread, uint64_t threadStep) override {
+        return mStrategy.wakesSpuriously(thread, threadStep);
+    }
+    void becameRunnable(int32_t thread) override { mStrategy.becameRunnable(thread); }
+
+private:
+    Strategy& mStrategy;
+    SharedPlaces& mPlaces;
+};
+
+}  // namespace korvane::tv
