@@ -16,7 +16,7 @@ words_of() {
         scenario) cat scenarios/*.toml player/scenario/*File.cpp ;;
         options) cat player/command/CommandLine.cpp player/scenario/ExpectFile.cpp ;;
         events) cat player/report/Event*.cpp player/playback/DropReason.cpp ;;
-    esac | grep -ohE '[-a-z_]{2,24}=?' | sort -u | sed 's/.*/"&"/'
+    esac | grep -ohE '[-a-z_]{2,24}=?' | sort -u | sed 's/.*/"&"/' || true
 }
 
 # Sets: program, the folders of inputs, options.
