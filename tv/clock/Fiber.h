@@ -52,6 +52,7 @@ struct alignas(64) Fiber {
     int ownerWord = 0;                 ///< marks the mutexes that it holds
     const void* waitObject = nullptr;  ///< address of what it waits for
     int64_t sinceNs = 0;
+    uint64_t steps = 0;         ///< decisions of a Schedule so far
     TimerSlot* slot = nullptr;  ///< of its deadline; see Deadlines
     FiberHook sleeperHook;
     FiberHook waiterHook;  ///< see Waiters

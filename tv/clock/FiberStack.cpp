@@ -29,6 +29,11 @@ size_t mappedBytes(size_t stackBytes) {
 
 }  // namespace
 
+FiberStacks& FiberStacks::kept() {
+    static FiberStacks stacks;
+    return stacks;
+}
+
 FiberStacks::~FiberStacks() {
     for (const FiberStack& stack : mFree) {
         munmap(stack.memory, stack.bytes);

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // The stacks of threads in virtual time. Each is mapped with a guard page below it, which catches
-// an overflow, and is reused for the next thread when its own has ended.
+// an overflow, and is reused for the next thread when its own has ended, in this virtual time or in
+// the next one of the process.
 #pragma once
 
 #include <cstddef>
@@ -23,6 +24,9 @@ class FiberStacks {
 public:
     /// The threads of decoders and renderers use a tenth of it; untouched pages cost nothing.
     static constexpr size_t kDefaultBytes = 1 << 20;
+
+    /// The process's.
+    static FiberStacks& kept();
 
     FiberStacks() = default;
     ~FiberStacks();

@@ -254,6 +254,10 @@ void Scheduler::failMutex(const pthread_mutex_t* mutex, const char* what) {
 }
 
 void Scheduler::fail(const std::string& what) {
+    if (mAbandoning && mFailure.empty()) {
+        mFailure = what + "\n" + dump();
+        abandon();
+    }
     if (!mFailing) {
         mFailing = true;
         const std::string report = "virtual time: " + what + "\n" + dump();

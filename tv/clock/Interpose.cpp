@@ -514,7 +514,7 @@ KORVANE_INTERPOSE int pthread_rwlock_clockwrlock(pthread_rwlock_t* lock, clockid
 KORVANE_INTERPOSE int pthread_rwlock_unlock(pthread_rwlock_t* lock) noexcept {
     const int result = real::pthread_rwlock_unlock::call(lock);
     if (!realTime()) {
-        gScheduler->released(lock);
+        gScheduler->released(WaitFor::WriteLock, lock);
     }
     return result;
 }
@@ -529,7 +529,7 @@ KORVANE_INTERPOSE int pthread_spin_lock(pthread_spinlock_t* lock) noexcept {
 KORVANE_INTERPOSE int pthread_spin_unlock(pthread_spinlock_t* lock) noexcept {
     const int result = real::pthread_spin_unlock::call(lock);
     if (!realTime()) {
-        gScheduler->released(const_cast<const int*>(lock));
+        gScheduler->released(WaitFor::Spinlock, const_cast<const int*>(lock));
     }
     return result;
 }
@@ -552,7 +552,7 @@ KORVANE_INTERPOSE int sem_clockwait(sem_t* semaphore, clockid_t clock, const tim
 KORVANE_INTERPOSE int sem_post(sem_t* semaphore) noexcept {
     const int result = real::sem_post::call(semaphore);
     if (!realTime()) {
-        gScheduler->released(semaphore);
+        gScheduler->released(WaitFor::Semaphore, semaphore);
     }
     return result;
 }

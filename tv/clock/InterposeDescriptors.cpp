@@ -217,7 +217,7 @@ KORVANE_INTERPOSE int epoll_pwait2(int epoll, epoll_event* events, int most,
     KORVANE_INTERPOSE result function parameters {              \
         const auto written = real::function::call arguments;    \
         if (!realTime()) {                                      \
-            gScheduler->descriptorsChanged();                   \
+            gScheduler->descriptorsReady();                     \
         }                                                       \
         return written;                                         \
     }
@@ -250,7 +250,7 @@ KORVANE_INTERPOSE ssize_t write(int descriptor, const void* data, size_t bytes) 
     }
     const ssize_t written = real::write::call(descriptor, data, bytes);
     if (!realTime()) {
-        gScheduler->descriptorsChanged();
+        gScheduler->descriptorsReady();
     }
     return written;
 }
@@ -275,6 +275,9 @@ KORVANE_INTERPOSE int close(int descriptor) {
     if (!realTime()) {
         noteClosed(descriptor);
         gScheduler->descriptorsChanged();
+        if (result != 0 && errno == EBADF) {
+            gScheduler->closedAgain(descriptor);
+        }
     }
     return result;
 }

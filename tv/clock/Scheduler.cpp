@@ -26,8 +26,11 @@ Scheduler::Scheduler(uint64_t seed, const VirtualTimeOptions& options)
     : mNowNs(options.startNs),
       mCallsLeft(options.callsPerInstant),
       mOptions(options),
+      mEventful(options.preemptions != 0 || options.schedule != nullptr ||
+                options.observer != nullptr),
       mSeedNumber(seed),
       mSeed(seed),
+      mStacks(FiberStacks::kept()),
       mErrno(errno),
       mExceptions(exceptionsOfThisThread()),
       mKernelThread(real::pthread_self::call()) {
@@ -41,9 +44,21 @@ Scheduler::Scheduler(uint64_t seed, const VirtualTimeOptions& options)
     mDeadlines.reserve(2);
     mDeadlines.add(mEnd, after(options.longestRunNs));
     mStatistics.threads = mStatistics.peakThreads = mLiving = 1;
+    if (mOptions.observer != nullptr) {
+        mOptions.observer->began(mCurrent->number);
+    }
+    if (mOptions.schedule != nullptr) {
+        mAskFrom = mOptions.schedule->askFrom();
+    }
 }
 
 Scheduler::~Scheduler() {
+    for (const auto& fiber : mFibers) {
+        mStacks.giveBack(fiber->stack);
+    }
+    for (const FiberStack& stack : mKeptStacks) {
+        mStacks.giveBack(stack);
+    }
     gFiberSlots = nullptr;
 }
 
@@ -57,7 +72,11 @@ void Scheduler::yield() {
     }
 }
 
-void Scheduler::preempt() {
+void Scheduler::preempt(Step step, const void* object, const void* code) {
+    if (mOptions.schedule != nullptr) {
+        point(step, object, code);
+        return;
+    }
     if (!mSeed.happens(mOptions.preemptions)) {
         return;
     }
@@ -66,6 +85,37 @@ void Scheduler::preempt() {
     const int error = errno;  // calls that preempt may not change it
     sleepUntil(mNowNs + away);
     errno = error;
+}
+
+/// The schedule decides whether the running thread goes on.
+void Scheduler::decide(const SchedulePoint& point) {
+    mNumbers.clear();
+    for (const Fiber* fiber : mRunnable) {
+        mNumbers.push_back(fiber->number);
+    }
+    const Preemption decided =
+        mOptions.schedule->preempt(point, {mNumbers.data(), mNumbers.size()});
+    mAskFrom = mOptions.schedule->askFrom();
+    const auto next = std::find(mNumbers.begin(), mNumbers.end(), decided.next);
+    const bool found = next != mNumbers.end();
+    if (decided.awayNs == Preemption::kStay || (decided.awayNs == 0 && !found)) {
+        return;
+    }
+    const int error = errno;
+    mForced = found ? mRunnable[static_cast<size_t>(next - mNumbers.begin())] : nullptr;
+    if (decided.awayNs > 0) {
+        block(WaitFor::Time, nullptr, after(decided.awayNs));
+    } else {
+        yield();
+    }
+    errno = error;
+}
+
+size_t Scheduler::choose(ScheduleChoice::What what, const ThreadList& threads) {
+    const size_t chosen =
+        mOptions.schedule->choose({what, mCurrent->number, ++mCurrent->steps, threads});
+    mAskFrom = mOptions.schedule->askFrom();
+    return chosen;
 }
 
 /// Time moves on to the earliest deadline; everyone whose deadline that is can then run.
@@ -113,25 +163,65 @@ void Scheduler::runAnother() {
     if (mRunnable.empty()) {
         jumpToDeadline();
     }
-    const size_t chosen = mRunnable.size() == 1 ? 0 : mSeed.below(mRunnable.size());
-    Fiber* const next = mRunnable[chosen];
-    mRunnable[chosen] = mRunnable.back();
-    mRunnable.pop_back();
-    next->runnable = false;
+    size_t chosen = 0;
+    if (mForced != nullptr) {
+        const auto forced = std::find(mRunnable.begin(), mRunnable.end(), mForced);
+        chosen = static_cast<size_t>(forced - mRunnable.begin());
+        mForced = nullptr;
+    } else if (mRunnable.size() > 1) {
+        chosen = chooseRunnable();
+    }
+    Fiber* const next = takeRunnable(chosen);
     if (next != mCurrent) {
         switchTo(next);
     }
+}
+
+size_t Scheduler::chooseRunnable() {
+    if (mOptions.schedule == nullptr) {
+        return mSeed.below(mRunnable.size());
+    }
+    mNumbers.clear();
+    for (const Fiber* fiber : mRunnable) {
+        mNumbers.push_back(fiber->number);
+    }
+    return choose(ScheduleChoice::What::Runnable, {mNumbers.data(), mNumbers.size()});
+}
+
+/// A schedule is told who has been able to run longest; the seed needs no order.
+Fiber* Scheduler::takeRunnable(size_t index) {
+    Fiber* const taken = mRunnable[index];
+    if (mOptions.schedule != nullptr) {
+        mRunnable.erase(mRunnable.begin() + static_cast<std::ptrdiff_t>(index));
+    } else {
+        mRunnable[index] = mRunnable.back();
+        mRunnable.pop_back();
+    }
+    taken->runnable = false;
+    return taken;
 }
 
 void Scheduler::switchTo(Fiber* fiber) {
     spend();
     ++mStatistics.switches;
     Fiber& self = *mCurrent;
+    if (mEventful) {
+        noteSwitch(self, *fiber);
+    }
     self.savedErrno = mErrno;
     std::memcpy(&self.savedExceptions, mExceptions, sizeof(self.savedExceptions));
     mCurrent = fiber;
     gFiberSlots = fiber->slots;
     arrive(korvane_switch_fiber(fiber->context, &self));
+}
+
+void Scheduler::noteSwitch(const Fiber& from, const Fiber& to) {
+    constexpr uint64_t kPrime = 0x100000001b3;
+    mStatistics.trace = (mStatistics.trace ^ from.steps) * kPrime;
+    mStatistics.trace = (mStatistics.trace ^ static_cast<uint64_t>(to.number)) * kPrime;
+    if (mOptions.observer != nullptr) {
+        mOptions.observer->switched(to.number);
+    }
 }
 
 /// The first thing that a fiber does when it runs again, or for the first time.
@@ -140,7 +230,13 @@ void Scheduler::arrive(const transfer_t& from) {
     mErrno = mCurrent->savedErrno;
     std::memcpy(mExceptions, &mCurrent->savedExceptions, sizeof(mCurrent->savedExceptions));
     if (Fiber* const ended = std::exchange(mEnded, nullptr)) {
-        mStacks.giveBack(std::exchange(ended->stack, {}));
+        // An observer would take the next thread on this stack for the one that ended.
+        const FiberStack stack = std::exchange(ended->stack, {});
+        if (mOptions.observer == nullptr) {
+            mStacks.giveBack(stack);
+        } else {
+            mKeptStacks.push_back(stack);
+        }
         if (ended->detached) {
             forget(ended);
         }
@@ -151,6 +247,10 @@ void Scheduler::makeRunnable(Fiber* fiber) {
     if (!fiber->runnable) {
         fiber->runnable = true;
         mRunnable.push_back(fiber);
+        if (mOptions.schedule != nullptr) {
+            mOptions.schedule->becameRunnable(fiber->number);
+            mAskFrom = mOptions.schedule->askFrom();
+        }
     }
 }
 
@@ -173,13 +273,22 @@ Fiber* Scheduler::chooseWaiter(const void* object) {
     if (mWaiters.find(object, 1) == nullptr) {
         return mWaiters.find(object);
     }
-    return mWaiters.find(object, mSeed.below(mWaiters.count(object)));
+    const size_t count = mWaiters.count(object);
+    if (mOptions.schedule == nullptr) {
+        return mWaiters.find(object, mSeed.below(count));
+    }
+    mNumbers.clear();
+    for (size_t i = 0; i < count; ++i) {
+        mNumbers.push_back(mWaiters.find(object, i)->number);
+    }
+    return mWaiters.find(object, choose(ScheduleChoice::What::Waiter, {mNumbers.data(), count}));
 }
 
 // ---- threads ----
 
 int Scheduler::create(pthread_t* thread, const pthread_attr_t* attributes, void* (*routine)(void*),
-                      void* argument) {
+                      void* argument, const void* code) {
+    maybePreempt(Step::Thread, nullptr, code);
     size_t stackBytes = FiberStacks::kDefaultBytes;
     int detachState = PTHREAD_CREATE_JOINABLE;
     if (attributes != nullptr) {
@@ -203,7 +312,11 @@ int Scheduler::create(pthread_t* thread, const pthread_attr_t* attributes, void*
     mFibers.push_back(std::move(fiber));
     mDeadlines.reserve(mFibers.size() + 1);
     mRunnable.reserve(mFibers.size());
-    makeRunnable(mFibers.back().get());
+    Fiber* const made = mFibers.back().get();
+    if (mOptions.observer != nullptr) {
+        mOptions.observer->created(made->number, mCurrent->number);
+    }
+    makeRunnable(made);
     return 0;
 }
 
@@ -226,7 +339,8 @@ void Scheduler::finish() {
     __builtin_unreachable();
 }
 
-int Scheduler::join(pthread_t thread, void** result, int64_t deadlineNs) {
+int Scheduler::join(pthread_t thread, void** result, int64_t deadlineNs, const void* code) {
+    maybePreempt(Step::Thread, nullptr, code);
     Fiber* const fiber = find(thread);
     if (fiber == nullptr) {
         return ESRCH;
@@ -245,6 +359,9 @@ int Scheduler::join(pthread_t thread, void** result, int64_t deadlineNs) {
     }
     if (result != nullptr) {
         *result = fiber->result;
+    }
+    if (mOptions.observer != nullptr) {
+        mOptions.observer->joined(fiber->number, mCurrent->number);
     }
     forget(fiber);
     return 0;
@@ -283,11 +400,46 @@ void Scheduler::forget(const Fiber* fiber) {
 }
 
 bool Scheduler::aloneAgain() const {
-    return mFibers.size() == 1;
+    return mFibers.size() == 1 || !mFailure.empty();
+}
+
+std::string Scheduler::run(const std::function<void()>& program) {
+    pthread_t thread{};
+    const auto routine = [](void* argument) -> void* {
+        (*static_cast<const std::function<void()>*>(argument))();
+        return nullptr;
+    };
+    create(&thread, nullptr, routine, const_cast<std::function<void()>*>(&program));
+    mAbandoning = true;
+    Fiber* const fiber = find(thread);
+    fiber->name = "program";
+    while (mFailure.empty() && !fiber->finished) {
+        block(WaitFor::Join, fiber, kNever);
+    }
+    if (mFailure.empty()) {
+        join(thread, nullptr, kNever);
+        if (!aloneAgain()) {
+            mFailure = kThreadsLeft + ("\n" + dump());
+        }
+    }
+    mAbandoning = false;
+    return mFailure.substr(0, mFailure.find('\n'));
+}
+
+/// Out of a hang, back into `run`; the calling fiber never runs again.
+void Scheduler::abandon() {
+    Fiber* const first = mFibers.front().get();
+    if (first == mCurrent) {
+        return;
+    }
+    mCallsLeft = mOptions.callsPerInstant;
+    switchTo(first);
+    __builtin_unreachable();
 }
 
 VirtualTimeStatistics Scheduler::statistics() const {
     VirtualTimeStatistics statistics = mStatistics;
+    statistics.points = mPoints;
     statistics.elapsedNs = mNowNs - mOptions.startNs;
     return statistics;
 }

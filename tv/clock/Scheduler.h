@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // The scheduler of virtual time: which fiber runs, what time it is, which fiber waits for what.
 //
-// One fiber runs. When it waits, the seed chooses the next of those that can run. When none can,
+// One fiber runs. When it waits, the seed, or a Schedule where one is given, chooses the next of
+// those that can run. When none can,
 // time jumps to the earliest deadline, and the fibers that wait for it can run. A fiber that sleeps
 // while nobody else can run and nobody's deadline is sooner takes the jump itself, without a
 // switch.
@@ -18,6 +19,7 @@
 #include <signal.h>
 
 #include <cerrno>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -25,6 +27,7 @@
 #include "tv/clock/Deadlines.h"
 #include "tv/clock/Fiber.h"
 #include "tv/clock/Real.h"
+#include "tv/clock/Schedule.h"
 #include "tv/clock/Seed.h"
 #include "tv/clock/VirtualTime.h"
 #include "tv/clock/Waiters.h"
@@ -32,6 +35,11 @@
 namespace korvane::tv {
 
 #define KORVANE_LIKELY(condition) __builtin_expect(static_cast<bool>(condition), 1)
+/// Where the program called libc's name: the place that reports give. As a default argument it is
+/// that of the interposed function.
+#define KORVANE_CALLER __builtin_return_address(0)
+
+constexpr char kThreadsLeft[] = "virtual time ends while threads are left";
 
 class Scheduler {
 public:
@@ -64,41 +72,46 @@ public:
 
     // threads
     int create(pthread_t* thread, const pthread_attr_t* attributes, void* (*routine)(void*),
-               void* argument);
-    int join(pthread_t thread, void** result, int64_t deadlineNs);
+               void* argument, const void* code = KORVANE_CALLER);
+    int join(pthread_t thread, void** result, int64_t deadlineNs,
+             const void* code = KORVANE_CALLER);
+    /// See VirtualTime::run.
+    std::string run(const std::function<void()>& program);
+    const std::string& failure() const { return mFailure; }
     int detach(pthread_t thread);
     pthread_t self() const { return handle(*mCurrent); }
     Fiber* find(pthread_t thread) const;
     Fiber& current() { return *mCurrent; }
 
     // mutexes; results as libc's
-    int lock(pthread_mutex_t* mutex, int64_t deadlineNs) {
+    int lock(pthread_mutex_t* mutex, int64_t deadlineNs, const void* code = KORVANE_CALLER) {
         const auto& data = mutex->__data;
         // No call before this, so that the fast path saves no registers.
-        if (KORVANE_LIKELY(mOptions.preemptions == 0 && data.__kind == PTHREAD_MUTEX_TIMED_NP &&
+        if (KORVANE_LIKELY(!mEventful && data.__kind == PTHREAD_MUTEX_TIMED_NP &&
                            data.__lock == 0)) {
             take(mutex, *mCurrent);
             return 0;
         }
-        return lockSlowly(mutex, deadlineNs);
+        return lockSlowly(mutex, deadlineNs, code);
     }
-    int tryLock(pthread_mutex_t* mutex);
-    int unlock(pthread_mutex_t* mutex) {
+    int tryLock(pthread_mutex_t* mutex, const void* code = KORVANE_CALLER);
+    int unlock(pthread_mutex_t* mutex, const void* code = KORVANE_CALLER) {
         auto& data = mutex->__data;
-        if (KORVANE_LIKELY(mOptions.preemptions == 0 && data.__kind == PTHREAD_MUTEX_TIMED_NP &&
+        if (KORVANE_LIKELY(!mEventful && data.__kind == PTHREAD_MUTEX_TIMED_NP &&
                            data.__lock == 1 && data.__owner == mCurrent->ownerWord)) {
             data.__owner = 0;
             --data.__nusers;
             data.__lock = 0;
             return 0;
         }
-        return unlockSlowly(mutex);
+        return unlockSlowly(mutex, code);
     }
 
     // conditions; results as libc's
-    int wait(pthread_cond_t* condition, pthread_mutex_t* mutex, int64_t deadlineNs);
-    void signal(pthread_cond_t* condition);
-    void broadcast(pthread_cond_t* condition);
+    int wait(pthread_cond_t* condition, pthread_mutex_t* mutex, int64_t deadlineNs,
+             const void* code = KORVANE_CALLER);
+    void signal(pthread_cond_t* condition, const void* code = KORVANE_CALLER);
+    void broadcast(pthread_cond_t* condition, const void* code = KORVANE_CALLER);
 
     // read-write locks, futexes and descriptors; results as libc's or the kernel's
     /// @return 0 when woken, else an error number
@@ -123,10 +136,16 @@ public:
             block(what, object, deadlineNs);
             result = tryNow();
         }
+        if (result == 0) {
+            acquired(syncOf(what), object, nullptr);
+        }
         return result;
     }
     /// Who waits for it tries again.
-    void released(const void* object) { wakeAll(object); }
+    void released(WaitFor what, const void* object) {
+        ordered(syncOf(what), object, nullptr);
+        wakeAll(object);
+    }
     int poll(pollfd* descriptors, nfds_t count, int64_t deadlineNs);
     /// Looks until something is ready. Descriptors change only by what fibers do, so it looks again
     /// whenever one is closed or written.
@@ -138,6 +157,9 @@ public:
             const int result = look();
             if (result != 0 || deadlineNs <= mNowNs) {
                 spend();
+                if (result != 0) {
+                    acquired(RunObserver::Sync::Descriptor, &mDescriptors, nullptr);
+                }
                 return result;
             }
             mCurrent->descriptor = descriptor;
@@ -145,6 +167,29 @@ public:
         }
     }
     void descriptorsChanged() { wakeAll(&mDescriptors); }
+    /// As descriptorsChanged; what the caller did so far happens before the poll that sees it.
+    void descriptorsReady() {
+        ordered(RunObserver::Sync::Descriptor, &mDescriptors, nullptr);
+        descriptorsChanged();
+    }
+    void closedAgain(int descriptor, const void* code = KORVANE_CALLER) {
+        if (mOptions.observer != nullptr) {
+            mOptions.observer->closedAgain(descriptor, code);
+        }
+    }
+
+    // exploring
+    /// A point of preemption.
+    void point(Step step, const void* object, const void* code, uint32_t bytes = 0) {
+        ++mCurrent->steps;
+        if (mPoints++ >= mAskFrom) {
+            decide({step, bytes, object, code, mCurrent->number, mCurrent->steps, mPoints - 1});
+        }
+    }
+    /// Whether an access of instrumented code is a point.
+    bool asksAccess(bool plain) const {
+        return mOptions.schedule != nullptr && (!plain || mOptions.plainAccesses);
+    }
 
     // the record
     /// Grows whenever a fiber waits or another one runs. May be read by a signal handler.
@@ -174,12 +219,28 @@ private:
         }
     }
     [[noreturn]] void failBusy();
-    void maybePreempt() {
-        if (!KORVANE_LIKELY(mOptions.preemptions == 0)) {
-            preempt();
+    void maybePreempt(Step step, const void* object, const void* code) {
+        if (!KORVANE_LIKELY(!mEventful)) {
+            preempt(step, object, code);
         }
     }
-    void preempt();
+    void preempt(Step step, const void* object, const void* code);
+    void decide(const SchedulePoint& point);
+    size_t choose(ScheduleChoice::What what, const ThreadList& threads);
+    void acquired(RunObserver::Sync what, const void* object, const void* code) {
+        if (mOptions.observer != nullptr) {
+            mOptions.observer->acquired(what, object, code);
+        }
+    }
+    void ordered(RunObserver::Sync what, const void* object, const void* code) {
+        if (mOptions.observer != nullptr) {
+            mOptions.observer->released(what, object, code);
+        }
+    }
+    static RunObserver::Sync syncOf(WaitFor what) {
+        return what == WaitFor::Semaphore ? RunObserver::Sync::Semaphore
+                                          : RunObserver::Sync::OtherLock;
+    }
 
     void moveTo(int64_t timeNs) {
         mNowNs = timeNs;
@@ -187,12 +248,16 @@ private:
     }
     WokenBy block(WaitFor what, const void* object, int64_t deadlineNs);
     void runAnother();
+    size_t chooseRunnable();
+    Fiber* takeRunnable(size_t index);
+    void noteSwitch(const Fiber& from, const Fiber& to);
+    void abandon();
     void jumpToDeadline();
     void switchTo(Fiber* fiber);
     void makeRunnable(Fiber* fiber);
     void wake(Fiber* fiber);
     void wakeAll(const void* object);
-    /// One of those who wait for an object, chosen by the seed; null without any.
+    /// One of those who wait for an object; null without any.
     Fiber* chooseWaiter(const void* object);
 
     pthread_t handle(const Fiber& fiber) const {
@@ -208,10 +273,12 @@ private:
     bool holds(const pthread_mutex_t* mutex) const {
         return mutex->__data.__lock != 0 && mutex->__data.__owner == mCurrent->ownerWord;
     }
-    int lockSlowly(pthread_mutex_t* mutex, int64_t deadlineNs);
+    int lockSlowly(pthread_mutex_t* mutex, int64_t deadlineNs, const void* code);
+    int tryTake(pthread_mutex_t* mutex);
+    bool wakesSpuriously();
     int lockAgain(pthread_mutex_t* mutex);
-    int unlockSlowly(pthread_mutex_t* mutex);
-    int unlockNow(pthread_mutex_t* mutex);
+    int unlockSlowly(pthread_mutex_t* mutex, const void* code);
+    int unlockNow(pthread_mutex_t* mutex, const void* code);
     void handOver(pthread_mutex_t* mutex);
     int mutexType(const pthread_mutex_t* mutex);
     [[noreturn]] void failMutex(const pthread_mutex_t* mutex, const char* what);
@@ -230,19 +297,27 @@ private:
     std::vector<Fiber*> mRunnable;
     VirtualTimeStatistics mStatistics;
     const VirtualTimeOptions mOptions;
+    const bool mEventful;  ///< locks and notifications are more than themselves
+    uint64_t mPoints = 0;
+    uint64_t mAskFrom = 0;  ///< the schedule's
     const uint64_t mSeedNumber;
     Seed mSeed;
     Waiters mWaiters;
     Fiber mEnd;  ///< sentinel deadline at `longestRunNs`
     std::vector<std::unique_ptr<Fiber>> mFibers;
-    FiberStacks mStacks;
-    Fiber* mEnded = nullptr;  ///< has just ended; its stack is free after the switch
+    FiberStacks& mStacks;
+    std::vector<FiberStack> mKeptStacks;  ///< of ended threads, until the run ends
+    Fiber* mEnded = nullptr;              ///< has just ended; its stack is free after the switch
     int64_t mLiving = 0;
     int& mErrno;              ///< the kernel thread's
     void* const mExceptions;  ///< the kernel thread's, as the C++ ABI lays them out
     const pthread_t mKernelThread;
     const char mDescriptors = 0;  ///< its address is the object of all waits for descriptors
     bool mFailing = false;
+    bool mAbandoning = false;       ///< `run` is under way
+    std::string mFailure;           ///< the report of the hang that ended it
+    Fiber* mForced = nullptr;       ///< runs next, by the schedule's decision
+    std::vector<int32_t> mNumbers;  ///< of the threads that a schedule chooses from
 };
 
 /// Null in real time, and on kernel threads that libc made for itself: their calls are libc's.

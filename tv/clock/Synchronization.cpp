@@ -39,12 +39,16 @@ int Scheduler::mutexType(const pthread_mutex_t* mutex) {
     return mutex->__data.__kind & kTypeBits;
 }
 
-int Scheduler::lockSlowly(pthread_mutex_t* mutex, int64_t deadlineNs) {
-    maybePreempt();
+int Scheduler::lockSlowly(pthread_mutex_t* mutex, int64_t deadlineNs, const void* code) {
+    maybePreempt(Step::Lock, mutex, code);
     if (holds(mutex)) {
         return lockAgain(mutex);
     }
-    if (tryLock(mutex) == 0) {
+    if (mOptions.observer != nullptr) {
+        mOptions.observer->acquiring(RunObserver::Sync::Mutex, mutex, code);
+    }
+    if (tryTake(mutex) == 0) {
+        acquired(RunObserver::Sync::Mutex, mutex, code);
         return 0;
     }
     if (deadlineNs <= mNowNs) {
@@ -54,7 +58,11 @@ int Scheduler::lockSlowly(pthread_mutex_t* mutex, int64_t deadlineNs) {
     // The thread that unlocks hands the mutex over, so that a loop that locks it again does not
     // starve this one.
     const WokenBy by = block(WaitFor::Mutex, mutex, deadlineNs);
-    return by == WokenBy::Deadline ? ETIMEDOUT : 0;
+    if (by == WokenBy::Deadline) {
+        return ETIMEDOUT;
+    }
+    acquired(RunObserver::Sync::Mutex, mutex, code);
+    return 0;
 }
 
 int Scheduler::lockAgain(pthread_mutex_t* mutex) {
@@ -69,7 +77,19 @@ int Scheduler::lockAgain(pthread_mutex_t* mutex) {
     }
 }
 
-int Scheduler::tryLock(pthread_mutex_t* mutex) {
+int Scheduler::tryLock(pthread_mutex_t* mutex, const void* code) {
+    if (mOptions.schedule != nullptr) {
+        point(Step::Lock, mutex, code);
+    }
+    const bool again = holds(mutex);
+    const int result = tryTake(mutex);
+    if (result == 0 && !again) {
+        acquired(RunObserver::Sync::Mutex, mutex, code);
+    }
+    return result;
+}
+
+int Scheduler::tryTake(pthread_mutex_t* mutex) {
     const int type = mutexType(mutex);
     if (mutex->__data.__lock != 0) {
         if (type != PTHREAD_MUTEX_RECURSIVE_NP || !holds(mutex)) {
@@ -83,13 +103,13 @@ int Scheduler::tryLock(pthread_mutex_t* mutex) {
     return 0;
 }
 
-int Scheduler::unlockSlowly(pthread_mutex_t* mutex) {
-    const int result = unlockNow(mutex);
-    maybePreempt();
+int Scheduler::unlockSlowly(pthread_mutex_t* mutex, const void* code) {
+    const int result = unlockNow(mutex, code);
+    maybePreempt(Step::Unlock, mutex, code);
     return result;
 }
 
-int Scheduler::unlockNow(pthread_mutex_t* mutex) {
+int Scheduler::unlockNow(pthread_mutex_t* mutex, const void* code) {
     auto& data = mutex->__data;
     const int type = mutexType(mutex);
     if (!holds(mutex)) {
@@ -101,6 +121,7 @@ int Scheduler::unlockNow(pthread_mutex_t* mutex) {
     if (type == PTHREAD_MUTEX_RECURSIVE_NP && --data.__count > 0) {
         return 0;
     }
+    ordered(RunObserver::Sync::Mutex, mutex, code);
     data.__owner = 0;
     --data.__nusers;
     if (data.__lock == 1) {
@@ -125,34 +146,42 @@ void Scheduler::handOver(pthread_mutex_t* mutex) {
 
 // ---- conditions ----
 
-int Scheduler::wait(pthread_cond_t* condition, pthread_mutex_t* mutex, int64_t deadlineNs) {
-    maybePreempt();
+int Scheduler::wait(pthread_cond_t* condition, pthread_mutex_t* mutex, int64_t deadlineNs,
+                    const void* code) {
+    maybePreempt(Step::Wait, condition, code);
     if (!holds(mutex)) {
         failMutex(mutex, "is given to a wait by a thread that does not hold it");
     }
-    unlockNow(mutex);
+    unlockNow(mutex, code);
     int result = 0;
     if (deadlineNs <= mNowNs) {
         yield();
         result = ETIMEDOUT;
-    } else if (mSeed.happens(mOptions.spuriousWakeups)) {
+    } else if (wakesSpuriously()) {
         yield();
     } else if (block(WaitFor::Condition, condition, deadlineNs) == WokenBy::Deadline) {
         result = ETIMEDOUT;
     }
-    lock(mutex, kNever);
+    lock(mutex, kNever, code);
     return result;
 }
 
-void Scheduler::signal(pthread_cond_t* condition) {
-    maybePreempt();
+bool Scheduler::wakesSpuriously() {
+    if (mOptions.schedule == nullptr) {
+        return mSeed.happens(mOptions.spuriousWakeups);
+    }
+    return mOptions.schedule->wakesSpuriously(mCurrent->number, ++mCurrent->steps);
+}
+
+void Scheduler::signal(pthread_cond_t* condition, const void* code) {
+    maybePreempt(Step::Notify, condition, code);
     if (Fiber* const fiber = chooseWaiter(condition)) {
         wake(fiber);
     }
 }
 
-void Scheduler::broadcast(pthread_cond_t* condition) {
-    maybePreempt();
+void Scheduler::broadcast(pthread_cond_t* condition, const void* code) {
+    maybePreempt(Step::Notify, condition, code);
     wakeAll(condition);
 }
 
@@ -166,11 +195,15 @@ int Scheduler::waitForFutex(const int* word, int expected, int64_t deadlineNs) {
         yield();
         return ETIMEDOUT;
     }
-    const WokenBy by = block(WaitFor::Futex, word, deadlineNs);
-    return by == WokenBy::Deadline ? ETIMEDOUT : 0;
+    if (block(WaitFor::Futex, word, deadlineNs) == WokenBy::Deadline) {
+        return ETIMEDOUT;
+    }
+    acquired(RunObserver::Sync::Futex, word, nullptr);
+    return 0;
 }
 
 int Scheduler::wakeFutex(const int* word, int most) {
+    ordered(RunObserver::Sync::Futex, word, nullptr);
     int woken = 0;
     for (; woken < most; ++woken) {
         Fiber* const fiber = chooseWaiter(word);
@@ -187,6 +220,7 @@ int Scheduler::once(pthread_once_t* control, void (*routine)()) {
         block(WaitFor::Futex, control, kNever);
     }
     if (*control == kOnceDone) {
+        acquired(RunObserver::Sync::Once, control, nullptr);
         return 0;
     }
     *control = kOnceUnderWay;
@@ -197,6 +231,7 @@ int Scheduler::once(pthread_once_t* control, void (*routine)()) {
         wakeAll(control);
         throw;
     }
+    ordered(RunObserver::Sync::Once, control, nullptr);
     *control = kOnceDone;
     wakeAll(control);
     return 0;
@@ -206,7 +241,7 @@ int Scheduler::once(pthread_once_t* control, void (*routine)()) {
 
 void wakePollers() {
     if (gScheduler != nullptr) {
-        gScheduler->descriptorsChanged();
+        gScheduler->descriptorsReady();
     }
 }
 

@@ -23,6 +23,9 @@
 
 namespace korvane::tv {
 
+class RunObserver;
+class Schedule;
+
 /// Exit status of a process that was ended because its threads hang or because it called what
 /// virtual time does not take. Differs from the usual 0, 1, 2.
 constexpr int kHangStatus = 3;
@@ -42,6 +45,13 @@ struct VirtualTimeOptions {
     int64_t longestPreemptionNs = 0;
     /// How often, of 65536 times, a wait on a condition wakes spuriously.
     uint32_t spuriousWakeups = 0;
+    /// Decides in the seed's place, see Schedule.h; null: the seed.
+    Schedule* schedule = nullptr;
+    /// Whether plain accesses of an instrumented library are points of preemption, too; atomic ones
+    /// always are.
+    bool plainAccesses = false;
+    /// Sees what orders the threads; null: nobody.
+    RunObserver* observer = nullptr;
     /// Clock reads, yields and switches that may happen without time moving on. 1000 times
     /// what one instant of 64 renderers takes.
     int64_t callsPerInstant = 10'000'000;
@@ -62,6 +72,8 @@ struct VirtualTimeStatistics {
     int64_t waits = 0;        ///< sleeps and blocking waits, those that needed no switch included
     int64_t threads = 0;      ///< ever made, the first one included
     int64_t peakThreads = 0;  ///< at a time
+    uint64_t points = 0;      ///< of preemption, counted where there is a Schedule
+    uint64_t trace = 0;       ///< hash of who ran when, likewise: equal for equal runs
 };
 
 class KORVANE_TV_API VirtualTime {
@@ -92,6 +104,15 @@ public:
 
     VirtualTime(const VirtualTime&) = delete;
     VirtualTime& operator=(const VirtualTime&) = delete;
+
+    /// Runs a program on a thread of its own until it ends. A hang ends the run instead of the
+    /// process: its threads are abandoned where they are, nothing that they hold is released.
+    /// @return what hung, the report without its threads; empty if the program ended and joined all
+    ///         its threads. After a hang only `failure`, `statistics` and the destructor are left.
+    std::string run(const std::function<void()>& program);
+
+    /// The whole report of the hang that ended `run`.
+    const std::string& failure() const;
 
     /// Virtual CLOCK_MONOTONIC, nanoseconds. Reading it here does not count as a clock read.
     int64_t nowNs() const;

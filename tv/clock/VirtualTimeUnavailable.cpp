@@ -37,6 +37,15 @@ VirtualTime::~VirtualTime() {
     // None was ever made.
 }
 
+std::string VirtualTime::run(const std::function<void()>&) {
+    return {};
+}
+
+const std::string& VirtualTime::failure() const {
+    static const std::string none;
+    return none;
+}
+
 int64_t VirtualTime::nowNs() const {
     return 0;
 }

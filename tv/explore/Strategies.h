@@ -1,0 +1,189 @@
+// SPDX-License-Identifier: Apache-2.0
+// Strategies: which schedules of a program are visited, one after the other.
+//
+//   RandomWalk   at each point another thread with some probability; each choice uniform
+//   Pct          threads have random priorities, the highest of those that can run runs; at d - 1
+//                random points the running one gets the lowest. With n threads and k points a run
+//                finds a bug of depth d with a probability of at least 1 / (n k^(d-1)).
+//   Exhaustive   every schedule with at most so many preemptions, depth first
+//   Replay       the schedule that a text says
+//
+// Each records in what a run differed from the default; a Replay of that gives the same run. One
+// object serves many runs: `next` before each.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "tv/clock/Schedule.h"
+#include "tv/clock/Seed.h"
+#include "tv/explore/ScheduleText.h"
+
+#define KORVANE_EXPLORE_API __attribute__((visibility("default")))
+
+namespace korvane::tv {
+
+/// Plain data, for memory that processes share. Deviations beyond its end are only counted.
+struct DeviationMirror {
+    static constexpr size_t kMost = 4096;
+
+    volatile size_t count = 0;
+    Deviation deviations[kMost];
+};
+
+class KORVANE_EXPLORE_API Strategy : public Schedule {
+public:
+    /// Prepares the next run.
+    /// @return false when every run has been made
+    bool next();
+
+    /// Which run that is, from 1.
+    uint64_t run() const { return mRun; }
+
+    /// The next run is this one. A random strategy's runs depend on seed and number only.
+    void startAt(uint64_t run) { mRun = run - 1; }
+
+    /// The run's schedule so far.
+    const std::vector<Deviation>& deviations() const { return mDeviations; }
+
+    /// For how long the schedule has kept threads away in this run, added up.
+    int64_t awayNs() const { return mAwayNs; }
+
+    /// Copies each deviation there when it is decided, for a process that survives this one.
+    void mirrorTo(DeviationMirror* mirror) { mMirror = mirror; }
+
+    Preemption preempt(const SchedulePoint& point, const ThreadList& runnable) final;
+    size_t choose(const ScheduleChoice& choice) final;
+    bool wakesSpuriously(int32_t thread, uint64_t threadStep) final;
+
+protected:
+    virtual bool begin() = 0;
+    virtual Preemption decidePoint(const SchedulePoint& point, const ThreadList& runnable) = 0;
+    virtual size_t decideChoice(const ScheduleChoice& choice) = 0;
+    virtual bool decideSpurious(int32_t thread, uint64_t threadStep) = 0;
+
+private:
+    void record(const Deviation& deviation);
+
+    uint64_t mRun = 0;
+    int64_t mAwayNs = 0;
+    std::vector<Deviation> mDeviations;
+    DeviationMirror* mMirror = nullptr;
+};
+
+/// What the random strategies share.
+struct RandomOptions {
+    uint64_t seed = 1;
+    /// Of 65536 preemptions, those after which the thread is away while time passes.
+    uint32_t away = 16384;
+    /// Longest time away; lengths are drawn evenly among powers of two.
+    int64_t longestAwayNs = 40'000'000;
+    /// Of 65536 waits on a condition.
+    uint32_t spuriousWakeups = 1024;
+};
+
+class KORVANE_EXPLORE_API RandomWalk : public Strategy {
+public:
+    /// @param preemptions  how many of 65536 points preempt; 0: each run another, from every second
+    ///                     point to every 1024th
+    explicit RandomWalk(const RandomOptions& options, uint32_t preemptions = 0);
+
+protected:
+    bool begin() override;
+    Preemption decidePoint(const SchedulePoint& point, const ThreadList& runnable) override;
+    size_t decideChoice(const ScheduleChoice& choice) override;
+    bool decideSpurious(int32_t thread, uint64_t threadStep) override;
+
+private:
+    uint64_t gap();
+
+    const RandomOptions mOptions;
+    const uint32_t mPreemptions;
+    Seed mSeed;
+    double mLogStay = 0;  ///< logarithm of the probability that a point does not preempt
+};
+
+class KORVANE_EXPLORE_API Pct : public Strategy {
+public:
+    /// @param depth   of the bugs looked for: 1 needs only an order of the threads
+    /// @param points  k, about as many as a run has
+    Pct(const RandomOptions& options, int depth, uint64_t points);
+
+    void becameRunnable(int32_t thread) override;
+
+protected:
+    bool begin() override;
+    Preemption decidePoint(const SchedulePoint& point, const ThreadList& runnable) override;
+    size_t decideChoice(const ScheduleChoice& choice) override;
+    bool decideSpurious(int32_t thread, uint64_t threadStep) override;
+
+private:
+    int64_t& priority(int32_t thread);
+    size_t highest(const ThreadList& threads);
+
+    const RandomOptions mOptions;
+    const int mDepth;
+    const uint64_t mPoints;
+    Seed mSeed;
+    std::vector<int64_t> mPriorities;      ///< by thread; 0: not drawn yet
+    std::vector<uint64_t> mChangesToCome;  ///< indices of points, the next one last
+    int64_t mLowest = 0;
+};
+
+class KORVANE_EXPLORE_API Exhaustive : public Strategy {
+public:
+    /// @param preemptions  most of them in a run; choices where a thread waits are not counted
+    explicit Exhaustive(int preemptions);
+
+    /// Whether every schedule has been visited; then `run` says how many there are.
+    bool complete() const { return mComplete; }
+
+    /// The program did something else though its schedule began alike, so that `complete` means
+    /// nothing.
+    bool diverged() const { return mDiverged; }
+
+protected:
+    bool begin() override;
+    Preemption decidePoint(const SchedulePoint& point, const ThreadList& runnable) override;
+    size_t decideChoice(const ScheduleChoice& choice) override;
+    bool decideSpurious(int32_t thread, uint64_t threadStep) override;
+
+private:
+    struct Branch {
+        size_t taken;
+        size_t ways;
+    };
+
+    size_t follow(size_t ways);
+
+    const int mMost;
+    int mPreemptions = 0;  ///< so far in this run
+    std::vector<Branch> mBranches;
+    size_t mDepth = 0;  ///< branches so far in this run
+    bool mComplete = false;
+    bool mDiverged = false;
+};
+
+class KORVANE_EXPLORE_API Replay : public Strategy {
+public:
+    explicit Replay(std::vector<Deviation> schedule);
+
+    /// Whether the run had every decision of the schedule.
+    bool followed() const { return mFollowed == mSchedule.size(); }
+
+protected:
+    bool begin() override;
+    Preemption decidePoint(const SchedulePoint& point, const ThreadList& runnable) override;
+    size_t decideChoice(const ScheduleChoice& choice) override;
+    bool decideSpurious(int32_t thread, uint64_t threadStep) override;
+
+private:
+    const Deviation* find(int32_t thread, uint64_t step);
+
+    const std::vector<Deviation> mSchedule;
+    size_t mFollowed = 0;
+};
+
+}  // namespace korvane::tv
