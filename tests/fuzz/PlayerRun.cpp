@@ -564,11 +564,11 @@ std::set<int> openDescriptors() {
     return open;
 }
 
-std::unique_ptr<tv::VirtualTime> virtualTimeOf(const PlayerProgram& program) {
+std::unique_ptr<tv::VirtualTime> virtualTimeOf(const PlayerProgram& program,
+                                               tv::VirtualTimeOptions options) {
     if (!tv::VirtualTime::available()) {
         return nullptr;
     }
-    tv::VirtualTimeOptions options;
     options.preemptions = program.preemptions;
     options.longestPreemptionNs = program.longestPreemptionNs;
     options.spuriousWakeups = program.spuriousWakeups;
@@ -583,7 +583,7 @@ std::unique_ptr<tv::VirtualTime> virtualTimeOf(const PlayerProgram& program) {
 
 }  // namespace
 
-std::vector<std::string> runProgram(const PlayerProgram& program) {
+std::vector<std::string> runProgram(const PlayerProgram& program, tv::VirtualTimeOptions options) {
     constexpr int kLogNothing = 8;
     tv::openLog(kLogNothing);
     tv::setProperty(tv::kLogMaskProperty, std::to_string(program.logMask));
@@ -591,7 +591,7 @@ std::vector<std::string> runProgram(const PlayerProgram& program) {
     Findings findings;
     const std::set<int> before = openDescriptors();
     {
-        const auto virtualTime = virtualTimeOf(program);
+        const auto virtualTime = virtualTimeOf(program, std::move(options));
         runPlayers(program, &findings);
     }
     for (const int fd : openDescriptors()) {
@@ -605,6 +605,16 @@ std::vector<std::string> runProgram(const PlayerProgram& program) {
         }
     }
     return findings.take();
+}
+
+void endIfAny(const std::vector<std::string>& findings, const PlayerProgram& program) {
+    for (const auto& finding : findings) {
+        std::fprintf(stderr, "%s\n", finding.c_str());
+    }
+    if (!findings.empty()) {
+        std::fputs(toText(program).c_str(), stderr);
+        std::abort();
+    }
 }
 
 }  // namespace korvane::test

@@ -18,10 +18,15 @@
 #include <vector>
 
 #include "tests/fuzz/PlayerProgram.h"
+#include "tv/clock/VirtualTime.h"
 
 namespace korvane::test {
 
+/// @param options  who decides the schedule, if not the program's seed, and who observes it
 /// @return what did not hold, in words
-std::vector<std::string> runProgram(const PlayerProgram& program);
+std::vector<std::string> runProgram(const PlayerProgram& program,
+                                    tv::VirtualTimeOptions options = {});
+/// Prints findings and the program and ends the process, if there are any.
+void endIfAny(const std::vector<std::string>& findings, const PlayerProgram& program);
 
 }  // namespace korvane::test
