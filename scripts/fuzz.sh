@@ -3,8 +3,8 @@
 # fuzz.sh TIME JOBS: lets libFuzzer search with every target of tests/fuzz/, TIME in all (90s, 10m, 8h),
 # JOBS at a time. Inputs that reach something new are kept in build/fuzz/corpus, those that fail in
 # build/fuzz/found; a run goes on where the last one ended.
-# fuzz.sh minimise TARGET: copies the fewest inputs of build/fuzz/corpus that reach all lines that the
-# tree's do not into tests/fuzz/corpus.
+# fuzz.sh minimise TARGET: copies the few inputs of build/fuzz/corpus that reach what the tree's do not
+# into tests/fuzz/corpus.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -27,7 +27,10 @@ prepare() {
     mkdir -p "${inputs[0]}" build/fuzz/found
     case $1 in
         # libFuzzer's own thread and its alarm do not go with virtual time, which notices what hangs.
-        renderer) program=build/fuzz/bin/fuzz_renderer options=(-max_len=1024 -len_control=0 -timeout=0 -rss_limit_mb=0) ;;
+        renderer)
+            program=build/fuzz/bin/fuzz_renderer
+            options=(-max_len=1024 -len_control=0 -timeout=0 -rss_limit_mb=0)
+            ;;
         scenario) inputs+=(scenarios) ;;
     esac
     words_of "$1" >"build/fuzz/$1.dict"
@@ -52,7 +55,13 @@ search() { # target, seconds
 case ${1-} in
     minimise)
         prepare "$2"
-        "$program" "${options[@]}" -merge=1 -use_counters=0 tests/fuzz/corpus/"$2" "${inputs[0]}"
+        kept=$(mktemp -d)
+        find "${inputs[@]:1}" -maxdepth 1 -type f -exec cp -t "$kept" {} +
+        "$program" "${options[@]}" -set_cover_merge=1 -use_counters=0 "$kept" "${inputs[0]}"
+        for input in "$kept"/*; do
+            [ -e "scenarios/${input##*/}" ] || cp -n "$input" "tests/fuzz/corpus/$2"
+        done
+        rm -r "$kept"
         ;;
     search)
         search "$2" "$3"
