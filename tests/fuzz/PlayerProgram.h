@@ -87,7 +87,7 @@ struct SessionPlan {
     bool returnType0 = false;
     bool returnType2 = true;
     bool renderTimes = false;
-    int refusesEach = 0;  ///< every so manieth result of a return callback is not 0; 0: none
+    int refusesEach = 0;  ///< every third result of a return callback is not 0, for 3; 0: none
     int64_t callbackUs = 0;
     CallIn inReturn = CallIn::Nothing;
     CallIn inRenderTime = CallIn::Nothing;

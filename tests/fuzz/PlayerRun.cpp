@@ -9,12 +9,13 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <functional>
+#include <iterator>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <set>
 #include <thread>
+#include <utility>
 
 #include "VideoTunnelRenderer.h"
 #include "tv/AudioOutput.h"
