@@ -14,6 +14,7 @@
 #   make page                                         report pages in a headless browser
 #   make abi                                          the binary interface against the accepted one
 #   make abi-accept REASON='why'                      accept the present one, in a commit
+#   make fuzz [TIME=10m]                              random players and damaged inputs, by libFuzzer
 #   make package                                      Debian packages, checked, in build/packages
 
 JOBS ?= $(shell nproc)
@@ -23,7 +24,7 @@ install := @scripts/install-deps.sh
 
 .PHONY: all build play build-tests test check licences rooms format-check tidy sanitize-asan \
     sanitize-tsan aarch64 build-aarch64 libcxx soong page abi abi-reason abi-accept package bench format \
-    clean window coverage
+    clean window coverage fuzz
 # Each command uses all processors by itself.
 .NOTPARALLEL:
 
@@ -110,6 +111,14 @@ coverage: build-tests
 	$(install) coverage
 	cmake --build --preset release -j $(JOBS) --target korvane_coverage
 	@scripts/coverage.py build/release build/coverage $(JOBS)
+
+TIME ?= 10m
+
+fuzz:
+	$(install) fuzz
+	@for preset in fuzz fuzz-asan; do \
+	    cmake --preset $$preset && cmake --build --preset $$preset -j $(JOBS) || exit; done
+	@scripts/fuzz.sh $(TIME) $(JOBS)
 
 libcxx: build
 	$(install) test libcxx

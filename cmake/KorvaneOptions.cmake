@@ -12,6 +12,7 @@ set(CMAKE_POSITION_INDEPENDENT_CODE ON)
 option(KORVANE_WERROR "Treat warnings as errors; the presets do" OFF)
 set(KORVANE_SANITIZE "" CACHE STRING "Sanitizers to build with, e.g. address,undefined or thread")
 option(KORVANE_LIBCXX "Build with clang and libc++, the device's C++ library, and check locks" OFF)
+option(KORVANE_FUZZ "Build the fuzz targets with clang's libFuzzer, and all else counting coverage" OFF)
 
 find_package(Threads REQUIRED)
 
@@ -41,6 +42,13 @@ if(KORVANE_SANITIZE)
     # is not searched. What an executable carries as DT_RPATH is, whoever calls.
     target_link_options(korvane_options INTERFACE
         $<$<STREQUAL:$<TARGET_PROPERTY:TYPE>,EXECUTABLE>:-Wl,--disable-new-dtags>)
+endif()
+if(KORVANE_FUZZ)
+    # Without the depth of the stack: in virtual time each thread's lies somewhere else.
+    target_compile_options(korvane_options INTERFACE -fsanitize=fuzzer-no-link
+                                                     -fno-sanitize-coverage=stack-depth)
+    # The counters' run-time is in the programs alone; shared libraries find it there.
+    target_link_options(korvane_options INTERFACE -Wl,-z,undefs)
 endif()
 if(KORVANE_LIBCXX)
     include(CheckCXXSourceCompiles)

@@ -38,6 +38,9 @@ std::optional<FrameRate> parseFraction(const std::string& text, size_t slash) {
 }  // namespace
 
 FrameRate nominalRate(double hz) {
+    if (!(hz > 0.0 && hz <= kHighestHz)) {
+        return {0, 1};
+    }
     for (const int64_t whole : {24, 30, 48, 60, 120}) {
         const FrameRate broadcast{whole * 1000, kBroadcastDivisor};
         if (std::fabs(hz - broadcast.hz()) < kToleranceHz) {

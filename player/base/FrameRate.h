@@ -26,7 +26,7 @@ struct FrameRate {
 };
 
 /// The fraction that a decimal means: the broadcast rate within 0.005 Hz of it, else the decimal
-/// itself to six places.
+/// itself to six places. 0 for what is no rate: 0 or less, or beyond any display's.
 FrameRate nominalRate(double hz);
 
 /// Reads "24", "23.976" or "60000/1001".

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 
 #include "player/base/Errors.h"
 #include "player/base/Units.h"
@@ -85,8 +86,17 @@ std::string programList(const AVFormatContext& format) {
     return text.empty() ? "none" : text;
 }
 
+/// A file's number may be no value of the enumeration, which then must not be read as one.
+template <typename Enumeration>
+int numberOf(const Enumeration& value) {
+    int number = 0;
+    static_assert(sizeof(number) == sizeof(value));
+    std::memcpy(&number, &value, sizeof(number));
+    return number;
+}
+
 std::string fieldOrderOf(const AVCodecParameters& codec) {
-    switch (codec.field_order) {
+    switch (numberOf(codec.field_order)) {
         case AV_FIELD_TT:
         case AV_FIELD_TB:
             return "top field first";
@@ -99,7 +109,7 @@ std::string fieldOrderOf(const AVCodecParameters& codec) {
 }
 
 std::string transferOf(const AVCodecParameters& codec) {
-    switch (codec.color_trc) {
+    switch (numberOf(codec.color_trc)) {
         case AVCOL_TRC_SMPTE2084:
             return "PQ";
         case AVCOL_TRC_ARIB_STD_B67:

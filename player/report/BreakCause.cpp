@@ -108,9 +108,11 @@ void addNext(DwellFacts* facts, const FrameEntry& next, Lateness late, double co
     facts->nextRefused = facts->nextRefused || next.refusedByTunnel();
     const int64_t mediaUs = next.mediaTimeUs - facts->mediaTimeUs;
     const auto frames = static_cast<double>(next.frameNo - facts->frameNo);
-    facts->contentStepUs = 1e6 / contentHz;
     facts->vsyncUs = 1e6 / displayHz;
-    facts->sourceOffUs = mediaUs - static_cast<int64_t>(frames * facts->contentStepUs);
+    if (contentHz > 0.0) {
+        facts->contentStepUs = 1e6 / contentHz;
+        facts->sourceOffUs = mediaUs - static_cast<int64_t>(frames * facts->contentStepUs);
+    }
     if (facts->clockUs && next.clockRealUs) {
         facts->clockMovedUs = *next.clockRealUs - *facts->clockUs - mediaUs;
     }

@@ -215,7 +215,7 @@ double LoggedPlayback::displayHz() const {
     constexpr double kRounding = 1e-6;
     const double hz = 1e9 / *middle;
     const double nominal = nominalRate(hz).hz();
-    return std::abs(hz / nominal - 1.0) < kRounding ? nominal : hz;
+    return nominal == 0.0 || std::abs(hz / nominal - 1.0) < kRounding ? nominal : hz;
 }
 
 LoggedPlayback readEventLog(std::istream& in, const std::string& name) {

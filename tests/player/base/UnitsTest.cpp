@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <string>
 #include <utility>
 #include <vector>
@@ -56,6 +57,9 @@ TEST(FrameRate, BroadcastNamesMeanFractionsAndOthersThemselves) {
     }
     for (const char* text : {"", "0", "60/", "/1001", "60/0", "-24", "24fps", "1e2", "0/1"}) {
         EXPECT_FALSE(parseRate(text)) << text;
+    }
+    for (const double none : {8e37, -1.0, std::nan("")}) {
+        EXPECT_EQ(nominalRate(none).hz(), 0.0) << none;
     }
 }
 
