@@ -157,7 +157,8 @@ void Recording::writeSound(const tv::SoundRecord& sound, int64_t upToNs) {
         end = std::min(end, av_rescale(upToNs - mOriginNs, kSoundHz, 1'000'000'000));
     }
     if (end > mSamples) {
-        mWriter.addSound(heardSound(sound, *mSpec.sound, mOriginNs, mSamples, end - mSamples));
+        mWriter.addSound(heardSound(sound, *mSpec.sound, {static_cast<double>(mOriginNs) / 1000.0},
+                                    mSamples, end - mSamples));
         mSamples = end;
     }
 }

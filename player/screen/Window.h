@@ -11,9 +11,9 @@
 //   i            shows the live figures, hides them
 //   q, escape    ends playback, as closing the window does
 //
-// The TV's own clocks stay as they are. The device gets the sound a little ahead of the time at
-// which the TV has it audible, so that both come out together. Where the device's clock drifts
-// away, some samples are left out or silent, once in a while.
+// The device gets the sound a little ahead of the time at which the TV has it audible, so that both
+// come out together. The device's clock leads, as on a TV: the TV's audio plays as fast as the
+// device does, and the pictures follow audio.
 #pragma once
 
 #include <cstdint>
