@@ -19,6 +19,8 @@ struct RunOptions {
     int jobs = 1;
     std::optional<uint64_t> seed;  ///< instead of the scenarios' own
     std::string eventsFolder;      ///< gets an event log per scenario; empty: none are kept
+    std::string traceFolder;       ///< gets a timeline per scenario; empty: none
+    std::string recordFolder;      ///< gets a film per scenario; empty: none
     std::string reportFolder;      ///< gets a page per scenario and an index; empty: none
     std::string version;           ///< of korvane-tv
     std::string library;           ///< as in PlayOptions

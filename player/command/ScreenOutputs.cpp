@@ -22,16 +22,6 @@ FilmFormat formatOf(const std::string& path) {
     }
 }
 
-/// Vsyncs a second, exactly; a drift is known to a millionth of a percent.
-AVRational trueRate(const PlayOptions& options) {
-    const AVRational nominal{static_cast<int>(options.rate.frames),
-                             static_cast<int>(options.rate.seconds)};
-    constexpr int kParts = 100'000'000;
-    return options.displayDriftPpm == 0.0
-               ? nominal
-               : av_mul_q(nominal, av_d2q(1.0 + options.displayDriftPpm * 1e-6, kParts));
-}
-
 /// What the strip shows, for the line above it.
 std::string titleOf(const StripTarget& target, bool found, const Summary& summary) {
     switch (target.kind) {
@@ -110,7 +100,8 @@ void ScreenOutputs::openWindow(const MediaInfo& media, PlaybackHooks* hooks) {
 
 Recording* ScreenOutputs::beginRecording(const MediaInfo& media, bool virtualTime) {
     RecordingSpec spec;
-    spec.film = {mFormat, trueRate(mOptions), media.hasAudio && !mOptions.noAudio, !virtualTime};
+    spec.film = {mFormat, trueRate(mOptions.rate, mOptions.displayDriftPpm),
+                 media.hasAudio && !mOptions.noAudio, !virtualTime};
     spec.width = mOptions.recordSize ? mOptions.recordSize->width : media.width;
     spec.height = mOptions.recordSize ? mOptions.recordSize->height : media.height;
     spec.bar = mOptions.recordBar;

@@ -4,6 +4,7 @@
 #include <nlohmann/json.hpp>
 #include <ostream>
 #include <sstream>
+#include <stdexcept>
 #include <string_view>
 #include <utility>
 
@@ -276,6 +277,38 @@ void writeIndex(std::ostream& out, const std::vector<IndexEntry>& entries, size_
     }
     const PageAssets& assets = pageAssets();
     fill(out, assets.index, {{"@CSS@", assets.css}, {"@DATA@", inScript(data)}});
+}
+
+void writeComparisonPage(std::ostream& out, const ComparisonMarkup& markup,
+                         const std::array<ComparedColumns*, 2>& sides) {
+    const PageAssets& assets = pageAssets();
+    if (assets.compare.empty()) {
+        throw std::runtime_error(std::string(pageLacks()));
+    }
+    Json data;
+    data["sides"] = Json::array();
+    for (ComparedColumns* side : sides) {
+        data["sides"].push_back({{"media", columnJson(&side->media)},
+                                 {"dwell", columnJson(&side->dwell)},
+                                 {"offset", columnJson(&side->offset)},
+                                 {"lip_sync", columnJson(&side->lipSync)},
+                                 {"changed", columnJson(&side->changed)}});
+    }
+    data["bands"] = bandsJson();
+    const std::string verdict = inHtml(markup.verdict);
+    fill(out, assets.compare,
+         {{"@VERDICT@", verdict},
+          {"@GOOD@", markup.good},
+          {"@SIDES@", markup.sides},
+          {"@FIGURES@", markup.figures},
+          {"@FRAMES@", markup.frames},
+          {"@LACKS@", pageLacks()},
+          {"@CSS@", assets.css},
+          {"@CHARTS_CSS@", assets.chartsCss},
+          {"@CHARTS_LICENCE@", assets.chartsLicence},
+          {"@CHARTS_JS@", assets.chartsJs},
+          {"@JS@", assets.compareJs},
+          {"@DATA@", inScript(data)}});
 }
 
 }  // namespace korvane::player
