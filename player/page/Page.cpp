@@ -115,7 +115,24 @@ Json stretchesJson(const PageRecorder& recorder) {
     return all;
 }
 
-Json happenedJson(const PageRecorder& recorder, const PlaybackRecord& record) {
+Json splicesJson(const PlaybackRecord& record, const Summary& summary) {
+    Json all = Json::array();
+    for (const SpliceReport& splice : summary.splices) {
+        const MediaChange* change = nullptr;  // the last one before the frame
+        for (const MediaChange& other : record.media.changes) {
+            const bool before = other.splice && other.mediaTimeUs <= splice.mediaTimeUs;
+            change = before ? &other : change;
+        }
+        all.push_back({{"frame", splice.frame.frameNo},
+                       {"at_us", splice.frame.atUs},
+                       {"lost_us", splice.lostUs},
+                       {"what", change != nullptr ? change->what : "splice"}});
+    }
+    return all;
+}
+
+Json happenedJson(const PageRecorder& recorder, const PlaybackRecord& record,
+                  const Summary& summary) {
     const auto sinceStart = [&record](int64_t ns) { return (ns - record.startNs) / 1000; };
     const int64_t startUs = record.startNs / 1000;
     Json json;
@@ -136,6 +153,7 @@ Json happenedJson(const PageRecorder& recorder, const PlaybackRecord& record) {
                                  {"next_frame", seen.next.frameNo},
                                  {"next_us", seen.next.atUs}});
     }
+    json["splices"] = splicesJson(record, summary);
     json["actions"] = Json::array();
     for (const auto& action : recorder.actions()) {
         json["actions"].push_back(
@@ -228,7 +246,7 @@ void writePage(std::ostream& out, const PageHeading& heading, const Origin& orig
     data["ledger"] = framesJson(recorder);
     data["breaks"] = breaksJson(recorder);
     data["stretches"] = stretchesJson(*recorder);
-    data["happened"] = happenedJson(*recorder, record);
+    data["happened"] = happenedJson(*recorder, record, summary);
     data["drops"] = dropsJson(summary);
     data["words"] = wordsJson();
     data["bands"] = bandsJson();
