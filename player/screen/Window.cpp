@@ -103,7 +103,7 @@ public:
         : mSpec(spec),
           mRemote(*remote),
           mScale(std::min(1.0, static_cast<double>(kWidestDrawn) / spec.width)),
-          mCanvas(evenShare(spec.width, mScale), evenShare(spec.height, mScale)) {
+          mCanvas(evenShare(spec.width, mScale), evenShare(spec.height, mScale), spec.turnDegrees) {
         std::promise<void> opened;
         auto result = opened.get_future();
         mThread = std::thread([this, &opened] { run(&opened); });

@@ -28,8 +28,9 @@ namespace korvane::player {
 
 struct WindowSpec {
     std::string title;
-    int width = 0;  ///< of the film's pictures
+    int width = 0;  ///< of the film's pictures, turned
     int height = 0;
+    int turnDegrees = 0;                      ///< as for Canvas
     std::shared_ptr<const SoundStore> sound;  ///< null: the film has none
 };
 
