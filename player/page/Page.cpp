@@ -274,9 +274,16 @@ void writePage(std::ostream& out, const PageHeading& heading, const Origin& orig
 }
 
 void writeUnfinishedPage(std::ostream& out, const std::string& name) {
-    out << "<!doctype html><meta charset=\"utf-8\"><title>" << inHtml(name)
-        << "</title><p>The playback of " << inHtml(name)
-        << " has not ended yet, or was killed. Reload this page later.\n";
+    out << "<!doctype html><html lang=\"en\"><meta charset=\"utf-8\"><meta name=\"color-scheme\" "
+           "content=\"light dark\"><title>"
+        << inHtml(name)
+        << "</title><body style=\"font: 1.1rem/1.5 system-ui, sans-serif; margin: 3rem; max-width: "
+           "40rem\"><h1 style=\"font-size: 1.3rem\">No report yet: the playback of "
+        << inHtml(name)
+        << " has not ended yet, or was killed</h1><p>Reload this page later. If nothing plays it "
+           "any "
+           "more, it was killed: play it again. <code>events.txt</code> beside this page has those "
+           "events that had been written by then.\n";
 }
 
 void writeIndex(std::ostream& out, const std::vector<IndexEntry>& entries, size_t planned) {

@@ -236,7 +236,7 @@ ScenarioResult playScenario(const Scenario& scenario, const ScenarioRunOptions& 
     if (!traceFailure.empty()) {
         result.failures.push_back("'" + options.traceFile + "': " + traceFailure);
     }
-    if (film) {
+    if (film && files.film) {
         film->finish(&result.failures);
     }
     origin.eventHash = result.eventsHash;
