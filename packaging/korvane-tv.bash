@@ -50,10 +50,10 @@ _korvane_tv() {
             words="vendor.korvane.loglevels= vendor.tunerpassthrough.renderfreeRun="
             compopt -o nospace
             ;;
-        run:--events | *:--report) compopt -o dirnames ;;
+        run:--events | run:--trace | run:--record | *:--report) compopt -o dirnames ;;
         play:--strip-at) words="break frame:" ;;
         *:--trace | *:--csv | *:--ledger | *:--json | *:--events | *:--record | *:--strip | \
-            *:--library)
+            *:--library | *:--against)
             compopt -o default
             ;;
         *)

@@ -9,6 +9,7 @@
 #include <string>
 
 #include "player/base/Errors.h"
+#include "player/command/AgainstCommand.h"
 #include "player/command/CommandLine.h"
 #include "player/command/ExitStatus.h"
 #include "player/command/LibraryChoice.h"
@@ -40,7 +41,10 @@ CommandLine readCommandLine(int argc, char** argv) {
 }
 
 int carryOut(const CommandLine& line, char** argv) {
-    useLibrary(line.command == Command::Run ? line.run.library : line.play.library, argv);
+    const bool comparing = line.command == Command::Play && !line.play.against.empty();
+    if (!comparing) {
+        useLibrary(line.command == Command::Run ? line.run.library : line.play.library, argv);
+    }
     // The log keeps what was logged while the libraries were loaded until it is opened.
     tv::openLog(lowestLogPriority(line.play));
     if (!line.text.empty()) {
@@ -57,7 +61,7 @@ int carryOut(const CommandLine& line, char** argv) {
         case Command::Play:
             break;
     }
-    return playFile(line.play);
+    return comparing ? playAgainst(line.play, argv, std::cout) : playFile(line.play);
 }
 
 int fail(const std::exception& error, int status) {

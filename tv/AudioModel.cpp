@@ -85,6 +85,18 @@ void AudioModel::flush(int64_t nowUs) {
     mReport.positionUs = -1;
 }
 
+void AudioModel::setDriftPpm(double driftPpm, int64_t nowUs) {
+    step(nowUs);
+    const int64_t trackUs = mReferenceMediaUs + mSteps * mConfig.stepUs;
+    mReferenceRealUs = realAt(trackUs);
+    mReferenceMediaUs = trackUs;
+    mSteps = 0;
+    mConfig.driftPpm = driftPpm;
+    if (mSound.mediaAt(nowUs)) {
+        recordSound(mReferenceRealUs);
+    }
+}
+
 int64_t AudioModel::step(int64_t nowUs) {
     if (mConfig.neverStarts) {
         return kNever;

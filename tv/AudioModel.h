@@ -104,6 +104,8 @@ public:
     void pause(int64_t nowUs);
     void resume(int64_t nowUs);
     void flush(int64_t nowUs);
+    /// The device plays at another rate from its last step on.
+    void setDriftPpm(double driftPpm, int64_t nowUs);
 
     /// Does what is due. Call it after every other operation, too.
     /// @return when to call it next; INT64_MAX: after the next operation

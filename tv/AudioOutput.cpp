@@ -102,6 +102,10 @@ void AudioOutput::flush() {
     mImpl->change([](AudioModel& model, int64_t nowUs) { model.flush(nowUs); });
 }
 
+void AudioOutput::setDriftPpm(double driftPpm) {
+    mImpl->change([&](AudioModel& model, int64_t nowUs) { model.setDriftPpm(driftPpm, nowUs); });
+}
+
 void AudioOutput::stop() {
     {
         const std::lock_guard<std::mutex> guard(mImpl->lock);

@@ -27,6 +27,8 @@ public:
     void resume();
     /// Drops what is buffered and waits for a new start (seek). Leaves the clock as it is.
     void flush();
+    /// As `AudioConfig::driftPpm`, from now on.
+    void setDriftPpm(double driftPpm);
     /// Ends the thread and leaves the clock as it is. Idempotent.
     void stop();
 

@@ -10,6 +10,8 @@ namespace korvane::tv {
 
 /// The property from which the library takes its log mask, a decimal sum of bits.
 inline constexpr char kLogMaskProperty[] = "vendor.korvane.loglevels";
+/// The mask with a trace, unless another is asked for: the library's default and its counters.
+inline constexpr int kTraceLogMask = 1 + 16;
 
 /// @return false for a name that is empty or a value longer than 91 bytes; nothing is then stored
 bool setProperty(const std::string& name, const std::string& value);

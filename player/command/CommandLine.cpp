@@ -292,6 +292,11 @@ void addPlatformOptions(CLI::App* app, PlayOptions* options) {
     addEach(app, "--prop", kProperty, "Set a system property; may be repeated",
             [options](const Property& property) { options->properties.push_back(property); });
     addLibraryOption(app, &options->library);
+    add(app, "--against", kLibraryFile,
+        "Play on that build first, then on the present one, and compare the two; --report DIR "
+        "keeps "
+        "both and the comparison's page",
+        &options->against);
 }
 
 void addClockOptions(CLI::App* app, PlayOptions* options) {
@@ -338,7 +343,8 @@ void addOutputOptions(CLI::App* app, PlayOptions* options) {
     add(app, "--ledger", kOutputFile,
         "Write one JSON object per line and frame, with the names of --csv", &options->ledgerFile);
     add(app, "--report", kOutputFolder,
-        "Write report.html, a page with charts to look at, and events.txt into this folder",
+        "Write report.html, a page with charts to look at, events.txt and summary.json into this "
+        "folder",
         &options->reportFolder);
     addFlag(app, "--live", &options->live,
             "On a terminal, show dwells, pattern, offset, buffers and drops while playing");
@@ -403,9 +409,15 @@ CLI::App* addRunCommand(CLI::App* app, RunOptions* options) {
         "Keep the event logs in this folder, as NAME.events; a second scenario of the same name "
         "is NAME-2",
         &options->eventsFolder);
+    add(run, "--trace", kOutputFolder,
+        "Write timelines for the Perfetto UI into this folder, as NAME.pftrace",
+        &options->traceFolder);
+    add(run, "--record", kOutputFolder,
+        "Record the screens into this folder, as NAME.mp4, with the bar of --record-bar",
+        &options->recordFolder);
     add(run, "--report", kOutputFolder,
         "Write into this folder index.html and, in a folder per scenario, report.html with charts "
-        "to look at and events.txt",
+        "to look at, events.txt and summary.json",
         &options->reportFolder);
     addLibraryOption(run, &options->library);
     addFlag(run, "-v,--verbose", &options->verbose, "Print each report and the library's log");

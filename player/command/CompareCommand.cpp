@@ -45,8 +45,9 @@ bool finishOutput(OutputFile* output) {
 }  // namespace
 
 int compareFiles(const CompareOptions& options, std::ostream& out) {
-    const ComparedRun a = readRun(options.a);
-    const ComparedRun b = readRun(options.b);
+    auto [a, b] = readRuns(options.a, options.b);
+    a.name = options.aName.empty() ? a.name : options.aName;
+    b.name = options.bName.empty() ? b.name : options.bName;
     OutputFile json("--json", options.jsonFile);
     OutputFile page("--report", pageIn(options.reportFolder));
     claim(options.a, {&json, &page});

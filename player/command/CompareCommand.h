@@ -10,6 +10,8 @@ namespace korvane::player {
 struct CompareOptions {
     std::string a;  ///< an event log, or a folder that has one as events.txt
     std::string b;
+    std::string aName;  ///< what to call them; empty: by their paths
+    std::string bName;
     bool frames = false;  ///< print each frame that is not the same
     std::string jsonFile;
     std::string reportFolder;  ///< gets a page; empty: none

@@ -44,9 +44,6 @@
 namespace korvane::player {
 namespace {
 
-/// The mask with a trace, unless another is asked for: the library's default and its counters.
-constexpr int kTraceLogMask = 1 + 16;
-
 /// What --csv, --ledger, --json, --events, --report, --trace, --record and --strip write.
 struct Outputs {
     Outputs(const PlayOptions& options, std::shared_ptr<const SoundStore> sound)
@@ -57,10 +54,11 @@ struct Outputs {
           folder("--report", options.reportFolder),
           page("--report", inFolder(options.reportFolder, "report.html")),
           pageEvents("--report", inFolder(options.reportFolder, "events.txt")),
+          pageJson("--report", inFolder(options.reportFolder, "summary.json")),
           trace("--trace", options.traceFile),
           screen(options, std::move(sound)) {
-        std::vector<const OutputFile*> all{&csv,  &ledger,     &json, &events,
-                                           &page, &pageEvents, &trace};
+        std::vector<const OutputFile*> all{&csv,  &ledger,     &json,     &events,
+                                           &page, &pageEvents, &pageJson, &trace};
         const auto screenFiles = screen.files();
         all.insert(all.end(), screenFiles.begin(), screenFiles.end());
         claim(options.file, all);
@@ -88,7 +86,7 @@ struct Outputs {
     }
 
     std::vector<OutputFile*> written() {
-        return {&csv, &ledger, &json, &events, &page, &pageEvents};
+        return {&csv, &ledger, &json, &events, &page, &pageEvents, &pageJson};
     }
     /// Where the event log goes.
     std::vector<std::ostream*> eventStreams() {
@@ -108,6 +106,7 @@ struct Outputs {
     OutputFolder folder;
     OutputFile page;
     OutputFile pageEvents;
+    OutputFile pageJson;
     OutputFile trace;
     ScreenOutputs screen;
 };
@@ -160,7 +159,8 @@ void setProperties(const PlayOptions& options) {
     auto properties = options.properties;
     if (!options.traceFile.empty()) {
         // First, so that any other that is asked for holds.
-        properties.emplace(properties.begin(), tv::kLogMaskProperty, std::to_string(kTraceLogMask));
+        properties.emplace(properties.begin(), tv::kLogMaskProperty,
+                           std::to_string(tv::kTraceLogMask));
     }
     if (options.logMask) {
         properties.emplace_back(tv::kLogMaskProperty, std::to_string(*options.logMask));
@@ -285,8 +285,10 @@ bool writeResults(const PlayOptions& options, const PlaybackRecord& record, cons
                    origin.commandLine);
     }
     std::cout << std::flush;
-    if (outputs->json.wanted()) {
-        writeJson(outputs->json.stream(), origin, record, summary, trace);
+    for (OutputFile* json : {&outputs->json, &outputs->pageJson}) {
+        if (json->wanted()) {
+            writeJson(json->stream(), origin, record, summary, trace);
+        }
     }
     if (page != nullptr) {
         const std::string name = options.file.substr(options.file.find_last_of('/') + 1);

@@ -28,8 +28,6 @@ std::vector<std::string> withoutEffect(const PlayOptions& options, const MediaIn
     note(silent && options.audioDelayUs != usual.audioDelayUs, "--audio-delay", whySilent);
     note(silent && options.audioDriftPpm != usual.audioDriftPpm, "--audio-drift", whySilent);
     note(silent && !options.underflows.empty(), "--audio-underflow", whySilent);
-    note(options.window && silent, "pausing in the window",
-         whySilent + ", and the library pauses with audio");
     const auto noteBeyond = [&](const char* option, int64_t atUs) {
         note(media.durationUs > 0 && atUs >= media.durationUs,
              std::string(option) + " " + seconds(atUs),

@@ -51,6 +51,9 @@ struct PlayOptions {
 
     std::string library;  ///< to play on; empty: the one that the program is linked with
 
+    std::string
+        against;  ///< another build of the library, to play on first and compare; may be empty
+
     std::optional<Expectations> expect;  ///< of --expect
 
     std::string traceFile;

@@ -240,14 +240,20 @@ int runScenarios(const RunOptions& options, std::ostream& out) {
         throw std::runtime_error("--report: " + std::string(pageLacks()));
     }
     OutputFolder events("--events", options.eventsFolder);
+    OutputFolder trace("--trace", options.traceFolder);
+    OutputFolder record("--record", options.recordFolder);
     OutputFolder report("--report", options.reportFolder);
     events.keep();
+    trace.keep();
+    record.keep();
     report.keep();
     ProcessOptions processOptions;
     processOptions.jobs = options.jobs;
     processOptions.virtualClock = options.virtualClock && tv::VirtualTime::available();
     processOptions.verbose = options.verbose;
     processOptions.eventsFolder = options.eventsFolder;
+    processOptions.traceFolder = options.traceFolder;
+    processOptions.recordFolder = options.recordFolder;
     processOptions.reportFolder = options.reportFolder;
     processOptions.version = options.version;
     processOptions.repeat = [virtualClock = processOptions.virtualClock,

@@ -27,6 +27,8 @@ struct RunOptions {
     std::optional<SeedRange> seeds;  ///< likewise, each in turn
     bool preempt = false;            ///< as Scenario::preempt, in all
     std::string eventsFolder;        ///< gets an event log per scenario; empty: none are kept
+    std::string traceFolder;         ///< gets a timeline per scenario; empty: none
+    std::string recordFolder;        ///< gets a film per scenario; empty: none
     std::string reportFolder;        ///< gets a page per scenario and an index; empty: none
     std::string version;             ///< of korvane-tv
     std::string library;             ///< as in PlayOptions

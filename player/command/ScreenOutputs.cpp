@@ -22,14 +22,11 @@ FilmFormat formatOf(const std::string& path) {
     }
 }
 
-/// Vsyncs a second, exactly; a drift is known to a millionth of a percent.
-AVRational trueRate(const PlayOptions& options) {
-    const AVRational nominal{static_cast<int>(options.rate.frames),
-                             static_cast<int>(options.rate.seconds)};
-    constexpr int kParts = 100'000'000;
-    return options.displayDriftPpm == 0.0
-               ? nominal
-               : av_mul_q(nominal, av_d2q(1.0 + options.displayDriftPpm * 1e-6, kParts));
+/// Of a film's pictures as a display has to turn them.
+PictureSize turnedSize(const MediaInfo& media) {
+    const bool onItsSide = media.rotationDegrees % 180 != 0;
+    return onItsSide ? PictureSize{media.height, media.width}
+                     : PictureSize{media.width, media.height};
 }
 
 /// What the strip shows, for the line above it.
@@ -72,7 +69,8 @@ void ScreenOutputs::begin(const MediaInfo& media, bool virtualTime, const Report
     }
     if (mStripFile.wanted()) {
         mReport = &report;
-        screens.push_back(&mStrip.emplace(mOptions.stripAt.value_or(StripTarget{})));
+        screens.push_back(
+            &mStrip.emplace(mOptions.stripAt.value_or(StripTarget{}), media.rotationDegrees));
         hooks->listeners.push_back(this);
     }
     // In virtual time the display can wait for them: that takes no time of its own.
@@ -89,9 +87,11 @@ void ScreenOutputs::begin(const MediaInfo& media, bool virtualTime, const Report
 void ScreenOutputs::openWindow(const MediaInfo& media, PlaybackHooks* hooks) {
     const bool withSound = media.hasAudio && !mOptions.noAudio;
     try {
-        mWindow.emplace(WindowSpec{"korvane-tv: " + printable(mOptions.file), media.width,
-                                   media.height, withSound ? mSound : nullptr},
-                        &mRemote);
+        const PictureSize size = turnedSize(media);
+        mWindow.emplace(
+            WindowSpec{"korvane-tv: " + printable(mOptions.file), size.width, size.height,
+                       media.rotationDegrees, withSound ? mSound : nullptr},
+            &mRemote);
     } catch (const std::runtime_error& error) {
         say(fmt::format("--window: {}; playing without a window", error.what()));
         return;
@@ -110,9 +110,12 @@ void ScreenOutputs::openWindow(const MediaInfo& media, PlaybackHooks* hooks) {
 
 Recording* ScreenOutputs::beginRecording(const MediaInfo& media, bool virtualTime) {
     RecordingSpec spec;
-    spec.film = {mFormat, trueRate(mOptions), media.hasAudio && !mOptions.noAudio, !virtualTime};
-    spec.width = mOptions.recordSize ? mOptions.recordSize->width : media.width;
-    spec.height = mOptions.recordSize ? mOptions.recordSize->height : media.height;
+    spec.film = {mFormat, trueRate(mOptions.rate, mOptions.displayDriftPpm),
+                 media.hasAudio && !mOptions.noAudio, !virtualTime};
+    const PictureSize size = mOptions.recordSize.value_or(turnedSize(media));
+    spec.width = size.width;
+    spec.height = size.height;
+    spec.turnDegrees = media.rotationDegrees;
     spec.bar = mOptions.recordBar;
     spec.sound = spec.film.withSound ? mSound : nullptr;
     return &mRecording.emplace(spec, &mRecordFile.stream());

@@ -18,6 +18,22 @@ namespace {
 
 /// The name that a report's folder gives its event log.
 constexpr const char* kLogInFolder = "/events.txt";
+constexpr const char* kSummaryInFolder = "/summary.json";
+
+/// Empty: the folder has none, as those of earlier versions.
+std::optional<ToldSummary> summaryIn(const std::string& folder, const std::string& hash) {
+    const std::string file = folder + kSummaryInFolder;
+    std::ifstream in(file);
+    if (!in) {
+        return std::nullopt;
+    }
+    ToldSummary told = readSummary(in, file);
+    if (told.eventHash != hash) {
+        throw InputError("'" + printable(folder) +
+                         "' has a summary and an event log of two playbacks; play it again");
+    }
+    return told;
+}
 
 /// What the record holds beside the frames, from the player's actions. Times count from `start`.
 PlaybackRecord recordOf(const LoggedPlayback& log, double displayHz) {
@@ -66,7 +82,7 @@ ComparedRun runOf(std::string name, LoggedPlayback log) {
     for (size_t i = 0; i < log.frames.size(); ++i) {
         builder.onFrame(entryOf(log, i), record);
     }
-    ComparedRun run{std::move(name), std::move(log), builder.finish(record), -1};
+    ComparedRun run{std::move(name), std::move(log), builder.finish(record), std::nullopt, -1};
     for (const auto& stretch : run.summary.stretches) {
         run.worstFirstFrameUs = std::max(run.worstFirstFrameUs, stretch.firstFrameUs);
     }
@@ -84,7 +100,28 @@ ComparedRun readRun(const std::string& path) {
                          "': " + std::error_code(errno, std::generic_category()).message() +
                          "; give a file of --events or a folder of --report");
     }
-    return runOf(path, readEventLog(in, file));
+    ComparedRun run = runOf(path, readEventLog(in, file));
+    if (folder) {
+        run.told = summaryIn(path, run.log.hash);
+    }
+    return run;
+}
+
+std::pair<ComparedRun, ComparedRun> readRuns(const std::string& a, const std::string& b) {
+    std::pair<ComparedRun, ComparedRun> runs{readRun(a), readRun(b)};
+    if (!runs.first.told || !runs.second.told) {
+        runs.first.told.reset();
+        runs.second.told.reset();
+    }
+    return runs;
+}
+
+std::string ComparedRun::pattern() const {
+    const auto& stretches = summary.stretches;
+    const std::string seen = told                ? told->pattern
+                             : stretches.empty() ? std::string()
+                                                 : stretches[0].seen;
+    return seen.empty() ? "-" : seen;
 }
 
 }  // namespace korvane::player

@@ -3,11 +3,15 @@
 //
 // The log is told to the report frame by frame, as the playback was, so that its figures are the
 // report's own. What a log does not have stays out: fences and waits for buffers (such breaks count
-// as frames handed in late), the renderer's patterns, changes of the display's rate.
+// as frames handed in late), the renderer's patterns, changes of the display's rate. A report
+// folder has all of it in its summary.
 #pragma once
 
+#include <optional>
 #include <string>
+#include <utility>
 
+#include "player/compare/ToldSummary.h"
 #include "player/report/EventLogReader.h"
 #include "player/report/Summary.h"
 
@@ -17,12 +21,19 @@ struct ComparedRun {
     std::string name;
     LoggedPlayback log;
     Summary summary;
-    int64_t worstFirstFrameUs = -1;  ///< from start or a seek to the first frame; -1: none
+    std::optional<ToldSummary> told;  ///< of a report folder
+    int64_t worstFirstFrameUs = -1;   ///< from start or a seek to the first frame; -1: none
+
+    const std::string& verdict() const { return told ? told->verdict : summary.verdict; }
+    Grade grade() const { return told ? told->grade : summary.grade; }
+    std::string pattern() const;
 };
 
 /// @param path  an event log, or a folder that has one as events.txt
 /// @throws InputError
 ComparedRun readRun(const std::string& path);
+/// Reads both. Only if both have a summary are the summaries compared.
+std::pair<ComparedRun, ComparedRun> readRuns(const std::string& a, const std::string& b);
 /// Makes the summary of a log.
 ComparedRun runOf(std::string name, LoggedPlayback log);
 

@@ -22,15 +22,6 @@ constexpr int64_t kSameTimeUs = 1'000;
 constexpr double kChanceOfLipSync = 0.5;
 constexpr double kChanceOfStart = 1.5;
 
-std::vector<size_t> byMediaTime(const LoggedPlayback& log) {
-    std::vector<size_t> order(log.frames.size());
-    std::iota(order.begin(), order.end(), 0);
-    std::stable_sort(order.begin(), order.end(), [&log](size_t left, size_t right) {
-        return log.frames[left].mediaTimeUs < log.frames[right].mediaTimeUs;
-    });
-    return order;
-}
-
 bool sameFate(const LoggedFrame& a, const LoggedFrame& b) {
     return a.outcome == b.outcome && a.dropReason == b.dropReason && a.dwellVsyncs == b.dwellVsyncs;
 }
@@ -98,18 +89,35 @@ public:
 
     void add(std::string key, FigureUnit unit,
              const std::function<double(const ComparedRun&)>& of) {
-        mFigures.push_back({std::move(key), unit, of(mA), of(mB)});
+        const double a = valueOf(mA, key, of(mA));
+        const double b = valueOf(mB, key, of(mB));
+        mFigures.push_back({std::move(key), unit, a, b});
     }
     /// A count that most playbacks have not.
     void addIfAny(const std::string& key, const std::function<int64_t(const Summary&)>& of) {
-        if (of(mA.summary) != 0 || of(mB.summary) != 0) {
-            add(key, FigureUnit::Count,
-                [&of](const ComparedRun& run) { return static_cast<double>(of(run.summary)); });
+        const auto value = [&](const ComparedRun& run) {
+            return run.told ? run.told->number(key).value_or(0.0)
+                            : static_cast<double>(of(run.summary));
+        };
+        if (value(mA) != 0.0 || value(mB) != 0.0) {
+            mFigures.push_back({key, FigureUnit::Count, value(mA), value(mB)});
+        }
+    }
+    /// What only summaries have.
+    void addTold(const std::string& key, FigureUnit unit) {
+        if (mA.told && mB.told && mA.told->number(key) && mB.told->number(key)) {
+            mFigures.push_back({key, unit, *mA.told->number(key), *mB.told->number(key)});
         }
     }
     std::vector<Figure> take() { return std::move(mFigures); }
 
 private:
+    /// The summary's, if it has it. What was not measured stays so.
+    static double valueOf(const ComparedRun& run, const std::string& key, double logged) {
+        const auto told = run.told ? run.told->number(key) : std::nullopt;
+        return told && logged >= 0.0 ? std::abs(*told) : logged;
+    }
+
     const ComparedRun& mA;
     const ComparedRun& mB;
     std::vector<Figure> mFigures;
@@ -168,6 +176,16 @@ std::vector<Figure> figuresOf(const ComparedRun& a, const ComparedRun& b) {
     table.add("longest_resume_us", us, [](const auto& run) { return maxResume(run.summary); });
     table.add("longest_freeze_us", us,
               [](const auto& run) { return run.summary.judder.longestFreezeUs; });
+    for (const char* key :
+         {"buffers_kept", "pictures_overwritten_on_screen", "buffers_returned_again",
+          "buffer_waits", "audio_underflows", "audio_reanchors", "passthrough_holds",
+          "dwells_by_arithmetic", "sections"}) {
+        table.addTold(key, FigureUnit::Count);
+    }
+    for (const char* key : {"buffer_longest_wait_us", "buffer_back_median_us", "buffer_back_p99_us",
+                            "splice_lost_worst_us"}) {
+        table.addTold(key, us);
+    }
     return table.take();
 }
 
@@ -194,6 +212,7 @@ bool isSuperseded(const LoggedFrame& frame) {
 constexpr Criterion kCriteria[] = {
     {"frames_lost", "lost", isUnaccounted},
     {"frames_refused", "refused", isUnaccounted},
+    {"buffers_kept", "never given back", nullptr},
     {"frames_dropped", "dropped", isDropped},
     {"frames_superseded", "superseded", isSuperseded},
     {"dwells_unexpected", "unexpected dwell", nullptr},
@@ -244,6 +263,9 @@ std::string tellChange(const Criterion& criterion, double by, const std::string&
     if (criterion.isAbout != nullptr) {
         return fmt::format("{} {} {}{}", counted(amount, "frame"), more, criterion.what, where);
     }
+    if (key == "buffers_kept") {
+        return fmt::format("{} {} {}", counted(amount, "buffer"), more, criterion.what);
+    }
     if (key == "dwells_unexpected") {
         return fmt::format("{} {}{}", counted(amount, criterion.what), more, where);
     }
@@ -291,7 +313,7 @@ std::string tellOthers(const Comparison& comparison) {
 void judgeChanges(const ComparedRun& a, const ComparedRun& b, Comparison* comparison) {
     const Changes changes = changesOf(a, b, *comparison);
     const bool none = changes.worse.empty() && changes.better.empty();
-    const Grade grades[] = {a.summary.grade, b.summary.grade};
+    const Grade grades[] = {a.grade(), b.grade()};
     if (none && grades[0] != grades[1]) {
         const bool worse = grades[1] < grades[0];
         comparison->result = worse ? ComparisonResult::Worse : ComparisonResult::Better;
@@ -328,7 +350,7 @@ void judge(const ComparedRun& a, const ComparedRun& b, Comparison* comparison) {
         comparison->result = ComparisonResult::Different;
         comparison->verdict = fmt::format("Different films: {} of {} media times in common",
                                           comparison->common, inA + comparison->onlyB);
-    } else if (comparison->frames.empty() && a.summary.grade == b.summary.grade &&
+    } else if (comparison->frames.empty() && a.grade() == b.grade() &&
                changesOf(a, b, *comparison).worse.empty() &&
                changesOf(a, b, *comparison).better.empty()) {
         comparison->result = ComparisonResult::SameDecisions;
@@ -360,6 +382,15 @@ const char* toString(ComparisonResult result) {
             break;
     }
     return "different_films";
+}
+
+std::vector<size_t> byMediaTime(const LoggedPlayback& log) {
+    std::vector<size_t> order(log.frames.size());
+    std::iota(order.begin(), order.end(), 0);
+    std::stable_sort(order.begin(), order.end(), [&log](size_t left, size_t right) {
+        return log.frames[left].mediaTimeUs < log.frames[right].mediaTimeUs;
+    });
+    return order;
 }
 
 Comparison compareRuns(const ComparedRun& a, const ComparedRun& b) {

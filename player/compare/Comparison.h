@@ -59,6 +59,9 @@ struct Comparison {
 
 Comparison compareRuns(const ComparedRun& a, const ComparedRun& b);
 
+/// Numbers of the frames, by media time; where one comes more than once, in order.
+std::vector<size_t> byMediaTime(const LoggedPlayback& log);
+
 /// "shown for 3 vsyncs", "dropped (late)", "-" without a frame.
 std::string tellFrame(const ComparedRun& run, const std::optional<size_t>& frame);
 /// "12", "0.417 s", "-".

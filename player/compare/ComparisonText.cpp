@@ -7,10 +7,12 @@
 #include <algorithm>
 #include <cmath>
 #include <ostream>
+#include <vector>
 
 #include "player/base/JsonValue.h"
 #include "player/base/Text.h"
 #include "player/base/Units.h"
+#include "player/page/Page.h"
 #include "player/report/Words.h"
 
 namespace korvane::player {
@@ -40,11 +42,6 @@ std::string changeOf(const Figure& figure) {
     return (by < 0.0 ? "-" : "+") + tellFigure(change, std::abs(by));
 }
 
-std::string patternOf(const ComparedRun& run) {
-    const auto& stretches = run.summary.stretches;
-    return stretches.empty() || stretches[0].seen.empty() ? "-" : stretches[0].seen;
-}
-
 /// Characters that mean something to HTML, as what they stand for.
 std::string escaped(const std::string& text) {
     std::string html;
@@ -62,9 +59,9 @@ JsonValue sideOf(const ComparedRun& run, const LoggedPlayback& log) {
     JsonValue side;
     side["name"] = printable(run.name);
     side["event_hash"] = log.hash;
-    side["grade"] = toString(run.summary.grade);
-    side["verdict"] = run.summary.verdict;
-    side["pattern"] = patternOf(run);
+    side["grade"] = toString(run.grade());
+    side["verdict"] = run.verdict();
+    side["pattern"] = run.pattern();
     return side;
 }
 
@@ -96,55 +93,81 @@ std::string numberOf(const std::optional<size_t>& frame) {
     return frame ? std::to_string(*frame) : "-";
 }
 
-constexpr const char* kPageHead = R"(<!DOCTYPE html>
-<html lang="en"><head><meta charset="utf-8">
-<meta name="viewport" content="width=device-width, initial-scale=1">
-<title>Comparison of two playbacks</title>
-<style>
-:root { color-scheme: light dark }
-body { font: 16px/1.5 system-ui, sans-serif; max-width: 70em; margin: 2em auto; padding: 0 1em }
-table { border-collapse: collapse; margin: 1em 0 }
-caption { text-align: left; font-weight: bold; padding: .3em 0 }
-th, td { text-align: left; padding: .2em 1em .2em 0; border-bottom: 1px solid #8886 }
-td.n { text-align: right; font-variant-numeric: tabular-nums }
-.changed { font-weight: bold }
-</style></head><body>
-)";
-
-void writeFigureTable(std::ostream& out, const ComparedPair& pair) {
-    fmt::print(out,
-               "<table><caption>Figures</caption><thead><tr><th scope=\"col\">figure</th><th "
-               "scope=\"col\">A</th><th scope=\"col\">B</th><th scope=\"col\">change</th></tr>"
-               "</thead><tbody>\n<tr><th scope=\"row\">pattern</th><td class=\"n\">{}</td><td "
-               "class=\"n\">{}</td><td></td></tr>\n",
-               escaped(patternOf(pair.a)), escaped(patternOf(pair.b)));
-    for (const auto& figure : pair.comparison.figures) {
-        const std::string change = changeOf(figure);
-        fmt::print(out,
-                   "<tr{}><th scope=\"row\">{}</th><td class=\"n\">{}</td><td class=\"n\">{}</td>"
-                   "<td class=\"n\">{}</td></tr>\n",
-                   change.empty() ? "" : " class=\"changed\"", labelOf(figure),
-                   tellFigure(figure, figure.a), tellFigure(figure, figure.b), change);
+/// One row for each figure, of those that are the same or of those that are not.
+std::string figureRows(const ComparedPair& pair, bool changed) {
+    std::string rows;
+    const auto add = [&rows](const std::string& name, const std::string& a, const std::string& b,
+                             const std::string& change) {
+        rows += fmt::format(
+            "<tr><th scope=\"row\">{}</th><td class=\"num\">{}</td><td "
+            "class=\"num\">{}</td><td class=\"num\">{}</td></tr>\n",
+            name, escaped(a), escaped(b), change);
+    };
+    if ((pair.a.pattern() != pair.b.pattern()) == changed) {
+        add("pattern", pair.a.pattern(), pair.b.pattern(), "");
     }
-    out << "</tbody></table>\n";
+    for (const auto& figure : pair.comparison.figures) {
+        if ((figure.a != figure.b) == changed) {
+            add(labelOf(figure), tellFigure(figure, figure.a), tellFigure(figure, figure.b),
+                changeOf(figure));
+        }
+    }
+    return rows;
 }
 
-void writeFrameTable(std::ostream& out, const ComparedPair& pair) {
+std::string figureTables(const ComparedPair& pair) {
+    const auto table = [](const std::string& rows) {
+        return "<table><thead><tr><td></td><th scope=\"col\" class=\"num\">A</th><th scope=\"col\" "
+               "class=\"num\">B</th><th scope=\"col\" class=\"num\">change</th></tr></thead>"
+               "<tbody>\n" +
+               rows + "</tbody></table>\n";
+    };
+    const std::string changed = figureRows(pair, true);
+    return (changed.empty() ? "<p class=\"soft\">No figure changed.</p>" : table(changed)) +
+           "<details><summary>Figures that are the same</summary>" +
+           table(figureRows(pair, false)) + "</details>";
+}
+
+std::string frameTable(const ComparedPair& pair) {
     const auto& frames = pair.comparison.frames;
-    fmt::print(out, "<table><caption>Frames that are not the same: {}{}</caption>", frames.size(),
-               frames.size() > kMostRows ? fmt::format(", the first {} here", kMostRows) : "");
-    out << "<thead><tr><th scope=\"col\">media time</th><th scope=\"col\">frame of A</th><th "
-           "scope=\"col\">in A</th><th scope=\"col\">frame of B</th><th scope=\"col\">in "
-           "B</th></tr></thead><tbody>\n";
+    if (frames.empty()) {
+        return "<p class=\"soft\">All are the same.</p>";
+    }
+    std::string rows;
     for (size_t i = 0; i < std::min(frames.size(), kMostRows); ++i) {
         const FrameDifference& frame = frames[i];
-        fmt::print(out,
-                   "<tr><td class=\"n\">{}</td><td class=\"n\">{}</td><td>{}</td><td "
-                   "class=\"n\">{}</td><td>{}</td></tr>\n",
-                   seconds(frame.mediaTimeUs), numberOf(frame.a), tellFrame(pair.a, frame.a),
-                   numberOf(frame.b), tellFrame(pair.b, frame.b));
+        rows += fmt::format(
+            "<tr data-us=\"{}\"><td class=\"num\">{}</td><td class=\"num\">{}</td><td>{}</td><td "
+            "class=\"num\">{}</td><td>{}</td></tr>\n",
+            frame.mediaTimeUs, seconds(frame.mediaTimeUs), numberOf(frame.a),
+            tellFrame(pair.a, frame.a), numberOf(frame.b), tellFrame(pair.b, frame.b));
     }
-    out << "</tbody></table>\n";
+    return fmt::format(
+        "<p class=\"note\">{}{}. Click one to see it in the charts.</p><div class=\"scroll\" "
+        "tabindex=\"0\"><table><thead><tr><th scope=\"col\" class=\"num\">media time</th><th "
+        "scope=\"col\" class=\"num\">frame of A</th><th scope=\"col\">in A</th><th scope=\"col\" "
+        "class=\"num\">frame of B</th><th scope=\"col\">in B</th></tr></thead><tbody "
+        "id=\"frames\">\n{}</tbody></table></div>\n",
+        counted(static_cast<int64_t>(frames.size()), "frame"),
+        frames.size() > kMostRows ? fmt::format(", the first {} here", kMostRows) : "", rows);
+}
+
+std::string sideMarkup(const char* name, const ComparedRun& run) {
+    return fmt::format("<dt>{}: {}</dt><dd>{}</dd>", name, escaped(run.name),
+                       escaped(run.verdict()));
+}
+
+/// @param changed  for each frame of the run, whether it is not the same in the other
+void addColumns(const ComparedRun& run, const std::vector<bool>& changed, ComparedColumns* to) {
+    for (size_t i : byMediaTime(run.log)) {
+        const LoggedFrame& frame = run.log.frames[i];
+        const bool shown = frame.outcome == Outcome::Shown;
+        to->media.add(frame.mediaTimeUs);
+        to->dwell.add(shown ? std::optional(frame.dwellVsyncs) : std::nullopt);
+        to->offset.add(shown ? std::optional(frame.offsetUs) : std::nullopt);
+        to->lipSync.add(shown ? frame.lipSyncUs : std::nullopt);
+        to->changed.add(changed[i] ? 1 : 0);
+    }
 }
 
 }  // namespace
@@ -152,8 +175,8 @@ void writeFrameTable(std::ostream& out, const ComparedPair& pair) {
 void printComparison(std::ostream& out, const ComparedPair& pair, bool frames) {
     const Comparison& comparison = pair.comparison;
     fmt::print(out, "{}\n\nA         {}\n          {}\nB         {}\n          {}\n",
-               comparison.verdict, printable(pair.a.name), pair.a.summary.verdict,
-               printable(pair.b.name), pair.b.summary.verdict);
+               comparison.verdict, printable(pair.a.name), pair.a.verdict(), printable(pair.b.name),
+               pair.b.verdict());
     fmt::print(out,
                "frames    {} media times in both, {} only in A, {} only in B; {} not the same\n",
                comparison.common, comparison.onlyA, comparison.onlyB, comparison.frames.size());
@@ -171,8 +194,8 @@ void printComparison(std::ostream& out, const ComparedPair& pair, bool frames) {
         }
         row(name, a, b, change);
     };
-    if (patternOf(pair.a) != patternOf(pair.b)) {
-        changed("pattern", patternOf(pair.a), patternOf(pair.b), "");
+    if (pair.a.pattern() != pair.b.pattern()) {
+        changed("pattern", pair.a.pattern(), pair.b.pattern(), "");
     }
     for (const auto& figure : comparison.figures) {
         if (figure.a != figure.b) {
@@ -201,6 +224,7 @@ void writeComparisonJson(std::ostream& out, const ComparedPair& pair) {
     json["no_worse"] = comparison.noWorse();
     json["a"] = sideOf(pair.a, pair.a.log);
     json["b"] = sideOf(pair.b, pair.b.log);
+    json["figures_from"] = pair.a.told ? "summaries" : "event_logs";
     json["media_times_in_both"] = comparison.common;
     json["media_times_only_in_a"] = comparison.onlyA;
     json["media_times_only_in_b"] = comparison.onlyB;
@@ -220,15 +244,30 @@ void writeComparisonJson(std::ostream& out, const ComparedPair& pair) {
 
 void writeComparisonPage(std::ostream& out, const ComparedPair& pair) {
     const Comparison& comparison = pair.comparison;
-    out << kPageHead;
-    fmt::print(out, "<h1>{}</h1>\n<dl><dt>A: {}</dt><dd>{}</dd><dt>B: {}</dt><dd>{}</dd></dl>\n",
-               escaped(comparison.verdict), escaped(pair.a.name), escaped(pair.a.summary.verdict),
-               escaped(pair.b.name), escaped(pair.b.summary.verdict));
-    fmt::print(out, "<p>{} media times in both, {} only in A, {} only in B.</p>\n",
-               comparison.common, comparison.onlyA, comparison.onlyB);
-    writeFigureTable(out, pair);
-    writeFrameTable(out, pair);
-    out << "</body></html>\n";
+    std::vector<bool> inA(pair.a.log.frames.size());
+    std::vector<bool> inB(pair.b.log.frames.size());
+    for (const auto& frame : comparison.frames) {
+        if (frame.a) {
+            inA[*frame.a] = true;
+        }
+        if (frame.b) {
+            inB[*frame.b] = true;
+        }
+    }
+    ComparedColumns a;
+    ComparedColumns b;
+    addColumns(pair.a, inA, &a);
+    addColumns(pair.b, inB, &b);
+    const char* good = !comparison.noWorse()                                  ? "bad"
+                       : comparison.result == ComparisonResult::NeitherBetter ? "warn"
+                                                                              : "good";
+    const std::string sides = fmt::format(
+        "<dl class=\"sides\">{}{}</dl><p class=\"soft\">{} media times in both, {} only "
+        "in A, {} only in B.</p>",
+        sideMarkup("A", pair.a), sideMarkup("B", pair.b), comparison.common, comparison.onlyA,
+        comparison.onlyB);
+    writeComparisonPage(
+        out, {comparison.verdict, good, sides, figureTables(pair), frameTable(pair)}, {&a, &b});
 }
 
 }  // namespace korvane::player

@@ -3,6 +3,7 @@
 
 #include <ostream>
 #include <sstream>
+#include <stdexcept>
 #include <string_view>
 #include <utility>
 
@@ -112,7 +113,24 @@ JsonValue stretchesJson(const PageRecorder& recorder) {
     return all;
 }
 
-JsonValue happenedJson(const PageRecorder& recorder, const PlaybackRecord& record) {
+JsonValue splicesJson(const PlaybackRecord& record, const Summary& summary) {
+    JsonValue all = JsonValue::array();
+    for (const SpliceReport& splice : summary.splices) {
+        const MediaChange* change = nullptr;  // the last one before the frame
+        for (const MediaChange& other : record.media.changes) {
+            const bool before = other.splice && other.mediaTimeUs <= splice.mediaTimeUs;
+            change = before ? &other : change;
+        }
+        all.push_back({{"frame", splice.frame.frameNo},
+                       {"at_us", splice.frame.atUs},
+                       {"lost_us", splice.lostUs},
+                       {"what", change != nullptr ? change->what : "splice"}});
+    }
+    return all;
+}
+
+JsonValue happenedJson(const PageRecorder& recorder, const PlaybackRecord& record,
+                  const Summary& summary) {
     const auto sinceStart = [&record](int64_t ns) { return (ns - record.startNs) / 1000; };
     const int64_t startUs = record.startNs / 1000;
     JsonValue json;
@@ -133,6 +151,7 @@ JsonValue happenedJson(const PageRecorder& recorder, const PlaybackRecord& recor
                                  {"next_frame", seen.next.frameNo},
                                  {"next_us", seen.next.atUs}});
     }
+    json["splices"] = splicesJson(record, summary);
     json["actions"] = JsonValue::array();
     for (const auto& action : recorder.actions()) {
         json["actions"].push_back(
@@ -218,7 +237,7 @@ void writePage(std::ostream& out, const PageHeading& heading, const Origin& orig
     data["ledger"] = framesJson(recorder);
     data["breaks"] = breaksJson(recorder);
     data["stretches"] = stretchesJson(*recorder);
-    data["happened"] = happenedJson(*recorder, record);
+    data["happened"] = happenedJson(*recorder, record, summary);
     data["drops"] = dropsJson(summary);
     data["words"] = wordsJson();
     data["bands"] = bandsJson();
@@ -246,9 +265,16 @@ void writePage(std::ostream& out, const PageHeading& heading, const Origin& orig
 }
 
 void writeUnfinishedPage(std::ostream& out, const std::string& name) {
-    out << "<!doctype html><meta charset=\"utf-8\"><title>" << inHtml(name)
-        << "</title><p>The playback of " << inHtml(name)
-        << " has not ended yet, or was killed. Reload this page later.\n";
+    out << "<!doctype html><html lang=\"en\"><meta charset=\"utf-8\"><meta name=\"color-scheme\" "
+           "content=\"light dark\"><title>"
+        << inHtml(name)
+        << "</title><body style=\"font: 1.1rem/1.5 system-ui, sans-serif; margin: 3rem; max-width: "
+           "40rem\"><h1 style=\"font-size: 1.3rem\">No report yet: the playback of "
+        << inHtml(name)
+        << " has not ended yet, or was killed</h1><p>Reload this page later. If nothing plays it "
+           "any "
+           "more, it was killed: play it again. <code>events.txt</code> beside this page has those "
+           "events that had been written by then.\n";
 }
 
 void writeIndex(std::ostream& out, const std::vector<IndexEntry>& entries, size_t planned) {
@@ -267,6 +293,38 @@ void writeIndex(std::ostream& out, const std::vector<IndexEntry>& entries, size_
     }
     const PageAssets& assets = pageAssets();
     fill(out, assets.index, {{"@CSS@", assets.css}, {"@DATA@", inScript(data)}});
+}
+
+void writeComparisonPage(std::ostream& out, const ComparisonMarkup& markup,
+                         const std::array<ComparedColumns*, 2>& sides) {
+    const PageAssets& assets = pageAssets();
+    if (assets.compare.empty()) {
+        throw std::runtime_error(std::string(pageLacks()));
+    }
+    Json data;
+    data["sides"] = JsonValue::array();
+    for (ComparedColumns* side : sides) {
+        data["sides"].push_back({{"media", columnJson(&side->media)},
+                                 {"dwell", columnJson(&side->dwell)},
+                                 {"offset", columnJson(&side->offset)},
+                                 {"lip_sync", columnJson(&side->lipSync)},
+                                 {"changed", columnJson(&side->changed)}});
+    }
+    data["bands"] = bandsJson();
+    const std::string verdict = inHtml(markup.verdict);
+    fill(out, assets.compare,
+         {{"@VERDICT@", verdict},
+          {"@GOOD@", markup.good},
+          {"@SIDES@", markup.sides},
+          {"@FIGURES@", markup.figures},
+          {"@FRAMES@", markup.frames},
+          {"@LACKS@", pageLacks()},
+          {"@CSS@", assets.css},
+          {"@CHARTS_CSS@", assets.chartsCss},
+          {"@CHARTS_LICENCE@", assets.chartsLicence},
+          {"@CHARTS_JS@", assets.chartsJs},
+          {"@JS@", assets.compareJs},
+          {"@DATA@", inScript(data)}});
 }
 
 }  // namespace korvane::player

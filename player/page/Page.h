@@ -7,11 +7,13 @@
 // nothing to it but what can be counted from the columns.
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <iosfwd>
 #include <string>
 #include <vector>
 
+#include "player/page/PageColumn.h"
 #include "player/page/PageRecorder.h"
 #include "player/report/Report.h"
 
@@ -45,8 +47,30 @@ struct IndexEntry {
     std::string page;    ///< relative to the index; empty: there is none
     std::vector<std::string> failures;
 };
+/// What a page draws of one side of a comparison: its frames by media time.
+struct ComparedColumns {
+    PageColumn media{PageColumn::Prediction::Line};
+    PageColumn dwell{PageColumn::Prediction::Zero};   ///< vsyncs; nothing: never on screen
+    PageColumn offset{PageColumn::Prediction::Last};  ///< from the sync clock
+    PageColumn lipSync{PageColumn::Prediction::Last};
+    PageColumn changed{PageColumn::Prediction::Zero};  ///< 1: not the same in the other
+};
+
 /// Writes the page that links the pages of several playbacks.
 /// @param planned  playbacks in all, of which these have ended
 void writeIndex(std::ostream& out, const std::vector<IndexEntry>& entries, size_t planned);
+
+/// What the page of a comparison shows, but for its charts all markup.
+struct ComparisonMarkup {
+    std::string verdict;  ///< text
+    std::string good;     ///< "good", "warn" or "bad"
+    std::string sides;    ///< what A and B are
+    std::string figures;  ///< tables
+    std::string frames;
+};
+/// Writes the page that shows two playbacks over media time.
+/// @throws std::runtime_error in a build without pages
+void writeComparisonPage(std::ostream& out, const ComparisonMarkup& markup,
+                         const std::array<ComparedColumns*, 2>& sides);
 
 }  // namespace korvane::player

@@ -10,7 +10,8 @@ namespace korvane::player {
 
 const PageAssets& pageAssets() {
 #ifdef KORVANE_PAGE_ASSETS
-    static constexpr PageAssets kAssets{kPageHtml,  kIndexHtml, kPageCss,      kPageJs,
+    static constexpr PageAssets kAssets{kPageHtml,  kIndexHtml, kCompareHtml,
+                                        kCompareJs, kPageCss,   kPageJs,
                                         kChartsCss, kChartsJs,  kChartsLicence};
 #else
     static constexpr PageAssets kAssets{};

@@ -10,6 +10,8 @@ namespace korvane::player {
 struct PageAssets {
     std::string_view html;  ///< with marks such as @DATA@ where the rest goes
     std::string_view index;
+    std::string_view compare;
+    std::string_view compareJs;
     std::string_view css;
     std::string_view js;
     std::string_view chartsCss;

@@ -44,6 +44,8 @@ public:
     /// The player's pause: audio and the clock stop. Any thread.
     void pause();
     void resume();
+    /// As `AudioConfig::driftPpm`, from now on.
+    void setDriftPpm(double driftPpm) { mOutput.setDriftPpm(driftPpm); }
     /// Ends the thread and the audio side. Idempotent.
     void stop();
 

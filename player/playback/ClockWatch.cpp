@@ -23,6 +23,14 @@ std::optional<tv::AudioState> ClockWatch::see(const tv::AudioReport& audio, int6
     return mState;
 }
 
+void ClockWatch::heldOrReleased(bool held, int64_t nowNs) {
+    if (held) {
+        mRecord.clockStops.push_back({nowNs / 1000, 0, true});
+    } else {
+        end(nowNs);
+    }
+}
+
 void ClockWatch::end(int64_t nowNs) {
     auto& stops = mRecord.clockStops;
     if (!stops.empty() && stops.back().toUs == 0) {

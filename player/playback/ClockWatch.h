@@ -22,6 +22,8 @@ public:
 
     /// The player pauses or resumes audio. Any thread.
     void pausedOrResumed(int64_t nowNs) { mSwitchedNs = nowNs; }
+    /// The player without audio withholds frames, or goes on.
+    void heldOrReleased(bool held, int64_t nowNs);
     /// Takes in the audio side's report.
     /// @return its state, when that is another than at the last report
     std::optional<tv::AudioState> see(const tv::AudioReport& audio, int64_t nowNs);

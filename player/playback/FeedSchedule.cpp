@@ -36,7 +36,9 @@ FeedStep FeedSchedule::next(const FeedState& state) {
         step.action = FeedAction::End;
         return step;
     }
-    if (seekDue(state)) {
+    if (state.held) {
+        step.waitNs = kFineTickNs;
+    } else if (seekDue(state)) {
         step.action = FeedAction::Seek;
         step.seek = mSeeks.front();
         mSeeks.pop_front();

@@ -42,6 +42,7 @@ struct FeedState {
     int64_t nowNs = 0;
     bool interrupted = false;
     bool quit = false;  ///< the viewer has had enough
+    bool held = false;  ///< the viewer pauses a film without audio: no frame is to be sent
     bool sourceEnded = false;
     bool havePicture = false;    ///< decoded and not yet sent
     int64_t pictureUs = 0;       ///< its media time

@@ -200,10 +200,30 @@ void PlaybackSession::applyFaults(const TvFaults& faults) {
     }
 }
 
+/// With audio its pause stops the clock. Without it the library takes no notice of a clock that
+/// stands still: the player sends nothing.
 void PlaybackSession::pauseOrResume(bool paused) {
-    mClockWatch.pausedOrResumed(tv::nowNs());
+    mAudio ? mClockWatch.pausedOrResumed(tv::nowNs())
+           : mClockWatch.heldOrReleased(paused, tv::nowNs());
     act(paused ? EventKind::Pause : EventKind::Resume);
-    paused ? mAudio->pause() : mAudio->resume();
+    if (mAudio) {
+        paused ? mAudio->pause() : mAudio->resume();
+    } else if (paused) {
+        withholdFrames();
+    }
+}
+
+/// What the library has not handed to the tunnel comes back, and is sent again after the pause. Of
+/// an input that cannot seek, it is shown.
+void PlaybackSession::withholdFrames() {
+    mAnchorNext = true;
+    const auto nextUs = mLedger.nextUs();
+    if (nextUs && mRecord.media.canSeek) {
+        // The library tells late which frame it has handed over; the tunnel knows.
+        const auto inTunnel = mTv->tunnel().record(mTunnelId);
+        const int64_t handedUs = inTunnel.empty() ? *nextUs : inTunnel.back().mediaTimeUs + 1;
+        performSeek({0, std::max(*nextUs, handedUs)});
+    }
 }
 
 // ---- loop ----
@@ -213,6 +233,7 @@ FeedState PlaybackSession::state() const {
     state.nowNs = tv::nowNs();
     state.interrupted = mHooks.interrupted && mHooks.interrupted();
     state.quit = mViewerQuit;
+    state.held = mViewerPaused && !mAudio && !mStepping;
     state.sourceEnded = mSourceEnded;
     state.havePicture = mHavePicture;
     state.pictureUs = mHavePicture ? mVideo.mediaTimeUs() : 0;
@@ -314,12 +335,14 @@ void PlaybackSession::send(int64_t longestWaitNs) {
     const int64_t waitedNs = std::exchange(mWaitedNs, 0);
     const int64_t mediaTimeUs = mVideo.mediaTimeUs();
     const bool first = mSchedule.section().frames == 0;
-    if (first) {
+    const bool anchors = std::exchange(mAnchorNext, false) || first;
+    if (anchors) {
         beginSection(mediaTimeUs);
     }
     const int section = std::max(static_cast<int>(mRecord.sections.size()) - 1, 0);
-    const int64_t frameNo = mLedger.sent(mediaTimeUs, section, buffer, tv::nowNs(),
-                                         isLate(mediaTimeUs), waitedNs, mVideo.followsSplice());
+    const int64_t frameNo =
+        mLedger.sent(mediaTimeUs, section, buffer, tv::nowNs(), !anchors && isLate(mediaTimeUs),
+                     waitedNs, mVideo.followsSplice());
     if (mScreen.wanted()) {
         mScreen.keep(buffer, frameNo, mVideo.picture());
     }
@@ -337,6 +360,7 @@ void PlaybackSession::send(int64_t longestWaitNs) {
     mCallbacks.frameSent();
     mSchedule.sent(mediaTimeUs);
     mHavePicture = false;
+    mAnchorNext = std::exchange(mStepping, false);
 }
 
 /// Only once the section shows frames: before, the clock is still to be anchored at its first one.
@@ -362,20 +386,15 @@ void PlaybackSession::tick() {
     }
 }
 
-/// Pauses only with audio: of a clock that stands still without it, the library takes no notice.
 void PlaybackSession::obeyRemote() {
     while (const auto key = mHooks.remote != nullptr ? mHooks.remote->take() : std::nullopt) {
         switch (key->kind) {
             case RemoteKey::Kind::Pause:
-                if (mAudio) {
-                    mViewerPaused = !mViewerPaused;
-                    pauseOrResume(mViewerPaused);
-                }
+                mViewerPaused = !mViewerPaused;
+                pauseOrResume(mViewerPaused);
                 break;
             case RemoteKey::Kind::Step:
-                if (mAudio) {
-                    stepVsync();
-                }
+                step();
                 break;
             case RemoteKey::Kind::Seek:
                 seekBy(key->byUs);
@@ -387,9 +406,13 @@ void PlaybackSession::obeyRemote() {
     }
 }
 
-/// The clock goes on for one vsync. What the library has handed to the tunnel by then still comes
-/// on screen, as on a TV.
-void PlaybackSession::stepVsync() {
+/// The clock goes on for one vsync; without audio, by one frame. What the library has handed to the
+/// tunnel by then still comes on screen, as on a TV.
+void PlaybackSession::step() {
+    if (mViewerPaused && !mAudio) {
+        mStepping = true;
+        return;
+    }
     if (mViewerPaused) {
         pauseOrResume(false);
         const auto periodNs = static_cast<int64_t>(mTv->display().periodNsAt(tv::nowNs()));
@@ -413,6 +436,10 @@ void PlaybackSession::watchAudio() {
     if (!mAudio) {
         return;
     }
+    if (mHooks.remote != nullptr && mHooks.remote->deviceDriftPpm() != mDeviceDriftPpm) {
+        mDeviceDriftPpm = mHooks.remote->deviceDriftPpm();
+        mAudio->setDriftPpm(mPlan.audio.driftPpm + mDeviceDriftPpm);
+    }
     if (const auto state = mClockWatch.see(mAudio->report(), tv::nowNs())) {
         act(EventKind::Audio, 0, tv::toString(*state));
     }
@@ -429,6 +456,9 @@ void PlaybackSession::showProgress(int64_t nowNs) {
     const tv::AudioState audio = mClockWatch.audioState();
     if (mAudio && audio != tv::AudioState::Playing && audio != tv::AudioState::Ended) {
         progress.note = std::string("audio: ") + tv::toString(audio);
+    }
+    if (mViewerPaused && !mAudio) {
+        progress.note = "paused";
     }
     progress.buffers = {mLedger.inLibrary(), mTv->tunnel().heldBuffers(mTunnelId), mPool.free()};
     progress.dropped = mLedger.dropped();

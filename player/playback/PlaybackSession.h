@@ -55,6 +55,7 @@ private:
     void watchScreen();
     void applyFaults(const TvFaults& faults);
     void pauseOrResume(bool paused);
+    void withholdFrames();
 
     // loop
     FeedState state() const;
@@ -67,7 +68,7 @@ private:
     bool isLate(int64_t mediaTimeUs) const;
     void tick();
     void obeyRemote();
-    void stepVsync();
+    void step();
     void seekBy(int64_t us);
     void watchAudio();
     void showProgress(int64_t nowNs);
@@ -111,7 +112,10 @@ private:
     std::unique_ptr<FaultPlayer> mFaults;
     bool mAudioPaused = false;  ///< the fault player's
     bool mViewerPaused = false;
+    bool mStepping = false;    ///< without audio: one frame may be sent in the pause
+    bool mAnchorNext = false;  ///< the next frame sent anchors the clock, as after a pause
     bool mViewerQuit = false;
+    double mDeviceDriftPpm = 0.0;  ///< that audio keeps
 
     bool mHavePicture = false;
     int64_t mPictureReadyNs = 0;

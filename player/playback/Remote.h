@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
-// What a viewer asks of a running playback: keys wait here until the player's thread takes them, at
-// most 20 ms later.
+// What a viewer's window asks of a running playback: keys, and that audio keeps the time of the
+// device on which the viewer hears it. The player's thread looks here at least every 20 ms.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <deque>
 #include <mutex>
@@ -14,7 +15,7 @@ namespace korvane::player {
 
 struct RemoteKey {
     enum class Kind {
-        Pause,  ///< or goes on; with audio only, as `Step`
+        Pause,  ///< or goes on
         Step,   ///< goes on for one vsync and pauses
         Seek,   ///< goes on from there, paused or not
         Quit
@@ -41,7 +42,12 @@ public:
         return key;
     }
 
+    /// How much faster than the monotonic clock the viewer's audio device plays.
+    void setDeviceDriftPpm(double ppm) { mDeviceDriftPpm = ppm; }
+    double deviceDriftPpm() const { return mDeviceDriftPpm; }
+
 private:
+    std::atomic<double> mDeviceDriftPpm{0.0};
     std::mutex mLock;
     std::deque<RemoteKey> mKeys KORVANE_GUARDED_BY(mLock);
 };

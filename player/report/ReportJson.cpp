@@ -151,6 +151,10 @@ void addAudioAndBuffers(JsonValue* json, const PlaybackRecord& record, const Sum
     to["buffers_taken_back_at_stop"] = record.pool.takenBackAtStop;
     to["buffers_returned_again"] = record.pool.returnedAgain;
     to["buffers_kept"] = record.buffersKept;
+    to["buffer_waits"] = record.pool.waits;
+    to["buffer_longest_wait_us"] = record.pool.longestWaitNs / 1000;
+    to["buffer_back_median_us"] = summary.backToPlayerNs.median / 1000;
+    to["buffer_back_p99_us"] = summary.backToPlayerNs.p99 / 1000;
     to["pictures_overwritten_on_screen"] = record.overwrittenOnScreen;
     to["frames_refused_by_tunnel"] = summary.refusedByTunnel;
     to["frames_handed_in_late"] = summary.sentLate;

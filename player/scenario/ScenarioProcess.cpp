@@ -78,13 +78,16 @@ void endWithParent(pid_t parent) {
     ScenarioRunOptions runOptions;
     runOptions.virtualClock = options.virtualClock;
     runOptions.report = options.verbose;
-    if (!options.eventsFolder.empty()) {
-        runOptions.eventsFile = options.eventsFolder + "/" + scenario.name + ".events";
-    }
+    const auto fileIn = [&scenario](const std::string& folder, const char* ending) {
+        return folder.empty() ? "" : folder + "/" + scenario.name + ending;
+    };
+    runOptions.eventsFile = fileIn(options.eventsFolder, ".events");
+    runOptions.traceFile = fileIn(options.traceFolder, ".pftrace");
+    runOptions.recordFile = fileIn(options.recordFolder, ".mp4");
+    runOptions.repeat = options.repeat(scenario);
+    runOptions.version = options.version;
     if (!options.reportFolder.empty()) {
         runOptions.reportFolder = options.reportFolder + "/" + scenario.name;
-        runOptions.repeat = options.repeat(scenario);
-        runOptions.version = options.version;
         // What cannot be created cannot be written either, and is said then.
         mkdir(runOptions.reportFolder.c_str(), kNewFolderMode);
     }

@@ -27,6 +27,8 @@ struct ProcessOptions {
     bool virtualClock = true;
     bool verbose = false;
     std::string eventsFolder;
+    std::string traceFolder;
+    std::string recordFolder;
     std::string reportFolder;  ///< with a folder for each scenario, by its name
     std::string version;       ///< of korvane-tv
     /// The command line that repeats a scenario.

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "player/base/Units.h"
+#include "player/media/SoundStore.h"
 #include "player/media/SyntheticContent.h"
 #include "player/media/VideoReader.h"
 #include "player/page/Page.h"
@@ -18,10 +19,14 @@
 #include "player/report/EventRecorder.h"
 #include "player/report/Report.h"
 #include "player/report/ReportBuilder.h"
+#include "player/report/TraceRecorder.h"
 #include "player/scenario/Expectation.h"
 #include "player/scenario/LogWatch.h"
 #include "player/scenario/RunLimits.h"
+#include "player/screen/Recording.h"
+#include "player/screen/ScreenQueue.h"
 #include "tv/Properties.h"
+#include "tv/Trace.h"
 #include "tv/Tv.h"
 #include "tv/clock/VirtualTime.h"
 
@@ -39,7 +44,8 @@ struct Sources {
     std::unique_ptr<PacketSource> audio;
 };
 
-Sources openSources(const Scenario& scenario) {
+/// @param sound  receives the decoded sound of a file; may be null
+Sources openSources(const Scenario& scenario, const std::shared_ptr<SoundStore>& sound) {
     const ContentPlan& content = scenario.content;
     const bool audio = scenario.plan.withAudio;
     Sources sources;
@@ -51,6 +57,7 @@ Sources openSources(const Scenario& scenario) {
     MediaRequest request;
     request.name = content.file;
     request.withoutAudio = !audio;
+    request.sound = sound;
     auto reader = std::make_unique<VideoReader>(request);
     sources.audio = reader->openAudio();
     sources.video = std::move(reader);
@@ -68,13 +75,16 @@ PlaybackPlan planOf(const Scenario& scenario, const Sources& sources) {
     return plan;
 }
 
-/// What a scenario writes: its event log, and the page with the event log beside it.
+/// What a scenario writes beside its timeline: its event log, the page with event log and summary,
+/// the film.
 struct Files {
     Files(const ScenarioRunOptions& options, const std::string& scenario) {
         open(&events, options.eventsFile);
+        open(&film, options.recordFile);
         if (!options.reportFolder.empty()) {
             open(&page, options.reportFolder + "/report.html");
             open(&pageEvents, options.reportFolder + "/events.txt");
+            open(&pageJson, options.reportFolder + "/summary.json");
             writeUnfinishedPage(page, scenario);
             page.flush();
         }
@@ -88,7 +98,7 @@ struct Files {
     std::vector<std::ostream*> eventStreams() {
         std::vector<std::ostream*> streams;
         for (const auto& [file, path] : opened) {
-            if (file != &page) {
+            if (file == &events || file == &pageEvents) {
                 streams.push_back(file);
             }
         }
@@ -103,9 +113,55 @@ struct Files {
     }
 
     std::ofstream events;
+    std::ofstream film;
     std::ofstream page;
     std::ofstream pageEvents;
+    std::ofstream pageJson;
     std::vector<std::pair<std::ofstream*, std::string>> opened;
+};
+
+/// The film of a scenario. In virtual time the display waits for it.
+class Film {
+public:
+    Film(const Scenario& scenario, const MediaInfo& media, std::shared_ptr<SoundStore> sound,
+         const ScenarioRunOptions& options, std::ostream* out)
+        : mPath(options.recordFile),
+          mRecording(specOf(scenario, media, std::move(sound), options), out) {
+        if (!options.virtualClock) {
+            mQueue.emplace(std::vector<ScreenListener*>{&mRecording});
+        }
+    }
+    ScreenListener* listener() {
+        return mQueue ? static_cast<ScreenListener*>(&*mQueue) : &mRecording;
+    }
+    void finish(std::vector<std::string>* failures) const {
+        if (!mRecording.failure().empty()) {
+            failures->push_back("'" + mPath + "': " + mRecording.failure());
+        }
+    }
+
+private:
+    static RecordingSpec specOf(const Scenario& scenario, const MediaInfo& media,
+                                std::shared_ptr<SoundStore> sound,
+                                const ScenarioRunOptions& options) {
+        const tv::DisplayConfig& display = scenario.plan.tv.display;
+        RecordingSpec spec;
+        spec.film = {filmFormat(options.recordFile),
+                     trueRate(nominalRate(display.rateHz), display.driftPpm), sound != nullptr,
+                     !options.virtualClock};
+        const bool synthetic = scenario.content.file.empty();
+        spec.width = synthetic ? kTestWidth : media.width;
+        spec.height = synthetic ? kTestHeight : media.height;
+        spec.bar = true;
+        spec.sound = std::move(sound);
+        return spec;
+    }
+
+    static constexpr int kTestWidth = 640;
+    static constexpr int kTestHeight = 360;
+    const std::string mPath;
+    Recording mRecording;
+    std::optional<ScreenQueue> mQueue;
 };
 
 ScenarioResult resultOf(const PlaybackRecord& record, const Summary& summary) {
@@ -126,8 +182,15 @@ ScenarioResult playScenario(const Scenario& scenario, const ScenarioRunOptions& 
     Files files(options, scenario.name);
     EventLog events(files.eventStreams());
     LogWatch watch(scenario.expect.log, &events);
-    Sources sources = openSources(scenario);
+    const bool recorded = !options.recordFile.empty();
+    const auto sound = recorded && scenario.plan.withAudio && !scenario.content.file.empty()
+                           ? std::make_shared<SoundStore>()
+                           : nullptr;
+    Sources sources = openSources(scenario, sound);
     const PlaybackPlan plan = planOf(scenario, sources);
+    if (!options.traceFile.empty()) {
+        tv::setProperty(tv::kLogMaskProperty, std::to_string(tv::kTraceLogMask));
+    }
     for (const auto& [name, value] : scenario.properties) {
         tv::setProperty(name, value);
     }
@@ -144,6 +207,18 @@ ScenarioResult playScenario(const Scenario& scenario, const ScenarioRunOptions& 
     if (page) {
         hooks.listeners.push_back(page.get());
     }
+    std::optional<Film> film;
+    if (recorded) {
+        film.emplace(scenario, sources.video->info(), sources.audio ? sound : nullptr, options,
+                     &files.film);
+        hooks.screens = {film->listener()};
+    }
+    Origin origin{options.version, options.repeat, options.virtualClock, scenario.seed, ""};
+    std::optional<TraceRecorder> timeline;
+    std::string traceFailure;
+    if (!options.traceFile.empty() && tv::startTrace(options.traceFile, &traceFailure)) {
+        hooks.listeners.push_back(&timeline.emplace(origin));
+    }
     hooks.onLogLine = [&](const tv::LogLine& line) {
         report.seeLog(line, tv::nowNs() / 1000);
         watch.see(line);
@@ -153,6 +228,10 @@ ScenarioResult playScenario(const Scenario& scenario, const ScenarioRunOptions& 
     };
     const PlaybackRecord record = play(plan, *sources.video, std::move(sources.audio), hooks);
     const Summary summary = report.finish(record);
+    if (timeline) {
+        timeline->finish(record, summary);
+        traceFailure = tv::stopTrace().failure;
+    }
     if (options.report) {
         printReport(std::cerr, record, summary, {}, false);
     }
@@ -160,12 +239,18 @@ ScenarioResult playScenario(const Scenario& scenario, const ScenarioRunOptions& 
     result.failures = failures(scenario.expect, record, summary, watch.counts(record.startNs));
     events.finish();
     result.eventsHash = events.hash();
+    if (!traceFailure.empty()) {
+        result.failures.push_back("'" + options.traceFile + "': " + traceFailure);
+    }
+    if (film && files.film) {
+        film->finish(&result.failures);
+    }
+    origin.eventHash = result.eventsHash;
     if (page) {
-        const Origin origin{options.version, options.repeat, options.virtualClock, scenario.seed,
-                            result.eventsHash};
         files.page.seekp(0);
         writePage(files.page, {scenario.name, scenario.title, result.failures}, origin, record,
                   summary, {}, page.get());
+        writeJson(files.pageJson, origin, record, summary, {});
     }
     files.finish(&result.failures);
     return result;

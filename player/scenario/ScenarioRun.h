@@ -13,7 +13,9 @@ namespace korvane::player {
 struct ScenarioRunOptions {
     bool virtualClock = true;
     std::string eventsFile;    ///< empty: none is written
-    std::string reportFolder;  ///< gets report.html and events.txt; empty: not written
+    std::string reportFolder;  ///< gets report.html, events.txt, summary.json; empty: not written
+    std::string traceFile;     ///< empty: none is written
+    std::string recordFile;    ///< what the screen showed, as a film; empty: none is written
     std::string repeat;        ///< the command line that repeats this playback
     std::string version;       ///< of korvane-tv
     bool report = false;       ///< print the playback's report to standard error

@@ -66,7 +66,8 @@ bool Canvas::Scaling::operator==(const Scaling& other) const {
     return all(*this) == all(other);
 }
 
-Canvas::Canvas(int width, int height) : mFrame(av_frame_alloc()) {
+Canvas::Canvas(int width, int height, int turnDegrees)
+    : mFrame(av_frame_alloc()), mQuarters((turnDegrees / 90 % 4 + 4) % 4) {
     mFrame->width = width;
     mFrame->height = height;
     mFrame->format = AV_PIX_FMT_YUV420P;
@@ -136,7 +137,26 @@ void Canvas::makeScaler(const Scaling& scaling) {
 }
 
 void Canvas::picture(const AVFrame& source, const Area& area) {
-    const Area fit = fitted(source.width, source.height, area);
+    const bool onItsSide = mQuarters % 2 != 0;
+    const Area fit = onItsSide ? fitted(source.height, source.width, area)
+                               : fitted(source.width, source.height, area);
+    if (fit.width != area.width || fit.height != area.height) {
+        fill(area, kBlack);
+    }
+    if (mQuarters == 0) {
+        scale(source, fit);
+        return;
+    }
+    const Area whole{0, 0, onItsSide ? fit.height : fit.width, onItsSide ? fit.width : fit.height};
+    if (!mUnturned || mUnturned->frame().width != whole.width ||
+        mUnturned->frame().height != whole.height) {
+        mUnturned = std::make_unique<Canvas>(whole.width, whole.height);
+    }
+    mUnturned->scale(source, whole);
+    turn(*mUnturned, fit);
+}
+
+void Canvas::scale(const AVFrame& source, const Area& fit) {
     const AVPixelFormat format = withoutRange(source.format);
     const bool rgb = (av_pix_fmt_desc_get(format)->flags & AV_PIX_FMT_FLAG_RGB) != 0;
     const bool full =
@@ -144,9 +164,6 @@ void Canvas::picture(const AVFrame& source, const Area& area) {
     const Scaling scaling{source.width, source.height, format, full, fit.width, fit.height};
     if (!mScaler || !(scaling == mScaling)) {
         makeScaler(scaling);
-    }
-    if (fit.width != area.width || fit.height != area.height) {
-        fill(area, kBlack);
     }
     beginDrawing();
     uint8_t* planes[4] = {};
@@ -157,6 +174,31 @@ void Canvas::picture(const AVFrame& source, const Area& area) {
     }
     sws_scale(mScaler.get(), source.data, source.linesize, 0, source.height, planes,
               mFrame->linesize);
+}
+
+void Canvas::turn(const Canvas& upright, const Area& fit) {
+    beginDrawing();
+    const AVFrame& from = upright.frame();
+    for (int plane = 0; plane < 3; ++plane) {
+        const int shift = plane == 0 ? 0 : 1;
+        const ptrdiff_t stride = from.linesize[plane];
+        const ptrdiff_t right = (from.width >> shift) - 1;
+        const ptrdiff_t bottom = (from.height >> shift) - 1;
+        // Where the first pixel comes from, and how far it is to those right of it and below it.
+        const ptrdiff_t first = mQuarters == 1   ? bottom * stride
+                                : mQuarters == 2 ? bottom * stride + right
+                                                 : right;
+        const ptrdiff_t across = mQuarters == 1 ? -stride : mQuarters == 2 ? -1 : stride;
+        const ptrdiff_t down = mQuarters == 1 ? 1 : mQuarters == 2 ? -stride : -1;
+        for (ptrdiff_t y = 0; y < fit.height >> shift; ++y) {
+            uint8_t* const row = mFrame->data[plane] +
+                                 ((fit.y >> shift) + y) * mFrame->linesize[plane] +
+                                 (fit.x >> shift);
+            for (ptrdiff_t x = 0; x < fit.width >> shift; ++x) {
+                row[x] = from.data[plane][first + y * down + x * across];
+            }
+        }
+    }
 }
 
 void Canvas::testPicture(int64_t frameNo, const Area& area) {

@@ -26,8 +26,9 @@ constexpr uint8_t kWhite = 235;
 class Canvas {
 public:
     /// Black.
+    /// @param turnDegrees  clockwise, in quarters: how a display has to turn the film's pictures
     /// @throws std::bad_alloc
-    Canvas(int width, int height);
+    Canvas(int width, int height, int turnDegrees = 0);
     ~Canvas();
     Canvas(const Canvas&) = delete;
     Canvas& operator=(const Canvas&) = delete;
@@ -40,7 +41,7 @@ public:
     void fill(const Area& area, uint8_t luma);
     /// @param scale  pixels a dot of the font
     void text(int x, int y, int scale, const std::string& text, uint8_t luma = kWhite);
-    /// Scales a picture into an area, as large as fits; the rest of the area is black.
+    /// Scales a picture, turned, into an area, as large as fits; the rest of the area is black.
     void picture(const AVFrame& source, const Area& area);
     /// Stands for the picture of content that has none: its number, and a bar that moves with it.
     void testPicture(int64_t frameNo, const Area& area);
@@ -61,8 +62,12 @@ private:
     };
     void makeScaler(const Scaling& scaling);
     void beginDrawing();
+    void scale(const AVFrame& source, const Area& fit);
+    void turn(const Canvas& upright, const Area& fit);
 
     FramePtr mFrame;
+    const int mQuarters;                ///< clockwise
+    std::unique_ptr<Canvas> mUnturned;  ///< scaled, not yet turned
     std::unique_ptr<SwsContext, FreeScaler> mScaler;
     Scaling mScaling;
 };

@@ -34,7 +34,7 @@ std::string barText(const Figures& figures, bool brief) {
                            figures.dwells > 0 ? std::to_string(figures.dwells) : "-");
     }
     if (!figures.pattern.empty()) {
-        text += "  " + figures.pattern;
+        text += (brief ? "  " : "  SEEN ") + figures.pattern;
     }
     if (figures.offsetUs) {
         text += "  " + signedMilliseconds(*figures.offsetUs);

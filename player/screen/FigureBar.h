@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // The bar below a recorded picture: what is known of the vsync, for people and for programs.
 //
-//   FRAME 123  VSYNC 310  DWELL 2/3  [3:2]  +16.5 MS
+//   FRAME 123  VSYNC 310  DWELL 2/3  SEEN [3:2]  +16.5 MS
 //   a row of 64 cells, white for 1, black for 0: 32 bits of the frame's number, 32 of the vsync's,
 //   highest first; no picture is frame 0xffffffff
 #pragma once
@@ -17,9 +17,9 @@ namespace korvane::player {
 struct Figures {
     int64_t frameNo = -1;  ///< -1: the screen is black
     int64_t vsync = 0;
-    int64_t dwell = 0;   ///< vsyncs on screen, with this one
-    int64_t dwells = 0;  ///< in all; 0: not known
-    std::string pattern;
+    int64_t dwell = 0;    ///< vsyncs on screen, with this one
+    int64_t dwells = 0;   ///< in all; 0: not known
+    std::string pattern;  ///< that the last dwells follow, whatever the library has in force
     std::optional<int64_t> offsetUs;  ///< from the sync clock's time for the frame
 };
 

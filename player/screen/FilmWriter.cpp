@@ -115,6 +115,12 @@ void FilmWriter::CloseData::operator()(AVIOContext* data) const {
     avio_context_free(&data);
 }
 
+AVRational trueRate(const FrameRate& nominal, double driftPpm) {
+    const AVRational rate{static_cast<int>(nominal.frames), static_cast<int>(nominal.seconds)};
+    constexpr int kParts = 100'000'000;
+    return driftPpm == 0.0 ? rate : av_mul_q(rate, av_d2q(1.0 + driftPpm * 1e-6, kParts));
+}
+
 FilmWriter::FilmWriter(const FilmSpec& spec, std::ostream* out)
     : mSpec(spec), mOut(*out), mCanSeek(canSeek(*out)), mPacket(av_packet_alloc()) {
     mData.reset(avio_alloc_context(static_cast<unsigned char*>(av_malloc(kDataBytes)), kDataBytes,

@@ -17,6 +17,7 @@
 #include <string>
 #include <vector>
 
+#include "player/base/FrameRate.h"
 #include "player/media/Ffmpeg.h"
 
 namespace korvane::player {
@@ -42,6 +43,9 @@ struct FilmSpec {
     bool withSound = false;         ///< stereo at 48 kHz
     bool threads = false;           ///< the encoders may have threads of their own
 };
+
+/// Vsyncs a second of a display, exactly; a drift is known to a millionth of a percent.
+AVRational trueRate(const FrameRate& nominal, double driftPpm);
 
 class FilmWriter {
 public:

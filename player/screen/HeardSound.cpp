@@ -14,21 +14,22 @@ constexpr double kSamplesPerUs = kSoundHz / 1e6;
 /// Within a stretch, the place of each sample is computed from the stretch's beginning, so that
 /// it does not depend on how the sound is cut into pieces.
 std::vector<float> heardSound(const tv::SoundRecord& record, const SoundStore& store,
-                              int64_t originNs, int64_t fromSample, int64_t count) {
+                              const SampleTimes& times, int64_t fromSample, int64_t count) {
     std::vector<float> heard(static_cast<size_t>(count * kSoundChannels));
-    const double originUs = static_cast<double>(originNs) / 1000.0;
     for (const auto& stretch : record.stretches()) {
         const double beginsAt =
-            (static_cast<double>(stretch.fromRealUs) - originUs) * kSamplesPerUs;
-        const double endsAt = (static_cast<double>(stretch.toRealUs) - originUs) * kSamplesPerUs;
+            (static_cast<double>(stretch.fromRealUs) - times.originUs) * times.perUs;
+        const double endsAt =
+            (static_cast<double>(stretch.toRealUs) - times.originUs) * times.perUs;
         const auto first = std::max(beginsAt, static_cast<double>(fromSample));
         const auto end = std::min(endsAt, static_cast<double>(fromSample + count));
         if (first >= end) {
             continue;
         }
+        const double speed = stretch.speed * kSamplesPerUs / times.perUs;  // film's per device's
         const auto filmSample = [&](int64_t sample) {
             return std::llround(static_cast<double>(stretch.fromMediaUs) * kSamplesPerUs +
-                                (static_cast<double>(sample) - beginsAt) * stretch.speed);
+                                (static_cast<double>(sample) - beginsAt) * speed);
         };
         const auto last = static_cast<int64_t>(std::ceil(end));
         for (auto sample = static_cast<int64_t>(std::ceil(first)); sample < last;) {

@@ -12,10 +12,15 @@
 
 namespace korvane::player {
 
-/// A number of samples of real time at 48 kHz, left and right in turn.
-/// @param originNs    monotonic time of sample 0
+/// When samples are audible, in microseconds of the monotonic clock.
+struct SampleTimes {
+    double originUs = 0.0;  ///< of sample 0
+    double perUs = kSoundHz / 1e6;
+};
+
+/// A number of samples of real time, left and right in turn.
 /// @param fromSample  the first sample that is wanted
 std::vector<float> heardSound(const tv::SoundRecord& record, const SoundStore& store,
-                              int64_t originNs, int64_t fromSample, int64_t count);
+                              const SampleTimes& times, int64_t fromSample, int64_t count);
 
 }  // namespace korvane::player

@@ -64,7 +64,7 @@ std::vector<std::string> liveLines(const LiveFigures& figures, const PlaybackPro
         now.frameNo >= 0 ? fmt::format("screen   frame {} at vsync {}", now.frameNo, now.vsync)
                          : fmt::format("screen   black at vsync {}", now.vsync),
         "dwell    " + dwellStrip(figures, room),
-        "pattern  " + (now.pattern.empty() ? "none yet" : now.pattern),
+        "pattern  " + (now.pattern.empty() ? "none seen yet" : now.pattern + " seen"),
         "offset   " + (now.offsetUs ? signedMilliseconds(*now.offsetUs) + " from the sync clock"
                                     : "not known"),
         fmt::format("queue    library {:2}  tunnel {:2}  player {:2}", held.library, held.tunnel,

@@ -30,7 +30,7 @@ Recording::Recording(const RecordingSpec& spec, std::ostream* out)
       mPictureArea{0, 0, (spec.width + 1) & ~1, (spec.height + 1) & ~1},
       mBarArea{0, mPictureArea.height, mPictureArea.width,
                spec.bar ? barHeight(mPictureArea.width) : 0},
-      mCanvas(mPictureArea.width, mPictureArea.height + mBarArea.height),
+      mCanvas(mPictureArea.width, mPictureArea.height + mBarArea.height, spec.turnDegrees),
       mWriter(spec.film, out) {}
 
 template <typename Code>
@@ -143,7 +143,9 @@ void Recording::describeColours(const AVFrame& picture) {
     frame.colorspace = rgb ? AVCOL_SPC_BT709 : picture.colorspace;
     frame.color_primaries = picture.color_primaries;
     frame.color_trc = picture.color_trc;
-    frame.sample_aspect_ratio = picture.sample_aspect_ratio;
+    const AVRational shape = picture.sample_aspect_ratio;
+    frame.sample_aspect_ratio =
+        mSpec.turnDegrees % 180 != 0 && shape.num > 0 ? av_inv_q(shape) : shape;
 }
 
 /// Never beyond the pictures that are written, so that both end together.
@@ -157,7 +159,8 @@ void Recording::writeSound(const tv::SoundRecord& sound, int64_t upToNs) {
         end = std::min(end, av_rescale(upToNs - mOriginNs, kSoundHz, 1'000'000'000));
     }
     if (end > mSamples) {
-        mWriter.addSound(heardSound(sound, *mSpec.sound, mOriginNs, mSamples, end - mSamples));
+        mWriter.addSound(heardSound(sound, *mSpec.sound, {static_cast<double>(mOriginNs) / 1000.0},
+                                    mSamples, end - mSamples));
         mSamples = end;
     }
 }

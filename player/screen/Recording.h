@@ -30,6 +30,7 @@ struct RecordingSpec {
     FilmSpec film;
     int width = 0;  ///< of the picture, without the bar
     int height = 0;
+    int turnDegrees = 0;  ///< as for Canvas
     bool bar = false;
     std::shared_ptr<const SoundStore> sound;  ///< null: the film has none
 };

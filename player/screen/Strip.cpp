@@ -44,7 +44,8 @@ void drawCell(Canvas* sheet, const Strip::Cell& cell, int at, uint8_t luma) {
 
 }  // namespace
 
-Strip::Strip(const StripTarget& target) : mTarget(target), mSmall(kThumbWidth, kThumbHeight) {}
+Strip::Strip(const StripTarget& target, int turnDegrees)
+    : mTarget(target), mSmall(kThumbWidth, kThumbHeight, turnDegrees) {}
 
 void Strip::onVsync(const ScreenMoment& moment, const tv::SoundRecord& /*sound*/) {
     const std::lock_guard<std::mutex> guard(mLock);

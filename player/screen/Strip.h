@@ -30,7 +30,8 @@ public:
     static constexpr int kBefore = 8;
     static constexpr int kCells = 24;
 
-    explicit Strip(const StripTarget& target);
+    /// @param turnDegrees  as for Canvas
+    explicit Strip(const StripTarget& target, int turnDegrees = 0);
 
     void onVsync(const ScreenMoment& moment, const tv::SoundRecord& sound) override;
     void onScreenEnd(const tv::SoundRecord& sound) override;

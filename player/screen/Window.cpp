@@ -14,6 +14,7 @@
 
 #include "player/screen/BitmapFont.h"
 #include "player/screen/Canvas.h"
+#include "player/screen/DeviceClock.h"
 #include "player/screen/HeardSound.h"
 #include "tv/ScopedLock.h"
 #include "tv/Tv.h"
@@ -34,12 +35,13 @@ constexpr int kWidestDrawn = 1920;
 constexpr int kFirstWidth = 1280;
 /// From here on films have BT.709's colours.
 constexpr int kHdHeight = 720;
-constexpr auto kEventInterval = std::chrono::milliseconds(10);
+/// No divisor of a device's block or of a vsync: looks at the device fall anywhere in a block.
+constexpr auto kEventInterval = std::chrono::milliseconds(7);
 /// The device is fed this far ahead, in samples: two vsyncs and the device's own buffer.
 constexpr int64_t kLeadSamples = kSoundHz * 60 / 1000;
-constexpr int kDeviceSamples = 512;
-/// More than this in the device's queue: its clock is slower than the TV's.
-constexpr int64_t kMostQueued = kSoundHz * 160 / 1000;
+/// A whole number of milliseconds: drivers that sleep keep time then.
+constexpr int kDeviceSamples = kSoundHz * 10 / 1000;
+constexpr int64_t kSampleBytes = sizeof(float) * kSoundChannels;
 constexpr int64_t kArrowUs = 5'000'000;
 constexpr int64_t kFarArrowUs = 60'000'000;
 
@@ -101,7 +103,7 @@ public:
         : mSpec(spec),
           mRemote(*remote),
           mScale(std::min(1.0, static_cast<double>(kWidestDrawn) / spec.width)),
-          mCanvas(evenShare(spec.width, mScale), evenShare(spec.height, mScale)) {
+          mCanvas(evenShare(spec.width, mScale), evenShare(spec.height, mScale), spec.turnDegrees) {
         std::promise<void> opened;
         auto result = opened.get_future();
         mThread = std::thread([this, &opened] { run(&opened); });
@@ -262,6 +264,9 @@ private:
             std::swap(sound, mSound);
             progress = mProgress;
         }
+        if (mDevice != 0) {
+            followDevice();
+        }
         if (moment) {
             if (mDevice != 0) {
                 feedSound(sound);
@@ -306,23 +311,31 @@ private:
         }
     }
 
-    /// From where the device is to `kLeadSamples` from now. A device that ran dry goes on with what
-    /// is audible now.
+    int64_t queuedSamples() const { return mSdl->GetQueuedAudioSize(mDevice) / kSampleBytes; }
+
+    /// Has the TV's audio keep the device's time.
+    void followDevice() {
+        const int64_t nowNs = tv::nowNs();
+        const int64_t queued = queuedSamples();
+        if (queued > 0 && mDeviceClock.see(nowNs, mFed - queued)) {
+            mRemote.setDeviceDriftPpm(mDeviceClock.driftPpm());
+        }
+    }
+
+    /// Fills the device's queue up to `kLeadSamples`. A device that ran dry goes on with what is
+    /// audible now.
     void feedSound(const tv::SoundRecord& sound) {
         const int64_t nowNs = tv::nowNs();
-        mOriginNs = mOriginNs == 0 ? nowNs : mOriginNs;
-        const int64_t now = (nowNs - mOriginNs) / 1000 * kSoundHz / 1'000'000;
-        constexpr int64_t kSampleBytes = sizeof(float) * kSoundChannels;
-        const int64_t queued = mSdl->GetQueuedAudioSize(mDevice) / kSampleBytes;
-        if (queued > kMostQueued) {
+        int64_t queued = queuedSamples();
+        if (queued == 0 || mDeviceClock.lost(nowNs, mFed - queued)) {
             mSdl->ClearQueuedAudio(mDevice);
+            mDeviceClock.restart(nowNs);
+            queued = 0;
+            mFed = 0;
         }
-        if (queued > kMostQueued || queued == 0) {
-            mFed = now;
-        }
-        const int64_t count = now + kLeadSamples - mFed;
+        const int64_t count = kLeadSamples - queued;
         if (count > 0) {
-            const auto heard = heardSound(sound, *mSpec.sound, mOriginNs, mFed, count);
+            const auto heard = heardSound(sound, *mSpec.sound, mDeviceClock.times(), mFed, count);
             mSdl->QueueAudio(mDevice, heard.data(), static_cast<Uint32>(count * kSampleBytes));
             mFed += count;
         }
@@ -342,8 +355,8 @@ private:
     SDL_Texture* mTexture = nullptr;
     SDL_AudioDeviceID mDevice = 0;
     bool mOverlay = false;
-    int64_t mOriginNs = 0;      ///< of sample 0
-    int64_t mFed = 0;           ///< samples
+    DeviceClock mDeviceClock;
+    int64_t mFed = 0;           ///< samples since the device began or went on
     std::string mSoundFailure;  ///< set before the constructor returns
 
     std::mutex mLock;

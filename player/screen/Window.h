@@ -11,9 +11,9 @@
 //   i            shows the live figures, hides them
 //   q, escape    ends playback, as closing the window does
 //
-// The TV's own clocks stay as they are. The device gets the sound a little ahead of the time at
-// which the TV has it audible, so that both come out together. Where the device's clock drifts
-// away, some samples are left out or silent, once in a while.
+// The device gets the sound a little ahead of the time at which the TV has it audible, so that both
+// come out together. The device's clock leads, as on a TV: the TV's audio plays as fast as the
+// device does, and the pictures follow audio.
 #pragma once
 
 #include <cstdint>
@@ -28,8 +28,9 @@ namespace korvane::player {
 
 struct WindowSpec {
     std::string title;
-    int width = 0;  ///< of the film's pictures
+    int width = 0;  ///< of the film's pictures, turned
     int height = 0;
+    int turnDegrees = 0;                      ///< as for Canvas
     std::shared_ptr<const SoundStore> sound;  ///< null: the film has none
 };
 

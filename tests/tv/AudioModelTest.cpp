@@ -266,6 +266,13 @@ TEST(AudioModel, ReanchorsWhenItsCrystalHasDriftedAway) {
                         static_cast<double>(playedUs) * (1 + ppm * 1e-6), 10'050);
         }
         EXPECT_EQ(stage.model.report().reanchors, 4);
+        // Another rate goes on from where the sound is.
+        const int64_t beforeUs = *stage.model.sound().mediaAt(stage.now);
+        stage.model.setDriftPpm(0.0, stage.now);
+        EXPECT_NEAR(static_cast<double>(*stage.model.sound().mediaAt(stage.now) - beforeUs), 0, 11);
+        stage.runTo(stage.now + 20'000'000);
+        EXPECT_NEAR(static_cast<double>(*stage.model.sound().mediaAt(stage.now) - beforeUs), 2e7,
+                    11);
     }
 }
 

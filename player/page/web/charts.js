@@ -163,7 +163,7 @@ function shownInView() {
   return [Math.max(after(shownAt, view.from) - 1, 0), Math.min(after(shownAt, view.to) + 1, shown.length)];
 }
 
-/** Pauses and underflows as shades, flushes and the like as lines. */
+/** Pauses and underflows as shades, flushes, splices and the like as lines. */
 function drawHappened(u, context) {
   const { top, height } = u.bbox;
   for (const stop of happened.stops) {
@@ -178,7 +178,8 @@ function drawHappened(u, context) {
     if (second >= view.from && second <= view.to) context.fillRect(Math.round(xOf(u, second)), top, dpr(), height);
   }
 }
-const sectionSeconds = happened.sections.slice(1).map(([beganUs]) => beganUs / 1e6);
+const sectionSeconds = [...happened.sections.slice(1).map(([beganUs]) => beganUs),
+  ...happened.splices.map((splice) => splice.at_us)].map((us) => us / 1e6).sort((a, b) => a - b);
 
 function text(context, words, x, y, colour = colours.soft, align = 'left', weight = '') {
   context.font = `${weight} ${11 * dpr()}px system-ui, "DejaVu Sans", sans-serif`;

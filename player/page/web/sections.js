@@ -42,19 +42,20 @@ function fillLatencies() {
     tile(longest(pauses, 'pause until still'), worst(pauses, stood), 'no pause'),
     tile(longest(pauses, 'resume to next frame'), worst(pauses, took), 'no resume'),
     tile(longest(waits, 'sound back to next frame'), worst(waits, took), 'no underflow'));
-  if (later.length + happened.stops.length === 0) return;
+  if (later.length + happened.stops.length + happened.splices.length === 0) return;
   const rows = [
     ...later.map((s) => [happened.sections[s.section][0], 'seek or flush', frameLink(s.first_frame), ms(s.first_frame_us),
       s.second_frame_us >= 0 ? `second ${ms(s.second_frame_us)} later` : 'no second frame']),
     ...happened.stops.map((s) => [s.from_us, s.by_player ? 'pause' : 'underflow',
       s.next_frame >= 0 ? frameLink(s.next_frame) : '–', isNumber(took(s)) ? ms(took(s)) : '–',
-      `clock stood ${s.to_us >= 0 ? ms(s.to_us - s.from_us) : 'to the end'}, last frame ${ms(stood(s))} into it`])]
+      `clock stood ${s.to_us >= 0 ? ms(s.to_us - s.from_us) : 'to the end'}, last frame ${ms(stood(s))} into it`]),
+    ...happened.splices.map((s) => [s.at_us, 'splice', frameLink(s.frame), s.lost_us > 0 ? `${ms(s.lost_us)} lost` : 'no time lost', s.what])]
     .sort((a, b) => a[0] - b[0]);
   const most = 200;
   $('waits').replaceChildren(make('details', { open: rows.length <= 6 ? '' : null },
     make('summary', {}, `Each one (${count(rows.length)})`),
     make('div', { class: 'scroll' }, table(['#At', 'What', '#Frame', '#Next frame after', 'And'],
-      rows.slice(0, most).map((row) => [seconds(row[0]), ...row.slice(1)]), 'Seeks, pauses and underflows'))));
+      rows.slice(0, most).map((row) => [seconds(row[0]), ...row.slice(1)]), 'Seeks, pauses, underflows and splices'))));
 }
 
 function fillNotes() {

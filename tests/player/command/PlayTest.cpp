@@ -494,16 +494,36 @@ TEST(ReportFolderTest, HoldsAPageWhateverEndsPlayback) {
     EXPECT_EQ(full.status, 1);
     EXPECT_THAT(full.error, HasSubstr("--report " + page + ": could not be written whole"));
     EXPECT_THAT(readFile(folder + "/events.txt"), HasSubstr(" stop\n"));
+    expectDescribed(Json::parse(readFile(folder + "/summary.json")), "summary.schema.json");
     std::istringstream lines(readFile(ledger));
     size_t frames = 0;
     for (std::string line; std::getline(lines, line); ++frames) {
         expectDescribed(Json::parse(line), "ledger.schema.json");
     }
     EXPECT_EQ(frames, 24);
-    for (const auto& file : {page, folder + "/events.txt", ledger}) {
+    for (const auto& file : {page, folder + "/events.txt", folder + "/summary.json", ledger}) {
         unlink(file.c_str());
     }
     EXPECT_EQ(rmdir(folder.c_str()), 0);
+}
+
+TEST(AgainstTest, ComparesTwoBuildsOfTheLibraryInOneCommand) {
+    const std::string library = scratch("old.so");
+    writeFile(library, readFile(KORVANE_LIBRARY));
+    const CommandResult same =
+        korvaneTv({"play", clip("24.mp4"), "--against", library, "--rate", "59.94"});
+    EXPECT_EQ(same.status, 0) << same.error;
+    EXPECT_THAT(same.output, HasSubstr("Same to the byte\n\nA         " + library + "\n"));
+    const std::vector<std::string> play = {"play", clip("24.mp4"), "--against"};
+    for (const auto& [words, says] : std::vector<std::pair<std::vector<std::string>, std::string>>{
+             {{clip("24.mp4")}, "no shared library"},
+             {{library, "--csv", "frames.csv"}, "--against plays twice"},
+             {{library, "--audio", "7"}, "7"}}) {
+        auto refused = play;
+        refused.insert(refused.end(), words.begin(), words.end());
+        expectRefused(refused, says);
+    }
+    unlink(library.c_str());
 }
 
 TEST(ClosedStandardFilesTest, AreNotMistakenForAnOutput) {

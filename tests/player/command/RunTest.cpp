@@ -169,6 +169,10 @@ TEST_F(RunTest, ScenariosOfOneNameKeepTheirOwnEventLogsAndAFolderHasOneRun) {
         "run",
         "--events",
         events,
+        "--trace",
+        mFolder + "/timelines",
+        "--record",
+        mFolder + "/films",
         scenario("one", content + "24\n"),
         scenario("other/one", "[content]\nfps = 24\nduration = \"2s\"\n[expect]\n"),
         scenario("one-2", content + "24\n")};
@@ -183,6 +187,9 @@ TEST_F(RunTest, ScenariosOfOneNameKeepTheirOwnEventLogsAndAFolderHasOneRun) {
     };
     EXPECT_THAT((std::vector<int>{framesOf("one"), framesOf("one-2"), framesOf("one-3")}),
                 ElementsAre(24, 24, 48));
+    for (const char* file : {"/timelines/one-3.pftrace", "/films/one.mp4", "/films/one-2.mp4"}) {
+        EXPECT_GT(readFile(mFolder + file).size(), 10'000U) << file;
+    }
     const int other = open(events.c_str(), O_RDONLY);
     ASSERT_EQ(flock(other, LOCK_EX), 0);
     const CommandResult second = korvaneTv(run);

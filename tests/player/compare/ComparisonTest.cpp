@@ -4,6 +4,7 @@
 
 #include <gmock/gmock.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <functional>
 #include <random>
@@ -131,6 +132,31 @@ TEST(Comparison, FigureAndFrameAreInEveryOutput) {
     EXPECT_THAT(json.str(), HasSubstr("\"reason\": \"late\""));
     EXPECT_THAT(page.str(), HasSubstr("A: a&lt;b"));
     EXPECT_THAT(page.str(), HasSubstr("<td>dropped (late)</td>"));
+}
+
+TEST(Comparison, PrefersTheSummariesOfReports) {
+    std::istringstream json(R"({"schema_version": 1, "event_hash": "h", "grade": "faulty",
+        "verdict": "FAULT", "pattern": "[3:2]", "buffers_kept": 2, "dwells_unexpected": 5})");
+    const ToldSummary faulty = readSummary(json, "summary.json");
+    ToldSummary even = faulty;
+    even.grade = Grade::Even;
+    even.numbers["buffers_kept"] = 0;
+    ComparedRun a = runOf("a", readLog(logOf({})));
+    ComparedRun b = runOf("b", readLog(logOf(changed([](Film* film) { film->presentByUs = 9; }))));
+    EXPECT_EQ(compareRuns(a, b).result, ComparisonResult::SameDecisions) << "by the logs alone";
+    a.told = even;
+    b.told = faulty;
+    const Comparison comparison = compareRuns(a, b);
+    EXPECT_EQ(comparison.verdict, "B is worse: 2 buffers more never given back");
+    const auto dwells =
+        std::find_if(comparison.figures.begin(), comparison.figures.end(),
+                     [](const Figure& figure) { return figure.key == "dwells_unexpected"; });
+    EXPECT_EQ(dwells->b, 5.0);
+    for (const char* text : {"", "{", "[1]", R"({"schema_version": "1", "grade": "even"})",
+                             R"({"schema_version": 1, "grade": "fair"})"}) {
+        std::istringstream damaged(text);
+        EXPECT_THROW(readSummary(damaged, "summary.json"), InputError) << text;
+    }
 }
 
 std::string refusal(const std::string& text) {

@@ -26,6 +26,7 @@ const pages = {
   'player-seek-storm': { verdict: /./, legend: /flushed/ },
   'tunnel-fence-never': { verdict: /buffer never came back/, legend: /dropped/ },
   'cadence-25-on-59.94-jump': { verdict: /pattern \[3:2\] is in force/, legend: /wrong pattern/ },
+  'splice-forward-an-hour': { verdict: /^Even/, legend: /^$/, waits: /splice.*no time lost.*jump from 10.000 s to 3610.000 s/s },
   'audio-never-starts': { verdict: /Nothing was shown/, legend: /dropped/ },
   'ten-hours': { verdict: /^Even/, legend: /by arithmetic/ } };
 const own = { '60-on-50': scenario('60-on-50', 'fps = 60\nduration = "20s"', 'rate = 50'),
@@ -89,6 +90,7 @@ async function agreesWithItself(page, expected) {
   assert.equal(await page.text('#verdict'), summary.verdict);
   assert.match(summary.verdict, expected.verdict);
   assert.match(await page.text('#dwell-legend'), expected.legend);
+  assert.match(await page.text('#waits'), expected.waits ?? /^/);
   assert.equal(await page.evaluate('breaks.filter((b) => b.kind === 0).length'), summary.dwells_unexpected, 'unexpected breaks');
   assert.equal(await page.evaluate('breaks.filter((b) => b.kind === 1).length'), summary.dwells_by_arithmetic, 'slips');
   assert.equal(await page.evaluate('shown.length'), summary.frames_shown);
@@ -209,6 +211,27 @@ const tests = {
     await page.until(`document.querySelectorAll('#breaks-table tbody tr').length === breaks.length`);
     await page.evaluate(`document.getElementById('frames-details').open = true`);
     await page.until(`document.querySelectorAll('#frames-table tbody tr').length === rowsAtOnce`);
+    assert.deepEqual(page.errors, []);
+  },
+
+  async 'a comparison draws both, and agrees with its figures'(browser) {
+    const sides = ['cadence-24-on-60', 'audio-underflow'].map((name) => `${folder}/run/${name}`);
+    const text = runTv('compare', ...sides, '--report', `${folder}/compare`, '--json', `${folder}/compare.json`);
+    const told = JSON.parse(readFileSync(`${folder}/compare.json`, 'utf8'));
+    assert.equal(told.figures_from, 'summaries');
+    const page = await open(browser, `${folder}/compare/compare.html`);
+    assert.equal(await page.text('#verdict'), told.verdict);
+    assert.equal(text.split('\n')[0], told.verdict);
+    assert.equal(await page.evaluate(`document.querySelectorAll('#frames tr').length`), told.frames.length);
+    for (const [i, key] of ['a', 'b'].entries()) {
+      assert.equal(await page.evaluate(`data.sides[${i}].dwell.filter((n) => n > 0).length`), told.figures.frames_shown[key]);
+      assert.equal(await page.evaluate(`data.sides[${i}].changed.filter((n) => n > 0).length`), told.frames.filter((frame) => frame[key]).length);
+    }
+    await page.evaluate(`document.querySelector('#frames tr').click()`);
+    const at = told.frames[0].media_us / 1e6;
+    assert.deepEqual(await page.evaluate('plots.map((plot) => plot.scales.x.max)'), [at + 1.5, at + 1.5], 'both charts go to a frame that is clicked');
+    assert.match(await page.text('#readout'), /A at .* vsyncs.*B at /);
+    await page.screenshot(`${folder}/compare.png`, { full: true });
     assert.deepEqual(page.errors, []);
   },
 

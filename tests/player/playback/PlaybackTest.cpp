@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <deque>
 #include <functional>
 #include <map>
 #include <stdexcept>
@@ -157,6 +158,45 @@ TEST_F(PlaybackTest, TheScreenShowsWhatTheRecordSays) {
         EXPECT_EQ(direct.frames.at(vsync), found != shown.end() ? found->second : -1) << vsync;
     }
     EXPECT_GE(last + 1, shown.rbegin()->first) << "up to the end";
+}
+
+TEST_F(PlaybackTest, AViewerPausesStepsAndMissesNoPicture) {
+    const auto clock = test::virtualTimeIfAvailable();
+    for (const bool withAudio : {true, false}) {
+        SCOPED_TRACE(withAudio);
+        mPlan.withAudio = withAudio;
+        mCollector.frames.clear();
+        Remote remote;
+        mHooks.remote = &remote;
+        int64_t startNs = 0;
+        using Kind = RemoteKey::Kind;
+        std::deque<std::pair<int64_t, Kind>> keys{
+            {300, Kind::Pause}, {900, Kind::Step}, {1300, Kind::Pause}};
+        mHooks.onProgress = [&](const PlaybackProgress&, int64_t nowNs) {
+            startNs = startNs == 0 ? nowNs : startNs;
+            if (!keys.empty() && nowNs - startNs >= keys.front().first * 1'000'000) {
+                remote.press({keys.front().second});
+                keys.pop_front();
+            }
+        };
+        const PlaybackRecord record = playAll();
+        EXPECT_EQ(record.end, EndCause::Complete);
+        EXPECT_GE(record.clockStops.size(), 1U);
+        std::vector<int64_t> shownUs;
+        int64_t standstills = 0;
+        int64_t beforeNs = 0;
+        for (const auto& frame : mCollector.frames) {
+            if (frame.outcome == Outcome::Shown) {
+                const int64_t atNs = frame.record->firstVsync.timeNs;
+                standstills += beforeNs != 0 && atNs - beforeNs > 300'000'000 ? 1 : 0;
+                beforeNs = atNs;
+                shownUs.push_back(frame.mediaTimeUs);
+            }
+        }
+        EXPECT_EQ(standstills, 2);
+        EXPECT_EQ(shownUs.size(), 24U);
+        EXPECT_TRUE(std::is_sorted(shownUs.begin(), shownUs.end()));
+    }
 }
 
 TEST_F(PlaybackTest, ThrowsAgainWhatAListenerOrAnObserverThrows) {

@@ -360,6 +360,25 @@ TEST(RecordingMomentsTest, RepeatsWhatItMissedAndDrawsForContentWithoutPictures)
     unlink(film.c_str());
 }
 
+TEST(CanvasTest, TurnsPicturesClockwise) {
+    // Bright in the upper left quarter.
+    Canvas source(64, 32);
+    source.fill({0, 0, 64, 32}, 40);
+    source.fill({0, 0, 32, 16}, 200);
+    const std::pair<int, Area> bright[] = {{0, {0, 0, 32, 16}},
+                                           {90, {16, 0, 16, 32}},
+                                           {180, {32, 16, 32, 16}},
+                                           {270, {0, 32, 16, 32}}};
+    for (const auto& [degrees, area] : bright) {
+        const bool onItsSide = degrees % 180 != 0;
+        const Area whole{0, 0, onItsSide ? 32 : 64, onItsSide ? 64 : 32};
+        Canvas canvas(whole.width, whole.height, degrees);
+        canvas.picture(source.frame(), whole);
+        EXPECT_EQ(meanLuma(canvas.frame(), area), 200.0) << degrees;
+        EXPECT_EQ(meanLuma(canvas.frame(), whole), 80.0) << degrees;
+    }
+}
+
 /// The labels of a sheet, read off the picture: whether each cell's label is bright.
 std::vector<bool> brightLabels(const std::string& path) {
     VideoReader reader(requestFor(path));
