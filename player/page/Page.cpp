@@ -301,7 +301,7 @@ void writeComparisonPage(std::ostream& out, const ComparisonMarkup& markup,
     if (assets.compare.empty()) {
         throw std::runtime_error(std::string(pageLacks()));
     }
-    Json data;
+    JsonValue data;
     data["sides"] = JsonValue::array();
     for (ComparedColumns* side : sides) {
         data["sides"].push_back({{"media", columnJson(&side->media)},
