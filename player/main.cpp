@@ -11,6 +11,7 @@
 #include "player/base/Errors.h"
 #include "player/command/CommandLine.h"
 #include "player/command/ExitStatus.h"
+#include "player/command/ExploreCommand.h"
 #include "player/command/LibraryChoice.h"
 #include "player/command/Message.h"
 #include "player/command/PlayCommand.h"
@@ -39,8 +40,15 @@ CommandLine readCommandLine(int argc, char** argv) {
     return line;
 }
 
+std::string libraryOf(const CommandLine& line) {
+    if (line.command == Command::Explore) {
+        return line.text.empty() ? exploredLibrary(line.explore) : "";
+    }
+    return line.command == Command::Run ? line.run.library : line.play.library;
+}
+
 int carryOut(const CommandLine& line, char** argv) {
-    useLibrary(line.command == Command::Run ? line.run.library : line.play.library, argv);
+    useLibrary(libraryOf(line), argv);
     // The log keeps what was logged while the libraries were loaded until it is opened.
     tv::openLog(lowestLogPriority(line.play));
     if (!line.text.empty()) {
@@ -54,6 +62,8 @@ int carryOut(const CommandLine& line, char** argv) {
             return listScenarios(line.list, std::cout);
         case Command::Compare:
             return compareFiles(line.compare, std::cout);
+        case Command::Explore:
+            return explorePrograms(line.explore, std::cout);
         case Command::Play:
             break;
     }
