@@ -1,11 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
-// The places of a program at which it matters who runs: those where an object was accessed that
-// several threads access and one of them changes. A preemption anywhere else has the effect of one
+// The places of a program at which it matters who runs: those where an object was accessed that one
+// thread changes and another accesses, which was there already when the object was changed. A
+// preemption anywhere else has the effect of one
 // at the thread's next such place, so that strategies can leave the other points out.
 //
 // They are learned from runs that are made for it: `Learning` around a strategy notes every point.
 #pragma once
 
+#include <algorithm>
 #include <unordered_map>
 #include <unordered_set>
 #include <vector>
@@ -17,6 +19,8 @@ namespace korvane::tv {
 class KORVANE_EXPLORE_API SharedPlaces {
 public:
     void note(const SchedulePoint& point);
+    /// A thread can run, perhaps for the first time.
+    void noteThread(int32_t thread) { mNewestThread = std::max(mNewestThread, thread); }
     /// The run has ended; the next one's objects are others.
     void endRun();
 
@@ -27,14 +31,19 @@ public:
     size_t count() const { return mPlaces.size(); }
 
 private:
+    struct User {
+        int32_t thread;
+        int32_t newestAtChange;  ///< the newest thread when this one changed it last; 0: it did not
+    };
     struct Object {
-        int32_t firstThread = 0;
-        bool shared = false;
-        bool changed = false;
+        std::vector<User> users;
         std::vector<const void*> places;
+
+        bool isShared() const;
     };
 
     std::unordered_map<const void*, Object> mObjects;  ///< of the run
+    int32_t mNewestThread = 0;
     std::unordered_set<const void*> mPlaces;
 };
 
@@ -48,7 +57,10 @@ public:
     bool wakesSpuriously(int32_t thread, uint64_t threadStep) override {
         return mStrategy.wakesSpuriously(thread, threadStep);
     }
-    void becameRunnable(int32_t thread) override { mStrategy.becameRunnable(thread); }
+    void becameRunnable(int32_t thread) override {
+        mPlaces.noteThread(thread);
+        mStrategy.becameRunnable(thread);
+    }
 
 private:
     Strategy& mStrategy;

@@ -10,11 +10,12 @@ namespace korvane::tv {
 namespace {
 
 constexpr int64_t kShortestAwayNs = 10'000;
-/// Runs of a strategy draw from seeds of their own, so that one can be made without those before.
-constexpr uint64_t kSeedsPerStrategy = uint64_t{1} << 32;
 
+/// Runs of a strategy draw from seeds of their own, so that one can be made without those before.
 Seed seedOf(const RandomOptions& options, uint64_t run) {
-    return Seed(options.seed * kSeedsPerStrategy + run);
+    Seed ofStrategy(options.seed);
+    Seed ofRun(ofStrategy.next() ^ run);
+    return Seed(ofRun.next());
 }
 
 int64_t drawAwayNs(Seed& seed, const RandomOptions& options) {

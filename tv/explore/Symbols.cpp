@@ -129,6 +129,7 @@ std::vector<SourcePlace> placesOf(const std::vector<const void*>& codes) {
         }
     }
     std::vector<SourcePlace> places;
+    places.reserve(codes.size());
     for (const void* code : codes) {
         places.push_back(known[code]);
     }
