@@ -10,6 +10,8 @@
 #   make coverage                                     what the tests reach in the library, as a page
 #   make aarch64                                      the tests on AArch64, under an emulator
 #   make libcxx                                       the tests with the device's C++ library, by clang
+#   make explore [TIME=10m] [ARGS='--jobs 2']         the library under many schedules of its threads
+#   make planted                                      the same on copies with planted faults
 #   make soong                                        Android.bp against what CMake builds
 #   make page                                         report pages in a headless browser
 #   make abi                                          the binary interface against the accepted one
@@ -19,12 +21,13 @@
 
 JOBS ?= $(shell nproc)
 ARGS ?=
+TIME ?= 10m
 TEST_ARGS ?=
 install := @scripts/install-deps.sh
 
 .PHONY: all build play build-tests test check licences rooms format-check tidy sanitize-asan \
     sanitize-tsan aarch64 build-aarch64 libcxx soong page abi abi-reason abi-accept package bench format \
-    clean window coverage fuzz
+    clean window coverage fuzz explore planted
 # Each command uses all processors by itself.
 .NOTPARALLEL:
 
@@ -119,6 +122,19 @@ fuzz:
 	@for preset in fuzz fuzz-asan; do \
 	    cmake --preset $$preset && cmake --build --preset $$preset -j $(JOBS) || exit; done
 	@scripts/fuzz.sh $(TIME) $(JOBS)
+
+# Programs and threads hard on the library first, then every scenario's first frames.
+explore:
+	$(install) test
+	cmake --preset release
+	cmake --build --preset release -j $(JOBS) --target korvane-tv explore
+	build/release/bin/korvane-tv explore --for $(TIME) --jobs $(JOBS) $(ARGS)
+
+planted:
+	$(install) test
+	cmake --preset release
+	cmake --build --preset release -j $(JOBS) --target korvane-tv explore planted
+	tests/explore/planted.sh build/release/bin/korvane-tv build/release/lib/planted tests/explore/planted
 
 libcxx: build
 	$(install) test libcxx

@@ -52,6 +52,7 @@ _korvane_tv() {
             ;;
         run:--events | run:--trace | run:--record | *:--report) compopt -o dirnames ;;
         play:--strip-at) words="break frame:" ;;
+        explore:--strategy) words="random pct exhaustive" ;;
         *:--trace | *:--csv | *:--ledger | *:--json | *:--events | *:--record | *:--strip | \
             *:--library | *:--against)
             compopt -o default
@@ -62,10 +63,10 @@ _korvane_tv() {
             elif [[ $current == -* ]]; then
                 words=$(sed -nE 's/^  (-[a-z],)?(--[a-z-]+)( .*)?$/\2/p' <<<"$help")
             elif [[ -z $command ]]; then
-                words="play run list compare"
+                words="play run list compare explore"
             elif [[ $command == play ]]; then
                 _korvane_tv_files "$media" "$current"
-            elif [[ $command == run || $command == list ]]; then
+            elif [[ $command == run || $command == list || $command == explore ]]; then
                 _korvane_tv_files '*.toml' "$current"
                 words=$(_korvane_tv_scenarios "$program")
             elif [[ $command == compare ]]; then

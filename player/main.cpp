@@ -12,6 +12,7 @@
 #include "player/command/AgainstCommand.h"
 #include "player/command/CommandLine.h"
 #include "player/command/ExitStatus.h"
+#include "player/command/ExploreCommand.h"
 #include "player/command/LibraryChoice.h"
 #include "player/command/Message.h"
 #include "player/command/PlayCommand.h"
@@ -40,10 +41,17 @@ CommandLine readCommandLine(int argc, char** argv) {
     return line;
 }
 
+std::string libraryOf(const CommandLine& line) {
+    if (line.command == Command::Explore) {
+        return line.text.empty() ? exploredLibrary(line.explore) : "";
+    }
+    return line.command == Command::Run ? line.run.library : line.play.library;
+}
+
 int carryOut(const CommandLine& line, char** argv) {
     const bool comparing = line.command == Command::Play && !line.play.against.empty();
     if (!comparing) {
-        useLibrary(line.command == Command::Run ? line.run.library : line.play.library, argv);
+        useLibrary(libraryOf(line), argv);
     }
     // The log keeps what was logged while the libraries were loaded until it is opened.
     tv::openLog(lowestLogPriority(line.play));
@@ -58,6 +66,8 @@ int carryOut(const CommandLine& line, char** argv) {
             return listScenarios(line.list, std::cout);
         case Command::Compare:
             return compareFiles(line.compare, std::cout);
+        case Command::Explore:
+            return explorePrograms(line.explore, std::cout);
         case Command::Play:
             break;
     }

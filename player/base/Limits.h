@@ -35,5 +35,9 @@ constexpr int kMostStreams = 65'535;
 constexpr Range kPictureSide{64, 8192};
 /// Scenarios that `run` plays at a time.
 constexpr int kMostJobs = 256;
+/// What `explore` is asked for: beyond a month, and beyond what a schedule of a run can tell.
+constexpr int64_t kMostSchedules = 1'000'000'000'000;
+constexpr int kMostExploredFrames = 500;
+constexpr int kMostPreemptions = 10;
 
 }  // namespace korvane::player

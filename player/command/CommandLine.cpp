@@ -21,6 +21,14 @@ namespace {
 
 using Words = std::vector<std::string>;
 
+std::string programNames() {
+    std::string names;
+    for (const auto& program : builtInPrograms()) {
+        names += (names.empty() ? "" : ", ") + program.name;
+    }
+    return names;
+}
+
 bool startsWith(const std::string& text, std::string_view start) {
     return text.compare(0, start.size(), start) == 0;
 }
@@ -134,6 +142,22 @@ const Kind<std::string> kLibraryFile{
     "PATH",
     [](const std::string& text) { return text.empty() ? std::nullopt : std::optional(text); },
     "a library; write the path of a libkorvane_tunnelrenderer.so"};
+
+const Kind<StrategyKind> kStrategy{
+    "NAME",
+    [](const std::string& text) {
+        for (const auto kind :
+             {StrategyKind::Random, StrategyKind::Pct, StrategyKind::Exhaustive}) {
+            if (text == toString(kind)) {
+                return std::optional(kind);
+            }
+        }
+        return std::optional<StrategyKind>();
+    },
+    "a strategy; write random, pct or exhaustive"};
+
+const Kind<std::string> kScheduleText{"SCHEDULE", kLibraryFile.parse,
+                                      "a schedule; write what explore printed"};
 
 /// Whether the clock is virtual.
 const Kind<bool> kClock{"MODE",
@@ -460,6 +484,43 @@ CLI::App* addCompareCommand(CLI::App* app, CompareOptions* options) {
     return compare;
 }
 
+CLI::App* addExploreCommand(CLI::App* app, ExploreCommandOptions* options) {
+    CLI::App* explore = app->add_subcommand(
+        "explore",
+        "Play short programs under many schedules of their threads, and say what breaks.");
+    explore
+        ->add_option("SCENARIO", options->paths,
+                     "Scenarios as for run, or names of built-in programs [all of these]")
+        ->type_name("");
+    add(explore, "--for", kLength, "Explore for this long [1min, or as --schedules says]",
+        &options->forUs);
+    add(explore, "--schedules", count(1, kMostSchedules, "schedules"), "Visit this many schedules",
+        &options->schedules);
+    addEach(explore, "--strategy", kStrategy,
+            "random: a walk; pct: priorities that change at a few points; exhaustive: all with few "
+            "preemptions [random and pct in turn]; may be repeated",
+            [options](StrategyKind kind) { options->strategies.push_back(kind); });
+    add(explore, "--preemptions", count(0, kMostPreemptions, "preemptions"),
+        "Most preemptions of an exhaustive run [2]", &options->preemptions);
+    add(explore, "-j,--jobs", count(1, kMostJobs, "processes"), "Processes at a time [1]",
+        &options->jobs);
+    add(explore, "--frames", count(1, kMostExploredFrames, "frames"),
+        "Frames that a scenario or program sends at most [10]", &options->frames);
+    add(explore, "--seed", kSeed, "Seed of the random strategies [1]", &options->seed);
+    addFlag(explore, "--until-fault", &options->untilFault, "End with the first fault");
+    add(explore, "--replay", kScheduleText,
+        "Play this one schedule of the one SCENARIO, and list what the library did",
+        &options->replay);
+    add(explore, "--trace", kOutputFile, "Record a timeline of the replay for the Perfetto UI",
+        &options->traceFile);
+    addLibraryOption(explore, &options->library);
+    explore->footer(
+        "docs/exploring.md says what this finds and what not. Programs: " + programNames() +
+        ".\nExit status: 0 no fault found; 1 a fault; 2 wrong usage, or a file that is no "
+        "scenario.");
+    return explore;
+}
+
 /// What CLI11 did not take, option first, as it was typed: of "-qz" CLI11 leaves "-z".
 /// @return empty if there is none
 std::string leftOver(const CLI::App& app, const Words& words) {
@@ -511,7 +572,7 @@ std::string explain(const CLI::ParseError& error, const CLI::App& app, const CLI
     }
     if (command == nullptr) {
         return (left.empty() ? "no command given" : "'" + left + "' is no command") +
-               "; write korvane-tv play FILE, run SCENARIO, list or compare A B";
+               "; write korvane-tv play FILE, run SCENARIO, list, compare A B or explore";
     }
     if (!left.empty()) {
         return "one argument too many: '" + left + "'" + where;
@@ -583,7 +644,8 @@ CommandLine parseCommandLine(int argc, const char* const* argv, const std::strin
         {addPlayCommand(&app, &line.play, &expectations), Command::Play},
         {addRunCommand(&app, &line.run), Command::Run},
         {addListCommand(&app, &line.list), Command::List},
-        {addCompareCommand(&app, &line.compare), Command::Compare}};
+        {addCompareCommand(&app, &line.compare), Command::Compare},
+        {addExploreCommand(&app, &line.explore), Command::Explore}};
     const auto given = [&app] {
         const auto parsed = app.get_subcommands();
         return parsed.empty() ? nullptr : parsed.front();

@@ -11,12 +11,13 @@
 
 #include "player/base/Errors.h"
 #include "player/command/CompareCommand.h"
+#include "player/command/ExploreCommand.h"
 #include "player/command/PlayOptions.h"
 #include "player/command/RunCommand.h"
 
 namespace korvane::player {
 
-enum class Command { Play, Run, List, Compare };
+enum class Command { Play, Run, List, Compare, Explore };
 
 struct CommandLine {
     /// Text to print instead of carrying out a command (help, version); empty otherwise.
@@ -26,6 +27,7 @@ struct CommandLine {
     RunOptions run;
     ListOptions list;
     CompareOptions compare;
+    ExploreCommandOptions explore;
 };
 
 /// @throws UsageError

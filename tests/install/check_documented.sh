@@ -42,7 +42,7 @@ long_options_of_manual() {
 
 expect_same "korvane-tv --help" "manual page" \
     "$(long_options_of_help)" "$(long_options_of_manual General)"
-for command in play run list compare; do
+for command in play run list compare explore; do
     options=$(long_options_of_help "$command")
     expect_same "korvane-tv $command --help" "completion" \
         "$options" "$(complete_words "$command" --)"

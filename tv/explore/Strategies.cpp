@@ -70,8 +70,7 @@ Preemption Strategy::preempt(const SchedulePoint& reached, const ThreadList& run
     }
     const Preemption decided = decidePoint(point, runnable);
     if (decided.awayNs != Preemption::kStay && (decided.awayNs > 0 || decided.next != 0)) {
-        mDeviations.push_back(
-            {point.thread, point.threadStep, decided.next, decided.awayNs, false});
+        record({point.thread, point.threadStep, decided.next, decided.awayNs, false});
     }
     return decided;
 }

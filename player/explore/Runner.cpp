@@ -1,0 +1,154 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "player/explore/Runner.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <iterator>
+#include <utility>
+
+#include "VideoTunnelRenderer.h"
+#include "tv/Log.h"
+#include "tv/Properties.h"
+
+/// What an instrumented program calls before it reads; tv/explore/Runtime.cpp has it.
+extern "C" void __tsan_read_range(void* object,
+                                  size_t bytes);  // NOLINT(bugprone-reserved-identifier)
+
+namespace korvane::player {
+namespace {
+
+constexpr int kErrorPriority = 6;
+constexpr int kMostBuffers = 64;
+/// Far more than any program takes; threads that poll for ever reach it.
+constexpr int64_t kLongestProgramNs = 60'000'000'000;
+
+/// Errors that a healthy library logs here.
+constexpr const char* kUsualErrors[] = {"SCHED_FIFO", "deleted while running"};
+
+/// The renderer's locks, by their places in it. The binary interface fixes the order of members.
+struct NamedLock {
+    int64_t offset;
+    const char* name;
+};
+constexpr NamedLock kRendererLocks[] = {{96, "the queue's lock"},
+                                        {168, "mInputLock"},
+                                        {256, "mShowLock"},
+                                        {368, "mRenderTimeLock"},
+                                        {568, "mCallbackLock"}};
+
+std::string lockName(int64_t offset) {
+    for (const auto& lock : kRendererLocks) {
+        if (lock.offset == offset) {
+            return lock.name;
+        }
+    }
+    return "a lock outside the renderer";
+}
+
+/// Texts that differ in numbers only become one.
+std::string withoutNumbers(std::string text) {
+    const auto isNumber = [](char c) { return c >= '0' && c <= '9'; };
+    std::string result;
+    for (const char c : text) {
+        if (!isNumber(c)) {
+            result += c == '\n' ? ' ' : c;
+        } else if (result.empty() || result.back() != '#') {
+            result += '#';
+        }
+    }
+    return result;
+}
+
+}  // namespace
+
+std::string unnamedLocks(int type, bool peeked, const std::vector<int64_t>& offsets) {
+    std::string unnamed;
+    for (const int64_t offset : offsets) {
+        const std::string name = lockName(offset);
+        const bool named = name == "mRenderTimeLock"
+                               ? type == kRenderTimeCallback || peeked
+                               : name == "mInputLock" && peeked && type != kRenderTimeCallback;
+        if (!named) {
+            unnamed += (unnamed.empty() ? "" : ", ") + name;
+        }
+    }
+    return unnamed;
+}
+
+Runner::Runner() : mBuffers(kMostBuffers) {
+    tv::setProperty(tv::kLogMaskProperty, "0");
+    tv::observeLog([this](const tv::LogLine& line) {
+        const auto contains = [&](const char* text) {
+            return line.text.find(text) != std::string::npos;
+        };
+        if (line.priority >= kErrorPriority &&
+            std::none_of(std::begin(kUsualErrors), std::end(kUsualErrors), contains)) {
+            mErrors.insert(withoutNumbers(line.text));
+        }
+    });
+}
+
+Runner::~Runner() {
+    tv::observeLog(nullptr);
+}
+
+RunReport Runner::play(const Program& program, tv::Strategy& strategy, tv::Schedule* around) {
+    mStrategy = &strategy;
+    mErrors.clear();
+    RunReport report;
+    tv::VirtualTimeOptions options;
+    options.schedule = around != nullptr ? around : &strategy;
+    options.observer = &mExploration;
+    options.computeSeconds = 0;
+    options.longestRunNs = kLongestProgramNs;
+    mExploration.beginRun();
+    {
+        tv::VirtualTime time(1, options);
+        const std::string hang =
+            time.run([&] { report.faults = playProgram(program, mBuffers, *this); });
+        report.statistics = time.statistics();
+        if (!hang.empty()) {
+            report.hung = true;
+            const bool runsAway = hang.find("longestRunNs") != std::string::npos;
+            report.faults.push_back(
+                {runsAway ? "hang: threads wait for what never comes" : "hang: " + hang,
+                 time.failure()});
+        }
+    }
+    mExploration.endRun(!report.hung);
+    for (const auto& fault : mExploration.faults()) {
+        if (fault.inThisRun) {
+            report.faults.push_back({fault.what, fault.details});
+        }
+    }
+    if (program.faults.empty() && !losesBuffers(program)) {
+        for (const auto& error : mErrors) {
+            report.faults.push_back({"the library logs an error: " + error, ""});
+        }
+    }
+    return report;
+}
+
+void Runner::onCallback(const VideoTunnelRenderer* renderer, int type, bool peeked,
+                        std::vector<Fault>* faults) {
+    std::vector<int64_t> offsets;
+    for (const auto& held : mExploration.heldLocks()) {
+        offsets.push_back(static_cast<const char*>(held.lock) -
+                          reinterpret_cast<const char*>(renderer));
+    }
+    const std::string unnamed = unnamedLocks(type, peeked, offsets);
+    if (!unnamed.empty()) {
+        faults->push_back({fmt::format("a callback of type {} runs under {}", type, unnamed), ""});
+    }
+}
+
+void Runner::onRead(const void* record, size_t bytes) {
+    __tsan_read_range(const_cast<void*>(record), bytes);
+}
+
+int64_t Runner::awayNs() const {
+    return mStrategy->awayNs();
+}
+
+}  // namespace korvane::player
