@@ -426,8 +426,10 @@ CLI::App* addRunCommand(CLI::App* app, RunOptions* options) {
         "Play each scenario with each of these seeds, as NAME-seedN; for example 1..50",
         &options->seeds)
         ->excludes(seed);
-    addFlag(run, "--preempt", &options->preempt,
-            "Let threads lose the processor, and waits end without cause, where the seed says");
+    addFlag(
+        run, "--preempt", &options->preempt,
+        "Let threads lose the processor, and waits end without cause, where the seed says; with "
+        "another seed than the scenario's own they do, unless the scenario says preempt = false");
     add(run, "--clock", kClock, "virtual or real [virtual]", &options->virtualClock);
     add(run, "--events", kOutputFolder,
         "Keep the event logs in this folder, as NAME.events; a second scenario of the same name "

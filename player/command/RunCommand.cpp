@@ -74,13 +74,21 @@ void numberEqualNames(std::vector<Scenario>* scenarios) {
     }
 }
 
+/// Another seed is to be another run, which the order of ready threads alone makes of a third of
+/// the scenarios.
+Scenario withSeed(Scenario scenario, uint64_t seed, bool preempt) {
+    scenario.preempt = scenario.preempt.value_or(preempt || seed != scenario.seed);
+    scenario.seed = seed;
+    return scenario;
+}
+
 /// Each scenario with each seed. Several seeds are part of the names, and so of the event logs'.
-std::vector<Scenario> withSeeds(const std::vector<Scenario>& scenarios, const SeedRange& seeds) {
+std::vector<Scenario> withSeeds(const std::vector<Scenario>& scenarios, const SeedRange& seeds,
+                                bool preempt) {
     std::vector<Scenario> all;
     for (const Scenario& scenario : scenarios) {
         for (uint64_t seed = seeds.first; seed - seeds.first <= seeds.last - seeds.first; ++seed) {
-            all.push_back(scenario);
-            all.back().seed = seed;
+            all.push_back(withSeed(scenario, seed, preempt));
             all.back().name += seeds.first != seeds.last ? fmt::format("-seed{}", seed) : "";
         }
     }
@@ -91,11 +99,15 @@ std::vector<Scenario> readAll(const RunOptions& options) {
     std::vector<Scenario> scenarios;
     for (const auto& file : scenarioFiles(options.paths)) {
         scenarios.push_back(readScenario(file));
-        scenarios.back().seed = options.seed.value_or(scenarios.back().seed);
-        scenarios.back().preempt = scenarios.back().preempt || options.preempt;
     }
     numberEqualNames(&scenarios);
-    return options.seeds ? withSeeds(scenarios, *options.seeds) : scenarios;
+    if (options.seeds) {
+        return withSeeds(scenarios, *options.seeds, options.preempt);
+    }
+    for (Scenario& scenario : scenarios) {
+        scenario = withSeed(scenario, options.seed.value_or(scenario.seed), options.preempt);
+    }
+    return scenarios;
 }
 
 size_t longestName(const std::vector<Scenario>& scenarios) {
@@ -114,7 +126,7 @@ struct Repeat {
 
 std::string repeatLine(const Scenario& scenario, const Repeat& repeat) {
     return fmt::format("korvane-tv run {} --seed {}{}{}{}", shellWord(scenario.path), scenario.seed,
-                       scenario.preempt ? " --preempt" : "",
+                       scenario.preempt.value_or(false) ? " --preempt" : "",
                        repeat.virtualClock ? "" : " --clock real",
                        repeat.library.empty() ? "" : " --library " + shellWord(repeat.library));
 }

@@ -25,7 +25,7 @@ struct RunOptions {
     int jobs = 1;
     std::optional<uint64_t> seed;    ///< instead of the scenarios' own
     std::optional<SeedRange> seeds;  ///< likewise, each in turn
-    bool preempt = false;            ///< as Scenario::preempt, in all
+    bool preempt = false;            ///< as Scenario::preempt, where it is unset
     std::string eventsFolder;        ///< gets an event log per scenario; empty: none are kept
     std::string traceFolder;         ///< gets a timeline per scenario; empty: none
     std::string recordFolder;        ///< gets a film per scenario; empty: none

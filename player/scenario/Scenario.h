@@ -79,7 +79,8 @@ struct Scenario {
     PlaybackPlan plan;
     uint64_t seed = 1;  ///< of the order of threads and of the display's jitter
     /// Threads lose the processor and wake without cause, where and for how long the seed says.
-    bool preempt = false;
+    /// Unset: with another seed than the scenario's own.
+    std::optional<bool> preempt;
     std::map<std::string, std::string> properties;  ///< system properties, set before playback
     Expectations expect;
 };

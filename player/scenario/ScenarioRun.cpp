@@ -265,7 +265,7 @@ ScenarioResult runScenario(const Scenario& scenario, const ScenarioRunOptions& o
         if (scenario.content.file.empty()) {
             limits.longestRunNs = longestRunUs(scenario.content, scenario.plan) * 1000;
         }
-        if (scenario.preempt) {
+        if (scenario.preempt.value_or(false)) {
             limits.preemptions = kPreemptions;
             limits.longestPreemptionNs = kLongestPreemptionNs;
             limits.spuriousWakeups = kSpuriousWakeups;
