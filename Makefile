@@ -115,7 +115,6 @@ coverage: build-tests
 	cmake --build --preset release -j $(JOBS) --target korvane_coverage
 	@scripts/coverage.py build/release build/coverage $(JOBS)
 
-
 fuzz:
 	$(install) fuzz
 	@for preset in fuzz fuzz-asan; do \

@@ -57,6 +57,11 @@ public:
         }
     }
 
+    void swap(FrameList& other) {
+        std::swap(mFront, other.mFront);
+        std::swap(mBack, other.mBack);
+    }
+
     /// Null when the list is empty.
     FrameEntry* front() const { return mFront; }
 
@@ -98,10 +103,13 @@ public:
         }
     }
 
-    /// Discards every frame; none is handed back. Frees each outside the leaf lock.
+    /// Discards every frame at once, so that a flush meanwhile returns none that came after a
+    /// discarded one; none is handed back. Frees them outside the leaf lock.
     void clear() {
-        while (popFront() != nullptr) {
-        }
+        FrameList discarded;
+        const std::lock_guard<std::mutex> guard(mLeafLock);
+        discarded.swap(mFrames);
+        mSize.store(0, std::memory_order_release);
     }
 
     /// The size now; another thread may change it right after.

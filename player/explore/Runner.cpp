@@ -8,6 +8,8 @@
 #include <utility>
 
 #include "VideoTunnelRenderer.h"
+#include "player/base/Limits.h"
+#include "player/report/EventLine.h"
 #include "tv/Log.h"
 #include "tv/Properties.h"
 
@@ -19,7 +21,6 @@ namespace korvane::player {
 namespace {
 
 constexpr int kErrorPriority = 6;
-constexpr int kMostBuffers = 64;
 /// Far more than any program takes; threads that poll for ever reach it.
 constexpr int64_t kLongestProgramNs = 60'000'000'000;
 
@@ -44,20 +45,6 @@ std::string lockName(int64_t offset) {
         }
     }
     return "a lock outside the renderer";
-}
-
-/// Texts that differ in numbers only become one.
-std::string withoutNumbers(std::string text) {
-    const auto isNumber = [](char c) { return c >= '0' && c <= '9'; };
-    std::string result;
-    for (const char c : text) {
-        if (!isNumber(c)) {
-            result += c == '\n' ? ' ' : c;
-        } else if (result.empty() || result.back() != '#') {
-            result += '#';
-        }
-    }
-    return result;
 }
 
 }  // namespace
