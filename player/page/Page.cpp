@@ -130,7 +130,7 @@ JsonValue splicesJson(const PlaybackRecord& record, const Summary& summary) {
 }
 
 JsonValue happenedJson(const PageRecorder& recorder, const PlaybackRecord& record,
-                  const Summary& summary) {
+                       const Summary& summary) {
     const auto sinceStart = [&record](int64_t ns) { return (ns - record.startNs) / 1000; };
     const int64_t startUs = record.startNs / 1000;
     JsonValue json;
