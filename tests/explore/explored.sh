@@ -54,5 +54,6 @@ done <<'TABLE'
 stop_notifies_outside_lock|stop-idle|hang: threads wait
 time_used_after_pop|play-through|use after free
 callback_under_callback_lock|play-through|runs under mCallbackLock
+queue_cleared_one_by_one|flush-stop|a frame is lost
 TABLE
 exit "$result"
