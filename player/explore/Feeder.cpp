@@ -470,6 +470,7 @@ void FeederBuffers::fill(int buffer, int64_t frameNo, int64_t mediaUs) {
 std::vector<Fault> playProgram(const Program& program, FeederBuffers& buffers, FeederWatch& watch) {
     const auto tv = tv::Tv::powerOn(program.tv);
     std::vector<std::unique_ptr<Feeder>> feeders;
+    feeders.reserve(static_cast<size_t>(program.renderers));
     for (int i = 0; i < program.renderers; ++i) {
         feeders.push_back(
             std::make_unique<Feeder>(program, i * program.buffers, buffers, watch, *tv));

@@ -97,6 +97,7 @@ std::string ListedReplay::text() const {
         places[mNoted[i].point.code];
     }
     std::vector<const void*> codes;
+    codes.reserve(places.size());
     for (const auto& place : places) {
         codes.push_back(place.first);
     }

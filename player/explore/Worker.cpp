@@ -42,9 +42,11 @@ CrashTeller gCrash;
 const void* codeOf(void* context) {
     const auto& machine = static_cast<ucontext_t*>(context)->uc_mcontext;
 #if defined(__x86_64__)
-    return reinterpret_cast<const void*>(machine.gregs[REG_RIP]);
+    // The kernel tells the instruction as a number.
+    return reinterpret_cast<const void*>(  // NOLINT(performance-no-int-to-ptr)
+        machine.gregs[REG_RIP]);
 #elif defined(__aarch64__)
-    return reinterpret_cast<const void*>(machine.pc);
+    return reinterpret_cast<const void*>(machine.pc);  // NOLINT(performance-no-int-to-ptr)
 #else
     return nullptr;
 #endif
