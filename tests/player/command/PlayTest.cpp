@@ -508,6 +508,9 @@ TEST(ReportFolderTest, HoldsAPageWhateverEndsPlayback) {
 }
 
 TEST(AgainstTest, ComparesTwoBuildsOfTheLibraryInOneCommand) {
+    if (!kVirtualClock) {
+        GTEST_SKIP() << "two plays differ in real time";
+    }
     const std::string library = scratch("old.so");
     writeFile(library, readFile(KORVANE_LIBRARY));
     const CommandResult same =
