@@ -75,8 +75,8 @@ const Input kInputs[] = {
     {"OtherCodecUnderTheSameNumber", "$TV play avc-as-256.ts", "end=broken_off even=false", ""},
     {"GoesOnInAStreamThatIsNotTaken", "$TV play one-after-the-other.mkv", "end=broken_off",
      "stream #0 goes on as #1, which was not taken"},
-    {"PicturesAtAnotherRate", "$TV play img%03d.png --input-rate 24",
-     "frames_in=24 content_hz=24", "[3:2] seen"},
+    {"PicturesAtAnotherRate", "$TV play img%03d.png --input-rate 24", "frames_in=24 content_hz=24",
+     "[3:2] seen"},
     {"SilentPipeEndsAtItsTime",
      "mkfifo silent && exec 5<>silent && rm silent && head -c 60000 24.mkv >&5 && "
      "timeout 10 $TV play - --seconds 0.5 <&5",
