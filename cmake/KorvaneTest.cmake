@@ -61,6 +61,7 @@ function(korvane_test)
     target_link_libraries(${ARG_NAME} PRIVATE korvane::tv korvane::test_support ${ARG_LIBRARIES}
                                               korvane::tunnelrenderer korvane::options
                                               GTest::gmock GTest::gtest_main)
+    target_precompile_headers(${ARG_NAME} REUSE_FROM korvane_test_support)
     # The tests' own clock stands in for the platform's in the libraries under test.
     set_target_properties(${ARG_NAME} PROPERTIES ENABLE_EXPORTS ON)
     add_test(NAME ${ARG_NAME} COMMAND ${ARG_NAME})

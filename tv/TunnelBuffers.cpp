@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <iterator>
 #include <limits>
 #include <utility>
 
@@ -255,16 +254,16 @@ int TunnelBuffers::held() const {
 std::string TunnelBuffers::dump() const {
     std::string text =
         fmt::format("{} waiting, {} to be taken back\n", mWaiting.size(), mReturned.size());
-    const auto out = std::back_inserter(text);
     if (mOnScreen >= 0) {
         const BufferRecord& shown = at(mOnScreen);
-        fmt::format_to(out, "  on screen: frame {} since vsync {}, {} vsyncs so far\n",
-                       shown.frameNo, shown.firstVsync.index, shown.dwellVsyncs);
+        text += fmt::format("  on screen: frame {} since vsync {}, {} vsyncs so far\n",
+                            shown.frameNo, shown.firstVsync.index, shown.dwellVsyncs);
     }
     for (const int64_t number : mWaiting) {
         const BufferRecord& buffer = at(number);
-        fmt::format_to(out, "  waiting: frame {}, due {}{} us\n", buffer.frameNo,
-                       buffer.atOnce ? "at once, asked for " : "at ", buffer.presentationTimeUs);
+        text +=
+            fmt::format("  waiting: frame {}, due {}{} us\n", buffer.frameNo,
+                        buffer.atOnce ? "at once, asked for " : "at ", buffer.presentationTimeUs);
     }
     return text;
 }

@@ -2,7 +2,6 @@
 #include "player/command/ExploreCommand.h"
 
 #include <fmt/format.h>
-#include <fmt/ostream.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -71,17 +70,17 @@ std::string indented(const std::string& text) {
 void printFault(std::ostream& out, const ExploreOptions& options, const FoundFault& found,
                 const std::string& library) {
     const Program& program = options.programs[found.program];
-    fmt::print(out, "\nFAULT   {}\n", printable(found.fault.what));
-    fmt::print(out, "    in {}, {} times, first after {} ({}) by {}\n", printable(program.name),
-               found.count, counted(static_cast<int64_t>(found.afterSchedules), "schedule"),
-               seconds(found.afterUs), toString(found.strategy));
+    out << fmt::format("\nFAULT   {}\n", printable(found.fault.what));
+    out << fmt::format("    in {}, {} times, first after {} ({}) by {}\n", printable(program.name),
+                       found.count, counted(static_cast<int64_t>(found.afterSchedules), "schedule"),
+                       seconds(found.afterUs), toString(found.strategy));
     if (found.schedule.empty()) {
         return;
     }
     const ShrunkFault shrunk = shrink(program, found, kShrinkUs);
-    fmt::print(out, "    repeat  {}\n", replayLine(program, shrunk, library));
+    out << fmt::format("    repeat  {}\n", replayLine(program, shrunk, library));
     if (!shrunk.repeats) {
-        fmt::print(out, "    it did not come again with this schedule\n");
+        out << fmt::format("    it did not come again with this schedule\n");
     }
     const std::string& detail = shrunk.repeats ? shrunk.fault.detail : found.fault.detail;
     out << indented(detail) << "    the library's steps before each preemption, and the last ones\n"
@@ -92,34 +91,33 @@ void printResult(std::ostream& out, const ExploreOptions& options, const Explore
                  const std::string& library) {
     const double tookSeconds = std::max(static_cast<double>(result.tookUs) / 1e6, 1e-6);
     const auto runs = static_cast<double>(std::max<uint64_t>(result.schedules, 1));
-    fmt::print(out,
-               "{} in {} ({:.0f} a second, {} at a time), {} of them distinct ({:.1f} %), {:.0f} "
-               "points each\n",
-               counted(static_cast<int64_t>(result.schedules), "schedule"), seconds(result.tookUs),
-               runs / tookSeconds, options.jobs, result.distinct,
-               100.0 * static_cast<double>(result.distinct) / runs,
-               static_cast<double>(result.points) / runs);
-    fmt::print(out,
-               "pairs of places that touch the same object on two threads: {}, in both orders {}\n",
-               result.pairs.pairs, result.pairs.inBothOrders);
+    out << fmt::format(
+        "{} in {} ({:.0f} a second, {} at a time), {} of them distinct ({:.1f} %), {:.0f} "
+        "points each\n",
+        counted(static_cast<int64_t>(result.schedules), "schedule"), seconds(result.tookUs),
+        runs / tookSeconds, options.jobs, result.distinct,
+        100.0 * static_cast<double>(result.distinct) / runs,
+        static_cast<double>(result.points) / runs);
+    out << fmt::format(
+        "pairs of places that touch the same object on two threads: {}, in both orders {}\n",
+        result.pairs.pairs, result.pairs.inBothOrders);
     for (const auto& exhausted : result.exhausted) {
-        fmt::print(out, "{}: {} with at most {}, {}\n",
-                   printable(options.programs[exhausted.program].name),
-                   counted(static_cast<int64_t>(exhausted.schedules), "schedule"),
-                   counted(options.preemptions, "preemption"),
-                   exhausted.complete ? "all of them visited" : "not all of them visited");
+        out << fmt::format("{}: {} with at most {}, {}\n",
+                           printable(options.programs[exhausted.program].name),
+                           counted(static_cast<int64_t>(exhausted.schedules), "schedule"),
+                           counted(options.preemptions, "preemption"),
+                           exhausted.complete ? "all of them visited" : "not all of them visited");
     }
     for (const auto& found : result.deliberate) {
-        fmt::print(out, "meant so: {}: {} times\n    {}\n", found.fault.what, found.count,
-                   deliberateReason(found.fault));
+        out << fmt::format("meant so: {}: {} times\n    {}\n", found.fault.what, found.count,
+                           deliberateReason(found.fault));
     }
     for (const auto& found : result.faults) {
         printFault(out, options, found, library);
     }
-    fmt::print(out, "{}\n",
-               result.faults.empty()
-                   ? "no fault found"
-                   : counted(static_cast<int64_t>(result.faults.size()), "fault"));
+    out << fmt::format("{}\n", result.faults.empty()
+                                   ? "no fault found"
+                                   : counted(static_cast<int64_t>(result.faults.size()), "fault"));
 }
 
 int replayOnce(const ExploreCommandOptions& options, const Program& program, std::ostream& out) {
@@ -135,13 +133,13 @@ int replayOnce(const ExploreCommandOptions& options, const Program& program, std
     bool failed = false;
     for (const auto& fault : result.faults) {
         const char* const reason = deliberateReason(fault);
-        fmt::print(out, "{}  {}\n{}", reason == nullptr ? "FAULT " : "meant so", fault.what,
-                   indented(fault.detail));
+        out << fmt::format("{}  {}\n{}", reason == nullptr ? "FAULT " : "meant so", fault.what,
+                           indented(fault.detail));
         failed = failed || reason == nullptr;
     }
-    fmt::print(out, "the library's steps before each preemption, and the last ones\n{}",
-               result.listing);
-    fmt::print(out, "{}\n", failed ? "it fails" : "no fault");
+    out << fmt::format("the library's steps before each preemption, and the last ones\n{}",
+                       result.listing);
+    out << fmt::format("{}\n", failed ? "it fails" : "no fault");
     return failed ? kExitFailed : kExitOk;
 }
 

@@ -3,7 +3,6 @@
 
 #include <android/log.h>
 #include <fmt/format.h>
-#include <fmt/ostream.h>
 
 #include <initializer_list>
 #include <iostream>
@@ -277,12 +276,12 @@ bool writeResults(const PlayOptions& options, const PlaybackRecord& record, cons
         std::cout << "FAILED    " << printable(failure) << "\n";
     }
     if (!origin.library.empty() && !options.quiet) {
-        fmt::print(std::cout, "library   {}, hash {}\n", printable(origin.library),
-                   origin.libraryHash);
+        std::cout << fmt::format("library   {}, hash {}\n", printable(origin.library),
+                                 origin.libraryHash);
     }
     if (origin.virtualTime && !options.quiet) {
-        fmt::print(std::cout, "repeat    events {} from {}\n", origin.eventHash,
-                   origin.commandLine);
+        std::cout << fmt::format("repeat    events {} from {}\n", origin.eventHash,
+                                 origin.commandLine);
     }
     std::cout << std::flush;
     for (OutputFile* json : {&outputs->json, &outputs->pageJson}) {

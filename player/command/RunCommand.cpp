@@ -2,7 +2,6 @@
 #include "player/command/RunCommand.h"
 
 #include <fmt/format.h>
-#include <fmt/ostream.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -133,15 +132,15 @@ std::string repeatLine(const Scenario& scenario, const Repeat& repeat) {
 
 void printVerdict(std::ostream& out, const Scenario& scenario, const ProcessResult& result,
                   const Repeat& repeat, size_t nameWidth) {
-    fmt::print(out, "{:<6}  {:<{}}  ", result.ok() ? "ok" : "FAILED", printable(scenario.name),
-               nameWidth);
+    out << fmt::format("{:<6}  {:<{}}  ", result.ok() ? "ok" : "FAILED", printable(scenario.name),
+                       nameWidth);
     if (!result.verdict.empty()) {
-        fmt::print(out, "{} in {}, seed {}, events {}  ", result.verdict, seconds(result.wallUs),
-                   scenario.seed, result.eventsHash);
+        out << fmt::format("{} in {}, seed {}, events {}  ", result.verdict, seconds(result.wallUs),
+                           scenario.seed, result.eventsHash);
     }
-    fmt::print(out, "# {}\n", repeatLine(scenario, repeat));
+    out << fmt::format("# {}\n", repeatLine(scenario, repeat));
     for (const auto& failure : result.failures) {
-        fmt::print(out, "        {}\n", printable(failure));
+        out << fmt::format("        {}\n", printable(failure));
     }
     out.flush();
 }
@@ -206,9 +205,9 @@ int playAll(const std::vector<Scenario>& scenarios, const ProcessOptions& option
         status = std::max(status, statusOf(result));
     });
     if (scenarios.size() > 1) {
-        fmt::print(out, "{}, {} ok, {} failed\n",
-                   counted(static_cast<int64_t>(scenarios.size()), "scenario"),
-                   scenarios.size() - failed, failed);
+        out << fmt::format("{}, {} ok, {} failed\n",
+                           counted(static_cast<int64_t>(scenarios.size()), "scenario"),
+                           scenarios.size() - failed, failed);
     }
     if (!index.whole()) {
         say("--report " + options.reportFolder +
@@ -282,8 +281,8 @@ int listScenarios(const ListOptions& options, std::ostream& out) {
     for (const auto& file :
          scenarioFiles({options.path.empty() ? usualScenarios() : options.path})) {
         const Scenario scenario = readScenario(file);
-        fmt::print(out, "{}\n    shows  {}\n    holds  {}\n", printable(scenario.name),
-                   printable(scenario.title), printable(scenario.holds));
+        out << fmt::format("{}\n    shows  {}\n    holds  {}\n", printable(scenario.name),
+                           printable(scenario.title), printable(scenario.holds));
     }
     return kExitOk;
 }

@@ -2,7 +2,6 @@
 #include "player/compare/ComparisonText.h"
 
 #include <fmt/format.h>
-#include <fmt/ostream.h>
 
 #include <algorithm>
 #include <cmath>
@@ -174,22 +173,22 @@ void addColumns(const ComparedRun& run, const std::vector<bool>& changed, Compar
 
 void printComparison(std::ostream& out, const ComparedPair& pair, bool frames) {
     const Comparison& comparison = pair.comparison;
-    fmt::print(out, "{}\n\nA         {}\n          {}\nB         {}\n          {}\n",
-               comparison.verdict, printable(pair.a.name), pair.a.verdict(), printable(pair.b.name),
-               pair.b.verdict());
-    fmt::print(out,
-               "frames    {} media times in both, {} only in A, {} only in B; {} not the same\n",
-               comparison.common, comparison.onlyA, comparison.onlyB, comparison.frames.size());
+    out << fmt::format("{}\n\nA         {}\n          {}\nB         {}\n          {}\n",
+                       comparison.verdict, printable(pair.a.name), pair.a.verdict(),
+                       printable(pair.b.name), pair.b.verdict());
+    out << fmt::format(
+        "frames    {} media times in both, {} only in A, {} only in B; {} not the same\n",
+        comparison.common, comparison.onlyA, comparison.onlyB, comparison.frames.size());
     const auto row = [&out](const std::string& name, const std::string& a, const std::string& b,
                             const std::string& change) {
-        fmt::print(out, "          {:<34} {:>12} {:>12}{}{}\n", name, a, b,
-                   change.empty() ? "" : "  ", change);
+        out << fmt::format("          {:<34} {:>12} {:>12}{}{}\n", name, a, b,
+                           change.empty() ? "" : "  ", change);
     };
     bool any = false;
     const auto changed = [&](const std::string& name, const std::string& a, const std::string& b,
                              const std::string& change) {
         if (!any) {
-            fmt::print(out, "changed   {:<34} {:>12} {:>12}\n", "", "A", "B");
+            out << fmt::format("changed   {:<34} {:>12} {:>12}\n", "", "A", "B");
             any = true;
         }
         row(name, a, b, change);
@@ -204,14 +203,14 @@ void printComparison(std::ostream& out, const ComparedPair& pair, bool frames) {
         }
     }
     if (comparison.mostMovedUs > 0) {
-        fmt::print(out, "moved     presentation times by up to {}\n",
-                   milliseconds(comparison.mostMovedUs));
+        out << fmt::format("moved     presentation times by up to {}\n",
+                           milliseconds(comparison.mostMovedUs));
     }
     for (size_t i = 0; frames && i < comparison.frames.size(); ++i) {
         const FrameDifference& frame = comparison.frames[i];
-        fmt::print(out, "at {:>10}  A {:>6} {:<26}  B {:>6} {}\n", seconds(frame.mediaTimeUs),
-                   numberOf(frame.a), tellFrame(pair.a, frame.a), numberOf(frame.b),
-                   tellFrame(pair.b, frame.b));
+        out << fmt::format("at {:>10}  A {:>6} {:<26}  B {:>6} {}\n", seconds(frame.mediaTimeUs),
+                           numberOf(frame.a), tellFrame(pair.a, frame.a), numberOf(frame.b),
+                           tellFrame(pair.b, frame.b));
     }
 }
 

@@ -2,29 +2,22 @@
 // Frames as CSV and as JSON lines.
 #include <fmt/format.h>
 
-#include <iterator>
 #include <ostream>
+#include <string>
 
 #include "player/report/Report.h"
 
 namespace korvane::player {
 namespace {
 
-using Line = fmt::memory_buffer;
-
-void append(Line* line, const LedgerValue& value, const char* quote, const char* none) {
-    const auto out = std::back_inserter(*line);
+void append(std::string* line, const LedgerValue& value, const char* quote, const char* none) {
     if (value.word != nullptr) {
-        fmt::format_to(out, "{}{}{}", quote, value.word, quote);
+        line->append(quote).append(value.word).append(quote);
     } else if (value.number) {
-        fmt::format_to(out, "{}", *value.number);
+        line->append(fmt::format_int(*value.number).c_str());
     } else {
-        fmt::format_to(out, "{}", none);
+        line->append(none);
     }
-}
-
-void write(std::ostream& out, const Line& line) {
-    out.write(line.data(), static_cast<std::streamsize>(line.size()));
 }
 
 }  // namespace
@@ -39,24 +32,23 @@ CsvWriter::CsvWriter(std::ostream& out) : mOut(out) {
 }
 
 void CsvWriter::onRow(const LedgerRow& row) {
-    Line line;
+    std::string line;
     for (const LedgerColumn& column : kLedger) {
         append(&line, column.value(row), "", "");
         line.push_back(',');
     }
-    line[line.size() - 1] = '\n';
-    write(mOut, line);
+    line.back() = '\n';
+    mOut << line;
 }
 
 void LedgerWriter::onRow(const LedgerRow& row) {
-    Line line;
-    fmt::format_to(std::back_inserter(line), "{{\"v\":{}", kLedgerSchemaVersion);
+    std::string line = fmt::format("{{\"v\":{}", kLedgerSchemaVersion);
     for (const LedgerColumn& column : kLedger) {
-        fmt::format_to(std::back_inserter(line), ",\"{}\":", column.name);
+        line.append(",\"").append(column.name).append("\":");
         append(&line, column.value(row), "\"", "null");
     }
-    fmt::format_to(std::back_inserter(line), "}}\n");
-    write(mOut, line);
+    line += "}\n";
+    mOut << line;
 }
 
 }  // namespace korvane::player

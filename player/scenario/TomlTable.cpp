@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "player/scenario/TomlTable.h"
 
-#include <fmt/ranges.h>
+#include <fmt/format.h>
 #include <toml++/toml.h>
 #include <algorithm>
 #include <cmath>
