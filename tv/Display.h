@@ -13,6 +13,7 @@
 //   50        20000000           20000000      20000   (no pattern handling)
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <mutex>
 #include <optional>
@@ -78,6 +79,12 @@ public:
     void setReportedPeriodNs(std::optional<int32_t> periodNs);
     int64_t reportCount() const;
 
+    /// The display adapter's remote objects, by which vsync is asked for: one was made or
+    /// destroyed.
+    void onRemoteMade() { ++mRemotes; }
+    void onRemoteDestroyed() { --mRemotes; }
+    int openRemotes() const { return mRemotes; }
+
 private:
     struct Segment {
         int64_t firstIndex;
@@ -98,6 +105,7 @@ private:
     std::vector<Segment> mSegments KORVANE_GUARDED_BY(mLock);
     std::mt19937_64 mJitter KORVANE_GUARDED_BY(mLock);
     bool mReportFails KORVANE_GUARDED_BY(mLock) = false;
+    std::atomic<int> mRemotes{0};
     std::optional<int32_t> mPeriodOverrideNs KORVANE_GUARDED_BY(mLock);
     int64_t mReportCount KORVANE_GUARDED_BY(mLock) = 0;
 };

@@ -61,6 +61,7 @@ struct Tunnel::Impl {
     mutable std::mutex lock;
     TunnelFaults faults KORVANE_GUARDED_BY(lock);
     int nextDevice KORVANE_GUARDED_BY(lock) = 0;
+    int idsNotFreed KORVANE_GUARDED_BY(lock) = 0;
     std::set<int> devices KORVANE_GUARDED_BY(lock);
     FencePipes fencePipes KORVANE_GUARDED_BY(lock);  ///< outlives the fences
     /// By id; kept after the id is freed while it has records.
@@ -100,6 +101,7 @@ int Tunnel::close(int device) {
     for (size_t id = 0; id < mImpl->tunnelOfId.size(); ++id) {
         if (mImpl->find(device, static_cast<int>(id)) != nullptr) {
             mImpl->freeId(static_cast<int>(id));
+            ++mImpl->idsNotFreed;
         }
     }
     return 0;
@@ -301,6 +303,11 @@ int Tunnel::heldBuffers(int tunnelId) const {
 int Tunnel::openDevices() const {
     const std::lock_guard<std::mutex> guard(mImpl->lock);
     return static_cast<int>(mImpl->devices.size());
+}
+
+int Tunnel::idsNotFreed() const {
+    const std::lock_guard<std::mutex> guard(mImpl->lock);
+    return mImpl->idsNotFreed;
 }
 
 int Tunnel::allocatedIds() const {

@@ -138,6 +138,8 @@ public:
     int heldBuffers(int tunnelId) const;
     int openDevices() const;
     int allocatedIds() const;
+    /// Ids that a device still had when it was closed, which took them back.
+    int idsNotFreed() const;
     int connectedTunnels() const;
     /// State in words, for people.
     std::string dump() const;

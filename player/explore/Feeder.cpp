@@ -41,6 +41,12 @@ void sleepUs(int64_t us) {
 
 /// One renderer and the player's threads that use it.
 class Feeder {
+    /// Of a set of callbacks. Each registration takes the other set.
+    struct UserData {
+        Feeder* feeder;
+        int set;
+    };
+
 public:
     Feeder(const Program& program, int first, FeederBuffers& buffers, FeederWatch& watch,
            tv::Tv& tv)
@@ -63,6 +69,7 @@ public:
             });
             for (const auto& step : steps) {
                 mRecord.expectSettled = mRecord.expectSettled || step.act == Act::Settle;
+                mRecord.marksPeek = mRecord.marksPeek || step.act == Act::PeekFirst;
                 mPeeks = mPeeks || step.act == Act::SendPeek || step.act == Act::PeekFirst;
             }
         }
@@ -106,12 +113,22 @@ private:
         }
     }
 
-    void registerCallbacks() {
-        if (mProgram.bothReturns) {
-            mRenderer->regCallBack(kFrameReturnCallback, &onReturn, this);
+    void registerCallbacks() KORVANE_EXCLUDES(mLock) {
+        bool other = false;
+        {
+            const std::lock_guard<std::mutex> guard(mLock);
+            other = mOtherSet = !mOtherSet;
         }
-        mRenderer->regCallBack(kRenderTimeCallback, &onRenderTime, this);
-        mRenderer->regCallBack(kFrameStatusCallback, &onStatus, this);
+        other ? registerSet<1>() : registerSet<0>();
+    }
+
+    template <int kSet>
+    void registerSet() {
+        if (mProgram.bothReturns) {
+            mRenderer->regCallBack(kFrameReturnCallback, &onReturn<kSet>, &mUserData[kSet]);
+        }
+        mRenderer->regCallBack(kRenderTimeCallback, &onRenderTime<kSet>, &mUserData[kSet]);
+        mRenderer->regCallBack(kFrameStatusCallback, &onStatus<kSet>, &mUserData[kSet]);
     }
 
     // ---- steps ----
@@ -204,7 +221,7 @@ private:
             frame.mediaUs = mediaUs;
             frame.peek = peek;
             frame.sentNs = tv::nowNs();
-            frame.flushed = mFlushing > 0;
+            frame.flushed = !mFlushing.empty();
             frameNo = mRecord.firstFrame + static_cast<int64_t>(mRecord.frames.size());
             mRecord.frames.push_back(frame);
             if (mAudio && !mAudioQueued) {
@@ -231,11 +248,11 @@ private:
             for (auto& frame : mRecord.frames) {
                 frame.flushed = frame.flushed || frame.backNs < 0;
             }
-            ++mFlushing;
+            mFlushing.push_back(pthread_self());
         }
         mRenderer->flush();
         const std::lock_guard<std::mutex> guard(mLock);
-        --mFlushing;
+        mFlushing.erase(std::find(mFlushing.begin(), mFlushing.end(), pthread_self()));
     }
 
     void anchor(int64_t mediaUs) KORVANE_EXCLUDES(mLock) {
@@ -300,26 +317,39 @@ private:
 
     // ---- callbacks, on the library's threads ----
 
-    static int onReturn(void* self, void* /*info*/) {
-        auto* feeder = static_cast<Feeder*>(self);
+    template <int kSet>
+    static int onReturn(void* userData, void* /*info*/) {
+        Feeder* const feeder = feederOf(userData, kSet);
         feeder->look(kFrameReturnCallback);
         return feeder->mProgram.callbackAnswers;
     }
 
-    static int onStatus(void* self, void* info) {
-        auto* feeder = static_cast<Feeder*>(self);
+    template <int kSet>
+    static int onStatus(void* userData, void* info) {
+        Feeder* const feeder = feederOf(userData, kSet);
         feeder->mWatch.onRead(info, sizeof(framestatus));
         const auto& status = *static_cast<framestatus*>(info);
         feeder->look(kFrameStatusCallback);
         return feeder->takeBack(status.fd, status.rendered != 0);
     }
 
-    static int onRenderTime(void* self, void* info) {
-        auto* feeder = static_cast<Feeder*>(self);
+    template <int kSet>
+    static int onRenderTime(void* userData, void* info) {
+        Feeder* const feeder = feederOf(userData, kSet);
         feeder->look(kRenderTimeCallback);
         feeder->mWatch.onRead(info, sizeof(rendertime));
         feeder->note(*static_cast<rendertime*>(info));
         return 0;
+    }
+
+    static Feeder* feederOf(void* userData, int set) {
+        const auto& data = *static_cast<UserData*>(userData);
+        if (data.set != set) {
+            const std::lock_guard<std::mutex> guard(data.feeder->mLock);
+            data.feeder->mRecord.noted.push_back(
+                {"a callback gets the user data of another registration", ""});
+        }
+        return data.feeder;
     }
 
     /// Before any lock of the player is taken.
@@ -346,7 +376,11 @@ private:
         {
             const std::lock_guard<std::mutex> guard(mLock);
             // A flush that another thread is in hands back what it took before the stop.
-            mRecord.lateCallbacks += mStopped && mFlushing == 0 ? 1 : 0;
+            mRecord.lateCallbacks += mStopped && mFlushing.empty() ? 1 : 0;
+            if (rendered &&
+                std::find(mFlushing.begin(), mFlushing.end(), pthread_self()) != mFlushing.end()) {
+                mRecord.noted.push_back({"flush hands a waiting frame back as shown", ""});
+            }
             SentFrame* const frame = frameIn(fd);
             if (frame == nullptr) {
                 ++mRecord.unknownBuffers;
@@ -420,6 +454,7 @@ private:
     int mTunnelId = -1;
     int64_t mStartNs = 0;
     bool mPeeks = false;  ///< peek frames are sent
+    UserData mUserData[2] = {{this, 0}, {this, 1}};
     std::vector<std::thread> mHelpers;
 
     std::mutex mLock;
@@ -427,7 +462,8 @@ private:
     std::deque<int> mFree KORVANE_GUARDED_BY(mLock);
     bool mAudioQueued KORVANE_GUARDED_BY(mLock) = false;
     bool mStopped KORVANE_GUARDED_BY(mLock) = false;
-    int mFlushing KORVANE_GUARDED_BY(mLock) = 0;  ///< calls that have not returned
+    bool mOtherSet KORVANE_GUARDED_BY(mLock) = false;            ///< of callbacks is registered
+    std::vector<pthread_t> mFlushing KORVANE_GUARDED_BY(mLock);  ///< threads inside `flush`
     bool mCalledBack KORVANE_GUARDED_BY(mLock) = false;
     int64_t mAnchorRealUs KORVANE_GUARDED_BY(mLock) = -1;
     int64_t mAnchorMediaUs KORVANE_GUARDED_BY(mLock) = 0;
@@ -489,6 +525,10 @@ std::vector<Fault> playProgram(const Program& program, FeederBuffers& buffers, F
         std::move(found.begin(), found.end(), std::back_inserter(faults));
     }
     const tv::Tunnel& tunnel = tv->tunnel();
+    if (program.faults.empty() && (tunnel.idsNotFreed() > 0 || tv->display().openRemotes() != 0)) {
+        faults.push_back(
+            {"the renderer is gone, and left its tunnel id or its display adapter", ""});
+    }
     if (tunnel.connectedTunnels() > 0 || tunnel.allocatedIds() > 0 || tunnel.openDevices() > 0) {
         faults.push_back(
             {"the renderer is gone, and the tunnel is still connected, or has an id or "

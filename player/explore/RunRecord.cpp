@@ -76,6 +76,12 @@ private:
         if (frame.backNs >= 0 && queued.queuedNs > frame.backNs && !meetsFlush(frame)) {
             add("the tunnel gets a frame that has been returned already");
         }
+        if (queued.atOnce && !frame.peek && !mRecord.marksPeek && mRecord.decides) {
+            add("a frame that is no peek frame is shown at once");
+        }
+        if (queued.takenBackNs > 0 && frame.returns == 1 && !frame.rendered) {
+            add("a frame comes back as dropped that went to the tunnel");
+        }
         if (queued.atOnce || frame.peek || mRecord.loseBuffers || !mRecord.decides) {
             return;
         }

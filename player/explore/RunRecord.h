@@ -44,6 +44,7 @@ struct RunRecord {
     bool expectSettled = false;
     bool withAudio = false;
     bool decides = true;       ///< the library does; in pass-through the sync instance does
+    bool marksPeek = false;    ///< `peekFirstFrame` may make a peek frame of any
     bool loseBuffers = false;  ///< the TV refuses buffers, or fences fail
     int64_t stopBeganNs = INT64_MAX;
     int64_t stopTookNs = 0;

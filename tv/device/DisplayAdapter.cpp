@@ -20,6 +20,19 @@ namespace {
 
 class Remote final : public DisplayAdapterRemote {
 public:
+    Remote() {
+        if (const auto tv = korvane::tv::Tv::current()) {
+            tv->display().onRemoteMade();
+        }
+    }
+    ~Remote() {
+        if (const auto tv = korvane::tv::Tv::current()) {
+            tv->display().onRemoteDestroyed();
+        }
+    }
+    Remote(const Remote&) = delete;
+    Remote& operator=(const Remote&) = delete;
+
     void slot0() override { refuse(0); }
     void slot1() override { refuse(1); }
     void slot2() override { refuse(2); }

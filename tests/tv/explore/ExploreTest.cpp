@@ -215,6 +215,7 @@ using Kind = ExploredFault::Kind;
 INSTANTIATE_TEST_SUITE_P(
     , DetectorsTest,
     ::testing::Values(Detected{"Unlocked", countsUnlocked, {Kind::Race}, "Programs.cpp"},
+                      Detected{"Variable", countsInVariable, {Kind::Race}, "Programs.cpp"},
                       Detected{"Locked", countsLocked, {}, ""},
                       Detected{"Relaxed", publishesRelaxed, {Kind::Race}, "publishes"},
                       Detected{"Released", publishesReleased, {}, ""},

@@ -67,6 +67,14 @@ bool counts(bool locked) {
 
 }  // namespace
 
+/// Not on the heap.
+bool countsInVariable() {
+    static int count = 0;
+    const auto add = [] { ++count; };
+    together(add, add);
+    return false;
+}
+
 bool lostNotify() {
     std::mutex lock;
     std::condition_variable wake;

@@ -24,6 +24,7 @@ bool twoAndTwo();
 // what the detectors show, on any schedule
 bool countsUnlocked();
 bool countsLocked();
+bool countsInVariable();
 bool publishesRelaxed();
 bool publishesReleased();
 bool publishesByFences();
