@@ -203,6 +203,7 @@ void record(Encode encode) {
     if (!trace.recording) {
         return;
     }
+    const Undisturbed watched;
     const SharedLock guard(trace.lock);
     if (trace.current) {
         trace.current->put(encode);
@@ -230,6 +231,7 @@ void observe(char letter, const char* name, int64_t value) {
 }  // namespace
 
 bool startTrace(const std::string& path, std::string* error) {
+    const Undisturbed watched;
     stopTrace();
     TraceState& trace = state();
     const std::lock_guard<std::mutex> control(trace.controlLock);
@@ -248,6 +250,7 @@ bool startTrace(const std::string& path, std::string* error) {
 }
 
 TraceReport stopTrace() {
+    const Undisturbed watched;
     TraceState& trace = state();
     const std::lock_guard<std::mutex> control(trace.controlLock);
     std::unique_ptr<Recording> recording;

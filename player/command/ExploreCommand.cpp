@@ -130,6 +130,10 @@ int replayOnce(const ExploreCommandOptions& options, const Program& program, std
     } catch (const std::invalid_argument& error) {
         throw UsageError(std::string("--replay: ") + error.what());
     }
+    if (!result.complete) {
+        say("the replay did not come to its end");
+        return kExitFailed;
+    }
     bool failed = false;
     for (const auto& fault : result.faults) {
         const char* const reason = deliberateReason(fault);

@@ -15,7 +15,6 @@
 #include "player/explore/Listing.h"
 #include "player/explore/Message.h"
 #include "player/explore/Worker.h"
-#include "tv/Trace.h"
 
 namespace korvane::player {
 namespace {
@@ -33,12 +32,7 @@ constexpr unsigned kLongestReplaySeconds = 20;
     ListedReplay strategy(schedule, options.listing);
     strategy.next();
     tellCrashesOf(0, StrategyKind::Random, strategy);
-    std::string error;
-    if (!options.traceFile.empty()) {
-        tv::startTrace(options.traceFile, &error);
-    }
-    const RunReport report = runner.play(program, strategy);
-    tv::stopTrace();
+    const RunReport report = runner.play(program, strategy, nullptr, options.traceFile);
     const std::string text = tv::toText(strategy.deviations());
     sendMessage(pipe, MessageKind::Listing, joinFields({text, strategy.text()}));
     for (const auto& fault : report.faults) {
@@ -52,6 +46,7 @@ void take(const Message& message, ReplayResult* result, std::optional<Crash>* cr
         const Fields fields = splitFields(message.bytes);
         result->schedule = fields.at(0);
         result->listing = fields.at(1);
+        result->complete = true;
     } else if (message.kind == MessageKind::Fault) {
         const Fields fields = splitFields(message.bytes);
         result->faults.push_back({fields.at(0), fields.at(1)});
@@ -197,6 +192,7 @@ ReplayResult replay(const Program& program, const std::string& schedule,
     if (crash) {
         result.schedule = tv::toText(crash->schedule);
         result.faults.push_back(faultOf(*crash));
+        result.complete = true;
     }
     return result;
 }

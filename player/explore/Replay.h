@@ -17,6 +17,7 @@ struct ReplayResult {
     std::vector<Fault> faults;
     std::string schedule;  ///< as recorded, without what was not reached
     std::string listing;
+    bool complete = false;  ///< it came to its end, or crashed
 
     bool has(const std::string& what) const;
 };

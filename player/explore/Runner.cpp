@@ -12,6 +12,7 @@
 #include "player/report/EventLine.h"
 #include "tv/Log.h"
 #include "tv/Properties.h"
+#include "tv/Trace.h"
 
 /// What an instrumented program calls before it reads; tv/explore/Runtime.cpp has it.
 extern "C" void __tsan_read_range(void* object,
@@ -80,7 +81,8 @@ Runner::~Runner() {
     tv::observeLog(nullptr);
 }
 
-RunReport Runner::play(const Program& program, tv::Strategy& strategy, tv::Schedule* around) {
+RunReport Runner::play(const Program& program, tv::Strategy& strategy, tv::Schedule* around,
+                       const std::string& traceFile) {
     mStrategy = &strategy;
     mErrors.clear();
     RunReport report;
@@ -92,8 +94,15 @@ RunReport Runner::play(const Program& program, tv::Strategy& strategy, tv::Sched
     mExploration.beginRun();
     {
         tv::VirtualTime time(1, options);
+        // In virtual time a trace is written without a thread of its own.
+        std::string error;
+        const bool traces = !traceFile.empty() && tv::startTrace(traceFile, &error);
         const std::string hang =
             time.run([&] { report.faults = playProgram(program, mBuffers, *this); });
+        error = traces ? tv::stopTrace().failure : error;
+        if (!error.empty()) {
+            report.faults.push_back({"--trace: " + error, ""});
+        }
         report.statistics = time.statistics();
         if (!hang.empty()) {
             report.hung = true;

@@ -37,7 +37,9 @@ public:
 
     /// @param strategy  prepared for the run
     /// @param around    decides instead and asks the strategy; null: nothing does
-    RunReport play(const Program& program, tv::Strategy& strategy, tv::Schedule* around = nullptr);
+    /// @param traceFile  where the run's timeline goes; empty: none is recorded
+    RunReport play(const Program& program, tv::Strategy& strategy, tv::Schedule* around = nullptr,
+                   const std::string& traceFile = {});
 
     tv::PairCoverage coverage() const { return mExploration.coverage(); }
     /// The calling thread's calls inside the library, innermost first; after a crash, too.

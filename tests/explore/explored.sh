@@ -27,6 +27,8 @@ expect() {
 }
 
 # A fixed seed, and one from the commit.
+trace=$(mktemp)
+trap 'rm -f "$trace"' EXIT
 commit=$(git -C "$source" rev-parse --short=7 HEAD 2>/dev/null || echo 1)
 for seed in 1 $((0x$commit)); do
     echo "seed $seed"
@@ -48,8 +50,9 @@ while IFS='|' read -r name program text; do
     expect 1 "$text" "$tv" explore "$program" $again --library "$so"
     first=$(printf '%s\n' "$output" | sed "$addresses")
     # shellcheck disable=SC2086
-    expect 1 "$text" "$tv" explore "$program" $again --library "$so"
+    expect 1 "$text" "$tv" explore "$program" $again --library "$so" --trace "$trace"
     [ "$first" = "$(printf '%s\n' "$output" | sed "$addresses")" ] || { echo "$name: the replay differs"; result=1; }
+    [ "$(wc -c <"$trace")" -gt 100 ] || { echo "$name: the trace is short"; result=1; }
 done <<'TABLE'
 stop_notifies_outside_lock|stop-idle|hang: threads wait
 time_used_after_pop|play-through|use after free

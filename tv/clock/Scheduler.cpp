@@ -77,7 +77,7 @@ void Scheduler::preempt(Step step, const void* object, const void* code) {
         point(step, object, code);
         return;
     }
-    if (!mSeed.happens(mOptions.preemptions)) {
+    if (mCurrent->undisturbed > 0 || !mSeed.happens(mOptions.preemptions)) {
         return;
     }
     const auto choices = static_cast<size_t>(mOptions.longestPreemptionNs) + 1;

@@ -181,6 +181,9 @@ public:
     // exploring
     /// A point of preemption.
     void point(Step step, const void* object, const void* code, uint32_t bytes = 0) {
+        if (mCurrent->undisturbed > 0) {
+            return;
+        }
         ++mCurrent->steps;
         if (mPoints++ >= mAskFrom) {
             decide({step, bytes, object, code, mCurrent->number, mCurrent->steps, mPoints - 1});

@@ -83,6 +83,19 @@ int32_t VirtualTime::threadNumber() {
     return gScheduler != nullptr ? gScheduler->current().number : 0;
 }
 
+Undisturbed::Undisturbed()
+    : mScopes(gScheduler != nullptr ? &gScheduler->current().undisturbed : nullptr) {
+    if (mScopes != nullptr) {
+        ++*mScopes;
+    }
+}
+
+Undisturbed::~Undisturbed() {
+    if (mScopes != nullptr) {
+        --*mScopes;
+    }
+}
+
 std::string VirtualTime::dump() {
     return gScheduler != nullptr ? gScheduler->dump() : std::string();
 }

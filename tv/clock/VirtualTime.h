@@ -120,4 +120,17 @@ public:
     VirtualTimeStatistics statistics() const;
 };
 
+/// While one lives, the calling thread's calls are no points of preemption, unless they wait: for
+/// what watches a run, which must be the same without it. Does nothing in real time.
+class Undisturbed {
+public:
+    Undisturbed();
+    ~Undisturbed();
+    Undisturbed(const Undisturbed&) = delete;
+    Undisturbed& operator=(const Undisturbed&) = delete;
+
+private:
+    int* const mScopes;  ///< of the thread; null in real time
+};
+
 }  // namespace korvane::tv
