@@ -134,7 +134,14 @@ public:
             refuse(line);
         }
         frames.resize(std::max(frames.size(), number + 1));
-        addTo(&frames[number], *event, mSection);
+        LoggedFrame& frame = frames[number];
+        addTo(&frame, *event, mSection);
+        const bool wasInTunnel = frame.outcome == Outcome::Shown ||
+                                 frame.outcome == Outcome::Superseded ||
+                                 frame.outcome == Outcome::InTunnelAtStop;
+        if (wasInTunnel && !frame.queued) {
+            refuse(line);
+        }
     }
 
     /// A last line without its line feed: what else it lacks is not known.
