@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "player/explore/Explore.h"
+#include "player/base/ChildProcess.h"
 
 #include <fmt/format.h>
 #include <poll.h>
@@ -13,7 +14,6 @@
 #include <map>
 #include <optional>
 #include <string>
-#include <system_error>
 #include <utility>
 #include <vector>
 
@@ -71,25 +71,14 @@ private:
     }
 
     void start(const WorkerId& id) {
-        int ends[2];
-        if (pipe(ends) != 0) {
-            throw std::system_error(errno, std::generic_category(), "cannot make a pipe");
-        }
-        const pid_t parent = getpid();
-        const pid_t pid = fork();
-        if (pid < 0) {
-            throw std::system_error(errno, std::generic_category(), "cannot start a process");
-        }
-        if (pid == 0) {
-            becomeChild(parent);
-            close(ends[0]);
-            work(mOptions, id, *mShare, ends[1]);
-        }
-        close(ends[1]);
+        const ChildProcess child = startChild([&](int pipe) {
+            becomeWorker();
+            work(mOptions, id, *mShare, pipe);
+        });
         WorkerProcess worker;
         worker.id = id;
-        worker.pid = pid;
-        worker.pipe = ends[0];
+        worker.pid = child.pid;
+        worker.pipe = child.pipe;
         mWorkers.push_back(std::move(worker));
     }
 

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "player/explore/Replay.h"
+#include "player/base/ChildProcess.h"
 
 #include <sys/wait.h>
 #include <unistd.h>
@@ -9,7 +10,6 @@
 #include <chrono>
 #include <csignal>
 #include <optional>
-#include <system_error>
 #include <utility>
 
 #include "player/explore/Listing.h"
@@ -158,31 +158,20 @@ bool ReplayResult::has(const std::string& what) const {
 ReplayResult replay(const Program& program, const std::string& schedule,
                     const ReplayOptions& options) {
     const Schedule deviations = tv::parseSchedule(schedule);
-    int ends[2];
-    if (pipe(ends) != 0) {
-        throw std::system_error(errno, std::generic_category(), "cannot make a pipe");
-    }
-    const pid_t parent = getpid();
-    const pid_t pid = fork();
-    if (pid < 0) {
-        throw std::system_error(errno, std::generic_category(), "cannot start a process");
-    }
-    if (pid == 0) {
-        becomeChild(parent);
-        close(ends[0]);
-        replayInChild(program, deviations, options, ends[1]);
-    }
-    close(ends[1]);
+    const ChildProcess child = startChild([&](int pipe) {
+        becomeWorker();
+        replayInChild(program, deviations, options, pipe);
+    });
     std::string text;
     char block[1 << 14];
     for (ssize_t count = 1; count > 0;) {
-        count = read(ends[0], block, sizeof block);
+        count = read(child.pipe, block, sizeof block);
         text.append(block, count > 0 ? static_cast<size_t>(count) : 0);
         count = count < 0 && errno == EINTR ? 1 : count;
     }
-    close(ends[0]);
+    close(child.pipe);
     int status = 0;
-    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+    while (waitpid(child.pid, &status, 0) < 0 && errno == EINTR) {
     }
     ReplayResult result;
     std::optional<Crash> crash;

@@ -2,7 +2,6 @@
 #include "player/explore/Worker.h"
 
 #include <sys/mman.h>
-#include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <ucontext.h>
 #include <unistd.h>
@@ -225,11 +224,7 @@ void tellCrashesOf(size_t program, StrategyKind kind, const tv::Strategy& strate
     gCrash.record.strategy = static_cast<uint32_t>(kind);
 }
 
-void becomeChild(int parent) {
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
-    if (getppid() != parent) {  // it ended before prctl
-        _exit(0);
-    }
+void becomeWorker() {
     // The parent takes Ctrl-C and tells when to stop.
     signal(SIGINT, SIG_IGN);
     tv::openLog(kLogNoLine);

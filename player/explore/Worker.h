@@ -46,7 +46,7 @@ struct WorkerId {
 void tellCrashes(int pipe, const Runner& runner);
 void tellCrashesOf(size_t program, StrategyKind kind, const tv::Strategy& strategy);
 
-/// Ends with its parent, without running destructors that belong to it.
-void becomeChild(int parent);
+/// Leaves Ctrl-C and the log to the parent. Called first in a child process.
+void becomeWorker();
 
 }  // namespace korvane::player

@@ -2,7 +2,6 @@
 #include "player/scenario/ScenarioProcess.h"
 
 #include <poll.h>
-#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -16,6 +15,7 @@
 #include <sstream>
 #include <system_error>
 
+#include "player/base/ChildProcess.h"
 #include "player/base/Errors.h"
 #include "player/base/Units.h"
 #include "player/media/FrameSource.h"
@@ -61,14 +61,6 @@ void writeAll(int fd, const std::string& text) {
     }
 }
 
-/// Ends the child with its parent, even if the parent gets SIGKILL.
-void endWithParent(pid_t parent) {
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
-    if (getppid() != parent) {  // it ended before prctl
-        _exit(kPlayed);
-    }
-}
-
 /// Plays in the child process and writes the result (see ScenarioProcess.h).
 [[noreturn]] void playInChild(const Scenario& scenario, const ProcessOptions& options, int pipe) {
     if (options.virtualClock) {
@@ -111,23 +103,9 @@ void endWithParent(pid_t parent) {
     _exit(status);
 }
 
-Child startChild(const Scenario& scenario, const ProcessOptions& options, size_t index) {
-    int ends[2];
-    if (pipe(ends) != 0) {
-        throw std::system_error(errno, std::generic_category(), "cannot make a pipe");
-    }
-    const pid_t parent = getpid();
-    const pid_t pid = fork();
-    if (pid < 0) {
-        throw std::system_error(errno, std::generic_category(), "cannot start a process");
-    }
-    if (pid == 0) {
-        endWithParent(parent);
-        close(ends[0]);
-        playInChild(scenario, options, ends[1]);
-    }
-    close(ends[1]);
-    return {pid, ends[0], index, "", steady_clock::now()};
+Child startScenario(const Scenario& scenario, const ProcessOptions& options, size_t index) {
+    const ChildProcess child = startChild([&](int pipe) { playInChild(scenario, options, pipe); });
+    return {child.pid, child.pipe, index, "", steady_clock::now()};
 }
 
 /// @return a failure, or empty
@@ -210,7 +188,7 @@ void playInProcesses(const std::vector<Scenario>& scenarios, const ProcessOption
     while (nextToTake < scenarios.size()) {
         while (nextToStart < scenarios.size() &&
                children.size() < static_cast<size_t>(options.jobs)) {
-            children.push_back(startChild(scenarios[nextToStart], options, nextToStart));
+            children.push_back(startScenario(scenarios[nextToStart], options, nextToStart));
             ++nextToStart;
         }
         if (auto one = waitForOne(&children)) {

@@ -9,22 +9,10 @@ library=$2
 planted=$3
 source=$4
 shift 4
-result=0
 # They differ from process to process.
 addresses='s/0x[0-9a-f]*//g'
 
-# expect STATUS TEXT COMMAND...
-expect() {
-    wanted=$1
-    text=$2
-    shift 2
-    output=$("$@" 2>&1)
-    status=$?
-    if [ "$status" -ne "$wanted" ] || ! printf '%s\n' "$output" | grep -qE -- "$text"; then
-        printf 'status %s, expected %s with "%s": %s\n%s\n' "$status" "$wanted" "$text" "$*" "$output"
-        result=1
-    fi
-}
+. "$(dirname "$0")/../support/expect.sh"
 
 # A fixed seed, and one from the commit.
 trace=$(mktemp)

@@ -10,23 +10,10 @@ broken=$3
 scenario=$4
 folder=$5
 name=$(basename "$scenario" .toml).events
+. "$(dirname "$0")/../support/expect.sh"
 rm -rf "$folder"
 mkdir -p "$folder"
 cd "$folder" || exit 1
-result=0
-
-# expect STATUS TEXT COMMAND...
-expect() {
-    wanted=$1
-    text=$2
-    shift 2
-    output=$("$@" 2>&1)
-    status=$?
-    if [ "$status" -ne "$wanted" ] || ! printf '%s\n' "$output" | grep -qE -- "$text"; then
-        printf 'status %s, expected %s with "%s": %s\n%s\n' "$status" "$wanted" "$text" "$*" "$output"
-        result=1
-    fi
-}
 
 cp "$library" copy.so
 head -c 4096 "$library" >cut.so

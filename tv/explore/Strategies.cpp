@@ -12,20 +12,6 @@ namespace {
 constexpr int64_t kShortestAwayNs = 10'000;
 
 /// Runs of a strategy draw from seeds of their own, so that one can be made without those before.
-Seed seedOf(const RandomOptions& options, uint64_t run) {
-    Seed ofStrategy(options.seed);
-    Seed ofRun(ofStrategy.next() ^ run);
-    return Seed(ofRun.next());
-}
-
-int64_t drawAwayNs(Seed& seed, const RandomOptions& options) {
-    if (!seed.happens(options.away)) {
-        return 0;
-    }
-    const int64_t steps = std::max<int64_t>(1, options.longestAwayNs / kShortestAwayNs);
-    const auto doublings = static_cast<size_t>(std::log2(static_cast<double>(steps))) + 1;
-    return kShortestAwayNs << seed.below(doublings);
-}
 
 }  // namespace
 
@@ -91,13 +77,37 @@ bool Strategy::wakesSpuriously(int32_t thread, uint64_t threadStep) {
     return wakes;
 }
 
+// ---- what the random ones share ----
+
+SeededStrategy::SeededStrategy(const RandomOptions& options)
+    : mOptions(options), mSeed(options.seed) {}
+
+void SeededStrategy::seedRun() {
+    Seed ofStrategy(mOptions.seed);
+    Seed ofRun(ofStrategy.next() ^ run());
+    mSeed = Seed(ofRun.next());
+}
+
+int64_t SeededStrategy::drawAwayNs() {
+    if (!mSeed.happens(mOptions.away)) {
+        return 0;
+    }
+    const int64_t steps = std::max<int64_t>(1, mOptions.longestAwayNs / kShortestAwayNs);
+    const auto doublings = static_cast<size_t>(std::log2(static_cast<double>(steps))) + 1;
+    return kShortestAwayNs << mSeed.below(doublings);
+}
+
+bool SeededStrategy::decideSpurious(int32_t, uint64_t) {
+    return mSeed.happens(mOptions.spuriousWakeups);
+}
+
 // ---- random walk ----
 
 RandomWalk::RandomWalk(const RandomOptions& options, uint32_t preemptions)
-    : mOptions(options), mPreemptions(preemptions), mSeed(options.seed) {}
+    : SeededStrategy(options), mPreemptions(preemptions) {}
 
 bool RandomWalk::begin() {
-    mSeed = seedOf(mOptions, run());
+    seedRun();
     const double often = mPreemptions != 0 ? mPreemptions / 65536.0
                                            : 0.5 / static_cast<double>(1U << mSeed.below(10));
     mLogStay = std::log1p(-std::min(often, 0.999'999));
@@ -113,7 +123,7 @@ uint64_t RandomWalk::gap() {
 
 Preemption RandomWalk::decidePoint(const SchedulePoint& point, const ThreadList& runnable) {
     askAgainFrom(point.index + 1 + gap());
-    const int64_t awayNs = drawAwayNs(mSeed, mOptions);
+    const int64_t awayNs = drawAwayNs();
     if (runnable.count == 0) {
         return {awayNs > 0 ? awayNs : Preemption::kStay, 0};
     }
@@ -124,20 +134,13 @@ size_t RandomWalk::decideChoice(const ScheduleChoice& choice) {
     return mSeed.below(choice.threads.count);
 }
 
-bool RandomWalk::decideSpurious(int32_t, uint64_t) {
-    return mSeed.happens(mOptions.spuriousWakeups);
-}
-
 // ---- priorities ----
 
 Pct::Pct(const RandomOptions& options, int depth, uint64_t points)
-    : mOptions(options),
-      mDepth(depth),
-      mPoints(std::max<uint64_t>(points, 1)),
-      mSeed(options.seed) {}
+    : SeededStrategy(options), mDepth(depth), mPoints(std::max<uint64_t>(points, 1)) {}
 
 bool Pct::begin() {
-    mSeed = seedOf(mOptions, run());
+    seedRun();
     mPriorities.clear();
     mLowest = 0;
     mChangesToCome.clear();
@@ -178,7 +181,7 @@ Preemption Pct::decidePoint(const SchedulePoint& point, const ThreadList& runnab
     while (!mChangesToCome.empty() && mChangesToCome.back() <= point.index) {
         mChangesToCome.pop_back();
         priority(point.thread) = --mLowest;
-        awayNs = drawAwayNs(mSeed, mOptions);
+        awayNs = drawAwayNs();
     }
     askAgainFrom(mChangesToCome.empty() ? UINT64_MAX : mChangesToCome.back());
     if (runnable.count == 0) {
@@ -197,10 +200,6 @@ size_t Pct::decideChoice(const ScheduleChoice& choice) {
         }
     }
     return highest(choice.threads);
-}
-
-bool Pct::decideSpurious(int32_t, uint64_t) {
-    return mSeed.happens(mOptions.spuriousWakeups);
 }
 
 // ---- all with few preemptions ----

@@ -102,7 +102,21 @@ struct RandomOptions {
     uint32_t spuriousWakeups = 1024;
 };
 
-class KORVANE_EXPLORE_API RandomWalk : public Strategy {
+/// Draws from a seed. Waits end without cause at random.
+class KORVANE_EXPLORE_API SeededStrategy : public Strategy {
+protected:
+    explicit SeededStrategy(const RandomOptions& options);
+
+    /// Each run draws other numbers.
+    void seedRun();
+    int64_t drawAwayNs();
+    bool decideSpurious(int32_t thread, uint64_t threadStep) override;
+
+    const RandomOptions mOptions;
+    Seed mSeed;
+};
+
+class KORVANE_EXPLORE_API RandomWalk : public SeededStrategy {
 public:
     /// @param preemptions  how many of 65536 points preempt; 0: each run another, from every second
     ///                     point to every 1024th
@@ -112,18 +126,15 @@ protected:
     bool begin() override;
     Preemption decidePoint(const SchedulePoint& point, const ThreadList& runnable) override;
     size_t decideChoice(const ScheduleChoice& choice) override;
-    bool decideSpurious(int32_t thread, uint64_t threadStep) override;
 
 private:
     uint64_t gap();
 
-    const RandomOptions mOptions;
     const uint32_t mPreemptions;
-    Seed mSeed;
     double mLogStay = 0;  ///< logarithm of the probability that a point does not preempt
 };
 
-class KORVANE_EXPLORE_API Pct : public Strategy {
+class KORVANE_EXPLORE_API Pct : public SeededStrategy {
 public:
     /// @param depth   of the bugs looked for: 1 needs only an order of the threads
     /// @param points  k, about as many as a run has
@@ -135,16 +146,13 @@ protected:
     bool begin() override;
     Preemption decidePoint(const SchedulePoint& point, const ThreadList& runnable) override;
     size_t decideChoice(const ScheduleChoice& choice) override;
-    bool decideSpurious(int32_t thread, uint64_t threadStep) override;
 
 private:
     int64_t& priority(int32_t thread);
     size_t highest(const ThreadList& threads);
 
-    const RandomOptions mOptions;
     const int mDepth;
     const uint64_t mPoints;
-    Seed mSeed;
     std::vector<int64_t> mPriorities;      ///< by thread; 0: not drawn yet
     std::vector<uint64_t> mChangesToCome;  ///< indices of points, the next one last
     int64_t mLowest = 0;
