@@ -10,6 +10,7 @@
 #include <sys/ipc.h>
 #include <sys/msg.h>
 #include <sys/sem.h>
+#include <sys/socket.h>
 #include <sys/time.h>
 #include <sys/timerfd.h>
 #include <threads.h>
@@ -25,6 +26,9 @@
 #include <thread>
 
 #include "tests/clock/InVirtualTime.h"
+
+/// What <signal.h> makes of `sigpause`, whose declaration says that it is deprecated.
+extern "C" int __xpg_sigpause(int signal);  // NOLINT(bugprone-reserved-identifier)
 
 namespace korvane::test {
 namespace {
@@ -44,6 +48,29 @@ void lockFileTwice() {
     for (int i = 0; i < 2; ++i) {
         flock(open("/proc/self/exe", O_RDONLY | O_CLOEXEC), LOCK_EX);
     }
+}
+
+void lockDescriptionTwice() {
+    const std::string path = ::testing::TempDir() + "korvane-lock-" + std::to_string(getpid());
+    for (int i = 0; i < 2; ++i) {
+        struct flock whole {};
+        whole.l_type = F_WRLCK;
+        const int file = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+        unlink(i == 0 ? "" : path.c_str());
+        fcntl(file, F_OFD_SETLKW, &whole);
+    }
+}
+
+int emptyPipe() {
+    int ends[2] = {-1, -1};
+    gNumber = pipe(ends);
+    return ends[0];
+}
+
+int emptySocket() {
+    int ends[2] = {-1, -1};
+    gNumber = socketpair(AF_UNIX, SOCK_DGRAM, 0, ends);
+    return ends[0];
 }
 
 void fillPipe() {
@@ -87,6 +114,7 @@ const struct {
     {"call_once", [] { call_once(&gOnce, [] {}); }},
     {"pause", [] { pause(); }},
     {"sigsuspend", [] { sigsuspend(&gSignals); }},  // NOLINT(concurrency-mt-unsafe)
+    {"sigpause", [] { __xpg_sigpause(SIGUSR1); }},
     {"sigwait", [] { sigwait(&gSignals, &gNumber); }},
     {"sigwaitinfo", [] { sigwaitinfo(&gSignals, nullptr); }},
     {"sigtimedwait", [] { sigtimedwait(&gSignals, nullptr, &kTime); }},
@@ -105,7 +133,11 @@ const struct {
     {"semop", [] { semop(-1, nullptr, 0); }},
     {"semtimedop", [] { semtimedop(-1, nullptr, 0, &kTime); }},
     {"flock", lockFileTwice},
+    {"fcntl", lockDescriptionTwice},
     {"write", fillPipe},
+    {"recvmmsg", [] { recvmmsg(emptySocket(), nullptr, 0, 0, nullptr); }},
+    {"splice", [] { splice(emptyPipe(), nullptr, emptyPipe(), nullptr, 1, 0); }},
+    {"tee", [] { tee(emptyPipe(), emptyPipe(), 1, 0); }},
 };
 
 using NotTakenTest = InVirtualTime;

@@ -74,6 +74,12 @@ int readyToRead(int descriptor) {
     return real::poll::call(&poller, 1, 0);
 }
 
+/// Whether a read waits for what another fiber is to write.
+bool waitsForFiber(int descriptor, int flags) {
+    return (flags & MSG_DONTWAIT) == 0 && readyToRead(descriptor) == 0 &&
+           (fcntl(descriptor, F_GETFL) & O_NONBLOCK) == 0 && comesFromHere(descriptor);
+}
+
 /// Before a call that reads, which would otherwise block every fiber.
 void waitToRead(int descriptor, int flags = 0) {
     if (realTime()) {
@@ -81,9 +87,21 @@ void waitToRead(int descriptor, int flags = 0) {
     }
     noteKernelAsked(descriptor);
     const int keptErrno = errno;
-    if ((flags & MSG_DONTWAIT) == 0 && readyToRead(descriptor) == 0 &&
-        (fcntl(descriptor, F_GETFL) & O_NONBLOCK) == 0 && comesFromHere(descriptor)) {
+    if (waitsForFiber(descriptor, flags)) {
         gScheduler->lookUntil(descriptor, kNever, [=] { return readyToRead(descriptor); });
+    }
+    errno = keptErrno;
+}
+
+/// Before a read that is not taken: it ends the process only where it would block every fiber.
+void refuseToWait(const char* call, int descriptor, bool dontWait) {
+    if (realTime()) {
+        return;
+    }
+    noteKernelAsked(descriptor);
+    const int keptErrno = errno;
+    if (waitsForFiber(descriptor, dontWait ? MSG_DONTWAIT : 0)) {
+        gScheduler->failNotTaken(call);
     }
     errno = keptErrno;
 }
@@ -242,6 +260,32 @@ KORVANE_READS(int, accept, (int descriptor, sockaddr* from, socklen_t* fromBytes
 KORVANE_READS(int, accept4, (int descriptor, sockaddr* from, socklen_t* fromBytes, int flags),
               (descriptor, from, fromBytes, flags), descriptor)
 
+// NOLINTBEGIN(bugprone-macro-parentheses): parameters cannot stand in parentheses here.
+/// Reads and writes, or reads several messages; `dontWait` says whether the call's flags do.
+#define KORVANE_TRANSFERS(result, function, parameters, arguments, descriptor, dontWait) \
+    KORVANE_INTERPOSE result function parameters {                                       \
+        refuseToWait(#function, descriptor, dontWait);                                   \
+        const auto moved = real::function::call arguments;                               \
+        if (!realTime()) {                                                               \
+            gScheduler->descriptorsReady();                                              \
+        }                                                                                \
+        return moved;                                                                    \
+    }
+// NOLINTEND(bugprone-macro-parentheses)
+
+KORVANE_TRANSFERS(int, recvmmsg,
+                  (int descriptor, mmsghdr* messages, unsigned int count, int flags,
+                   timespec* timeout),
+                  (descriptor, messages, count, flags, timeout), descriptor,
+                  (flags & MSG_DONTWAIT) != 0)
+KORVANE_TRANSFERS(ssize_t, splice,
+                  (int from, off64_t* fromOffset, int to, off64_t* toOffset, size_t bytes,
+                   unsigned int flags),
+                  (from, fromOffset, to, toOffset, bytes, flags), from,
+                  (flags & SPLICE_F_NONBLOCK) != 0)
+KORVANE_TRANSFERS(ssize_t, tee, (int from, int to, size_t bytes, unsigned int flags),
+                  (from, to, bytes, flags), from, (flags & SPLICE_F_NONBLOCK) != 0)
+
 // ---- writes, and all else that makes a descriptor ready ----
 
 KORVANE_INTERPOSE ssize_t write(int descriptor, const void* data, size_t bytes) {
@@ -266,6 +310,8 @@ KORVANE_WRITES(ssize_t, sendto,
                (descriptor, data, bytes, flags, to, toBytes))
 KORVANE_WRITES(ssize_t, sendmsg, (int descriptor, const msghdr* message, int flags),
                (descriptor, message, flags))
+KORVANE_WRITES(int, sendmmsg, (int descriptor, mmsghdr* messages, unsigned int count, int flags),
+               (descriptor, messages, count, flags))
 KORVANE_WRITES(int, connect, (int descriptor, const sockaddr* to, socklen_t toBytes),
                (descriptor, to, toBytes))
 KORVANE_WRITES(int, shutdown, (int descriptor, int how) noexcept, (descriptor, how))
@@ -313,6 +359,14 @@ KORVANE_INTERPOSE int fcntl(int descriptor, int command, ...) {
     if (!realTime() && (command == F_DUPFD || command == F_DUPFD_CLOEXEC)) {
         noteKernelAsked(descriptor);
     }
+    // Another fiber may hold it. Locks of a process do not hold up its own threads.
+    if (!realTime() && command == F_OFD_SETLKW) {
+        const int result = realFcntl(descriptor, F_OFD_SETLK, argument);
+        if (result != 0 && errno == EAGAIN) {
+            gScheduler->failNotTaken("fcntl that waits for a lock");
+        }
+        return result;
+    }
     return realFcntl(descriptor, command, argument);
 }
 
@@ -338,4 +392,8 @@ KORVANE_READS(ssize_t, __read_chk, (int descriptor, void* data, size_t bytes, si
 KORVANE_READS(ssize_t, __recv_chk,
               (int descriptor, void* data, size_t bytes, size_t room, int flags),
               (descriptor, data, bytes, room, flags), descriptor, flags)
+KORVANE_READS(ssize_t, __recvfrom_chk,
+              (int descriptor, void* data, size_t bytes, size_t room, int flags, sockaddr* from,
+               socklen_t* fromBytes),
+              (descriptor, data, bytes, room, flags, from, fromBytes), descriptor, flags)
 // NOLINTEND(bugprone-reserved-identifier)

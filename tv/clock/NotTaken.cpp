@@ -86,6 +86,13 @@ KORVANE_NOT_TAKEN(void, call_once, (once_flag * flag, void (*routine)()), (flag,
 // waits for signals, and timers, which go by the host's time
 KORVANE_NOT_TAKEN(int, pause, (), ())
 KORVANE_NOT_TAKEN(int, sigsuspend, (const sigset_t* signals), (signals))
+// NOLINTNEXTLINE(bugprone-reserved-identifier)
+KORVANE_INTERPOSE int __xpg_sigpause(int signal) {
+    if (!realTime()) {
+        gScheduler->failNotTaken("sigpause");
+    }
+    return real::__xpg_sigpause::call(signal);
+}
 KORVANE_NOT_TAKEN(int, sigwait, (const sigset_t* signals, int* signal), (signals, signal))
 KORVANE_NOT_TAKEN(int, sigwaitinfo, (const sigset_t* signals, siginfo_t* info), (signals, info))
 KORVANE_NOT_TAKEN(int, sigtimedwait,

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <dlfcn.h>
+#include <fcntl.h>
 #include <mqueue.h>
 #include <poll.h>
 #include <pthread.h>
@@ -31,7 +32,8 @@
 #include <cstdlib>
 #include <ctime>
 
-// What glibc's <poll.h>, <unistd.h> and <sys/socket.h> call in programs built with _FORTIFY_SOURCE.
+// What glibc's <poll.h>, <unistd.h> and <sys/socket.h> call in programs built with _FORTIFY_SOURCE,
+// and what `sigpause` of <signal.h> is called.
 // NOLINTBEGIN(bugprone-reserved-identifier)
 extern "C" {
 int __poll_chk(pollfd* descriptors, nfds_t count, int timeoutMs, size_t room);
@@ -39,6 +41,9 @@ int __ppoll_chk(pollfd* descriptors, nfds_t count, const timespec* timeout,
                 const __sigset_t* signals, size_t room);
 ssize_t __read_chk(int descriptor, void* data, size_t bytes, size_t room);
 ssize_t __recv_chk(int descriptor, void* data, size_t bytes, size_t room, int flags);
+ssize_t __recvfrom_chk(int descriptor, void* data, size_t bytes, size_t room, int flags,
+                       sockaddr* from, socklen_t* fromBytes);
+int __xpg_sigpause(int signal);
 }
 // NOLINTEND(bugprone-reserved-identifier)
 
@@ -98,6 +103,8 @@ KORVANE_REAL(__poll_chk);
 KORVANE_REAL(__ppoll_chk);
 KORVANE_REAL(__read_chk);
 KORVANE_REAL(__recv_chk);
+KORVANE_REAL(__recvfrom_chk);
+KORVANE_REAL(__xpg_sigpause);
 KORVANE_REAL(_Fork);
 KORVANE_REAL(accept);
 KORVANE_REAL(accept4);
@@ -190,6 +197,7 @@ KORVANE_REAL(read);
 KORVANE_REAL(readv);
 KORVANE_REAL(recv);
 KORVANE_REAL(recvfrom);
+KORVANE_REAL(recvmmsg);
 KORVANE_REAL(recvmsg);
 KORVANE_REAL(sched_getaffinity);
 KORVANE_REAL(sched_getparam);
@@ -207,6 +215,7 @@ KORVANE_REAL(sem_wait);
 KORVANE_REAL(semop);
 KORVANE_REAL(semtimedop);
 KORVANE_REAL(send);
+KORVANE_REAL(sendmmsg);
 KORVANE_REAL(sendmsg);
 KORVANE_REAL(sendto);
 KORVANE_REAL(setitimer);
@@ -217,7 +226,9 @@ KORVANE_REAL(sigtimedwait);
 KORVANE_REAL(sigwait);
 KORVANE_REAL(sigwaitinfo);
 KORVANE_REAL(sleep);
+KORVANE_REAL(splice);
 KORVANE_REAL(systemTime);
+KORVANE_REAL(tee);
 KORVANE_REAL(tgkill);
 KORVANE_REAL(thrd_create);
 KORVANE_REAL(thrd_current);
