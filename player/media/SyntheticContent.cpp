@@ -169,6 +169,14 @@ int64_t ContentTimes::frameAt(int64_t mediaTimeUs) const {
     return first;
 }
 
+int64_t ContentTimes::deliveredAt(int64_t mediaTimeUs) const {
+    int64_t frame = frameAt(mediaTimeUs);
+    while (frame < mFrames && deliveries(frame) == 0) {
+        ++frame;
+    }
+    return frame;
+}
+
 int64_t ContentTimes::endUs() const {
     if (mPlan.times.empty()) {
         return mPlan.startUs + mPlan.durationUs;

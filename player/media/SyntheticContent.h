@@ -37,6 +37,8 @@ public:
     int deliveries(int64_t frame) const;
     /// The first frame whose stored time is at or after a media time; `frames()` if there is none.
     int64_t frameAt(int64_t mediaTimeUs) const;
+    /// The same of the frames that are delivered.
+    int64_t deliveredAt(int64_t mediaTimeUs) const;
     /// Stored time at which the last frame ends.
     int64_t endUs() const;
     /// The latest media time that is reached, jumps included: the end, or the frame before a jump

@@ -40,6 +40,9 @@ void readStreamFaults(TomlTable& table, ContentPlan* content) {
     const int64_t frames = ContentTimes(*content).frames();
     const std::string has = "; the content has " + counted(frames, "frame");
     table.integers("missing", &content->missing, {0, frames - 1}, has);
+    if (ContentTimes(*content).deliveredAt(INT64_MIN) == frames) {
+        table.fail("missing", "leaves no frame");
+    }
     table.integers("duplicate", &content->duplicate, {0, frames - 1}, has);
     table.tables("bunch", [&](TomlTable& entry) {
         ContentPlan::Bunch bunch;
@@ -110,14 +113,18 @@ void readDisplay(TomlTable& table, PlaybackPlan* plan, FaultSpans* faults) {
     table.finish();
 }
 
-/// What audio is to do at a media time that it never reaches would be left out in silence.
-void refusePastEnd(TomlTable& entry, const ContentPlan& content, int64_t atUs) {
+/// What audio is to do at a media time that it never reaches would be left out in silence. How long
+/// a file is shows when it is opened (ScenarioRun.cpp).
+void refuseOutside(TomlTable& entry, const ContentPlan& content, int64_t atUs) {
     if (!content.file.empty()) {
         return;
     }
-    const int64_t endUs = ContentTimes(content).latestUs();
-    if (atUs >= endUs) {
-        entry.fail("at", "is past the end of the content, " + seconds(endUs));
+    const ContentTimes times(content);
+    if (atUs >= times.latestUs()) {
+        entry.fail("at", "is past the end of the content, " + seconds(times.latestUs()));
+    }
+    if (content.jumps.empty() && atUs < times.deliveredUs(0)) {
+        entry.fail("at", "is before the start of the content, " + seconds(times.deliveredUs(0)));
     }
 }
 
@@ -127,7 +134,7 @@ void readAudioFaults(TomlTable& table, const ContentPlan& content, tv::AudioConf
         entry.time("at", &span.atUs);
         entry.time("for", &span.forUs, {1, kLongestUs});
         entry.finish({"at", "for"});
-        refusePastEnd(entry, content, span.atUs);
+        refuseOutside(entry, content, span.atUs);
         audio->underflows.push_back({span.atUs, span.forUs});
     });
     table.tables("step_back", [&](TomlTable& entry) {
@@ -135,7 +142,7 @@ void readAudioFaults(TomlTable& table, const ContentPlan& content, tv::AudioConf
         entry.time("at", &step.atUs);
         entry.time("by", &step.forUs, {1, kLongestUs});
         entry.finish({"at", "by"});
-        refusePastEnd(entry, content, step.atUs);
+        refuseOutside(entry, content, step.atUs);
         audio->stepBacks.push_back({step.atUs, step.forUs});
     });
 }
@@ -177,7 +184,7 @@ void readSeeks(TomlTable& table, const ContentPlan& content, PlaybackPlan* plan)
         entry.time("to", &seek.toUs);
         entry.finish({"at", "to"});
         const ContentTimes times(content);
-        if (content.file.empty() && times.frameAt(seek.toUs) >= times.frames()) {
+        if (content.file.empty() && times.deliveredAt(seek.toUs) == times.frames()) {
             entry.fail("to",
                        "no frame is left there; the content ends at " + seconds(times.endUs()));
         }

@@ -8,6 +8,7 @@
 #include <utility>
 #include <vector>
 
+#include "player/base/Errors.h"
 #include "player/base/Units.h"
 #include "player/media/SoundStore.h"
 #include "player/media/SyntheticContent.h"
@@ -62,6 +63,25 @@ Sources openSources(const Scenario& scenario, const std::shared_ptr<SoundStore>&
     sources.audio = reader->openAudio();
     sources.video = std::move(reader);
     return sources;
+}
+
+/// What would never happen is refused, as for synthetic content when the scenario is read.
+void refusePastEnd(const PlaybackPlan& plan, const MediaInfo& media) {
+    const auto refuse = [&](const char* key, int64_t us) {
+        if (media.durationUs > 0 && us >= media.durationUs) {
+            throw InputError(std::string(key) + ": " + seconds(us) + " is past the end of '" +
+                             media.path + "', " + seconds(media.durationUs));
+        }
+    };
+    for (const auto& seek : plan.seeks) {
+        refuse("player.seek.to", seek.toUs);
+    }
+    for (const auto& underflow : plan.audio.underflows) {
+        refuse("audio.underflow.at", underflow.atMediaUs);
+    }
+    for (const auto& step : plan.audio.stepBacks) {
+        refuse("audio.step_back.at", step.atMediaUs);
+    }
 }
 
 /// The scenario's plan with what its seed and its content add.
@@ -188,6 +208,9 @@ ScenarioResult playScenario(const Scenario& scenario, const ScenarioRunOptions& 
                            : nullptr;
     Sources sources = openSources(scenario, sound);
     const PlaybackPlan plan = planOf(scenario, sources);
+    if (!scenario.content.file.empty()) {
+        refusePastEnd(plan, sources.video->info());
+    }
     if (!options.traceFile.empty()) {
         tv::setProperty(tv::kLogMaskProperty, std::to_string(tv::kTraceLogMask));
     }

@@ -232,6 +232,19 @@ TEST_F(RunTest, WhatIsNoScenarioIsRefusedBeforeAnythingIsPlayed) {
     const CommandResult input = korvaneTv({"run", file});
     EXPECT_EQ(input.status, 2);
     EXPECT_THAT(input.output, HasSubstr("none.mkv': No such file"));
+    const std::string film = "[content]\nfile = \"" KORVANE_SCENARIOS "/media/film.mkv\"\n";
+    const std::vector<std::pair<const char*, const char*>> pastEnd = {
+        {"[player]\nseek = [{ at = \"1s\", to = \"1h\" }]\n", "player.seek.to: 3600.000 s is past"},
+        {"[audio]\nunderflow = [{ at = \"1h\", for = \"1s\" }]\n",
+         "audio.underflow.at: 3600.000 s"},
+        {"[audio]\nstep_back = [{ at = \"1h\", by = \"1s\" }]\n", "audio.step_back.at: 3600.000 s"},
+    };
+    for (const auto& [fault, says] : pastEnd) {
+        const CommandResult late =
+            korvaneTv({"run", scenario("late", film + fault + "[expect]\n")});
+        EXPECT_EQ(late.status, 2);
+        EXPECT_THAT(late.output, HasSubstr(says));
+    }
 }
 
 TEST_F(RunTest, LongWaitsAreNoHang) {

@@ -109,6 +109,13 @@ TEST(ScenarioFile, RefusesInOneLineWithPlaceAndKey) {
         {"[expect]\n[audio]\nunderflow = [{ at = \"10s\", for = \"1s\" }]",
          "underflow.at: is past the end of the content, 10.000 s"},
         {"[expect]\n[audio]\nstep_back = [{ at = \"10s\", by = \"1s\" }]", "step_back.at: is past"},
+        {"[expect]\n[content]\nstart = \"5s\"\n[audio]\nunderflow = [{ at = \"3s\", for = \"1s\" "
+         "}]",
+         "underflow.at: is before the start of the content, 5.000 s"},
+        {"[expect]\n[content]\nlist = [\"0s\", \"1s\", \"2s\"]\nmissing = [2]\n"
+         "[player]\nseek = [{ at = \"1s\", to = \"2s\" }]",
+         "seek.to: no frame is left there"},
+        {"[expect]\n[content]\nduration = \"40ms\"\nmissing = [0]", "missing: leaves no frame"},
         {"[expect", ":3: not TOML: "},
     };
     for (const auto& [body, says] : refusals) {
