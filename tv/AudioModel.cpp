@@ -168,7 +168,7 @@ int64_t AudioModel::stepUnderflow(int64_t nowUs) {
     return nowUs;
 }
 
-/// Plays what an external receiver still holds; then pauses the clock.
+/// Plays out what an external receiver still holds, then pauses the clock.
 /// @return when to continue, or INT64_MAX when the receiver is silent
 int64_t AudioModel::stepDraining(int64_t nowUs) {
     if (!mDraining) {
@@ -301,7 +301,7 @@ void AudioModel::recordSound(int64_t nowUs) {
     }
 }
 
-/// The sound stops, or has done so before at the end of what is buffered.
+/// The sound stops now, or stopped earlier at the end of what was buffered.
 void AudioModel::recordSilence(int64_t fromRealUs) {
     mSound.end(std::min(fromRealUs, realAt(mBufferedEndUs - mSoundAheadUs)));
 }

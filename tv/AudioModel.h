@@ -104,7 +104,7 @@ public:
     void pause(int64_t nowUs);
     void resume(int64_t nowUs);
     void flush(int64_t nowUs);
-    /// The device plays at another rate from its last step on.
+    /// Changes the rate of the device, from its last step on.
     void setDriftPpm(double driftPpm, int64_t nowUs);
 
     /// Does what is due. Call it after every other operation, too.

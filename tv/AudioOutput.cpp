@@ -59,7 +59,7 @@ void AudioOutput::Impl::run() {
     }
 }
 
-/// What of state and position is new.
+/// The changes of state and position since the last report.
 void AudioOutput::Impl::trace(int64_t nowUs) {
     if (!recordingTrace()) {
         return;

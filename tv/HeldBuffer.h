@@ -3,8 +3,8 @@
 // driver's reference it is independent of the producer's descriptor, which may be closed or reused.
 //
 // A memory file that is sealed against shrinking, as the player's are, is mapped once per
-// connection and found again by device and inode: one fstat per frame. Any other memory is held by
-// a duplicate descriptor and read, because a mapping of a file that shrinks would fault.
+// connection and found again by device and inode: one fstat per frame. Any other memory is read
+// through a duplicate descriptor: a mapping of a file that shrinks would fault.
 #pragma once
 
 #include <sys/types.h>

@@ -29,10 +29,10 @@ namespace {
 constexpr size_t kLongestLine = 1024;
 constexpr size_t kKeptLines = 256;
 constexpr int kNotOpen = -1;
-/// Different lines that are summed; further ones are written as they come.
+/// Kinds of lines that are counted; lines of further kinds are written as they come.
 constexpr size_t kSummedLines = 256;
 
-/// Lines that differ in numbers only.
+/// Lines that differ only in numbers, counted as one kind.
 struct Repeated {
     LogLine first;
     int64_t more = 0;  ///< after the first one

@@ -21,8 +21,8 @@ struct LogLine {
 /// @param lowestPriority  3 debug to 6 error; 8 writes nothing
 void openLog(int lowestPriority);
 
-/// From now on, of lines that differ in numbers only, the first is written and the others counted.
-/// The observer gets them all.
+/// From now on, of lines that differ only in numbers, writes the first and counts the others. The
+/// observer gets them all.
 void beginSums();
 /// Writes a line for each kind that was counted, and counts no more.
 void endSums();

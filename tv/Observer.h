@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // One replaceable observer, called from any thread. A call holds a shared lock, so when `set`
 // returns, no call of the earlier observer is running. Without an observer a call costs one load. A
-// thread that is inside an observer does not enter one again. What an observer throws leaves
-// `call`.
+// thread that is inside an observer does not enter one again. `call` passes on what an observer
+// throws.
 #pragma once
 
 #include <atomic>
@@ -45,7 +45,7 @@ public:
     }
 
 private:
-    /// Sets a thread's mark for as long as it is inside, however it leaves.
+    /// Marks the thread as inside until the scope ends, by an exception too.
     class Inside {
     public:
         explicit Inside(bool& mark) : mMark(mark) { mMark = true; }

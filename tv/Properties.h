@@ -10,7 +10,7 @@ namespace korvane::tv {
 
 /// The property from which the library takes its log mask, a decimal sum of bits.
 inline constexpr char kLogMaskProperty[] = "vendor.korvane.loglevels";
-/// The mask with a trace, unless another is asked for: the library's default and its counters.
+/// The default mask while a trace is recorded: the library's default and its counters.
 inline constexpr int kTraceLogMask = 1 + 16;
 
 /// @return false for a name that is empty or a value longer than 91 bytes; nothing is then stored

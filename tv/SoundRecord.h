@@ -2,9 +2,9 @@
 // What was audible when: stretches of real time in which sound came out without a break, each with
 // the media time at its beginning and its speed. Between them is silence.
 //
-// The audio model writes it. It is the truth beside which what audio reports of itself, and the
-// clock made from that, may be wrong. The last `kStretches` are kept, so that a record of any
-// length takes little memory: at ten seeks a second, those of the last hundred seconds.
+// The audio model writes it. It is the truth: the position that audio reports, and the clock made
+// from it, may be wrong. The last `kStretches` are kept, so that a record of any length takes
+// little memory: at ten seeks a second, those of the last hundred seconds.
 #pragma once
 
 #include <cstddef>
@@ -42,10 +42,10 @@ public:
     std::optional<int64_t> mediaAt(int64_t realUs) const;
     /// For a viewer who sees the picture of a media time at `seenUs`: when its sound is audible.
     /// Best within the sound that is audible at `seenUs`; else within another stretch at most
-    /// `kNearUs` away from `seenUs`, the nearest; else when it would have been, had what is audible
-    /// at `seenUs` always been so. Empty: silence at `seenUs`.
+    /// `kNearUs` away from `seenUs`, the nearest; else when it would be if the sound at `seenUs`
+    /// extended without end both ways. Empty: silence at `seenUs`.
     std::optional<int64_t> realTimeOf(int64_t mediaUs, int64_t seenUs) const;
-    /// For how much of a span of real time something was audible.
+    /// For how long something was audible within a span of real time.
     int64_t audibleUs(int64_t fromRealUs, int64_t toRealUs) const;
 
     /// Beyond this, a viewer no longer takes sound and picture for the same moment.

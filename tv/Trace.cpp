@@ -1,9 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-// This library's atrace calls take precedence over libcutils'. What is recorded is encoded on the
-// thread that tells it, into a block of memory under a lock. In real time a thread of low priority
-// takes the block 20 times a second and writes it; in virtual time the thread that fills a block
-// does. On a full disk the blocks are still taken, so that lost events are counted and playback
-// continues.
+// This library's atrace calls take precedence over libcutils'. Each event is encoded on the thread
+// that records it, into a block of memory under a lock. In real time a thread of low priority takes
+// the block 20 times a second and writes it; in virtual time the thread that fills a block does. On
+// a full disk the blocks are still taken, so that lost events are counted and playback continues.
 #include "tv/Trace.h"
 
 #include <sys/prctl.h>
@@ -38,7 +37,7 @@ constexpr auto kWriteInterval = std::chrono::milliseconds(50);
 constexpr int kWriterNice = 10;
 /// A block that virtual time writes.
 constexpr size_t kBlockBytes = size_t{16} * 1024;
-/// Of what the writer has not taken yet: seconds of all that is traced.
+/// Most bytes that wait for the writer: several seconds of everything that is traced.
 constexpr size_t kMostBytes = size_t{2} * 1024 * 1024;
 
 int32_t threadId() {
@@ -52,7 +51,7 @@ int32_t threadId() {
 /// The calling thread's name.
 std::string threadName() {
     if (VirtualTime::active()) {
-        // A thread without a name is known by its function, and in brackets where that lies.
+        // A thread without a name shows its function, with the library in brackets.
         const std::string name = VirtualTime::threadName(VirtualTime::threadNumber());
         return name.substr(0, name.find(" ("));
     }

@@ -8,10 +8,9 @@
 //
 // Events are encoded into a bounded memory; in real time a thread of low priority moves them to the
 // file 20 times a second. In virtual time, where writing takes no time, whoever fills a block
-// writes it: no thread that would not be there without a trace. When the file cannot be written any
-// more (disk full), playback continues, lost events are counted, and the packets written so far
-// stay readable. One trace per process: it works before a Tv is switched on and after it is off.
-// Any thread.
+// writes it: a trace adds no thread. When the file cannot be written any more (disk full), playback
+// continues, lost events are counted, and the packets written so far stay readable. One trace per
+// process: it works before a Tv is switched on and after it is off. Any thread.
 #pragma once
 
 #include <cstdint>
@@ -26,7 +25,7 @@ namespace korvane::tv {
 /// @param error  receives one line when the file cannot be created
 bool startTrace(const std::string& path, std::string* error);
 
-/// Whether a file is being recorded: ask before making up what the calls below take.
+/// Whether a file is being recorded: ask before computing arguments for the calls below.
 bool recordingTrace();
 
 struct TraceReport {
@@ -52,9 +51,9 @@ struct TraceArgument {
     std::string text;
 };
 
-/// What a slice or an instant tells beside its name.
+/// Details of a slice or an instant.
 struct TraceDetails {
-    int64_t frameNo = -1;      ///< arrows join, by time, what is told of one frame; -1: none
+    int64_t frameNo = -1;      ///< arrows join the events of one frame in order of time; -1: none
     bool lastOfFrame = false;  ///< they end here
     std::vector<TraceArgument> arguments;
 };
@@ -75,7 +74,7 @@ void traceCounter(const std::string& name, int64_t value, int64_t timeNs);
 /// Android's terms for how a frame came on screen.
 enum class PresentType : uint8_t { OnTime = 1, Late = 2, Early = 3, Dropped = 4 };
 
-/// Causes, as bits; which of Android's they are shown as, is told in docs/tv.md.
+/// Causes, as bits; docs/tv.md says which of Android's terms each is shown as.
 enum Jank : int32_t {
     kJankNone = 1,
     kJankClock = 4,          ///< prediction error

@@ -9,7 +9,7 @@
 namespace korvane::tv {
 namespace {
 
-// Numbers of the fields, as Perfetto's published format has them.
+// Numbers of the fields in Perfetto's published format.
 
 enum class TraceField : protozero::pbf_tag_type { Packet = 1 };
 
@@ -121,7 +121,7 @@ enum class EventType : int32_t { Begin = 1, End = 2, Instant = 3, Counter = 4 };
 /// Kinds of tracks: two tracks of one name but of different kinds are different ones.
 enum TrackKind : uint64_t { kProcess, kThread, kGroup, kSlices, kCounter, kAsync };
 
-/// One packet. What is built on it has to end before it does.
+/// One packet. Its fields must end before it does.
 struct Packet {
     explicit Packet(std::string* out) : trace(*out), packet(trace, TraceField::Packet) {
         packet.add_uint32(PacketField::SequenceId, kSequence);
@@ -183,7 +183,7 @@ uint64_t uuidOf(uint64_t kind, const std::string& name) {
     return hash;
 }
 
-/// What content frames and display frames tell alike, by other numbers.
+/// Fields that content frames and display frames share, under other numbers.
 template <typename Field>
 void addFrame(Message<Field>* message, const TraceTimeline& frame, int64_t cookie, int32_t pid,
               bool actual) {
@@ -255,7 +255,7 @@ void TraceEncoder::nameThread(int32_t thread, const std::string& name) {
     message.add_string(ThreadField::Name, name);
 }
 
-/// The track of a name; what stands before a slash is the name of its group.
+/// The track of a name; the part before a slash is its group.
 uint64_t TraceEncoder::namedTrack(uint64_t kind, const std::string& name) {
     const uint64_t uuid = uuidOf(kind, name);
     if (isNew(uuid)) {

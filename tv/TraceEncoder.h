@@ -1,11 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
-// Events as packets of a Perfetto trace: what tv/Trace.h takes, appended to a string as protobuf.
+// Encodes the events of tv/Trace.h as packets of a Perfetto trace, appended to a string as
+// protobuf.
 //
 // Each call appends whole packets, so the string may be cut between any two calls. All packets
 // belong to one sequence. A thread, a counter or a track is described by a packet of its own before
-// its first event. A name that comes again and again is written once and then stands as a number.
-// What is remembered for both is bounded: names beyond the first few hundred are written out, and a
-// track may be described again.
+// its first event. A repeated name is written once and is a number after that. The memory for both
+// is bounded: names beyond the first few hundred are written out each time, and a track may be
+// described again.
 #pragma once
 
 #include <cstdint>
@@ -45,7 +46,7 @@ public:
     void beginAsync(const std::string& name, int64_t cookie, int64_t timeNs);
     void endAsync(const std::string& name, int64_t cookie, int64_t timeNs);
 
-    // What tv/Trace.h says of each.
+    // See tv/Trace.h for each.
     void state(const std::string& track, const std::string& name, int64_t timeNs,
                const TraceDetails& details);
     void slice(const std::string& track, const std::string& name, int64_t startNs, int64_t endNs,

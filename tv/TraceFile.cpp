@@ -39,7 +39,7 @@ void TraceFile::close() {
 
 void TraceFile::fail(const char* action, int error) {
     if (mFd.get() >= 0) {
-        // Cuts off a half-written packet. What cannot be cut (a pipe) is no file to keep whole.
+        // Cuts off a half-written packet. A pipe cannot be cut, and has no contents to keep whole.
         [[maybe_unused]] const int result = ftruncate(mFd.get(), mFileBytes);
         mFd = UniqueFd();
     }

@@ -81,7 +81,7 @@ struct BufferRecord {
     int64_t queuedNs = 0;
     BufferFate fate = BufferFate::Waiting;
     Vsync firstVsync{-1, 0};           ///< vsync at which it came on screen
-    int64_t lateVsyncs = 0;            ///< so many vsyncs after the first at which it was due
+    int64_t lateVsyncs = 0;            ///< vsyncs after the first at which it was due
     int64_t vsyncPeriodNs = 0;         ///< from that vsync to the next
     int64_t dwellVsyncs = 0;           ///< vsyncs on screen; still counting while OnScreen
     int64_t releasedNs = 0;            ///< when it was replaced or given up; 0 before

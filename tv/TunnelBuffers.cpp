@@ -22,8 +22,8 @@ void release(BufferRecord& buffer, BufferFate fate, int64_t atNs) {
     buffer.releasedNs = atNs;
 }
 
-/// The wrong mode: closing one end of a socket pair wakes the other as closing a pipe does, but a
-/// socket is open for reading and writing.
+/// Fault: a fence with the wrong mode. Closing one end of a socket pair wakes the other as closing
+/// a pipe does, but a socket is open for reading and writing.
 int makeSocketPair(FencePipe* pipe, int* taken) {
     int ends[2];
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) {
@@ -69,7 +69,7 @@ void traceBlank(int tunnelId, int64_t timeNs) {
     }
 }
 
-/// How many vsyncs ago a picture was due that comes on screen now.
+/// How many vsyncs late a picture comes on screen now.
 int64_t lateVsyncs(const BufferRecord& buffer, const Vsync& vsync, const Vsync& next) {
     const int64_t dueNs = buffer.atOnce ? buffer.queuedNs : usToNs(buffer.presentationTimeUs);
     return (vsync.timeNs - dueNs) / (next.timeNs - vsync.timeNs);

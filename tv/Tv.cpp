@@ -149,7 +149,7 @@ int64_t Tv::Impl::runVsyncs(int64_t nowNs) {
     while (vsync.timeNs <= nowNs) {
         const Vsync next = display.nextVsyncAfter(vsync.timeNs);
         tunnel.scanOut(vsync, next);
-        // As Android draws it: the line changes at each vsync.
+        // As in Android's traces: the counter toggles at each vsync.
         traceCounter("display/vsync", vsync.index % 2, vsync.timeNs);
         vsyncs.call(vsync);
         scannedNs = vsync.timeNs;

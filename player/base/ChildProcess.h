@@ -15,9 +15,8 @@ struct ChildProcess {
 
 /// Makes a child process, which ends with this one, even if this one gets SIGKILL. The process must
 /// have one thread.
-/// @param body  runs in the child with the pipe's other end, and ends the process with `_exit`: it
-/// runs
-///              no destructors and flushes no buffers that belong to the parent
+/// @param body  runs in the child with the pipe's other end, and ends the process with `_exit`, so
+///              that no destructor runs and no buffer of the parent is flushed
 /// @throws std::system_error when there is no pipe or no process
 ChildProcess startChild(const std::function<void(int pipe)>& body);
 

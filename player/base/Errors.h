@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// What can be wrong with what the user gave, each with one line that says what it is and what to
-// do. Both commands end with status 2 on any of them.
+// Errors in the user's input. Each message is one line: what is wrong and what to do. Every command
+// ends with status 2 on any of them.
 #pragma once
 
 #include <stdexcept>

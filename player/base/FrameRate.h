@@ -26,11 +26,11 @@ struct FrameRate {
 };
 
 /// The fraction that a decimal means: the broadcast rate within 0.005 Hz of it, else the decimal
-/// itself to six places. 0 for what is no rate: 0 or less, or beyond any display's.
+/// itself to six places. 0 if `hz` is not a rate: 0 or less, or higher than any display's.
 FrameRate nominalRate(double hz);
 
 /// Reads "24", "23.976" or "60000/1001".
-/// @return nothing for a text that is none, or a rate of 0
+/// @return nothing if the text is not a rate, or is 0
 std::optional<FrameRate> parseRate(const std::string& text);
 
 /// "24", "59.94", "60000/1001": as it was taken, with the fraction where the decimals are rounded.

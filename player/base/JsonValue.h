@@ -2,8 +2,8 @@
 // A JSON value to be written: null, a literal (number or boolean, kept as text), a string, an array
 // or an object whose keys keep the order in which they came.
 //
-// What writes JSON includes this file; the JSON library, whose header and templates took a tenth of
-// the build, is behind it in one file.
+// Code that writes JSON includes this file. The JSON library, whose templates took a tenth of the
+// build time, is included by JsonValue.cpp alone.
 #pragma once
 
 #include <cstddef>
@@ -31,7 +31,7 @@ public:
     JsonValue(std::initializer_list<JsonValue> items);
     static JsonValue array() { return JsonValue(Kind::Array); }
     static JsonValue object() { return JsonValue(Kind::Object); }
-    /// With nine digits: what a rate has beyond them is rounding.
+    /// Written with nine digits; further digits of a rate are rounding errors.
     static JsonValue rounded(double value);
 
     /// The member of that key, added if it is not there; null becomes an object.
@@ -39,8 +39,9 @@ public:
     /// Adds an item; null becomes an array.
     void push_back(JsonValue item);
 
+    /// Bytes that are not UTF-8 are replaced.
     /// @param indent  spaces per level, each item on its own line; negative: one line without
-    /// spaces Bytes that are no UTF-8 are replaced.
+    /// spaces
     std::string dump(int indent = -1) const;
 
 private:

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What can be asked for at most and at least, for options and scenarios alike.
+// Limits of values, the same for options and scenarios.
 #pragma once
 
 #include <cstdint>
@@ -35,7 +35,7 @@ constexpr int kMostStreams = 65'535;
 constexpr Range kPictureSide{64, 8192};
 /// Scenarios that `run` plays at a time.
 constexpr int kMostJobs = 256;
-/// What `explore` is asked for: beyond a month, and beyond what a schedule of a run can tell.
+/// Limits of `explore`, well above any use.
 constexpr int64_t kMostSchedules = 1'000'000'000'000;
 constexpr int kMostExploredFrames = 500;
 constexpr int kMostPreemptions = 10;

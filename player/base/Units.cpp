@@ -39,7 +39,7 @@ std::optional<double> unitUs(const std::string& name) {
     return std::nullopt;
 }
 
-/// One number with its unit off the front of a text, in microseconds; moves `position` behind it.
+/// Reads one number with its unit at `position`, in microseconds, and moves `position` past it.
 std::optional<double> takePart(const std::string& text, size_t* position) {
     size_t end = *position;
     while (end < text.size() && isNumberCharacter(text[end])) {

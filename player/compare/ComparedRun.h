@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 // One side of a comparison: an event log, and the summary that the report makes of it.
 //
-// The log is told to the report frame by frame, as the playback was, so that its figures are the
-// report's own. What a log does not have stays out: fences and waits for buffers (such breaks count
-// as frames handed in late), the renderer's patterns, changes of the display's rate. A report
-// folder has all of it in its summary.
+// The report's own code reads the log frame by frame, as it does a playback, so the figures are the
+// report's. A log does not have fences and waits for buffers (such breaks count as frames handed in
+// late), the renderer's patterns, and changes of the display's rate. The summary in a report folder
+// has them.
 #pragma once
 
 #include <optional>

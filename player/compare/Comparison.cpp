@@ -18,7 +18,7 @@ namespace {
 
 /// What Matroska rounds media times to.
 constexpr int64_t kSameTimeUs = 1'000;
-/// Where in a vsync a start falls is chance: differences up to so many vsyncs come from that.
+/// A start falls anywhere in a vsync by chance: differences of up to this many vsyncs mean nothing.
 constexpr double kChanceOfLipSync = 0.5;
 constexpr double kChanceOfStart = 1.5;
 
@@ -93,7 +93,7 @@ public:
         const double b = valueOf(mB, key, of(mB));
         mFigures.push_back({std::move(key), unit, a, b});
     }
-    /// A count that most playbacks have not.
+    /// A count that is 0 in most playbacks: listed only if it is not.
     void addIfAny(const std::string& key, const std::function<int64_t(const Summary&)>& of) {
         const auto value = [&](const ComparedRun& run) {
             return run.told ? run.told->number(key).value_or(0.0)
@@ -103,7 +103,7 @@ public:
             mFigures.push_back({key, FigureUnit::Count, value(mA), value(mB)});
         }
     }
-    /// What only summaries have.
+    /// A figure that only summaries have.
     void addTold(const std::string& key, FigureUnit unit) {
         if (mA.told && mB.told && mA.told->number(key) && mB.told->number(key)) {
             mFigures.push_back({key, unit, *mA.told->number(key), *mB.told->number(key)});
@@ -112,7 +112,7 @@ public:
     std::vector<Figure> take() { return std::move(mFigures); }
 
 private:
-    /// The summary's, if it has it. What was not measured stays so.
+    /// The summary's value if it has one. A value that the log could not measure stays unmeasured.
     static double valueOf(const ComparedRun& run, const std::string& key, double logged) {
         const auto told = run.told ? run.told->number(key) : std::nullopt;
         return told && logged >= 0.0 ? std::abs(*told) : logged;
@@ -191,7 +191,7 @@ std::vector<Figure> figuresOf(const ComparedRun& a, const ComparedRun& b) {
 
 // ---- judgement ----
 
-/// A figure that decides, how the verdict calls it, and which frames it is about.
+/// A figure that decides, its name in the verdict, and the frames that it counts.
 struct Criterion {
     const char* key;
     const char* what;
@@ -208,7 +208,7 @@ bool isSuperseded(const LoggedFrame& frame) {
     return frame.outcome == Outcome::Superseded;
 }
 
-/// In the order of what a viewer minds most.
+/// What a viewer minds most comes first.
 constexpr Criterion kCriteria[] = {
     {"frames_lost", "lost", isUnaccounted},
     {"frames_refused", "refused", isUnaccounted},
@@ -239,7 +239,7 @@ double worseBy(const Figure& figure, double vsyncUs) {
     return figure.a < 0.0 || figure.b < 0.0 || std::abs(by) <= small ? 0.0 : by;
 }
 
-/// ", first at 3.2 s": the media time of the first frame that is so in one only.
+/// ", first at 3.2 s": the media time of the first frame that counts in only one of the two.
 std::string firstWhere(const ComparedRun& a, const ComparedRun& b, const Comparison& comparison,
                        bool (*isAbout)(const LoggedFrame&)) {
     for (const auto& pair : comparison.frames) {
@@ -285,7 +285,7 @@ Changes changesOf(const ComparedRun& a, const ComparedRun& b, const Comparison& 
     for (const auto& criterion : kCriteria) {
         const Figure* figure = find(comparison.figures, criterion.key);
         const double by = figure != nullptr ? worseBy(*figure, vsyncUs) : 0.0;
-        // That of a seek is told only if it is not that of the start.
+        // The worst first frame is told only if it is not that of the start.
         const Figure* start = find(comparison.figures, "first_frame_us");
         const bool again = std::string(criterion.key) == "worst_first_frame_us" &&
                            start->a == figure->a && start->b == figure->b;

@@ -17,7 +17,7 @@
 namespace korvane::player {
 namespace {
 
-/// A browser still scrolls so many rows.
+/// As many rows as a browser scrolls smoothly.
 constexpr size_t kMostRows = 20'000;
 
 std::string labelOf(const Figure& figure) {
@@ -41,7 +41,7 @@ std::string changeOf(const Figure& figure) {
     return (by < 0.0 ? "-" : "+") + tellFigure(change, std::abs(by));
 }
 
-/// Characters that mean something to HTML, as what they stand for.
+/// Escapes HTML's special characters.
 std::string escaped(const std::string& text) {
     std::string html;
     for (const char c : printable(text)) {
@@ -92,7 +92,7 @@ std::string numberOf(const std::optional<size_t>& frame) {
     return frame ? std::to_string(*frame) : "-";
 }
 
-/// One row for each figure, of those that are the same or of those that are not.
+/// One row for each figure: of those that are the same, or of those that differ.
 std::string figureRows(const ComparedPair& pair, bool changed) {
     std::string rows;
     const auto add = [&rows](const std::string& name, const std::string& a, const std::string& b,

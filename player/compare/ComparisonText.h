@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// A comparison for people, for scripts and for a browser: all say the same figures.
+// A comparison as text, JSON and HTML, with the same figures in all three.
 #pragma once
 
 #include <iosfwd>
@@ -14,10 +14,10 @@ struct ComparedPair {
     const Comparison& comparison;
 };
 
-/// The verdict, each side's, and the figures that are not the same.
-/// @param frames  also one line for each frame that is not the same
+/// The verdict, that of each side, and the figures that differ.
+/// @param frames  also one line for each frame that differs
 void printComparison(std::ostream& out, const ComparedPair& pair, bool frames);
-/// All figures and all frames that are not the same, as one JSON object.
+/// All figures, and all frames that differ, as one JSON object.
 void writeComparisonJson(std::ostream& out, const ComparedPair& pair);
 /// A page that needs no other file.
 void writeComparisonPage(std::ostream& out, const ComparedPair& pair);

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// A report's summary, read back from the JSON that stands beside the event log in a report folder.
-// It has what a log has not: the display's and the file's own rates, fences and waits for buffers,
-// patterns in force, pictures overwritten, buffers that never came back.
+// A report's summary, read back from the JSON beside the event log in a report folder. It has what
+// the log lacks: the display's and the file's own rates, fences and waits for buffers, patterns in
+// force, pictures overwritten, buffers that never came back.
 #pragma once
 
 #include <iosfwd>
@@ -28,7 +28,7 @@ struct ToldSummary {
 };
 
 /// @param name  for messages
-/// @throws InputError for what is no summary of this version
+/// @throws InputError if it is not a summary of this version
 ToldSummary readSummary(std::istream& in, const std::string& name);
 
 }  // namespace korvane::player

@@ -32,7 +32,8 @@ AudioReader::~AudioReader() = default;
 ReadStatus AudioReader::next(AudioPacket* packet) {
     for (;;) {
         const ReadStatus status = take(packet);
-        // What ends before the start is the encoder's run-up, never heard.
+        // Packets that end before the start are the encoder's priming samples, which are never
+        // heard.
         const bool heard =
             packet->durationUs > 0 && packet->mediaTimeUs + packet->durationUs > mSkipBeforeUs;
         if (status != ReadStatus::Ready || heard) {

@@ -2,12 +2,12 @@
 // Reads the times of the audio packets of an input. Nothing is decoded, unless a SoundStore wants
 // the samples.
 //
-// FFmpeg takes a packet's duration from what it learns while it opens the input. Of sound that
-// begins later than it looks, it learns nothing: then a packet lasts until the next one.
+// FFmpeg takes packets' durations from what it finds while it opens the input. If sound begins
+// later than that, it finds nothing: then a packet lasts until the next one.
 //
 // Where the input cannot seek, a seek goes back among the packets of the last seconds: a player
-// hands audio over ahead of what sounds, and after a flush has to hand over again what was
-// forgotten.
+// hands audio over ahead of what is heard, and after a flush has to hand over again what was
+// dropped.
 #pragma once
 
 #include <cstdint>
@@ -26,7 +26,7 @@ class Demuxer;
 /// One thread at a time.
 class AudioReader final : public PacketSource {
 public:
-    /// @param sound  receives what is read, decoded; null: nobody wants it
+    /// @param sound  receives the decoded samples; null: nothing is decoded
     /// @throws InputError if it cannot be decoded
     AudioReader(std::shared_ptr<Demuxer> demuxer, int stream, std::shared_ptr<SoundStore> sound);
     ~AudioReader() override;
@@ -45,7 +45,7 @@ private:
     const int mStream;
     const AVRational mTimeBase;
     const PacketPtr mPacket;
-    std::unique_ptr<SoundDecoder> mDecoder;  ///< null: nobody wants the samples
+    std::unique_ptr<SoundDecoder> mDecoder;  ///< null: nothing is decoded
     int64_t mNextUs = 0;
     std::optional<AudioPacket> mAhead;  ///< read to learn how long the one before it lasts
     int64_t mLastDurationUs = 0;

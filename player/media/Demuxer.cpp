@@ -31,10 +31,10 @@ constexpr int64_t kStreamOverlapUs = 200'000;
 /// Key packets are nearer to each other than this.
 constexpr int64_t kAstrayUs = 10'000'000;
 
-/// Any writer to a pipe brings something within this time.
+/// A writer to a pipe that is alive brings data within this time.
 constexpr int64_t kLeastPatienceUs = 1'000'000;
 
-/// What FFmpeg would report in its own words, or not at all, is said here plainly.
+/// Errors that FFmpeg reports unclearly, or not at all, in plain words.
 void checkIsFile(const std::string& path) {
     struct stat status {};
     if (stat(path.c_str(), &status) != 0) {
@@ -123,7 +123,7 @@ Demuxer::Demuxer(const MediaRequest& request, size_t mostQueuedBytes)
     mCanSeek = seekableData && mListed && mInput.kind != InputKind::Generator;
 }
 
-/// Data that is opened here, and not by FFmpeg as part of the format; null: by the format.
+/// Opens data here instead of in FFmpeg; null: FFmpeg opens it.
 AVIOContext* Demuxer::openData() {
     if (mInput.kind == InputKind::Pipe) {
         mPipe = std::make_unique<PipeInput>(mInput.opened, mInterrupted, [this] {
@@ -141,7 +141,7 @@ AVIOContext* Demuxer::openData() {
     return opened;
 }
 
-/// What the data is, or has been said to be.
+/// The format of the data, detected or named by the user.
 const AVInputFormat* Demuxer::findFormat(AVIOContext* data, const std::string& name) const {
     const AVInputFormat* found = nullptr;
     if (!mInput.demuxer.empty()) {
@@ -213,7 +213,7 @@ int Demuxer::openFormat(const MediaRequest& request, AVIOContext* data,
         throw InputError("--input-rate: '" + request.name +
                          "' has times of its own; leave the option out");
     }
-    // A list is as long as it says. One that does not cannot seek in its files.
+    // A playlist without a duration cannot seek in its files.
     mListed = result < 0 || mInput.demuxer != "concat" || context->duration != AV_NOPTS_VALUE;
     return result;
 }
@@ -302,7 +302,7 @@ void Demuxer::keep(int stream, bool timesOnly) {
 
 void Demuxer::keepOnly(int kept, bool timesOnly) {
     for (unsigned i = 0; i < mFormat->nb_streams; ++i) {
-        // Of what is followed, all has to be seen.
+        // Following streams needs every packet of them.
         if (static_cast<int>(i) != kept && mFollowed[0] < 0) {
             mFormat->streams[i]->discard = AVDISCARD_ALL;
         }
@@ -328,7 +328,8 @@ ReadStatus Demuxer::read(int stream, AVPacket* packet) {
         if (isInterrupted(&mInterrupted) != 0) {
             return ReadStatus::BrokenOff;
         }
-        // The lock for reading alone: what waits in the other's queue can be taken meanwhile.
+        // Holds only the lock for reading, so that the other reader can take from its queue
+        // meanwhile.
         const std::lock_guard<std::mutex> guard(mReading);
         if (nothingCameFor(stream)) {
             readOne();
@@ -350,7 +351,7 @@ std::optional<ReadStatus> Demuxer::take(int stream, AVPacket* packet) {
     return ReadStatus::Ready;
 }
 
-/// Between looking and reading the other reader may have brought something.
+/// Checks again under the lock for reading: the other reader may have brought a packet meanwhile.
 bool Demuxer::nothingCameFor(int stream) const {
     const std::lock_guard<std::mutex> guard(mLock);
     return mQueues.at(stream).packets.empty() && !mEnded;
@@ -517,7 +518,7 @@ bool Demuxer::seek(int index, int64_t mediaUs) {
     if (mFollowed[0] < 0) {
         return true;
     }
-    // Beyond a splice that nobody has met yet, the container's times lead astray.
+    // Past a splice that no reader has met yet, the container's times are wrong.
     const auto landedUs = nextUs(index);
     const bool near = landedUs && std::abs(*landedUs - mediaUs) < kAstrayUs;
     return near || seekByReading(index, mediaUs);

@@ -74,7 +74,7 @@ public:
         int64_t atUs = 0;
     };
     std::vector<Succession> successions() const;
-    /// What a decoder has to know of a followed stream, or of one that took over.
+    /// The decoder parameters of a followed stream, or of one that took over.
     const AVCodecParameters& parameters(int stream) const;
     /// From here on packets of this stream wait until they are read; all others are dropped.
     /// @param timesOnly  their data is not wanted

@@ -10,7 +10,7 @@ struct AVFrame;
 
 namespace korvane::player {
 
-/// Something in the input that was not so before.
+/// A change in the input.
 struct MediaChange {
     int64_t mediaTimeUs = 0;
     std::string what;     ///< "320x180 becomes 640x360"
@@ -70,7 +70,7 @@ public:
     /// Goes to the first picture at or after a media time.
     /// @return false when the source cannot seek; it then goes on where it was
     virtual bool seek(int64_t mediaTimeUs) = 0;
-    /// Packets that came damaged, or of which the decoder could make nothing.
+    /// Packets that were damaged or could not be decoded.
     virtual int64_t decodeErrors() const = 0;
     /// Media time that the source's data reaches, as far as it has been read.
     virtual int64_t readUpToUs() const = 0;

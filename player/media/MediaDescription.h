@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-// Which streams of an input are taken, and what there is to say of all of them.
+// Which streams of an input are taken, and a description of all of them.
 //
-// Without a wish the best video stream is taken, never a cover picture, and the best audio stream
-// of the same program. With a program named, only its own streams are.
+// By default these are the best video stream, never a cover picture, and the best audio stream of
+// the same program. If a program is named, only its streams are considered.
 #pragma once
 
 #include "player/media/Ffmpeg.h"
@@ -19,7 +19,7 @@ struct StreamChoice {
 /// @throws InputError when there is no video, or not what was asked for
 StreamChoice chooseStreams(AVFormatContext& format, const MediaRequest& request);
 
-/// All that is known before the first picture.
+/// All that is known before the first picture is decoded.
 MediaInfo describeMedia(AVFormatContext& format, const MediaRequest& request,
                         const StreamChoice& choice);
 

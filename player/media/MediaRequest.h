@@ -9,7 +9,7 @@
 //   lavfi:testsrc       a graph of FFmpeg's filters that makes its own pictures
 //   http://host/film    any other address that FFmpeg knows, concat:a.ts|b.ts among them
 //
-// A file of that very name goes before all the others.
+// A file with exactly that name takes precedence over all other meanings.
 #pragma once
 
 #include <functional>
@@ -30,7 +30,7 @@ struct MediaRequest {
     std::optional<int> program;  ///< its number; streams of others are not taken
     bool withoutAudio = false;
     std::optional<FrameRate> rate = {};   ///< of pictures without times, as an image sequence's
-    std::optional<int64_t> limitUs = {};  ///< so much is to be played: no longer wait for a pipe
+    std::optional<int64_t> limitUs = {};  ///< how much is to be played; bounds the wait for a pipe
     /// Receives the samples of the audio as it is read; null: it is not decoded.
     std::shared_ptr<SoundStore> sound;
     std::function<bool()> interrupted = {};  ///< ends a wait for data; may be empty
@@ -40,7 +40,7 @@ enum class InputKind { File, Pipe, Sequence, Playlist, Generator, Address };
 
 struct InputName {
     InputKind kind = InputKind::File;
-    std::string demuxer;  ///< FFmpeg's name of the one that has to be taken; empty: the data tells
+    std::string demuxer;  ///< FFmpeg's name of the one to use; empty: detected from the data
     std::string opened;   ///< what is opened: a path, an address or a graph
 };
 
@@ -48,7 +48,7 @@ struct InputName {
 /// @param fileMode  `st_mode` of the file of that name, or of standard input; empty: none there
 InputName inputOf(const std::string& name, std::optional<unsigned> fileMode);
 
-/// The same with a look at the file.
+/// The same, with the mode of the file of that name.
 InputName inputOf(const std::string& name);
 
 }  // namespace korvane::player

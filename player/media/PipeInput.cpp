@@ -22,11 +22,11 @@ namespace korvane::player {
 namespace {
 
 constexpr int kBufferBytes = 64 * 1024;
-/// How often a wait for data looks whether playback is interrupted.
+/// How often a wait for data checks whether playback is interrupted.
 constexpr timespec kLookAgain{0, 50'000'000};
 
-/// Waits in the kernel. In virtual time libc's `poll` and its kin let simulated time go by, and a
-/// playback would depend on how fast the data come.
+/// Waits in the kernel. In virtual time `poll` as libc's would let simulated time pass, and
+/// playback would depend on how fast the data arrive.
 /// @return false when it is time to look again
 bool hasData(int descriptor) {
     pollfd wanted{descriptor, POLLIN, 0};

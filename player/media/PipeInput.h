@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 // Data from a pipe, as it comes, for FFmpeg to read.
 //
-// A wait for data ends when playback is interrupted, or has lasted as long as what is to be played
-// still takes. It is a wait of the real world: in virtual
-// time, too, the thread that runs waits in the kernel, and with it all others, so that no simulated
-// time goes by and a playback is the same however slow the writer is.
+// A wait for data ends when playback is interrupted, or has lasted as long as the rest of what is
+// to be played. It takes real time, also in virtual time: the running thread waits in the kernel,
+// and with it all others, so that no simulated time passes and playback is the same however slow
+// the writer is.
 #pragma once
 
 #include <cstdint>
@@ -29,7 +29,7 @@ public:
 
     AVIOContext* context() const { return mContext; }
     bool nothingCame() const { return !mSomethingCame; }
-    /// It ended for want of patience.
+    /// It ended because data did not come in time.
     bool fellSilent() const { return mFellSilent; }
 
 private:

@@ -16,7 +16,7 @@ extern "C" {
 namespace korvane::player {
 namespace {
 
-/// Containers round to a millisecond at most; less than two is no gap.
+/// Containers round to a millisecond at most: less than two milliseconds is no gap.
 constexpr int64_t kRoundingSamples = kSoundHz / 500;
 
 CodecPtr openSoundDecoder(const AVStream& stream) {

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // Decodes a stream's audio packets into a SoundStore: stereo at 48 kHz, placed by media time.
 //
-// Containers round times, so samples go on where the last ones ended unless the time says that
-// something is missing or comes again. Damaged packets leave silence.
+// Containers round times, so samples continue where the last ones ended, unless the time shows a
+// gap or a repetition. Damaged packets leave silence.
 #pragma once
 
 #include <cstdint>

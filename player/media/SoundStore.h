@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Decoded sound by media time: what an AudioReader reads, kept for whoever records what was heard.
+// Decoded sound by media time: an AudioReader fills it, recordings read it.
 //
 // Stereo at 48 kHz. Sample n of the store sounds at media time n / 48000 s. Where the same media
 // time was decoded twice, as after a seek, the later one counts. Kept are the last 20 s that were

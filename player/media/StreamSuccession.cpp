@@ -11,7 +11,7 @@ namespace {
 
 /// Longer than packets of one stream are apart where its tracks are interleaved.
 constexpr int64_t kTrialUs = 500'000;
-/// What FFmpeg's demuxer and parser hold back of a stream is nearer to its end than this.
+/// FFmpeg's demuxer and parser hold back at most this much of a stream's end.
 constexpr int64_t kHeldBackUs = 200'000;
 
 }  // namespace

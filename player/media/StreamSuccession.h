@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
-// Streams that go on under another number, as where a broadcaster changes the packet ids.
+// Streams that continue under another number, as when a broadcaster changes packet ids.
 //
-// A stream takes over from the one that is played when it has brought half a second of packets, or
-// the input ends, and that one, which had brought some before, has brought none of later times
-// meanwhile. Until then its packets wait. What runs beside the one that is played never takes over.
-// The old one may come back in the same way.
+// A stream takes over from the one that is played once it has half a second of packets, or the
+// input has ended, if the old stream had packets before and has had none of later times since.
+// Until then its packets wait. So a stream that runs beside the old one never takes over. The old
+// stream may come back in the same way.
 #pragma once
 
 #include <cstdint>
@@ -19,7 +19,7 @@ namespace korvane::player {
 
 class StreamSuccession {
 public:
-    /// This one is played, and goes on as itself until another takes over.
+    /// Plays this stream until another takes over.
     void play(int stream) { mTaken[stream].acting = stream; }
 
     /// Takes a packet that may wait.
@@ -33,7 +33,7 @@ public:
     /// Starts afresh, as after a seek: any number may bring the next packets.
     void restart();
 
-    /// The stream that is played, of which this one's packets are now; -1: it is nobody's.
+    /// The played stream whose packets have this number now; -1: none.
     int playedBy(int stream) const;
 
 private:

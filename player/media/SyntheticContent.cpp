@@ -60,7 +60,7 @@ ContentTimes::ContentTimes(const ContentPlan& plan, bool withAudio)
     }
 }
 
-/// Plays all of the content through the mapper once, as a demuxer does: by stored time.
+/// Passes all of the content through the mapper once, by stored time, as a demuxer does.
 void ContentTimes::mapSplices(bool withAudio) {
     TimelineMapper mapper(0);
     std::deque<std::pair<int, int64_t>> held;  ///< track, and frame or stored time
@@ -135,7 +135,7 @@ int64_t ContentTimes::jumpedUs(const std::vector<ContentPlan::Jump>& jumps, int6
     return us;
 }
 
-/// What the last one at or before a place adds.
+/// The shift of the last entry at or before a place.
 int64_t ContentTimes::shiftAt(const std::vector<Shift>& shifts, int64_t at) {
     const auto after =
         std::upper_bound(shifts.begin(), shifts.end(), at,

@@ -27,7 +27,7 @@ namespace korvane::player {
 /// The arithmetic of a plan's frames. Pure.
 class ContentTimes {
 public:
-    /// @param withAudio  where it jumps as well, splices are told from gaps by it
+    /// @param withAudio  audio jumps, too, which distinguishes splices from gaps
     explicit ContentTimes(const ContentPlan& plan, bool withAudio = false);
 
     int64_t frames() const { return mFrames; }

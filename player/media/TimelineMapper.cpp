@@ -14,7 +14,7 @@ constexpr int64_t kForwardUs = 1'000'000;
 constexpr int64_t kBackwardUs = 500'000;
 /// Tracks of one part begin and end at most this far apart.
 constexpr int64_t kApartUs = 5'000'000;
-/// By so much sound may overlap rather than a picture stay longer; the device cuts it off.
+/// Sound may overlap by this much before a picture is held longer instead; the device cuts it off.
 constexpr int64_t kOverlapUs = 100'000;
 /// Alone, a track jumps forward when it does so by this many of its steps.
 constexpr int64_t kSteps = 10;
@@ -103,7 +103,7 @@ int64_t TimelineMapper::unwrapped(const Track& track, int64_t us) const {
     return us - std::llround(turns) * mWrapUs;
 }
 
-/// Whether a track that jumps comes to where the other one has gone before.
+/// Whether a track jumps to where the other one has gone before.
 bool TimelineMapper::joins(const Track& track, const Track& other, int64_t us) {
     return other.seen && other.shiftUs != track.shiftUs &&
            std::abs(us - other.expectedUs) <= kApartUs;
@@ -115,7 +115,7 @@ void TimelineMapper::goOn(Track* track, const Packet& packet) {
         track->stepUs = std::max<int64_t>(us - track->lastUs, 0);
     }
     track->lastUs = us;
-    // A step over a gap says nothing of the next one.
+    // A step over a gap does not predict the next one.
     const int64_t usualUs = track->stepUs <= kBackwardUs ? track->stepUs : 0;
     track->expectedUs = us + (packet.durationUs > 0 ? packet.durationUs : usualUs);
     track->seen = true;

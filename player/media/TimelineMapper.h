@@ -2,9 +2,9 @@
 // From the timestamps of a container that may jump, such as an MPEG transport stream, to one
 // continuous media time line.
 //
-// In go the packets of two tracks, video and audio, in the file's order; out comes by how much each
-// packet is to be shifted. Two mappers that see the same packets decide alike, so the readers of
-// video and audio need not talk to each other.
+// In: the packets of two tracks, video and audio, in the file's order. Out: the shift of each
+// packet. Two mappers that see the same packets decide alike, so the readers of video and audio
+// need not talk to each other.
 //
 //   a packet's time against what its track expects           it is
 //   up to 1 s later, up to 0.5 s earlier                      no jump

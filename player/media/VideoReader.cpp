@@ -20,7 +20,7 @@ extern "C" {
 namespace korvane::player {
 namespace {
 
-/// How much earlier than it is told a stream may end: one frame may come without a duration.
+/// How much earlier than announced a stream may end: one frame may lack a duration.
 constexpr int64_t kStreamToleranceUs = 100'000;
 /// Without a frame rate in the file, a missing timestamp counts on by this.
 constexpr int64_t kDefaultFrameUs = 40'000;
@@ -94,7 +94,7 @@ struct VideoReader::Impl {
                              " picture that can be decoded; the file may be damaged, try another "
                              "one");
         }
-        // Of pictures that begin late, FFmpeg learns nothing while it opens the input.
+        // If pictures begin late, FFmpeg finds nothing about them while it opens the input.
         info.width = picture->width;
         info.height = picture->height;
         info.pictureBytes = av_image_get_buffer_size(static_cast<AVPixelFormat>(picture->format),
@@ -116,7 +116,7 @@ struct VideoReader::Impl {
             return;
         }
         if (packet->stream_index != decoded) {
-            // First what the old decoder still has.
+            // Drains the old decoder first.
             av_packet_move_ref(ahead.get(), packet.get());
             avcodec_send_packet(codec.get(), nullptr);
             return;
@@ -201,7 +201,7 @@ struct VideoReader::Impl {
         for (int64_t backUs = 0; !found; backUs = std::max(2 * backUs, kSeekBackUs)) {
             const int64_t fromUs = mediaUs - backUs;
             if (!demuxer->seek(choice.video, fromUs)) {
-                return backUs > 0;  // what was found at last has to do
+                return backUs > 0;  // what was found last must do
             }
             avcodec_flush_buffers(codec.get());
             skipBeforeUs = mediaUs;
@@ -217,7 +217,7 @@ struct VideoReader::Impl {
             found =
                 (*decodedAhead == ReadStatus::Ready && lastUs <= mediaUs) || fromUs <= -kSeekBackUs;
         }
-        // What stands before the key frame cannot be decoded by itself; that is no damage.
+        // Pictures before the key frame cannot be decoded; that is no damage.
         decodeErrors = errorsBefore;
         return true;
     }
@@ -233,7 +233,7 @@ struct VideoReader::Impl {
         return status;
     }
 
-    /// Takes note of what only the pictures themselves tell.
+    /// Notes properties that only the pictures have.
     void look() {
         info.interlacedPictures += picture->interlaced_frame != 0 ? 1 : 0;
         info.repeatedFields += picture->repeat_pict > 0 ? 1 : 0;
@@ -272,7 +272,7 @@ struct VideoReader::Impl {
             if (splice.atUs <= lastUs &&
                 std::none_of(info.changes.begin(), info.changes.end(), known)) {
                 noteChange(splice.atUs, describe(splice), true);
-                // FFmpeg takes the last part's times for those of the whole.
+                // FFmpeg would use the last part's times for the whole.
                 info.durationUs =
                     toldDurationUs > 0 ? std::max(toldDurationUs + splice.shiftUs, lastUs) : -1;
             }
@@ -293,7 +293,8 @@ struct VideoReader::Impl {
         }
     }
 
-    /// What is not followed is told, and the film has not been played to its end.
+    /// Reports a stream that continues under a number that was not taken. If it is the video, the
+    /// film was not played to its end.
     void noteSuccessors() {
         for (const int taken : {info.videoStream, info.audioStream}) {
             const auto successor = demuxer->successorOf(taken);
@@ -322,12 +323,12 @@ struct VideoReader::Impl {
     PacketPtr packet;
     PacketPtr ahead;      ///< of the stream that goes on, while the old decoder is drained
     int decoded;          ///< index of the stream whose packets the decoder takes
-    bool cutOff = false;  ///< the input goes on, but not so that it can be played
+    bool cutOff = false;  ///< the input goes on, but cannot be played
     MediaInfo info;
     int64_t frameUs = kDefaultFrameUs;
     int64_t reachedUs = 0;  ///< by the stream's packets
     ReadStatus ended = ReadStatus::Ready;
-    std::optional<ReadStatus> decodedAhead;  ///< when opened or by a seek; the next to be told
+    std::optional<ReadStatus> decodedAhead;  ///< when opened or by a seek; `next` returns it first
     bool haveLast = false;
     int64_t lastUs = 0;
     int64_t skipBeforeUs = INT64_MIN;

@@ -14,10 +14,11 @@
 
 namespace korvane::player {
 
-/// Decodes a video stream; in real time with FFmpeg's own threads. One thread at a time. One that
-/// could be opened has a picture: what cannot be played is known before anything else begins.
+/// Decodes a video stream; in real time with FFmpeg's own threads. One thread at a time. Opening it
+/// decodes the first picture, so that input that cannot be played is refused before anything else
+/// begins.
 ///
-/// A stream breaks off also where it ends before the end that it is told to have.
+/// A stream also breaks off where it ends before its announced end.
 class VideoReader final : public FrameSource {
 public:
     /// @throws InputError

@@ -16,7 +16,7 @@
 namespace korvane::player {
 namespace {
 
-/// JSON that may stand in a script element: no "</script>" can end it.
+/// JSON escaped for a script element: no "</script>" in it can end the element.
 std::string inScript(const JsonValue& json) {
     std::string text;
     for (const char c : json.dump()) {

@@ -3,8 +3,8 @@
 // shows. docs/page.md says how to read it.
 //
 // The page's data is the summary's JSON, as --json writes it, the frames' ledger in columns
-// (PageColumn.h), and what PageRecorder collected. The page's code, in player/page/web, adds
-// nothing to it but what can be counted from the columns.
+// (PageColumn.h), and what PageRecorder collected. The page's code, in player/page/web, adds only
+// what it can count from the columns.
 #pragma once
 
 #include <array>
@@ -33,7 +33,7 @@ void writePage(std::ostream& out, const PageHeading& heading, const Origin& orig
                const PlaybackRecord& record, const Summary& summary, const tv::TraceReport& trace,
                PageRecorder* recorder);
 
-/// Writes what stands in a page's place until its playback has ended.
+/// Writes a placeholder, to be replaced by the page once playback has ended.
 void writeUnfinishedPage(std::ostream& out, const std::string& name);
 
 /// A playback of the index.
@@ -57,10 +57,10 @@ struct ComparedColumns {
 };
 
 /// Writes the page that links the pages of several playbacks.
-/// @param planned  playbacks in all, of which these have ended
+/// @param planned  number of all playbacks, those that have not ended yet included
 void writeIndex(std::ostream& out, const std::vector<IndexEntry>& entries, size_t planned);
 
-/// What the page of a comparison shows, but for its charts all markup.
+/// The contents of a comparison's page, as markup except for the charts.
 struct ComparisonMarkup {
     std::string verdict;  ///< text
     std::string good;     ///< "good", "warn" or "bad"

@@ -22,7 +22,7 @@ struct PageAssets {
 /// All empty in a build that embeds none.
 const PageAssets& pageAssets();
 
-/// Empty, or one line on what this build lacks to write pages.
+/// One line that says what this build lacks to write pages; empty: nothing.
 std::string_view pageLacks();
 
 }  // namespace korvane::player

@@ -3,11 +3,11 @@
 //
 //   number -> difference from the prediction -> variable-length bytes -> zlib -> base64
 //
-// The prediction is the number before, or goes on in a straight line from the two before: frames
-// come at an even pace, so that most differences are the same few. A row is written in groups of
-// seven bits, lowest first, the top bit set on all but the last: 0 for nothing, else one more than
-// the difference with its sign in the lowest bit. An hour at 60 frames a second takes some tens of
-// kilobytes a column.
+// The prediction is the number before, or the straight line through the two before. Frames come at
+// an even pace, so most differences are among a few values. A row is written in groups of seven
+// bits, lowest first, the top bit set on all but the last: 0 for nothing, else the difference with
+// its sign in the lowest bit, plus one. An hour at 60 frames a second takes some tens of kilobytes
+// a column.
 #pragma once
 
 #include <cstdint>

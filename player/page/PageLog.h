@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the page keeps of the library's log while it plays, in bounded memory: the first lines of
-// each kind, lines that differ in their numbers only being of one kind, and how many more came. The
-// patterns that the library announces are kept apart. Any thread.
+// What the page keeps of the library's log, in bounded memory: the first lines of each kind, and
+// how many more came. Lines that differ only in numbers are of one kind. The patterns that the
+// library announces are kept apart. Any thread.
 #pragma once
 
 #include <cstddef>
@@ -31,7 +31,7 @@ struct PatternInForce {
 class PageLog {
 public:
     void add(const tv::LogLine& line, int64_t nowNs);
-    /// The library relates media time and vsyncs anew: it has no pattern until it says so.
+    /// The library has reset its tracker: it has no pattern until it logs one.
     void restartPattern(int64_t nowNs);
 
     std::vector<KeptLine> lines() const;

@@ -27,9 +27,9 @@ struct AVFrame;
 
 namespace korvane::player {
 
-/// How many frame buffers a player has that is not told: as many as the renderer's lead, the
-/// tunnel's own two and the panel's need, with a reserve. Large pictures get no reserve beyond 512
-/// MB, as a TV has it.
+/// Default number of frame buffers: enough for the renderer's lead, two in the tunnel and one on
+/// the panel, with a reserve. The reserve shrinks when pictures are so large that the buffers would
+/// take more than 512 MB, about what a TV has.
 int usualBuffers(int64_t pictureBytes);
 
 struct PoolReport {

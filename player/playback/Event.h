@@ -7,7 +7,7 @@
 
 namespace korvane::player {
 
-/// In the order in which events of one moment are written: what leaves the screen makes room for
+/// In the order in which events of the same time are written: what leaves the screen makes room for
 /// what comes.
 enum class EventKind : uint8_t {
     Start,

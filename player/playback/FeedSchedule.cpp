@@ -8,7 +8,7 @@ namespace {
 
 /// Longest wait before the player's thread looks again.
 constexpr int64_t kTickNs = 20'000'000;
-/// The same while something hangs on the position shown or on the last frame.
+/// The same while something depends on the position shown or on the last frame.
 constexpr int64_t kFineTickNs = 5'000'000;
 /// Playback counts as stalled when something is due and the library gives no sign of life for this
 /// long, beyond the longest wait that the plan asks for.
@@ -107,7 +107,7 @@ bool FeedSchedule::restartDue(int64_t nowNs) const {
            nowNs >= atPlaybackTime(*mPlan.restartAtUs);
 }
 
-/// Moves one picture on, as far as it goes now.
+/// What to do with the next picture now.
 FeedStep FeedSchedule::feed(const FeedState& state) {
     FeedStep step;
     if (!state.havePicture) {

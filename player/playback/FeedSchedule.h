@@ -23,7 +23,7 @@
 // the clock's, and a seek ends the stall.
 //
 // A wait ends when the next planned action is due, and after 20 ms at the latest, or 5 ms when
-// something hangs on the position shown or on the last frame; then the caller asks again. Before
+// something depends on the position shown or on the last frame; then the caller asks again. Before
 // `start` only pictures and interruption count: the times of a plan count from the library's
 // `start`.
 #pragma once
@@ -41,17 +41,17 @@ namespace korvane::player {
 struct FeedState {
     int64_t nowNs = 0;
     bool interrupted = false;
-    bool quit = false;  ///< the viewer has had enough
+    bool quit = false;  ///< the viewer quits
     bool held = false;  ///< the viewer pauses a film without audio: no frame is to be sent
     bool sourceEnded = false;
     bool havePicture = false;    ///< decoded and not yet sent
     int64_t pictureUs = 0;       ///< its media time
-    int64_t pictureReadyNs = 0;  ///< when a decoder as slow as the plan's has it
+    int64_t pictureReadyNs = 0;  ///< when the plan's decoder has finished it
     int64_t positionUs = -1;     ///< media time shown last in this section; -1: none yet
     int64_t clockUs = -1;        ///< media time of the clock; -1: it has none
     int64_t inLibrary = 0;       ///< frames that the library still has to show or return
     int64_t lastMoveNs = 0;      ///< last sign of life, or start of the section
-    int64_t dueNs = 0;           ///< when the library's oldest frame is due; 0: no telling
+    int64_t dueNs = 0;           ///< when the library's oldest frame is due; 0: unknown
     bool lastFrameShown = false;
 };
 
@@ -84,7 +84,7 @@ public:
 
     /// The library starts: playback time 0.
     void start(int64_t startNs) { mStartNs = startNs; }
-    /// Decides. A seek, a restart or a stall that this begins is not planned any more.
+    /// Decides. Takes a seek, restart or stall that begins now off the plan.
     FeedStep next(const FeedState& state);
     /// A frame has been sent.
     void sent(int64_t mediaUs);

@@ -7,7 +7,8 @@
 namespace korvane::player {
 namespace {
 
-/// Of a frame shown, when its sound was heard, and for how long something was heard meanwhile.
+/// For a frame shown: when its sound was heard, and for how much of its time on screen anything
+/// was.
 void noteSound(const tv::SoundRecord& sound, FrameEntry* frame) {
     if (frame->outcome == Outcome::Shown) {
         const int64_t shownUs = frame->record->firstVsync.timeNs / 1000;

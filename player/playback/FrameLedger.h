@@ -58,7 +58,7 @@ struct FrameEntry {
     int buffer = -1;
     int64_t sentNs = 0;
     bool sentLate = false;  ///< sent too late for its vsync (see isTooLate)
-    int64_t waitedNs = 0;   ///< before, the player had waited so long for a free buffer
+    int64_t waitedNs = 0;   ///< how long the player had waited for a free buffer
     bool followsSplice = false;
 
     int returns = 0;  ///< times that its buffer came back by callback
@@ -68,7 +68,7 @@ struct FrameEntry {
     DropReason dropReason = DropReason::None;
     DropEvidence dropEvidence = DropEvidence::None;
     /// How far it was behind the clock when the library returned it without showing it; negative:
-    /// early; empty: it was not so returned, or the clock was not running.
+    /// early; empty: the library did not do that, or the clock was not running.
     std::optional<int64_t> dropLateUs;
 
     int64_t renderTimeUs = -1;  ///< from the render-time callback

@@ -51,7 +51,7 @@ int LibraryCallbacks::renderTime(void* self, void* time) noexcept {
         [&] { callbacks->onRenderTime(*static_cast<const rendertime*>(time)); });
 }
 
-/// Does what a callback has to do, takes the time that the plan wants, answers what it wants.
+/// Does a callback's work, then takes as long, and returns what, the plan says.
 template <typename Code>
 int LibraryCallbacks::answer(Code code) noexcept {
     mFailure.guard(code);

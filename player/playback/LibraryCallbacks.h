@@ -42,7 +42,7 @@ public:
     void flush(VideoTunnelRenderer* renderer);
     /// A frame has been sent: it ends a flush.
     void frameSent() { mFlushing = false; }
-    /// Anything has logged a line. Any thread.
+    /// Takes a log line, whoever logged it. Any thread.
     static void onLogLine(const tv::LogLine& line);
 
 private:

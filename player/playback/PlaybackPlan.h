@@ -37,7 +37,7 @@ struct DecoderGap {
     int64_t untilUs = 0;
 };
 
-/// What can be switched about the TV while it plays.
+/// The TV's faults that can be switched while it plays.
 struct TvFaults {
     tv::TunnelFaults tunnel;
     bool reportFails = false;

@@ -58,7 +58,8 @@ struct PlaybackRecord {
     int64_t decodeErrors = 0;
     int64_t failedSeeks = 0;
     int64_t seeksBeyondEnd = 0;
-    int64_t foreignPictures = 0;  ///< tunnel entries whose picture has no frame number of ours
+    /// Tunnel entries whose picture has none of this playback's frame numbers.
+    int64_t foreignPictures = 0;
     int64_t overwrittenOnScreen = 0;
 };
 

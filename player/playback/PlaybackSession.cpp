@@ -21,8 +21,8 @@ constexpr int kHighestRate = 6000;
 constexpr int64_t kUnknownFrameUs = 40'000;
 /// How often finished frames are collected.
 constexpr int64_t kCollectNs = 1'000'000'000;
-/// Longest wait after a flush for the library to let go of what it had. Last come the frames that
-/// it handed to the tunnel, about 40 ms before their time.
+/// Longest wait after a flush until the library holds no frame. The last to go are those that it
+/// hands to the tunnel, about 40 ms before their time.
 constexpr int64_t kFlushNs = 100'000'000;
 /// Far more than the 40 ms after which pass-through drops a frame as late.
 constexpr int64_t kLongPastUs = 1'000'000;
@@ -371,7 +371,7 @@ bool PlaybackSession::isLate(int64_t mediaTimeUs) const {
            isTooLate(realUs, nowNs / 1000, mTv->display().periodNsAt(nowNs));
 }
 
-/// What is to be done now and then beside feeding.
+/// Periodic work beside feeding.
 void PlaybackSession::tick() {
     mFailure.rethrow();
     obeyRemote();
@@ -489,7 +489,7 @@ void PlaybackSession::performSeek(const SeekAction& seek) {
     act(seek.inPlace ? EventKind::Flush : EventKind::Seek, seek.toUs);
     mCallbacks.flush(mRenderer.get());
     if (mPlan.passthrough) {
-        // A flush does not end the hold of a frame; that the clock is long past it does.
+        // A flush does not end the hold of a frame; only a clock far past its time does.
         mRenderer->updateVideoTime(lastSentUs + kLongPastUs);
     }
     if (!seek.inPlace) {
@@ -511,8 +511,8 @@ void PlaybackSession::awaitFlush() {
     }
 }
 
-/// Goes on with a new renderer: stop, a new one, start. The frames that the old one had are gone.
-/// If the same renderer starts again, the library itself logs that it gives no buffer back.
+/// Goes on with a new renderer: stop, a new one, start. The frames in the old one are lost. If the
+/// same renderer starts again, the library itself logs that it gives no buffer back.
 void PlaybackSession::performRestart() {
     leaveSection();
     stopRenderer();

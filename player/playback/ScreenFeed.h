@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the TV's screen shows, vsync by vsync, with its picture: for recordings, and for whatever
-// else shows the screen.
+// What the TV's screen shows at each vsync, with its picture: for recordings, window and live view.
 //
 //   player's thread   `keep`: a reference to each picture whose buffer goes to the library
 //   display's thread  `see`: at each vsync the number that the buffer on screen has in its memory,
@@ -32,7 +31,7 @@ struct ScreenMoment {
     int64_t frameNo = -1;  ///< -1: the screen is black
     int64_t mediaTimeUs = -1;
     int64_t dwell = 0;  ///< vsyncs on screen so far, with this one
-    /// On screen so long after the sync clock's time for it; empty: that is not known.
+    /// From the sync clock's time for it to this vsync; empty: unknown.
     std::optional<int64_t> offsetUs;
     /// Null: black, or content without pictures.
     std::shared_ptr<const AVFrame> picture;

@@ -11,10 +11,11 @@
 namespace korvane::player {
 namespace {
 
-/// How long after its end a clock stop may still be the cause: playback has to find its step again.
+/// How long after its end a clock stop may still be the cause: playback needs time to get back into
+/// step.
 constexpr int64_t kAfterStopUs = 500'000;
 
-/// Steps that differ by less do so by rounding, to milliseconds at worst.
+/// Smaller differences between steps are rounding, to milliseconds at worst.
 constexpr int64_t kRoundingUs = 2'000;
 /// A clock that audio corrects moves by at least this much at once.
 constexpr int64_t kClockMovedUs = 1'000;
@@ -147,7 +148,7 @@ BreakCause causeOf(Lateness late) {
     }
 }
 
-/// What became of the next frames.
+/// The cause that the outcome of the next frames gives.
 BreakCause causeByOutcome(const DwellFacts& facts) {
     if (facts.nextRefused || facts.nextLost) {
         return facts.nextRefused ? BreakCause::Refusal : BreakCause::Lost;
@@ -158,7 +159,7 @@ BreakCause causeByOutcome(const DwellFacts& facts) {
     return facts.nextDropped ? BreakCause::Drop : BreakCause::Unexplained;
 }
 
-/// What the frame's own facts tell.
+/// The cause that the frame's own facts give.
 BreakCause causeAt(const DwellFacts& facts, const std::vector<ClockStop>& stops) {
     const auto stop =
         std::find_if(stops.begin(), stops.end(),
@@ -192,9 +193,9 @@ BreakCause causeAt(const DwellFacts& facts, const std::vector<ClockStop>& stops)
                                                      : BreakCause::Unexplained;
 }
 
-/// Looks for a frame that tells a cause, first at the break, then ever farther from it; what came
-/// before is the likelier cause.
-/// @param tells  gives the cause that a frame tells, from its distance
+/// Looks for a frame with a cause, at the break first, then farther and farther from it; at the
+/// same distance, before the break first.
+/// @param tells  gives the cause that a frame has, if it is so far from the break
 template <typename Tells>
 FoundCause nearestCause(const std::deque<DwellFacts>& frames, size_t at, Tells tells) {
     for (size_t away = 0; away <= kNeighbours; ++away) {
@@ -216,7 +217,7 @@ FoundCause causeOfBreak(const std::deque<DwellFacts>& frames, size_t at,
     const DwellFacts& own = frames[at];
     FoundCause told = nearestCause(frames, at, [&](const DwellFacts& facts, size_t away) {
         const BreakCause cause = causeAt(facts, around.stops);
-        // A pause is no fault of the frame that it holds on screen, but of no other's either.
+        // A pause explains only the frame that it holds on screen.
         return away > 0 && askedFor(cause) ? BreakCause::Unexplained : cause;
     });
     if (told.cause != BreakCause::Unexplained) {

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Why a frame stayed on screen for a number of vsyncs that its pattern did not want.
 //
-// A picture's time on screen comes from its media time in steps, and each can be looked at:
+// A picture's time on screen follows from its media time in steps, each of which is on record:
 //
 //   media time -> clock's real time -> handed in, or dropped -> presentation time -> vsync
 //
@@ -12,29 +12,29 @@
 //   underflow        the clock stood still for want of audio, now or shortly before
 //   timestamps       the media times went back by more than half a frame
 //   late_frame, no_buffer, fence
-//                    this frame or the next was handed in too late, as the first late one before:
-//                    that was decoded so late; or the player had to wait for a buffer; or it did
-//                    while a release fence was late
+//                    this frame or the next was handed in too late. The first late frame of such a
+//                    row tells why: it was decoded late (late_frame), or the player waited for a
+//                    buffer (no_buffer), and a late release fence held that back (fence)
 //   refusal, lost    the tunnel refused the next frame, or nothing is known of it
-//   policy, drop     the pass-through policy dropped the next frame or left out its time; or the
-//                    next one was dropped for another reason
+//   policy           the pass-through policy dropped the next frame or left out its time
+//   drop             the next frame was dropped for another reason
 //   source_gap       frames are missing in the source: their media times leave room for more
 //   clock_moved      the clock's real times moved against the media times: a new anchor
-//   late_on_screen   the next one came on screen later than at the first vsync that it was due
+//   late_on_screen   the next frame came on screen after the first vsync at which it was due
 //   timestamps       the media times are irregular by themselves
 //
-// else, if they say nothing:
+// else, if the stretch had just begun, what it began with:
 //
-//   start, flush, mode_change, rate_change   the stretch had just begun so
+//   start, flush, mode_change, rate_change
 //
 // else, if a presentation time near it left the clock's by half a vsync or more, so that the
 // renderer moved a frame:
 //
 //   policy           the pass-through policy decides about times
 //   wrong_pattern    by its log, the renderer had a pattern in force that the content does not have
-//   renderer         it chose so
+//   renderer         its own choice
 //
-// What nothing proves is unexplained.
+// Else the break is unexplained.
 #pragma once
 
 #include <cstddef>
@@ -91,7 +91,7 @@ struct LateFence {
 /// @param before  of the frame sent before: one that is late makes the next ones late, too
 Lateness latenessOf(const FrameEntry& frame, Lateness before, const LateFence& fence);
 
-/// What is known of a frame whose dwell may turn out not to fit. Times are monotonic.
+/// Facts about a frame, from which a cause is found if its dwell does not fit. Times are monotonic.
 struct DwellFacts {
     int64_t frameNo = 0;
     int64_t mediaTimeUs = 0;
@@ -107,7 +107,7 @@ struct DwellFacts {
     bool nextRefused = false;  ///< by the tunnel
     bool nextUntimed = false;  ///< the policy left out its presentation time
     std::optional<DropReason> nextDropped;
-    int64_t nextLateUs = 0;      ///< on screen so long after the vsync at which it was due
+    int64_t nextLateUs = 0;      ///< between the vsync at which it was due and its own
     int64_t sourceOffUs = 0;     ///< step of the media times minus that of the content's rate
     int64_t clockMovedUs = 0;    ///< step of the clock's times minus that of the media times
     int64_t movedUs = 0;         ///< step of the presentation times minus that of the clock's
@@ -117,17 +117,17 @@ struct DwellFacts {
 };
 
 DwellFacts dwellFacts(const FrameEntry& frame, Lateness late);
-/// Adds what the frame handed in next tells; call for each, up to one that reached the tunnel.
+/// Adds the facts of the frame handed in next; call for each, up to one that reached the tunnel.
 void addNext(DwellFacts* facts, const FrameEntry& next, Lateness late, double contentHz,
              double displayHz);
 
-/// Where a stretch began, and when.
+/// How and when a stretch began.
 struct StretchStart {
     BreakCause cause = BreakCause::Start;
     int64_t atUs = 0;
 };
 
-/// What is known beside the frames.
+/// Facts beside those of the frames.
 struct BreakSurroundings {
     const std::vector<ClockStop>& stops;
     StretchStart start;
@@ -137,14 +137,14 @@ struct BreakSurroundings {
 
 struct FoundCause {
     BreakCause cause = BreakCause::Unexplained;
-    DwellFacts where;  ///< the frame that tells it
+    DwellFacts where;  ///< the frame that has it
     std::string wrongPattern;
 };
 
 /// @param at  index of the frame with the break among its neighbours
 FoundCause causeOfBreak(const std::deque<DwellFacts>& frames, size_t at,
                         const BreakSurroundings& around);
-/// The cause in words, with what is known of it; empty: unexplained.
+/// The cause in words, with its figures; empty: unexplained.
 std::string tellCause(const FoundCause& found);
 
 }  // namespace korvane::player

@@ -17,17 +17,17 @@ constexpr size_t kMaxCycleFrames = 12;
 /// A fraction is near enough when it slips at most once in ten seconds: broadcast rates beside
 /// their whole-number relatives do so every 16.7 s.
 constexpr double kMaxSlipsPerSecond = 0.1;
-/// With more slips than this, the pattern is none that a viewer or an engineer would find. Rates of
-/// 119.88 Hz beside 120 Hz slip every 8.3 s.
+/// With more slips than this, nobody would see or name the pattern. 119.88 Hz beside 120 Hz slips
+/// every 8.3 s.
 constexpr double kMaxSlipsOfPattern = 0.15;
-/// What was seen is told as the shortest ratio that is true to a thousandth.
+/// A seen ratio is written as the shortest one within a thousandth of it.
 constexpr double kRatioPrecision = 10.0;
-/// Longest cycle told as a ratio of two dwells.
+/// Longest cycle written as a ratio of two dwells.
 constexpr int kMaxRatioFrames = 60;
-/// A ratio is told that is true but for so many frames a second.
+/// A ratio is written if it is off by at most so many frames a second.
 constexpr double kRatioTolerance = 0.01;
 constexpr double kClearlyBetter = 1.001;
-/// A frame's length is whole vsyncs when it is off by less.
+/// A frame lasts a whole number of vsyncs if it is off by less than this.
 constexpr double kWholeVsync = 0.15;
 /// Slips rarer than one a day are rounding errors of the rates.
 constexpr double kNoSlipSeconds = 86'400.0;
@@ -94,8 +94,8 @@ bool repeatsEvery(size_t frames, const std::vector<int>& dwells) {
     return repeats * 20 >= (dwells.size() - frames) * 19;
 }
 
-/// Of the cycles of so many frames among the first dwells, the one that fits the most dwells, so
-/// that none with a break in it is taken.
+/// Of the cycles of so many frames among the first dwells, the one that fits the most dwells: a
+/// cycle with a break in it does not win.
 std::vector<int> commonestCycle(size_t frames, const std::vector<int>& dwells) {
     std::vector<int> best;
     size_t bestCount = 0;
@@ -160,12 +160,12 @@ ExpectedCadence expectedCadence(double contentHz, double displayHz,
         }
     }
     for (size_t frames = 1; frames <= kMaxCycleFrames; ++frames) {
-        const double turn = vsyncsPerFrame * static_cast<double>(frames);
-        const int vsyncs = static_cast<int>(std::lround(turn));
+        const double cycleVsyncs = vsyncsPerFrame * static_cast<double>(frames);
+        const int vsyncs = static_cast<int>(std::lround(cycleVsyncs));
         if (std::gcd(vsyncs, static_cast<int>(frames)) > 1) {
             continue;  // a shorter cycle, written several times over
         }
-        const double slip = (turn - vsyncs) / static_cast<double>(frames);
+        const double slip = (cycleVsyncs - vsyncs) / static_cast<double>(frames);
         // Of two that fit equally well the shorter one counts.
         if (best.pattern.empty() || std::abs(slip) * kClearlyBetter < std::abs(best.slipPerFrame)) {
             best.pattern = evenPattern(vsyncs, frames);

@@ -5,8 +5,8 @@
 // Content of f frames a second on a display of R vsyncs a second needs r = R/f vsyncs a frame. The
 // nearest short fraction p/q gives the pattern, q frames on p vsyncs; what is left over, r - p/q,
 // adds up to a slip, one vsync more or less every 1/|r - p/q| frames, which no renderer can avoid.
-// Where slips come more often than every 6 s, that pattern is never seen for long, and has no name:
-// what is told then is the two dwells and how often each comes.
+// Where slips come more often than every 6 s, the pattern is never on screen for long: then the
+// name is the two dwells and their ratio.
 //
 //   content  display   r        pattern         slip that arithmetic demands
 //   24       60        2.5      [3:2]           none
@@ -20,7 +20,7 @@
 //   50       60        1.2      [1:1:2:1:1]     none
 //   48       50        1.0417   (1 and 2, 23:1) one vsync more every 0.5 s
 //
-// Content that itself lasts longer and shorter by turns is shown so where the display can: soft
+// Content whose own frames differ in length in a cycle keeps it where the display can: soft
 // telecine, 3 and 2 fields of 59.94 Hz, is [6:4] on 120 Hz, not [5:5].
 //
 // The dwells that were seen are compared with the pattern so that the fewest breaks remain
@@ -57,8 +57,8 @@ struct ExpectedCadence {
 };
 
 /// The cadence of a content rate on a display rate, both in Hz and above 0.
-/// @param cycle  the length of each frame of a turn, of which 1 is the mean, if they differ. Where
-///               each is a whole number of vsyncs, the pattern follows them
+/// @param cycle  the length of each frame of the content's own cycle, in units of the mean, if they
+///               differ. Where each is a whole number of vsyncs, the pattern follows them
 ExpectedCadence expectedCadence(double contentHz, double displayHz,
                                 const std::vector<double>& cycle = {});
 
@@ -68,7 +68,7 @@ std::string patternName(const std::vector<int>& pattern);
 struct DwellBreak {
     size_t index = 0;  ///< into the dwells
     int dwell = 0;     ///< vsyncs seen
-    int expected = 0;  ///< vsyncs that the pattern wanted here: others than were seen
+    int expected = 0;  ///< vsyncs that the pattern wanted here
     bool byArithmetic = false;
     bool atStart = false;  ///< the first dwell, off by one: playback began between two vsyncs
 };

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Receives what is found about the cadence while a playback is added up: stretches, and each break
-// as it is decided, some frames after it happened. The summary keeps only the first ones.
+// Receives stretches, and each break once it is decided, some frames after it happened. The summary
+// keeps only the first ones.
 #pragma once
 
 #include <cstdint>

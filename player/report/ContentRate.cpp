@@ -9,7 +9,7 @@
 namespace korvane::player {
 namespace {
 
-/// The file's rate is believed when the timestamps agree with it this well.
+/// The file's rate is taken when the timestamps agree with it this well.
 constexpr double kRateAgreement = 0.01;
 /// Broadcast rates lie 0.1 % from their whole-number relatives: half of it tells them apart.
 constexpr double kBroadcastAgreement = 0.0005;
@@ -17,9 +17,10 @@ constexpr double kBroadcastRates[] = {24 / 1.001, 24, 25,  30 / 1.001,  30, 48 /
                                       60 / 1.001, 60, 100, 120 / 1.001, 120};
 /// Timestamps are rounded to a millisecond at worst.
 constexpr double kMediaRoundingUs = 1'000;
-/// Longest turn of shorter and longer frames, and how much its steps may differ from turn to turn.
-constexpr size_t kLongestTurn = 5;
-constexpr int64_t kTurnRoundingUs = 2'000;
+/// Longest cycle of shorter and longer frames, and how much a step may differ from that one cycle
+/// before.
+constexpr size_t kLongestCycle = 5;
+constexpr int64_t kCycleRoundingUs = 2'000;
 /// A new rate differs at least so much.
 constexpr double kLeastChange = 0.02;
 
@@ -112,37 +113,37 @@ bool ContentRate::beginSpan() {
     return true;
 }
 
-/// From the first frames that wait.
+/// Learns the step from the first frames that wait.
 void ContentRate::learnStep(size_t frames) {
     const auto opening = regular(steps(0, frames));
     mStepUs = mean(opening);
     mMeanOf = std::max<size_t>(opening.size(), 1);
 }
 
-/// Frames last shorter and longer by turns if nearly all steps are as long as the one a turn
-/// before, and nearly every turn holds steps of two lengths.
+/// Frames follow a cycle if nearly all steps are as long as the one a cycle before, and nearly
+/// every cycle has steps of two lengths.
 void ContentRate::learnCycle(size_t frames) {
     mContent.cycle.clear();
     const auto all = steps(0, frames);
     size_t changes = 0;
     for (size_t i = 1; i < all.size(); ++i) {
-        changes += std::abs(all[i] - all[i - 1]) > 2 * kTurnRoundingUs ? 1 : 0;
+        changes += std::abs(all[i] - all[i - 1]) > 2 * kCycleRoundingUs ? 1 : 0;
     }
-    for (size_t turn = 2; turn <= kLongestTurn && all.size() >= kLookAheadSteps; ++turn) {
+    for (size_t length = 2; length <= kLongestCycle && all.size() >= kLookAheadSteps; ++length) {
         size_t repeats = 0;
         size_t run = 0;
         std::vector<int64_t> cycle;
-        for (size_t i = turn; i < all.size(); ++i) {
-            const bool same = std::abs(all[i] - all[i - turn]) <= kTurnRoundingUs;
+        for (size_t i = length; i < all.size(); ++i) {
+            const bool same = std::abs(all[i] - all[i - length]) <= kCycleRoundingUs;
             repeats += same ? 1 : 0;
             run = same ? run + 1 : 0;
-            if (run == turn && cycle.empty()) {
-                cycle.assign(&all[i] - turn + 1, &all[i] + 1);
+            if (run == length && cycle.empty()) {
+                cycle.assign(&all[i] - length + 1, &all[i] + 1);
             }
         }
-        if (repeats * 20 >= (all.size() - turn) * 19 && changes * turn * 10 >= all.size() * 9) {
-            // A turn that is cut short would move the mean.
-            learnStep(all.size() / turn * turn);
+        if (repeats * 20 >= (all.size() - length) * 19 && changes * length * 10 >= all.size() * 9) {
+            // A cycle that is cut short would move the mean.
+            learnStep(all.size() / length * length);
             for (const int64_t step : cycle) {
                 mContent.cycle.push_back(static_cast<double>(step) / mean(cycle));
             }
@@ -170,10 +171,10 @@ bool ContentRate::changesAt(size_t frame) const {
     const double firstHalf = mean(regular({next.begin(), half}));
     const double secondHalf = mean(regular({half, next.end()}));
     // Timestamps that are off by up to J move a mean by less than this, in each half and in both.
-    // The span's own mean has the same trouble, the less the more steps it is taken from.
-    const double unrest = 4.0 * meanDeviation(whole, step) *
+    // The span's own mean is off likewise, by less the more steps it is the mean of.
+    const double jitter = 4.0 * meanDeviation(whole, step) *
                           (1.0 / kLookAheadSteps + 1.0 / static_cast<double>(mMeanOf));
-    const double least = std::max(kLeastChange * mStepUs, unrest);
+    const double least = std::max(kLeastChange * mStepUs, jitter);
     const double direction = step > mStepUs ? 1.0 : -1.0;
     const auto changed = [&](double by) { return (by - mStepUs) * direction > least; };
     const auto own = static_cast<double>(next.front());

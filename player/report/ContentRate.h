@@ -6,8 +6,8 @@
 //                      and repetitions left out. The file's rate is kept if it agrees within 1 %,
 //                      else 1 / mean step is taken, or the broadcast rate that it must mean
 //   a change           the mean of the next 24 steps, and of each half of them, differs from the
-//                      span's in the same direction by more than 2 % and more than the steps'
-//                      own unrest explains: a new span begins
+//                      span's in the same direction by more than 2 % and more than the jitter
+//                      of the steps explains: a new span begins
 //
 // So a single gap, jitter, rounded timestamps and soft telecine leave the rate as it is; 24, 30 and
 // 60 frames a second in one file are three spans. Steps are taken inside a section: a flush may
@@ -25,12 +25,12 @@ namespace korvane::player {
 /// Frames of one rate.
 struct ContentSpan {
     double hz = 0.0;
-    /// Where frames last shorter and longer by turns (soft telecine: 3 and 2 fields), the length of
-    /// each frame of one turn, of which 1 is the mean; else empty.
+    /// Where the lengths of frames follow a cycle (soft telecine: 3 and 2 fields), the length of
+    /// each frame of one cycle, in units of the mean; else empty.
     std::vector<double> cycle;
 };
 
-/// What is known of a frame's place in the content.
+/// A frame's place in the content.
 struct FramePace {
     int span = 0;  ///< counts changes of the rate
     double hz = 0.0;

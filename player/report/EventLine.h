@@ -24,7 +24,7 @@ const char* toString(EventKind kind);
 void appendLine(const Event& event, int64_t startNs, std::string* to);
 
 /// Reads a line back, without its line feed. The time counts from the library's `start`.
-/// @return nothing for what `appendLine` does not write
+/// @return nothing for a line that `appendLine` does not write
 std::optional<Event> parseLine(std::string_view line);
 
 /// A text that the library logged, as it may stand in an event: its numbers, which may be

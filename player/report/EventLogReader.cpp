@@ -17,7 +17,7 @@
 namespace korvane::player {
 namespace {
 
-/// Frames come close to the order of their numbers: a number further ahead is none.
+/// Frames come roughly in the order of their numbers: a number further ahead is damage.
 constexpr size_t kFurthestAhead = 4096;
 /// Longer than any line that a log has.
 constexpr size_t kLongestLine = 65'536;
@@ -144,7 +144,7 @@ public:
         }
     }
 
-    /// A last line without its line feed: what else it lacks is not known.
+    /// A last line without its line feed may lack more.
     void takeUnfinished(const std::string& line) {
         if (mLine == 0) {
             take(line);

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // Reads an event log back: each frame with what became of it, and what the player did.
 //
-// A log that is none, that another version wrote, or that ends before the playback did is refused
-// in one line: figures of half a log would look like those of a bad playback.
+// Refuses, in one line, a file that is not an event log, a log of another version, and one that
+// ends before its playback did: figures of half a log would look like those of a bad playback.
 #pragma once
 
 #include <cstdint>
@@ -52,7 +52,7 @@ struct LoggedPlayback {
 /// @param name  for messages
 /// @throws InputError
 LoggedPlayback readEventLog(std::istream& in, const std::string& name);
-/// The frame as the playback had it, as far as the log tells.
+/// The frame as in the playback, as far as the log has it.
 FrameEntry entryOf(const LoggedPlayback& playback, size_t frameNo);
 
 }  // namespace korvane::player

@@ -7,7 +7,7 @@
 //   stalled         nothing moved any more
 //   broken_off      the file breaks off
 //   interrupted     somebody ended it; a stop at a time asked for is none
-//   faulty          a frame or a buffer without an account, or a picture overwritten on screen
+//   faulty          a frame or a buffer unaccounted for, or a picture overwritten on screen
 //   out_of_sync     lip-sync where viewers notice it (ITU-R BT.1359-1: sound more than 45 ms early
 //                   or 125 ms late) for more than a second and a thousandth of the time, or for
 //                   more than a twentieth of it. The narrower band of EBU R37 is what a broadcaster
@@ -27,7 +27,7 @@
 
 namespace korvane::player {
 
-/// What no renderer can avoid at two rates.
+/// Unevenness that no renderer can avoid at these two rates.
 struct RateLimit {
     enum class Kind { None, Skipped, Long, Short };
     Kind kind = Kind::None;

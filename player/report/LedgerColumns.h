@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What is told of each frame, as one table of columns: the CSV, the ledger's JSON lines and the
+// The columns of the per-frame output, as one table: the CSV, the ledger's JSON lines and the
 // report page all read it, so that their numbers are the same.
 //
 // Times are microseconds since the library's `start`, media times as in the file. An empty value is
@@ -17,7 +17,7 @@
 
 namespace korvane::player {
 
-/// A number, a word, or both: a word has the number that stands for it on the page. Neither: empty.
+/// A number, or a word with the number that stands for it on the page. Neither: an empty field.
 struct LedgerValue {
     std::optional<int64_t> number;
     const char* word = nullptr;
@@ -37,7 +37,7 @@ struct LedgerColumn {
 constexpr int kLedgerColumns = 23;
 extern const LedgerColumn kLedger[kLedgerColumns];
 
-/// Holds frames back until their time on screen is judged, so that a row is whole.
+/// Holds frames back until their dwell is judged, so that a row is complete.
 class LedgerListener : public PlaybackListener, public CadenceListener {
 public:
     void onFrame(const FrameEntry& frame, const PlaybackRecord& soFar) override;

@@ -50,7 +50,7 @@ class LipSyncCounter {
 public:
     /// @param heardForUs  for how long something was heard while the frame was on screen
     void add(int64_t lipSyncUs, int64_t heardForUs, const FrameAt& frame);
-    /// A frame that `add` got came on screen so long after its presentation time.
+    /// How long after its presentation time a frame given to `add` came on screen.
     void addDisplayWait(int64_t waitUs) { mDisplayWaits.add(waitUs); }
     LipSync result() const;
 

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// Which pattern the renderer has in force, by its own log: it says when ten frames have put one in
-// force, when a frame breaks it, and, of a pattern that must be corrected, each time which it is. A
-// flush ends a pattern without a word.
+// Which pattern the renderer has in force, by its own log: it logs when ten frames have put one in
+// force, when a frame breaks it, and, each time that it corrects a frame, for which pattern. A
+// flush ends a pattern without a log line.
 #pragma once
 
 #include <cstdint>
@@ -15,8 +15,8 @@
 
 namespace korvane::player {
 
-/// What a line says is in force from now on, "[3:2]" or "" for none; nothing: it says nothing of
-/// it.
+/// The pattern that a line puts in force, "[3:2]" or "" for none; nothing: the line is about
+/// something else.
 std::optional<std::string> patternFromLog(const tv::LogLine& line);
 
 /// Any thread.

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// From frames, told one by one in order, to the summary of a playback.
+// Adds frames, one by one in order, up to the summary of a playback.
 //
 //   frame -> ContentRate       held back until the content's rate is known
 //         -> StretchBuilder    one for each stretch: cadence, start, breaks with their causes

@@ -94,7 +94,7 @@ void addCadence(JsonValue* json, const Summary& summary) {
     to["freeze_rate"] = JsonValue::rounded(summary.judder.freezeRate);
     to["judder_score"] = summary.judder.judderScore;
     to["judder_rate"] = JsonValue::rounded(summary.judder.judderRate);
-    // Published as "sections", for flushes were all that ended a stretch.
+    // The published key is "sections": at first only flushes ended a stretch.
     to["sections"] = summary.stretches.size();
     for (size_t i = 0; i < summary.stretches.size(); ++i) {
         addStretch(json, i == 0 ? "" : fmt::format("section{}_", i), summary.stretches[i]);

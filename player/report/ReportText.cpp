@@ -231,7 +231,7 @@ void printSplices(std::ostream& out, const PlaybackRecord& record, const Summary
 }
 
 void printSound(std::ostream& out, const PlaybackRecord& record) {
-    /// Streams of a film begin apart by less than this.
+    /// Streams of one film begin less than this apart.
     constexpr int64_t kAtOnceUs = 500'000;
     if (record.withAudio && record.soundFromUs < 0) {
         line(out, "", "no sound: not one packet of the audio stream came");

@@ -17,7 +17,7 @@
 namespace korvane::player {
 namespace {
 
-/// What went wrong with the accounts, or empty.
+/// Which frames and buffers are unaccounted for; empty: none.
 std::string faults(const PlaybackRecord& record, const Summary& summary) {
     std::vector<std::string> found;
     const auto add = [&found](int64_t count, const char* one, const char* what) {

@@ -4,7 +4,7 @@
 namespace korvane::player {
 namespace {
 
-/// More than a report lists; a stream that jumps without end must not fill the memory.
+/// More than a report lists: bounds the memory for a stream that keeps jumping.
 constexpr size_t kKeptSplices = 1000;
 
 }  // namespace

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Median, 99th percentile and worst of any number of values, in bounded memory. All that the report
-// says of spreads is defined so:
+// Median, 99th percentile and worst of any number of values, in bounded memory. Every spread in the
+// report is defined so:
 //
 //   median   the middle value; of an even number of values the mean of the two in the middle,
 //            towards 0

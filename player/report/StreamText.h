@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the report says of an input: its streams and programs, which were taken, and what changed on
-// the way.
+// The lines of the report about an input: its streams and programs, which were taken, and what
+// changed on the way.
 #pragma once
 
 #include <string>

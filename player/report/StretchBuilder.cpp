@@ -14,9 +14,9 @@ constexpr size_t kPatternDwells = 512;
 /// Frames kept before the first undecided one.
 constexpr size_t kKeptFacts = 16;
 static_assert(kKeptFacts >= kSteadyRunFrames);
-/// A viewer sees the breaks of so long a time as one.
+/// A viewer sees breaks within this time as one.
 constexpr int64_t kOneDisturbanceUs = 1'000'000;
-/// Breaks that follow each other this closely, for so long and so many, go on.
+/// A fault that goes on: breaks at most this far apart, over at least this time, at least so many.
 constexpr int64_t kOngoingGapUs = 2'000'000;
 constexpr int64_t kOngoingUs = 4'000'000;
 constexpr int64_t kOngoingBreaks = 10;
@@ -235,7 +235,7 @@ void StretchBuilder::reportCadence() {
     }
     const std::vector<int> last(mLastDwells.begin(), mLastDwells.end());
     const CadenceResult& cadence = mReport.cadence;
-    // Ten frames in step, and then none, is not what was seen.
+    // A pattern that held for ten frames only is not the one that was seen.
     const bool mostlyInStep =
         cadence.held && cadence.inStep * 10 >= (mReport.dwells - cadence.heldFrom) * 9;
     const bool asExpected =
@@ -256,7 +256,8 @@ void StretchBuilder::reportHeldAfter(const PlaybackRecord& soFar) {
     mReport.heldAfterUs = std::max<int64_t>(mHeldShownUs - sinceUs, 0);
 }
 
-/// A dwell that is no part of the cadence says nothing, but if it looks like a fault, it is told.
+/// Counts the dwells that take no part in the cadence, so that one that looks like a fault is still
+/// reported.
 void StretchBuilder::countUnjudged() {
     for (const auto& facts : mPending) {
         ++mOutside[facts.dwell];

@@ -2,10 +2,9 @@
 // From the frames of one stretch, told in order, to its report: when it began, which pattern its
 // frames followed, and where they left it.
 //
-// A frame's dwell counts for the cadence but for two kinds of frames, whose dwell says nothing
-// about it: one that was shown at once stays until audio comes, and the last one on screen stays
-// until the flush, a change of a rate or stop. So the last frame waits here, with
-// those superseded after it, until a next one is shown.
+// Every frame's dwell counts for the cadence but those of two frames: one that was shown at once
+// stays until audio starts, and the last one on screen stays until the flush, stop or change of
+// rate. So the last frame waits here, with those superseded after it, until another one is shown.
 #pragma once
 
 #include <cstddef>
@@ -71,7 +70,8 @@ private:
     LateFence mLateFence;       ///< the last one
     Lateness mLate = Lateness::None;  ///< of the last frame sent
     std::deque<int> mLastDwells;
-    std::optional<int> mOffAtStart;  ///< the first dwell, where it does not fit for being the first
+    std::optional<int> mOffAtStart;  ///< the first dwell, if it does not fit because playback began
+                                     ///< between two vsyncs
     std::map<int, int64_t> mOutside;   ///< dwells that the cadence leaves out, and how many
     std::vector<DwellFacts> mPending;  ///< the last frame on screen and those superseded after it
     std::deque<DwellFacts> mFacts;     ///< of the dwells not yet decided, and a few before

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // The summary: what a playback's record says, as numbers with a verdict.
 //
-// Made by ReportBuilder from the TV's record (what was on screen at which vsync), the ledger's
+// ReportBuilder makes it from the TV's record (what was on screen at which vsync), the ledger's
 // outcomes and the sync clock's times; nothing is guessed. Texts, files and expectations read it.
 //
 // A section, which playback counts, lies between two flushes. A stretch lies inside a section and
@@ -178,7 +178,7 @@ struct Summary {
     Grade grade = Grade::NothingShown;
     std::string verdict;  ///< the grade in words, with its figures
 
-    /// Every frame and every buffer has an account.
+    /// Every frame and every buffer is accounted for.
     bool accounted() const { return framesAccounted && buffersBack; }
     bool ok() const {
         return accounted() && complete && grade != Grade::NothingShown && grade != Grade::Faulty;

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Tells the trace what the ledger knows of each frame. All times are the ledger's, so the trace
+// Writes what the ledger has of each frame into the trace. All times are the ledger's, so the trace
 // agrees with the event log and the CSV; a frame comes some seconds after it happened.
 //
 //   track or timeline        what it shows
@@ -23,7 +23,7 @@
 
 namespace korvane::player {
 
-/// In Android's terms, how a frame came on screen and why so.
+/// In Android's terms, how a frame came on screen, and why.
 struct PresentVerdict {
     tv::PresentType present = tv::PresentType::OnTime;
     int32_t jank = tv::kJankNone;
@@ -51,7 +51,7 @@ private:
 
     const Origin mOrigin;
     std::optional<HeldFrame> mHeld;  ///< until the next frame's time is known
-    /// The sync clock's real minus media time at the last frame that tells it; it holds in its
+    /// The sync clock's real minus media time at the last frame that has both; valid in its
     /// section.
     std::optional<int64_t> mClockOffsetUs;
     int mSection = 0;

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Reads the table [expect] of a scenario file, and the same keys from a command line, of which it
-// makes such a table.
+// Reads the table [expect] of a scenario file, and the same keys from a command line, by making
+// such a table of them.
 #include <algorithm>
 
 #include "player/scenario/ScenarioFile.h"

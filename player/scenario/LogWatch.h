@@ -17,7 +17,7 @@ namespace korvane::player {
 class LogWatch {
 public:
     /// Both must outlive it.
-    /// @param events  null: errors are put nowhere
+    /// @param events  null: errors go into no event log
     LogWatch(const std::vector<LogExpectation>& wanted, EventLog* events)
         : mWanted(wanted), mEvents(events), mCounts(wanted.size()) {}
 

@@ -29,7 +29,7 @@ std::optional<PolicyStep> parsePolicyStep(const std::string& text);
 /// The longest time for which a script keeps a frame off the screen.
 int64_t policyWaitUs(const std::vector<PolicyStep>& steps);
 
-/// What the script asks the clock.
+/// What the script may ask of the clock.
 struct PolicyClock {
     /// Monotonic microseconds at which a media time is due; negative without an anchor.
     std::function<int64_t(int64_t mediaTimeUs, int64_t nowUs)> realTimeFor;

@@ -26,7 +26,7 @@ int64_t jumpsUs(const ContentPlan& content, const PlaybackPlan& plan) {
     return us;
 }
 
-/// The media time that a list of times goes through from 0 on, back and forth.
+/// The length of the way through a list of media times from 0 on, back and forth.
 int64_t listUs(const std::vector<int64_t>& times) {
     int64_t us = 0;
     int64_t last = 0;

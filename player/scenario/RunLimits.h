@@ -2,8 +2,8 @@
 // How long a scenario may stand still, and how long it may take. Pure.
 //
 // Both are upper bounds. Whatever a scenario can do to delay a frame adds up: audio that starts
-// late, pauses, underflows, a decoder that delivers nothing, gaps and jumps in media time. What
-// lasts longer is no part of the scenario: the playback stalls, or its threads poll for ever.
+// late, pauses, underflows, a decoder that delivers nothing, gaps and jumps in media time. Whatever
+// lasts longer is a fault: playback stalls, or threads poll for ever.
 #pragma once
 
 #include <cstdint>

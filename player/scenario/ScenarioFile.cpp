@@ -25,7 +25,7 @@ void sortByTime(std::vector<T>* values) {
                      [](const T& left, const T& right) { return left.atUs < right.atUs; });
 }
 
-/// A media file, a list of times and a rate exclude each other, and what goes with them.
+/// A media file, a list of times and a rate exclude each other, as do the keys that belong to them.
 void refuseTogether(TomlTable& table, const std::string& key,
                     std::initializer_list<const char*> others) {
     for (const char* other : others) {
@@ -35,7 +35,7 @@ void refuseTogether(TomlTable& table, const std::string& key,
     }
 }
 
-/// What is wrong with the stream; frames are counted from 0.
+/// Faults of the stream; frames are counted from 0.
 void readStreamFaults(TomlTable& table, ContentPlan* content) {
     const int64_t frames = ContentTimes(*content).frames();
     const std::string has = "; the content has " + counted(frames, "frame");
@@ -113,8 +113,8 @@ void readDisplay(TomlTable& table, PlaybackPlan* plan, FaultSpans* faults) {
     table.finish();
 }
 
-/// What audio is to do at a media time that it never reaches would be left out in silence. How long
-/// a file is shows when it is opened (ScenarioRun.cpp).
+/// Audio never reaches such a media time, so the fault would never happen. A file's length is known
+/// once it is open (ScenarioRun.cpp).
 void refuseOutside(TomlTable& entry, const ContentPlan& content, int64_t atUs) {
     if (!content.file.empty()) {
         return;
@@ -276,7 +276,7 @@ void readRun(TomlTable& table, Scenario* scenario) {
     table.finish();
 }
 
-/// A text for people that fits a line.
+/// Reads a text of one line.
 void readLine(TomlTable& table, const std::string& key, std::string* line) {
     table.text(key, line);
     const auto isControl = [](unsigned char c) { return c < 0x20 || c == 0x7f; };
@@ -308,7 +308,8 @@ Scenario parseScenario(const std::string& text, const std::string& path) {
     PlaybackPlan& plan = scenario.plan;
     FaultSpans faults;
     TomlTable root(scenario.path, "", *parsed);
-    // A misspelt table would leave its defaults to the checks of the others.
+    // First: after a misspelt table, checks of the others would run on its defaults and complain of
+    // those.
     root.finish({"title", "holds", "expect"},
                 {"content", "display", "audio", "player", "tunnel", "passthrough", "run"});
     readLine(root, "title", &scenario.title);

@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 // Scenario files: TOML in, a Scenario out, or one line that says what is wrong and where.
 //
-// docs/scenarios.md describes every key. Values go straight into the plan of the playback; what a
-// plan states otherwise, such as the spans of faults, is converted once the table is read.
+// docs/scenarios.md describes every key. Values go straight into the plan of the playback. Those
+// that a plan holds in another form, such as the spans of faults, are converted once the table is
+// read.
 #pragma once
 
 #include <string>
@@ -25,8 +26,8 @@ Scenario parseScenario(const std::string& text, const std::string& path);
 void readExpectations(TomlTable& table, Expectations* expect);
 
 /// Reads expectations as a command line has them: the keys of the table, "KEY=VALUE", or "KEY" for
-/// one that is true. Dashes in a key are underscores. A text needs no quotes; a value that has some
-/// is read as it stands, such as a list.
+/// one that is true. Dashes in a key are underscores. A text needs no quotes; a value with quotes
+/// in it, such as a list, is read as it stands.
 /// @throws ScenarioError  "key: what is wrong"
 Expectations parseExpectations(const std::vector<std::string>& arguments);
 

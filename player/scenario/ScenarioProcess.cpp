@@ -80,7 +80,7 @@ void writeAll(int fd, const std::string& text) {
     runOptions.version = options.version;
     if (!options.reportFolder.empty()) {
         runOptions.reportFolder = options.reportFolder + "/" + scenario.name;
-        // What cannot be created cannot be written either, and is said then.
+        // A failure is reported when the files in it cannot be written.
         mkdir(runOptions.reportFolder.c_str(), kNewFolderMode);
     }
     int status = kPlayed;

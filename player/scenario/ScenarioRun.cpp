@@ -65,7 +65,7 @@ Sources openSources(const Scenario& scenario, const std::shared_ptr<SoundStore>&
     return sources;
 }
 
-/// What would never happen is refused, as for synthetic content when the scenario is read.
+/// Refuses what could never happen, as ScenarioFile does for synthetic content.
 void refusePastEnd(const PlaybackPlan& plan, const MediaInfo& media) {
     const auto refuse = [&](const char* key, int64_t us) {
         if (media.durationUs > 0 && us >= media.durationUs) {
@@ -84,7 +84,7 @@ void refusePastEnd(const PlaybackPlan& plan, const MediaInfo& media) {
     }
 }
 
-/// The scenario's plan with what its seed and its content add.
+/// The scenario's plan, completed by its seed and its content.
 PlaybackPlan planOf(const Scenario& scenario, const Sources& sources) {
     PlaybackPlan plan = scenario.plan;
     plan.tv.display.seed = scenario.seed;

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Plays one scenario in this process and compares what came of it with its expectations.
+// Plays one scenario in this process and compares the result with its expectations.
 #pragma once
 
 #include <cstdint>

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // A font of 5 by 7 dots: digits, capital letters and the signs that figures need, so that a picture
-// is labelled without font files. Lower-case letters are drawn as capitals, what it lacks as blank.
+// is labelled without font files. Lower-case letters are drawn as capitals, characters that it
+// lacks as blanks.
 #pragma once
 
 #include <cstdint>

@@ -18,7 +18,7 @@ namespace {
 
 constexpr uint8_t kNoColour = 128;
 
-/// The old names of formats that mean full range by themselves; the scaler warns of them.
+/// Old names of formats that imply full range; the scaler warns of them.
 AVPixelFormat withoutRange(int format) {
     switch (format) {
         case AV_PIX_FMT_YUVJ420P:
@@ -119,8 +119,8 @@ void Canvas::text(int x, int y, int scale, const std::string& text, uint8_t luma
     }
 }
 
-/// Brightness and colour keep their meaning, which is told beside the picture; full range becomes
-/// video range, and RGB becomes BT.709.
+/// Keeps the picture's colour space, for tags beside the picture to name; full range becomes video
+/// range, and RGB becomes BT.709.
 void Canvas::makeScaler(const Scaling& scaling) {
     const auto format = static_cast<AVPixelFormat>(scaling.format);
     mScaler.reset(sws_getContext(scaling.width, scaling.height, format, scaling.toWidth,
@@ -184,7 +184,7 @@ void Canvas::turn(const Canvas& upright, const Area& fit) {
         const ptrdiff_t stride = from.linesize[plane];
         const ptrdiff_t right = (from.width >> shift) - 1;
         const ptrdiff_t bottom = (from.height >> shift) - 1;
-        // Where the first pixel comes from, and how far it is to those right of it and below it.
+        // Where the first pixel comes from, and the steps to the pixels right of it and below it.
         const ptrdiff_t first = mQuarters == 1   ? bottom * stride
                                 : mQuarters == 2 ? bottom * stride + right
                                                  : right;
@@ -204,7 +204,7 @@ void Canvas::turn(const Canvas& upright, const Area& fit) {
 void Canvas::testPicture(int64_t frameNo, const Area& area) {
     constexpr uint8_t kGround = 64;
     constexpr uint8_t kBar = 180;
-    /// Widths of the bar in a picture's; the bar goes through the picture in so many frames.
+    /// The bar is this fraction of the picture wide, and crosses it in as many frames.
     constexpr int kSteps = 48;
     fill(area, kGround);
     const int step = even(area.width / kSteps);

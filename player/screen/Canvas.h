@@ -43,7 +43,7 @@ public:
     void text(int x, int y, int scale, const std::string& text, uint8_t luma = kWhite);
     /// Scales a picture, turned, into an area, as large as fits; the rest of the area is black.
     void picture(const AVFrame& source, const Area& area);
-    /// Stands for the picture of content that has none: its number, and a bar that moves with it.
+    /// Draws a picture for content that has none: the frame's number, and a bar that moves with it.
     void testPicture(int64_t frameNo, const Area& area);
 
 private:

@@ -9,7 +9,8 @@ namespace korvane::player {
 namespace {
 
 constexpr int64_t kFollowNs = 1000'000'000;
-/// Of a loop that settles in seven seconds without overshoot; twice it damps, its square follows.
+/// Natural frequency of a critically damped loop that settles in seven seconds: its gains are twice
+/// this for the time and the square of this for the rate.
 constexpr double kPerSecond = 0.15;
 /// Crystals are off by 0.02 %, virtual machines' devices by up to 1 %.
 constexpr double kMostDrift = 0.02;

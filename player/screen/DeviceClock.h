@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 // The clock of the machine's audio device, followed smoothly.
 //
-//   in    how many samples have left the device's queue, at every look
+//   in    the number of samples that have left the device's queue, at every poll
 //   out   the time of each sample, and by how much the device is fast
 //
-// Devices take samples in blocks, so single looks are milliseconds off. Every second their
-// mean distance from the prediction corrects rate and prediction (a control loop of second order):
-// the rate settles within half a minute, and the times of samples never jump.
+// Devices take samples in blocks, so single polls are milliseconds off. Every second their mean
+// distance from the prediction corrects rate and prediction (a control loop of second order): the
+// rate settles within half a minute, and the times of samples never jump.
 #pragma once
 
 #include <cstdint>
@@ -38,9 +38,9 @@ private:
     double mDrift = 0.0;        ///< the same with the correction of the present error
     double mOffsetSeconds = 0;  ///< of the blocks that the device took at once when it began
     bool mSettled = false;      ///< that offset is known
-    double mErrors = 0.0;       ///< sum over the looks
+    double mErrors = 0.0;       ///< sum over the polls
     int mLooks = 0;
-    int64_t mSinceNs = 0;  ///< of the first of these looks
+    int64_t mSinceNs = 0;  ///< of the first of these polls
 };
 
 }  // namespace korvane::player

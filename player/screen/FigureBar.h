@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The bar below a recorded picture: what is known of the vsync, for people and for programs.
+// The bar below a recorded picture: the figures of the vsync, for people and for programs.
 //
 //   FRAME 123  VSYNC 310  DWELL 2/3  SEEN [3:2]  +16.5 MS
 //   a row of 64 cells, white for 1, black for 0: 32 bits of the frame's number, 32 of the vsync's,

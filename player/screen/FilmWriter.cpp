@@ -59,7 +59,7 @@ bool canSeek(std::ostream& out) {
     return can;
 }
 
-/// Good pictures at the speed of a recording; what an encoder does not know it ignores.
+/// Good pictures at recording speed; an encoder ignores options that it does not know.
 void setEncoder(AVCodecContext* codec, const std::string& name) {
     const auto set = [codec](const char* key, const char* value) {
         av_opt_set(codec, key, value, AV_OPT_SEARCH_CHILDREN);
@@ -131,7 +131,8 @@ FilmWriter::FilmWriter(const FilmSpec& spec, std::ostream* out)
           "cannot make a film");
     mFilm.reset(film);
     mFilm->pb = mData.get();
-    // The encoder's run-up is before time 0; the pictures are not to move for it.
+    // The sound encoder's priming samples lie before time 0; without this, libavformat would move
+    // the pictures for them.
     mFilm->avoid_negative_ts = 0;
 }
 
@@ -214,7 +215,7 @@ void FilmWriter::open(const AVFrame& first) {
     const int result = avformat_write_header(mFilm.get(), &options);
     av_dict_free(&options);
     check(result, "cannot begin the film");
-    // libavformat 59 tells WebM's readers to take off Opus's run-up and does not put it on.
+    // libavformat 59 tells WebM's readers to skip Opus's priming samples, but does not write them.
     mSamplesEncoded =
         mAudio.codec && mSpec.format.audio == "libopus" ? mAudio.codec->initial_padding : 0;
     mOpen = true;

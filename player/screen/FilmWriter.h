@@ -49,15 +49,15 @@ AVRational trueRate(const FrameRate& nominal, double driftPpm);
 
 class FilmWriter {
 public:
-    /// @param out  outlives the writer; whether it took all is for its owner to ask, too
+    /// @param out  outlives the writer; its owner also has to check that it took everything
     FilmWriter(const FilmSpec& spec, std::ostream* out);
-    /// Ends the film without a word, if `finish` has not.
+    /// Ends the film, ignoring errors, unless `finish` has.
     ~FilmWriter();
     FilmWriter(const FilmWriter&) = delete;
     FilmWriter& operator=(const FilmWriter&) = delete;
 
-    /// Adds the picture number `number`, counting from 0. The first one gives the size and what its
-    /// colours mean; its time is changed.
+    /// Adds the picture number `number`, counting from 0. The first one sets size and colour space.
+    /// Changes the picture's timestamp.
     /// @throws std::runtime_error when it cannot be encoded or written
     void addPicture(AVFrame* picture, int64_t number);
     /// Adds samples after the last ones, left and right in turn. Not before the first picture.

@@ -33,7 +33,8 @@ std::vector<float> heardSound(const tv::SoundRecord& record, const SoundStore& s
         };
         const auto last = static_cast<int64_t>(std::ceil(end));
         for (auto sample = static_cast<int64_t>(std::ceil(first)); sample < last;) {
-            // As many as follow each other in the film, too: all, unless the speed is not 1.
+            // The run of samples that are consecutive in the film, too: all of them, unless the
+            // speed is not 1.
             const int64_t from = filmSample(sample);
             int64_t run = 1;
             while (sample + run < last && filmSample(sample + run) == from + run) {

@@ -15,7 +15,7 @@ namespace {
 constexpr size_t kKeptDwells = 120;
 constexpr size_t kLivePatternDwells = 24;
 
-/// The last dwells for which there is room, and the one that still counts.
+/// As many of the last dwells as fit, and the one still counting.
 std::string dwellStrip(const LiveFigures& figures, size_t room) {
     std::string strip = figures.now.frameNo >= 0 ? fmt::format("{}..", figures.now.dwell) : "";
     for (auto dwell = figures.dwells.rbegin(); dwell != figures.dwells.rend(); ++dwell) {

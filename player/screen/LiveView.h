@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// What can be told of a playback while it runs, from the vsyncs so far: the frame on screen, the
-// last dwells, the pattern that they follow, the offset from the sync clock. `--live` prints it and
-// the window overlays it.
+// Live figures of a playback, from the vsyncs so far: the frame on screen, the last dwells, the
+// pattern that they follow, the offset from the sync clock. `--live` prints it and the window
+// overlays it.
 #pragma once
 
 #include <cstddef>

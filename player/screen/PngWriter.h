@@ -8,8 +8,8 @@
 
 namespace korvane::player {
 
-/// @param colours  what the canvas's colours mean; if unspecified, what is usual for its size
-/// @throws std::runtime_error when this FFmpeg cannot
+/// @param colours  the canvas's colour space; if unspecified, the usual one for its size
+/// @throws std::runtime_error when this FFmpeg has no PNG encoder
 void writePng(const Canvas& canvas, AVColorSpace colours, std::ostream* out);
 
 }  // namespace korvane::player

@@ -18,7 +18,7 @@ namespace {
 
 /// A picture that stays longer is written before it is known how long it stays.
 constexpr int64_t kHeldVsyncs = 250;
-/// How late it may become known that something was silent.
+/// A silence may become known this late.
 constexpr int64_t kSoundSettlesNs = 500'000'000;
 /// The last dwells, from which the pattern is read.
 constexpr size_t kPatternDwells = 24;
@@ -70,7 +70,7 @@ void Recording::see(const ScreenMoment& moment) {
         mFirstVsync = moment.vsync.index;
         mOriginNs = moment.vsync.timeNs;
     }
-    // A vsync that was not told, because the recording was behind in real time, showed the same.
+    // In real time a recording that fell behind misses vsyncs: they show the picture before.
     const int64_t missed =
         mRun ? moment.vsync.index - mFirstVsync - mWritten - (mRun->vsyncs - mRun->written) : 0;
     const bool same = mRun && mRun->first.frameNo == moment.frameNo &&
@@ -91,7 +91,7 @@ void Recording::see(const ScreenMoment& moment) {
         drawPicture(moment);
     }
     mRun->offsetUs = moment.offsetUs;
-    // The black before the first picture waits for it: it tells what the film's colours mean.
+    // Black vsyncs wait for the first picture, which sets the film's colour space.
     if (mRun->vsyncs > kHeldVsyncs && (mWritten > 0 || moment.frameNo >= 0)) {
         writeRun(false);
     }
@@ -134,7 +134,7 @@ void Recording::drawPicture(const ScreenMoment& moment) {
     }
 }
 
-/// As the film's pictures do; from RGB come BT.709's.
+/// The film's colour space; BT.709 if its pictures are RGB.
 void Recording::describeColours(const AVFrame& picture) {
     const auto* format = av_pix_fmt_desc_get(static_cast<AVPixelFormat>(picture.format));
     const bool rgb = (format->flags & AV_PIX_FMT_FLAG_RGB) != 0;

@@ -6,8 +6,8 @@
 //   sample n    what was audible n / 48000 s after the first recorded vsync
 //
 // How long a picture stays is known when the next one comes: a picture's vsyncs wait until then, so
-// that the bar can tell which of how many each is. Sound is written a little later than it was
-// heard, because an underflow may become known late.
+// that the bar can count them, "2/3". Sound is written a little later than it was heard, because an
+// underflow may become known late.
 #pragma once
 
 #include <cstdint>

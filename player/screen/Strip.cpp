@@ -20,7 +20,7 @@ constexpr int kGap = 4;
 constexpr int kLabelHeight = 40;
 constexpr int kTitleHeight = 32;
 constexpr int kScale = 2;
-/// Of the labels of one frame and of the next, in turn; of the frame that the strip is about.
+/// Brightness of labels: alternating from frame to frame; and that of the strip's own frame.
 constexpr uint8_t kLabelLuma[] = {40, 80};
 constexpr uint8_t kTargetLuma = 200;
 
@@ -85,7 +85,7 @@ void Strip::add(const ScreenMoment& moment, bool sameFrame) {
     }
 }
 
-/// Now it is known for how many vsyncs the last frame stayed.
+/// The last frame's dwell is known now.
 void Strip::endDwell() {
     const auto end = [](auto first, auto last) {
         for (auto cell = first; cell != last && cell->frameNo == first->frameNo; ++cell) {

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 // A contact sheet of the screen around one moment: a small picture for each vsync, eight before it
-// and sixteen from it on, each labelled with its frame, which of how many vsyncs of it this is, the
-// vsync's number and the time since `start`.
+// and sixteen from it on, each labelled with its frame, the vsync's place in that frame's dwell
+// (2/3), the vsync's number and the time since `start`.
 //
-// Where the moment is known before, only the pictures around it are kept. The first unexpected
+// Where the moment is known in advance, only the pictures around it are kept. The first unexpected
 // dwell is found by the report, up to some two thousand frames later: until then all of these are
 // kept, small, in at most 90 MB. Without one, the sheet shows the first vsyncs.
 #pragma once

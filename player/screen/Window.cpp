@@ -33,20 +33,21 @@ namespace {
 constexpr int kWidestDrawn = 1920;
 /// The window at first, if the film is larger.
 constexpr int kFirstWidth = 1280;
-/// From here on films have BT.709's colours.
+/// From this height on, films use BT.709.
 constexpr int kHdHeight = 720;
-/// No divisor of a device's block or of a vsync: looks at the device fall anywhere in a block.
+/// Not a divisor of a device's block or of a vsync, so that polls of the device fall anywhere in a
+/// block.
 constexpr auto kEventInterval = std::chrono::milliseconds(7);
-/// The device is fed this far ahead, in samples: two vsyncs and the device's own buffer.
+/// How far ahead the device is fed, in samples: two vsyncs and the device's own buffer.
 constexpr int64_t kLeadSamples = kSoundHz * 60 / 1000;
-/// A whole number of milliseconds: drivers that sleep keep time then.
+/// A whole number of milliseconds, so that drivers that sleep between blocks keep time.
 constexpr int kDeviceSamples = kSoundHz * 10 / 1000;
 constexpr int64_t kSampleBytes = sizeof(float) * kSoundChannels;
 constexpr int64_t kArrowUs = 5'000'000;
 constexpr int64_t kFarArrowUs = 60'000'000;
 
-/// What loads drivers prints their complaints; the window says in one line what is wrong. Nothing
-/// else writes while a window opens.
+/// Silences what drivers print while they are loaded; the window says in one line what is wrong.
+/// Nothing else writes meanwhile.
 class QuietErrors {
 public:
     QuietErrors() : mSaved(dup(STDERR_FILENO)) {
@@ -246,7 +247,7 @@ private:
         }
     }
 
-    /// Shows the newest moment, if one comes before it is time to look for keys again.
+    /// Shows the newest vsync, if one comes before the next check for keys.
     /// @return false at the end
     bool awaitMoment() {
         std::optional<ScreenMoment> moment;

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // A window that shows the TV's screen in real time, with the sound that is heard.
 //
-//   display's thread  `onVsync`: leaves the newest moment for the window
+//   display's thread  `onVsync`: leaves the newest vsync for the window
 //   window's thread   draws it, feeds the audio device, passes the viewer's keys on
 //
 //   key          does

@@ -2,9 +2,9 @@
 // The fibers that wait with a deadline: a binary heap of timer slots, the earliest in front. A slot
 // has one deadline and lists the fibers that wait for it, in the order in which they came, because
 // threads that poll at the same pace share their deadlines. A fiber knows its slot and a slot its
-// index in the heap, so that a wait that ends early leaves without a search. Only the slot used
-// last is compared with a new deadline: two slots may have the same one. Nothing is allocated
-// except when a thread is created.
+// index in the heap, so that a wait that ends early leaves without a search. A new deadline is
+// compared only with that of the slot used last, so two slots may have the same one. Nothing is
+// allocated except when a thread is created.
 //
 // A Boost.Intrusive multiset of the fibers would do in a third of the lines, but wakes equal
 // deadlines in another order, and a minute of 64 renderers takes it 1.08 s instead of 0.79 s.

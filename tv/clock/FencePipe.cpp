@@ -87,7 +87,7 @@ int FencePipes::make(FencePipe* pipe, int* taken) {
     if (descriptor < 0) {
         return -errno;
     }
-    noteClosed(descriptor);  // if a taker of this number closed it unseen
+    noteClosed(descriptor);  // in case an earlier taker of this number closed it unseen
     mFree.pop_back();
     setTaker(descriptor, pooled);
     pooled->taken = descriptor;

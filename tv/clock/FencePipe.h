@@ -7,8 +7,8 @@
 // without. A taker gets a duplicate of a read end that stays in the pool. The scheduler's `poll`
 // reads the fence's state from the pool; the write end is closed only once the kernel is asked: by
 // a read, by a poll of several descriptors, through a duplicate. InterposeDescriptors.cpp reports
-// these, and every close, by the functions at the end of this file, which are all that the rest of
-// the clock knows of the pool. A pipe whose write end is closed is not used again.
+// these, and every close, through the functions at the end of this file; the rest of the clock
+// knows nothing else of the pool. A pipe whose write end is closed is not used again.
 #pragma once
 
 #include <poll.h>
@@ -77,7 +77,7 @@ private:
 /// Every fiber that polls looks again. Nothing in real time.
 void wakePollers();
 
-// What virtual time reports of the process's descriptors.
+// Virtual time's reports about the process's descriptors.
 
 /// The pooled pipe whose taker has this descriptor, or null.
 PooledPipe* pooledPipeAt(int descriptor);

@@ -53,7 +53,7 @@ struct alignas(64) Fiber {
     const void* waitObject = nullptr;  ///< address of what it waits for
     int64_t sinceNs = 0;
     uint64_t steps = 0;         ///< decisions of a Schedule so far
-    int undisturbed = 0;        ///< scopes in which its calls are no points of preemption
+    int undisturbed = 0;        ///< scopes in which its calls are not points of preemption
     TimerSlot* slot = nullptr;  ///< of its deadline; see Deadlines
     FiberHook sleeperHook;
     FiberHook waiterHook;  ///< see Waiters

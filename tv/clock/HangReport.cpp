@@ -22,7 +22,7 @@ using boost::context::detail::jump_fcontext;
 using boost::context::detail::ontop_fcontext;
 using boost::context::detail::transfer_t;
 
-/// Its address tells which library this is.
+/// Its address identifies this library.
 const char kInThisLibrary = 0;
 
 constexpr int kDeepestStack = 48;
@@ -90,8 +90,8 @@ struct Calls {
 
     void find() { count = backtrace(addresses.data(), kDeepestStack); }
 
-    /// One before the return address, so that a call at the very end of a function is not taken for
-    /// the next function.
+    /// One byte before the return address, so that a call at the very end of a function is not
+    /// attributed to the next function.
     const void* at(int index) const {
         return static_cast<char*>(addresses[static_cast<size_t>(index)]) - 1;
     }
@@ -162,7 +162,7 @@ std::string Scheduler::callers(const Fiber& fiber) const {
     if (&fiber == mCurrent) {
         calls.find();
     } else {
-        // This changes only the saved context, to where the fiber then resumes.
+        // Changes only the saved context, from which the fiber resumes.
         auto& visited = const_cast<Fiber&>(fiber);
         visited.context = ontop_fcontext(fiber.context, &calls, &findCallsOf).fctx;
     }

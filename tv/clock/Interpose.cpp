@@ -40,7 +40,7 @@ bool isVirtual(clockid_t clock) {
            clock == CLOCK_BOOTTIME_ALARM;
 }
 
-/// A wait by one of these would not end: its CPU time stands still while the process waits. Numbers
+/// A wait by one of these would never end: CPU time stands still while the process waits. Numbers
 /// below 0 are the clocks of given processes and threads.
 bool isOfCpuTime(clockid_t clock) {
     return clock == CLOCK_PROCESS_CPUTIME_ID || clock < 0;
@@ -51,7 +51,8 @@ clockid_t clockOf(const pthread_cond_t& condition) {
     return (condition.__data.__wrefs & 2) != 0 ? CLOCK_MONOTONIC : CLOCK_REALTIME;
 }
 
-/// What C++ libraries build futures, atomic waits and the guards of static variables on.
+/// The system call on which C++ libraries build futures, atomic waits and the guards of static
+/// variables.
 struct FutexCall {
     const int* word;
     int operation;
@@ -100,12 +101,12 @@ long realSyscall(long number, const SyscallArguments& a) {
     return korvane::tv::nextVariadic(found, "syscall")(number, a[0], a[1], a[2], a[3], a[4], a[5]);
 }
 
-/// A fiber's id as the kernel knows it: 0, the calling thread.
+/// The kernel's id for any fiber: 0, the calling thread.
 pid_t idInKernel(pid_t thread) {
     return !realTime() && Scheduler::isIdOfFiber(thread) ? 0 : thread;
 }
 
-/// The thread that the kernel knows. Its scheduling is that of every fiber.
+/// The kernel thread, whose scheduling parameters are those of every fiber.
 template <typename Call>
 int onKernelThreadOf(pthread_t thread, const Call& call) {
     if (realTime()) {
@@ -156,7 +157,7 @@ int waitForSemaphore(sem_t* semaphore, clockid_t clock, const timespec* time) {
 
 // ---- the time ----
 
-/// Android's; what the renderer reads, often enough to be spared the way by way of a timespec.
+/// Android's clock. The renderer reads it so often that converting from a timespec would cost.
 KORVANE_INTERPOSE nsecs_t systemTime(int clock) {
     return realTime() || clock != SYSTEM_TIME_MONOTONIC ? real::systemTime::call(clock)
                                                         : gScheduler->readNs();

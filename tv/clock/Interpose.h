@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the files that define libc's names share: the test for real time, and libc's times as the
-// scheduler's.
+// Shared by the files that define libc's names: the test for real time, and conversions from libc's
+// times to the scheduler's.
 #pragma once
 
 #include <ctime>

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // The calls on descriptors, under libc's names. Waits for a descriptor are the scheduler's; whoever
-// waits looks again when this process closes or writes one. The pool of fence pipes learns of every
-// close, and of every call that asks the kernel about a descriptor.
+// waits looks again when this process closes or writes one. The pool of fence pipes is told of
+// every close, and of every call that asks the kernel about a descriptor.
 //
 // A read waits as a fiber where the data can come only from this process: from a pipe of which it
 // has the write end, an eventfd, a socket that it made a pair of. Any other read is done as it is
@@ -35,13 +35,13 @@ int64_t endOfWaitMs(int ms) {
     return ms < 0 ? kNever : gScheduler->after(ms * kNsPerMs);
 }
 
-/// Where /proc says that a descriptor leads; the two ends of a pipe lead to the same.
+/// The target of a link in /proc/self/fd; the two ends of a pipe have the same.
 std::string target(const std::filesystem::path& link) {
     std::error_code closedMeanwhile;
     return std::filesystem::read_symlink(link, closedMeanwhile).string();
 }
 
-/// Whether this process has a descriptor of the same pipe that is not open in this mode alone.
+/// Whether this process has a descriptor of the same pipe that is open in another mode than this.
 bool hasOtherEndHere(int pipe, int mode) {
     const std::filesystem::path descriptors("/proc/self/fd");
     const std::string wanted = target(descriptors / std::to_string(pipe));
@@ -120,7 +120,7 @@ bool fillsOwnPipe(int descriptor, size_t bytes) {
     return bytes > room && hasOtherEndHere(descriptor, O_WRONLY);
 }
 
-/// Waits in `select` as `poll` does. The sets are copied, because a look clears them.
+/// Waits in `select` as `poll` does. The sets are copied, because each check overwrites them.
 int selectUntil(int64_t deadlineNs, int end, fd_set* readable, fd_set* writable,
                 fd_set* exceptional) {
     fd_set* const sets[] = {readable, writable, exceptional};
@@ -152,7 +152,7 @@ int waitForEvents(int epoll, epoll_event* events, int most, int64_t deadlineNs) 
                                  [=] { return real::epoll_wait::call(epoll, events, most, 0); });
 }
 
-/// A duplicate takes a number whose descriptor, if there is one, is closed by that.
+/// A duplicate takes over a number; a descriptor that has it is closed.
 void noteReplaced(int descriptor, int target) {
     noteKernelAsked(descriptor);
     noteKernelAsked(target);

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// The real functions: each interposed name's next definition, which is libc's. The first call looks
-// it up. That call may come from another library's constructor, before any of ours has run, so the
-// pointers are initialised at compile time, with the look-up.
+// The real functions: the next definition of each interposed name, which is libc's. The first call
+// looks it up. That call may come from another library's constructor, before any of this library
+// has run, so each pointer is initialised at compile time, to a function that does the look-up.
 #pragma once
 
 #include <dlfcn.h>
@@ -49,8 +49,8 @@ int __xpg_sigpause(int signal);
 
 namespace korvane::tv {
 
-/// The next definition of a name after this library's. Condition variables have an old and a new
-/// form on processors older than that change; the new one is meant.
+/// The next definition of a name after this library's. On older architectures condition variables
+/// also exist in an older version; this finds the new one.
 inline void* nextDefinition(const char* name) {
     void* found = dlvsym(RTLD_NEXT, name, "GLIBC_2.3.2");
     return found != nullptr ? found : dlsym(RTLD_NEXT, name);

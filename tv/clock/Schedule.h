@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the scheduler of virtual time leaves open, as decisions that a Schedule makes instead of the
-// seed, and what an observer may see of a run.
+// The decisions that the scheduler of virtual time leaves open, made by a Schedule instead of the
+// seed; and what an observer sees of a run.
 //
 // A run is a sequence of steps. At each point of preemption (an access of an instrumented library,
 // a lock, an unlock, a wait, a notification, a thread made or joined) the running thread goes on or
@@ -56,7 +56,7 @@ struct SchedulePoint {
 struct Preemption {
     static constexpr int64_t kStay = -1;
 
-    /// How long the thread is away; 0: it can run again at once, as the last of those that can.
+    /// How long the thread cannot run; 0: it can at once, after all others that can.
     int64_t awayNs = kStay;
     /// The thread that runs now, one of those that can; 0 where there is none.
     int32_t next = 0;
@@ -101,7 +101,8 @@ protected:
     uint64_t mAskFrom = 0;
 };
 
-/// What orders two threads (happens before), and who runs. Numbers of threads as in VirtualTime.
+/// Events that order threads (happens before), and which thread runs. Numbers of threads as in
+/// VirtualTime.
 class RunObserver {
 public:
     RunObserver() = default;
@@ -109,7 +110,7 @@ public:
     RunObserver(const RunObserver&) = delete;
     RunObserver& operator=(const RunObserver&) = delete;
 
-    /// Mutexes and other locks are held; the rest only orders.
+    /// Mutexes and other locks have holders; the others only order.
     enum class Sync : uint8_t { Mutex, OtherLock, Semaphore, Futex, Once, Descriptor };
 
     virtual void began(int32_t thread) = 0;  ///< virtual time did, on this thread

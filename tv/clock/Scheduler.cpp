@@ -188,7 +188,8 @@ size_t Scheduler::chooseRunnable() {
     return choose(ScheduleChoice::What::Runnable, {mNumbers.data(), mNumbers.size()});
 }
 
-/// A schedule is told who has been able to run longest; the seed needs no order.
+/// A schedule gets the threads in the order in which they became able to run; the seed needs no
+/// order.
 Fiber* Scheduler::takeRunnable(size_t index) {
     Fiber* const taken = mRunnable[index];
     if (mOptions.schedule != nullptr) {
@@ -230,7 +231,7 @@ void Scheduler::arrive(const transfer_t& from) {
     mErrno = mCurrent->savedErrno;
     std::memcpy(mExceptions, &mCurrent->savedExceptions, sizeof(mCurrent->savedExceptions));
     if (Fiber* const ended = std::exchange(mEnded, nullptr)) {
-        // An observer would take the next thread on this stack for the one that ended.
+        // Else an observer would take the next thread on this stack for the one that ended.
         const FiberStack stack = std::exchange(ended->stack, {});
         if (mOptions.observer == nullptr) {
             mStacks.giveBack(stack);
@@ -320,7 +321,7 @@ int Scheduler::create(pthread_t* thread, const pthread_attr_t* attributes, void*
     return 0;
 }
 
-/// What leaves a thread's routine by an exception ends the process, as on a kernel thread.
+/// An exception that leaves a thread's routine ends the process, as on a kernel thread.
 void Scheduler::run(transfer_t from) noexcept {
     Scheduler& scheduler = *gScheduler;
     scheduler.arrive(from);

@@ -7,10 +7,10 @@
 // while nobody else can run and nobody's deadline is sooner takes the jump itself, without a
 // switch.
 //
-// Mutexes are kept in the mutex itself, in libc's own layout and values, so that one that is locked
-// while virtual time begins or ends stays valid. `__owner` holds the fiber's id, `__lock` is 2
-// while somebody may wait. Read-write locks, spin locks and semaphores are libc's, taken by its try
-// operations. Condition variables are not touched: Waiters has who waits for one.
+// A mutex's state is in the mutex itself, in libc's own layout and values, so that one that is
+// locked while virtual time begins or ends stays valid. `__owner` holds the fiber's id, `__lock` is
+// 2 while somebody may wait. Read-write locks, spin locks and semaphores are libc's, taken by its
+// try operations. Condition variables are not touched: Waiters has who waits for one.
 //
 // One instance while virtual time is on. Everything here runs on its one kernel thread.
 #pragma once
@@ -141,14 +141,14 @@ public:
         }
         return result;
     }
-    /// Who waits for it tries again.
+    /// Those who wait for it try again.
     void released(WaitFor what, const void* object) {
         ordered(syncOf(what), object, nullptr);
         wakeAll(object);
     }
     int poll(pollfd* descriptors, nfds_t count, int64_t deadlineNs);
-    /// Looks until something is ready. Descriptors change only by what fibers do, so it looks again
-    /// whenever one is closed or written.
+    /// Checks until something is ready. Only fibers change descriptors, so it checks again whenever
+    /// one is closed or written.
     /// @param descriptor  the one that a report names
     /// @param look        returns 0 while nothing is ready
     template <typename Look>
@@ -167,7 +167,7 @@ public:
         }
     }
     void descriptorsChanged() { wakeAll(&mDescriptors); }
-    /// As descriptorsChanged; what the caller did so far happens before the poll that sees it.
+    /// As descriptorsChanged; orders what the caller did so far before the poll that sees it.
     void descriptorsReady() {
         ordered(RunObserver::Sync::Descriptor, &mDescriptors, nullptr);
         descriptorsChanged();
@@ -292,7 +292,7 @@ private:
     std::string describeOwner(const pthread_mutex_t* mutex) const;
     std::string callers(const Fiber& fiber) const;
 
-    // first what the fast path of a sleep touches
+    // members that the fast path of a sleep touches come first
     int64_t mNowNs;
     int64_t mCallsLeft;
     Fiber* mCurrent = nullptr;

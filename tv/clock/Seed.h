@@ -19,10 +19,10 @@ public:
         return mixed ^ (mixed >> 31);
     }
 
-    /// One of 0 to count - 1; count from 1 to 2^32.
+    /// A number from 0 to count - 1; count is from 1 to 2^32.
     size_t below(size_t count) { return static_cast<size_t>(((next() >> 32) * count) >> 32); }
 
-    /// True this often of 65536 times. Draws nothing when that is never.
+    /// True this often out of 65536 times. Draws no number if that is never.
     bool happens(uint32_t of65536) { return of65536 != 0 && below(65536) < of65536; }
 
 private:

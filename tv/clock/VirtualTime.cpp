@@ -45,11 +45,12 @@ std::vector<std::string> namesOfThreads() {
     return names;
 }
 
-/// Threads of an emulator that runs the program: they exist before it creates its first one.
+/// Threads of an emulator that runs the program: they exist before the program creates one.
 const size_t kForeignThreads = namesOfThreads().size() - 1;
 
 void requireSingleThread() {
-    // A folder has a link from each folder in it; names are read only where there are others.
+    // The link count of a folder counts its subfolders, so names are read only if there are
+    // several.
     struct stat tasks {};
     if (stat("/proc/self/task", &tasks) == 0 && tasks.st_nlink == kForeignThreads + 3) {
         return;

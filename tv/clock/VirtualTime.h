@@ -41,11 +41,12 @@ struct VirtualTimeOptions {
     /// How often, of 65536 times, a thread loses the processor where it locks, unlocks, waits or
     /// notifies. 0: threads run until they wait.
     uint32_t preemptions = 0;
-    /// Longest time for which such a thread is away; 0: only those that can run now go first.
+    /// Longest time for which such a thread cannot run; 0: it only lets those that can run now go
+    /// first.
     int64_t longestPreemptionNs = 0;
     /// How often, of 65536 times, a wait on a condition wakes spuriously.
     uint32_t spuriousWakeups = 0;
-    /// Decides in the seed's place, see Schedule.h; null: the seed.
+    /// Decides instead of the seed, see Schedule.h; null: the seed decides.
     Schedule* schedule = nullptr;
     /// Whether plain accesses of an instrumented library are points of preemption, too; atomic ones
     /// always are.
@@ -120,8 +121,8 @@ public:
     VirtualTimeStatistics statistics() const;
 };
 
-/// While one lives, the calling thread's calls are no points of preemption, unless they wait: for
-/// what watches a run, which must be the same without it. Does nothing in real time.
+/// While one exists, the calling thread's calls are not points of preemption unless they wait: for
+/// code that watches a run, which must not change it. Does nothing in real time.
 class Undisturbed {
 public:
     Undisturbed();

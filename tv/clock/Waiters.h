@@ -40,7 +40,7 @@ public:
     }
 
 private:
-    static constexpr int kBucketBits = 10;  // a thousand renderers' waits rarely meet
+    static constexpr int kBucketBits = 10;  // the waits of a thousand renderers rarely share one
 
     using Bucket =
         boost::intrusive::list<Fiber,

@@ -164,7 +164,7 @@ int MediaSync::updateAnchor(long anchorTimeMediaUs, long anchorTimeRealUs, long 
     });
 }
 
-// Without a maximum media time there is nothing to run past.
+// There is no maximum media time to exceed.
 int MediaSync::getMediaTime(long realUs, long* outMediaUs, bool /*allowPastMaxTime*/) {
     return clientIn(mOpaque).onInstance([=](SyncInstance& instance) {
         *outMediaUs = instance.mediaTimeAt(realUs);

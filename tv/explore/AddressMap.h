@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// A hash map by address that is emptied in no time: an entry is valid while it has the map's
-// generation. Values are reused, so that what they have allocated stays.
+// A hash map by address that is emptied in constant time: an entry is valid while it has the map's
+// generation. Values are reused, so they keep the memory that they have allocated.
 #pragma once
 
 #include <cstdint>
@@ -63,7 +63,7 @@ private:
         }
     }
 
-    static constexpr size_t kFirstSlots = 1024;  // a power of two, as all their numbers
+    static constexpr size_t kFirstSlots = 1024;  // a power of two, at every size
 
     std::vector<Slot> mSlots{kFirstSlots};
     size_t mMask = kFirstSlots - 1;

@@ -18,7 +18,7 @@ public:
 
     CallStacks() : mNodes(1), mSlots(kFirstSlots) {}
 
-    /// @param caller  the instruction behind the call
+    /// @param caller  the instruction after the call
     StackId enter(StackId from, const void* caller) {
         size_t index = slotOf(from, caller);
         for (; mSlots[index] != 0; index = (index + 1) & mMask) {
@@ -70,7 +70,7 @@ private:
         return added;
     }
 
-    static constexpr size_t kFirstSlots = 1024;  // a power of two, as all their numbers
+    static constexpr size_t kFirstSlots = 1024;  // a power of two, at every size
 
     size_t mMask = kFirstSlots - 1;
     std::vector<Node> mNodes;

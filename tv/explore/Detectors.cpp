@@ -25,7 +25,7 @@ AccessCell* mapCells(size_t bytes) {
     return cells != MAP_FAILED ? static_cast<AccessCell*>(cells) : nullptr;
 }
 
-/// Code of the libraries that have told of themselves; their constructors may come before ours.
+/// Code of the libraries that have registered; their constructors may run before those of this one.
 std::vector<uintptr_t>& instrumentedCode() {
     static std::vector<uintptr_t> code;
     return code;
@@ -43,7 +43,7 @@ bool isInstrumented(const dl_phdr_info& library) {
     });
 }
 
-/// Adds a library's variables, if they are not known.
+/// Adds a library's variables, unless they are known.
 int addVariables(dl_phdr_info* library, size_t, void* to) {
     auto& ranges = *static_cast<std::vector<CheckedRange>*>(to);
     if (!isInstrumented(*library)) {
@@ -106,8 +106,8 @@ void Exploration::Detectors::findVariables() {
 
 // ---- accesses ----
 
-/// Orders as the memory model says; an order that is stronger than what the program asked for never
-/// hides a race, because only the order asked for is followed here.
+/// Orders as the memory model says. Atomics run sequentially consistent, but this follows only the
+/// order that the program asked for, so no race is hidden.
 void Exploration::Detectors::atomic(Step step, const void* object, size_t bytes, int order,
                                     const void* code) {
     current->lastCode = code;
@@ -279,8 +279,8 @@ void Exploration::Detectors::drop(const void* object) {
     }
 }
 
-/// A lock is about to be taken: what is held comes before it. A way back from it to one that is
-/// held is a circle, unless one thread went all of it.
+/// A lock is about to be taken: each lock held comes before it. A path back from it to a held lock
+/// is a cycle, unless a single thread took all of it.
 void Exploration::Detectors::orderLock(const void* taken, const void* code) {
     for (const HeldLock& held : current->held) {
         const bool noted =
@@ -336,7 +336,7 @@ void Exploration::Detectors::reportRace(const KeptAccess& first, const KeptAcces
     const auto placeOf = [](const KeptAccess& access) {
         return CodePlace{access.code, access.stack, access.thread};
     };
-    // One text for both orders.
+    // The same text for both orders of the two accesses.
     const bool swap = std::pair(second.writes, first.code) > std::pair(first.writes, second.code);
     const KeptAccess& one = swap ? second : first;
     const KeptAccess& other = swap ? first : second;
@@ -392,8 +392,7 @@ void Exploration::Detectors::report(FoundFault fault) {
 
 // ---- what a run leaves ----
 
-/// Marks the living blocks to which a pointer leads from the libraries' variables, and from those
-/// blocks.
+/// Marks the live blocks that are reachable from the libraries' variables.
 std::vector<bool> Exploration::Detectors::reachable() {
     const auto& blocks = heap.blocks();
     std::vector<bool> reached(blocks.size());
@@ -455,7 +454,7 @@ void Exploration::Detectors::resolve() {
             std::vector<const void*> codes = stacks.callers(place.stack);
             codes.insert(codes.begin(), place.code);
             const std::vector<SourcePlace> calls = placesOf(codes);
-            // In the program's own words: not std::atomic's, but where that is used.
+            // Names the place that uses std::atomic, and not the place inside it.
             const auto own = std::find_if(calls.begin(), calls.end(),
                                           [](const SourcePlace& call) { return !call.ofSystem; });
             fault.what += std::string(fault.details.empty() ? ": " : ", ") +

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The detectors: what each thread has done and what orders it, kept for one run; the faults and the
-// coverage of all runs. See Exploration.h for what is reported.
+// The detectors: accesses and the order between threads, kept for one run; faults and coverage,
+// kept for all runs. Exploration.h says what is reported.
 //
 // For each eight bytes the last accesses are kept that a later one can race with, with thread and
 // time. An access races with a kept one of another thread unless it knows that thread's time
@@ -36,7 +36,7 @@ struct KeptAccess {
     bool conflictsWith(const KeptAccess& other) const {
         return (bytes & other.bytes) != 0 && (writes || other.writes) && !(atomic && other.atomic);
     }
-    /// Whether what races with the other races with this one too.
+    /// Whether every access that races with the other races with this one too.
     bool standsFor(const KeptAccess& other) const {
         return (other.bytes & ~bytes) == 0 && writes >= other.writes && atomic <= other.atomic;
     }
@@ -73,7 +73,7 @@ struct ThreadState {
     void clear();
 };
 
-/// What a lock or an atomic has released, and who used it last.
+/// The clock that a lock or an atomic has released, and its last user.
 struct SyncState {
     VectorClock clock;
     KeptAccess last;
@@ -195,7 +195,7 @@ private:
         }
     }
     void checkMore(const CheckedRange& range, size_t at, size_t end, KeptAccess access);
-    /// The same again says nothing new.
+    /// Skips a repetition of the latest access.
     void check(AccessCell& cell, const KeptAccess& access) {
         const KeptAccess& latest = cell.kept[cell.latest];
         if (!KORVANE_LIKELY(cell.run == run && latest.thread == access.thread &&
@@ -211,7 +211,7 @@ private:
     std::vector<bool> reachable();
 };
 
-/// A library compiled for exploring has been loaded; the code is its own.
+/// A library compiled for exploring has been loaded, with this code.
 void noteInstrumented(const void* code);
 
 /// Null outside of runs.

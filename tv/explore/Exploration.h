@@ -1,13 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
-// What is looked for while schedules are explored: the detectors' front. It sees every access of an
-// instrumented library (Runtime.cpp) and what orders the threads (as the RunObserver of virtual
-// time), and reports:
+// Looks for faults while schedules are explored: the interface of the detectors. It sees every
+// access of an instrumented library (Runtime.cpp) and what orders the threads (as the RunObserver
+// of virtual time), and reports:
 //
 //   Race          two threads access the same bytes, one of them writes, at least one not
 //   atomically,
 //                 and nothing orders the two (happens before), whether it mattered in this run or
 //                 not
-//   LockOrder     locks that threads take in a circle
+//   LockOrder     a cycle in the order in which threads take locks
 //   UseAfterFree  an access to a block that was freed in this run, or freed twice
 //   Outside       an access next to a block of memory
 //   MemoryLeak, DescriptorLeak   what is left at the end of a run

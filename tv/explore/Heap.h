@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
-// The memory that instrumented code allocates while schedules are explored: one after the other out
-// of an arena, never reused in a run, so that every access to a freed block is known as one. The
-// next run begins at the arena's start again, behind what the last one left.
+// The memory that instrumented code allocates while schedules are explored: consecutive blocks of
+// an arena, never reused in a run, so that every access to a freed block is recognised. The next
+// run begins at the start of the arena again, after the blocks that the last run left.
 //
-// A byte for each eight of the arena says how many of them belong to a living block, or that the
+// One byte for each eight of the arena says how many of them belong to a live block, or that the
 // block was freed. Blocks have eight bytes or more that belong to nobody between them.
 #pragma once
 
@@ -47,7 +47,7 @@ public:
         return static_cast<size_t>(static_cast<const char*>(address) - mArena);
     }
 
-    /// Whether so many bytes there belong to living blocks; the address is in the arena.
+    /// Whether these bytes belong to live blocks; the address is in the arena.
     bool living(const void* address, size_t bytes) const {
         const size_t at = offset(address);
         const size_t first = at % kGranule;
@@ -58,7 +58,7 @@ public:
 
     /// @return null when the arena is used up
     void* allocate(size_t bytes, size_t alignment, const CodePlace& place);
-    /// @return the living block that begins there; null for none
+    /// @return the live block that begins there; null for none
     HeapBlock* find(const void* begin);
     /// The block at an address or right before it; null for none.
     const HeapBlock* near(const void* address) const;
@@ -70,7 +70,8 @@ public:
         return static_cast<size_t>(&block - mBlocks.data());
     }
 
-    /// The next run; what is still living stays where it is, for whoever has a pointer to it.
+    /// Begins the next run; blocks that are still live stay where they are, because something may
+    /// point to them.
     void beginRun();
 
 private:

@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // What a library compiled with -fsanitize=thread calls: at each access to memory, each atomic
 // operation, each function's begin and end. In virtual time with a Schedule each of them is a point
-// of preemption; the detectors see them all. Otherwise they do what the program asked for and no
-// more.
+// of preemption; the detectors see them all. Otherwise they only do what the program asked for.
 //
 // The names are the compilers'. The library is linked against this file and not against the
 // sanitizer's own runtime, so that the calls end here.
@@ -111,8 +110,8 @@ KORVANE_RUNTIME void __tsan_write_range(void* object, size_t bytes) {
     access(Step::Write, object, bytes, KORVANE_CALLER);
 }
 
-/// A constructor or destructor writes its own table's address over its base's. Writing the same
-/// again changes nothing that another thread could see.
+/// A constructor or destructor overwrites its base's table address with its own. Writing the same
+/// address again changes nothing that another thread could see.
 KORVANE_RUNTIME void __tsan_vptr_update(void** table, void* value) {
     if (*table != value) {
         access(Step::Write, table, sizeof(*table), KORVANE_CALLER);
@@ -144,8 +143,8 @@ KORVANE_RUNTIME void __tsan_vptr_read(void** table) {
 KORVANE_BLOCK_OPERATIONS(__wrap_)
 KORVANE_BLOCK_OPERATIONS(__tsan_)
 
-// ---- atomics, all in sequentially consistent order: virtual time has one kernel thread. The order
-// that was asked for counts for the detectors. ----
+// ---- atomics, all in sequentially consistent order: virtual time has one kernel thread. The
+// detectors follow the order that was asked for. ----
 
 #define KORVANE_CHANGE(bits, T, name, builtin)                                               \
     KORVANE_RUNTIME T __tsan_atomic##bits##_##name(volatile T* object, T value, int order) { \

@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
-// The places of a program at which it matters who runs: those where an object was accessed that one
-// thread changes and another accesses, which was there already when the object was changed. A
-// preemption anywhere else has the effect of one
-// at the thread's next such place, so that strategies can leave the other points out.
+// The places of a program at which it matters which thread runs: those that access an object that
+// one thread changes while another thread that accesses it exists already. A preemption anywhere
+// else has the same effect as one at the thread's next such place, so strategies can skip the other
+// points.
 //
-// They are learned from runs that are made for it: `Learning` around a strategy notes every point.
+// They are learned from extra runs: `Learning` wraps a strategy and notes every point.
 #pragma once
 
 #include <algorithm>
@@ -21,7 +21,7 @@ public:
     void note(const SchedulePoint& point);
     /// A thread can run, perhaps for the first time.
     void noteThread(int32_t thread) { mNewestThread = std::max(mNewestThread, thread); }
-    /// The run has ended; the next one's objects are others.
+    /// The run has ended; the next one has other objects.
     void endRun();
 
     /// Whether it matters who runs at this point. Making and joining a thread always does.

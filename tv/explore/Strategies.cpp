@@ -11,7 +11,8 @@ namespace {
 
 constexpr int64_t kShortestAwayNs = 10'000;
 
-/// Runs of a strategy draw from seeds of their own, so that one can be made without those before.
+/// Each run of a strategy draws from its own seed, so that it can be repeated without the runs
+/// before it.
 
 }  // namespace
 
@@ -192,7 +193,7 @@ Preemption Pct::decidePoint(const SchedulePoint& point, const ThreadList& runnab
     return stays ? Preemption{} : Preemption{awayNs, best};
 }
 
-/// A thread that yields waits for something that others do.
+/// A thread that yields waits for other threads.
 size_t Pct::decideChoice(const ScheduleChoice& choice) {
     for (const int32_t thread : choice.threads) {
         if (thread == choice.thread) {
@@ -222,7 +223,7 @@ bool Exhaustive::begin() {
     return true;
 }
 
-/// The way that this run takes at its next branch.
+/// The choice of this run at its next branch.
 size_t Exhaustive::follow(size_t ways) {
     if (mDepth == mBranches.size()) {
         mBranches.push_back({0, ways});

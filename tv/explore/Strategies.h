@@ -8,7 +8,7 @@
 //   Exhaustive   every schedule with at most so many preemptions, depth first
 //   Replay       the schedule that a text says
 //
-// Each records in what a run differed from the default; a Replay of that gives the same run. One
+// Each records where a run differed from the default; a Replay of that gives the same run. One
 // object serves many runs: `next` before each.
 #pragma once
 
@@ -41,16 +41,16 @@ public:
     /// @return false when every run has been made
     bool next();
 
-    /// Which run that is, from 1.
+    /// The number of that run, from 1.
     uint64_t run() const { return mRun; }
 
-    /// The next run is this one. A random strategy's runs depend on seed and number only.
+    /// Sets the number of the next run. A random strategy's run depends only on seed and number.
     void startAt(uint64_t run) { mRun = run - 1; }
 
     /// The run's schedule so far.
     const std::vector<Deviation>& deviations() const { return mDeviations; }
 
-    /// For how long the schedule has kept threads away in this run, added up.
+    /// The total time for which the schedule has kept threads from running in this run.
     int64_t awayNs() const { return mAwayNs; }
 
     /// Preempts at these places only, and counts only points there. Set between two runs; null: at
@@ -94,11 +94,11 @@ private:
 /// What the random strategies share.
 struct RandomOptions {
     uint64_t seed = 1;
-    /// Of 65536 preemptions, those after which the thread is away while time passes.
+    /// Out of 65536 preemptions, those after which the thread cannot run for some time.
     uint32_t away = 16384;
-    /// Longest time away; lengths are drawn evenly among powers of two.
+    /// The longest such time; lengths are drawn evenly among powers of two.
     int64_t longestAwayNs = 40'000'000;
-    /// Of 65536 waits on a condition.
+    /// Out of 65536 waits on a condition, those that end spuriously.
     uint32_t spuriousWakeups = 1024;
 };
 
@@ -166,7 +166,7 @@ public:
     /// Whether every schedule has been visited; then `run` says how many there are.
     bool complete() const { return mComplete; }
 
-    /// The program did something else though its schedule began alike, so that `complete` means
+    /// The program behaved differently under the same beginning of a schedule, so `complete` means
     /// nothing.
     bool diverged() const { return mDiverged; }
 

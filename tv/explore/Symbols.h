@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// Instructions as places in the source: "function file:line", by addr2line. Of calls that the
-// compiler has inlined, the innermost one outside of the system's headers is meant. Without
-// addr2line, or without line tables, "function library+offset". Slow: for reports only, and not in
-// virtual time.
+// Instructions as places in the source: "function file:line", by addr2line. For inlined calls, the
+// innermost one outside of the system's headers. Without addr2line, or without line tables,
+// "function library+offset". Slow: for reports only, and not in virtual time.
 #pragma once
 
 #include <string>

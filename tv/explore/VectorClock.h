@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Vector clocks: for each thread, the last of its times that happens before now. A thread's own
-// time grows whenever it releases something, so that what it does afterwards is told apart.
+// time grows whenever it releases something, which separates what it does before from what it does
+// after.
 #pragma once
 
 #include <algorithm>
