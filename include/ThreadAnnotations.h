@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Thread-safety annotations: which lock guards what. clang reports a use without the lock and locks
-// taken in the wrong order, provided that the C++ library's locks are annotated too; libc++'s are
-// on request. Other compilers see empty macros. They change neither code nor layout.
+// taken in the wrong order, provided that the C++ library's locks are annotated, too; libc++'s are
+// if a macro asks for it. Other compilers see empty macros. They change neither code nor layout.
 //
 // A function that the analysis cannot follow is excluded by KORVANE_LOCKS_UNCHECKED, with the
 // reason beside it. Constructors and destructors are not analysed: no other thread has the object.

@@ -127,7 +127,7 @@ void hangWithHandler() {
 
 class HangTest : public InVirtualTime {};
 
-// What a std::thread was given, as the report names it: libc++ keeps no name of that, only a place.
+// The name of a std::thread's function in the report: with libc++ only its place is known.
 #ifdef __GLIBCXX__
 #define GIVEN_FUNCTION "void \\(\\*\\)\\(\\)"
 #define GIVEN_LAMBDA "korvane::test::.*unlockAnothers\\(\\)::.lambda\\(\\)#1."

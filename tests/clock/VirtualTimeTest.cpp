@@ -75,7 +75,8 @@ TEST_F(VirtualTimeTest, SleepersWakeAtTheirDeadlines) {
     EXPECT_EQ(90 * kMs, time.statistics().elapsedNs);
 }
 
-/// Sleepers of many paces, which often meet, and waits that others end early: each wakes on time.
+/// Threads that sleep at different paces, often to the same deadline, and waits that others end
+/// early: each wakes on time.
 TEST_F(VirtualTimeTest, MeetingSleepersAndEndedWaitsKeepEveryDeadline) {
     constexpr int kThreads = 40;
     constexpr int kRounds = 500;
@@ -442,7 +443,7 @@ TEST_F(VirtualTimeTest, FenceWaitsInVirtualTime) {
     display.join();
 }
 
-/// What the kernel says, without virtual time noticing that it is asked.
+/// The kernel's answer, asked without virtual time noticing.
 bool kernelSaysReady(int descriptor) {
     pollfd poller{descriptor, POLLIN, 0};
     const timespec atOnce{};
@@ -493,11 +494,11 @@ TEST_F(VirtualTimeTest, FencePipeIsUsedAgainWhenItsTakerHasClosed) {
     close(beside.taken);
 }
 
-/// However the kernel comes to be asked about a signal, before it comes or after, it shows what is.
+/// However the kernel is asked about a fence, before it signals or after, it answers what is true.
 TEST_F(VirtualTimeTest, FenceThatTheKernelIsAskedAboutShowsThere) {
     constexpr int kTarget = 500;
     const int epoll = epoll_create1(EPOLL_CLOEXEC);
-    // each asks, and returns another descriptor of the signal, if it makes one
+    // each asks, and returns another descriptor of the fence, if it makes one
     const std::vector<std::pair<const char*, std::function<int(int)>>> ways = {
         {"dup", [](int taken) { return dup(taken); }},
         {"dup2", [](int taken) { return dup2(taken, kTarget); }},

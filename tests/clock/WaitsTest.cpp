@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // The less common waits of libc in virtual time: semaphores, timed locks and joins, spin locks,
-// waits for descriptors; and what a thread learns of itself and of its process.
+// waits for descriptors; and what a thread can find out about itself and its process.
 #include <dlfcn.h>
 #include <gmock/gmock.h>
 #include <poll.h>

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What audio does to the clock, step by step. The test sets the time.
+// How audio drives the clock, step by step. The test sets the time.
 #include "tv/AudioModel.h"
 
 #include <gtest/gtest.h>

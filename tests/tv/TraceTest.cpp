@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The trace file: whole packets, every event counted, bounded memory. What the packets say is
-// tested by tests/player/report/trace_test.py.
+// The trace file: whole packets, every event counted, bounded memory. The contents of the packets
+// are tested by tests/player/report/trace_test.py.
 #include "tv/Trace.h"
 
 #define ATRACE_TAG ATRACE_TAG_VIDEO

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the command line is read as, and what is said of a wrong one.
+// How command lines are parsed, and the messages for wrong ones.
 #include <gmock/gmock.h>
 
 #include <algorithm>

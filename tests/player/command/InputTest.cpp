@@ -123,7 +123,7 @@ TEST(GeneratorTest, PlaysPicturesAndSound) {
         GTEST_SKIP() << result.error;
     }
     EXPECT_THAT(result.output, AllOf(HasSubstr("[2:2] seen"), HasSubstr("#1 audio pcm_s16le")));
-    // Soft telecine: frames last 3 and 2 fields by turns.
+    // Soft telecine: frames last 3 and 2 fields, alternating.
     EXPECT_THAT(shell("$TV play 'lavfi:testsrc=size=64x36:rate=60000/1001,select=eq(mod(n\\,5)\\,0)"
                       "+eq(mod(n\\,5)\\,3)' --rate 120 --seconds 4 --quiet")
                     .output,

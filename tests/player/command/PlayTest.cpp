@@ -127,8 +127,8 @@ void PrintTo(const Scenario& scenario, std::ostream* out) {
 
 constexpr char kLocks[] = "pattern=[3:2] held_after_us=0..1000000 stayed=true";
 
-/// What scenarios cannot test: files, options, signals. And one of each kind of fault for builds
-/// with a sanitizer, which do not run scenarios.
+/// Tests that scenarios cannot be: files, options, signals. Also one of each kind of fault, for
+/// builds with a sanitizer, which do not run scenarios.
 const Scenario kScenarios[] = {
     {"24on60", "24.mp4 --rate 60", "frames_in=72", kLocks},
     {"SoundIsHeardWithItsPicture", "24.mp4 --rate 50", "",

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// What names of inputs stand for, and how much waits where one reader is far ahead of the other.
+// How names of inputs are interpreted, and how much is queued where one reader is far ahead of the
+// other.
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What splices cost on screen, from frames as a playback tells them.
+// The time that splices cost on screen, from the frames of a playback.
 #include "player/report/SpliceMeter.h"
 
 #include <gtest/gtest.h>

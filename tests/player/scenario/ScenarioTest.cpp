@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Scenario files: what is read, what is refused and how; made-up content; what a failed expectation
-// says.
+// Scenario files: what is read, and what is refused with which message; synthetic content; messages
+// of failed expectations.
 #include <gmock/gmock.h>
 
 #include "player/media/SyntheticContent.h"
