@@ -44,7 +44,7 @@ constexpr CauseWords kCauseWords[kBreakCauses] = {
     {"resume", "the way back into step after a pause"},
     {"underflow", "audio that ran dry"},
     {"drop", "dropped frames"},
-    {"lost", "frames without an account"},
+    {"lost", "frames unaccounted for"},
     {"late_frame", "frames handed in late"},
     {"no_buffer", "no free frame buffer"},
     {"fence", "release fences that came late or never"},

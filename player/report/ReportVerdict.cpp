@@ -26,10 +26,10 @@ std::string faults(const PlaybackRecord& record, const Summary& summary) {
         }
     };
     const int64_t refused = summary.refusedByTunnel;
-    add(summary.count(Outcome::Lost) - refused, "frame", " without an account");
+    add(summary.count(Outcome::Lost) - refused, "frame", " unaccounted for");
     add(refused, "frame", " refused by the tunnel and never given back");
     add(record.buffersKept, "buffer", " never came back");
-    add(record.pool.unknownReturned, "buffer", " came back that was not ours");
+    add(record.pool.unknownReturned, "buffer", " came back that is not the player's");
     add(record.overwrittenOnScreen, "picture", " overwritten on screen");
     return fmt::format("{}", fmt::join(found, "; "));
 }

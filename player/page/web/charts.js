@@ -82,7 +82,7 @@ const inWindow = new IntersectionObserver((entries) => {
 
 let downAt = -1;
 addEventListener('mousedown', (event) => { downAt = event.clientX; }, true);
-/** A click, not the end of a drag. */
+/** A click, as opposed to the end of a drag. */
 function pick(plot, event) {
   if (Math.abs(event.clientX - downAt) > 3) return;
   const at = plot.posToVal(event.offsetX, 'x');
@@ -131,7 +131,7 @@ function redraw(chart) {
   chart.plot.redraw(false, true);
 }
 
-/** What changed is drawn again where it is seen. */
+/** Redraws what changed and is in view. */
 function follow(chart, now) {
   if (now.has('view') || now.has('theme')) {
     chart.visible ? redraw(chart) : (chart.stale = true);
@@ -331,7 +331,7 @@ function drawBreaks(u, context, top) {
     last[key] = x;
     drawn.push([found.kind !== 0, colour, shape, x, yOf(u, dwell) - (found.kind ? 9 : 11) * dpr(), found.dwell]);
   }
-  // Those that were not to be expected on top.
+  // Unexpected ones on top.
   drawn.sort((a, b) => b[0] - a[0]);
   for (const [calm, colour, shape, x, y, dwell] of drawn) {
     context.beginPath();

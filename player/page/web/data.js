@@ -24,7 +24,7 @@ function after(numbers, value) {
   }
   return low;
 }
-/** Index of the first element that is not less. */
+/** Index of the first element that is not less than a value, in ascending numbers. */
 function notBefore(numbers, value) {
   let low = 0, high = numbers.length;
   while (low < high) {

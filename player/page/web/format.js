@@ -36,7 +36,7 @@ function clock(value, decimals = 3) {
     : `${sign}${Math.floor(minutes / 60)}:${String(minutes % 60).padStart(2, '0')}:${rest}`;
 }
 
-/** Colour and shape of each cause. What they have in common is who could have prevented it. */
+/** Colour and shape of each cause. Causes of one colour have the same party to blame. */
 const causeLooks = {
   'unexplained': ['mark', 'star'], 'pause': ['grey', 'square'], 'resume': ['grey', 'triangle'],
   'underflow': ['purple', 'square'], 'drop': ['red', 'triangle'], 'lost': ['red', 'cross'],

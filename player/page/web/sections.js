@@ -176,7 +176,7 @@ const outcomeColours = { shown: 'bar', superseded: 'purple', dropped: 'red', flu
   'discarded by stop': 'bar2', 'in tunnel at stop': 'sky', lost: 'mark', pending: 'mark' };
 const outcomeStages = { shown: 'display', superseded: 'tunnel: a newer frame was due at the same vsync',
   dropped: 'library: given back unseen', flushed: 'player: its call of flush', refused: 'library: given back at its time, unseen',
-  'discarded by stop': 'library: in its queue at stop', 'in tunnel at stop': 'tunnel: waiting at stop', lost: 'without an account' };
+  'discarded by stop': 'library: in its queue at stop', 'in tunnel at stop': 'tunnel: waiting at stop', lost: 'unaccounted for' };
 
 function fillOutcomes() {
   const rows = [], bar = [];

@@ -449,7 +449,7 @@ TEST(Report, TheVerdictNamesWhatIsMissing) {
     record.buffersKept = 2;
     const Summary summary = summarise(record);
     EXPECT_FALSE(summary.ok());
-    EXPECT_THAT(summary.verdict, AllOf(HasSubstr("FAULT: 1 frame without an account"),
+    EXPECT_THAT(summary.verdict, AllOf(HasSubstr("FAULT: 1 frame unaccounted for"),
                                        HasSubstr("2 buffers never came back")));
 }
 
