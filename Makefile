@@ -24,8 +24,9 @@ ARGS ?=
 TIME ?= 10m
 TEST_ARGS ?=
 install := @scripts/install-deps.sh
+programs := korvane-tv korvane-tv-testbench
 
-.PHONY: all build play build-tests test check licences rooms format-check tidy sanitize-asan \
+.PHONY: all build configure play build-tests test check licences rooms format-check tidy sanitize-asan \
     sanitize-tsan aarch64 build-aarch64 libcxx soong page abi abi-reason abi-accept package bench format \
     clean window coverage fuzz explore planted
 # Each command uses all processors by itself.
@@ -33,20 +34,21 @@ install := @scripts/install-deps.sh
 
 all: build
 
-# The library, the simulated TV and korvane-tv. `make build-tests` adds the rest in the same folder,
-# which keeps its configuration from then on.
-build:
+# korvane-tv with all its commands. `make build-tests` adds the tests in the same folder, which keeps
+# its configuration from then on.
+build: configure
+	cmake --build --preset programs -j $(JOBS)
+
+configure:
 	$(install)
 	@[ -e build/release/build.ninja ] || cmake --preset play
-	cmake --build --preset play -j $(JOBS)
 
-# Fetches the clip while it builds. Make passes FILE in the environment, so that the shell does not
-# interpret any character of it.
-play:
-	$(install)
+# Builds what plays a film, and fetches the clip meanwhile. Make passes FILE in the environment, so that
+# the shell does not interpret any character of it.
+play: configure
 	@mkdir -p build; fetch=; \
 	[ -n "$$FILE" ] || { scripts/fetch-clip.sh >build/clip & fetch=$$!; }; \
-	$(MAKE) --no-print-directory build && \
+	cmake --build --preset play -j $(JOBS) && \
 	{ [ -z "$$fetch" ] || { wait $$fetch && FILE=$$(cat build/clip); }; } && \
 	build/release/bin/korvane-tv play "$$FILE" $(ARGS)
 
@@ -92,7 +94,7 @@ format-check:
 soong:
 	$(install) test soong
 	cmake --preset release
-	cmake --build --preset release -j $(JOBS) --target korvane-tv
+	cmake --build --preset release -j $(JOBS) --target $(programs)
 	ctest --preset release -R '^soong_' --no-tests=error $(TEST_ARGS)
 
 # As soong: its browser is installed by this command alone.
@@ -100,14 +102,14 @@ page:
 	$(install) test page
 	scripts/fetch-uplot.sh
 	cmake --preset release
-	cmake --build --preset release -j $(JOBS) --target korvane-tv
+	cmake --build --preset release -j $(JOBS) --target $(programs)
 	ctest --preset release -R '^player_(clips|page_test)$$' --no-tests=error $(TEST_ARGS)
 
 # A build that was made before the headers were there finds them now.
 window: build
 	$(install) test window
 	cmake --preset release
-	cmake --build --preset release -j $(JOBS) --target korvane-tv
+	cmake --build --preset release -j $(JOBS) --target $(programs)
 	ctest --preset release -R '^player_watch_test$$' --no-tests=error $(TEST_ARGS)
 
 # The tests and scenarios of the release build on a copy of the library that counts what runs.
@@ -126,13 +128,13 @@ fuzz:
 explore:
 	$(install) test
 	cmake --preset release
-	cmake --build --preset release -j $(JOBS) --target korvane-tv explore
+	cmake --build --preset release -j $(JOBS) --target $(programs) explore
 	build/release/bin/korvane-tv explore --for $(TIME) --jobs $(JOBS) $(ARGS)
 
 planted:
 	$(install) test
 	cmake --preset release
-	cmake --build --preset release -j $(JOBS) --target korvane-tv explore planted
+	cmake --build --preset release -j $(JOBS) --target $(programs) explore planted
 	tests/explore/planted.sh build/release/bin/korvane-tv build/release/lib/planted tests/explore/planted
 
 libcxx: build

@@ -4,7 +4,8 @@
 # korvane::options   warnings, C++17 (older device trees build the library), sanitizers, and with the
 #                    device's C++ library the check of the lock annotations.
 # korvane::library   what the device library adds: no exceptions, no run-time type information,
-#                    nothing exported unless a declaration says so, types in its debug information.
+#                    nothing exported unless a declaration says so, types in its debug information,
+#                    calls of other libraries without a jump through the procedure linkage table.
 
 set(CMAKE_CXX_EXTENSIONS OFF)
 set(CMAKE_POSITION_INDEPENDENT_CODE ON)
@@ -78,4 +79,4 @@ target_link_libraries(korvane_library INTERFACE korvane::options)
 # interface is read from the library's types.
 target_compile_options(korvane_library INTERFACE $<$<CONFIG:RelWithDebInfo>:-g2>)
 target_compile_options(korvane_library INTERFACE -fno-exceptions -fno-rtti -fvisibility=hidden
-                                                 -fvisibility-inlines-hidden)
+                                                 -fvisibility-inlines-hidden -fno-plt)

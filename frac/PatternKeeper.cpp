@@ -361,21 +361,23 @@ KORVANE_LOCKS_UNCHECKED bool VideoSyncFRAC::checkPattern(long* outRealTimeUs) {
     }
     *outRealTimeUs = frame.syncRealTimeUs;
 
-    const int64_t targetEndUs = saturatingAdd(frame.targetVsyncTime, mPriv->lastVsync.vsyncInc);
-    const int64_t intoIntervalUs = saturatingSub(frame.syncRealTimeUs, frame.targetVsyncTime);
     if (isPatternInForce) {
         KORVANE_LOGD(gLogMask, kLogFrame, kTag,
                      "[%s]pattern %s No:%d finnal repeatcnt:%d vsynccnt:%ld, vsynctime[%ld-%ld], "
                      "diffvsync:%ld, diffnow:%ld",
                      __func__, patternName(mPriv->curPattern), frame.frameNo, frame.repeatVsyncCnt,
-                     frame.targetVsyncCnt, frame.targetVsyncTime, targetEndUs, intoIntervalUs,
+                     frame.targetVsyncCnt, frame.targetVsyncTime,
+                     saturatingAdd(frame.targetVsyncTime, mPriv->lastVsync.vsyncInc),
+                     saturatingSub(frame.syncRealTimeUs, frame.targetVsyncTime),
                      saturatingSub(frame.syncRealTimeUs, monotonicNowUs()));
     } else {
         KORVANE_LOGD(gLogMask, kLogFrame, kTag,
                      "[%s] NO:%d finnal repeatcnt:%d vsynccnt:%ld, vsynctime[%ld-%ld], "
                      "diffvsync:%ld, diffnow:%ld",
                      __func__, frame.frameNo, frame.repeatVsyncCnt, frame.targetVsyncCnt,
-                     frame.targetVsyncTime, targetEndUs, intoIntervalUs,
+                     frame.targetVsyncTime,
+                     saturatingAdd(frame.targetVsyncTime, mPriv->lastVsync.vsyncInc),
+                     saturatingSub(frame.syncRealTimeUs, frame.targetVsyncTime),
                      saturatingSub(frame.syncRealTimeUs, monotonicNowUs()));
     }
     return true;

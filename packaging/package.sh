@@ -14,7 +14,7 @@ fail() {
     exit 2
 }
 
-for file in CPackConfig.cmake bin/korvane-tv; do
+for file in CPackConfig.cmake bin/korvane-tv bin/korvane-tv-testbench; do
     [ -r "$build/$file" ] || fail "$build has no $file; run make build"
 done
 for tool in dpkg-shlibdeps file mandoc lintian; do

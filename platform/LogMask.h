@@ -3,8 +3,8 @@
 //
 // Each source file that logs owns one LogMask, constant-initialised to 1, so that it also works
 // while the library is being loaded. A class's constructor refreshes its file's mask from a system
-// property. A message that is off costs one load and one branch: its arguments are not evaluated.
-// Errors are always written.
+// property. A message that is off costs one load and one branch: its arguments are not evaluated,
+// and what they need is laid out away from the code that runs. Errors are always written.
 #pragma once
 
 #include <android/log.h>
@@ -60,7 +60,7 @@ inline bool readIntProperty(const char* name, int32_t* value) {
 // macros so that the arguments of a message that is off are not evaluated.
 #define KORVANE_LOG_AT(mask, bit, priority, tag, ...)            \
     do {                                                         \
-        if ((mask).has(bit)) {                                   \
+        if (__builtin_expect((mask).has(bit), false)) {          \
             __android_log_print((priority), (tag), __VA_ARGS__); \
         }                                                        \
     } while (false)

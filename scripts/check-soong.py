@@ -33,6 +33,7 @@ ARTEFACTS = {
     'libkorvane_tv_videotunnel': 'korvane_device_videotunnel',
     'libkorvane_tv_display_adapter': 'korvane_device_display_adapter',
     'korvane-tv': 'korvane-tv',
+    'korvane-tv-testbench': 'korvane-tv-testbench',
 }
 DEVICE = 'libkorvane_tunnelrenderer'
 # A device's libcutils has the property calls; an Android tree has a libui of its own for the host.

@@ -23,8 +23,8 @@ using Words = std::vector<std::string>;
 
 std::string programNames() {
     std::string names;
-    for (const auto& program : builtInPrograms()) {
-        names += (names.empty() ? "" : ", ") + program.name;
+    for (const char* const name : kProgramNames) {
+        names += std::string(names.empty() ? "" : ", ") + name;
     }
     return names;
 }

@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <climits>
 #include <cstdio>
 #include <ostream>
 #include <stdexcept>
@@ -16,7 +15,9 @@
 #include "player/command/ExitStatus.h"
 #include "player/command/Interrupt.h"
 #include "player/command/Message.h"
+#include "player/command/ProgramPlace.h"
 #include "player/command/RunCommand.h"
+#include "player/explore/Explore.h"
 #include "player/explore/Replay.h"
 #include "player/explore/ScenarioProgram.h"
 #include "player/scenario/ScenarioFile.h"
@@ -27,7 +28,6 @@ namespace {
 
 constexpr int64_t kUsualTimeUs = 60'000'000;
 constexpr int64_t kShrinkUs = 6'000'000;
-constexpr const char* kInstrumented = "explore/libkorvane_tunnelrenderer.so";
 
 std::vector<Program> programsOf(const ExploreCommandOptions& options) {
     const auto& builtIn = builtInPrograms();
@@ -157,18 +157,11 @@ void showProgress(const ExploreResult& soFar) {
 }  // namespace
 
 std::string exploredLibrary(const ExploreCommandOptions& options) {
-    char program[PATH_MAX] = {};
-    if (!options.library.empty() || readlink("/proc/self/exe", program, sizeof program - 1) <= 0) {
+    if (!options.library.empty()) {
         return options.library;
     }
-    const std::string path = program;
-    const std::string folder = path.substr(0, path.rfind("/bin/") + 1);
-    for (const std::string& place : {folder, folder + "lib/"}) {
-        if (access((place + kInstrumented).c_str(), R_OK) == 0) {
-            return place + kInstrumented;
-        }
-    }
-    return "";
+    const std::string built = treeFolder() / "lib/explore/libkorvane_tunnelrenderer.so";
+    return access(built.c_str(), R_OK) == 0 ? built : "";
 }
 
 int explorePrograms(const ExploreCommandOptions& options, std::ostream& out) {

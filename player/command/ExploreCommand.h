@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "player/explore/Explore.h"
+#include "player/explore/ExploreNames.h"
 
 namespace korvane::player {
 

@@ -19,6 +19,7 @@
 #include "player/command/ExitStatus.h"
 #include "player/command/Message.h"
 #include "player/command/OutputFolder.h"
+#include "player/command/ProgramPlace.h"
 #include "player/page/Page.h"
 #include "player/page/PageAssets.h"
 #include "player/scenario/ScenarioFile.h"
@@ -30,11 +31,8 @@ namespace {
 
 namespace fs = std::filesystem;
 
-/// The folder of the installed scenarios, relative to the program: the tree may have been moved.
 fs::path installedScenarios() {
-    std::error_code error;
-    const fs::path program = fs::read_symlink("/proc/self/exe", error);
-    return program.parent_path().parent_path() / "share/korvane-tv/scenarios";
+    return treeFolder() / "share/korvane-tv/scenarios";
 }
 
 /// A name without a slash that is no file here means the installed scenario of that name, if any.

@@ -238,18 +238,6 @@ private:
 
 }  // namespace
 
-const char* toString(StrategyKind kind) {
-    switch (kind) {
-        case StrategyKind::Random:
-            return "random";
-        case StrategyKind::Pct:
-            return "pct";
-        case StrategyKind::Exhaustive:
-            break;
-    }
-    return "exhaustive";
-}
-
 ExploreResult explore(const ExploreOptions& options, const ExploreHooks& hooks) {
     return Parent(options, hooks).run();
 }

@@ -12,14 +12,12 @@
 #include <string>
 #include <vector>
 
+#include "player/explore/ExploreNames.h"
 #include "player/explore/Program.h"
 #include "player/explore/RunRecord.h"
 #include "tv/explore/Exploration.h"
 
 namespace korvane::player {
-
-enum class StrategyKind : uint8_t { Random, Pct, Exhaustive };
-const char* toString(StrategyKind kind);
 
 struct ExploreOptions {
     std::vector<Program> programs;

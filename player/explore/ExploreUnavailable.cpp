@@ -14,11 +14,6 @@ namespace {
 
 }  // namespace
 
-const char* toString(StrategyKind kind) {
-    const char* const names[] = {"random", "pct", "exhaustive"};
-    return names[static_cast<size_t>(kind)];
-}
-
 ExploreResult explore(const ExploreOptions& /*options*/, const ExploreHooks& /*hooks*/) {
     refuse();
 }

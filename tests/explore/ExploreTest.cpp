@@ -3,8 +3,10 @@
 #include <gtest/gtest.h>
 
 #include <cstddef>
+#include <iterator>
 
 #include "VideoTunnelRenderer.h"
+#include "player/explore/ExploreNames.h"
 #include "player/explore/Program.h"
 #include "player/explore/RunRecord.h"
 #include "player/explore/Runner.h"
@@ -40,6 +42,14 @@ RunRecord goodRun() {
         record.tunnel.push_back(queued);
     }
     return record;
+}
+
+TEST(ExploreNamesTest, AreThoseOfTheBuiltInPrograms) {
+    std::vector<std::string> names;
+    for (const auto& program : builtInPrograms()) {
+        names.push_back(program.name);
+    }
+    EXPECT_EQ(names, std::vector<std::string>(std::begin(kProgramNames), std::end(kProgramNames)));
 }
 
 TEST(RunRecordTest, NamesWhatBroke) {

@@ -3,9 +3,9 @@
 #
 # korvane_player_mutant(name SCENARIO file SAYS text...)
 #
-# Builds korvane-tv again as mutants/name with name.patch applied to one source file of player/: the
-# file's object comes before the library of the others, so that the linker takes the whole ones from
-# there. The test is the same as that of a broken library.
+# Builds korvane-tv-testbench again as mutants/name with name.patch applied to one source file of
+# player/: the file's object comes before the library of the others, so that the linker takes the
+# whole ones from there. The test is the same as that of a broken library.
 function(korvane_player_mutant name)
     cmake_parse_arguments(ARG "" "SCENARIO" "SAYS" ${ARGN})
     set(patch "${CMAKE_CURRENT_SOURCE_DIR}/${name}.patch")
@@ -19,8 +19,8 @@ function(korvane_player_mutant name)
         DEPENDS "${PROJECT_SOURCE_DIR}/${changed}" "${patch}"
         COMMENT "Breaking ${changed}: ${name}")
 
-    add_executable(mutant_${name} "${PROJECT_SOURCE_DIR}/player/main.cpp" "${broken}")
-    target_link_libraries(mutant_${name} PRIVATE korvane::tv korvane::player)
+    add_executable(mutant_${name} "${PROJECT_SOURCE_DIR}/player/testbench.cpp" "${broken}")
+    target_link_libraries(mutant_${name} PRIVATE korvane::tv korvane::testbench)
     target_compile_definitions(mutant_${name} PRIVATE KORVANE_VERSION="${PROJECT_VERSION}")
     set_target_properties(mutant_${name} PROPERTIES
         OUTPUT_NAME ${name} RUNTIME_OUTPUT_DIRECTORY "${CMAKE_BINARY_DIR}/mutants")

@@ -375,5 +375,22 @@ TEST_F(RunTest, ListSaysWhatEachShowsAndHolds) {
     EXPECT_THAT(korvaneTv({"list", mFolder}).error, HasSubstr("holds no scenario"));
 }
 
+/// `make play` builds korvane-tv alone.
+TEST_F(RunTest, SaysWhatToBuildWhereTheTestbenchIsMissing) {
+    const fs::path alone = mFolder + "/bin/korvane-tv";
+    fs::create_directories(alone.parent_path());
+    fs::copy_file(KORVANE_TV, alone);
+    for (const std::vector<std::string>& words :
+         {std::vector<std::string>{"run", "any.toml"}, {"play", "a.mkv", "--against", "b.so"}}) {
+        Command command{{alone}, {}, ""};
+        command.arguments.insert(command.arguments.end(), words.begin(), words.end());
+        const CommandResult result = runCommand(command);
+        EXPECT_EQ(result.status, 1) << words.front();
+        EXPECT_EQ(result.error,
+                  "korvane-tv: this needs korvane-tv-testbench, which is not there; build it with: "
+                  "make build\n");
+    }
+}
+
 }  // namespace
 }  // namespace korvane::test
