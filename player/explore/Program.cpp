@@ -154,6 +154,22 @@ std::vector<Program> makePrograms() {
                 {join({start(), {{Act::Faults, 0}}, frames(6), {{Act::Sleep, 60'000}}, kStop})}));
     all.back().faults.resize(1);
     all.back().faults[0].tunnel.fenceNeverSignals = true;
+
+    all.push_back(program("restart", "start after stop while another thread sends and flushes",
+                          {join({start(),
+                                 frames(2),
+                                 {{Act::Sleep, 9'000}, {Act::Stop}},
+                                 start(),
+                                 frames(2, 2 * kFrameUs),
+                                 {{Act::Sleep, 9'000}, {Act::Flush}},
+                                 kStop,
+                                 {{Act::Join}}}),
+                           join({frames(1), {{Act::Flush}}, frames(1, kFrameUs)})}));
+    all.push_back(program("delete-running", "delete in place of stop, frames everywhere",
+                          {join({start(), frames(5), {{Act::Sleep, 40'000}}})}));
+    all.push_back(program("two-sessions", "a renderer, and after its end another one",
+                          {join({start(), frames(3), {{Act::Sleep, 20'000}}, kStop})}));
+    all.back().players[0].push_back(all.back().players[0][0]);
     return all;
 }
 
