@@ -134,6 +134,7 @@ int replayOnce(const ExploreCommandOptions& options, const Program& program, std
         say("the replay did not come to its end");
         return kExitFailed;
     }
+    out << fmt::format("the program\n{}", indented(toText(program)));
     bool failed = false;
     for (const auto& fault : result.faults) {
         const char* const reason = deliberateReason(fault);

@@ -23,6 +23,7 @@ constexpr const char* kProgramNames[] = {
     "send-stop",        "flush-stop",     "audio",         "audio-peek",
     "audio-peek-flush", "audio-flush",    "notify-twice",  "register",
     "call-back-flush",  "call-back-send", "slow-callback", "two-renderers",
-    "passthrough",      "fence-never"};
+    "passthrough",      "fence-never",    "restart",       "delete-running",
+    "two-sessions"};
 
 }  // namespace korvane::player

@@ -1,24 +1,22 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "player/explore/Feeder.h"
 
-#include <fcntl.h>
-#include <sys/mman.h>
+#include <pthread.h>
 
 #include <algorithm>
-#include <cerrno>
+#include <atomic>
 #include <chrono>
-#include <condition_variable>
-#include <deque>
 #include <iterator>
-#include <mutex>
-#include <system_error>
+#include <memory>
+#include <string>
 #include <thread>
+#include <utility>
 
 #include "VideoTunnelRenderer.h"
-#include "include/ThreadAnnotations.h"
+#include "player/explore/FrameAccount.h"
 #include "tv/AudioOutput.h"
-#include "tv/Picture.h"
-#include "tv/ScopedLock.h"
+#include "tv/clock/FiberLocal.h"
+#include "tv/clock/VirtualTime.h"
 
 namespace korvane::player {
 namespace {
@@ -26,21 +24,68 @@ namespace {
 constexpr int64_t kNsPerUs = 1000;
 /// Upper half of init's argument: tuner pass-through.
 constexpr int kFeederPassthrough = 0x10000;
-constexpr int64_t kAudioUs = 2'000'000;
+constexpr int kUnknownSyncId = 4711;
+/// Descriptors that are none, for buffers that are handed back without having been sent.
+constexpr int kForeignFd = 100'000;
+constexpr int64_t kSoundUs = 2'000'000;
+constexpr int64_t kPacketUs = 21'333;
 /// A buffer that has not come free by then never will: no program's frames are due that late.
 constexpr int64_t kBufferWaitUs = 2'000'000;
 constexpr int64_t kLookUs = 4'000;
-/// `stop` ends each wait at once. What it cannot end: a poll, and a fence of a display that works.
-constexpr int64_t kStopBoundNs = 50'000'000;
-/// ... and of one that does not.
-constexpr int64_t kFenceBoundNs = 1'050'000'000;
+constexpr int64_t kRecallUs = 20'000;
+/// Of frames of one session.
+constexpr int64_t kFramesApart = 1'000'000;
+constexpr const char* kNeverBack = "frames do not come to their end";
+
+/// What the calling thread is inside of.
+struct Inside {
+    int16_t calls;      ///< of the player's that may be called back
+    int16_t flushes;    ///< of these, `flush`
+    int16_t callbacks;  ///< of the library's
+};
+const tv::FiberLocal<Inside> gInside;
+
+/// While one lives, the calling thread is inside of that.
+struct Within {
+    explicit Within(int16_t Inside::*what) : count(gInside.get().*what) { ++count; }
+    ~Within() { --count; }
+    int16_t& count;
+};
 
 void sleepUs(int64_t us) {
-    std::this_thread::sleep_for(std::chrono::microseconds(std::max<int64_t>(us, 0)));
+    constexpr int64_t kMostRealUs = 2'000;
+    const int64_t most = tv::VirtualTime::active() ? us : std::min(us, kMostRealUs);
+    std::this_thread::sleep_for(std::chrono::microseconds(std::max<int64_t>(most, 0)));
+}
+
+/// A step of the TV's.
+void turn(tv::Tv& tv, const Program& program, const Step& step) {
+    const auto number = static_cast<size_t>(step.number);
+    const auto instances = tv.mediaSync().instances();
+    const auto instance = instances.empty() ? nullptr : instances[number % instances.size()];
+    if (step.act == Act::Sleep) {
+        sleepUs(step.us);
+    } else if (step.act == Act::Faults) {
+        tv.tunnel().setFaults(program.faults[number].tunnel);
+        tv.display().setReportFails(program.faults[number].reportFails);
+        tv.display().setReportedPeriodNs(program.faults[number].reportedPeriodNs);
+    } else if (step.act == Act::Mode) {
+        tv.display().changeMode(tv::nowNs(), step.number / 1000.0);
+    } else if (step.act == Act::CreateFails) {
+        tv.mediaSync().setCreateFails(step.number != 0);
+    } else if (step.act == Act::EndPassthrough && instance != nullptr) {
+        instance->endPassthrough();
+    } else if ((step.act == Act::SyncFails || step.act == Act::SyncWorks) && instance != nullptr) {
+        instance->setStatus(step.act == Act::SyncFails ? -1 : 0);
+    } else if (step.act == Act::PowerOff) {
+        tv.powerOff();
+    }
 }
 
 /// One renderer and the player's threads that use it.
 class Feeder {
+    using By = FrameAccount::By;
+
     /// Of a set of callbacks. Each registration takes the other set.
     struct UserData {
         Feeder* feeder;
@@ -48,264 +93,284 @@ class Feeder {
     };
 
 public:
-    Feeder(const Program& program, int first, FeederBuffers& buffers, FeederWatch& watch,
-           tv::Tv& tv)
-        : mProgram(program), mBuffers(buffers), mWatch(watch), mTv(tv) {
-        for (int i = 0; i < program.buffers; ++i) {
-            mFree.push_back(first + i);
-        }
-        mRecord.firstFrame = first * int64_t{1000};
-        mRecord.withAudio = program.withAudio;
-        mRecord.decides = !program.passthrough;
-        mRecord.loseBuffers = losesBuffers(program);
-        mRecord.periodNs = static_cast<int32_t>(1e9 / program.tv.display.rateHz);
-        mRecord.stopBoundNs = kStopBoundNs + 4 * program.callbackTakesUs * kNsPerUs +
-                              (mRecord.loseBuffers ? kFenceBoundNs : 0);
-        mRecord.oneSender = program.callsBack != CallsBack::Send;
-        int senders = 0;
-        for (const auto& steps : program.threads) {
-            senders += std::any_of(steps.begin(), steps.end(), [](const Step& step) {
-                return step.act == Act::Send || step.act == Act::SendPeek;
-            });
-            for (const auto& step : steps) {
-                mRecord.expectSettled = mRecord.expectSettled || step.act == Act::Settle;
-                mRecord.marksPeek = mRecord.marksPeek || step.act == Act::PeekFirst;
-                mPeeks = mPeeks || step.act == Act::SendPeek || step.act == Act::PeekFirst;
-            }
-        }
-        mRecord.oneSender = mRecord.oneSender && senders == 1;
-    }
+    Feeder(const Program& program, const Session& session, int64_t firstFrame, int firstBuffer,
+           FeederBuffers& buffers, FeederWatch& watch, tv::Tv& tv)
+        : mProgram(program),
+          mSession(session),
+          mWatch(watch),
+          mTv(tv),
+          mPeeks(does(session, {Act::SendPeek, Act::PeekFirst})),
+          // With audio a buffer may come back twice; the second time it must hold the same frame.
+          mAccount(recordOf(program, session, firstFrame), buffers, firstBuffer, program.buffers,
+                   session.tidy || !waitsForAudio(session)) {}
 
     void own() {
         pthread_setname_np(pthread_self(), "owner");
         makeRenderer();
-        for (const auto& step : mProgram.threads.front()) {
-            perform(step);
-        }
+        perform(mSession.threads.front());
         joinHelpers();
-        if (mAudio) {
-            mAudio->stop();
-        }
+        mAccount.beginStop();
         delete mRenderer;
+        mAccount.stopped(true);
+        mAudio.reset();
     }
 
     std::vector<Fault> judge() {
-        mRecord.awayNs = mWatch.awayNs();
-        return faultsOf(mRecord);
+        RunRecord record = mAccount.take();
+        record.tunnel = queued();
+        record.awayNs = mWatch.awayNs();
+        return faultsOf(record);
     }
+
+    /// Whether the renderer has had threads; without, `stop` does nothing.
+    bool ran() const { return mStartNs > 0; }
 
 private:
     void makeRenderer() {
         mRenderer = VideoTunnelRenderer_create();
-        if (mProgram.withAudio || mProgram.passthrough) {
+        int id = mSession.unknownSync ? kUnknownSyncId : 0;
+        if (mSession.withAudio || mSession.passthrough) {
             mClock = mTv.mediaSync().create();
-            mRenderer->init(mClock->id() | (mProgram.passthrough ? kFeederPassthrough : 0));
-            if (mProgram.prepareClock) {
-                mProgram.prepareClock(mClock);
-            }
-        } else {
-            mRenderer->init(0);
+            id = mClock == nullptr ? kUnknownSyncId
+                                   : mClock->id() | (mSession.passthrough ? kFeederPassthrough : 0);
+        }
+        mRenderer->init(id);
+        if (mClock != nullptr && mProgram.prepareClock) {
+            mProgram.prepareClock(mClock);
         }
         registerCallbacks();
         mTunnelId = mRenderer->getTunnelId();
-        if (mProgram.withAudio) {
+        if (mClock != nullptr && mSession.withAudio) {
             mAudio = std::make_unique<tv::AudioOutput>(mClock, mProgram.audio);
         }
     }
 
-    void registerCallbacks() KORVANE_EXCLUDES(mLock) {
-        bool other = false;
-        {
-            const std::lock_guard<std::mutex> guard(mLock);
-            other = mOtherSet = !mOtherSet;
-        }
-        other ? registerSet<1>() : registerSet<0>();
+    void registerCallbacks() {
+        mRegistrations.fetch_add(1) % 2 == 0 ? registerSet<1>() : registerSet<0>();
     }
 
     template <int kSet>
     void registerSet() {
-        if (mProgram.bothReturns) {
+        if (mSession.return0) {
             mRenderer->regCallBack(kFrameReturnCallback, &onReturn<kSet>, &mUserData[kSet]);
         }
-        mRenderer->regCallBack(kRenderTimeCallback, &onRenderTime<kSet>, &mUserData[kSet]);
-        mRenderer->regCallBack(kFrameStatusCallback, &onStatus<kSet>, &mUserData[kSet]);
+        if (mSession.renderTimes) {
+            mRenderer->regCallBack(kRenderTimeCallback, &onRenderTime<kSet>, &mUserData[kSet]);
+        }
+        if (mSession.return2) {
+            mRenderer->regCallBack(kFrameStatusCallback, &onStatus<kSet>, &mUserData[kSet]);
+        }
     }
 
     // ---- steps ----
 
+    void perform(const Steps& steps) {
+        for (const auto& step : steps) {
+            perform(step);
+        }
+    }
+
     void perform(const Step& step) {
         switch (step.act) {
+            case Act::Begin:
+                return beginHelpers();
             case Act::Start:
-                start();
-                break;
+                return start();
+            case Act::Stop:
+                return stop();
+            case Act::Join:
+                return joinHelpers();
+            case Act::Settle:
+                return settle(step.us);
+            case Act::Recall:
+                return recall(step.us);
             case Act::Send:
             case Act::SendPeek:
-                send(step.us, step.act == Act::SendPeek,
-                     kBufferWaitUs + mProgram.audio.startDelayUs);
-                break;
+                return send(step.us, step.act == Act::SendPeek, mSession.tidy);
+            case Act::SendNext:
+                return send(mAccount.lastMediaUs() + step.us, false, false);
             case Act::PeekFirst:
-                mRenderer->peekFirstFrame();
-                break;
+                return static_cast<void>(mRenderer->peekFirstFrame());
             case Act::Flush:
-                flush();
-                break;
+                return flush();
             case Act::AwaitBack:
-                awaitBack(step.us);
-                break;
+                return awaitBack(step.us);
             case Act::Anchor:
-                anchor(step.us);
-                break;
+                return anchor(step.us);
+            case Act::ReadClock:
+                return readClock(step.us);
             case Act::Register:
-                registerCallbacks();
-                break;
-            case Act::NotifyTimes:
-                mRenderer->nodifyRenderTime();
-                break;
-            case Act::Pause:
-                mAudio->pause();
-                break;
-            case Act::Resume:
-                mAudio->resume();
-                break;
-            case Act::Faults:
-                switchFaults(mProgram.faults[static_cast<size_t>(step.us)]);
-                break;
-            case Act::Sleep:
-                sleepUs(step.us);
-                break;
+                return registerCallbacks();
+            case Act::NotifyTimes: {
+                const Within call(&Inside::calls);
+                return static_cast<void>(mRenderer->nodifyRenderTime());
+            }
+            case Act::TakeReleased:
+                return takeReleased();
+            case Act::HandBack: {
+                const Within call(&Inside::calls);
+                mRenderer->onFillVideoFrame(kForeignFd + step.number, step.number % 2 != 0);
+                return;
+            }
+            case Act::Announce:
+                mRenderer->onVideoSyncQueueVideoFrame(step.us, static_cast<unsigned>(step.number));
+                return;
+            case Act::FrameRate:
+                return static_cast<void>(mRenderer->setFrameRate(step.number));
             case Act::Until:
-                sleepUs(mStartNs / kNsPerUs + step.us - tv::nowNs() / kNsPerUs);
-                break;
-            case Act::Join:
-                joinHelpers();
-                break;
-            case Act::Settle:
-                settle(step.us);
-                break;
-            case Act::Stop:
-                stop();
-                break;
+                return sleepUs(mStartNs / kNsPerUs + step.us - tv::nowNs() / kNsPerUs);
+            case Act::Faults:
+                tendSound({mProgram.faults[static_cast<size_t>(step.number)].audioPaused
+                               ? Act::Pause
+                               : Act::Resume});
+                return turn(mTv, mProgram, step);
+            default:
+                tendSound(step);
+                return turn(mTv, mProgram, step);
+        }
+    }
+
+    void tendSound(const Step& step) {
+        if (mAudio == nullptr) {
+            return;
+        }
+        if (step.act == Act::Pause) {
+            mAudio->pause();
+        } else if (step.act == Act::Resume) {
+            mAudio->resume();
+        } else if (step.act == Act::SoundFlush) {
+            mAudio->flush();
+        } else if (step.act == Act::SoundEnd) {
+            mAudio->endOfStream();
+        }
+        for (int i = 0; step.act == Act::Sound && i < step.number; ++i) {
+            mAudio->queue(step.us + i * kPacketUs, kPacketUs);
+        }
+    }
+
+    void readClock(int64_t mediaUs) {
+        long us = 0;
+        mRenderer->getRealTimeFor(mediaUs, &us);
+        mRenderer->getTrackMediaTime(&us);
+        mRenderer->getStartingTimeMedia(&us);
+    }
+
+    void beginHelpers() {
+        for (; mBegun < mSession.threads.size(); ++mBegun) {
+            mHelpers.emplace_back([this, thread = mBegun] {
+                pthread_setname_np(pthread_self(), "helper");
+                perform(mSession.threads[thread]);
+            });
         }
     }
 
     void start() {
         mStartNs = tv::nowNs();
+        mAccount.started();
         mRenderer->start();
-        for (size_t i = 1; i < mProgram.threads.size(); ++i) {
-            mHelpers.emplace_back([this, i] {
-                pthread_setname_np(pthread_self(), "helper");
-                for (const auto& step : mProgram.threads[i]) {
-                    perform(step);
-                }
-            });
-        }
+        beginHelpers();
     }
 
-    void send(int64_t mediaUs, bool peek, int64_t waitUs) KORVANE_EXCLUDES(mLock) {
-        int buffer = -1;
-        int64_t frameNo = 0;
-        {
-            tv::WaitLock lock(mLock);
-            if (!mFreed.wait_for(lock.forWait(), std::chrono::microseconds(waitUs),
-                                 [this]() KORVANE_REQUIRES(mLock) { return !mFree.empty(); })) {
-                if (!mRecord.loseBuffers && !mStopped && !mProgram.audio.neverStarts &&
-                    !mProgram.passthrough) {
-                    mRecord.noted.push_back({"no buffer comes back to the player", ""});
-                }
-                return;
+    void send(int64_t mediaUs, bool peek, bool wait) {
+        const int64_t waitUs = wait ? kBufferWaitUs + mProgram.audio.startDelayUs : 0;
+        const int fd = mAccount.beginSend(mediaUs, peek, waitUs);
+        if (fd < 0) {
+            if (wait && mAccount.runs() && !refusesBuffers(mProgram) && !keepsBuffers(mProgram) &&
+                !mProgram.audio.neverStarts && !mSession.passthrough) {
+                mAccount.note({"no buffer comes back to the player", ""});
             }
-            buffer = mFree.front();
-            mFree.pop_front();
-            SentFrame frame;
-            frame.buffer = buffer;
-            frame.mediaUs = mediaUs;
-            frame.peek = peek;
-            frame.sentNs = tv::nowNs();
-            frame.flushed = !mFlushing.empty();
-            frameNo = mRecord.firstFrame + static_cast<int64_t>(mRecord.frames.size());
-            mRecord.frames.push_back(frame);
-            if (mAudio && !mAudioQueued) {
-                mAudioQueued = true;
-                mAudio->queue(mediaUs, kAudioUs);
-            }
+            return;
         }
-        mBuffers.fill(buffer, frameNo, mediaUs);
-        if (mProgram.passthrough) {
+        if (mSession.tidy && mAudio && !mSoundQueued.exchange(true)) {
+            mAudio->queue(mediaUs, kSoundUs);
+        }
+        if (mSession.tidy && mSession.passthrough) {
             mRenderer->onVideoSyncQueueVideoFrame(mediaUs, 1);
         }
-        mRenderer->sendVideoFrame(mBuffers.fd(buffer), mediaUs, peek);
+        mRenderer->sendVideoFrame(fd, mediaUs, peek);
+        mAccount.endSend(fd);
     }
 
-    /// Audio that still plays would start the clock for the new first frame.
-    void flush() KORVANE_EXCLUDES(mLock) {
-        if (mAudio) {
+    /// Sound that still plays would start the clock for the new first frame.
+    void flush() {
+        if (mSession.tidy && mAudio) {
             mAudio->flush();
+            mSoundQueued = false;
         }
+        mAccount.beginFlush();
         {
-            const std::lock_guard<std::mutex> guard(mLock);
-            mAudioQueued = false;
-            mAnchorRealUs = -1;
-            for (auto& frame : mRecord.frames) {
-                frame.flushed = frame.flushed || frame.backNs < 0;
-            }
-            mFlushing.push_back(pthread_self());
+            const Within call(&Inside::calls);
+            const Within inFlush(&Inside::flushes);
+            mRenderer->flush();
         }
-        mRenderer->flush();
-        const std::lock_guard<std::mutex> guard(mLock);
-        mFlushing.erase(std::find(mFlushing.begin(), mFlushing.end(), pthread_self()));
+        mAccount.endFlush();
     }
 
-    void anchor(int64_t mediaUs) KORVANE_EXCLUDES(mLock) {
+    void takeReleased() {
+        if (int fd = -1; mRenderer->getNeedFillVideoFrame(&fd)) {
+            mAccount.back(fd, FrameAccount::By::Player);
+        }
+    }
+
+    /// An untidy player's threads anchor the clock beside each other; then it is not known.
+    void anchor(int64_t mediaUs) {
         const int64_t realUs = tv::nowNs() / kNsPerUs;
         mRenderer->updateVideoTime(mediaUs);
-        const std::lock_guard<std::mutex> guard(mLock);
-        mAnchorRealUs = realUs;
-        mAnchorMediaUs = mediaUs;
+        if (mSession.tidy && !waitsForAudio(mSession) && !mSession.passthrough) {
+            mAccount.anchored(mediaUs, realUs);
+        }
     }
 
+    std::vector<tv::BufferRecord> queued() const {
+        return mTunnelId < 0 ? std::vector<tv::BufferRecord>() : mTv.tunnel().record(mTunnelId);
+    }
+
+    bool settled() { return mAccount.settled(mTv.tunnel().heldBuffers(mTunnelId)); }
+
     void awaitBack(int64_t us) {
-        for (const int64_t endNs = tv::nowNs() + us * kNsPerUs;
-             !settledNow() && tv::nowNs() < endNs;) {
+        const int64_t endNs = tv::nowNs() + us * kNsPerUs;
+        while (!settled() && tv::nowNs() < endNs) {
             sleepUs(1'000);
         }
     }
 
     void settle(int64_t us) {
         const int64_t endNs = tv::nowNs() + us * kNsPerUs + mWatch.awayNs();
-        while (!settledNow()) {
+        while (!settled()) {
             if (tv::nowNs() >= endNs) {
-                mRecord.settled = false;
+                mAccount.note({kNeverBack, "more than the two that the tunnel keeps"});
                 return;
             }
             sleepUs(kLookUs);
         }
     }
 
-    /// All frames are back but for the two that the tunnel keeps.
-    bool settledNow() KORVANE_EXCLUDES(mLock) {
-        const std::lock_guard<std::mutex> guard(mLock);
-        const auto out = std::count_if(mRecord.frames.begin(), mRecord.frames.end(),
-                                       [](const SentFrame& frame) { return frame.backNs < 0; });
-        return out <= std::min(mTv.tunnel().heldBuffers(mTunnelId), 2);
-    }
-
-    void switchFaults(const TvFaults& faults) {
-        mTv.tunnel().setFaults(faults.tunnel);
-        mTv.display().setReportFails(faults.reportFails);
-        mTv.display().setReportedPeriodNs(faults.reportedPeriodNs);
-        if (mAudio) {
-            faults.audioPaused ? mAudio->pause() : mAudio->resume();
+    /// After a flush a frame goes on that the drain thread did not wake up for, until it is due.
+    void recall(int64_t us) {
+        const int64_t endNs = tv::nowNs() + us * kNsPerUs;
+        while (mAccount.runs()) {
+            const std::string missing = mAccount.missing(queued());
+            if (missing.empty()) {
+                return;
+            }
+            if (tv::nowNs() >= endNs) {
+                mAccount.note({kNeverBack, missing + "\n" + tv::VirtualTime::dump()});
+                return;
+            }
+            flush();
+            if (mSession.passthrough) {
+                // No flush ends the hold of a frame; the clock moves past it.
+                constexpr int64_t kPastUs = 6'000'000;
+                mRenderer->updateVideoTime(mAccount.lastMediaUs() + kPastUs);
+            }
+            sleepUs(kRecallUs);
         }
     }
 
-    void stop() KORVANE_EXCLUDES(mLock) {
-        const int64_t beganNs = tv::nowNs();
+    void stop() {
+        mAccount.beginStop();
         mRenderer->stop();
-        const std::lock_guard<std::mutex> guard(mLock);
-        mRecord.stopBeganNs = beganNs;
-        mRecord.stopTookNs = tv::nowNs() - beganNs;
-        mStopped = true;
-        mRecord.tunnel = mTv.tunnel().record(mTunnelId);
+        mAccount.stopped(false);
     }
 
     void joinHelpers() {
@@ -315,13 +380,14 @@ private:
         mHelpers.clear();
     }
 
-    // ---- callbacks, on the library's threads ----
+    // ---- callbacks, on the library's threads or inside the player's calls ----
 
     template <int kSet>
-    static int onReturn(void* userData, void* /*info*/) {
+    static int onReturn(void* userData, void* info) {
         Feeder* const feeder = feederOf(userData, kSet);
-        feeder->look(kFrameReturnCallback);
-        return feeder->mProgram.callbackAnswers;
+        const int fd = *static_cast<int*>(info);
+        return feeder->calledBack(kFrameReturnCallback, fd,
+                                  feeder->mSession.return2 ? By::Beside : By::Type0);
     }
 
     template <int kSet>
@@ -329,212 +395,131 @@ private:
         Feeder* const feeder = feederOf(userData, kSet);
         feeder->mWatch.onRead(info, sizeof(framestatus));
         const auto& status = *static_cast<framestatus*>(info);
-        feeder->look(kFrameStatusCallback);
-        return feeder->takeBack(status.fd, status.rendered != 0);
+        return feeder->calledBack(kFrameStatusCallback, status.fd,
+                                  status.rendered != 0 ? By::Rendered : By::Dropped);
     }
 
     template <int kSet>
     static int onRenderTime(void* userData, void* info) {
         Feeder* const feeder = feederOf(userData, kSet);
+        const Within callback(&Inside::callbacks);
         feeder->look(kRenderTimeCallback);
         feeder->mWatch.onRead(info, sizeof(rendertime));
-        feeder->note(*static_cast<rendertime*>(info));
+        const auto& time = *static_cast<rendertime*>(info);
+        feeder->mAccount.reported(time.mediaTimeUs, time.renderTimeUs);
+        feeder->takeTime(feeder->mSession.onRenderTime);
         return 0;
     }
 
     static Feeder* feederOf(void* userData, int set) {
         const auto& data = *static_cast<UserData*>(userData);
         if (data.set != set) {
-            const std::lock_guard<std::mutex> guard(data.feeder->mLock);
-            data.feeder->mRecord.noted.push_back(
+            data.feeder->mAccount.note(
                 {"a callback gets the user data of another registration", ""});
         }
         return data.feeder;
     }
 
     /// Before any lock of the player is taken.
-    void look(int type) KORVANE_EXCLUDES(mLock) {
+    void look(int type) {
+        const Inside& inside = gInside.get();
         std::vector<Fault> faults;
-        mWatch.onCallback(mRenderer, type, mPeeks, &faults);
-        if (!faults.empty()) {
-            const std::lock_guard<std::mutex> guard(mLock);
-            std::move(faults.begin(), faults.end(), std::back_inserter(mRecord.noted));
+        if (inside.callbacks == 1) {
+            mWatch.onCallback(mRenderer, type, mPeeks, &faults);
         }
+        for (auto& fault : faults) {
+            mAccount.note(std::move(fault));
+        }
+        mAccount.calledBack(inside.calls > 0);
     }
 
-    /// The frame sent last in this buffer; null if none was.
-    SentFrame* frameIn(int fd) KORVANE_REQUIRES(mLock) {
-        const auto found =
-            std::find_if(mRecord.frames.rbegin(), mRecord.frames.rend(),
-                         [&](const SentFrame& frame) { return mBuffers.fd(frame.buffer) == fd; });
-        return found != mRecord.frames.rend() ? &*found : nullptr;
+    int calledBack(int type, int fd, By by) {
+        const Within callback(&Inside::callbacks);
+        look(type);
+        if (by == By::Rendered && gInside.get().flushes > 0) {
+            mAccount.note({"flush hands a waiting frame back as shown", ""});
+        }
+        if (fd < kForeignFd) {
+            mAccount.back(fd, by);
+        }
+        const int64_t call = ++mReturns;
+        takeTime(mSession.onReturn);
+        return call % mSession.answersEach == 0 ? mSession.answers : 0;
     }
 
-    int takeBack(int fd, bool rendered) KORVANE_EXCLUDES(mLock) {
-        bool again = false;
-        int64_t mediaUs = 0;
-        {
-            const std::lock_guard<std::mutex> guard(mLock);
-            // A flush that another thread is in hands back what it took before the stop.
-            mRecord.lateCallbacks += mStopped && mFlushing.empty() ? 1 : 0;
-            if (rendered &&
-                std::find(mFlushing.begin(), mFlushing.end(), pthread_self()) != mFlushing.end()) {
-                mRecord.noted.push_back({"flush hands a waiting frame back as shown", ""});
-            }
-            SentFrame* const frame = frameIn(fd);
-            if (frame == nullptr) {
-                ++mRecord.unknownBuffers;
-                return mProgram.callbackAnswers;
-            }
-            if (++frame->returns == 1) {
-                frame->backNs = tv::nowNs();
-                frame->rendered = rendered;
-                frame->dueUs = mAnchorRealUs >= 0 && !mProgram.withAudio && !mProgram.passthrough
-                                   ? mAnchorRealUs + frame->mediaUs - mAnchorMediaUs
-                                   : -1;
-                mFree.push_back(frame->buffer);
-                mFreed.notify_all();
-            }
-            again = !mCalledBack && !mStopped;
-            mCalledBack = true;
-            mediaUs = mRecord.frames.back().mediaUs;
+    /// A callback that is called inside another one's calls makes none.
+    void takeTime(const Steps& calls) {
+        if (mSession.callbackTakesUs > 0) {
+            sleepUs(mSession.callbackTakesUs);
         }
-        if (mProgram.callbackTakesUs > 0) {
-            sleepUs(mProgram.callbackTakesUs);
+        if (!calls.empty() && gInside.get().callbacks == 1 && mCallsBack++ < mSession.callsBack) {
+            perform(calls);
         }
-        if (again) {
-            callBack(mediaUs);
-        }
-        return mProgram.callbackAnswers;
-    }
-
-    void callBack(int64_t mediaUs) {
-        switch (mProgram.callsBack) {
-            case CallsBack::Nothing:
-                break;
-            case CallsBack::Flush:
-                flush();
-                break;
-            case CallsBack::Send:
-                send(mediaUs + 16'667, false, 0);
-                break;
-            case CallsBack::Register:
-                registerCallbacks();
-                break;
-        }
-    }
-
-    void note(const rendertime& time) KORVANE_EXCLUDES(mLock) {
-        const std::lock_guard<std::mutex> guard(mLock);
-        mRecord.lateCallbacks += mStopped ? 1 : 0;
-        auto found =
-            std::find_if(mRecord.frames.begin(), mRecord.frames.end(), [&](const SentFrame& frame) {
-                return frame.mediaUs == time.mediaTimeUs && frame.reports == 0;
-            });
-        if (found == mRecord.frames.end()) {
-            found = std::find_if(
-                mRecord.frames.begin(), mRecord.frames.end(),
-                [&](const SentFrame& frame) { return frame.mediaUs == time.mediaTimeUs; });
-        }
-        const bool early = time.renderTimeUs > tv::nowNs() / kNsPerUs;
-        if (found == mRecord.frames.end() || early) {
-            ++mRecord.brokenReports;
-            return;
-        }
-        ++found->reports;
     }
 
     const Program& mProgram;
-    FeederBuffers& mBuffers;
+    const Session& mSession;
     FeederWatch& mWatch;
     tv::Tv& mTv;
+    const bool mPeeks;  ///< peek frames are sent
+    FrameAccount mAccount;
     VideoTunnelRenderer* mRenderer = nullptr;
     std::shared_ptr<tv::SyncInstance> mClock;
     std::unique_ptr<tv::AudioOutput> mAudio;
     int mTunnelId = -1;
     int64_t mStartNs = 0;
-    bool mPeeks = false;  ///< peek frames are sent
     UserData mUserData[2] = {{this, 0}, {this, 1}};
     std::vector<std::thread> mHelpers;
-
-    std::mutex mLock;
-    std::condition_variable mFreed;
-    std::deque<int> mFree KORVANE_GUARDED_BY(mLock);
-    bool mAudioQueued KORVANE_GUARDED_BY(mLock) = false;
-    bool mStopped KORVANE_GUARDED_BY(mLock) = false;
-    bool mOtherSet KORVANE_GUARDED_BY(mLock) = false;            ///< of callbacks is registered
-    std::vector<pthread_t> mFlushing KORVANE_GUARDED_BY(mLock);  ///< threads inside `flush`
-    bool mCalledBack KORVANE_GUARDED_BY(mLock) = false;
-    int64_t mAnchorRealUs KORVANE_GUARDED_BY(mLock) = -1;
-    int64_t mAnchorMediaUs KORVANE_GUARDED_BY(mLock) = 0;
-    RunRecord mRecord;  ///< while threads run, under the lock
+    size_t mBegun = 1;  ///< of the session's threads
+    std::atomic<int> mRegistrations{0};
+    std::atomic<bool> mSoundQueued{false};
+    std::atomic<int64_t> mReturns{0};  ///< calls of callbacks
+    std::atomic<int> mCallsBack{0};
 };
 
 }  // namespace
 
-FeederBuffers::FeederBuffers(int count) {
-    for (int i = 0; i < count; ++i) {
-        tv::UniqueFd fd(memfd_create("korvane-frame", MFD_CLOEXEC | MFD_ALLOW_SEALING));
-        constexpr auto kBytes = static_cast<size_t>(tv::kPictureHeaderBytes);
-        void* memory = MAP_FAILED;
-        // The display maps only files that cannot shrink.
-        if (fd.get() >= 0 && ftruncate(fd.get(), kBytes) == 0 &&
-            fcntl(fd.get(), F_ADD_SEALS, F_SEAL_SHRINK) == 0) {
-            memory = mmap(nullptr, kBytes, PROT_READ | PROT_WRITE, MAP_SHARED, fd.get(), 0);
-        }
-        if (memory == MAP_FAILED) {
-            throw std::system_error(errno, std::generic_category(), "cannot create a frame buffer");
-        }
-        mFds.push_back(std::move(fd));
-        mHeaders.push_back(static_cast<tv::PictureHeader*>(memory));
-    }
-}
-
-FeederBuffers::~FeederBuffers() {
-    for (auto* header : mHeaders) {
-        munmap(header, static_cast<size_t>(tv::kPictureHeaderBytes));
-    }
-}
-
-void FeederBuffers::fill(int buffer, int64_t frameNo, int64_t mediaUs) {
-    tv::PictureHeader header;
-    header.frameNo = frameNo;
-    header.mediaTimeUs = mediaUs;
-    *mHeaders[static_cast<size_t>(buffer)] = header;
-}
-
 std::vector<Fault> playProgram(const Program& program, FeederBuffers& buffers, FeederWatch& watch) {
     const auto tv = tv::Tv::powerOn(program.tv);
-    std::vector<std::unique_ptr<Feeder>> feeders;
-    feeders.reserve(static_cast<size_t>(program.renderers));
-    for (int i = 0; i < program.renderers; ++i) {
-        feeders.push_back(
-            std::make_unique<Feeder>(program, i * program.buffers, buffers, watch, *tv));
+    std::vector<std::vector<std::unique_ptr<Feeder>>> players;
+    int64_t frames = 0;
+    for (const auto& sessions : program.players) {
+        const int first = static_cast<int>(players.size()) * program.buffers;
+        auto& feeders = players.emplace_back();
+        for (const auto& session : sessions) {
+            feeders.push_back(
+                std::make_unique<Feeder>(program, session, frames, first, buffers, watch, *tv));
+            frames += kFramesApart;
+        }
     }
-    std::vector<std::thread> owners;
-    for (size_t i = 1; i < feeders.size(); ++i) {
-        owners.emplace_back([&feeder = *feeders[i]] { feeder.own(); });
+    const auto play = [](const auto& feeders) {
+        std::for_each(feeders.begin(), feeders.end(), [](auto& feeder) { feeder->own(); });
+    };
+    std::vector<std::thread> threads;
+    for (size_t i = 1; i < players.size(); ++i) {
+        threads.emplace_back([&play, &feeders = players[i]] { play(feeders); });
     }
-    feeders.front()->own();
-    for (auto& owner : owners) {
-        owner.join();
+    if (!program.tvThread.empty()) {
+        threads.emplace_back([&] {
+            for (const auto& step : program.tvThread) {
+                turn(*tv, program, step);
+            }
+        });
+    }
+    play(players.front());
+    for (auto& thread : threads) {
+        thread.join();
     }
     std::vector<Fault> faults;
-    for (const auto& feeder : feeders) {
-        auto found = feeder->judge();
-        std::move(found.begin(), found.end(), std::back_inserter(faults));
+    int neverRan = 0;
+    for (const auto& feeders : players) {
+        for (const auto& feeder : feeders) {
+            neverRan += feeder->ran() ? 0 : 1;
+            auto found = feeder->judge();
+            std::move(found.begin(), found.end(), std::back_inserter(faults));
+        }
     }
-    const tv::Tunnel& tunnel = tv->tunnel();
-    if (program.faults.empty() && (tunnel.idsNotFreed() > 0 || tv->display().openRemotes() != 0)) {
-        faults.push_back(
-            {"the renderer is gone, and left its tunnel id or its display adapter", ""});
-    }
-    if (tunnel.connectedTunnels() > 0 || tunnel.allocatedIds() > 0 || tunnel.openDevices() > 0) {
-        faults.push_back(
-            {"the renderer is gone, and the tunnel is still connected, or has an id or "
-             "an open device",
-             tunnel.dump()});
-    }
+    judgeTv(program, *tv, neverRan, &faults);
     tv->powerOff();
     return faults;
 }

@@ -10,10 +10,14 @@ constexpr int64_t kFrameUs = 16'667;
 /// From the last frame until it is back, a vsync or two more than it takes.
 constexpr int64_t kSettleUs = 400'000;
 
-using Steps = std::vector<Step>;
-
 bool sends(const Step& step) {
     return step.act == Act::Send || step.act == Act::SendPeek;
+}
+
+bool anySession(const Program& program, const std::function<bool(const Session&)>& is) {
+    return std::any_of(program.players.begin(), program.players.end(), [&](const auto& player) {
+        return std::any_of(player.begin(), player.end(), is);
+    });
 }
 
 Steps frames(int count, int64_t fromUs = 0) {
@@ -45,12 +49,17 @@ Program program(std::string name, std::string shows, std::vector<Steps> threads)
     Program made;
     made.name = std::move(name);
     made.shows = std::move(shows);
-    made.threads = std::move(threads);
+    made.players.resize(1);
+    made.players[0].emplace_back().threads = std::move(threads);
     return made;
 }
 
+Session& sessionOf(Program& made) {
+    return made.players.front().front();
+}
+
 Program withAudio(Program made) {
-    made.withAudio = true;
+    sessionOf(made).withAudio = true;
     made.audio.startDelayUs = 5'000;
     made.audio.prebufferUs = 20'000;
     return made;
@@ -119,19 +128,19 @@ std::vector<Program> makePrograms() {
     all.push_back(program("register", "callbacks are registered anew while they run",
                           {join({start(), frames(4), {{Act::Join}}, kEnd}),
                            join({kRegister, kRegister, kRegister, kRegister, kRegister})}));
-    all.back().bothReturns = true;
+    sessionOf(all.back()).return0 = true;
     all.push_back(program("call-back-flush", "the return callback flushes",
                           {join({start(30'000), frames(5), kEnd})}));
-    all.back().callsBack = CallsBack::Flush;
+    sessionOf(all.back()).onReturn = {{Act::Flush}};
     all.push_back(program("call-back-send", "the return callback sends the buffer again",
                           {join({start(), frames(3), {{Act::Sleep, 30'000}}, kStop})}));
-    all.back().callsBack = CallsBack::Send;
+    sessionOf(all.back()).onReturn = {{Act::SendNext, kFrameUs}};
     all.push_back(program("slow-callback", "stop while a slow callback runs",
                           {join({start(), frames(4), {{Act::Sleep, 40'000}}, kStop})}));
-    all.back().callbackTakesUs = 4'000;
+    sessionOf(all.back()).callbackTakesUs = 4'000;
     all.push_back(program("two-renderers", "two renderers on one TV, one after the other's start",
                           {join({start(), frames(3), {{Act::Sleep, 20'000}}, kStop})}));
-    all.back().renderers = 2;
+    all.back().players.push_back(all.back().players.front());
     all.push_back(program("passthrough", "the sync instance decides; stop while it holds a frame",
                           {join({{{Act::Start}},
                                  frames(3),
@@ -139,12 +148,28 @@ std::vector<Program> makePrograms() {
                                  frames(2, 900'000),
                                  {{Act::Sleep, 12'000}},
                                  kStop})}));
-    all.back().passthrough = true;
+    sessionOf(all.back()).passthrough = true;
     all.push_back(
         program("fence-never", "stop while the fill thread waits for a fence",
                 {join({start(), {{Act::Faults, 0}}, frames(6), {{Act::Sleep, 60'000}}, kStop})}));
     all.back().faults.resize(1);
     all.back().faults[0].tunnel.fenceNeverSignals = true;
+
+    all.push_back(program("restart", "start after stop while another thread sends and flushes",
+                          {join({start(),
+                                 frames(2),
+                                 {{Act::Sleep, 9'000}, {Act::Stop}},
+                                 start(),
+                                 frames(2, 2 * kFrameUs),
+                                 {{Act::Sleep, 9'000}, {Act::Flush}},
+                                 kStop,
+                                 {{Act::Join}}}),
+                           join({frames(1), {{Act::Flush}}, frames(1, kFrameUs)})}));
+    all.push_back(program("delete-running", "delete in place of stop, frames everywhere",
+                          {join({start(), frames(5), {{Act::Sleep, 40'000}}})}));
+    all.push_back(program("two-sessions", "a renderer, and after its end another one",
+                          {join({start(), frames(3), {{Act::Sleep, 20'000}}, kStop})}));
+    all.back().players[0].push_back(all.back().players[0][0]);
     return all;
 }
 
@@ -156,29 +181,82 @@ const std::vector<Program>& builtInPrograms() {
 }
 
 Program withFrames(Program program, int frames) {
-    for (auto& steps : program.threads) {
-        int sent = 0;
-        const auto beyond = [&](const Step& step) { return sends(step) && ++sent > frames; };
-        steps.erase(std::remove_if(steps.begin(), steps.end(), beyond), steps.end());
+    for (auto& player : program.players) {
+        for (auto& session : player) {
+            for (auto& steps : session.threads) {
+                int sent = 0;
+                const auto beyond = [&](const Step& step) {
+                    return sends(step) && ++sent > frames;
+                };
+                steps.erase(std::remove_if(steps.begin(), steps.end(), beyond), steps.end());
+            }
+        }
     }
     return program;
 }
 
-bool losesBuffers(const Program& program) {
+int framesOf(const Program& program) {
+    int64_t count = 0;
+    for (const auto& player : program.players) {
+        for (const auto& session : player) {
+            for (const auto& steps : session.threads) {
+                count = std::max<int64_t>(count, std::count_if(steps.begin(), steps.end(), sends));
+            }
+        }
+    }
+    return static_cast<int>(count);
+}
+
+bool does(const Steps& steps, Acts acts) {
+    return std::any_of(steps.begin(), steps.end(), [acts](const Step& step) {
+        return std::find(acts.begin(), acts.end(), step.act) != acts.end();
+    });
+}
+
+bool does(const Session& session, Acts acts) {
+    return does(session.onReturn, acts) || does(session.onRenderTime, acts) ||
+           std::any_of(session.threads.begin(), session.threads.end(),
+                       [acts](const Steps& steps) { return does(steps, acts); });
+}
+
+bool does(const Program& program, Acts acts) {
+    return does(program.tvThread, acts) ||
+           anySession(program, [acts](const Session& session) { return does(session, acts); });
+}
+
+bool hasFault(const Program& program, const std::function<bool(const TvFaults&)>& is) {
+    return std::any_of(program.faults.begin(), program.faults.end(), is);
+}
+
+bool refusesBuffers(const Program& program) {
     return program.tv.tunnel.capacity < tv::TunnelConfig().capacity ||
-           std::any_of(program.faults.begin(), program.faults.end(), [](const TvFaults& faults) {
-               return faults.tunnel.queueFails || faults.tunnel.fenceNeverSignals ||
-                      faults.tunnel.fenceWrongMode || faults.tunnel.dequeueFails ||
-                      faults.tunnel.connectFails || faults.tunnel.fenceDelayNs > 0;
+           does(program, {Act::PowerOff}) || hasFault(program, [](const TvFaults& faults) {
+               const tv::TunnelFaults& tunnel = faults.tunnel;
+               return tunnel.openFails || tunnel.allocFails || tunnel.connectFails ||
+                      tunnel.queueFails;
            });
 }
 
-int framesOf(const Program& program) {
-    int64_t count = 0;
-    for (const auto& steps : program.threads) {
-        count = std::max<int64_t>(count, std::count_if(steps.begin(), steps.end(), sends));
-    }
-    return static_cast<int>(count);
+bool keepsBuffers(const Program& program) {
+    return hasFault(program, [](const TvFaults& faults) {
+        const tv::TunnelFaults& tunnel = faults.tunnel;
+        return tunnel.fenceNeverSignals || tunnel.fenceWrongMode || tunnel.dequeueFails ||
+               tunnel.fenceDelayNs > 0;
+    });
+}
+
+bool mayLogErrors(const Program& program) {
+    return !program.faults.empty() || refusesBuffers(program) ||
+           program.tv.display.reportJitterNs > 0 ||
+           does(program, {Act::CreateFails, Act::SyncFails, Act::EndPassthrough, Act::FrameRate,
+                          Act::TakeReleased}) ||
+           anySession(program, [](const Session& session) {
+               const Steps& steps = session.threads.front();
+               const auto stop = std::find_if(steps.begin(), steps.end(), [](const Step& step) {
+                   return step.act == Act::Stop;
+               });
+               return session.unknownSync || does({stop, steps.end()}, {Act::Start});
+           });
 }
 
 }  // namespace korvane::player

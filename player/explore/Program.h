@@ -1,16 +1,22 @@
 // SPDX-License-Identifier: Apache-2.0
 // What an exploration plays: a short program of calls, the same in every schedule.
 //
-// A program has the TV, the clock and the callbacks that a player has, and one list of steps for
-// each of the player's threads. The first thread owns the renderer: it makes, starts, stops and
-// deletes it; the others begin with `start`. Some programs are built in and need no file; others
-// come from a scenario (ScenarioProgram.h).
+//   program   the TV, its faults, and players that run side by side
+//   player    sessions, one after the other
+//   session   one renderer from create to delete, its callbacks, and one list of steps for each of
+//             the player's threads. The first thread owns the renderer: it makes, starts, stops and
+//             deletes it, the last at the end of its steps.
+//
+// Some programs are built in and need no file; others come from a scenario (ScenarioProgram.h) or,
+// in tests, from random bytes.
 #pragma once
 
 #include <cstdint>
 #include <functional>
+#include <initializer_list>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "player/playback/PlaybackPlan.h"
@@ -18,59 +24,125 @@
 namespace korvane::player {
 
 enum class Act : uint8_t {
-    Start,        ///< `start`, audio's start, and the other threads' begin
-    Send,         ///< one frame of media time `us`, once a buffer is free
-    SendPeek,     ///< the same, marked to be shown at once
-    PeekFirst,    ///< `peekFirstFrame`
-    Flush,        ///< audio's flush, then `flush`
-    AwaitBack,    ///< until no frame is in the library, `us` at most
-    Anchor,       ///< `updateVideoTime(us)`
-    Register,     ///< registers the same callbacks again
-    NotifyTimes,  ///< `nodifyRenderTime`
-    Pause,        ///< audio and its clock
-    Resume,
-    Faults,  ///< switches the TV's faults to entry `us` of the program
-    Sleep,   ///< for `us`
-    Until,   ///< playback time `us`
-    Join,    ///< the owner waits for the other threads
+    // of the renderer's owner
+    Begin,   ///< the session's other threads begin, unless they have
+    Start,   ///< `start` and Begin
+    Stop,    ///< `stop`
+    Join,    ///< waits for the other threads
     Settle,  ///< until every frame has run its course; it is a fault if that takes longer than `us`
-    Stop
+    Recall,  ///< the same, with a `flush` every 20 ms; of a renderer that runs
+    // of any thread
+    Send,          ///< one frame of media time `us`
+    SendPeek,      ///< the same, marked to be shown at once
+    SendNext,      ///< one frame `us` after the last, if a buffer is free
+    PeekFirst,     ///< `peekFirstFrame`
+    Flush,         ///< `flush`
+    AwaitBack,     ///< until no frame is in the library, `us` at most
+    Anchor,        ///< `updateVideoTime(us)`
+    ReadClock,     ///< `getRealTimeFor(us)`, `getTrackMediaTime`, `getStartingTimeMedia`
+    Register,      ///< registers the same callbacks again
+    NotifyTimes,   ///< `nodifyRenderTime`
+    TakeReleased,  ///< `getNeedFillVideoFrame`
+    HandBack,      ///< `onFillVideoFrame` of a buffer that was not sent
+    Announce,      ///< `onVideoSyncQueueVideoFrame(us, number)`
+    FrameRate,     ///< `setFrameRate(number)`
+    Sleep,         ///< for `us`
+    Until,         ///< playback time `us`
+    // of the sound, if there is any
+    Sound,  ///< packets from `us` on, `number` of them
+    SoundFlush,
+    SoundEnd,
+    Pause,  ///< sound and its clock
+    Resume,
+    // of the TV
+    Faults,          ///< switches its faults to entry `number` of the program
+    Mode,            ///< the display changes to `number` / 1000 Hz
+    CreateFails,     ///< media-sync clients cannot be made (`number` 1), or can again (0)
+    SyncFails,       ///< the calls of media-sync instance `number`
+    SyncWorks,       ///< ... again
+    EndPassthrough,  ///< of instance `number`
+    PowerOff
 };
 
 struct Step {
     Act act = Act::Send;
     int64_t us = 0;
+    int number = 0;
 };
+using Steps = std::vector<Step>;
 
-/// What a callback of type 0 or 2 does beside taking the buffer, as docs/integration.md allows.
-enum class CallsBack { Nothing, Flush, Send, Register };
+/// One renderer from create to delete.
+struct Session {
+    bool withAudio = false;
+    bool passthrough = false;
+    bool unknownSync = false;  ///< `init` with the id of no media-sync instance
+    /// Waits until a buffer is free. Sound comes with the first frame and is flushed with the
+    /// frames; pass-through announces each frame. Else only the steps do so.
+    bool tidy = true;
+    bool return0 = false;  ///< registers type 0
+    bool return2 = true;   ///< ... and type 2; one of them at least
+    bool renderTimes = true;
+    int answers = 0;      ///< result of the callbacks of types 0 and 2 ...
+    int answersEach = 1;  ///< ... each so many times; 0 otherwise
+    int64_t callbackTakesUs = 0;
+    /// What callbacks do beside taking the buffer, as docs/integration.md allows, so many times.
+    Steps onReturn;
+    Steps onRenderTime;
+    int callsBack = 1;
+    std::vector<Steps> threads;
+};
 
 struct Program {
     std::string name;
     std::string shows;
     tv::TvConfig tv;
     std::vector<TvFaults> faults;  ///< for Act::Faults
-    int buffers = 6;
-    int renderers = 1;  ///< each with its own threads
-    bool withAudio = false;
-    bool passthrough = false;
+    Steps tvThread;                ///< steps of the TV, on a thread of its own
+    int buffers = 6;               ///< of each player
     tv::AudioConfig audio;
     std::function<void(const std::shared_ptr<tv::SyncInstance>&)> prepareClock;
-    bool bothReturns = false;  ///< registers types 0 and 2, else type 2 only
-    int callbackAnswers = 0;
-    int64_t callbackTakesUs = 0;
-    CallsBack callsBack = CallsBack::Nothing;
-    std::vector<std::vector<Step>> threads;
+    int64_t longestUs =
+        60'000'000;  ///< far more than it takes; threads that poll for ever reach it
+    std::vector<std::vector<Session>> players;
 };
 
 /// Hard on threads, each within a few hundred points of preemption.
 const std::vector<Program>& builtInPrograms();
 
-/// Without the last frames: those sent beyond so many are left out.
+/// Without the last frames: those sent beyond so many by one thread are left out.
 Program withFrames(Program program, int frames);
-/// Whether the TV keeps buffers for ever, because it refuses them or their fences fail.
-bool losesBuffers(const Program& program);
-/// How many frames its threads send.
+/// The most frames that one of its threads sends.
 int framesOf(const Program& program);
+
+/// Whether any of these is among the steps; for checks that hold only without it.
+using Acts = std::initializer_list<Act>;
+bool does(const Steps& steps, Acts acts);
+bool does(const Session& session, Acts acts);
+bool does(const Program& program, Acts acts);
+/// Whether any of its faults is so.
+bool hasFault(const Program& program, const std::function<bool(const TvFaults&)>& is);
+/// The TV may refuse buffers, which then come back with `stop` only.
+bool refusesBuffers(const Program& program);
+/// The TV may keep buffers that it took, because their fences fail.
+bool keepsBuffers(const Program& program);
+/// The library may log an error.
+bool mayLogErrors(const Program& program);
+
+/// The tunnel's faults that are on or off, with their names.
+inline constexpr std::pair<const char*, bool tv::TunnelFaults::*> kTunnelFaults[] = {
+    {"open", &tv::TunnelFaults::openFails},
+    {"alloc", &tv::TunnelFaults::allocFails},
+    {"free", &tv::TunnelFaults::freeFails},
+    {"connect", &tv::TunnelFaults::connectFails},
+    {"disconnect", &tv::TunnelFaults::disconnectFails},
+    {"queue", &tv::TunnelFaults::queueFails},
+    {"dequeue", &tv::TunnelFaults::dequeueFails},
+    {"vsync-query", &tv::TunnelFaults::vsyncQueryFails},
+    {"no-fences", &tv::TunnelFaults::noFences},
+    {"fence-never", &tv::TunnelFaults::fenceNeverSignals},
+    {"fence-mode", &tv::TunnelFaults::fenceWrongMode}};
+
+/// The program in words, a line for each thread.
+std::string toText(const Program& program);
 
 }  // namespace korvane::player

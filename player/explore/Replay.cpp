@@ -32,7 +32,9 @@ constexpr unsigned kLongestReplaySeconds = 20;
     ListedReplay strategy(schedule, options.listing);
     strategy.next();
     tellCrashesOf(0, StrategyKind::Random, strategy);
-    const RunReport report = runner.play(program, strategy, nullptr, options.traceFile);
+    RunnerOptions traced;
+    traced.traceFile = options.traceFile;
+    const RunReport report = runner.play(program, strategy, traced);
     const std::string text = tv::toText(strategy.deviations());
     sendMessage(pipe, MessageKind::Listing, joinFields({text, strategy.text()}));
     for (const auto& fault : report.faults) {

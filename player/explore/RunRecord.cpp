@@ -14,6 +14,10 @@ namespace {
 constexpr int kFewestInTunnel = 3;
 /// The cadence tracker may move a frame by this much.
 constexpr int64_t kMovedUs = 17'000;
+/// `stop` ends each wait at once. What it cannot end: a poll, and a fence of a display that works.
+constexpr int64_t kStopBoundNs = 50'000'000;
+/// ... and of one that does not.
+constexpr int64_t kFenceBoundNs = 1'050'000'000;
 constexpr const char* kBackTwiceAfterFlush =
     "a buffer comes back twice: a flush met its frame in the wait for audio's start";
 constexpr const char* kEarlyAfterFlush =
@@ -79,10 +83,11 @@ private:
         if (queued.atOnce && !frame.peek && !mRecord.marksPeek && mRecord.decides) {
             add("a frame that is no peek frame is shown at once");
         }
-        if (queued.takenBackNs > 0 && frame.returns == 1 && !frame.rendered) {
+        const bool leftBehind = meetsFlush(frame) && mRecord.keeps;
+        if (queued.takenBackNs > 0 && frame.returns == 1 && frame.dropped && !leftBehind) {
             add("a frame comes back as dropped that went to the tunnel");
         }
-        if (queued.atOnce || frame.peek || mRecord.loseBuffers || !mRecord.decides) {
+        if (queued.atOnce || frame.peek || mRecord.losesBuffers() || !mRecord.decides) {
             return;
         }
         const auto decision =
@@ -91,7 +96,7 @@ private:
             return fmt::format("frame {}, {} us before it is due; threads were away for {} us",
                                queued.frameNo, decision.earlyUs, mRecord.awayNs / 1000);
         };
-        if (decision.verdict == FrameVerdict::WaitThenShow) {
+        if (decision.verdict == FrameVerdict::WaitThenShow && mRecord.knowsPeriod) {
             add(frame.flushed ? kEarlyAfterFlush : "a frame is queued before its time", detail());
         }
         if (decision.earlyUs < -kLateLimitUs - mRecord.awayNs / 1000) {
@@ -102,15 +107,20 @@ private:
     void judgeFrame(size_t i) {
         const SentFrame& frame = mRecord.frames[i];
         if (frame.returns > 1) {
-            add(meetsFlush(frame) ? kBackTwiceAfterFlush : "a buffer comes back twice",
-                this->frame(i));
+            const bool meant = frame.returns == 2 && meetsFlush(frame) && mTwice < mRecord.flushes;
+            mTwice += meant ? 1 : 0;
+            add(meant ? kBackTwiceAfterFlush : "a buffer comes back twice", this->frame(i));
+        }
+        if (mRecord.bothTypes && frame.returns0 != frame.returns - frame.taken) {
+            add("a buffer comes back by one of the two callbacks only", this->frame(i));
         }
         if (frame.reports > 1) {
             add("a render time is reported twice", this->frame(i));
         }
-        const bool dropped = frame.returns == 1 && !frame.rendered && !frame.flushed;
+        const bool dropped = frame.returns == 1 && frame.dropped && !frame.flushed;
         const int64_t earlyUs = frame.dueUs - frame.backNs / 1000;
-        if (dropped && frame.dueUs >= 0 && earlyUs > kMovedUs - kLateLimitUs) {
+        if (dropped && mRecord.knowsPeriod && frame.dueUs >= 0 &&
+            earlyUs > kMovedUs - kLateLimitUs) {
             add("a frame is dropped although it is in time",
                 fmt::format("{}, {} us before it is due", this->frame(i), earlyUs));
         }
@@ -124,7 +134,8 @@ private:
                     return other.queuedNs <= taken.takenBackNs &&
                            (other.takenBackNs == 0 || other.takenBackNs >= taken.takenBackNs);
                 });
-            if (taken.takenBackNs > 0 && inside < kFewestInTunnel && !mRecord.loseBuffers) {
+            if (taken.takenBackNs > 0 && inside < kFewestInTunnel && !mRecord.losesBuffers() &&
+                !mRecord.fetches) {
                 add("a buffer is taken out of the tunnel that should keep the last two");
             }
         }
@@ -151,18 +162,18 @@ private:
             }
             gone[i] = gone[i] || sent.returns > 0;
         }
-        const auto last = std::find(gone.rbegin(), gone.rend(), true);
-        const auto lost = std::find(last, gone.rend(), false);
-        if (mRecord.oneSender && !mRecord.loseBuffers && lost != gone.rend()) {
-            add("a frame is lost: later ones came further",
-                frame(static_cast<size_t>(gone.rend() - lost) - 1));
+        bool later = false;
+        for (size_t i = mRecord.oneSender && !mRecord.losesBuffers() ? gone.size() : 0; i > 0;
+             --i) {
+            if (later && !gone[i - 1]) {
+                add("a frame is lost: later ones came further", frame(i - 1));
+                return;
+            }
+            later = later || (gone[i - 1] && !mRecord.frames[i - 1].afterStop);
         }
     }
 
     void judgeStop() {
-        if (mRecord.expectSettled && !mRecord.settled) {
-            add("frames do not come to their end");
-        }
         if (mRecord.stopTookNs > mRecord.stopBoundNs + mRecord.awayNs) {
             add("stop takes longer than its bound",
                 fmt::format("{:.1f} ms, bound {:.1f} ms",
@@ -182,12 +193,64 @@ private:
 
     const RunRecord& mRecord;
     std::vector<Fault> mFaults;
+    int mTwice = 0;  ///< frames that came back twice, meant so
 };
 
 }  // namespace
 
+bool waitsForAudio(const Session& session) {
+    return session.withAudio || session.unknownSync;
+}
+
+RunRecord recordOf(const Program& program, const Session& session, int64_t firstFrame) {
+    RunRecord record;
+    record.firstFrame = firstFrame;
+    record.withAudio = waitsForAudio(session) || does(program, {Act::CreateFails});
+    record.decides = !session.passthrough;
+    record.refuses = refusesBuffers(program);
+    record.keeps = keepsBuffers(program);
+    record.marksPeek = does(session, {Act::PeekFirst});
+    record.bothTypes = session.return0 && session.return2;
+    record.fetches = does(session, {Act::TakeReleased});
+    record.knowsPeriod =
+        !does(program, {Act::Mode}) && !hasFault(program, [](const TvFaults& faults) {
+            return faults.reportFails || faults.reportedPeriodNs || faults.tunnel.vsyncQueryFails;
+        });
+    record.periodNs = static_cast<int32_t>(1e9 / program.tv.display.rateHz);
+    record.oneSender =
+        !does(session, {Act::SendNext}) &&
+        std::count_if(session.threads.begin(), session.threads.end(), [](const Steps& steps) {
+            return does(steps, {Act::Send, Act::SendPeek});
+        }) == 1;
+    // Callbacks that run at that time: on both workers and on each thread that calls the renderer.
+    // One that flushes gets back all frames.
+    const bool flushes =
+        does(session.onReturn, {Act::Flush}) || does(session.onRenderTime, {Act::Flush});
+    const auto callers = static_cast<int64_t>(session.threads.size()) + 2;
+    const int64_t callbacks = 2 * (callers + (flushes ? program.buffers : 0));
+    record.stopBoundNs = kStopBoundNs + callbacks * session.callbackTakesUs * 1000 +
+                         (record.keeps ? kFenceBoundNs : 0);
+    return record;
+}
+
 std::vector<Fault> faultsOf(const RunRecord& record) {
     return Judge(record).all();
+}
+
+void judgeTv(const Program& program, tv::Tv& tv, int neverRan, std::vector<Fault>* faults) {
+    const tv::Tunnel& tunnel = tv.tunnel();
+    const bool works = program.faults.empty() && !does(program, {Act::PowerOff});
+    if (works && (tunnel.idsNotFreed() > neverRan || tv.display().openRemotes() != 0)) {
+        faults->push_back(
+            {"the renderer is gone, and left its tunnel id or its display adapter", ""});
+    }
+    if (!does(program, {Act::PowerOff}) &&
+        tunnel.connectedTunnels() + tunnel.allocatedIds() + tunnel.openDevices() > 0) {
+        faults->push_back(
+            {"the renderer is gone, and the tunnel is still connected, or has an id or "
+             "an open device",
+             tunnel.dump()});
+    }
 }
 
 const char* deliberateReason(const Fault& fault) {

@@ -16,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "player/base/Limits.h"
 #include "player/explore/Feeder.h"
 #include "tv/clock/VirtualTime.h"
 #include "tv/explore/Exploration.h"
@@ -29,17 +30,24 @@ struct RunReport {
     tv::VirtualTimeStatistics statistics;
 };
 
+struct RunnerOptions {
+    /// Decides instead and asks the strategy; null: nothing does.
+    tv::Schedule* around = nullptr;
+    std::string traceFile;  ///< where the run's timeline goes; empty: none is recorded
+    /// Whether plain accesses can be switches of threads, too.
+    bool plainAccesses = false;
+};
+
 /// One at a time in a process of one thread.
 class Runner final : public FeederWatch {
 public:
-    Runner();
+    /// @param buffers  of all players of a program
+    explicit Runner(int buffers = kMostBuffers);
     ~Runner() override;
 
     /// @param strategy  prepared for the run
-    /// @param around    decides instead and asks the strategy; null: nothing does
-    /// @param traceFile  where the run's timeline goes; empty: none is recorded
-    RunReport play(const Program& program, tv::Strategy& strategy, tv::Schedule* around = nullptr,
-                   const std::string& traceFile = {});
+    RunReport play(const Program& program, tv::Strategy& strategy,
+                   const RunnerOptions& runnerOptions = {});
 
     tv::PairCoverage coverage() const { return mExploration.coverage(); }
     /// The calling thread's calls inside the library, innermost first; after a crash, too.

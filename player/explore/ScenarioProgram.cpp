@@ -35,20 +35,22 @@ public:
         program.tv = mPlan.tv;
         program.tv.display.seed = mScenario.seed;
         program.buffers = std::min(mPlan.buffers, kMostProgramBuffers);
-        program.withAudio = mPlan.withAudio;
-        program.passthrough = mPlan.passthrough;
         program.audio = audio();
         program.prepareClock = mPlan.prepareClock;
-        program.callbackAnswers = mPlan.callbackAnswers;
-        program.callbackTakesUs = mPlan.callbackTakesUs;
+        Session session;
+        session.withAudio = mPlan.withAudio;
+        session.passthrough = mPlan.passthrough;
+        session.answers = mPlan.callbackAnswers;
+        session.callbackTakesUs = mPlan.callbackTakesUs;
         for (const auto& timed : mPlan.faults) {
             program.faults.push_back(timed.faults);
         }
         player();
-        program.threads.push_back(std::move(mSteps));
+        session.threads.push_back(std::move(mSteps));
         if (auto steps = faults(); !steps.empty()) {
-            program.threads.push_back(std::move(steps));
+            session.threads.push_back(std::move(steps));
         }
+        program.players.push_back({std::move(session)});
         return program;
     }
 
@@ -159,11 +161,11 @@ private:
         add(Act::Stop);
     }
 
-    std::vector<Step> faults() const {
-        std::vector<Step> steps;
+    Steps faults() const {
+        Steps steps;
         for (size_t i = 0; i < mPlan.faults.size(); ++i) {
             steps.push_back({Act::Until, scaled(mPlan.faults[i].atUs)});
-            steps.push_back({Act::Faults, static_cast<int64_t>(i)});
+            steps.push_back({Act::Faults, 0, static_cast<int>(i)});
         }
         return steps;
     }
@@ -177,7 +179,7 @@ private:
     const int64_t mFrameUs;
     const int64_t mSpanUs;    ///< of the frames that are played
     const int64_t mLengthUs;  ///< of the scenario's content
-    std::vector<Step> mSteps;
+    Steps mSteps;
     int64_t mShiftUs = 0;  ///< by seeks
     bool mFirst = true;    ///< of its section
 };

@@ -129,7 +129,9 @@ void learn(Runner& runner, const ExploreOptions& options, size_t index, const Wo
     const int runs = needed && id.life == 0 ? kLearningRuns : 0;
     for (int i = 0; i < runs && !tally.share.stop && walk.next(); ++i) {
         tv::Learning learning(walk, learned->places);
-        tally.add(index, StrategyKind::Random, walk, runner.play(program, walk, &learning));
+        RunnerOptions learns;
+        learns.around = &learning;
+        tally.add(index, StrategyKind::Random, walk, runner.play(program, walk, learns));
         learned->places.endRun();
     }
     tv::Replay undisturbed({});

@@ -62,8 +62,17 @@ TEST(RunRecordTest, NamesWhatBroke) {
         {[](RunRecord& run) {
              run.frames[0].returns = 2;
              run.frames[0].flushed = run.withAudio = true;
+             run.flushes = 1;
          },
          "a buffer comes back twice: a flush met its frame in the wait for audio's start", true},
+        {[](RunRecord& run) {
+             run.frames[0].returns = 3;
+             run.frames[0].flushed = run.withAudio = true;
+             run.flushes = 3;
+         },
+         "a buffer comes back twice", false},
+        {[](RunRecord& run) { run.bothTypes = true; },
+         "a buffer comes back by one of the two callbacks only", false},
         {[](RunRecord& run) { run.tunnel[1].presentationTimeUs = 500'000; },
          "a frame is queued before its time", false},
         {[](RunRecord& run) { run.tunnel[1].queuedNs = 51 * kMs; },
@@ -115,16 +124,17 @@ TEST(ProgramTest, ScenarioKeepsItsEventsInFewFrames) {
         "[expect]\n",
         "a.toml");
     const Program program = programOf(scenario, 10);
-    ASSERT_EQ(program.threads.size(), 2U);
+    const Session& session = program.players.at(0).at(0);
+    ASSERT_EQ(session.threads.size(), 2U);
     EXPECT_EQ(framesOf(program), 10);
     EXPECT_EQ(framesOf(withFrames(program, 3)), 3);
-    const auto& steps = program.threads[0];
+    const auto& steps = session.threads[0];
     const auto seek = std::find_if(steps.begin(), steps.end(),
                                    [](const Step& step) { return step.act == Act::Flush; });
     ASSERT_NE(seek, steps.end());
     EXPECT_EQ((seek - 1)->us, 200'000);  // half of 400 ms
     EXPECT_EQ((seek + 2)->us, 1'000'000);
-    EXPECT_EQ(program.threads[1][0].us, 80'000);
+    EXPECT_EQ(session.threads[1][0].us, 80'000);
 }
 
 }  // namespace
