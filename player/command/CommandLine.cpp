@@ -40,6 +40,8 @@ struct Kind {
     std::string name;
     std::function<std::optional<Value>(const std::string&)> parse;
     std::string wanted;
+    /// Whether the parser refuses a text for its length alone; null: no length is too long.
+    std::function<bool(const std::string&)> tooLong = nullptr;
 };
 
 template <typename Parse>
@@ -50,15 +52,25 @@ auto bounded(Parse parse, double least, double most) {
     };
 }
 
+/// Of a negative duration its sign is wrong before its length.
+bool exceedsLongest(const std::string& text) {
+    return !startsWith(text, "-") && isTooLong(text);
+}
+
 const Kind<int64_t> kDuration{"TIME", bounded(parseDuration, 0, kLongestUs),
-                              "a duration; write for example 2s or 200ms"};
+                              "a duration; write for example 2s or 200ms", exceedsLongest};
 const Kind<int64_t> kLength{"TIME", bounded(parseDuration, 1, kLongestUs),
-                            "a duration of more than 0; say how long to play, such as 10s"};
+                            "a duration of more than 0; write for example 10s", exceedsLongest};
 const Kind<int64_t> kJitter{"TIME", bounded(parseDuration, 0, kMostVsyncJitterUs),
                             "a duration of at most 5ms; write for example 500us"};
 
 Kind<DurationPair> durationPair(const std::string& name) {
-    return {name, parseDurationPair, "a pair of durations; write for example 5s:800ms"};
+    return {name, parseDurationPair, "a pair of durations; write for example 5s:800ms",
+            [](const std::string& text) {
+                const size_t colon = text.find(':');
+                return colon != text.npos && (exceedsLongest(text.substr(0, colon)) ||
+                                              exceedsLongest(text.substr(colon + 1)));
+            }};
 }
 
 Kind<FrameRate> rateBetween(double lowestHz, double highestHz) {
@@ -198,7 +210,10 @@ template <typename Value, typename Take>
 CLI::Option* addEach(CLI::App* app, const std::string& name, const Kind<Value>& kind,
                      const std::string& help, Take take) {
     const auto check = [kind](const std::string& text) {
-        return kind.parse(text) ? "" : fmt::format("'{}' is not {}", text, kind.wanted);
+        return kind.parse(text) ? ""
+               : kind.tooLong && kind.tooLong(text)
+                   ? fmt::format("'{}' is too long; a duration is at most 277h", text)
+                   : fmt::format("'{}' is not {}", text, kind.wanted);
     };
     const auto takeAll = [kind, take](const Words& texts) {
         for (const auto& text : texts) {
@@ -283,7 +298,8 @@ void addPlaybackOptions(CLI::App* app, PlayOptions* options) {
     addFlag(app, "--passthrough", &options->passthrough,
             "Tuner pass-through: the media-sync instance decides about each frame");
     addFlag(app, "--peek", &options->peek, "Show the first frame at once, before audio starts");
-    addEach(app, "--flush-at", Kind<int64_t>{"AT", kDuration.parse, kDuration.wanted},
+    addEach(app, "--flush-at",
+            Kind<int64_t>{"AT", kDuration.parse, kDuration.wanted, kDuration.tooLong},
             "Flush audio and video once AT has been shown, then go on; may be repeated",
             [options](int64_t atUs) {
                 options->seeks.push_back({atUs, 0, true, true});
