@@ -6,6 +6,7 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <system_error>
 
 #include "player/base/Limits.h"
@@ -19,6 +20,7 @@ struct Unit {
 };
 constexpr Unit kUnits[] = {{"us", 1.0}, {"ms", 1e3}, {"s", 1e6}, {"m", 60e6}, {"h", 3600e6}};
 constexpr double kUsPerSecond = 1e6;
+constexpr char kPpm[] = "ppm";
 
 std::string fixed(double value, int decimals) {
     char text[64];
@@ -122,6 +124,18 @@ std::optional<DurationPair> parseDurationPair(const std::string& text) {
         return std::nullopt;
     }
     return DurationPair{*first, *second};
+}
+
+std::optional<double> parseDrift(const std::string& text) {
+    const size_t unit = text.rfind(kPpm);
+    const bool ends = unit != std::string::npos && unit + std::strlen(kPpm) == text.size();
+    const std::string number = ends ? text.substr(0, unit) : text;
+    // strtod alone would also take spaces, "inf", "nan" and hexadecimal.
+    const bool decimal = number.find_first_not_of("+-.0123456789eE") == std::string::npos;
+    char* end = nullptr;
+    const double ppm = std::strtod(number.c_str(), &end);
+    const bool whole = decimal && !number.empty() && *end == '\0';
+    return whole && std::fabs(ppm) <= kMostDriftPpm ? std::optional(ppm) : std::nullopt;
 }
 
 std::string seconds(int64_t us, int decimals) {

@@ -30,6 +30,11 @@ struct DurationPair {
 };
 std::optional<DurationPair> parseDurationPair(const std::string& text);
 
+/// Reads how much faster than it should something runs, in parts per million: "50ppm", "-0.5",
+/// "1e2".
+/// @return nothing when the text is not such a number or is beyond `kMostDriftPpm`
+std::optional<double> parseDrift(const std::string& text);
+
 /// "0.417 s": seconds with this many decimals.
 std::string seconds(int64_t us, int decimals = 3);
 /// "1 frame", "2 frames".

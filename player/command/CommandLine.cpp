@@ -87,13 +87,9 @@ Kind<FrameRate> rateBetween(double lowestHz, double highestHz) {
 const Kind<FrameRate> kDisplayRate = rateBetween(kLowestDisplayHz, kHighestDisplayHz);
 const Kind<FrameRate> kContentRate = rateBetween(kLowestContentHz, kHighestContentHz);
 
-std::optional<double> parseSigned(const std::string& text) {
-    const bool negative = startsWith(text, "-");
-    const auto value = parseDecimal(text.substr(negative || startsWith(text, "+") ? 1 : 0));
-    return value && negative ? -*value : value;
-}
-const Kind<double> kDrift{"PPM", bounded(parseSigned, -kMostDriftPpm, kMostDriftPpm),
-                          fmt::format("between -{0} and {0} parts per million", kMostDriftPpm)};
+const Kind<double> kDrift{
+    "PPM", parseDrift,
+    fmt::format("between -{0} and {0} parts per million; write for example 50ppm", kMostDriftPpm)};
 
 Kind<int64_t> count(int64_t least, int64_t most, const std::string& unit) {
     return {"N", bounded(parseCount, static_cast<double>(least), static_cast<double>(most)),

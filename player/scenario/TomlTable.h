@@ -73,7 +73,7 @@ public:
     void time(const std::string& key, int64_t* value, Range range = {0, kLongestUs});
     void time(const std::string& key, std::optional<int64_t>* value);
     void nanoseconds(const std::string& key, int32_t* value);
-    /// Parts per million, "50ppm".
+    /// Parts per million with the unit, "50ppm".
     void ppm(const std::string& key, double* value);
     /// Frames or vsyncs per second: a number, or a fraction in quotes.
     void rate(const std::string& key, FrameRate* value, double lowestHz, double highestHz);

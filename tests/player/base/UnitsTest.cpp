@@ -35,6 +35,19 @@ TEST(Units, DurationsAreReadWithTheirUnit) {
     }
 }
 
+TEST(Units, DriftsAreReadWithAndWithoutTheirUnit) {
+    const std::vector<std::pair<const char*, double>> good = {
+        {"50", 50.0},   {"50ppm", 50.0},   {"-200ppm", -200.0}, {"+0.5", 0.5},
+        {".5ppm", 0.5}, {"1e2ppm", 100.0}, {"0", 0.0},          {"50000ppm", 50'000.0}};
+    for (const auto& [text, ppm] : good) {
+        EXPECT_EQ(parseDrift(text), ppm) << text;
+    }
+    for (const char* text : {"", "ppm", "-ppm", "50 ppm", " 50ppm", "50ppmppm", "50pp", "5%",
+                             "0x10", "inf", "nanppm", "50001", "-50001ppm", "1e", "--1"}) {
+        EXPECT_FALSE(parseDrift(text)) << text;
+    }
+}
+
 TEST(FrameRate, BroadcastNamesMeanFractionsAndOthersThemselves) {
     const struct {
         const char* text;

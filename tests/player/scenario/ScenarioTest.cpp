@@ -81,6 +81,7 @@ TEST(ScenarioFile, RefusesInOneLineWithPlaceAndKey) {
         {"[expect]\n[audio]\nstart_delay = \"-1s\"", "'-1s' is not from 0s to "},
         {"[expect]\n[content]\nduration = \"1000h\"", "'1000h' is not from 1us to 25h"},
         {"[expect]\n[audio]\ndrift = \"50\"", "'50' is not parts per million"},
+        {"[expect]\n[audio]\ndrift = \"50001ppm\"", "'50001ppm' is not parts per million up to"},
         {"[expect]\n[audio]\nunderflow = [{ at = \"1s\" }]", ":5: audio.underflow.for: is missing"},
         {"[expect]\n[audio]\nlatency_jump = \"1ms\"", "latency_jump_for go together"},
         {"[expect]\n[content]\nfps = 0", ":5: content.fps: wants a rate from 0.1 to 240"},
