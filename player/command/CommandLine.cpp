@@ -261,7 +261,7 @@ void addStreamOptions(CLI::App* app, PlayOptions* options) {
     add(app, "--program", index, "Number of the program, as the report lists them [the video's]",
         &options->program);
     add(app, "--input-rate", kContentRate,
-        "Pictures per second of what has no times, such as an image sequence [25]",
+        "Pictures per second of an input without times, such as an image sequence [25]",
         &options->inputRate);
 }
 
@@ -440,8 +440,9 @@ CLI::App* addRunCommand(CLI::App* app, RunOptions* options) {
         ->excludes(seed);
     addFlag(
         run, "--preempt", &options->preempt,
-        "Let threads lose the processor, and waits end without cause, where the seed says; with "
-        "another seed than the scenario's own they do, unless the scenario says preempt = false");
+        "Let threads lose the processor at locks, waits and notifications, and waits end without "
+        "cause; the seed determines where [only with another seed than the scenario's own, unless "
+        "the scenario has preempt = false]");
     add(run, "--clock", kClock, "virtual or real [virtual]", &options->virtualClock);
     add(run, "--events", kOutputFolder,
         "Keep the event logs in this folder, as NAME.events; a second scenario of the same name "
@@ -462,7 +463,8 @@ CLI::App* addRunCommand(CLI::App* app, RunOptions* options) {
     run->footer(
         "A scenario says what is played, on which TV with which faults, and what is expected; "
         "docs/scenarios.md describes every key.\n"
-        "Exit status: 0 all as expected; 1 not all; 2 wrong usage, or a file that is no scenario.");
+        "Exit status: 0 all as expected; 1 an expectation failed; 2 wrong usage, or a file that is "
+        "no scenario.");
     return run;
 }
 
@@ -485,10 +487,9 @@ CLI::App* addCompareCommand(CLI::App* app, CompareOptions* options) {
             ->type_name("")
             ->required();
     }
-    addFlag(compare, "--frames", &options->frames, "Print each frame that is not the same");
+    addFlag(compare, "--frames", &options->frames, "Print each frame that differs");
     add(compare, "--json", kOutputFile,
-        "Write all figures, and all frames that are not the same, as one JSON object",
-        &options->jsonFile);
+        "Write all figures, and all frames that differ, as one JSON object", &options->jsonFile);
     add(compare, "--report",
         Kind<std::string>{"DIR", kOutputFile.parse, "a folder; write its name"},
         "Write a page with both, compare.html, into this folder", &options->reportFolder);
@@ -506,7 +507,7 @@ CLI::App* addExploreCommand(CLI::App* app, ExploreCommandOptions* options) {
         ->add_option("SCENARIO", options->paths,
                      "Scenarios as for run, or names of built-in programs [all of these]")
         ->type_name("");
-    add(explore, "--for", kLength, "Explore for this long [1min, or as --schedules says]",
+    add(explore, "--for", kLength, "Explore for this long [1m, or as --schedules says]",
         &options->forUs);
     add(explore, "--schedules", count(1, kMostSchedules, "schedules"), "Visit this many schedules",
         &options->schedules);

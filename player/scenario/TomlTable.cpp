@@ -60,6 +60,11 @@ std::shared_ptr<const toml::table> parseToml(const std::string& text, const std:
 TomlTable::TomlTable(const std::string& file, std::string name, const toml::table& table)
     : mFile(file), mName(std::move(name)), mTable(table) {}
 
+std::string TomlTable::noneOf(const std::vector<std::string>& names) {
+    return names.size() == 2 ? fmt::format("neither {} nor {}", names[0], names[1])
+                             : fmt::format("none of {}", fmt::join(names, ", "));
+}
+
 const toml::node* TomlTable::find(const std::string& key) {
     mKnown.insert(key);
     return mTable.get(key);

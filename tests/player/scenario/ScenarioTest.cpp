@@ -87,6 +87,7 @@ TEST(ScenarioFile, RefusesInOneLineWithPlaceAndKey) {
         {"[expect]\n[content]\nfps = 0", ":5: content.fps: wants a rate from 0.1 to 240"},
         {"[expect]\n[content]\nfile = \"x\"\nfps = 24", ":6: content.fps: does not go together"},
         {"[expect]\n[content]\ntimestamps = \"avi\"", "none of exact, matroska, mpegts"},
+        {"[expect]\nlip_sync = \"smpte\"", "lip_sync: 'smpte' is neither ebu nor itu"},
         {"[expect]\n[display]\nrate = 5", "wants a rate from 10 to 500"},
         {"[expect]\n[display]\nreport_period = [{ at = \"1s\", for = \"1s\", period = \"1ms\" }]",
          "is not nanoseconds"},
