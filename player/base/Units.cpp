@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <limits>
 #include <system_error>
 
 #include "player/base/Limits.h"
@@ -42,7 +43,8 @@ std::optional<double> unitUs(const std::string& name) {
 }
 
 /// Reads one number with its unit at `position`, in microseconds, and moves `position` past it.
-std::optional<double> takePart(const std::string& text, size_t* position) {
+/// @param lastUnitUs  of the part before, whose unit must be larger; becomes this part's
+std::optional<double> takePart(const std::string& text, size_t* position, double* lastUnitUs) {
     size_t end = *position;
     while (end < text.size() && isNumberCharacter(text[end])) {
         ++end;
@@ -53,10 +55,11 @@ std::optional<double> takePart(const std::string& text, size_t* position) {
     }
     const auto number = parseDecimal(text.substr(*position, end - *position));
     const auto us = unitUs(text.substr(end, unitEnd - end));
-    if (!number || !us) {
+    if (!number || !us || *us >= *lastUnitUs) {
         return std::nullopt;
     }
     *position = unitEnd;
+    *lastUnitUs = *us;
     return *number * *us;
 }
 
@@ -70,8 +73,9 @@ std::optional<double> durationUs(const std::string& text) {
         us = *bareSeconds * kUsPerSecond;
     } else {
         size_t position = 0;
+        double unit = std::numeric_limits<double>::infinity();
         do {
-            const auto part = takePart(digits, &position);
+            const auto part = takePart(digits, &position, &unit);
             if (!part) {
                 return std::nullopt;
             }

@@ -208,7 +208,7 @@ CLI::Option* addEach(CLI::App* app, const std::string& name, const Kind<Value>& 
     const auto check = [kind](const std::string& text) {
         return kind.parse(text) ? ""
                : kind.tooLong && kind.tooLong(text)
-                   ? fmt::format("'{}' is too long; a duration is at most 277h", text)
+                   ? fmt::format("'{}' {}", text, kTooLong)
                    : fmt::format("'{}' is not {}", text, kind.wanted);
     };
     const auto takeAll = [kind, take](const Words& texts) {

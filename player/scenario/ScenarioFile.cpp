@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <fstream>
+#include <functional>
 #include <sstream>
 #include <system_error>
 
@@ -71,8 +72,11 @@ void readContent(TomlTable& table, ContentPlan* content) {
     refuseTogether(table, "list", {"fps", "duration", "start"});
     table.text("file", &content->file);
     table.times("list", &content->times);
-    if (table.has("list") && content->times.size() < 2) {
-        table.fail("list", "wants at least two times");
+    // Some frames may share a time, as in a bunch. If all do, no frame ever replaces another.
+    const auto& times = content->times;
+    if (table.has("list") &&
+        std::adjacent_find(times.begin(), times.end(), std::not_equal_to<>()) == times.end()) {
+        table.fail("list", "wants at least two different times");
     }
     table.rate("fps", &content->rate, kLowestContentHz, kHighestContentHz);
     table.time("duration", &content->durationUs, kContentDurationUs);
@@ -245,12 +249,10 @@ void readPassthrough(TomlTable& table, Scenario* scenario) {
     std::vector<PolicyStep> steps;
     bool freeRun = false;
     table.texts("policy", [&](const toml::node& node, const std::string& text) {
-        const auto step = parsePolicyStep(text);
+        std::string wrong;
+        const auto step = parsePolicyStep(text, &wrong);
         if (!step) {
-            table.failAt(node, "policy",
-                         "'" + text +
-                             "' is not \"auto\", \"render\", \"render at +30ms\", \"hold\", "
-                             "\"drop\" or \"exit\", with one count at most, as in \"hold 20\"");
+            table.failAt(node, "policy", "'" + text + "' " + wrong);
         }
         steps.push_back(*step);
     });
@@ -279,9 +281,12 @@ void readRun(TomlTable& table, Scenario* scenario) {
 /// Reads a text of one line.
 void readLine(TomlTable& table, const std::string& key, std::string* line) {
     table.text(key, line);
+    if (line->find_first_not_of(' ') == std::string::npos) {
+        table.fail(key, "is empty");
+    }
     const auto isControl = [](unsigned char c) { return c < 0x20 || c == 0x7f; };
     if (std::any_of(line->begin(), line->end(), isControl)) {
-        table.fail(key, "wants one line");
+        table.fail(key, "wants one line without control characters");
     }
 }
 

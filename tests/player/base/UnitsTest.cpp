@@ -25,12 +25,14 @@ TEST(Units, DurationsAreReadWithTheirUnit) {
                                                                {"-20ms", -20'000},
                                                                {"1h", 3600'000'000},
                                                                {"90m", 5400'000'000},
-                                                               {"1h30m", 5400'000'000}};
+                                                               {"1h30m", 5400'000'000},
+                                                               {"1m2s3ms4us", 62'003'004}};
     for (const auto& [text, us] : good) {
         EXPECT_EQ(parseDuration(text), us) << text;
     }
-    for (const char* text : {"", "s", "ms", "2x", "--1s", "1s2", "1e3", "0x10", "inf", "nan", "1 s",
-                             "1.2.3", "99999999999", "1000h"}) {
+    for (const char* text :
+         {"", "s", "ms", "2x", "--1s", "1s2", "1e3", "0x10", "inf", "nan", "1 s", "1.2.3",
+          "99999999999", "1000h", "1h1h", "1s2ms3ms", "30m1h", "1ms1s"}) {
         EXPECT_FALSE(parseDuration(text).has_value()) << text;
     }
 }

@@ -94,6 +94,11 @@ TEST(ScenarioFile, RefusesInOneLineWithPlaceAndKey) {
         {"[expect]\n[passthrough]\npolicy = [\"hold\", \"wait\"]",
          ":5: passthrough.policy: 'wait'"},
         {"[expect]\npattern = \"3:2\"", "is not a pattern"},
+        {"[expect]\n[passthrough]\npolicy = [\"hold 99999999999\"]",
+         "'hold 99999999999' has a count that is not from 1 to 100000000"},
+        {"[expect]\n[passthrough]\npolicy = [\"hold 99999999999999999999\"]", "from 1 to"},
+        {"[expect]\n[passthrough]\npolicy = [\"render at +1000h\"]",
+         "'render at +1000h' is too long; a duration is at most 277h"},
         {"[expect]\ndwell = \"3..x\"", "wants a count or a range"},
         {"[expect]\ndwell = \"3..2\"", "dwell: '3..2' is reversed"},
         {"[expect]\noffset_worst = \"40ms..-20ms\"", "'40ms..-20ms' is reversed"},
@@ -117,6 +122,10 @@ TEST(ScenarioFile, RefusesInOneLineWithPlaceAndKey) {
         {"[expect]\n[content]\nlist = [\"0s\", \"1s\", \"2s\"]\nmissing = [2]\n"
          "[player]\nseek = [{ at = \"1s\", to = \"2s\" }]",
          "seek.to: no frame is left there"},
+        {"[expect]\n[content]\nlist = []", "list: wants at least two different times"},
+        {"[expect]\n[content]\nlist = [\"1s\"]", "list: wants at least two different times"},
+        {"[expect]\n[content]\nlist = [\"0s\", \"0ms\"]",
+         "list: wants at least two different times"},
         {"[expect]\n[content]\nduration = \"40ms\"\nmissing = [0]", "missing: leaves no frame"},
         {"[expect", ":3: not TOML: "},
     };
@@ -131,10 +140,19 @@ TEST(ScenarioFile, RefusesInOneLineWithPlaceAndKey) {
         }
     }
     EXPECT_THROW(readScenario("/nonexistent/x.toml"), ScenarioError);
-    for (const char* title : {"''", "'a\x01b'", "\"a\\nb\""}) {
-        EXPECT_THROW(
-            parseScenario("holds = 'h'\n[expect]\ntitle = " + std::string(title), "x.toml"),
-            ScenarioError);
+    const std::vector<std::pair<const char*, const char*>> titles = {
+        {"''", ":2: title: is empty"},
+        {"'  '", ":2: title: is empty"},
+        {"\"a\\u0001b\"", ":2: title: wants one line without control characters"},
+        {"\"a\\nb\"", ":2: title: wants one line"},
+    };
+    for (const auto& [title, says] : titles) {
+        try {
+            parseScenario("holds = 'h'\ntitle = " + std::string(title) + "\n[expect]", "x.toml");
+            ADD_FAILURE() << "accepted: " << title;
+        } catch (const ScenarioError& error) {
+            EXPECT_THAT(error.what(), HasSubstr(says));
+        }
     }
     EXPECT_NO_THROW(
         parse("[expect]\n[content]\njump = [{ at = 9, by = \"1s\" }]\n"
@@ -240,8 +258,9 @@ TEST(RunLimits, GrowWithEverythingThatAScenarioWaitsFor) {
 
 TEST(PolicyScript, AnswersEntryByEntryAndTheLastForEver) {
     std::vector<PolicyStep> steps;
+    std::string wrong;
     for (const char* text : {"hold 2", "auto", "drop", "render at -5ms"}) {
-        steps.push_back(*parsePolicyStep(text));
+        steps.push_back(*parsePolicyStep(text, &wrong));
     }
     PolicyClock clock;
     clock.realTimeFor = [](int64_t mediaTimeUs, int64_t) { return mediaTimeUs + 1'000'000; };
@@ -259,7 +278,7 @@ TEST(PolicyScript, AnswersEntryByEntryAndTheLastForEver) {
     EXPECT_EQ(script.decide(7, 0).realtimeUs, 995'007);
     for (const char* text : {"", "hold 0", "hold 20 20", "drop at 5ms", "render at",
                              "render 2 at x", "render at 1ms at 2ms", "hold 999999999999999999"}) {
-        EXPECT_FALSE(parsePolicyStep(text)) << text;
+        EXPECT_FALSE(parsePolicyStep(text, &wrong)) << text;
     }
 }
 
