@@ -290,6 +290,39 @@ void readLine(TomlTable& table, const std::string& key, std::string* line) {
     }
 }
 
+std::vector<TimedAction> timedActions(const PlaybackPlan& plan, const FaultSpans& faults) {
+    std::vector<TimedAction> actions;
+    const auto note = [&actions](const char* key, const std::vector<Span>& spans) {
+        for (const auto& span : spans) {
+            actions.push_back({key, span.atUs});
+        }
+    };
+    for (const auto& change : plan.modeChanges) {
+        actions.push_back({"display.mode_change", change.atUs});
+    }
+    note("display.query_fails", faults.queryFails);
+    note("display.report_fails", faults.reportFails);
+    for (const auto& period : faults.falsePeriods) {
+        actions.push_back({"display.report_period", period.span.atUs});
+    }
+    note("audio.pause", faults.pauses);
+    for (const auto& gap : plan.gaps) {
+        actions.push_back({"player.late", gap.atUs});
+    }
+    for (const auto& seek : plan.seeks) {
+        actions.push_back({seek.inPlace ? "player.flush" : "player.seek", seek.atUs});
+    }
+    if (plan.restartAtUs) {
+        actions.push_back({"player.restart_at", *plan.restartAtUs});
+    }
+    if (plan.stopAtUs) {
+        actions.push_back({"player.stop_at", *plan.stopAtUs});
+    }
+    note("tunnel.refuse", faults.refuse);
+    note("tunnel.fence_never", faults.fenceNever);
+    return actions;
+}
+
 std::string nameOf(const std::string& path) {
     const size_t slash = path.find_last_of('/');
     const std::string file = slash == std::string::npos ? path : path.substr(slash + 1);
@@ -331,6 +364,7 @@ Scenario parseScenario(const std::string& text, const std::string& path) {
         root.fail("passthrough", "does not go together with player.peek");
     }
     plan.faults = faultSchedule(faults);
+    scenario.actions = timedActions(plan, faults);
     plan.longestWaitUs += longestWaitUs(content, plan);
     if (!content.file.empty() && content.file[0] != '/') {
         content.file = folderOf(path) + content.file;

@@ -323,6 +323,32 @@ TEST_F(ExpectationTest, NothingIsSaidOfWhatHolds) {
                 IsEmpty());
 }
 
+TEST_F(ExpectationTest, WhatPlaybackDidNotReachNeverHappened) {
+    mRecord.stopNs = mRecord.startNs + 10'100'000'000;
+    const char* const spans = "[{ at = \"10s\", for = \"1s\" }, { at = \"20s\", for = \"1s\" }]\n";
+    const std::vector<std::pair<std::string, const char*>> cases = {
+        {std::string("[audio]\npause = ") + spans, "audio.pause"},
+        {std::string("[player]\nlate = ") + spans, "player.late"},
+        {std::string("[tunnel]\nrefuse = ") + spans, "tunnel.refuse"},
+        {std::string("[tunnel]\nfence_never = ") + spans, "tunnel.fence_never"},
+        {std::string("[display]\nquery_fails = ") + spans, "display.query_fails"},
+        {std::string("[display]\nreport_fails = ") + spans, "display.report_fails"},
+        {"[display]\nreport_period = [{ at = \"20s\", for = \"1s\", period = \"0ns\" }]\n",
+         "display.report_period"},
+        {"[display]\nmode_change = [{ at = \"9s\", rate = 50 }, { at = \"20s\", rate = 60 }]\n",
+         "display.mode_change"},
+        {"[player]\nflush = [\"10s\", \"20s\"]\n", "player.flush"},
+        {"[player]\nseek = [{ at = \"20s\", to = \"0s\" }]\n", "player.seek"},
+        {"[player]\nrestart_at = \"20s\"\n", "player.restart_at"},
+        {"[player]\nstop_at = \"20s\"\n", "player.stop_at"},
+    };
+    for (const auto& [body, key] : cases) {
+        EXPECT_THAT(neverHappened(parse(body + "[expect]").actions, mRecord),
+                    ElementsAre(std::string(key) +
+                                " at 20.000 s never happened: playback ended at 10.100 s"));
+    }
+}
+
 TEST_F(ExpectationTest, AFailureSaysExpectedSeenAndTheFirstFrame) {
     const std::vector<std::pair<const char*, const char*>> cases = {
         {"shown = \"all\"", "expected all, seen 98 of 100, 2 dropped, first at frame 40"},
