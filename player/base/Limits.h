@@ -10,6 +10,8 @@ namespace korvane::player {
 
 /// Longest duration: beyond any playback, far from overflow in nanoseconds.
 constexpr int64_t kLongestUs = 1'000'000'000'000;
+/// What messages say of a longer one.
+constexpr char kTooLong[] = "is too long; a duration is at most 277h";
 /// A day and an hour: what a soak may last.
 constexpr Range kContentDurationUs{1, int64_t{25} * 3600 * 1'000'000};
 constexpr int64_t kMostFrames = 100'000'000;

@@ -6,6 +6,8 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <limits>
 #include <system_error>
 
 #include "player/base/Limits.h"
@@ -19,6 +21,7 @@ struct Unit {
 };
 constexpr Unit kUnits[] = {{"us", 1.0}, {"ms", 1e3}, {"s", 1e6}, {"m", 60e6}, {"h", 3600e6}};
 constexpr double kUsPerSecond = 1e6;
+constexpr char kPpm[] = "ppm";
 
 std::string fixed(double value, int decimals) {
     char text[64];
@@ -40,7 +43,8 @@ std::optional<double> unitUs(const std::string& name) {
 }
 
 /// Reads one number with its unit at `position`, in microseconds, and moves `position` past it.
-std::optional<double> takePart(const std::string& text, size_t* position) {
+/// @param lastUnitUs  of the part before, whose unit must be larger; becomes this part's
+std::optional<double> takePart(const std::string& text, size_t* position, double* lastUnitUs) {
     size_t end = *position;
     while (end < text.size() && isNumberCharacter(text[end])) {
         ++end;
@@ -51,10 +55,11 @@ std::optional<double> takePart(const std::string& text, size_t* position) {
     }
     const auto number = parseDecimal(text.substr(*position, end - *position));
     const auto us = unitUs(text.substr(end, unitEnd - end));
-    if (!number || !us) {
+    if (!number || !us || *us >= *lastUnitUs) {
         return std::nullopt;
     }
     *position = unitEnd;
+    *lastUnitUs = *us;
     return *number * *us;
 }
 
@@ -68,8 +73,9 @@ std::optional<double> durationUs(const std::string& text) {
         us = *bareSeconds * kUsPerSecond;
     } else {
         size_t position = 0;
+        double unit = std::numeric_limits<double>::infinity();
         do {
-            const auto part = takePart(digits, &position);
+            const auto part = takePart(digits, &position, &unit);
             if (!part) {
                 return std::nullopt;
             }
@@ -122,6 +128,18 @@ std::optional<DurationPair> parseDurationPair(const std::string& text) {
         return std::nullopt;
     }
     return DurationPair{*first, *second};
+}
+
+std::optional<double> parseDrift(const std::string& text) {
+    const size_t unit = text.rfind(kPpm);
+    const bool ends = unit != std::string::npos && unit + std::strlen(kPpm) == text.size();
+    const std::string number = ends ? text.substr(0, unit) : text;
+    // strtod alone would also take spaces, "inf", "nan" and hexadecimal.
+    const bool decimal = number.find_first_not_of("+-.0123456789eE") == std::string::npos;
+    char* end = nullptr;
+    const double ppm = std::strtod(number.c_str(), &end);
+    const bool whole = decimal && !number.empty() && *end == '\0';
+    return whole && std::fabs(ppm) <= kMostDriftPpm ? std::optional(ppm) : std::nullopt;
 }
 
 std::string seconds(int64_t us, int decimals) {

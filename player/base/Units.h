@@ -16,8 +16,8 @@ std::optional<int64_t> parseCount(const std::string& text);
 /// Reads a number of 0 or more without sign or exponent, "59.94".
 std::optional<double> parseDecimal(const std::string& text);
 
-/// Reads a duration: "90s", "200ms", "16us", "1h30m", with a sign "-20ms"; a number alone is
-/// seconds, "1.5".
+/// Reads a duration: "90s", "200ms", "16us", "1h30m" from the largest unit down, with a sign
+/// "-20ms"; a number alone is seconds, "1.5".
 /// @return microseconds, or nothing when the text is not a duration or is longer than `kLongestUs`
 std::optional<int64_t> parseDuration(const std::string& text);
 /// Whether a text is a duration that `parseDuration` refuses for its length alone.
@@ -29,6 +29,11 @@ struct DurationPair {
     int64_t secondUs = 0;
 };
 std::optional<DurationPair> parseDurationPair(const std::string& text);
+
+/// Reads how much faster than it should something runs, in parts per million: "50ppm", "-0.5",
+/// "1e2".
+/// @return nothing when the text is not such a number or is beyond `kMostDriftPpm`
+std::optional<double> parseDrift(const std::string& text);
 
 /// "0.417 s": seconds with this many decimals.
 std::string seconds(int64_t us, int decimals = 3);

@@ -40,6 +40,8 @@ struct Kind {
     std::string name;
     std::function<std::optional<Value>(const std::string&)> parse;
     std::string wanted;
+    /// Whether the parser refuses a text for its length alone; null: no length is too long.
+    std::function<bool(const std::string&)> tooLong = nullptr;
 };
 
 template <typename Parse>
@@ -50,15 +52,25 @@ auto bounded(Parse parse, double least, double most) {
     };
 }
 
+/// Of a negative duration its sign is wrong before its length.
+bool exceedsLongest(const std::string& text) {
+    return !startsWith(text, "-") && isTooLong(text);
+}
+
 const Kind<int64_t> kDuration{"TIME", bounded(parseDuration, 0, kLongestUs),
-                              "a duration; write for example 2s or 200ms"};
+                              "a duration; write for example 2s or 200ms", exceedsLongest};
 const Kind<int64_t> kLength{"TIME", bounded(parseDuration, 1, kLongestUs),
-                            "a duration of more than 0; say how long to play, such as 10s"};
+                            "a duration of more than 0; write for example 10s", exceedsLongest};
 const Kind<int64_t> kJitter{"TIME", bounded(parseDuration, 0, kMostVsyncJitterUs),
                             "a duration of at most 5ms; write for example 500us"};
 
 Kind<DurationPair> durationPair(const std::string& name) {
-    return {name, parseDurationPair, "a pair of durations; write for example 5s:800ms"};
+    return {name, parseDurationPair, "a pair of durations; write for example 5s:800ms",
+            [](const std::string& text) {
+                const size_t colon = text.find(':');
+                return colon != text.npos && (exceedsLongest(text.substr(0, colon)) ||
+                                              exceedsLongest(text.substr(colon + 1)));
+            }};
 }
 
 Kind<FrameRate> rateBetween(double lowestHz, double highestHz) {
@@ -75,13 +87,9 @@ Kind<FrameRate> rateBetween(double lowestHz, double highestHz) {
 const Kind<FrameRate> kDisplayRate = rateBetween(kLowestDisplayHz, kHighestDisplayHz);
 const Kind<FrameRate> kContentRate = rateBetween(kLowestContentHz, kHighestContentHz);
 
-std::optional<double> parseSigned(const std::string& text) {
-    const bool negative = startsWith(text, "-");
-    const auto value = parseDecimal(text.substr(negative || startsWith(text, "+") ? 1 : 0));
-    return value && negative ? -*value : value;
-}
-const Kind<double> kDrift{"PPM", bounded(parseSigned, -kMostDriftPpm, kMostDriftPpm),
-                          fmt::format("between -{0} and {0} parts per million", kMostDriftPpm)};
+const Kind<double> kDrift{
+    "PPM", parseDrift,
+    fmt::format("between -{0} and {0} parts per million; write for example 50ppm", kMostDriftPpm)};
 
 Kind<int64_t> count(int64_t least, int64_t most, const std::string& unit) {
     return {"N", bounded(parseCount, static_cast<double>(least), static_cast<double>(most)),
@@ -198,7 +206,10 @@ template <typename Value, typename Take>
 CLI::Option* addEach(CLI::App* app, const std::string& name, const Kind<Value>& kind,
                      const std::string& help, Take take) {
     const auto check = [kind](const std::string& text) {
-        return kind.parse(text) ? "" : fmt::format("'{}' is not {}", text, kind.wanted);
+        return kind.parse(text) ? ""
+               : kind.tooLong && kind.tooLong(text)
+                   ? fmt::format("'{}' {}", text, kTooLong)
+                   : fmt::format("'{}' is not {}", text, kind.wanted);
     };
     const auto takeAll = [kind, take](const Words& texts) {
         for (const auto& text : texts) {
@@ -250,7 +261,7 @@ void addStreamOptions(CLI::App* app, PlayOptions* options) {
     add(app, "--program", index, "Number of the program, as the report lists them [the video's]",
         &options->program);
     add(app, "--input-rate", kContentRate,
-        "Pictures per second of what has no times, such as an image sequence [25]",
+        "Pictures per second of an input without times, such as an image sequence [25]",
         &options->inputRate);
 }
 
@@ -283,7 +294,8 @@ void addPlaybackOptions(CLI::App* app, PlayOptions* options) {
     addFlag(app, "--passthrough", &options->passthrough,
             "Tuner pass-through: the media-sync instance decides about each frame");
     addFlag(app, "--peek", &options->peek, "Show the first frame at once, before audio starts");
-    addEach(app, "--flush-at", Kind<int64_t>{"AT", kDuration.parse, kDuration.wanted},
+    addEach(app, "--flush-at",
+            Kind<int64_t>{"AT", kDuration.parse, kDuration.wanted, kDuration.tooLong},
             "Flush audio and video once AT has been shown, then go on; may be repeated",
             [options](int64_t atUs) {
                 options->seeks.push_back({atUs, 0, true, true});
@@ -428,8 +440,9 @@ CLI::App* addRunCommand(CLI::App* app, RunOptions* options) {
         ->excludes(seed);
     addFlag(
         run, "--preempt", &options->preempt,
-        "Let threads lose the processor, and waits end without cause, where the seed says; with "
-        "another seed than the scenario's own they do, unless the scenario says preempt = false");
+        "Let threads lose the processor at locks, waits and notifications, and waits end without "
+        "cause; the seed determines where [only with another seed than the scenario's own, unless "
+        "the scenario has preempt = false]");
     add(run, "--clock", kClock, "virtual or real [virtual]", &options->virtualClock);
     add(run, "--events", kOutputFolder,
         "Keep the event logs in this folder, as NAME.events; a second scenario of the same name "
@@ -450,7 +463,8 @@ CLI::App* addRunCommand(CLI::App* app, RunOptions* options) {
     run->footer(
         "A scenario says what is played, on which TV with which faults, and what is expected; "
         "docs/scenarios.md describes every key.\n"
-        "Exit status: 0 all as expected; 1 not all; 2 wrong usage, or a file that is no scenario.");
+        "Exit status: 0 all as expected; 1 an expectation failed; 2 wrong usage, or a file that is "
+        "no scenario.");
     return run;
 }
 
@@ -473,10 +487,9 @@ CLI::App* addCompareCommand(CLI::App* app, CompareOptions* options) {
             ->type_name("")
             ->required();
     }
-    addFlag(compare, "--frames", &options->frames, "Print each frame that is not the same");
+    addFlag(compare, "--frames", &options->frames, "Print each frame that differs");
     add(compare, "--json", kOutputFile,
-        "Write all figures, and all frames that are not the same, as one JSON object",
-        &options->jsonFile);
+        "Write all figures, and all frames that differ, as one JSON object", &options->jsonFile);
     add(compare, "--report",
         Kind<std::string>{"DIR", kOutputFile.parse, "a folder; write its name"},
         "Write a page with both, compare.html, into this folder", &options->reportFolder);
@@ -494,7 +507,7 @@ CLI::App* addExploreCommand(CLI::App* app, ExploreCommandOptions* options) {
         ->add_option("SCENARIO", options->paths,
                      "Scenarios as for run, or names of built-in programs [all of these]")
         ->type_name("");
-    add(explore, "--for", kLength, "Explore for this long [1min, or as --schedules says]",
+    add(explore, "--for", kLength, "Explore for this long [1m, or as --schedules says]",
         &options->forUs);
     add(explore, "--schedules", count(1, kMostSchedules, "schedules"), "Visit this many schedules",
         &options->schedules);

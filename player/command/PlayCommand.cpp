@@ -301,7 +301,7 @@ bool writeResults(const PlayOptions& options, const PlaybackRecord& record, cons
     return outputs->finish() && seen && trace.failure.empty();
 }
 
-/// A fault in the accounts outweighs the reason for which playback ended. Expectations come last:
+/// Unaccounted frames take precedence over how playback ended. Expectations come last:
 /// where playback was cut short, that is why they fail.
 int statusOf(const PlayOptions& options, const PlaybackRecord& record, const Summary& summary,
              bool expected, bool written) {

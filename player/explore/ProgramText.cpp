@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// A program in words, so that what a run of it found can be understood and built again.
+// A program in words: what is not as usual, and the steps of each thread.
 #include <fmt/format.h>
 
 #include <iterator>
@@ -27,51 +27,70 @@ void addSteps(std::string* text, const std::string& who, const Steps& steps) {
     for (const auto& step : steps) {
         *text += fmt::format(" {}", kActNames[static_cast<size_t>(step.act)]);
         *text += step.us != 0 ? fmt::format(" {} us", step.us) : "";
-        *text += step.number != 0 ? fmt::format(" {}", step.number) : "";
+        *text += step.number != 0 || step.act == Act::Faults ? fmt::format(" {}", step.number) : "";
         *text += &step != &steps.back() ? "," : "\n";
     }
 }
 
 std::string faultText(const TvFaults& faults) {
-    std::string text =
-        fmt::format(" period {} ns, fence delay {} us", faults.reportedPeriodNs.value_or(-1),
-                    faults.tunnel.fenceDelayNs / 1000);
+    std::string text;
     for (const auto& [name, fault] : kTunnelFaults) {
         text += faults.tunnel.*fault ? std::string(" ") + name : "";
     }
-    return text + (faults.reportFails ? " report\n" : "\n");
+    text += faults.reportFails ? " vsync-report" : "";
+    if (faults.tunnel.fenceDelayNs != 0) {
+        text += fmt::format(" fences {} us late", faults.tunnel.fenceDelayNs / 1000);
+    }
+    if (faults.reportedPeriodNs) {
+        text += fmt::format(" period reported as {} ns", *faults.reportedPeriodNs);
+    }
+    return text.empty() ? " none" : text;
 }
 
+/// What is not as usual, and each thread's steps.
 std::string sessionText(const Session& session) {
-    std::string text =
-        fmt::format("callbacks{}{}{} take {} us, answer {} each {}", session.return0 ? " 0" : "",
-                    session.return2 ? " 2" : "", session.renderTimes ? " 1" : "",
-                    session.callbackTakesUs, session.answers, session.answersEach);
-    text += session.withAudio ? ", audio" : "";
+    std::string text = session.withAudio ? ", sound" : "";
     text += session.passthrough ? ", pass-through" : "";
     text += session.unknownSync ? ", unknown sync id" : "";
-    text += session.tidy ? "\n" : ", untidy\n";
-    for (size_t thread = 0; thread < session.threads.size(); ++thread) {
-        addSteps(&text, fmt::format("thread {}", thread), session.threads[thread]);
+    text += session.return0 ? ", callback 0" : "";
+    text += session.renderTimes ? "" : ", no callback 1";
+    text += session.return2 ? "" : ", no callback 2";
+    if (session.callbackTakesUs != 0) {
+        text += fmt::format(", callbacks take {} us", session.callbackTakesUs);
     }
-    addSteps(&text, "on return", session.onReturn);
-    addSteps(&text, "on render time", session.onRenderTime);
+    if (session.answers != 0) {
+        text +=
+            fmt::format(", every {}. callback returns {}", session.answersEach, session.answers);
+    }
+    text += "\n";
+    for (size_t thread = 0; thread < session.threads.size(); ++thread) {
+        addSteps(&text, thread == 0 ? "owner" : fmt::format("thread {}", thread),
+                 session.threads[thread]);
+    }
+    addSteps(&text, "in callbacks 0 and 2", session.onReturn);
+    addSteps(&text, "in callback 1", session.onRenderTime);
     return text;
 }
 
 }  // namespace
 
 std::string toText(const Program& program) {
-    std::string text = fmt::format("display {} Hz, jitter {} ns, tunnel of {}, {} buffers\n",
-                                   program.tv.display.rateHz, program.tv.display.reportJitterNs,
-                                   program.tv.tunnel.capacity, program.buffers);
-    for (size_t i = 0; i < program.faults.size(); ++i) {
-        text += fmt::format("faults {}:{}", i, faultText(program.faults[i]));
+    std::string text = fmt::format("a {:.7g} Hz display", program.tv.display.rateHz);
+    if (program.tv.display.reportJitterNs != 0) {
+        text += fmt::format(", vsyncs reported up to {} ns off", program.tv.display.reportJitterNs);
     }
-    addSteps(&text, "tv", program.tvThread);
+    if (program.tv.tunnel.capacity != tv::TunnelConfig().capacity) {
+        text += fmt::format(", a tunnel for {} buffers", program.tv.tunnel.capacity);
+    }
+    text += "\n";
+    for (size_t i = 0; i < program.faults.size(); ++i) {
+        text += fmt::format("faults {}:{}\n", i, faultText(program.faults[i]));
+    }
+    addSteps(&text, "TV", program.tvThread);
     for (size_t player = 0; player < program.players.size(); ++player) {
         for (const auto& session : program.players[player]) {
-            text += fmt::format("player {}: {}", player, sessionText(session));
+            text += fmt::format("player {}, {} buffers{}", player, program.buffers,
+                                sessionText(session));
         }
     }
     return text;

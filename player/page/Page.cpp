@@ -245,6 +245,7 @@ void writePage(std::ostream& out, const PageHeading& heading, const Origin& orig
                     {"waits", record.pool.waits},
                     {"longest_wait_us", record.pool.longestWaitNs / 1000},
                     {"lowest_free", record.pool.lowestFree},
+                    {"came_back", summary.backToPlayerNs.samples},
                     {"back_median_us", summary.backToPlayerNs.median / 1000},
                     {"back_p99_us", summary.backToPlayerNs.p99 / 1000}};
     const std::string title = inHtml(heading.name);

@@ -324,11 +324,14 @@ void printBuffers(std::ostream& out, const PlaybackRecord& record, const Summary
          fmt::format("{}; {} returned by callback, {} taken back at stop, {} handed back twice; {}",
                      pool.buffers, pool.returnedByCallback, pool.takenBackAtStop,
                      pool.returnedAgain, summary.buffersBack ? "all back" : "NOT ALL BACK"));
+    const Spread& back = summary.backToPlayerNs;
     line(out, "",
-         fmt::format("{}; back with the player {} after leaving the screen (median), p99 {}",
-                     counted(summary.fences, "release fence"),
-                     milliseconds(summary.backToPlayerNs.median / 1000),
-                     milliseconds(summary.backToPlayerNs.p99 / 1000)));
+         counted(summary.fences, "release fence") +
+             (back.samples == 0
+                  ? ""
+                  : fmt::format(
+                        "; back with the player {} after leaving the screen (median), p99 {}",
+                        milliseconds(back.median / 1000), milliseconds(back.p99 / 1000))));
     line(out, "",
          fmt::format("player waited {} for a free buffer, longest {}; {} handed in too late",
                      counted(pool.waits, "time"), milliseconds(pool.longestWaitNs / 1000),

@@ -344,6 +344,19 @@ std::string describe(const Range& range) {
     return std::to_string(range.least) + " to " + std::to_string(range.most);
 }
 
+std::vector<std::string> neverHappened(const std::vector<TimedAction>& actions,
+                                       const PlaybackRecord& record) {
+    const int64_t endUs = (record.stopNs - record.startNs) / 1000;
+    std::vector<std::string> lines;
+    for (const auto& action : actions) {
+        if (action.atUs > endUs) {
+            lines.push_back(action.key + " at " + seconds(action.atUs) +
+                            " never happened: playback ended at " + seconds(endUs));
+        }
+    }
+    return lines;
+}
+
 std::vector<std::string> failures(const Expectations& expect, const PlaybackRecord& record,
                                   const Summary& summary, const std::vector<LogCount>& log) {
     return Checker(expect, record, summary, log).run();

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Compares a playback with the expectations of a scenario. Pure.
+// Compares a playback with the expectations of a scenario, and with its actions: one that playback
+// did not reach tests nothing. Pure.
 //
 // A failure reads "key: expected X, seen Y, first at frame N (t = 12.345 s)". The frame is the
 // first one at which expected and seen differ; without such a frame that part is left out.
@@ -23,6 +24,10 @@ struct LogCount {
 
 /// "3", "at least 1", "at most 3", "2 to 3".
 std::string describe(const Range& range);
+
+/// @return one line per action whose time playback did not reach
+std::vector<std::string> neverHappened(const std::vector<TimedAction>& actions,
+                                       const PlaybackRecord& record);
 
 /// @param log  one count for each of `expect.log`
 /// @return one line per expectation that does not hold; empty: all hold

@@ -17,12 +17,17 @@ constexpr std::pair<const char*, PolicyStep::Kind> kKinds[] = {{"auto", PolicySt
                                                                {"drop", PolicyStep::Kind::Drop},
                                                                {"exit", PolicyStep::Kind::Exit}};
 
+constexpr char kForms[] =
+    "is not \"auto\", \"render\", \"render at +30ms\", \"hold\", \"drop\" or \"exit\", with one "
+    "count at most, as in \"hold 20\"";
+
 /// How long the renderer waits before it asks again about a frame on hold, with a reserve.
 constexpr int64_t kHoldPollUs = 10'000;
 
 }  // namespace
 
-std::optional<PolicyStep> parsePolicyStep(const std::string& text) {
+std::optional<PolicyStep> parsePolicyStep(const std::string& text, std::string* wrong) {
+    *wrong = kForms;
     std::istringstream words(text);
     std::string name;
     std::string word;
@@ -40,17 +45,22 @@ std::optional<PolicyStep> parsePolicyStep(const std::string& text) {
         if (word == "at" && step.kind == PolicyStep::Kind::Render && !placed && words >> word) {
             const auto offset = parseDuration(word);
             if (!offset) {
+                *wrong = isTooLong(word) ? kTooLong : kForms;
                 return std::nullopt;
             }
             step.offsetUs = *offset;
             placed = true;
             continue;
         }
-        const auto times = parseCount(word);
-        if (counted || !times || *times < 1 || *times > kMostFrames) {
+        const bool digits = word.find_first_not_of("0123456789") == std::string::npos;
+        if (counted || !digits) {
             return std::nullopt;
         }
-        step.times = *times;
+        step.times = parseCount(word).value_or(0);
+        if (step.times < 1 || step.times > kMostFrames) {
+            *wrong = "has a count that is not from 1 to " + std::to_string(kMostFrames);
+            return std::nullopt;
+        }
         counted = true;
     }
     return step;

@@ -23,8 +23,10 @@ struct PolicyStep {
     int64_t offsetUs = 0;  ///< Render: added to the clock's time for the frame
 };
 
-/// Reads one entry. @return nothing for any other text
-std::optional<PolicyStep> parsePolicyStep(const std::string& text);
+/// Reads one entry.
+/// @param wrong  gets what is wrong with any other text: "is not ..."
+/// @return nothing for any other text
+std::optional<PolicyStep> parsePolicyStep(const std::string& text, std::string* wrong);
 
 /// The longest time for which a script keeps a frame off the screen.
 int64_t policyWaitUs(const std::vector<PolicyStep>& steps);

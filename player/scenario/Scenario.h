@@ -70,6 +70,12 @@ struct Expectations {
     std::vector<LogExpectation> log;
 };
 
+/// Something that is to happen, or to begin, at a playback time.
+struct TimedAction {
+    std::string key;  ///< as the file says it, "audio.pause"
+    int64_t atUs = 0;
+};
+
 struct Scenario {
     std::string path;
     std::string name;  ///< the file's name without its extension
@@ -77,7 +83,8 @@ struct Scenario {
     std::string holds;
     ContentPlan content;
     PlaybackPlan plan;
-    uint64_t seed = 1;  ///< of the order of threads and of the display's jitter
+    std::vector<TimedAction> actions;  ///< all of the plan
+    uint64_t seed = 1;                 ///< of the order of threads and of the display's jitter
     /// Threads lose the processor and wake without cause, where and for how long the seed says.
     /// Unset: with another seed than the scenario's own.
     std::optional<bool> preempt;

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <fstream>
+#include <functional>
 #include <sstream>
 #include <system_error>
 
@@ -71,8 +72,11 @@ void readContent(TomlTable& table, ContentPlan* content) {
     refuseTogether(table, "list", {"fps", "duration", "start"});
     table.text("file", &content->file);
     table.times("list", &content->times);
-    if (table.has("list") && content->times.size() < 2) {
-        table.fail("list", "wants at least two times");
+    // Some frames may share a time, as in a bunch. If all do, no frame ever replaces another.
+    const auto& times = content->times;
+    if (table.has("list") &&
+        std::adjacent_find(times.begin(), times.end(), std::not_equal_to<>()) == times.end()) {
+        table.fail("list", "wants at least two different times");
     }
     table.rate("fps", &content->rate, kLowestContentHz, kHighestContentHz);
     table.time("duration", &content->durationUs, kContentDurationUs);
@@ -245,12 +249,10 @@ void readPassthrough(TomlTable& table, Scenario* scenario) {
     std::vector<PolicyStep> steps;
     bool freeRun = false;
     table.texts("policy", [&](const toml::node& node, const std::string& text) {
-        const auto step = parsePolicyStep(text);
+        std::string wrong;
+        const auto step = parsePolicyStep(text, &wrong);
         if (!step) {
-            table.failAt(node, "policy",
-                         "'" + text +
-                             "' is not \"auto\", \"render\", \"render at +30ms\", \"hold\", "
-                             "\"drop\" or \"exit\", with one count at most, as in \"hold 20\"");
+            table.failAt(node, "policy", "'" + text + "' " + wrong);
         }
         steps.push_back(*step);
     });
@@ -279,10 +281,46 @@ void readRun(TomlTable& table, Scenario* scenario) {
 /// Reads a text of one line.
 void readLine(TomlTable& table, const std::string& key, std::string* line) {
     table.text(key, line);
+    if (line->find_first_not_of(' ') == std::string::npos) {
+        table.fail(key, "is empty");
+    }
     const auto isControl = [](unsigned char c) { return c < 0x20 || c == 0x7f; };
     if (std::any_of(line->begin(), line->end(), isControl)) {
-        table.fail(key, "wants one line");
+        table.fail(key, "wants one line without control characters");
     }
+}
+
+std::vector<TimedAction> timedActions(const PlaybackPlan& plan, const FaultSpans& faults) {
+    std::vector<TimedAction> actions;
+    const auto note = [&actions](const char* key, const std::vector<Span>& spans) {
+        for (const auto& span : spans) {
+            actions.push_back({key, span.atUs});
+        }
+    };
+    for (const auto& change : plan.modeChanges) {
+        actions.push_back({"display.mode_change", change.atUs});
+    }
+    note("display.query_fails", faults.queryFails);
+    note("display.report_fails", faults.reportFails);
+    for (const auto& period : faults.falsePeriods) {
+        actions.push_back({"display.report_period", period.span.atUs});
+    }
+    note("audio.pause", faults.pauses);
+    for (const auto& gap : plan.gaps) {
+        actions.push_back({"player.late", gap.atUs});
+    }
+    for (const auto& seek : plan.seeks) {
+        actions.push_back({seek.inPlace ? "player.flush" : "player.seek", seek.atUs});
+    }
+    if (plan.restartAtUs) {
+        actions.push_back({"player.restart_at", *plan.restartAtUs});
+    }
+    if (plan.stopAtUs) {
+        actions.push_back({"player.stop_at", *plan.stopAtUs});
+    }
+    note("tunnel.refuse", faults.refuse);
+    note("tunnel.fence_never", faults.fenceNever);
+    return actions;
 }
 
 std::string nameOf(const std::string& path) {
@@ -326,6 +364,7 @@ Scenario parseScenario(const std::string& text, const std::string& path) {
         root.fail("passthrough", "does not go together with player.peek");
     }
     plan.faults = faultSchedule(faults);
+    scenario.actions = timedActions(plan, faults);
     plan.longestWaitUs += longestWaitUs(content, plan);
     if (!content.file.empty() && content.file[0] != '/') {
         content.file = folderOf(path) + content.file;

@@ -260,6 +260,9 @@ ScenarioResult playScenario(const Scenario& scenario, const ScenarioRunOptions& 
     }
     ScenarioResult result = resultOf(record, summary);
     result.failures = failures(scenario.expect, record, summary, watch.counts(record.startNs));
+    for (auto& line : neverHappened(scenario.actions, record)) {
+        result.failures.push_back(std::move(line));
+    }
     events.finish();
     result.eventsHash = events.hash();
     if (!traceFailure.empty()) {

@@ -4,8 +4,6 @@
 #include <fmt/format.h>
 #include <toml++/toml.h>
 #include <algorithm>
-#include <cmath>
-#include <cstdlib>
 
 #include "player/base/Units.h"
 
@@ -61,6 +59,11 @@ std::shared_ptr<const toml::table> parseToml(const std::string& text, const std:
 
 TomlTable::TomlTable(const std::string& file, std::string name, const toml::table& table)
     : mFile(file), mName(std::move(name)), mTable(table) {}
+
+std::string TomlTable::noneOf(const std::vector<std::string>& names) {
+    return names.size() == 2 ? fmt::format("neither {} nor {}", names[0], names[1])
+                             : fmt::format("none of {}", fmt::join(names, ", "));
+}
 
 const toml::node* TomlTable::find(const std::string& key) {
     mKnown.insert(key);
@@ -201,12 +204,12 @@ void TomlTable::ppm(const std::string& key, double* value) {
     const std::string wanted =
         fmt::format("parts per million up to {}, such as \"50ppm\"", kMostDriftPpm);
     const std::string text = textAt(*node, key, wanted);
-    char* end = nullptr;
-    const double number = std::strtod(text.c_str(), &end);
-    if (end == text.c_str() || std::string(end) != "ppm" || !(std::abs(number) <= kMostDriftPpm)) {
+    const auto drift = parseDrift(text);
+    const bool bare = parseDrift(text + "ppm").has_value();
+    if (!drift || bare) {
         failAt(*node, key, fmt::format("'{}' is not {}", text, wanted));
     }
-    *value = number;
+    *value = *drift;
 }
 
 void TomlTable::rate(const std::string& key, FrameRate* value, double lowestHz, double highestHz) {

@@ -56,24 +56,24 @@ public:
     void choice(const std::string& key, T* value,
                 std::initializer_list<std::pair<const char*, T>> names) {
         std::string text;
-        std::string known;
+        std::vector<std::string> known;
         this->text(key, &text);
         for (const auto& [name, meant] : names) {
             if (text == name) {
                 *value = meant;
                 return;
             }
-            known += (known.empty() ? "" : ", ") + std::string(name);
+            known.emplace_back(name);
         }
         if (has(key)) {
-            fail(key, fmt::format("'{}' is none of {}", text, known));
+            fail(key, fmt::format("'{}' is {}", text, noneOf(known)));
         }
     }
     /// A time with its unit.
     void time(const std::string& key, int64_t* value, Range range = {0, kLongestUs});
     void time(const std::string& key, std::optional<int64_t>* value);
     void nanoseconds(const std::string& key, int32_t* value);
-    /// Parts per million, "50ppm".
+    /// Parts per million with the unit, "50ppm".
     void ppm(const std::string& key, double* value);
     /// Frames or vsyncs per second: a number, or a fraction in quotes.
     void rate(const std::string& key, FrameRate* value, double lowestHz, double highestHz);
@@ -104,6 +104,8 @@ public:
                              const std::string& message);
 
 private:
+    /// "neither ebu nor itu", "none of exact, matroska, mpegts".
+    static std::string noneOf(const std::vector<std::string>& names);
     const toml::node* find(const std::string& key);
     [[noreturn]] void failAtLine(uint32_t line, const std::string& key, const std::string& message);
     std::string textAt(const toml::node& node, const std::string& key, const std::string& wanted);

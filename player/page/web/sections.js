@@ -255,7 +255,9 @@ function fillBufferNote(starved) {
   const pool = data.pool;
   $('buffers-note').textContent = `${plural(pool.buffers, 'buffer')}; the player waited ${plural(pool.waits, 'time')} for a free one, ` +
     `longest ${ms(pool.longest_wait_us)}; that made ${plural(starved, 'frame')} late. ` +
-    `Back with the player ${ms(pool.back_median_us)} after leaving the screen (median), p99 ${ms(pool.back_p99_us)}.` +
+    (pool.came_back
+      ? `Back with the player ${ms(pool.back_median_us)} after leaving the screen (median), p99 ${ms(pool.back_p99_us)}.`
+      : '') +
     (summary.buffers_kept ? ` ${plural(summary.buffers_kept, 'buffer')} never came back.` : '');
 }
 

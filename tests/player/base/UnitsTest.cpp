@@ -25,13 +25,28 @@ TEST(Units, DurationsAreReadWithTheirUnit) {
                                                                {"-20ms", -20'000},
                                                                {"1h", 3600'000'000},
                                                                {"90m", 5400'000'000},
-                                                               {"1h30m", 5400'000'000}};
+                                                               {"1h30m", 5400'000'000},
+                                                               {"1m2s3ms4us", 62'003'004}};
     for (const auto& [text, us] : good) {
         EXPECT_EQ(parseDuration(text), us) << text;
     }
-    for (const char* text : {"", "s", "ms", "2x", "--1s", "1s2", "1e3", "0x10", "inf", "nan", "1 s",
-                             "1.2.3", "99999999999", "1000h"}) {
+    for (const char* text :
+         {"", "s", "ms", "2x", "--1s", "1s2", "1e3", "0x10", "inf", "nan", "1 s", "1.2.3",
+          "99999999999", "1000h", "1h1h", "1s2ms3ms", "30m1h", "1ms1s"}) {
         EXPECT_FALSE(parseDuration(text).has_value()) << text;
+    }
+}
+
+TEST(Units, DriftsAreReadWithAndWithoutTheirUnit) {
+    const std::vector<std::pair<const char*, double>> good = {
+        {"50", 50.0},   {"50ppm", 50.0},   {"-200ppm", -200.0}, {"+0.5", 0.5},
+        {".5ppm", 0.5}, {"1e2ppm", 100.0}, {"0", 0.0},          {"50000ppm", 50'000.0}};
+    for (const auto& [text, ppm] : good) {
+        EXPECT_EQ(parseDrift(text), ppm) << text;
+    }
+    for (const char* text : {"", "ppm", "-ppm", "50 ppm", " 50ppm", "50ppmppm", "50pp", "5%",
+                             "0x10", "inf", "nanppm", "50001", "-50001ppm", "1e", "--1"}) {
+        EXPECT_FALSE(parseDrift(text)) << text;
     }
 }
 

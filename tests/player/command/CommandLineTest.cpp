@@ -23,7 +23,7 @@ CommandLine parse(std::vector<const char*> arguments) {
 
 TEST(CommandLine, ReadsEveryOption) {
     const std::string line =
-        "play film.mp4 --rate 59.94 --display-drift -200 --vsync-jitter 1ms --audio-delay 2s "
+        "play film.mp4 --rate 59.94 --display-drift -200ppm --vsync-jitter 1ms --audio-delay 2s "
         "--audio-drift 50 --audio-underflow 1s:500ms --audio-underflow 2s:100ms --passthrough "
         "--peek --seek 3s:10s --flush-at 1s --video-stall 2s:300ms --seconds 5 --buffers 8 "
         "--video 2 --audio 3 --program 4 --log 0x3 --prop a=b=c --trace t --csv c --json j "
@@ -120,7 +120,16 @@ TEST(CommandLine, WhatIsWrongIsToldInOneLine) {
         {{"play", "x", "--seek", "3"}, "'3' is not a pair"},
         {{"play", "x", "--seek", "3s:"}, "'3s:' is not a pair"},
         {{"play", "x", "--seconds", "0"}, "more than 0"},
+        {{"play", "x", "--seconds", "1000h"}, "'1000h' is too long; a duration is at most 277h"},
+        {{"play", "x", "--seconds", "-1000h"}, "'-1000h' is not a duration of more than 0"},
+        {{"play", "x", "--flush-at", "1000h"}, "at most 277h"},
+        {{"explore", "--for", "1000h"}, "at most 277h"},
+        {{"play", "x", "--seek", "3s:1000h"}, "at most 277h"},
+        {{"play", "x", "--video-stall", "1000h:3s"}, "at most 277h"},
+        {{"play", "x", "--seek", "3s:-1000h"}, "'3s:-1000h' is not a pair"},
         {{"play", "x", "--vsync-jitter", "1s"}, "at most 5ms"},
+        {{"play", "x", "--audio-drift", "50001"}, "'50001' is not between -50000 and 50000 parts"},
+        {{"play", "x", "--audio-drift", "50pp"}, "'50pp' is not between"},
         {{"play", "x", "--rate", "0x3c"}, "'0x3c' is not between"},
         {{"play", "x", "--rate", " 60"}, "' 60' is not between"},
         {{"play", "x", "--buffers", "4"}, "'4' is not a whole number of buffers between 5 and 64"},

@@ -210,6 +210,7 @@ TEST_F(RunTest, AFailureIsToldWithStatus1AndTheOthersGoOn) {
     const std::string content = "[content]\nfps = 24\nduration = \"2s\"\n[audio]\n[expect]\n";
     const std::string bad = scenario("bad", content + "dropped = 3\npattern = \"[2:2]\"\n");
     scenario("good", content + "shown = \"all\"\n");
+    scenario("short", "[player]\nstop_at = \"3s\"\n" + content);
     const CommandResult result = korvaneTv({"run", mFolder, "--seed", "9"});
     EXPECT_EQ(result.status, 1);
     EXPECT_THAT(result.output,
@@ -217,7 +218,9 @@ TEST_F(RunTest, AFailureIsToldWithStatus1AndTheOthersGoOn) {
                       HasSubstr("        dropped: expected 3, seen 0\n"),
                       HasSubstr("        pattern: expected [2:2] held, seen [3:2]\n"),
                       HasSubstr("# korvane-tv run " + bad + " --seed 9 --preempt\n"),
-                      HasSubstr("2 scenarios, 1 ok, 1 failed")));
+                      ContainsRegex("        player.stop_at at 3.000 s never happened: playback "
+                                    "ended at 2\\.[0-9]+ s\n"),
+                      HasSubstr("3 scenarios, 1 ok, 2 failed")));
 }
 
 TEST_F(RunTest, WhatIsNoScenarioIsRefusedBeforeAnythingIsPlayed) {

@@ -147,6 +147,17 @@ TEST(Report, AControlCharacterNeverReachesTheTerminal) {
     EXPECT_THAT(textOf(record, trace), HasSubstr("events in \\x1b[2J.json, "));
 }
 
+TEST(Report, BuffersHaveTimesOnlyWhereSomeCameBack) {
+    auto record = playbackOf({3});
+    EXPECT_THAT(textOf(record), HasSubstr(" 0 release fences\n"));
+    auto& frame = record.frames[0];
+    frame.record->fenceSignalNs = frame.record->releasedNs;
+    frame.returns = 1;
+    frame.returnedNs = frame.record->releasedNs + 2'000'000;
+    EXPECT_THAT(textOf(record),
+                HasSubstr(" 1 release fence; back with the player 2.0 ms after leaving"));
+}
+
 TEST(Report, ARateThatMeansAFractionSaysWhich) {
     const auto ratesOf = [](double contentHz, double displayHz, double driftPpm) {
         auto record = playbackOf({3});

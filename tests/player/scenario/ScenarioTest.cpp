@@ -81,17 +81,24 @@ TEST(ScenarioFile, RefusesInOneLineWithPlaceAndKey) {
         {"[expect]\n[audio]\nstart_delay = \"-1s\"", "'-1s' is not from 0s to "},
         {"[expect]\n[content]\nduration = \"1000h\"", "'1000h' is not from 1us to 25h"},
         {"[expect]\n[audio]\ndrift = \"50\"", "'50' is not parts per million"},
+        {"[expect]\n[audio]\ndrift = \"50001ppm\"", "'50001ppm' is not parts per million up to"},
         {"[expect]\n[audio]\nunderflow = [{ at = \"1s\" }]", ":5: audio.underflow.for: is missing"},
         {"[expect]\n[audio]\nlatency_jump = \"1ms\"", "latency_jump_for go together"},
         {"[expect]\n[content]\nfps = 0", ":5: content.fps: wants a rate from 0.1 to 240"},
         {"[expect]\n[content]\nfile = \"x\"\nfps = 24", ":6: content.fps: does not go together"},
         {"[expect]\n[content]\ntimestamps = \"avi\"", "none of exact, matroska, mpegts"},
+        {"[expect]\nlip_sync = \"smpte\"", "lip_sync: 'smpte' is neither ebu nor itu"},
         {"[expect]\n[display]\nrate = 5", "wants a rate from 10 to 500"},
         {"[expect]\n[display]\nreport_period = [{ at = \"1s\", for = \"1s\", period = \"1ms\" }]",
          "is not nanoseconds"},
         {"[expect]\n[passthrough]\npolicy = [\"hold\", \"wait\"]",
          ":5: passthrough.policy: 'wait'"},
         {"[expect]\npattern = \"3:2\"", "is not a pattern"},
+        {"[expect]\n[passthrough]\npolicy = [\"hold 99999999999\"]",
+         "'hold 99999999999' has a count that is not from 1 to 100000000"},
+        {"[expect]\n[passthrough]\npolicy = [\"hold 99999999999999999999\"]", "from 1 to"},
+        {"[expect]\n[passthrough]\npolicy = [\"render at +1000h\"]",
+         "'render at +1000h' is too long; a duration is at most 277h"},
         {"[expect]\ndwell = \"3..x\"", "wants a count or a range"},
         {"[expect]\ndwell = \"3..2\"", "dwell: '3..2' is reversed"},
         {"[expect]\noffset_worst = \"40ms..-20ms\"", "'40ms..-20ms' is reversed"},
@@ -115,6 +122,10 @@ TEST(ScenarioFile, RefusesInOneLineWithPlaceAndKey) {
         {"[expect]\n[content]\nlist = [\"0s\", \"1s\", \"2s\"]\nmissing = [2]\n"
          "[player]\nseek = [{ at = \"1s\", to = \"2s\" }]",
          "seek.to: no frame is left there"},
+        {"[expect]\n[content]\nlist = []", "list: wants at least two different times"},
+        {"[expect]\n[content]\nlist = [\"1s\"]", "list: wants at least two different times"},
+        {"[expect]\n[content]\nlist = [\"0s\", \"0ms\"]",
+         "list: wants at least two different times"},
         {"[expect]\n[content]\nduration = \"40ms\"\nmissing = [0]", "missing: leaves no frame"},
         {"[expect", ":3: not TOML: "},
     };
@@ -129,10 +140,19 @@ TEST(ScenarioFile, RefusesInOneLineWithPlaceAndKey) {
         }
     }
     EXPECT_THROW(readScenario("/nonexistent/x.toml"), ScenarioError);
-    for (const char* title : {"''", "'a\x01b'", "\"a\\nb\""}) {
-        EXPECT_THROW(
-            parseScenario("holds = 'h'\n[expect]\ntitle = " + std::string(title), "x.toml"),
-            ScenarioError);
+    const std::vector<std::pair<const char*, const char*>> titles = {
+        {"''", ":2: title: is empty"},
+        {"'  '", ":2: title: is empty"},
+        {"\"a\\u0001b\"", ":2: title: wants one line without control characters"},
+        {"\"a\\nb\"", ":2: title: wants one line"},
+    };
+    for (const auto& [title, says] : titles) {
+        try {
+            parseScenario("holds = 'h'\ntitle = " + std::string(title) + "\n[expect]", "x.toml");
+            ADD_FAILURE() << "accepted: " << title;
+        } catch (const ScenarioError& error) {
+            EXPECT_THAT(error.what(), HasSubstr(says));
+        }
     }
     EXPECT_NO_THROW(
         parse("[expect]\n[content]\njump = [{ at = 9, by = \"1s\" }]\n"
@@ -238,8 +258,9 @@ TEST(RunLimits, GrowWithEverythingThatAScenarioWaitsFor) {
 
 TEST(PolicyScript, AnswersEntryByEntryAndTheLastForEver) {
     std::vector<PolicyStep> steps;
+    std::string wrong;
     for (const char* text : {"hold 2", "auto", "drop", "render at -5ms"}) {
-        steps.push_back(*parsePolicyStep(text));
+        steps.push_back(*parsePolicyStep(text, &wrong));
     }
     PolicyClock clock;
     clock.realTimeFor = [](int64_t mediaTimeUs, int64_t) { return mediaTimeUs + 1'000'000; };
@@ -257,7 +278,7 @@ TEST(PolicyScript, AnswersEntryByEntryAndTheLastForEver) {
     EXPECT_EQ(script.decide(7, 0).realtimeUs, 995'007);
     for (const char* text : {"", "hold 0", "hold 20 20", "drop at 5ms", "render at",
                              "render 2 at x", "render at 1ms at 2ms", "hold 999999999999999999"}) {
-        EXPECT_FALSE(parsePolicyStep(text)) << text;
+        EXPECT_FALSE(parsePolicyStep(text, &wrong)) << text;
     }
 }
 
@@ -300,6 +321,32 @@ TEST_F(ExpectationTest, NothingIsSaidOfWhatHolds) {
     EXPECT_THAT(check("shown = 98\ndropped_late = \"1..2\"\npattern = \"[3:2]\"\nframes = 100\n"
                       "lip_sync = \"itu\"\nlip_sync_median = \"0..1ms\""),
                 IsEmpty());
+}
+
+TEST_F(ExpectationTest, WhatPlaybackDidNotReachNeverHappened) {
+    mRecord.stopNs = mRecord.startNs + 10'100'000'000;
+    const char* const spans = "[{ at = \"10s\", for = \"1s\" }, { at = \"20s\", for = \"1s\" }]\n";
+    const std::vector<std::pair<std::string, const char*>> cases = {
+        {std::string("[audio]\npause = ") + spans, "audio.pause"},
+        {std::string("[player]\nlate = ") + spans, "player.late"},
+        {std::string("[tunnel]\nrefuse = ") + spans, "tunnel.refuse"},
+        {std::string("[tunnel]\nfence_never = ") + spans, "tunnel.fence_never"},
+        {std::string("[display]\nquery_fails = ") + spans, "display.query_fails"},
+        {std::string("[display]\nreport_fails = ") + spans, "display.report_fails"},
+        {"[display]\nreport_period = [{ at = \"20s\", for = \"1s\", period = \"0ns\" }]\n",
+         "display.report_period"},
+        {"[display]\nmode_change = [{ at = \"9s\", rate = 50 }, { at = \"20s\", rate = 60 }]\n",
+         "display.mode_change"},
+        {"[player]\nflush = [\"10s\", \"20s\"]\n", "player.flush"},
+        {"[player]\nseek = [{ at = \"20s\", to = \"0s\" }]\n", "player.seek"},
+        {"[player]\nrestart_at = \"20s\"\n", "player.restart_at"},
+        {"[player]\nstop_at = \"20s\"\n", "player.stop_at"},
+    };
+    for (const auto& [body, key] : cases) {
+        EXPECT_THAT(neverHappened(parse(body + "[expect]").actions, mRecord),
+                    ElementsAre(std::string(key) +
+                                " at 20.000 s never happened: playback ended at 10.100 s"));
+    }
 }
 
 TEST_F(ExpectationTest, AFailureSaysExpectedSeenAndTheFirstFrame) {
