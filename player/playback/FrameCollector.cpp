@@ -7,6 +7,8 @@
 namespace korvane::player {
 namespace {
 
+constexpr int64_t kCollectNs = 1'000'000'000;
+
 /// For a frame shown: when its sound was heard, and for how much of its time on screen anything
 /// was.
 void noteSound(const tv::SoundRecord& sound, FrameEntry* frame) {
@@ -36,6 +38,13 @@ void FrameCollector::collect(tv::Tunnel& tunnel, int tunnelId) {
     const int64_t oldestNs = mLedger.oldestSentNs();
     for (auto* listener : mListeners) {
         listener->onFinalUpTo(oldestNs);
+    }
+}
+
+void FrameCollector::collectIfDue(tv::Tunnel& tunnel, int tunnelId, int64_t nowNs) {
+    if (nowNs >= mCollectedNs + kCollectNs) {
+        mCollectedNs = nowNs;
+        collect(tunnel, tunnelId);
     }
 }
 

@@ -4,6 +4,7 @@
 // Player's thread.
 #pragma once
 
+#include <cstdint>
 #include <vector>
 
 #include "player/playback/AudioFeeder.h"
@@ -22,6 +23,8 @@ public:
     /// @param audio  null: playback has none
     void setAudio(const AudioFeeder* audio) { mAudio = audio; }
     void collect(tv::Tunnel& tunnel, int tunnelId);
+    /// Does so once a second.
+    void collectIfDue(tv::Tunnel& tunnel, int tunnelId, int64_t nowNs);
     /// Passes on every frame that is left. Call once the library has stopped for good.
     void finish();
 
@@ -32,6 +35,7 @@ private:
     FrameLedger& mLedger;
     PlaybackRecord& mRecord;
     const AudioFeeder* mAudio = nullptr;
+    int64_t mCollectedNs = 0;  ///< when it was due last
 };
 
 }  // namespace korvane::player

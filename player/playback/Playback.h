@@ -10,10 +10,13 @@
 // packets have a thread of their own (AudioFeeder).
 //
 //   FeedSchedule      what the player's thread does next: a decision from values
-//   PlaybackSession   carries it out: set-up, loop, end
-//   LibraryCallbacks  buffers and render times that come back from the library
-//   ClockWatch        when audio started, when the clock stood still
+//   ViewerControl     what keys of a viewer's remote make it do: so is this
+//   PlaybackSession   carries both out: set-up, loop, end
+//   PlannedDecoder    pictures from the source
+//   LibraryCalls      what is called in the library; LibraryCallbacks: what comes back from it
+//   PlannedAudio      audio, if there is any; ClockWatch: when the clock stood still
 //   FrameLedger       one outcome per frame; FrameCollector hands finished frames to the listeners
+//   FramesUnderway    where the frames sent are, and when they are due
 //
 // Listeners get the frames in order while playback runs, so that the memory does not grow with its
 // length. Playback ends when every frame has left the library and the last one has been on screen

@@ -20,8 +20,8 @@ namespace {
 constexpr int64_t kHeldVsyncs = 250;
 /// A silence may become known this late.
 constexpr int64_t kSoundSettlesNs = 500'000'000;
-/// The last dwells, from which the pattern is read.
-constexpr size_t kPatternDwells = 24;
+/// The last dwells, from which the pattern in the bar is read.
+constexpr size_t kDrawnDwells = 24;
 
 }  // namespace
 
@@ -118,7 +118,7 @@ void Recording::noteDwell() {
         return;
     }
     mDwells.push_back(static_cast<int>(mRun->vsyncs));
-    if (mDwells.size() > kPatternDwells) {
+    if (mDwells.size() > kDrawnDwells) {
         mDwells.pop_front();
     }
     mPattern = seenPatternName({mDwells.begin(), mDwells.end()});
