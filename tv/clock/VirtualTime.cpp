@@ -29,10 +29,8 @@ std::unique_ptr<Watchdog> gWatchdog;
 bool precedesLibc() {
     Dl_info called{};
     Dl_info own{};
-    static const char kInThisLibrary = 0;
     static const bool precedes = dladdr(dlsym(RTLD_DEFAULT, "pthread_mutex_lock"), &called) != 0 &&
-                                 dladdr(&kInThisLibrary, &own) != 0 &&
-                                 called.dli_fbase == own.dli_fbase;
+                                 dladdr(&gWatchdog, &own) != 0 && called.dli_fbase == own.dli_fbase;
     return precedes;
 }
 
