@@ -43,6 +43,11 @@ std::vector<Program> programsOf(const ExploreCommandOptions& options) {
             continue;
         }
         for (const auto& file : scenarioFiles({path})) {
+            if (access(file.c_str(), F_OK) != 0) {
+                throw ScenarioError("'" + path +
+                                    "' is no built-in program and no scenario; korvane-tv explore "
+                                    "--help lists the programs");
+            }
             programs.push_back(programOf(readScenario(file), options.frames));
         }
     }

@@ -27,6 +27,7 @@ done
 expect 0 "start-flush-stop: .* with at most 1 preemption, all of them visited" "$tv" explore \
     start-flush-stop --library "$library" --strategy exhaustive --preemptions 1 --for 60s
 expect 2 "is not a strategy" "$tv" explore --strategy clever
+expect 2 "is no built-in program and no scenario" "$tv" explore stop-idel
 expect 2 "--replay" "$tv" explore stop-idle --replay 3.x --library "$library"
 
 while IFS='|' read -r name program text; do
