@@ -22,8 +22,6 @@ namespace korvane::player {
 namespace {
 
 constexpr int64_t kNsPerUs = 1000;
-/// Upper half of init's argument: tuner pass-through.
-constexpr int kFeederPassthrough = 0x10000;
 constexpr int kUnknownSyncId = 4711;
 /// Descriptors that are none, for buffers that are handed back without having been sent.
 constexpr int kForeignFd = 100'000;
@@ -59,7 +57,7 @@ void sleepUs(int64_t us) {
 }
 
 /// A step of the TV's.
-void turn(tv::Tv& tv, const Program& program, const Step& step) {
+void performOnTv(tv::Tv& tv, const Program& program, const Step& step) {
     const auto number = static_cast<size_t>(step.number);
     const auto instances = tv.mediaSync().instances();
     const auto instance = instances.empty() ? nullptr : instances[number % instances.size()];
@@ -132,7 +130,7 @@ private:
         if (mSession.withAudio || mSession.passthrough) {
             mClock = mTv.mediaSync().create();
             id = mClock == nullptr ? kUnknownSyncId
-                                   : mClock->id() | (mSession.passthrough ? kFeederPassthrough : 0);
+                                   : mClock->id() | (mSession.passthrough ? kPassthroughInit : 0);
         }
         mRenderer->init(id);
         if (mClock != nullptr && mProgram.prepareClock) {
@@ -223,10 +221,10 @@ private:
                 tendSound({mProgram.faults[static_cast<size_t>(step.number)].audioPaused
                                ? Act::Pause
                                : Act::Resume});
-                return turn(mTv, mProgram, step);
+                return performOnTv(mTv, mProgram, step);
             default:
                 tendSound(step);
-                return turn(mTv, mProgram, step);
+                return performOnTv(mTv, mProgram, step);
         }
     }
 
@@ -502,7 +500,7 @@ std::vector<Fault> playProgram(const Program& program, FeederBuffers& buffers, F
     if (!program.tvThread.empty()) {
         threads.emplace_back([&] {
             for (const auto& step : program.tvThread) {
-                turn(*tv, program, step);
+                performOnTv(*tv, program, step);
             }
         });
     }

@@ -6,8 +6,6 @@
 namespace korvane::player {
 namespace {
 
-/// Upper half of init's argument: tuner pass-through.
-constexpr int kPassthroughInit = 0x10000;
 /// Frame rates that the renderer takes, in hundredths.
 constexpr int kLowestRate = 1;
 constexpr int kHighestRate = 6000;

@@ -17,6 +17,9 @@
 
 namespace korvane::player {
 
+/// Upper half of `init`'s argument: tuner pass-through, with the media-sync id in the lower half.
+inline constexpr int kPassthroughInit = 0x10000;
+
 /// A jump in the middle of playback.
 struct SeekAction {
     int64_t atUs = 0;         ///< playback time
